@@ -1,0 +1,278 @@
+// Load, reload and delta load: build in the standby tree outside the lock, exchange inside it, refill outside it.
+#include "cache/CacheManager.h"
+#include "cache/LineStore.h"
+#include "cache/OwnerServices.h"
+#include "framework/STR/FileIo.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+#include <unordered_map>
+
+namespace DAT::NumberPortability {
+
+namespace {
+
+bool isAccepted(LineOutcome outcome) {
+    return outcome == LineOutcome::INSERTED || outcome == LineOutcome::DUPLICATE;
+}
+
+void count(LineOutcome outcome, DataSummary& summary) {
+    ++summary.lines;
+    switch (outcome) {
+    case LineOutcome::INSERTED:
+        ++summary.records;
+        break;
+    case LineOutcome::DUPLICATE:
+        ++summary.duplicates;
+        break;
+    case LineOutcome::WRONG_FIELD_COUNT:
+        ++summary.rejectedFields;
+        break;
+    case LineOutcome::INVALID_DATE_TIME:
+        ++summary.rejectedDateTimes;
+        break;
+    case LineOutcome::INVALID_NUMBER:
+        ++summary.rejectedNumbers;
+        break;
+    case LineOutcome::INVALID_NETWORK_ID:
+        ++summary.rejectedNetworks;
+        break;
+    }
+}
+
+void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
+    std::unordered_map<std::string_view, unsigned long> networks;
+    tree.visit([&](BAS::String const&, NumberPortabilityList const& history) {
+        ++summary.numbers;
+        std::uint32_t const length = history.length();
+        for (std::uint32_t i = 0; i < length; ++i)
+            ++networks[history.record(i).networkIdM.view()];
+        BAS::DateTime const newest = history.record(0).validFromM;
+        BAS::DateTime const oldest = history.record(length - 1).validFromM;
+        if (summary.numbers == 1 || newest > summary.latest)
+            summary.latest = newest;
+        summary.earliest = std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
+    });
+    for (auto const& [network, records] : networks)
+        summary.networks.emplace_back(BAS::String(network), records);
+    std::sort(summary.networks.begin(), summary.networks.end(), [](auto const& left, auto const& right) {
+        return left.second != right.second ? left.second > right.second : left.first < right.first;
+    });
+}
+
+} // namespace
+
+template <class Take>
+CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& take) {
+    if (!reader.isOpen()) // it has gone since the file check
+        return ReadEnd::ERROR;
+    progressM.start(reader.fileSize());
+    BAS::String line;
+    unsigned long number = 0;
+    while (std::feof(reader.stream()) == 0) {
+        bool const read = reader.readLine(line);
+        if (std::feof(reader.stream()) != 0)
+            return ReadEnd::END_AT_READ;
+        if (!read)
+            return ReadEnd::ERROR;
+        take(line, ++number);
+        progressM.addLine(line.length() + 1);
+    }
+    return ReadEnd::END_BEFORE_READ;
+}
+
+bool CacheManager::load() {
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
+        return false;
+    reopen(dataFileIoM, dataFileNameM);
+    standbyCompleteM = false;
+    ReadEnd const end = readLines(dataFileIoM, [this](BAS::String const& line, unsigned long number) {
+        insertCache(&active(), line, number, true, dataFileIoM);
+        insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
+    });
+    standbyCompleteM = true;
+    switch (end) {
+    case ReadEnd::ERROR:
+        return readError(dataFileIoM);
+    case ReadEnd::END_AT_READ:
+        report("INF_FILE_EOF", BAS::Status::NORMAL, dataFileIoM.fileName());
+        dataFileIoM.closeFile();
+        break;
+    case ReadEnd::END_BEFORE_READ:
+        dataFileIoM.closeFile();
+        report("INF_FILE_CLOSED", BAS::Status::NORMAL, dataFileIoM.fileName());
+        break;
+    }
+    return true;
+}
+
+bool CacheManager::cacheReload(bool const& reuseOnFailure) {
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
+        return false;
+    try {
+        return reload(reuseOnFailure);
+    } catch (...) {
+        abandonStandby();
+        throw;
+    }
+}
+
+bool CacheManager::reload(bool reuseOnFailure) {
+    reopen(dataFileIoM, dataFileNameM);
+    standbyCompleteM = false;
+    standbyTreeM->clearAndDestroy();
+
+    LineStore lines;
+    bool success = false; // the last line decides
+    ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
+        success = insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
+        lines.append(line);
+    });
+    if (end == ReadEnd::ERROR || (!success && !reuseOnFailure)) {
+        restoreStandby();
+        return end == ReadEnd::ERROR && readError(dataFileIoM);
+    }
+
+    exchangeTrees();
+    standbyTreeM->clearAndDestroy();
+    refillStandby(lines, dataFileIoM);
+
+    if (!closeMainReader())
+        return false;
+    report("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, OwnerServices::name(*plugInM));
+    return true;
+}
+
+bool CacheManager::cacheDeltaLoad(BAS::String const& fileName) {
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
+        return false;
+    try {
+        return deltaLoad(fileName);
+    } catch (...) {
+        abandonStandby();
+        throw;
+    }
+}
+
+bool CacheManager::deltaLoad(BAS::String const& fileName) {
+    if (!standbyCompleteM) // an earlier load ran out of memory
+        restoreStandby();
+    reopen(deltaFileIoM, fileName);
+    standbyCompleteM = false;
+
+    LineStore lines;
+    ReadEnd const end = readLines(deltaFileIoM, [&](BAS::String const& line, unsigned long number) {
+        insertCache(standbyTreeM.get(), line, number, true, deltaFileIoM);
+        lines.append(line);
+    });
+    if (end == ReadEnd::ERROR) {
+        restoreStandby();
+        return readError(deltaFileIoM);
+    }
+
+    exchangeTrees();
+    std::exception_ptr failure;
+    try {
+        refillStandby(lines, deltaFileIoM);
+    } catch (...) { // the merged data are live already, so they must reach the main file all the same
+        failure = std::current_exception();
+        abandonStandby();
+    }
+    rewriteMainFile();
+    if (failure)
+        std::rethrow_exception(failure);
+
+    if (!closeMainReader())
+        return false;
+    deltaFileIoM.closeFile();
+    return true;
+}
+
+bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject) {
+    summary = DataSummary();
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
+        return false;
+    reopen(dataFileIoM, dataFileNameM);
+    NumberPortabilityTree tree;
+    ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
+        LineOutcome const outcome = insertLine(tree, line, number, true, dataFileIoM);
+        count(outcome, summary);
+        if (outcome != LineOutcome::INSERTED)
+            onReject(number, outcome, line);
+    });
+    summarise(tree, summary);
+    if (end == ReadEnd::ERROR)
+        return readError(dataFileIoM);
+    return closeMainReader();
+}
+
+bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number,
+                               bool ordered, STR::FileIoTurbo& reader) {
+    return isAccepted(insertLine(*tree, line, number, ordered, reader));
+}
+
+void CacheManager::reopen(STR::FileIoTurbo& reader, BAS::String const& fileName) {
+    if (reader.isOpen())
+        reader.closeFile();
+    reader.openFile(fileName, STR::FileIoTurbo::readModeCM);
+}
+
+bool CacheManager::readError(STR::FileIoTurbo const& reader) {
+    report("ERR_FILE_READ_ERR", BAS::Status::CRITICAL, reader.fileName());
+    return false;
+}
+
+void CacheManager::exchangeTrees() {
+    RWReadersWriterLock::WriteGuard const guard(treeLockM);
+    activeTreeM.swap(standbyTreeM);
+}
+
+// Feeds the former active tree the lines that the now active one was given.
+void CacheManager::refillStandby(LineStore const& lines, STR::FileIoTurbo& reader) {
+    lines.visit([&](BAS::String const& line, unsigned long number) {
+        insertCache(standbyTreeM.get(), line, number, true, reader);
+    });
+    standbyCompleteM = true;
+}
+
+void CacheManager::restoreStandby() {
+    standbyTreeM->copyFrom(active());
+    standbyCompleteM = true;
+}
+
+// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even that fails,
+// the next delta load tries again before it uses the tree.
+void CacheManager::abandonStandby() noexcept {
+    if (standbyCompleteM)
+        return;
+    try {
+        restoreStandby();
+    } catch (...) {
+        try {
+            standbyTreeM->clearAndDestroy();
+        } catch (...) { // NOLINT(bugprone-empty-catch): it stays marked as incomplete
+        }
+    }
+}
+
+// Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the writer.
+void CacheManager::rewriteMainFile() {
+    STR::FileIo file(dataFileNameM, std::ios_base::out);
+    NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
+    merged.printTree(file.stream(), false);
+    file.closeFile();
+}
+
+bool CacheManager::closeMainReader() {
+    if (dataFileIoM.closeFile())
+        return true;
+    report("ERR_CLOSE_NP_FILE", BAS::Status::CRITICAL, dataFileIoM.fileName());
+    return false;
+}
+
+void CacheManager::report(char const* identifier, BAS::Status::Severity severity, BAS::String const& argument) {
+    OwnerServices::report(*plugInM, identifier, severity, BAS::Status::Arguments{argument});
+}
+
+} // namespace DAT::NumberPortability

@@ -1,0 +1,59 @@
+// Construction and everything that look-ups, counts and prints need.
+#include "cache/CacheManager.h"
+
+#include "framework/STR/FileIo.h"
+
+#include <iostream>
+
+namespace DAT::NumberPortability {
+
+CacheManager::CacheManager(PlugIn* plugIn, BAS::String const& nationalAccessCode,
+                           BAS::String const& internationalAccessCode, BAS::String const& countryCode,
+                           BAS::String const& internationalAccessCodeSign, unsigned int numberOfColumns,
+                           BAS::String const& dataFileName)
+    : dataFileNameM(dataFileName), nationalAccessCodeM(nationalAccessCode),
+      internationalAccessCodeM(internationalAccessCode), countryCodeM(countryCode),
+      internationalAccessCodeSignM(internationalAccessCodeSign), numberOfColumnsM(numberOfColumns),
+      activeTreeM(std::make_unique<NumberPortabilityTree>()),
+      standbyTreeM(std::make_unique<NumberPortabilityTree>()), plugInM(plugIn) {}
+
+CacheManager::CacheManager(PlugIn* plugIn)
+    : nationalAccessCodeM(BAS::NULL_STRING), internationalAccessCodeM(BAS::NULL_STRING),
+      countryCodeM(BAS::NULL_STRING), internationalAccessCodeSignM(BAS::NULL_STRING), numberOfColumnsM(0),
+      plugInM(plugIn) {}
+
+CacheManager::~CacheManager() {
+    activeTreeM.reset(); // in this order: first the active tree, then the standby tree
+    standbyTreeM.reset();
+}
+
+bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
+                          unsigned int method) {
+    RWReadersWriterLock::ReadGuard const guard(treeLockM);
+    return activeTreeM != nullptr && activeTreeM->search(number, at, out, method);
+}
+
+std::uint32_t CacheManager::numOfEntries() {
+    RWReadersWriterLock::WriteGuard const guard(treeLockM);
+    return activeTreeM == nullptr ? 0 : activeTreeM->entries();
+}
+
+void CacheManager::print(std::ostream& out, bool header) {
+    RWReadersWriterLock::LongReadGuard const guard(treeLockM);
+    if (activeTreeM != nullptr)
+        activeTreeM->printTree(out, header);
+}
+
+bool CacheManager::printData(BAS::String const& target) {
+    if (target == BAS::NULL_STRING) {
+        print(std::cout, true);
+        return true;
+    }
+    // Opened before and closed after the lock is held: both may report, and the sync to disk takes its time.
+    STR::FileIo file(target, std::ios_base::out);
+    print(file.stream(), true);
+    file.closeFile();
+    return true;
+}
+
+} // namespace DAT::NumberPortability

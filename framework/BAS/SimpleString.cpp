@@ -1,0 +1,49 @@
+#include "framework/BAS/SimpleString.h"
+
+#include <ostream>
+#include <utility>
+
+namespace BAS {
+
+static_assert(sizeof(SimpleString) == 8 && sizeof(char*) == 8);
+
+SimpleString::SimpleString(char const* text) {
+    store(text);
+}
+
+SimpleString::SimpleString(SimpleString const& other) {
+    if (other.isHeap())
+        store(other.view());
+    else
+        std::memcpy(bytesM, other.bytesM, sizeCM);
+}
+
+SimpleString& SimpleString::operator=(SimpleString const& other) {
+    if (this != &other) {
+        SimpleString copy(other);
+        swap(copy);
+    }
+    return *this;
+}
+
+void SimpleString::store(std::string_view text) {
+    if (text.size() < sizeCM) {
+        std::memcpy(bytesM, text.data(), text.size());
+        return;
+    }
+    char* const copy = new char[text.size() + 1];
+    std::memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    std::memcpy(bytesM, &copy, sizeCM);
+    bytesM[sizeCM - 1] = heapTagCM;
+}
+
+void SimpleString::swap(SimpleString& other) noexcept {
+    std::swap(bytesM, other.bytesM);
+}
+
+std::ostream& operator<<(std::ostream& out, SimpleString const& text) {
+    return out << text.view();
+}
+
+} // namespace BAS

@@ -1,0 +1,60 @@
+// BAS::SimpleString: a plain owning, NUL-terminated text in eight bytes.
+//
+// Purpose: the network identifier of a record. Millions of them are held at once, so a text of up to seven
+// characters lies in the object itself; a longer one has one heap block of its own.
+// Layout: the last byte tells which. 0 ends an inline text of seven characters or less; heapTagCM marks a pointer
+// to a heap text in the other seven bytes (addresses of this platform, x86-64, leave the top byte unused).
+// Ownership: owns its text. c_str() stays valid until the object changes, moves or ends.
+// Threads: none inside; concurrent const use is safe.
+// Errors: throws std::bad_alloc when memory for a longer text runs out; a failed assignment changes nothing.
+// Complexity: linear in the text's length; an inline text is copied as one word.
+#pragma once
+
+#include <cstring>
+#include <iosfwd>
+#include <string_view>
+
+namespace BAS {
+
+class SimpleString {
+  public:
+    SimpleString() noexcept = default;
+    explicit SimpleString(char const* text); // up to the first NUL
+    SimpleString(SimpleString const& other);
+    SimpleString(SimpleString&& other) noexcept { swap(other); }
+    SimpleString& operator=(SimpleString const& other);
+    SimpleString& operator=(SimpleString&& other) noexcept {
+        swap(other);
+        return *this;
+    }
+    ~SimpleString() {
+        if (isHeap())
+            delete[] heapText();
+    }
+
+    char const* c_str() const noexcept { return isHeap() ? heapText() : bytesM; }
+    std::string_view view() const noexcept { return c_str(); }
+    bool operator==(SimpleString const& other) const noexcept { return view() == other.view(); }
+
+  private:
+    static constexpr std::size_t sizeCM = 8;
+    static constexpr char heapTagCM = '\x7f';
+
+    bool isHeap() const noexcept { return bytesM[sizeCM - 1] == heapTagCM; }
+    char* heapText() const noexcept {
+        char address[sizeCM];
+        std::memcpy(address, bytesM, sizeCM - 1);
+        address[sizeCM - 1] = 0;
+        char* text = nullptr;
+        std::memcpy(&text, address, sizeCM);
+        return text;
+    }
+    void store(std::string_view text);
+    void swap(SimpleString& other) noexcept;
+
+    alignas(8) char bytesM[sizeCM] = {};
+};
+
+std::ostream& operator<<(std::ostream& out, SimpleString const& text);
+
+} // namespace BAS

@@ -1,0 +1,27 @@
+// The module's two entry functions, found by the framework by their unmangled names.
+#include "plugin/PlugIn.h"
+
+namespace {
+
+// The framework takes the result for a PLG::DataPlugIn and owns it. Null when it could not be made.
+template <class Create>
+void* created(Create&& create) noexcept {
+    try {
+        PLG::DataPlugIn* const plugIn = create();
+        return plugIn;
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+} // namespace
+
+#define NP_ENTRY extern "C" __attribute__((visibility("default")))
+
+NP_ENTRY void* DAT_NumberPortabilityModuleStart(BAS::String const& name) {
+    return created([&] { return new DAT::NumberPortability::PlugIn(name, "10008"); });
+}
+
+NP_ENTRY void* ModuleStartNL() {
+    return created([] { return new DAT::NumberPortability::PlugIn; });
+}

@@ -1,0 +1,162 @@
+// Life cycle, look-ups, and what the cache manager asks of its plug-in.
+#include "plugin/PlugIn.h"
+
+#include "cache/CacheManager.h"
+#include "cache/OwnerServices.h"
+#include "plugin/Guarded.h"
+
+#include <utility>
+
+namespace DAT::NumberPortability {
+
+PlugIn::PlugIn() {
+    report("ERR_OBJ_NOT_INITIALIZED", BAS::Status::CRITICAL, {"DAT::NumberPortability::PlugIn"});
+    setValid(false);
+}
+
+PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPlugIn(name, second) {
+    setValid(isRegistered());
+    if (isValid())
+        setValid(PlugIn::readRegistry());
+    cacheManagerM =
+        std::make_unique<CacheManager>(this, nationalAccessCodeM, internationalAccessCodeM, countryCodeM,
+                                       internationalAccessCodeSignM, numberOfColumnsCM, fileNameM);
+    if (isValid())
+        setValid(PlugIn::evalEnvironment());
+    if (isValid())
+        setValid(initInstrumentationProbe());
+}
+
+PlugIn::~PlugIn() {
+    // A worker that was never shut down must have ended before anything that it uses goes.
+    stopWorker();
+    workerThreadM.reset();
+    guarded([this] {
+        closeCheckedFile();
+        return true;
+    });
+    unLock();
+    cacheManagerM.reset();
+}
+
+bool PlugIn::isUsable() {
+    BAS::MutexGuard const guard(usableLockM);
+    return isValid() && fileOkM.load();
+}
+
+bool PlugIn::init() {
+    return guarded([this] {
+        report("INF_LOAD_DATA", BAS::Status::NORMAL, {name()});
+        if (cacheManagerM == nullptr)
+            return false;
+        if (workerThreadM == nullptr) { // a repeated init finds it waiting at the gate
+            workerThreadM = std::make_unique<BAS::Thread>(nullptr);
+            lock();
+            workerThreadM->start([this] { run(); });
+        }
+        return loadData();
+    });
+}
+
+bool PlugIn::loadData() {
+    BAS::MutexGuard const guard(loadLockM);
+    if (loadedM)
+        return false;
+    // Look-ups may have begun after an init that failed, and the first load is not made to run beside them.
+    bool const first = !std::exchange(loadTriedM, true);
+    if (!(first ? cacheManagerM->load() : cacheManagerM->cacheReload(true)))
+        return false;
+    loadedM = true;
+    report("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+    return true;
+}
+
+bool PlugIn::shutdown() {
+    stopWorker();
+    return true;
+}
+
+void PlugIn::stopWorker() {
+    stopRequestedM.store(true);
+    unLock();
+    if (workerThreadM != nullptr)
+        workerThreadM->stop();
+}
+
+void PlugIn::lock() {
+    requestLockM.close();
+}
+
+void PlugIn::unLock() {
+    requestLockM.open();
+}
+
+bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out) {
+    return search(number, at, out, searchMethodM);
+}
+
+bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
+                    unsigned int method) {
+    return cacheManagerM != nullptr && guarded([&] { return cacheManagerM->search(number, at, out, method); });
+}
+
+void PlugIn::normalize(BAS::String& number) const {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->normalize(number);
+}
+
+void PlugIn::print(std::ostream& out, bool header) {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->print(out, header);
+}
+
+bool PlugIn::examine(DataSummary& summary, RejectObserver const& onReject) {
+    return cacheManagerM != nullptr && guarded([&] {
+        BAS::MutexGuard const guard(loadLockM);
+        return cacheManagerM->examine(summary, onReject);
+    });
+}
+
+LoadProgress const* PlugIn::progress() const {
+    return cacheManagerM == nullptr ? nullptr : &cacheManagerM->progress();
+}
+
+std::uint32_t PlugIn::entries() {
+    return cacheManagerM == nullptr ? 0 : cacheManagerM->numOfEntries();
+}
+
+void PlugIn::report(BAS::String const& identifier, BAS::Status::Severity severity,
+                    BAS::Status::Arguments const& arguments) {
+    BAS::Status status;
+    status.set(name(), identifier, severity, arguments);
+    setStatus(status, true);
+}
+
+void PlugIn::sendEvent(char const* event) const {
+    sendMessage(BAS::Message(name(), eventHandlerNameM, event, BAS::NULL_STRING));
+}
+
+namespace OwnerServices {
+
+bool checkFile(PlugIn& plugIn) {
+    return plugIn.checkFile();
+}
+
+bool checkFile(PlugIn& plugIn, BAS::String const& fileName) {
+    return plugIn.checkFile(fileName);
+}
+
+void report(PlugIn& plugIn, BAS::String const& identifier, BAS::Status::Severity severity,
+            BAS::Status::Arguments const& arguments) {
+    BAS::Status status;
+    status.set(plugIn.name(), identifier, severity, arguments);
+    plugIn.setStatus(status, true);
+}
+
+BAS::String name(PlugIn const& plugIn) {
+    return plugIn.name();
+}
+
+} // namespace OwnerServices
+
+} // namespace DAT::NumberPortability

@@ -1,0 +1,191 @@
+// DAT::NumberPortability::PlugIn: the number-portability data plug-in.
+//
+// Purpose: answers, for other modules of the process, to which network a telephone number belongs at an instant. The
+// framework creates it through the module's entry function, gives it its registry subtree and drives its life cycle:
+// construction, init (loads the data, starts the worker), shutdown (stops the worker), destruction.
+//
+// State against operation (search, print and the commands are safe in every state):
+//   default-constructed   not valid, no data: init and search return false, nothing is touched
+//   constructed, invalid  has reported why; init still tries to load, look-ups find what it loaded
+//   constructed, valid    look-ups find nothing before init
+//   initialised           everything is served; a second init returns false and changes nothing (after an init that
+//                         failed it loads by a reload)
+//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be repeated
+// Destruction without shutdown stops the worker first.
+//
+// Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its probe group
+// with all it holds: the group and the values are classes of this module or refer to it, so nobody could free them
+// later. getInstrumentationProbe lends the group until the plug-in's destruction.
+//
+// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe writes, search
+// and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised by loadLockM, which is
+// held for a whole load with its file check and its reports; search, isUsable and probe writes never wait for it.
+//
+// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are reported
+// to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that were live.
+//
+// Complexity: search as in NumberPortabilityTree.h, plus reading under the cache manager's lock.
+//
+// Across shared objects: client modules must be built with the same compiler family and standard library as the
+// module; texts and records are passed as C++ objects.
+#pragma once
+
+#include "cache/DataSummary.h"
+#include "cache/LoadProgress.h"
+#include "framework/BAS/InstrumentationProbeGroup.h"
+#include "framework/BAS/Thread.h"
+#include "framework/PLG/DataPlugIn.h"
+#include "framework/STR/FileIoTurbo.h"
+#include "plugin/RequestGate.h"
+#include "store/NumberPortabilityData.h"
+
+#include <atomic>
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+
+namespace DAT::NumberPortability {
+
+class CacheManager;
+
+class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
+  public:
+    // What a probe asks the worker for.
+    enum ProbeMode : std::uint32_t { RELOAD_PROBE = 0, DELTA_LOAD_PROBE = 1, PRINT_DATA_PROBE = 2 };
+
+    static BAS::String const registryFileNameCM;
+    static BAS::String const registryCountryCodeCM;
+    static BAS::String const registryNationalAccessCodeCM;
+    static BAS::String const registryInternationalAccessCodeCM;
+    static BAS::String const registryInternationalAccessCodeSignCM;
+    static BAS::String const registrySearchMethodCM;
+    static BAS::String const registryReloadCM;
+    static BAS::String const registryAdditionalNumPortDataCM;
+    static BAS::String const registryPrintDataCM;
+    static BAS::String const registryReuseOnFailureCM;
+    static BAS::String const defaultInternationalAccessCodeCM;
+    static BAS::String const defaultInternationalAccessCodeSignCM;
+    static constexpr std::uint32_t defaultSearchMethodCM = 0;
+    static constexpr std::uint32_t numberOfColumnsCM = 3;
+    static constexpr bool defaultReuseOnFailureCM = true;
+
+    // Reports "ERR_OBJ_NOT_INITIALIZED"; such a plug-in is never valid.
+    PlugIn();
+    // Reads the registry subtree named `name`, checks the data file, asks for the event handler, builds the probes.
+    // isValid() tells whether all of it succeeded. The second string goes to the base.
+    PlugIn(BAS::String const& name, BAS::String const& second);
+    ~PlugIn() override;
+
+    bool isUsable() override;
+    void getInstrumentationProbe(BAS::InstrumentationProbeList& list) const override;
+    bool readRegistry() override;
+    bool evalEnvironment() override;
+    bool registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool& updateHandled) override;
+    bool init() override;
+    bool shutdown() override;
+
+    // The record valid at `at` by the configured search method. The number must be in stored form. False, and `out`
+    // unchanged, when there is none.
+    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out);
+    // The same by a search method of the caller's: 0 best match, 1 exact, any other shortest prefix.
+    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
+
+    // The configured search method.
+    unsigned int searchMethod() const { return searchMethodM; }
+
+    // Rewrites a number into stored form by the configured dialling codes.
+    void normalize(BAS::String& number) const;
+
+    // Prints the live data, with or without the heading; what the stream throws travels.
+    void print(std::ostream& out, bool header);
+
+    // Reads the data file as a load would, without serving it. False when it cannot be read to its end.
+    bool examine(DataSummary& summary, RejectObserver const& onReject);
+
+    // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
+    LoadProgress const* progress() const;
+
+    // File checks: report the outcome and return whether the file opens for reading. The first checks the data file
+    // and keeps the outcome for isUsable; the second leaves an additional file open until its load is over.
+    bool checkFile();
+    bool checkFile(BAS::String const& fileName);
+
+    // The request gate, and nothing else: not a lock for look-ups, which need none.
+    void lock();
+    void unLock();
+
+  private:
+    // The three probe values. Each only posts a request; reading one yields nothing.
+    class ProbeValue;
+    class ReloadProbeValue;
+    class AdditionalNumPortDataValue;
+    class PrintDataProbeValue;
+
+    struct Request {
+        ProbeMode mode;
+        BAS::String value;
+    };
+
+    // Runs an action and turns whatever it throws into a report and false.
+    template <class Action>
+    bool guarded(Action&& action) noexcept;
+    void report(BAS::String const& identifier, BAS::Status::Severity severity,
+                BAS::Status::Arguments const& arguments);
+    void sendEvent(char const* event) const;
+    BAS::String keyPath(BAS::String const& key) const;
+    std::uint32_t entries();
+
+    bool readMandatory(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String& value);
+    bool readSearchMethod(BAS::RegistryEntry const& subtree);
+    bool checkOpens(BAS::String const& fileName, bool keepOpen);
+    void closeCheckedFile();
+
+    bool loadData();
+    bool updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& updateHandled);
+    bool updateDeltaLoad(BAS::String const& fileName);
+    void updatePrint(BAS::String const& target);
+    bool readReuseFlag(BAS::RegistryEntry const& update, bool& reuse);
+
+    bool initInstrumentationProbe();
+    void setProbeName(ProbeMode const& mode) NP_REQUIRES(requestDataLockM);
+    void setProbeValue(BAS::String const& value) NP_REQUIRES(requestDataLockM);
+    void post(ProbeMode mode, BAS::String const& value);
+    Request pendingRequest();
+    void run();
+    void stopWorker();
+    void carryOut(Request const& request);
+    void probeReload(BAS::String const& value);
+    void probeDeltaLoad(BAS::String const& fileName);
+    void probePrint(BAS::String const& value);
+
+    // Set during construction only.
+    BAS::String fileNameM;
+    BAS::String countryCodeM;
+    BAS::String nationalAccessCodeM;
+    BAS::String internationalAccessCodeM;
+    BAS::String internationalAccessCodeSignM;
+    BAS::String eventHandlerNameM;
+
+    STR::FileIoTurbo fileIoM NP_GUARDED_BY(fileLockM); // only tests that files open
+    std::atomic<bool> fileOkM{false};                  // outcome of the last check of the data file
+    std::uint32_t searchMethodM = defaultSearchMethodCM; // set during construction only
+    std::unique_ptr<CacheManager> cacheManagerM;         // refers to the four codes above
+
+    // The latest posted request; not cleared when it has been carried out.
+    ProbeMode probeModeM NP_GUARDED_BY(requestDataLockM) = RELOAD_PROBE;
+    BAS::String probeValueM NP_GUARDED_BY(requestDataLockM);
+    std::unique_ptr<BAS::InstrumentationProbeGroup> probeGroupM;
+
+    RequestGate requestLockM;
+    std::unique_ptr<BAS::Thread> workerThreadM;
+    std::atomic<bool> stopRequestedM{false};
+
+    bool loadTriedM NP_GUARDED_BY(loadLockM) = false; // init has tried to load the data
+    bool loadedM NP_GUARDED_BY(loadLockM) = false;    // and has done so
+    // Taken in this order, the later ones for a moment each.
+    BAS::Mutex loadLockM;
+    BAS::Mutex fileLockM;
+    BAS::Mutex requestDataLockM; // mode and value of a request go together
+};
+
+} // namespace DAT::NumberPortability

@@ -1,0 +1,123 @@
+// Start-up configuration from the registry, the file checks, and the request for the event handler's name.
+#include "plugin/PlugIn.h"
+#include "store/NumberPortabilityTree.h"
+
+namespace DAT::NumberPortability {
+
+BAS::String const PlugIn::registryFileNameCM("FileName");
+BAS::String const PlugIn::registryCountryCodeCM("CountryCode");
+BAS::String const PlugIn::registryNationalAccessCodeCM("NationalAccessCode");
+BAS::String const PlugIn::registryInternationalAccessCodeCM("InternationalAccessCode");
+BAS::String const PlugIn::registryInternationalAccessCodeSignCM("InternationalAccessCodeSign");
+BAS::String const PlugIn::registrySearchMethodCM("SearchMethod");
+BAS::String const PlugIn::registryReloadCM("Reload");
+BAS::String const PlugIn::registryAdditionalNumPortDataCM("AdditionalNumPortData");
+BAS::String const PlugIn::registryPrintDataCM("PrintData");
+BAS::String const PlugIn::registryReuseOnFailureCM("ReuseOnFailure");
+BAS::String const PlugIn::defaultInternationalAccessCodeCM("00");
+BAS::String const PlugIn::defaultInternationalAccessCodeSignCM("+");
+
+namespace {
+
+BAS::String valueOr(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String const& fallback) {
+    BAS::RegistryEntry const* const entry = subtree.find(key);
+    return entry == nullptr ? fallback : entry->value();
+}
+
+} // namespace
+
+bool PlugIn::readRegistry() {
+    if (!isValid())
+        return checkFile();
+    BAS::RegistryEntry const* const subtree = registry();
+    if (subtree == nullptr) {
+        report("ERR_REG_SUBTREE_NOT_FOUND", BAS::Status::CRITICAL, {name()});
+        return false;
+    }
+    if (!readMandatory(*subtree, registryFileNameCM, fileNameM) ||
+        !readMandatory(*subtree, registryCountryCodeCM, countryCodeM) ||
+        !readMandatory(*subtree, registryNationalAccessCodeCM, nationalAccessCodeM))
+        return false;
+    internationalAccessCodeM =
+        valueOr(*subtree, registryInternationalAccessCodeCM, defaultInternationalAccessCodeCM);
+    internationalAccessCodeSignM =
+        valueOr(*subtree, registryInternationalAccessCodeSignCM, defaultInternationalAccessCodeSignCM);
+    return readSearchMethod(*subtree) && checkFile();
+}
+
+bool PlugIn::readMandatory(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String& value) {
+    BAS::RegistryEntry const* const entry = subtree.find(key);
+    if (entry == nullptr) {
+        report("ERR_REG_NAME_NOT_FOUND", BAS::Status::CRITICAL, {keyPath(key)});
+        return false;
+    }
+    value = entry->value();
+    return true;
+}
+
+bool PlugIn::readSearchMethod(BAS::RegistryEntry const& subtree) {
+    BAS::RegistryEntry const* const entry = subtree.find(registrySearchMethodCM);
+    if (entry != nullptr && !entry->value().toNum(searchMethodM)) {
+        BAS::Status::Arguments arguments{keyPath(registrySearchMethodCM)};
+        if (!entry->value().empty())
+            arguments.append(entry->value());
+        report("ERR_REG_VALUE_INVALID", BAS::Status::CRITICAL, arguments);
+        return false;
+    }
+    if (searchMethodM != NumberPortabilityTree::EXACT_MATCH &&
+        searchMethodM != NumberPortabilityTree::ANY_PREFIX_MATCH)
+        searchMethodM = defaultSearchMethodCM;
+    return true;
+}
+
+BAS::String PlugIn::keyPath(BAS::String const& key) const {
+    return name() + "." + key;
+}
+
+bool PlugIn::checkFile() {
+    bool const opens = checkOpens(fileNameM, false);
+    fileOkM.store(opens);
+    return opens;
+}
+
+bool PlugIn::checkFile(BAS::String const& fileName) {
+    return checkOpens(fileName, true);
+}
+
+bool PlugIn::checkOpens(BAS::String const& fileName, bool keepOpen) {
+    bool called = false;
+    bool opens = false;
+    {
+        BAS::MutexGuard const guard(fileLockM);
+        called = fileIoM.openFile(fileName, STR::FileIoTurbo::readModeCM);
+        opens = called && fileIoM.isOpen();
+        if (called && !keepOpen)
+            fileIoM.closeFile();
+    }
+    if (opens)
+        report("INF_FILE_OPENED", BAS::Status::NORMAL, {fileName});
+    else
+        report(called ? "ERR_OPEN_FILE_FAILED" : "ERR_FILE_NOT_FOUND", BAS::Status::MAJOR, {fileName});
+    return opens;
+}
+
+void PlugIn::closeCheckedFile() {
+    BAS::String fileName;
+    {
+        BAS::MutexGuard const guard(fileLockM);
+        if (!fileIoM.isOpen())
+            return;
+        fileName = fileIoM.fileName();
+        fileIoM.closeFile();
+    }
+    report("INF_FILE_CLOSED", BAS::Status::NORMAL, {fileName});
+}
+
+bool PlugIn::evalEnvironment() {
+    BAS::Message request(name(), rootNameCM, "REQ_EVENTHANDLER_NAME", BAS::NULL_STRING);
+    if (sendRequest(request) && request.arguments().length() == 1)
+        eventHandlerNameM = request.arguments()[0];
+    return true;
+}
+
+} // namespace DAT::NumberPortability

@@ -1,0 +1,92 @@
+// Run-time update commands: carried out at once, on the thread that calls registryUpdate.
+#include "cache/CacheManager.h"
+#include "plugin/Guarded.h"
+#include "plugin/PlugIn.h"
+
+namespace DAT::NumberPortability {
+
+bool PlugIn::registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool& updateHandled) {
+    return guarded([&] {
+        if (update == nullptr)
+            return true;
+        if (update->find(registryReloadCM) != nullptr && !updateReload(*update, updateHandled))
+            return false;
+        if (BAS::RegistryEntry const* const delta = update->find(registryAdditionalNumPortDataCM)) {
+            updateHandled.set(true);
+            if (!updateDeltaLoad(delta->value()))
+                return false;
+        }
+        if (BAS::RegistryEntry const* const print = update->find(registryPrintDataCM)) {
+            updateHandled.set(true);
+            updatePrint(print->value());
+        }
+        return true;
+    });
+}
+
+// False ends the update; a failed reload with the reuse flag set does not.
+bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& updateHandled) {
+    updateHandled.set(true);
+    if (update.find(registryAdditionalNumPortDataCM) != nullptr) {
+        report("ERR_INVALID_REG_ENTRIES", BAS::Status::CRITICAL,
+               {"Both 'Reload' and 'AdditionalNumPortData' can not be specified in update registry."});
+        return false;
+    }
+    bool reuse = defaultReuseOnFailureCM;
+    if (!readReuseFlag(update, reuse))
+        return false;
+
+    BAS::MutexGuard const guard(loadLockM);
+    report("INF_RELOAD_DATA", BAS::Status::NORMAL, {name()});
+    bool reloaded = false;
+    if (checkFile()) {
+        reloaded = guarded([&] { return cacheManagerM != nullptr && cacheManagerM->cacheReload(reuse); });
+        closeCheckedFile();
+    }
+    if (!reloaded) {
+        sendEvent("EVT::RELOAD_FAILED");
+        fileOkM.store(reuse);
+        return reuse;
+    }
+    report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+    sendEvent("EVT::RELOAD_SUCCESSFUL");
+    return true;
+}
+
+bool PlugIn::readReuseFlag(BAS::RegistryEntry const& update, bool& reuse) {
+    BAS::RegistryEntry const* const entry = update.find(registryReuseOnFailureCM);
+    if (entry == nullptr)
+        return true;
+    BAS::String const value = entry->value().upper();
+    if (value != "TRUE" && value != "FALSE") {
+        report("ERR_INVALID_REG_VALUE", BAS::Status::CRITICAL, {value, registryReuseOnFailureCM});
+        return false;
+    }
+    reuse = value == "TRUE";
+    return true;
+}
+
+bool PlugIn::updateDeltaLoad(BAS::String const& fileName) {
+    BAS::MutexGuard const guard(loadLockM);
+    report("INF_ADD_DATA", BAS::Status::NORMAL, {name()});
+    std::uint32_t before = 0;
+    std::uint32_t after = 0;
+    bool loaded = false;
+    if (checkFile(fileName)) {
+        before = entries();
+        loaded = guarded([&] { return cacheManagerM != nullptr && cacheManagerM->cacheDeltaLoad(fileName); });
+        after = entries();
+        closeCheckedFile();
+    }
+    if (loaded || after != before)
+        report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, {BAS::String::convert(after - before)});
+    sendEvent(loaded ? "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL" : "EVT::ADD_NUM_PORT_DATA_FAILED");
+    return loaded;
+}
+
+void PlugIn::updatePrint(BAS::String const& target) {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->printData(target.empty() ? BAS::NULL_STRING : target);
+}
+
+} // namespace DAT::NumberPortability

@@ -1,0 +1,66 @@
+#include "store/NumberPortabilityTree.h"
+
+#include <ostream>
+
+namespace DAT::NumberPortability {
+
+bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered) {
+    if (!isStorable(number))
+        return false;
+    NumberPortabilityList* history = treeM.search(number, true);
+    if (history == nullptr) {
+        // The record goes in first: a failure later on must not leave an empty history behind.
+        auto created = std::make_unique<NumberPortabilityList>();
+        created->insert(record);
+        treeM.insert(number, created.get());
+        static_cast<void>(created.release()); // the trie's from here on
+    } else if (!ordered) {
+        history->insert(record);
+    } else if (!history->insertAt(record)) {
+        return false;
+    }
+    ++entriesM;
+    return true;
+}
+
+bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
+                                   unsigned int method) const {
+    if (method == BEST_MATCH)
+        return searchBestMatch(number, at, out);
+    NumberPortabilityList const* const history = treeM.search(number, method == EXACT_MATCH);
+    return history != nullptr && history->search(at, out);
+}
+
+bool NumberPortabilityTree::searchBestMatch(BAS::String const& number, BAS::DateTime const& at,
+                                            NumberPortabilityData& out) const {
+    Trie::FoundStack found;
+    treeM.search(number, found);
+    while (!found.isEmpty())
+        if (found.pop()->search(at, out))
+            return true;
+    return false;
+}
+
+void NumberPortabilityTree::clearAndDestroy() {
+    treeM.init();
+    entriesM = 0;
+}
+
+void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
+    clearAndDestroy();
+    other.visit([this](BAS::String const& number, NumberPortabilityList const& history) {
+        std::uint32_t const length = history.length();
+        for (std::uint32_t i = 0; i < length; ++i)
+            insert(number, history.record(i), false);
+    });
+}
+
+void NumberPortabilityTree::printTree(std::ostream& out, bool header) const {
+    if (header) {
+        std::string const rule(59, '-');
+        out << rule << std::endl << "                 Number Portability Data" << std::endl << rule << std::endl;
+    }
+    treeM.printTree(out);
+}
+
+} // namespace DAT::NumberPortability
