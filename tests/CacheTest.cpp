@@ -1,0 +1,464 @@
+// The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
+#include "framework/STR/FileIo.h"
+#include "tests/OwnerDouble.h"
+#include "tests/TemporaryFolder.h"
+
+#include <atomic>
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+using namespace DAT::NumberPortability;
+using namespace std::string_literals;
+using Identifiers = std::vector<std::string>;
+using Arguments = std::vector<std::string>;
+
+namespace {
+
+struct Codes {
+    BAS::String national = "0", international = "00", country = "44", sign = "+";
+};
+
+class Cache : public testing::Test {
+  protected:
+    Cache() { use(Codes()); }
+
+    void use(Codes const& newCodes) {
+        codes = newCodes;
+        cache = std::make_unique<CacheManager>(&plugIn, codes.national, codes.international, codes.country, codes.sign,
+                                               3, BAS::String(folder.file("main")));
+    }
+    void write(std::string const& lines) { folder.write("main", lines); }
+    bool loadLines(std::string const& lines) {
+        write(lines);
+        return cache->load();
+    }
+    bool delta(std::string const& lines) {
+        return cache->cacheDeltaLoad(BAS::String(folder.write("delta", lines)));
+    }
+    std::string answer(char const* number, char const* instant = "20240101000000", unsigned method = 0) {
+        NumberPortabilityData out;
+        return cache->search(number, BAS::DateTime(BAS::String(instant)), out, method) ? out.networkIdM.c_str() : "-";
+    }
+    std::string listing() {
+        std::ostringstream out;
+        cache->print(out, false);
+        return out.str();
+    }
+    // Makes the reader's file fail to be read from here on: its descriptor becomes that of a file whose every read
+    // fails.
+    void breakReading(std::string const& file) {
+        DIR* const descriptors = opendir("/proc/self/fd");
+        while (dirent const* const entry = readdir(descriptors)) { // NOLINT(concurrency-mt-unsafe)
+            std::error_code ignored;
+            auto const link = std::filesystem::read_symlink("/proc/self/fd/"s + entry->d_name, ignored);
+            if (link == file) {
+                int const broken = open("/proc/self/mem", O_RDONLY);
+                dup2(broken, std::stoi(entry->d_name));
+                close(broken);
+            }
+        }
+        closedir(descriptors);
+    }
+    // Many lines, one of them bad, so that the reader has several blocks to read and the bad line can break it.
+    static std::string manyLines(std::string const& network) {
+        std::string lines = "a bad line of words\n";
+        for (int i = 0; i < 30'000; ++i)
+            lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  " + network + "\n";
+        return lines;
+    }
+
+    TemporaryFolder folder;
+    PlugIn plugIn;
+    Codes codes;
+    std::unique_ptr<CacheManager> cache;
+};
+
+} // namespace
+
+TEST_F(Cache, NormalisesByTheFirstRuleThatApplies) {
+    struct Case {
+        char const *from, *to;
+    };
+    auto const expect = [&](char const* what, Codes const& with, std::initializer_list<Case> cases) {
+        use(with);
+        for (Case const& c : cases) {
+            BAS::String number(c.from);
+            cache->normalize(number);
+            EXPECT_EQ(number.str(), c.to) << what << ": " << c.from;
+        }
+    };
+    expect("usual codes", {},
+           {{"+441711234567", "00441711234567"}, {"00441711234567", "00441711234567"},
+            {"0031201234567", "0031201234567"}, {"01711234567", "00441711234567"}, {"1711234567", "00441711234567"},
+            {"", "0044"}, {"+", "00"}, {"0", "0044"}, {"0 171 1234567", "0044 171 1234567"},
+            {"+00441711234567", "0000441711234567"}, {"441711234567", "0044441711234567"}});
+    expect("no sign", {"0", "00", "44", ""}, {{"01711234567", "0001711234567"}, {"", "0044"}});
+    expect("no international code", {"0", "", "44", "+"},
+           {{"01711234567", "01711234567"}, {"+441711234567", "441711234567"}, {"", "44"}});
+    expect("no national code", {"", "00", "44", "+"}, {{"0171", "00440171"}, {"171", "0044171"}});
+}
+
+TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
+    std::string const file = folder.file("main");
+    std::string const at = "At Line# 1 in File '" + file + "'. ";
+    std::string const invalid = "Invalid N-Port Data at Line# 1 in File '" + file + "'. ";
+    struct Case {
+        std::string line;
+        std::string identifier; // empty: a good line
+        Arguments arguments;
+    };
+    auto const fields = [&](char const* count, std::string const& line) {
+        return Case{line, "ERR_NUMBER_OF_FIELDS_IN_RECORD", {count, "3", line, at}};
+    };
+    Case const cases[] = {
+        {"01711234567  20240101000000  NET1", "", {}},
+        {"\t 0171 \t20240101000000\v\fS\xc3\xad\x80\xff\r", "", {}},
+        {"01\0" "71 20240101000000 N"s, "", {}},
+        {"0171 99991231235959 a-network-identifier-of-more-than-seven-characters", "", {}},
+        fields("0", ""),
+        fields("0", "   "),
+        fields("0", "\r"),
+        fields("2", "0171 20240101000000"),
+        fields("4", "0 171 20240101000000 NET1"),
+        {"0171 UNKNOWN NET1", "ERR_INVALID_DATETIME", {invalid, "UNKNOWN", "0044171"}},
+        {"0171 20230229000000 NET1", "ERR_INVALID_DATETIME", {invalid, "20230229000000", "0044171"}},
+        {"0171 2024010100000 NET1", "ERR_INVALID_DATETIME", {invalid, "2024010100000", "0044171"}},
+        {"0171 20240101000000 N\0T"s, "ERR_INVALID_NETWORK_ID", {invalid, "N\0T"s, "0044171"}},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.line);
+        use(codes);
+        EXPECT_TRUE(loadLines(c.line + "\n"));
+        bool const good = c.identifier.empty();
+        EXPECT_EQ(cache->numOfEntries(), good ? 1U : 0U);
+        ASSERT_EQ(plugIn.reports.size(), good ? 1U : 3U) << "once per tree, and the end of the file";
+        for (std::size_t i = 0; i + 1 < plugIn.reports.size(); ++i) {
+            EXPECT_EQ(plugIn.reports[i].identifier, c.identifier);
+            EXPECT_EQ(plugIn.reports[i].severity, 2);
+            EXPECT_EQ(plugIn.reports[i].arguments, c.arguments);
+        }
+        plugIn.reports.clear();
+    }
+}
+
+TEST_F(Cache, ReadsTheExampleOfTheDataFormat) {
+    use({"0", "00", "49", "+"});
+    ASSERT_TRUE(loadLines("00491711234567  20040101000000  NETA\n"
+                          "00491711234567  20050301120000  NETB\n"
+                          "+491711234567  20050301120000  NETC\n"
+                          "00491729876543  UNKNOWN  NETA\n"
+                          "00491729876543  20050301120000\n"
+                          "01729876543  20060101000000  NETB")); // the last line lacks its newline and counts
+    EXPECT_EQ(listing(), "00491711234567  20050301120000  NETB\n00491711234567  20040101000000  NETA\n"
+                         "00491729876543  20060101000000  NETB\n");
+    EXPECT_EQ(plugIn.reports[0].arguments,
+              (Arguments{"Invalid N-Port Data at Line# 3 in File '" + folder.file("main") + "'. ", "00491711234567",
+                         "20050301120000"}));
+    EXPECT_EQ(plugIn.takeIdentifiers(),
+              (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_DUPLICATE_NUMPORTDATA", "ERR_INVALID_DATETIME",
+                           "ERR_INVALID_DATETIME", "ERR_NUMBER_OF_FIELDS_IN_RECORD", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
+                           "INF_FILE_EOF"}));
+}
+
+TEST_F(Cache, TellsWhetherALineWasAccepted) {
+    NumberPortabilityTree tree;
+    STR::FileIoTurbo reader;
+    auto const insert = [&](char const* line, bool ordered) {
+        return cache->insertCache(&tree, line, 7, ordered, reader);
+    };
+    EXPECT_TRUE(insert("+441711234567 20240101000000 A", true));
+    EXPECT_TRUE(insert("01711234567 20240101000000 B", true)) << "a duplicate";
+    EXPECT_TRUE(insert("00441711234567 20240101000000 C", true));
+    EXPECT_EQ(tree.entries(), 1U);
+    EXPECT_EQ(plugIn.takeIdentifiers(), (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_DUPLICATE_NUMPORTDATA"}));
+    EXPECT_FALSE(insert("01711234567 20240101000000", true));
+    EXPECT_FALSE(insert("01711234567 x A", true));
+    EXPECT_TRUE(insert("01711234567 20240101000000 D", false)) << "unordered takes it";
+    EXPECT_EQ(tree.entries(), 2U);
+    use({"", "", "", "+"}); // without digits in the codes a number may be left without any
+    EXPECT_FALSE(insert("abc 20240101000000 A", true));
+    EXPECT_EQ(plugIn.reports.back().identifier, "ERR_INVALID_NUMBER");
+    EXPECT_EQ(tree.entries(), 2U);
+}
+
+TEST_F(Cache, LoadsWhatIsThereAndReportsTheEnd) {
+    std::string lines;
+    for (int i = 0; i < 1000; ++i)
+        lines += "0171" + std::to_string(1'000'000 + i) + " 20240101000000 NET\n";
+    EXPECT_TRUE(loadLines(lines));
+    EXPECT_EQ(cache->numOfEntries(), 1000U);
+    EXPECT_EQ(plugIn.reports.at(0).arguments, Arguments{folder.file("main")});
+    EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers{"INF_FILE_EOF"});
+    EXPECT_EQ(cache->progress().lines(), 1000U);
+    EXPECT_EQ(cache->progress().bytes(), cache->progress().totalBytes());
+    // A delta load makes the standby tree active: it must hold the same.
+    std::string const before = listing();
+    EXPECT_TRUE(delta(""));
+    EXPECT_EQ(listing(), before);
+
+    use(codes);
+    EXPECT_TRUE(loadLines(""));
+    EXPECT_EQ(cache->numOfEntries(), 0U);
+    EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers{"INF_FILE_EOF"});
+}
+
+TEST_F(Cache, ChangesNothingWhenTheFileCheckFails) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 NET\n"));
+    plugIn.reports.clear();
+    plugIn.fileOpens = false;
+    write("0172 20240101000000 NET\n");
+    EXPECT_FALSE(cache->cacheReload(true));
+    EXPECT_FALSE(delta("0173 20240101000000 NET\n"));
+    EXPECT_FALSE(CacheManager(&plugIn, codes.national, codes.international, codes.country, codes.sign, 3,
+                              BAS::String(folder.file("main")))
+                     .load());
+    EXPECT_TRUE(plugIn.reports.empty());
+    EXPECT_EQ(listing(), "0044171  20240101000000  NET\n");
+    EXPECT_EQ(contentOf(folder.file("main")), "0172 20240101000000 NET\n");
+}
+
+TEST_F(Cache, ReloadsWhateverItReadsWithReuse) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
+    for (auto const& [lines, entries] : {std::pair{"0172 20240101000000 NEW\nbad\n", 1U}, {"bad\n", 0U}, {"", 0U}}) {
+        SCOPED_TRACE(lines);
+        plugIn.reports.clear();
+        write(lines);
+        EXPECT_TRUE(cache->cacheReload(true));
+        EXPECT_EQ(cache->numOfEntries(), entries);
+        EXPECT_EQ(plugIn.reports.back().identifier, "INF_DELETE_OLD_DATA");
+        EXPECT_EQ(plugIn.reports.back().arguments, Arguments{"NP"});
+    }
+}
+
+TEST_F(Cache, KeepsTheOldDataWhenTheLastLineFailsAndReuseIsOff) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n0171 20200101000000 OLDER\n"));
+    std::string const old = listing();
+    plugIn.reports.clear();
+    struct Case {
+        char const* lines;
+        bool adopted;
+    };
+    for (Case const& c : {Case{"", false}, {"0172 20240101000000 NEW\nbad\n", false}, {"0172 x NEW\n", false},
+                          {"bad\n0172 20240101000000 NEW\n", true},
+                          {"0172 20240101000000 NEW\n0172 20240101000000 DUPLICATE\n", true}}) {
+        SCOPED_TRACE(c.lines);
+        write(c.lines);
+        EXPECT_EQ(cache->cacheReload(false), c.adopted);
+        EXPECT_EQ(listing(), c.adopted ? "0044172  20240101000000  NEW\n" : old);
+        if (!c.adopted) { // nothing but what the parser said, and the standby tree holds the old records again
+            for (std::string const& identifier : plugIn.takeIdentifiers())
+                EXPECT_TRUE(identifier.starts_with("ERR_NUMBER_OF") || identifier == "ERR_INVALID_DATETIME");
+            EXPECT_TRUE(delta("0173 20240101000000 ADDED\n"));
+            EXPECT_EQ(listing(), old + "0044173  20240101000000  ADDED\n");
+            use(codes);
+            ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n0171 20200101000000 OLDER\n"));
+            plugIn.reports.clear();
+        }
+    }
+}
+
+TEST_F(Cache, MergesADeltaAndRewritesTheMainFile) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 A\n0171 20200101000000 B\n"));
+    plugIn.reports.clear();
+    EXPECT_TRUE(delta("0172 20240101000000 C\n+44171 20240101000000 X\nbad\n0170 20240101000000 long-network-id\n"));
+    std::string const merged = "0044170  20240101000000  long-network-id\n0044171  20240101000000  A\n"
+                               "0044171  20200101000000  B\n0044172  20240101000000  C\n";
+    EXPECT_EQ(cache->numOfEntries(), 4U);
+    EXPECT_EQ(contentOf(folder.file("main")), merged);
+    EXPECT_EQ(plugIn.reports[0].arguments[0],
+              "Invalid N-Port Data at Line# 2 in File '" + folder.file("delta") + "'. ");
+    EXPECT_EQ(plugIn.takeIdentifiers(),
+              (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD", "ERR_DUPLICATE_NUMPORTDATA",
+                           "ERR_NUMBER_OF_FIELDS_IN_RECORD"}));
+    EXPECT_TRUE(cache->cacheReload(false));
+    EXPECT_EQ(listing(), merged);
+    EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers{"INF_DELETE_OLD_DATA"});
+    // The main file itself as the delta: all duplicates, nothing lost.
+    EXPECT_TRUE(cache->cacheDeltaLoad(BAS::String(folder.file("main"))));
+    EXPECT_EQ(contentOf(folder.file("main")), merged);
+}
+
+TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
+    auto const breakAt = [&](std::string const& name) {
+        plugIn.onReport = [this, name](PlugIn::Report const&) {
+            breakReading(folder.file(name));
+            plugIn.onReport = nullptr;
+        };
+    };
+    auto const readError = [&](std::string const& name) {
+        EXPECT_EQ(plugIn.reports.back().identifier, "ERR_FILE_READ_ERR");
+        EXPECT_EQ(plugIn.reports.back().severity, 5);
+        EXPECT_EQ(plugIn.reports.back().arguments, Arguments{folder.file(name)});
+    };
+    breakAt("main");
+    EXPECT_FALSE(loadLines(manyLines("OLD")));
+    readError("main");
+    std::uint32_t const partial = cache->numOfEntries();
+    EXPECT_GT(partial, 0U);
+    EXPECT_LT(partial, 30'000U);
+
+    use(codes);
+    ASSERT_TRUE(loadLines(manyLines("OLD")));
+    std::string const old = listing();
+    write(manyLines("NEW"));
+    for (bool const reuse : {true, false}) {
+        breakAt("main");
+        EXPECT_FALSE(cache->cacheReload(reuse));
+        readError("main");
+        EXPECT_EQ(listing(), old);
+    }
+    write("untouched");
+    breakAt("delta");
+    EXPECT_FALSE(delta("a bad line of words\n" + manyLines("DELTA") + "0049 20240101000000 N\n"));
+    readError("delta");
+    EXPECT_EQ(listing(), old);
+    EXPECT_EQ(contentOf(folder.file("main")), "untouched");
+    EXPECT_TRUE(delta("0049 20240101000000 N\n")) << "the next delta merges into the old data";
+    EXPECT_EQ(listing(), old + "0049  20240101000000  N\n");
+
+    std::filesystem::remove(folder.path() / "main"); // gone between the check and the opening
+    EXPECT_FALSE(cache->cacheReload(true));
+    readError("main");
+}
+
+TEST_F(Cache, PrintsToTheConsoleOrAFile) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 A\n"));
+    std::string const target = folder.write("target", "old");
+    EXPECT_TRUE(cache->printData(BAS::String(target)));
+    std::string const text = contentOf(target);
+    EXPECT_TRUE(text.starts_with(std::string(59, '-') + "\n"));
+    EXPECT_TRUE(text.ends_with("\n0044171  20240101000000  A\n"));
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(cache->printData(BAS::NULL_STRING));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), text);
+    EXPECT_TRUE(cache->printData(BAS::String(folder.file("no/such/folder"))));
+}
+
+TEST_F(Cache, WithoutTreesTouchesNothing) {
+    CacheManager empty(&plugIn);
+    NumberPortabilityData out;
+    EXPECT_FALSE(empty.load() || empty.cacheReload(true) || empty.cacheDeltaLoad("x"));
+    EXPECT_FALSE(empty.search("1", BAS::DateTime(), out, 0));
+    EXPECT_EQ(empty.numOfEntries(), 0U);
+}
+
+TEST_F(Cache, ExaminesAFileWithoutServingIt) {
+    write("0171 20240101000000 A\n0171 20200101000000 B\n0172 20300101000000 A\n0171 20200101000000 C\nbad\n0 x y\n"
+          "0 20200101000000 N\0\n"s);
+    DataSummary summary;
+    std::vector<unsigned long> rejected;
+    EXPECT_TRUE(cache->examine(summary, [&](unsigned long number, LineOutcome, BAS::String const& line) {
+        rejected.push_back(number);
+        EXPECT_FALSE(line.empty());
+    }));
+    EXPECT_EQ(rejected, (std::vector<unsigned long>{4, 5, 6, 7}));
+    EXPECT_EQ(summary.lines, 7U);
+    EXPECT_EQ(summary.records, 3U);
+    EXPECT_EQ(summary.numbers, 2U);
+    EXPECT_EQ(summary.duplicates, 1U);
+    EXPECT_EQ(summary.rejectedFields, 1U);
+    EXPECT_EQ(summary.rejectedDateTimes, 1U);
+    EXPECT_EQ(summary.rejectedNetworks, 1U);
+    EXPECT_EQ(summary.rejected(), 4U);
+    EXPECT_EQ(summary.earliest.asString("%Y").str(), "2020");
+    EXPECT_EQ(summary.latest.asString("%Y").str(), "2030");
+    ASSERT_EQ(summary.networks.size(), 2U);
+    EXPECT_EQ(summary.networks[0].first.str(), "A");
+    EXPECT_EQ(summary.networks[0].second, 2U);
+    EXPECT_EQ(plugIn.reports.size(), 4U);
+    EXPECT_EQ(cache->numOfEntries(), 0U);
+}
+
+// Every number of a generation belongs to that generation's network, so an answer from two generations in one look-up
+// shows as a network that the prefix does not have.
+TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
+    auto const generation = [](int n) {
+        std::string lines;
+        for (int i = 0; i < 300; ++i)
+            lines += "0171" + std::to_string(1000 + i) + " 20200101000000 G" + std::to_string(n) + "\n";
+        return lines;
+    };
+    ASSERT_TRUE(loadLines(generation(0)));
+    std::atomic<int> loaded{0};  // the generation whose reload has returned
+    std::atomic<int> loading{0}; // the one being loaded
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i)
+        readers.emplace_back([&, i] {
+            BAS::DateTime const when(BAS::String("20240101000000"));
+            NumberPortabilityData out;
+            for (int n = i; !stop; ++n) {
+                BAS::String const number(("0044171" + std::to_string(1000 + n % 300)));
+                int const least = loaded;
+                bool const answered = cache->search(number, when, out, static_cast<unsigned>(n % 3));
+                int const answeredGeneration = answered ? std::atoi(out.networkIdM.c_str() + 1) : -1; // NOLINT
+                if (answeredGeneration < least || answeredGeneration > loading)
+                    ++wrong;
+            }
+        });
+    readers.emplace_back([&] {
+        while (!stop) {
+            std::ostringstream out;
+            cache->print(out, false);
+            if (cache->numOfEntries() != 300)
+                ++wrong;
+            std::string const text = out.str();
+            std::string const network = text.substr(text.rfind(' '));
+            std::size_t lines = 0;
+            for (std::size_t at = text.find(network); at != std::string::npos; at = text.find(network, at + 1))
+                ++lines;
+            if (lines != 300) // all of one generation, or the printing saw an exchange
+                ++wrong;
+        }
+    });
+    for (int n = 1; n <= 40; ++n) {
+        write(generation(n));
+        loading = n;
+        ASSERT_TRUE(cache->cacheReload(n % 2 == 0));
+        loaded = n;
+    }
+    stop = true;
+    for (std::thread& reader : readers)
+        reader.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST(Caches, LoadSideBySideAndCountTheirNodesRight) {
+    TemporaryFolder const folder;
+    std::string lines;
+    for (int i = 0; i < 2000; ++i)
+        lines += "0" + std::to_string(1'000'000 + 37 * i) + " 20200101000000 N\n";
+    std::string const file = folder.write("main", lines);
+    using Node = PBC::PtrTreeNode<NumberPortabilityList>;
+    std::uint64_t const before = Node::nodeCountM;
+    std::uint64_t single = 0;
+    Codes const codes;
+    auto const load = [&](std::atomic<std::uint64_t>& nodes) {
+        PlugIn plugIn;
+        CacheManager cache(&plugIn, codes.national, codes.international, codes.country, codes.sign, 3,
+                           BAS::String(file));
+        EXPECT_TRUE(cache.load());
+        EXPECT_TRUE(cache.cacheReload(true));
+        EXPECT_EQ(cache.numOfEntries(), 2000U);
+        nodes = Node::nodeCountM - before;
+    };
+    std::atomic<std::uint64_t> ignored{0};
+    {
+        std::atomic<std::uint64_t> nodes{0};
+        load(nodes);
+        single = nodes;
+    }
+    EXPECT_EQ(Node::nodeCountM, before);
+    for (int round = 0; round < 5; ++round) {
+        std::thread other([&] { load(ignored); });
+        load(ignored);
+        other.join();
+        EXPECT_EQ(Node::nodeCountM, before);
+    }
+    EXPECT_GT(single, 4000U);
+}

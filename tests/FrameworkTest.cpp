@@ -1,0 +1,494 @@
+// The framework layer: texts, instants, files, threads, objects.
+#include "framework/BAS/DateTime.h"
+#include "framework/BAS/RegisteredObject.h"
+#include "framework/BAS/SimpleString.h"
+#include "framework/BAS/Thread.h"
+#include "framework/OMF/InstrumentationProbeBrokerIf.h"
+#include "framework/RW/RWTValSlist.h"
+#include "framework/STR/FileIo.h"
+#include "framework/STR/FileIoTurbo.h"
+#include "tests/TemporaryFolder.h"
+
+#include <atomic>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <latch>
+#include <random>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace std::string_literals;
+
+namespace {
+
+std::vector<std::string> words(std::string const& text) {
+    std::vector<std::string> result;
+    for (BAS::String const& word : BAS::String(text).split())
+        result.push_back(word.str());
+    return result;
+}
+
+// Collects the log for as long as it lives.
+class LogCollector : public BAS::LogSinkIf {
+  public:
+    LogCollector() { BAS::RegisteredObject::installLogSink(this); }
+    ~LogCollector() override { BAS::RegisteredObject::installLogSink(nullptr); }
+    void write(BAS::Status const& status) noexcept override { reports.push_back(status); }
+
+    std::vector<BAS::Status> reports;
+};
+
+} // namespace
+
+TEST(String, SplitsAtWhiteSpaceOnly) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(words(""), Words());
+    EXPECT_EQ(words("  \t \r\v\f\n "), Words());
+    EXPECT_EQ(words(" a  b\tc\r"), (Words{"a", "b", "c"}));
+    EXPECT_EQ(words("a\vb\fc"), (Words{"a", "b", "c"}));
+    EXPECT_EQ(words("S\xc3\xadminn \xa0\xff x\0y"s), (Words{"S\xc3\xadminn", "\xa0\xff", "x\0y"s}));
+}
+
+TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
+    struct Case {
+        char const* text;
+        bool good;
+        unsigned value;
+    };
+    for (Case const& c : {Case{"0", true, 0}, {"007", true, 7}, {"4294967295", true, 4294967295U},
+                          {"4294967296", false, 0}, {"99999999999999999999", false, 0}, {"", false, 0},
+                          {"-1", false, 0}, {"-0", false, 0}, {"+1", false, 0}, {" 1", false, 0}, {"1 ", false, 0},
+                          {"x1", false, 0}, {"0x1", false, 0}, {"1.0", false, 0}}) {
+        unsigned value = 77;
+        EXPECT_EQ(BAS::String(c.text).toNum(value), c.good) << c.text;
+        EXPECT_EQ(value, c.good ? c.value : 77) << c.text;
+    }
+}
+
+TEST(String, StripsBothEndsOnly) {
+    for (auto const& [from, to] : {std::pair{"  a b  ", "a b"}, {"   ", ""}, {"", ""}, {"a", "a"}}) {
+        BAS::String text(from);
+        text.strip(' ');
+        EXPECT_EQ(text.str(), to);
+    }
+}
+
+TEST(SimpleString, KeepsShortAndLongTextsThroughCopyAndMove) {
+    for (std::size_t length : {0U, 1U, 6U, 7U, 8U, 9U, 54U, 5000U}) {
+        std::string const text(length, '\x7f'); // the byte that also tags heap texts
+        BAS::SimpleString const original(text.c_str());
+        BAS::SimpleString copy(original);
+        BAS::SimpleString assigned("something longer than seven");
+        assigned = original;
+        BAS::SimpleString const& self = assigned;
+        assigned = self;
+        BAS::SimpleString const moved(std::move(copy));
+        EXPECT_EQ(original.view(), text);
+        EXPECT_EQ(assigned.view(), text);
+        EXPECT_EQ(moved.view(), text);
+        EXPECT_EQ(std::string(original.c_str()).size(), length);
+    }
+    EXPECT_EQ(sizeof(BAS::SimpleString), 8U);
+}
+
+TEST(DateTime, TakesRealInstantsOnly) {
+    struct Case {
+        char const* text;
+        bool valid;
+    };
+    for (Case const& c : {Case{"00010101000000", true}, {"99991231235959", true}, {"20240229000000", true},
+                          {"20000229000000", true}, {"19000229000000", false}, {"20230229000000", false},
+                          {"00000101000000", false}, {"20240001000000", false}, {"20241301000000", false},
+                          {"20240100000000", false}, {"20240132000000", false}, {"20240431000000", false},
+                          {"20240101240000", false}, {"20240101006000", false}, {"20240101000060", false},
+                          {"", false}, {"2024010100000", false}, {"202401010000000", false},
+                          {"2024010100000x", false}, {"+2024010100000", false}, {" 2024010100000", false},
+                          {"2024-01-01 000", false}, {"UNKNOWN", false}}) {
+        BAS::DateTime const when{BAS::String(c.text)};
+        EXPECT_EQ(when.isValid(), c.valid) << c.text;
+        EXPECT_EQ(when.seconds() < BAS::DateTime::invalidSecsCM, c.valid) << c.text;
+        if (c.valid) {
+            EXPECT_EQ(when.asString("%Y%m%d%H%M%S").str(), c.text);
+        }
+    }
+    EXPECT_EQ(BAS::DateTime(), BAS::DateTime(BAS::String("UNKNOWN")));
+    EXPECT_FALSE(BAS::DateTime().isValid());
+    EXPECT_EQ(sizeof(BAS::DateTime), 8U);
+}
+
+// Every day there is, against a calendar counted day by day.
+TEST(DateTime, CountsEveryDayAndFormatsItBack) {
+    constexpr unsigned lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    std::uint64_t expected = 0;
+    char text[15];
+    for (unsigned year = 1; year <= 9999; ++year)
+        for (unsigned month = 1; month <= 12; ++month) {
+            bool const leap = year % 400 == 0 || (year % 4 == 0 && year % 100 != 0);
+            for (unsigned day = 1; day <= lengths[month - 1] + (month == 2 && leap ? 1 : 0); ++day) {
+                std::snprintf(text, sizeof text, "%04u%02u%02u000000", year, month, day);
+                BAS::DateTime const when{std::string_view(text, 14)};
+                char digits[14];
+                when.toDigits(digits);
+                ASSERT_EQ(when.seconds(), expected) << text;
+                ASSERT_EQ(std::string_view(digits, 14), text);
+                expected += 86400;
+            }
+        }
+    EXPECT_EQ(expected, BAS::DateTime::invalidSecsCM);
+}
+
+TEST(DateTime, FormatsWithoutZoneAndPadsEarlyYears) {
+    setenv("TZ", "Asia/Tokyo", 1); // NOLINT(concurrency-mt-unsafe)
+    tzset();
+    BAS::DateTime const early{BAS::String("00070304050607")};
+    EXPECT_EQ(early.asString("%Y%m%d%H%M%S").str(), "00070304050607");
+    EXPECT_EQ(early.asString("%Y-%m-%d %H:%M:%S 100%% %q%").str(), "0007-03-04 05:06:07 100% %q%");
+    EXPECT_EQ(BAS::DateTime().asString("%Y").str(), "INVALID");
+    unsetenv("TZ"); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_LT(early, BAS::DateTime(BAS::String("00070304050608")));
+    EXPECT_GT(BAS::DateTime(), BAS::DateTime(BAS::String("99991231235959")));
+    EXPECT_GT(BAS::DateTime::now(), BAS::DateTime(BAS::String("20250101000000")));
+}
+
+TEST(Slist, IsLastInFirstOutBeyondItsInlineElements) {
+    RWTStack<int*, RWTValSlist<int*>> stack;
+    std::vector<int> values(100);
+    for (int round = 0; round < 2; ++round) {
+        for (int& value : values)
+            stack.push(&value);
+        for (auto value = values.rbegin(); value != values.rend(); ++value) {
+            ASSERT_FALSE(stack.isEmpty());
+            ASSERT_EQ(stack.pop(), &*value);
+        }
+        EXPECT_TRUE(stack.isEmpty());
+    }
+}
+
+class LineReader : public testing::Test {
+  protected:
+    std::vector<std::string> linesOf(std::string const& content) {
+        STR::FileIoTurbo reader;
+        EXPECT_TRUE(reader.openFile(BAS::String(folder.write("lines", content)), 8));
+        std::vector<std::string> lines;
+        BAS::String line;
+        while (feof(reader.stream()) == 0) {
+            bool const read = reader.readLine(line);
+            EXPECT_EQ(read, feof(reader.stream()) == 0);
+            if (read)
+                lines.push_back(line.str());
+        }
+        EXPECT_TRUE(reader.closeFile());
+        EXPECT_TRUE(reader.closeFile());
+        return lines;
+    }
+    TemporaryFolder folder;
+};
+
+TEST_F(LineReader, GivesEveryLineAndTheEndOnlyAfterTheLast) {
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(linesOf(""), Lines());
+    EXPECT_EQ(linesOf("\n"), Lines{""});
+    EXPECT_EQ(linesOf("a\nb\n"), (Lines{"a", "b"}));
+    EXPECT_EQ(linesOf("a\n\nb"), (Lines{"a", "", "b"}));
+    EXPECT_EQ(linesOf("a\r\n\0\xff\n"s), (Lines{"a\r", "\0\xff"s}));
+    std::string const longLine(3'000'000, '7');
+    EXPECT_EQ(linesOf(longLine + "\n" + longLine), (Lines{longLine, longLine}));
+}
+
+TEST_F(LineReader, OpensRegularFilesOnlyAndNeverWaits) {
+    STR::FileIoTurbo reader;
+    EXPECT_TRUE(reader.closeFile());
+    std::string const pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (std::string const& name :
+         {folder.path().string(), pipe, "/dev/null"s, folder.file("missing"), ""s}) {
+        EXPECT_FALSE(reader.openFile(BAS::String(name), 8)) << name;
+        EXPECT_FALSE(reader.isOpen());
+        EXPECT_EQ(reader.fileName().str(), name);
+        BAS::String line;
+        EXPECT_FALSE(reader.readLine(line));
+    }
+    EXPECT_FALSE(reader.openFile(BAS::String(folder.write("a", "1\n")), 16)) << "not for writing";
+    EXPECT_TRUE(reader.openFile(BAS::String(folder.file("a")), 8));
+    EXPECT_TRUE(reader.openFile(BAS::String(folder.write("b", "2\n")), 8)) << "replaces the open file";
+    BAS::String line;
+    EXPECT_TRUE(reader.readLine(line));
+    EXPECT_EQ(line.str(), "2");
+}
+
+// A process's memory is a regular file that opens and cannot be read at its beginning.
+TEST_F(LineReader, TellsAReadErrorFromTheEnd) {
+    STR::FileIoTurbo reader;
+    ASSERT_TRUE(reader.openFile("/proc/self/mem", 8));
+    BAS::String line;
+    EXPECT_FALSE(reader.readLine(line));
+    EXPECT_EQ(feof(reader.stream()), 0);
+}
+
+class Writer : public testing::Test {
+  protected:
+    bool write(std::string const& name, std::string const& text) {
+        STR::FileIo file(BAS::String(name), std::ios_base::out);
+        file.stream() << text << std::flush;
+        return file.closeFile();
+    }
+    // Everything in the folder but the named files: nothing may be left behind.
+    std::size_t leftovers(std::size_t expected) const {
+        std::size_t files = 0;
+        for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator(folder.path()))
+            ++files;
+        return files - expected;
+    }
+    TemporaryFolder folder;
+    LogCollector log;
+};
+
+TEST_F(Writer, ReplacesAFileKeepingItsModeAndLinks) {
+    std::string const file = folder.write("data", "old");
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    std::filesystem::create_symlink("data", folder.path() / "link");
+    std::filesystem::create_symlink("link", folder.path() / "link to link");
+    EXPECT_TRUE(write(folder.file("link to link"), "new"));
+    EXPECT_EQ(contentOf(file), "new");
+    struct stat status = {};
+    ASSERT_EQ(lstat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0640));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder.path() / "link"));
+
+    std::filesystem::create_symlink("not there yet", folder.path() / "dangling");
+    EXPECT_TRUE(write(folder.file("dangling"), "made"));
+    EXPECT_EQ(contentOf(folder.file("not there yet")), "made");
+    EXPECT_EQ(leftovers(5), 0U);
+    EXPECT_TRUE(log.reports.empty());
+}
+
+TEST_F(Writer, ShowsNothingBeforeItIsClosed) {
+    std::string const file = folder.write("data", "old");
+    STR::FileIo writer(BAS::String(file), std::ios_base::out);
+    writer.stream() << std::string(1'000'000, 'x') << std::endl;
+    EXPECT_EQ(contentOf(file), "old");
+    EXPECT_TRUE(writer.closeFile());
+    EXPECT_TRUE(writer.closeFile());
+    EXPECT_EQ(contentOf(file).size(), 1'000'001U);
+}
+
+TEST_F(Writer, GivesUpWhenAnExceptionUnwinds) {
+    std::string const file = folder.write("data", "old");
+    try {
+        STR::FileIo writer(BAS::String(file), std::ios_base::out);
+        writer.stream() << "half of the";
+        throw std::runtime_error("listing");
+    } catch (std::runtime_error const&) { // NOLINT(bugprone-empty-catch): it is about the unwinding
+    }
+    EXPECT_EQ(contentOf(file), "old");
+    EXPECT_EQ(leftovers(1), 0U);
+}
+
+TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
+    std::string const file = folder.write("data", "old");
+    rlimit old = {};
+    getrlimit(RLIMIT_FSIZE, &old);
+    rlimit const small = {1000, old.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small); // as if the disk were full
+    bool const written = write(file, std::string(5000, 'x'));
+    setrlimit(RLIMIT_FSIZE, &old);
+    EXPECT_FALSE(written);
+    EXPECT_EQ(contentOf(file), "old");
+    ASSERT_EQ(log.reports.size(), 1U);
+    EXPECT_EQ(log.reports[0].identifier().str(), "ERR_WRITE_FILE");
+    EXPECT_EQ(log.reports[0].arguments()[0].str(), file);
+    EXPECT_NE(log.reports[0].arguments()[1].str().find("File too large"), std::string::npos);
+
+    for (std::string const& name : {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
+        EXPECT_FALSE(write(name, "x")) << name;
+    EXPECT_EQ(log.reports.size(), 5U);
+    EXPECT_EQ(leftovers(1), 0U);
+}
+
+TEST_F(Writer, KeepsTheOwnerAndRefusesWhatTheAccountMayNotWrite) {
+    constexpr uid_t nobody = 65534;
+    std::string const file = folder.write("data", "old");
+    bool const root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(file.c_str(), nobody, nobody), 0);
+        EXPECT_TRUE(write(file, "new"));
+        struct stat status = {};
+        ASSERT_EQ(stat(file.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, nobody);
+        EXPECT_EQ(status.st_gid, nobody);
+        folder.write("data", "old");
+        ASSERT_EQ(chown(folder.path().c_str(), nobody, nobody), 0);
+        ASSERT_EQ(seteuid(nobody), 0); // root may write everything
+    }
+    ASSERT_EQ(chmod(file.c_str(), 0400), 0);
+    EXPECT_FALSE(write(file, "new"));
+    if (root) {
+        ASSERT_EQ(seteuid(0), 0);
+    }
+    EXPECT_EQ(contentOf(file), "old");
+    EXPECT_EQ(leftovers(1), 0U);
+}
+
+TEST_F(Writer, WritesPipesAndDevicesInPlace) {
+    std::string const pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_FALSE(write(pipe, "x")) << "nobody reads";
+    std::string read;
+    int const reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+    std::thread consumer;
+    {
+        STR::FileIo writer(BAS::String(pipe), std::ios_base::out);
+        ASSERT_TRUE(writer.isOpen());
+        consumer = std::thread([&] {
+            fcntl(reader, F_SETFL, 0);
+            char bytes[4096];
+            for (ssize_t n = 0; (n = ::read(reader, bytes, sizeof bytes)) > 0;)
+                read.append(bytes, static_cast<std::size_t>(n));
+        });
+        writer.stream() << std::string(300'000, 'p') << std::endl;
+        EXPECT_TRUE(writer.closeFile());
+    }
+    consumer.join();
+    close(reader);
+    EXPECT_EQ(read.size(), 300'001U);
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+    EXPECT_TRUE(write("/dev/null", "x"));
+
+    // By its own name a descriptor is written where it stands, not truncated.
+    int const own = open(folder.write("own", "abc").c_str(), O_WRONLY | O_APPEND);
+    EXPECT_TRUE(write("/dev/fd/" + std::to_string(own), "def"));
+    close(own);
+    EXPECT_EQ(contentOf(folder.file("own")), "abcdef");
+}
+
+TEST(Thread, StopEndsItWhateverItDoes) {
+    struct Case {
+        char const* name;
+        std::function<void(BAS::Thread&)> body;
+    };
+    Case const cases[] = {
+        {"returns", [](BAS::Thread&) {}},
+        {"throws", [](BAS::Thread&) { throw std::runtime_error("ends the thread only"); }},
+        {"sleeps", [](BAS::Thread& self) {
+             for (;;) {
+                 self.serviceCancellation();
+                 self.sleep(3'600'000);
+             }
+         }},
+        {"is interrupted", [](BAS::Thread& self) {
+             self.interrupt();
+             self.serviceInterrupt();
+             self.serviceCancellation();
+             FAIL() << "passed a cancellation";
+         }},
+        {"swallows the cancellation", [](BAS::Thread& self) {
+             for (int i = 0; i < 3; ++i)
+                 try {
+                     for (;;) {
+                         self.serviceCancellation();
+                         self.sleep(1);
+                     }
+                 } catch (...) { // NOLINT(bugprone-empty-catch): what a worker should not do
+                 }
+         }},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.name);
+        BAS::Thread thread(nullptr);
+        std::latch started(1);
+        std::atomic<bool> ended{false};
+        struct AtExit {
+            std::atomic<bool>& flag;
+            ~AtExit() { flag = true; }
+        };
+        thread.start([&] {
+            AtExit const atExit{ended};
+            EXPECT_EQ(BAS::Thread::current(), &thread);
+            started.count_down();
+            c.body(thread);
+        });
+        started.wait();
+        thread.stop();
+        EXPECT_TRUE(ended);
+        thread.stop();
+    }
+    EXPECT_EQ(BAS::Thread::current(), nullptr);
+    BAS::Thread const neverStarted(nullptr);
+}
+
+TEST(RegisteredObject, NamesAreUniqueAndFreedByDestruction) {
+    auto first = std::make_unique<BAS::RegisteredObject>("A");
+    BAS::RegisteredObject second("A");
+    BAS::RegisteredObject const unnamed("");
+    EXPECT_TRUE(first->isRegistered());
+    EXPECT_FALSE(second.isRegistered());
+    EXPECT_FALSE(unnamed.isRegistered());
+    first.reset();
+    EXPECT_TRUE(BAS::RegisteredObject("A").isRegistered());
+}
+
+TEST(RegisteredObject, RequestsAndMessagesReachTheirReceiver) {
+    class Receiver : public BAS::RegisteredObject {
+      public:
+        Receiver() : BAS::RegisteredObject("receiver") {}
+        void receiveMessage(BAS::Message const& message) override { received = message.command(); }
+        bool receiveRequest(BAS::Message& request) override {
+            request.arguments().append("reply");
+            return true;
+        }
+        BAS::String received;
+    } receiver;
+    BAS::RegisteredObject const sender("sender");
+    BAS::Message request("sender", "receiver", "ASK", "");
+    EXPECT_TRUE(sender.sendRequest(request));
+    EXPECT_EQ(request.arguments()[0].str(), "reply");
+    EXPECT_TRUE(sender.sendMessage(BAS::Message("sender", "receiver", "TELL", "")));
+    EXPECT_EQ(receiver.received.str(), "TELL");
+    BAS::Message nowhere("sender", "nobody", "ASK", "");
+    EXPECT_FALSE(sender.sendRequest(nowhere));
+    EXPECT_FALSE(sender.sendMessage(nowhere));
+}
+
+TEST(RegisteredObject, UpdatesBooleanFlagsFromTheRegistry) {
+    LogCollector log;
+    BAS::RegisteredObject object("flags");
+    BAS::RegistryEntry update("update");
+    update.append(BAS::RegistryEntry("On", "true"));
+    update.append(BAS::RegistryEntry("Bad", "yes"));
+    BAS::RegistryEntry own("flags");
+    own.append(BAS::RegistryEntry("On", "FALSE"));
+    bool flag = false;
+    BAS::ProtectedBool handled;
+    EXPECT_TRUE(object.updateBoolFlag(&update, &own, "Missing", flag, "INF_FLAG", handled));
+    EXPECT_FALSE(handled.get() || flag);
+    EXPECT_TRUE(object.updateBoolFlag(&update, &own, "On", flag, "INF_FLAG", handled));
+    EXPECT_TRUE(handled.get() && flag);
+    EXPECT_EQ(own.find("On")->value().str(), "true");
+    ASSERT_EQ(log.reports.size(), 1U);
+    EXPECT_EQ(log.reports[0].arguments()[0].str(), "flags.On");
+    EXPECT_FALSE(object.updateBoolFlag(&update, &own, "Bad", flag, "INF_FLAG", handled));
+    EXPECT_TRUE(flag);
+}
+
+TEST(ProbeBroker, ReadsDescriptionsAndSaysWhyNot) {
+    TemporaryFolder const folder;
+    LogCollector log;
+    BAS::RegisteredObject object("asker");
+    OMF::InstrumentationProbeBrokerIf::installFolder(BAS::String(folder.path().string()));
+    folder.write("good", "[a]\ndescription = \"first\"\n[b]\n");
+    folder.write("bad", "[a\n");
+    OMF::InstrumentationProbeBrokerIf::ProbeInfoMap infos;
+    EXPECT_TRUE(OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(&object, "good", infos));
+    EXPECT_EQ(infos.size(), 2U);
+    EXPECT_EQ(infos["a"].description.str(), "first");
+    EXPECT_TRUE(log.reports.empty());
+    for (char const* name : {"bad", "missing"}) {
+        EXPECT_FALSE(OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(&object, name, infos));
+        EXPECT_TRUE(infos.empty());
+        EXPECT_EQ(log.reports.back().identifier().str(), "ERR_PROBE_FILE");
+    }
+}

@@ -1,0 +1,466 @@
+// The plug-in through the real module: configuration, life cycle, run-time updates, probes, and all of it at once.
+#include "tests/LoadedPlugIn.h"
+
+#include <atomic>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using Entries = std::vector<std::string>;
+
+std::string loaded(std::string const& file) {
+    return "INF_FILE_EOF(1): " + file;
+}
+
+} // namespace
+
+class Configuration : public LoadedPlugIn {};
+class LifeCycle : public LoadedPlugIn {};
+class Update : public LoadedPlugIn {};
+class Probe : public LoadedPlugIn {};
+
+TEST_F(Configuration, NeedsThreeKeysOnly) {
+    EXPECT_TRUE(create().isValid());
+    EXPECT_TRUE(plugIn->isUsable());
+    EXPECT_EQ(journal.take(), Entries{"INF_FILE_OPENED(1): " + file});
+    EXPECT_EQ(root.asked, Entries{"REQ_EVENTHANDLER_NAME from NP"});
+    EXPECT_EQ(plugIn->messageBase().str(), "10008");
+    EXPECT_TRUE(plugIn->init());
+    folder.write("main", "+440171 20200101000000 C\n0044 20200101000000 D\n0172 20200101000000 E\n");
+    EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+    EXPECT_EQ(answer("00440171"), "C") << "sign + and access code 00 by default, best match";
+    EXPECT_EQ(answer("00449"), "D");
+}
+
+TEST_F(Configuration, ReportsWhatIsMissingAndStopsThere) {
+    Entries const order{"FileName", "CountryCode", "NationalAccessCode"};
+    auto const all = keys;
+    for (std::string const& missing : order) {
+        keys = all;
+        unset(missing);
+        EXPECT_FALSE(create().isValid());
+        EXPECT_FALSE(plugIn->isUsable());
+        EXPECT_EQ(journal.take(), Entries{"ERR_REG_NAME_NOT_FOUND(5): NP." + missing});
+    }
+    EXPECT_TRUE(root.asked.empty());
+    BAS::InstrumentationProbeList probes;
+    plugIn->getInstrumentationProbe(probes);
+    EXPECT_EQ(probes.length(), 0U);
+
+    EXPECT_FALSE(create("another name").isValid());
+    EXPECT_EQ(journal.take(), Entries{"ERR_REG_SUBTREE_NOT_FOUND(5): another name"});
+}
+
+TEST_F(Configuration, TakesTheSearchMethodAsAnUnsignedNumber) {
+    struct Case {
+        char const* value;
+        char const* answer; // of a number stored under 0044171 and 00441712, at an instant when both hold
+        std::string error;
+    };
+    for (Case const& c :
+         {Case{"0", "B", ""}, {"1", "-", ""}, {"2", "A", ""}, {"7", "B", ""}, {"4294967295", "B", ""},
+          {"x1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, x1"},
+          {"4294967296", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, 4294967296"},
+          {"-1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, -1"},
+          {"", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod"}}) {
+        SCOPED_TRACE(c.value);
+        unset("SearchMethod");
+        set("SearchMethod", c.value);
+        EXPECT_EQ(create().isValid(), c.error.empty());
+        Entries const reports = journal.take();
+        if (!c.error.empty()) {
+            EXPECT_EQ(reports, Entries{c.error});
+            continue;
+        }
+        EXPECT_TRUE(plugIn->init());
+        EXPECT_EQ(answer("004417123"), c.answer);
+        journal.take();
+    }
+}
+
+TEST_F(Configuration, ChecksThatTheDataFileOpens) {
+    for (std::string const& name : {folder.file("missing"), folder.path().string(), std::string("/dev/null")}) {
+        unset("FileName");
+        set("FileName", name);
+        EXPECT_FALSE(create().isValid());
+        EXPECT_EQ(journal.take(), Entries{"ERR_FILE_NOT_FOUND(4): " + name});
+        EXPECT_FALSE(plugIn->init());
+        EXPECT_EQ(journal.take(), (Entries{"INF_LOAD_DATA(1): NP", "ERR_FILE_NOT_FOUND(4): " + name}));
+    }
+}
+
+TEST_F(Configuration, LivesWithoutAnEventHandler) {
+    struct Case {
+        bool served;
+        Entries reply;
+    };
+    for (Case const& c : {Case{false, {"EventHandler"}}, {true, {}}, {true, {"EventHandler", "another"}}}) {
+        root.served = c.served;
+        root.reply = c.reply;
+        createInitialised();
+        EXPECT_TRUE(plugIn->isValid());
+        EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+        EXPECT_EQ(journal.take().back(), "INF_NUM_NPORT_RELOADED(1): 2") << "and no event";
+    }
+}
+
+TEST_F(Configuration, NeedsTheProbeDefinitionFile) {
+    OMF::InstrumentationProbeBrokerIf::installFolder(BAS::String(folder.path().string()));
+    EXPECT_FALSE(create().isValid());
+    EXPECT_TRUE(journal.take().back().starts_with("ERR_PROBE_FILE(4): "));
+
+    folder.write("DAT_NumberPortability.probe", "[reload]\ndescription = \"again\"\n");
+    EXPECT_TRUE(create().isValid());
+    BAS::InstrumentationProbeList list;
+    plugIn->getInstrumentationProbe(list);
+    auto const& group = dynamic_cast<BAS::InstrumentationProbeGroup&>(*list[0]);
+    ASSERT_EQ(group.length(), 3U);
+    EXPECT_EQ(group[0]->description().str(), "again");
+    EXPECT_EQ(group[2]->description().str(), "");
+    BAS::String value = "kept";
+    EXPECT_FALSE(group[0]->getValue(value, true));
+    EXPECT_EQ(value.str(), "kept");
+}
+
+TEST_F(LifeCycle, LoadsServesAndStops) {
+    create();
+    EXPECT_EQ(answer("0044171"), "-");
+    journal.take();
+    EXPECT_TRUE(plugIn->init());
+    EXPECT_EQ(journal.take(), (Entries{"INF_LOAD_DATA(1): NP", "INF_FILE_OPENED(1): " + file, loaded(file),
+                                       "INF_NUM_NPORT_LOADED(1): 2"}));
+    EXPECT_EQ(answer("0044171"), "A");
+    EXPECT_EQ(answer("00441712"), "B");
+    EXPECT_EQ(answer("00441712", "20200601000000"), "A");
+    EXPECT_EQ(answer("00441712", "20190601000000"), "-");
+    EXPECT_FALSE(plugIn->init()) << "a second time";
+    journal.take();
+    EXPECT_TRUE(plugIn->shutdown());
+    EXPECT_TRUE(plugIn->shutdown());
+    EXPECT_TRUE(probe("reload", ""));
+    EXPECT_TRUE(journal.take().empty());
+    EXPECT_EQ(answer("0044171"), "A");
+}
+
+TEST_F(LifeCycle, InitMayBeRepeatedAfterAFailure) {
+    create();
+    std::filesystem::rename(file, file + ".away");
+    EXPECT_FALSE(plugIn->init());
+    std::filesystem::rename(file + ".away", file);
+    EXPECT_TRUE(plugIn->init());
+    EXPECT_EQ(answer("0044171"), "A");
+    EXPECT_EQ(journal.take().back(), "INF_NUM_NPORT_LOADED(1): 2");
+}
+
+TEST_F(LifeCycle, SurvivesEveryOrderOfSteps) {
+    create(); // never initialised
+    plugIn.reset();
+    create().shutdown(); // shut down without init
+    plugIn.reset();
+    createInitialised(); // destroyed without shutdown, with a request posted
+    probe("printData", folder.file("never mind"));
+    plugIn.reset();
+    createInitialised();
+    PLG::PlugInControlIf* const control = plugIn.release(); // driven and destroyed through the other view
+    EXPECT_TRUE(control->shutdown());
+    delete control;
+}
+
+TEST_F(LifeCycle, ANameThatIsTakenIsNotValid) {
+    create();
+    auto const second = start("NP");
+    EXPECT_TRUE(plugIn->isValid());
+    EXPECT_FALSE(second->isValid());
+    EXPECT_FALSE(start("")->isValid());
+}
+
+TEST_F(LifeCycle, DefaultConstructedDoesNothing) {
+    plugIn.reset(static_cast<PLG::DataPlugIn*>(symbol<void* (*)()>("ModuleStartNL")()));
+    EXPECT_EQ(journal.take(), Entries{"ERR_OBJ_NOT_INITIALIZED(5): DAT::NumberPortability::PlugIn"});
+    EXPECT_EQ(plugIn->status().severity(), BAS::Status::CRITICAL);
+    EXPECT_FALSE(plugIn->isValid());
+    EXPECT_FALSE(plugIn->isUsable());
+    EXPECT_FALSE(plugIn->init());
+    EXPECT_EQ(answer("0044171"), "-");
+    EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", "false"}}), "false handled");
+    EXPECT_EQ(update({{"AdditionalNumPortData", file}}), "false handled");
+    EXPECT_EQ(update({{"PrintData", ""}}), "true handled");
+    EXPECT_TRUE(plugIn->shutdown());
+    journal.take();
+}
+
+TEST_F(LifeCycle, ClosesTheFileOfALastCheckWhenDestroyed) {
+    createInitialised();
+    std::string const added = folder.write("delta", "0173 20200101000000 C\n");
+    probe("deltaLoad", added); // the worker leaves the checked file open
+    journal.take(3);
+    plugIn.reset();
+    EXPECT_EQ(journal.take(), Entries{"INF_FILE_CLOSED(1): " + added});
+}
+
+TEST_F(Update, Reloads) {
+    createInitialised();
+    folder.write("main", "0172 20200101000000 C\n");
+    Entries const reports{"INF_RELOAD_DATA(1): NP",        "INF_FILE_OPENED(1): " + file,
+                          "INF_FILE_OPENED(1): " + file,   "INF_DELETE_OLD_DATA(1): NP",
+                          "INF_NUM_NPORT_RELOADED(1): 1", "EVT::RELOAD_SUCCESSFUL"};
+    for (char const* value : {"", "TRUE", "FALSE"}) {
+        EXPECT_EQ(update({{"Reload", value}}), "true handled");
+        EXPECT_EQ(journal.take(), reports);
+    }
+    EXPECT_EQ(update({{"ReuseOnFailure", "False"}, {"Reload", ""}}), "true handled");
+    EXPECT_EQ(journal.take(), reports);
+    EXPECT_EQ(answer("0044171"), "-");
+    EXPECT_EQ(answer("0044172"), "C");
+}
+
+TEST_F(Update, RefusesWhatContradictsOrIsInvalid) {
+    createInitialised();
+    EXPECT_EQ(update({{"Reload", ""}, {"AdditionalNumPortData", file}, {"PrintData", folder.file("out")}}),
+              "false handled");
+    EXPECT_EQ(journal.take(), Entries{"ERR_INVALID_REG_ENTRIES(5): Both 'Reload' and 'AdditionalNumPortData' can not "
+                                      "be specified in update registry."});
+    for (auto const& [value, upper] : {std::pair{"maybe", "MAYBE"}, {"true ", "TRUE "}, {"", ""}}) {
+        EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", value}, {"PrintData", folder.file("out")}}),
+                  "false handled");
+        EXPECT_EQ(journal.take(), Entries{"ERR_INVALID_REG_VALUE(5): " + std::string(upper) + ", ReuseOnFailure"});
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder.file("out")));
+    EXPECT_EQ(update({{"ReuseOnFailure", "maybe"}}), "true not handled");
+    EXPECT_EQ(update({{"FileName", "x"}, {"reload", ""}}), "true not handled");
+    EXPECT_EQ(update({}), "true not handled");
+    EXPECT_TRUE(journal.take().empty());
+}
+
+TEST_F(Update, AFailedReloadLeavesTheOldDataAndTheChoiceOfUsability) {
+    createInitialised();
+    std::filesystem::remove(file);
+    Entries const reports{"INF_RELOAD_DATA(1): NP", "ERR_FILE_NOT_FOUND(4): " + file, "EVT::RELOAD_FAILED"};
+    EXPECT_EQ(update({{"Reload", ""}, {"PrintData", folder.file("printed")}}), "true handled");
+    EXPECT_EQ(journal.take(), reports);
+    EXPECT_TRUE(plugIn->isUsable());
+    EXPECT_TRUE(std::filesystem::exists(folder.file("printed")));
+    EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", "fAlse"}, {"PrintData", folder.file("not printed")}}),
+              "false handled");
+    EXPECT_EQ(journal.take(), reports);
+    EXPECT_FALSE(plugIn->isUsable());
+    EXPECT_FALSE(std::filesystem::exists(folder.file("not printed")));
+    EXPECT_EQ(answer("0044171"), "A");
+
+    folder.write("main", "bad\n"); // opens, and counts as failed
+    EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", "false"}}), "false handled");
+    EXPECT_FALSE(plugIn->isUsable());
+    EXPECT_EQ(answer("0044171"), "A");
+    EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+    EXPECT_TRUE(plugIn->isUsable());
+    EXPECT_EQ(answer("0044171"), "-");
+}
+
+TEST_F(Update, LoadsADelta) {
+    createInitialised();
+    std::string const added = folder.write("delta", "0173 20200101000000 C\n0174 20200101000000 D\n");
+    for (char const* count : {"2", "0"}) {
+        EXPECT_EQ(update({{"AdditionalNumPortData", added}}), "true handled");
+        Entries made = journal.take();
+        std::erase_if(made, [](auto const& entry) { return entry.starts_with("ERR_DUPLICATE_NUMPORTDATA"); });
+        EXPECT_EQ(made, (Entries{"INF_ADD_DATA(1): NP", "INF_FILE_OPENED(1): " + added,
+                                 "INF_FILE_OPENED(1): " + added, "INF_FILE_CLOSED(1): " + added,
+                                 "INF_NUM_NPORT_ADDED(1): " + std::string(count),
+                                 "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}));
+    }
+    EXPECT_EQ(answer("0044174"), "D");
+    EXPECT_EQ(contentOf(file), "0044171  20200101000000  A\n00441712  20210101000000  B\n"
+                               "0044173  20200101000000  C\n0044174  20200101000000  D\n");
+    std::string const missing = folder.file("missing");
+    EXPECT_EQ(update({{"AdditionalNumPortData", missing}, {"PrintData", folder.file("not printed")}}),
+              "false handled");
+    EXPECT_EQ(journal.take(), (Entries{"INF_ADD_DATA(1): NP", "ERR_FILE_NOT_FOUND(4): " + missing,
+                                       "EVT::ADD_NUM_PORT_DATA_FAILED"}));
+    EXPECT_FALSE(std::filesystem::exists(folder.file("not printed")));
+    EXPECT_TRUE(plugIn->isUsable());
+}
+
+TEST_F(Update, Prints) {
+    createInitialised();
+    std::string const out = folder.file("out");
+    EXPECT_EQ(update({{"PrintData", out}}), "true handled");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(update({{"PrintData", ""}}), "true handled");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), contentOf(out));
+    EXPECT_TRUE(journal.take().empty());
+    EXPECT_EQ(update({{"PrintData", folder.path().string()}}), "true handled");
+    EXPECT_EQ(journal.take().size(), 1U) << "the writer says why";
+}
+
+TEST_F(Probe, Reloads) {
+    createInitialised();
+    folder.write("main", "0172 20200101000000 C\n");
+    for (char const* value : {"TRUE", "false", "False", "", "yes", "false "}) {
+        EXPECT_TRUE(probe("reload", value));
+        EXPECT_EQ(journal.take(4), (Entries{"INF_FILE_OPENED(1): " + file, "INF_DELETE_OLD_DATA(1): NP",
+                                            "INF_NUM_NPORT_RELOADED(1): 1", "EVT::RELOAD_SUCCESSFUL"}));
+    }
+    folder.write("main", "");
+    Entries const failed{"INF_FILE_OPENED(1): " + file, "ERR_NUM_PORT_RELOAD(4): " + file, "EVT::RELOAD_FAILED"};
+    for (char const* value : {"FALSE", "fAlSe"}) {
+        EXPECT_TRUE(probe("reload", value));
+        EXPECT_EQ(journal.take(3), failed);
+        EXPECT_EQ(answer("0044172"), "C");
+        EXPECT_TRUE(plugIn->isUsable());
+    }
+    std::filesystem::remove(file);
+    EXPECT_TRUE(probe("reload", "TRUE"));
+    EXPECT_EQ(journal.take(3), (Entries{"ERR_FILE_NOT_FOUND(4): " + file, "ERR_NUM_PORT_RELOAD(4): " + file,
+                                        "EVT::RELOAD_FAILED"}));
+    EXPECT_FALSE(plugIn->isUsable()) << "the file check said so";
+    folder.write("main", "0172 20200101000000 C\n");
+    EXPECT_TRUE(probe("reload", "false ")) << "not FALSE: with reuse";
+    journal.take(4);
+    folder.write("main", "bad\n");
+    EXPECT_TRUE(probe("reload", "0"));
+    EXPECT_EQ(journal.take(6).back(), "EVT::RELOAD_SUCCESSFUL");
+    EXPECT_EQ(answer("0044172"), "-");
+}
+
+TEST_F(Probe, LoadsADelta) {
+    createInitialised();
+    std::string const added = folder.write("Delta", "0173 20200101000000 C\n0174 20200101000000 D\n0175 1 X\n");
+    EXPECT_TRUE(probe("deltaLoad", added));
+    Entries const made = journal.take(5);
+    EXPECT_EQ(made[3], "INF_NUM_NPORT_ADDED(1): 2 : " + added);
+    EXPECT_EQ(made[4], "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL");
+    folder.write("Delta", "");
+    EXPECT_TRUE(probe("deltaLoad", added));
+    EXPECT_EQ(journal.take(2), (Entries{"INF_FILE_OPENED(1): " + added, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}));
+    std::string const pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (std::string const& bad : {folder.file("missing"), folder.path().string(), pipe}) {
+        EXPECT_TRUE(probe("deltaLoad", bad));
+        EXPECT_EQ(journal.take(3), (Entries{"ERR_FILE_NOT_FOUND(4): " + bad, "ERR_NUM_PORT_DELTALOAD(4): " + bad,
+                                            "EVT::ADD_NUM_PORT_DATA_FAILED"}));
+    }
+    EXPECT_EQ(answer("0044174"), "D");
+}
+
+TEST_F(Probe, Prints) {
+    createInitialised();
+    std::string const out = folder.file("Out.txt");
+    EXPECT_TRUE(probe("printData", out));
+    EXPECT_EQ(journal.take(1), Entries{"INF_NUM_PORT_PRINT_DATA(1): 2, File : " + out});
+    testing::internal::CaptureStdout();
+    for (char const* value : {"NULL", "null", "Null"}) {
+        EXPECT_TRUE(probe("printData", value));
+        EXPECT_EQ(journal.take(1), Entries{"INF_NUM_PORT_PRINT_DATA(1): 2, Console"});
+    }
+    std::string const text = contentOf(out);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), text + text + text);
+}
+
+// The worker is held inside an action by the report that it makes there.
+TEST_F(Probe, CarriesOutTheLatestOfSeveralRequestsInOneFurtherPass) {
+    createInitialised();
+    std::atomic<bool> posted{false};
+    journal.hook([&](std::string const& entry) {
+        if (entry == "EVT::RELOAD_SUCCESSFUL" && !posted.exchange(true)) {
+            probe("reload", "");
+            probe("deltaLoad", "nothing of the kind");
+            probe("printData", folder.file("out"));
+        }
+    });
+    EXPECT_TRUE(probe("reload", ""));
+    EXPECT_EQ(journal.take(5), (Entries{"INF_FILE_OPENED(1): " + file, "INF_DELETE_OLD_DATA(1): NP",
+                                        "INF_NUM_NPORT_RELOADED(1): 2", "EVT::RELOAD_SUCCESSFUL",
+                                        "INF_NUM_PORT_PRINT_DATA(1): 2, File : " + folder.file("out")}));
+    EXPECT_TRUE(plugIn->shutdown());
+    EXPECT_TRUE(journal.take().empty());
+    journal.hook(nullptr);
+}
+
+TEST_F(Probe, StopsAWorkerThatWritesToAPipeNobodyEmpties) {
+    std::string lines;
+    for (int i = 0; i < 20'000; ++i)
+        lines += "0171" + std::to_string(i) + " 20200101000000 A\n";
+    folder.write("main", lines);
+    createInitialised();
+    std::string const pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    int const reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_TRUE(probe("printData", pipe));
+    char byte = 0;
+    while (read(reader, &byte, 1) != 1) // until the worker is writing
+        std::this_thread::yield();
+    EXPECT_EQ(answer("00441711"), "A") << "look-ups do not wait for the print";
+    EXPECT_TRUE(plugIn->shutdown());
+    close(reader);
+}
+
+// Updates, probes, prints, counts and look-ups at once: every load's reports stand together, and nothing is lost.
+TEST_F(LifeCycle, ServesEveryoneAtOnce) {
+    createInitialised();
+    folder.write("delta", "0173 20200101000000 C\n");
+    std::atomic<bool> stop{false};
+    std::atomic<long> wrong{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&] {
+            while (!stop)
+                if (answer("0044171") != "A" || !plugIn->isUsable())
+                    ++wrong;
+        });
+    threads.emplace_back([&] {
+        char const* const probes[][2] = {{"reload", "FALSE"}, {"deltaLoad", "delta"}, {"printData", "out"}};
+        for (int i = 0; !stop; ++i)
+            probe(probes[i % 3][0], i % 3 == 0 ? "FALSE" : folder.file(probes[i % 3][1]));
+    });
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(update({{"Reload", ""}, {"PrintData", folder.file("printed")}}), "true handled");
+        EXPECT_EQ(update({{"AdditionalNumPortData", folder.file("delta")}}), "true handled");
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_TRUE(plugIn->shutdown());
+    EXPECT_EQ(wrong, 0);
+    Entries const entries = journal.take();
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        if (entries[i] == "INF_RELOAD_DATA(1): NP") { // prints of the worker may fall between, loads may not
+            Entries block;
+            for (std::size_t j = i; block.size() < 6; ++j)
+                if (!entries[j].starts_with("INF_NUM_PORT_PRINT"))
+                    block.push_back(entries[j]);
+            EXPECT_EQ(block[5], "EVT::RELOAD_SUCCESSFUL");
+        }
+    EXPECT_TRUE(contentOf(file).ends_with("0044173  20200101000000  C\n"));
+}
+
+TEST_F(LifeCycle, MemoryDoesNotGrowFromReloadToReload) {
+    std::string lines;
+    for (int i = 0; i < 500; ++i)
+        lines += "0171" + std::to_string(i) + " 20200101000000 A-LONG-NETWORK-IDENTIFIER\n";
+    folder.write("main", lines);
+    createInitialised();
+    auto const residentPages = [] {
+        std::ifstream statm("/proc/self/statm");
+        long size = 0;
+        long resident = 0;
+        statm >> size >> resident;
+        return resident;
+    };
+    auto const reload = [&] { EXPECT_EQ(update({{"Reload", ""}}), "true handled"); };
+    for (int i = 0; i < 20; ++i)
+        reload();
+    journal.take();
+    long const before = residentPages();
+    for (int i = 0; i < 200; ++i) {
+        reload();
+        journal.take();
+    }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(__clang__)
+    EXPECT_LT(residentPages() - before, 256) << "a reload that kept its data would add some 10,000 pages";
+#else
+    static_cast<void>(before); // the sanitizers keep freed memory back; they find leaks themselves
+#endif
+}
