@@ -1,0 +1,603 @@
+// The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
+// hostile bytes.
+#include "host/Configuration.h"
+#include "host/Instant.h"
+#include "host/MessageCatalogue.h"
+#include "host/Output.h"
+#include "host/ProgressLine.h"
+#include "host/Text.h"
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <poll.h>
+#include <set>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::string const programCM = std::string(NP_PROGRAM_FOLDER) + "/nphost";
+std::string const exampleCM = std::string(NP_SOURCE_FOLDER) + "/examples/nphost.toml";
+std::string const exampleDataCM = std::string(NP_SOURCE_FOLDER) + "/examples/portability.dat";
+
+using Arguments = std::vector<std::string>;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// A pipe whose ends close with it, and are not inherited by the program but where it is told so.
+struct Pipe {
+    Pipe() {
+        if (pipe2(ends.data(), O_CLOEXEC) != 0)
+            throw std::runtime_error("no pipe");
+    }
+    Pipe(Pipe const&) = delete;
+    Pipe& operator=(Pipe const&) = delete;
+    ~Pipe() {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    void closeEnd(std::size_t end) {
+        if (ends[end] >= 0)
+            close(ends[end]);
+        ends[end] = -1;
+    }
+    std::array<int, 2> ends{-1, -1};
+};
+
+pid_t start(Arguments const& arguments, int in, int out, int err) {
+    std::vector<char*> argv = {const_cast<char*>(programCM.c_str())};
+    for (std::string const& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    pid_t process = -1;
+    int const error = posix_spawn(&process, programCM.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0)
+        throw std::runtime_error("cannot start " + programCM);
+    return process;
+}
+
+int statusOf(pid_t process) {
+    int status = 0;
+    waitpid(process, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+Result run(Arguments const& arguments, std::string const& input = {}) {
+    TemporaryFolder const folder;
+    int const in = open(folder.write("in", input).c_str(), O_RDONLY | O_CLOEXEC);
+    int const out = open(folder.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    int const err = open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    Result result;
+    result.status = statusOf(start(arguments, in, out, err));
+    for (int const descriptor : {in, out, err})
+        close(descriptor);
+    result.out = contentOf(folder.file("out"));
+    result.err = contentOf(folder.file("err"));
+    return result;
+}
+
+long lineCount(std::string const& text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
+
+bool contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// A configuration beside a data file, in a folder of its own.
+struct Setup {
+    explicit Setup(std::string const& content, std::string const& more = {})
+        : data(folder.write("data.dat", content)),
+          configuration(folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n"
+                                                    "CountryCode = \"44\"\nNationalAccessCode = \"0\"\n" +
+                                                        more)) {}
+    TemporaryFolder folder;
+    std::string data;
+    std::string configuration;
+};
+
+void expectOneLine(Result const& result, std::string const& part, std::string const& label) {
+    EXPECT_EQ(result.status, 2) << label << "\n" << result.err;
+    EXPECT_EQ(result.out, "") << label;
+    EXPECT_EQ(lineCount(result.err), 1) << label << "\n" << result.err;
+    EXPECT_TRUE(contains(result.err, part)) << label << "\n" << result.err;
+}
+
+TEST(HostLookupTest, AnswersFromTheExamples) {
+    struct Case {
+        char const* label;
+        Arguments more;
+        int status;
+        char const* out;
+    };
+    std::vector<Case> const cases = {
+        {"before the first port: the block",
+         {"--at", "20200101000000", "00447700900123"},
+         0,
+         "00447700900123\t20200101000000\t20180101000000\tALPHA\n"},
+        {"the second before a port",
+         {"--at", "20210301015959", "00447700900123"},
+         0,
+         "00447700900123\t20210301015959\t20180101000000\tALPHA\n"},
+        {"the very second of a port",
+         {"--at", "20210301020000", "00447700900123"},
+         0,
+         "00447700900123\t20210301020000\t20210301020000\tBRAVO\n"},
+        {"ISO, after the second port",
+         {"--at", "2025-01-01T00:00:00Z", "00447700900123"},
+         0,
+         "00447700900123\t20250101000000\t20240915020000\tCHARLIE\n"},
+        {"a port still to come, several numbers in order, one of nobody",
+         {"--at", "2024-06-15 12:00:00", "00447700900124", "0033", "004420794600180"},
+         1,
+         "00447700900124\t20240615120000\t20180101000000\tALPHA\n0033\t20240615120000\t-\t-\n"
+         "004420794600180\t20240615120000\t20230522020000\tCITYTEL\n"},
+        {"before all records",
+         {"--at", "20171231235959", "00447700900123"},
+         1,
+         "00447700900123\t20171231235959\t-\t-\n"},
+        {"exact, and the block is not enough",
+         {"--at", "20240615120000", "--method", "exact", "00447700900199"},
+         1,
+         "00447700900199\t20240615120000\t-\t-\n"},
+        {"shortest",
+         {"--at", "20240615120000", "--method", "shortest", "00447700900550"},
+         0,
+         "00447700900550\t20240615120000\t20180101000000\tALPHA\n"},
+        {"as people write numbers",
+         {"--at", "20240615120000", "--normalise", "(07700) 900-123", "+44 20.7946 0018", "00447700900550"},
+         0,
+         "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
+         "00442079460018\t20240615120000\t20230522020000\tCITYTEL\n"
+         "00447700900550\t20240615120000\t20230120020000\tALPHA\n"},
+        {"not normalised: national form is not stored form",
+         {"--at", "20240615120000", "07700900123"},
+         1,
+         "07700900123\t20240615120000\t-\t-\n"},
+    };
+    for (Case const& test : cases) {
+        Arguments arguments = {"lookup", "--config", exampleCM};
+        arguments.insert(arguments.end(), test.more.begin(), test.more.end());
+        Result const result = run(arguments);
+        EXPECT_EQ(result.status, test.status) << test.label;
+        EXPECT_EQ(result.out, test.out) << test.label;
+        EXPECT_EQ(result.err, "") << test.label;
+    }
+}
+
+TEST(HostLookupTest, StreamKeepsOrderAndBearsWithEveryLine) {
+    std::string const at = "20240615120000";
+    std::string const longTail(600000, 'x');
+    std::string const longNumber = "00447700900123" + std::string(300000, '5');
+    struct Case {
+        char const* label;
+        std::string line;
+        std::string answer;
+        char const* complaint; // null for a good line
+    };
+    std::vector<Case> const cases = {
+        {"number alone", "00447700900123", "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
+        {"instant", "00447700900123\t20250101000000",
+         "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
+        {"ISO instant, CRLF", "00447700900123\t2025-01-01T00:00:00Z\r",
+         "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
+        {"own method wins over --method", "00447700900550\t" + at + "\t2",
+         "00447700900550\t" + at + "\t20180101000000\tALPHA", nullptr},
+        {"empty instant and method", "00447700900123\t\t",
+         "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
+        {"blanks in the number", "0044 7700 900123", "0044 7700 900123\t" + at + "\t20210301020000\tBRAVO",
+         nullptr},
+        {"further columns", "00447700900123\t" + at + "\t0\tname\t" + longTail,
+         "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
+        {"very long number", longNumber, longNumber + "\t" + at + "\t20210301020000\tBRAVO", nullptr},
+        {"nobody's number", "0033", "0033\t" + at + "\t-\t-", nullptr},
+        {"empty line", "", "\t\t-\t-", ":10: the line is empty"},
+        {"CRLF alone", "\r", "\t\t-\t-", ":11: the line is empty"},
+        {"no number", "\t" + at, "\t" + at + "\t-\t-", ":12: there is no number"},
+        {"no digit", "hello\t" + at, "hello\t" + at + "\t-\t-", ":13: there is no number: 'hello'"},
+        {"no such day", "0044\t20230229000000", "0044\t20230229000000\t-\t-",
+         ":14: the instant is not valid"},
+        {"method out of range", "0044\t" + at + "\t3", "0044\t" + at + "\t-\t-",
+         ":15: the method is not 0, 1 or 2: '3'"},
+        {"control characters in the complaint", "0044\t\x1b[2J", "0044\t\x1b[2J\t-\t-",
+         ":16: the instant is not valid: '\\x1b[2J'"},
+        {"last line without a newline", "00447700900150", "00447700900150\t" + at + "\t20220610020000\tDELTA",
+         nullptr},
+    };
+    std::string input;
+    std::string expected;
+    long complaints = 0;
+    for (Case const& test : cases) {
+        input += (input.empty() && &test == cases.data() ? "" : "\n") + test.line;
+        expected += test.answer + "\n";
+        complaints += test.complaint == nullptr ? 0 : 1;
+    }
+    Result const result = run({"lookup", "--config", exampleCM, "--at", at, "--method", "best", "-"}, input);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.out == expected) << result.out.substr(0, 2000);
+    EXPECT_EQ(lineCount(result.err), complaints) << result.err;
+    for (Case const& test : cases)
+        if (test.complaint != nullptr)
+            EXPECT_TRUE(contains(result.err, test.complaint)) << test.label << "\n" << result.err;
+}
+
+TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
+    std::string bad;
+    for (int i = 0; i < 100; ++i)
+        bad += "x\n";
+    Result const complaints = run({"lookup", "--config", exampleCM, "-"}, bad);
+    EXPECT_EQ(complaints.status, 1);
+    EXPECT_EQ(lineCount(complaints.out), 100);
+    EXPECT_EQ(lineCount(complaints.err), 21);
+    EXPECT_TRUE(contains(complaints.err, "80 more"));
+
+    Result const none = run({"lookup", "--config", exampleCM, "-"});
+    EXPECT_EQ(none.status, 0);
+    EXPECT_EQ(none.out + none.err, "");
+
+    // More than every buffer holds, and numbers that become longer and shorter.
+    std::string questions;
+    std::string answers;
+    for (int i = 0; i < 20000; ++i) {
+        bool const national = i % 3 == 0;
+        questions += national ? "(07700) 900-123\t20240615120000\n" : "+44 77 00 90 01 50\t20240615120000\n";
+        answers += national ? "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
+                            : "00447700900150\t20240615120000\t20220610020000\tDELTA\n";
+    }
+    Result const many = run({"lookup", "--normalise", "--config", exampleCM, "-"}, questions);
+    EXPECT_EQ(many.status, 0);
+    EXPECT_TRUE(many.out == answers);
+}
+
+TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
+    Pipe questions;
+    Pipe answers;
+    pid_t const process = start({"lookup", "--config", exampleCM, "--at", "20240615120000", "-"},
+                                questions.ends[0], answers.ends[1], STDERR_FILENO);
+    questions.closeEnd(0);
+    answers.closeEnd(1);
+    for (std::string const question : {"00447700900123\n", "00447700900150\n0044770", "0900124\n"}) {
+        ASSERT_EQ(write(questions.ends[1], question.data(), question.size()),
+                  static_cast<ssize_t>(question.size()));
+        pollfd ready = {answers.ends[0], POLLIN, 0};
+        ASSERT_EQ(poll(&ready, 1, 20000), 1) << "no answer to " << question;
+        std::array<char, 256> answer{};
+        ssize_t const length = read(answers.ends[0], answer.data(), answer.size());
+        ASSERT_GT(length, 0);
+        EXPECT_EQ(std::count(answer.begin(), answer.begin() + length, '\n'), 1);
+    }
+    questions.closeEnd(1);
+    EXPECT_EQ(statusOf(process), 0);
+}
+
+TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
+    std::string data = "00441  20200101000000  A\n";
+    Setup const few(data + "forged\x1b[31m\n2026-01-01T00:00:00Z\n");
+    Result const shown = run({"lookup", "--config", few.configuration, "00441"});
+    EXPECT_EQ(shown.status, 0) << shown.err;
+    EXPECT_EQ(lineCount(shown.err), 4) << "two lines, once a tree\n" << shown.err;
+    EXPECT_TRUE(contains(shown.err,
+                         "ERR_NUMBER_OF_FIELDS_IN_RECORD \"1\" \"3\" \"forged\\x1b[31m\" \"At Line# 2 in"));
+    EXPECT_TRUE(contains(shown.err, "The line has 1 fields instead of 3."));
+
+    for (int i = 0; i < 30; ++i)
+        data += std::string(5000, 'x') + "\n";
+    Setup const many(data);
+    Result const bounded = run({"lookup", "--config", many.configuration, "00441"});
+    EXPECT_EQ(bounded.status, 0);
+    EXPECT_EQ(lineCount(bounded.err), 21);
+    EXPECT_TRUE(contains(bounded.err, "nphost: 40 more"));
+    EXPECT_TRUE(contains(bounded.err, "... (5000 bytes)"));
+    EXPECT_LT(bounded.err.size(), 20000U);
+
+    Result const verbose = run({"lookup", "--verbose", "--config", many.configuration, "00441"});
+    EXPECT_EQ(lineCount(verbose.err), 60 + 5) << "every report, and those of a load that went well";
+    EXPECT_TRUE(contains(verbose.err, " NORMAL INF_NUM_NPORT_LOADED \"1\" : 1 records are loaded"));
+}
+
+std::string const badDataCM = "00441  20200101000000  A\n"
+                              "00441  20200101000000  B\n" // 2: duplicate
+                              "00442  20200101000000\n"    // 3: fields
+                              "00443  20200230000000  A\n" // 4: date
+                              "+  20200101000000  A\n"     // 5: a sign alone is stored as 00, so it is none
+                              "0044\xff\xfe 5  x  A  B\n"  // 6: fields, no UTF-8
+                              "00449  20210101000000  N\xff\n" // 7: a record
+                              "\n";                            // 8: fields
+
+TEST(HostCheckTest, CountsEachLineOnce) {
+    // Without an international access code a bare sign names no number, so that every kind of line is there.
+    std::string data = badDataCM;
+    data += std::string("00446  20200101000000  A\0B\n", 27); // 9: NUL in the network
+    Setup const setup(data, "InternationalAccessCode = \"\"\n");
+    std::filesystem::remove(setup.data);
+    std::string const file = setup.folder.write("other.dat", data);
+
+    Result const text = run({"check", "--config", setup.configuration, file});
+    EXPECT_EQ(text.status, 1) << text.err;
+    EXPECT_EQ(text.err, "");
+    EXPECT_TRUE(contains(text.out, "line 2: ERR_DUPLICATE_NUMPORTDATA: "));
+    EXPECT_TRUE(contains(text.out,
+                         "line 3: ERR_NUMBER_OF_FIELDS_IN_RECORD: The line has 2 fields instead of 3.\n"
+                         "    00442  20200101000000\n"));
+    EXPECT_FALSE(contains(text.out, "line 6")) << "only the first of a kind\n" << text.out;
+
+    Result const all = run({"check", "--all", "--config", setup.configuration, file});
+    for (char const* const line :
+         {"line 2:", "line 3:", "line 4:", "line 5:", "line 6:", "line 8:", "line 9:"})
+        EXPECT_TRUE(contains(all.out, line)) << line << "\n" << all.out;
+    EXPECT_TRUE(contains(all.out, "    0044\\xff\\xfe 5  x  A  B\n")) << all.out;
+
+    Result const json = run({"check", "--json", "--all", "--config", setup.configuration, file});
+    EXPECT_EQ(json.status, 1);
+    for (char const* const part :
+         {"\"lines\":9", "\"records\":2", "\"numbers\":2", "\"rejectedFields\":3", "\"rejectedDateTimes\":1",
+          "\"rejectedNumbers\":1", "\"rejectedNetworks\":1", "\"duplicates\":1",
+          "\"earliest\":\"20200101000000\"", "\"latest\":\"20210101000000\"",
+          "\"networks\":{\"A\":1,\"N\xEF\xBF\xBD\":1}", "\"identifier\":\"ERR_INVALID_NUMBER\",\"line\":5",
+          "\"identifier\":\"ERR_INVALID_NETWORK_ID\",\"line\":9"})
+        EXPECT_TRUE(contains(json.out, part)) << part << "\n" << json.out;
+    EXPECT_FALSE(contains(json.out, "\xff"));
+}
+
+TEST(HostCheckTest, CleanEmptyAndUnreadable) {
+    Setup const setup("");
+    Result const clean = run({"check", "--config", exampleCM, exampleDataCM});
+    EXPECT_EQ(clean.status, 0) << clean.err;
+    EXPECT_FALSE(contains(clean.out, "line "));
+    Result const empty = run({"check", "--json", "--config", setup.configuration, setup.data});
+    EXPECT_EQ(empty.status, 0);
+    EXPECT_TRUE(contains(empty.out, "\"earliest\":null,\"latest\":null,\"lines\":0,\"networks\":{}"))
+        << empty.out;
+    Result const listed = run({"check", "--json", "--all", "--config", setup.configuration, setup.data});
+    EXPECT_TRUE(listed.out.starts_with("{\"rejects\":[],")) << listed.out;
+    expectOneLine(run({"check", "--config", setup.configuration, setup.folder.file("none.dat")}), "none.dat",
+                  "no such file");
+    expectOneLine(run({"check", "--config", setup.configuration, "/"}), "/ cannot be opened", "a folder");
+}
+
+TEST(HostPrintTest, ListingLoadsAgainToTheSameListing) {
+    Result const plain = run({"print", "--no-heading", "--config", exampleCM});
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    EXPECT_EQ(lineCount(plain.out), lineCount(contentOf(exampleDataCM)));
+    EXPECT_TRUE(contains(
+        plain.out, "\n00447700900123  20240915020000  CHARLIE\n00447700900123  20210301020000  BRAVO\n"));
+    Setup const again(plain.out);
+    std::string const output = again.folder.file("listing");
+    Result const second = run({"print", "--no-heading", "--output", output, "--config", again.configuration});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_EQ(second.out, "");
+    EXPECT_EQ(contentOf(output), plain.out);
+    Result const heading = run({"print", "--config", again.configuration});
+    EXPECT_EQ(lineCount(heading.out), lineCount(plain.out) + 3);
+    EXPECT_TRUE(heading.out.ends_with("-\n" + plain.out));
+}
+
+TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
+    Setup const setup("00441  20200101000000  A\n");
+    std::string const hardLink = setup.folder.file("hard");
+    std::string const symbolicLink = setup.folder.file("soft");
+    std::filesystem::create_hard_link(setup.data, hardLink);
+    std::filesystem::create_symlink("data.dat", symbolicLink);
+    std::string const before = contentOf(setup.data);
+    struct Case {
+        std::string output;
+        char const* reason;
+    };
+    for (Case const& test : {Case{setup.data, "data file itself"}, Case{hardLink, "data file itself"},
+                             Case{symbolicLink, "data file itself"},
+                             Case{setup.folder.file("none/listing"), "No such file or directory"},
+                             Case{"/dev/full", "No space left on device"}, Case{"/", "Is a directory"}})
+        expectOneLine(run({"print", "--output", test.output, "--config", setup.configuration}), test.reason,
+                      test.output);
+    EXPECT_EQ(contentOf(setup.data), before);
+}
+
+TEST(HostPrintTest, FullDeviceIsAnErrorForEveryCommand) {
+    int const full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    TemporaryFolder const folder;
+    int const in = open(folder.write("in", "00447700900123\n").c_str(), O_RDONLY | O_CLOEXEC);
+    for (Arguments const& command : {Arguments{"lookup", "0044"}, Arguments{"lookup", "-"},
+                                     Arguments{"print"}, Arguments{"check", exampleDataCM}}) {
+        Arguments arguments = command;
+        arguments.insert(arguments.begin() + 1, {"--config", exampleCM});
+        int const err = open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        EXPECT_EQ(statusOf(start(arguments, in, full, err)), 2) << command[0];
+        close(err);
+        EXPECT_TRUE(contains(contentOf(folder.file("err")), "No space left on device")) << command[0];
+    }
+    close(in);
+    close(full);
+}
+
+TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
+    Setup const setup("00441  20200101000000  A\n");
+    std::string const good = contentOf(setup.configuration);
+    struct Case {
+        char const* label;
+        std::string content;
+        char const* reason;
+    };
+    std::vector<Case> const cases = {
+        {"unknown key", good + "Countrycode = \"44\"\n",
+         "bad.toml:5: unknown key 'Countrycode' in [DAT_NumberPortability]"},
+        {"a run-time key", good + "Reload = \"TRUE\"\n", "bad.toml:5: unknown key 'Reload'"},
+        {"unknown table", good + "[hosts]\n", "bad.toml:5: unknown table 'hosts'"},
+        {"key outside a table", "x = 1\n" + good, "bad.toml:1: unknown key 'x'"},
+        {"unknown key of the host", good + "[host]\nport = 1\n", "bad.toml:6: unknown key 'port' in [host]"},
+        {"an array of tables", "[[DAT_NumberPortability]]\n",
+         "bad.toml:1: 'DAT_NumberPortability' must be a table"},
+        {"a code without quotation marks", good + "InternationalAccessCode = 11\n",
+         "bad.toml:5: 'InternationalAccessCode' must be quoted"},
+        {"wrong type", good + "SearchMethod = [0]\n", "bad.toml:5: 'SearchMethod' must be a text"},
+        {"a number for a path", good + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
+        {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n",
+         "bad.toml:2: 'FileName' must name a file"},
+        {"no TOML", good + "what is this\n", "bad.toml:5: "},
+        {"no UTF-8", good + "# \xff\n", "bad.toml:5: "},
+        {"a key twice", good + "CountryCode = \"44\"\n", "bad.toml:5: "},
+        {"a forged key", good + "\"a\\nb\\u001b\" = 1\n", "unknown key 'a\\nb\\x1b'"},
+        {"mandatory key missing", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n",
+         "DAT_NumberPortability.CountryCode is missing (ERR_REG_NAME_NOT_FOUND)"},
+        {"no table", "", "no table [DAT_NumberPortability] (ERR_REG_SUBTREE_NOT_FOUND)"},
+        {"method that is no number", good + "SearchMethod = \"x1\"\n", "'x1' (ERR_REG_VALUE_INVALID)"},
+        {"negative method", good + "SearchMethod = -1\n", "'-1' (ERR_REG_VALUE_INVALID)"},
+        {"no data file",
+         "[DAT_NumberPortability]\nFileName = \"none.dat\"\nCountryCode = \"44\"\nNationalAccessCode = "
+         "\"0\"\n",
+         "none.dat cannot be opened"},
+        {"no module", good + "[host]\nmodule = \"./none.so\"\n", "none.so"},
+        {"a module by a name that is nowhere", good + "[host]\nmodule = \"np-none.so\"\n", "np-none.so"},
+        {"no module but a text", good + "[host]\nmodule = \"./data.dat\"\n", "the module cannot be loaded: "},
+        {"another library", good + "[host]\nmodule = \"" NP_LIBRARY_FOLDER "/libnpframework.so\"\n",
+         "does not fit this host: it has no DAT_NumberPortabilityModuleStart"},
+        {"no catalogue", good + "[host]\nmessages = \"none.toml\"\n",
+         "none.toml: cannot be read: No such file"},
+        {"a catalogue of numbers", good + "[host]\nmessages = \"numbers.toml\"\n",
+         "numbers.toml:1: 'A' must be a text"},
+        {"no probes", good + "[host]\nprobeFolder = \".\"\n", "(ERR_PROBE_FILE)"},
+    };
+    setup.folder.write("numbers.toml", "A = 1\n");
+    for (Case const& test : cases)
+        expectOneLine(run({"lookup", "--config", setup.folder.write("bad.toml", test.content), "00441"}),
+                      test.reason, test.label);
+    expectOneLine(run({"lookup", "--config", setup.folder.file("none.toml"), "00441"}),
+                  "none.toml: cannot be read: No such file or directory", "no such file");
+    expectOneLine(run({"lookup", "--config", setup.folder.path().string(), "00441"}), "Is a directory",
+                  "a folder");
+}
+
+TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
+    nphost::Configuration const read = nphost::parseConfiguration(
+        "[DAT_NumberPortability]\nFileName = 'data/x.dat'\nSearchMethod = 2\n"
+        "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n",
+        "conf/nphost.toml");
+    BAS::RegistryEntry const* const subtree = read.registry.find("DAT_NumberPortability");
+    ASSERT_NE(subtree, nullptr);
+    EXPECT_EQ(subtree->find("FileName")->value(), "conf/data/x.dat");
+    EXPECT_EQ(subtree->find("SearchMethod")->value(), "2");
+    EXPECT_EQ(read.module, "conf/./m.so");
+    EXPECT_EQ(read.messages, "/abs/m.toml");
+    EXPECT_EQ(read.probeFolder, "conf/..");
+    // A bare name is for the system's search; with a slash it stays a path even where the file's folder is
+    // "".
+    EXPECT_EQ(nphost::parseConfiguration("[host]\nmodule = 'm.so'\n", "conf/x.toml").module, "m.so");
+    EXPECT_EQ(nphost::parseConfiguration("[host]\nmodule = './m.so'\n", "x.toml").module, "./m.so");
+    EXPECT_EQ(nphost::parseConfiguration("", "x.toml").registry.find("DAT_NumberPortability"), nullptr);
+}
+
+TEST(HostConfigurationTest, ModuleByPathFromAnotherFolder) {
+    Setup const setup("00441  20200101000000  A\n", "[host]\nmodule = \"link.so\"\n");
+    std::filesystem::create_symlink(NP_MODULE, setup.folder.file("link.so"));
+    std::string const content = contentOf(setup.configuration);
+    std::string slash = content;
+    slash.replace(slash.find("link.so"), 7, "./link.so\"\nprobeFolder = \"" NP_LIBRARY_FOLDER);
+    Result const result = run({"lookup", "--config", setup.folder.write("slash.toml", slash), "00441"});
+    EXPECT_EQ(result.status, 0) << result.err;
+}
+
+TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
+    struct Case {
+        Arguments arguments;
+        char const* reason;
+    };
+    for (Case const& test :
+         {Case{{}, "subcommand"}, Case{{"serv"}, "serv"}, Case{{"lookup", "0044"}, "--config"},
+          Case{{"lookup", "--config", exampleCM}, "NUMBER"},
+          Case{{"lookup", "--config", exampleCM, "--at", "20230229000000", "0044"}, "20230229000000"},
+          Case{{"lookup", "--config", exampleCM, "--at", "2024-06-15", "0044"}, "2024-06-15"},
+          Case{{"lookup", "--config", exampleCM, "--at", "", "0044"}, "not a valid instant"},
+          Case{{"lookup", "--config", exampleCM, "--method", "worst", "0044"}, "worst"},
+          Case{{"lookup", "--config", exampleCM, "0044", "-"}, "stands alone"},
+          Case{{"lookup", "--config", exampleCM, ""}, "not a number"},
+          Case{{"print", "--config", exampleCM, "more"}, "more"},
+          Case{{"check", "--config", exampleCM}, "FILE"}})
+        expectOneLine(run(test.arguments), test.reason, test.reason);
+    for (Arguments const& good : {Arguments{"--help"}, Arguments{"--version"}, Arguments{"lookup", "--help"},
+                                  Arguments{"print", "--help"}, Arguments{"check", "--help"}}) {
+        Result const result = run(good);
+        EXPECT_EQ(result.status, 0) << good[0];
+        EXPECT_FALSE(result.out.empty());
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST(HostTextTest, ShowsBytesOnOneLine) {
+    struct Case {
+        std::string text;
+        std::string shown;
+    };
+    for (Case const& test :
+         {Case{"plain \"text\\", "plain \"text\\"}, Case{"a\tb\r\n", "a\\tb\\r\\n"},
+          Case{"\x1b[0m\x7f", "\\x1b[0m\\x7f"}, Case{std::string("\0", 1), "\\x00"},
+          Case{"S\xC5\xBD \xF0\x9F\x98\x80", "S\xC5\xBD \xF0\x9F\x98\x80"}, Case{"\xC2\x9B", "\\xc2\\x9b"},
+          Case{"\xC3", "\\xc3"}, Case{"\xC0\xAF", "\\xc0\\xaf"}, Case{"\xE0\x80\xAF", "\\xe0\\x80\\xaf"},
+          Case{"\xED\xA0\x80", "\\xed\\xa0\\x80"}, Case{"\xF4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+          Case{"\xE2\x82", "\\xe2\\x82"}})
+        EXPECT_EQ(nphost::visible(test.text), test.shown);
+    EXPECT_EQ(nphost::shortened(std::string(200, 'a')), std::string(200, 'a'));
+    EXPECT_EQ(nphost::shortened(std::string(201, 'a')), std::string(200, 'a') + "... (201 bytes)");
+    EXPECT_EQ(nphost::shortened(std::string(199, 'a') + "\xC3\xA9"),
+              std::string(199, 'a') + "... (201 bytes)");
+    EXPECT_EQ(nphost::asUtf8("a\xff\xC3\xA9"), "a\xEF\xBF\xBD\xC3\xA9");
+}
+
+TEST(HostTextTest, ProgressNamesWhatIsKnown) {
+    EXPECT_EQ(nphost::progressText({1000, 0, 0}, 2), "1000 lines, 500 lines/s");
+    EXPECT_EQ(nphost::progressText({1000, 250, 1000}, 2), "1000 lines, 500 lines/s, 6 s left");
+    EXPECT_EQ(nphost::progressText({1000, 1, 100}, 2), "1000 lines, 500 lines/s, 3 min 18 s left");
+    EXPECT_EQ(nphost::progressText({1000, 1001, 1000}, 2), "1000 lines, 500 lines/s") << "the file has grown";
+    EXPECT_EQ(nphost::progressText({0, 0, 10}, 0), "0 lines");
+}
+
+TEST(HostCatalogueTest, HasATextForEveryIdentifier) {
+    std::string const texts = contentOf(std::string(NP_SOURCE_FOLDER) + "/host/messages.toml");
+    std::set<std::string> identifiers;
+    for (char const* const folder : {"plugin", "cache", "framework"})
+        for (auto const& entry :
+             std::filesystem::recursive_directory_iterator(std::string(NP_SOURCE_FOLDER) + "/" + folder)) {
+            std::string const source =
+                entry.path().extension() == ".cpp" ? contentOf(entry.path()) : std::string();
+            for (char const* const start : {"\"ERR_", "\"INF_", "\"EVT::"})
+                for (std::size_t at = source.find(start); at != std::string::npos;
+                     at = source.find(start, at + 1))
+                    identifiers.insert(source.substr(at + 1, source.find('"', at + 1) - at - 1));
+        }
+    EXPECT_GT(identifiers.size(), 30U);
+    for (std::string const& identifier : identifiers)
+        EXPECT_TRUE(contains(texts, "\n" + identifier + " = ") ||
+                    contains(texts, "\n\"" + identifier + "\" = "))
+            << identifier;
+}
+
+TEST(HostCatalogueTest, FillsPlaceholdersOnce) {
+    TemporaryFolder const folder;
+    nphost::MessageCatalogue const catalogue(
+        folder.write("m.toml", "A = \"%2 is %1, 100%% %9%\"\nB = \"two\\nlines\"\n"));
+    auto const text = [&](char const* identifier, BAS::Status::Arguments const& arguments) {
+        std::string out;
+        catalogue.append(out, identifier, arguments);
+        return out;
+    };
+    EXPECT_EQ(text("A", {"%2", "x\ny"}), "x\\ny is %2, 100% %");
+    EXPECT_EQ(text("B", {}), "two\\nlines");
+    EXPECT_EQ(text("C", {"a", "b"}), "C a b") << "no text";
+}
+
+} // namespace
