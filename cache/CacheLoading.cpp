@@ -1,4 +1,5 @@
-// Load, reload and delta load: build in the standby tree outside the lock, exchange inside it, refill outside it.
+// Load, reload and delta load: build in the standby tree outside the lock, exchange inside it, refill outside
+// it.
 #include "cache/CacheManager.h"
 #include "cache/LineStore.h"
 #include "cache/OwnerServices.h"
@@ -52,7 +53,8 @@ void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
         BAS::DateTime const oldest = history.record(length - 1).validFromM;
         if (summary.numbers == 1 || newest > summary.latest)
             summary.latest = newest;
-        summary.earliest = std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
+        summary.earliest =
+            std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
     });
     for (auto const& [network, records] : networks)
         summary.networks.emplace_back(BAS::String(network), records);
@@ -241,8 +243,8 @@ void CacheManager::restoreStandby() {
     standbyCompleteM = true;
 }
 
-// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even that fails,
-// the next delta load tries again before it uses the tree.
+// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even
+// that fails, the next delta load tries again before it uses the tree.
 void CacheManager::abandonStandby() noexcept {
     if (standbyCompleteM)
         return;
@@ -256,7 +258,8 @@ void CacheManager::abandonStandby() noexcept {
     }
 }
 
-// Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the writer.
+// Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the
+// writer.
 void CacheManager::rewriteMainFile() {
     STR::FileIo file(dataFileNameM, std::ios_base::out);
     NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
@@ -271,7 +274,8 @@ bool CacheManager::closeMainReader() {
     return false;
 }
 
-void CacheManager::report(char const* identifier, BAS::Status::Severity severity, BAS::String const& argument) {
+void CacheManager::report(char const* identifier, BAS::Status::Severity severity,
+                          BAS::String const& argument) {
     OwnerServices::report(*plugInM, identifier, severity, BAS::Status::Arguments{argument});
 }
 

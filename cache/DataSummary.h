@@ -1,8 +1,8 @@
 // DAT::NumberPortability::DataSummary: what a data file holds, and what is wrong with it.
 //
-// Purpose: the result of examining a data file without serving it. Every line is counted once: as a record, or under
-// the one reason for which it was rejected.
-// Ownership: a value. Threads: none inside. Errors: none. Complexity: constant.
+// Purpose: the result of examining a data file without serving it. Every line is counted once: as a record,
+// or under the one reason for which it was rejected. Ownership: a value. Threads: none inside. Errors: none.
+// Complexity: constant.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
@@ -16,11 +16,11 @@ namespace DAT::NumberPortability {
 // What became of one line.
 enum class LineOutcome {
     INSERTED,
-    DUPLICATE,           // the number has a record with this valid-from already
-    WRONG_FIELD_COUNT,   // not three fields
-    INVALID_DATE_TIME,   // no valid 14-digit instant
-    INVALID_NUMBER,      // no decimal digit, so it names no number
-    INVALID_NETWORK_ID,  // holds a NUL, which would cut it off
+    DUPLICATE,          // the number has a record with this valid-from already
+    WRONG_FIELD_COUNT,  // not three fields
+    INVALID_DATE_TIME,  // no valid 14-digit instant
+    INVALID_NUMBER,     // no decimal digit, so it names no number
+    INVALID_NETWORK_ID, // holds a NUL, which would cut it off
 };
 
 struct DataSummary {
@@ -34,14 +34,17 @@ struct DataSummary {
     unsigned long duplicates = 0;
     BAS::DateTime earliest; // valid-from of the records; invalid when there is none
     BAS::DateTime latest;
-    std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
+    std::vector<std::pair<BAS::String, unsigned long>>
+        networks; // records by network, most first, then by name
 
     unsigned long rejected() const {
         return rejectedFields + rejectedDateTimes + rejectedNumbers + rejectedNetworks + duplicates;
     }
 };
 
-// Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
-using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
+// Told of every line that is not stored, right after its report: its number from 1, what became of it, and
+// its text.
+using RejectObserver =
+    std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
 
 } // namespace DAT::NumberPortability

@@ -1,8 +1,8 @@
 // DAT::NumberPortability::LineStore: lines of a file kept in memory, one buffer for all.
 //
 // Purpose: a reload keeps the lines it read so that the second tree can be filled from them.
-// Ownership: owns the text. Threads: none inside. Errors: append throws std::bad_alloc, after which the object may
-// only be destroyed. Complexity: append amortised linear in the line.
+// Ownership: owns the text. Threads: none inside. Errors: append throws std::bad_alloc, after which the
+// object may only be destroyed. Complexity: append amortised linear in the line.
 #pragma once
 
 #include "framework/BAS/String.h"

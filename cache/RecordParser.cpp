@@ -1,4 +1,5 @@
-// One line of a data file: three fields, number normalised, record inserted; what is wrong with it is reported.
+// One line of a data file: three fields, number normalised, record inserted; what is wrong with it is
+// reported.
 #include "cache/CacheManager.h"
 #include "cache/OwnerServices.h"
 
@@ -25,8 +26,8 @@ char const* identifierOf(LineOutcome outcome) {
 
 } // namespace
 
-LineOutcome CacheManager::insertLine(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
-                                     bool ordered, STR::FileIoTurbo& reader) {
+LineOutcome CacheManager::insertLine(NumberPortabilityTree& tree, BAS::String const& line,
+                                     unsigned long number, bool ordered, STR::FileIoTurbo& reader) {
     RWTValOrderedVector<BAS::String> words = line.split();
     if (words.length() != numberOfColumnsM)
         return rejectFields(words.length(), line, number, reader);
@@ -43,24 +44,26 @@ LineOutcome CacheManager::insertLine(NumberPortabilityTree& tree, BAS::String co
     if (record.networkIdM.view().size() != words[2].length())
         return reject(LineOutcome::INVALID_NETWORK_ID, words[2], telephoneNumber, number, reader);
     if (!tree.insert(telephoneNumber, record, ordered))
-        return reject(LineOutcome::DUPLICATE, telephoneNumber, record.validFromM.asString("%Y%m%d%H%M%S"), number,
-                      reader);
+        return reject(LineOutcome::DUPLICATE, telephoneNumber, record.validFromM.asString("%Y%m%d%H%M%S"),
+                      number, reader);
     return LineOutcome::INSERTED;
 }
 
 LineOutcome CacheManager::rejectFields(std::size_t found, BAS::String const& line, unsigned long number,
                                        STR::FileIoTurbo const& reader) {
     OwnerServices::report(*plugInM, "ERR_NUMBER_OF_FIELDS_IN_RECORD", BAS::Status::WARNING,
-                          BAS::Status::Arguments{BAS::String::convert(found), BAS::String::convert(numberOfColumnsM),
-                                                 line, atLine("At Line# ", number, reader)});
+                          BAS::Status::Arguments{BAS::String::convert(found),
+                                                 BAS::String::convert(numberOfColumnsM), line,
+                                                 atLine("At Line# ", number, reader)});
     return LineOutcome::WRONG_FIELD_COUNT;
 }
 
-LineOutcome CacheManager::reject(LineOutcome outcome, BAS::String const& detail, BAS::String const& moreDetail,
-                                 unsigned long number, STR::FileIoTurbo const& reader) {
-    OwnerServices::report(*plugInM, identifierOf(outcome), BAS::Status::WARNING,
-                          BAS::Status::Arguments{atLine("Invalid N-Port Data at Line# ", number, reader), detail,
-                                                 moreDetail});
+LineOutcome CacheManager::reject(LineOutcome outcome, BAS::String const& detail,
+                                 BAS::String const& moreDetail, unsigned long number,
+                                 STR::FileIoTurbo const& reader) {
+    OwnerServices::report(
+        *plugInM, identifierOf(outcome), BAS::Status::WARNING,
+        BAS::Status::Arguments{atLine("Invalid N-Port Data at Line# ", number, reader), detail, moreDetail});
     return outcome;
 }
 

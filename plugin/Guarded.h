@@ -1,6 +1,7 @@
 // The definition of PlugIn::guarded, for the plug-in's own sources.
 //
-// Purpose: nothing may be thrown to the framework. Threads, errors: none of its own. Complexity: the action's.
+// Purpose: nothing may be thrown to the framework. Threads, errors: none of its own. Complexity: the
+// action's.
 #pragma once
 
 #include "plugin/PlugIn.h"

@@ -97,7 +97,8 @@ bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPo
 
 bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                     unsigned int method) {
-    return cacheManagerM != nullptr && guarded([&] { return cacheManagerM->search(number, at, out, method); });
+    return cacheManagerM != nullptr &&
+           guarded([&] { return cacheManagerM->search(number, at, out, method); });
 }
 
 void PlugIn::normalize(BAS::String& number) const {
@@ -112,9 +113,9 @@ void PlugIn::print(std::ostream& out, bool header) {
 
 bool PlugIn::examine(DataSummary& summary, RejectObserver const& onReject) {
     return cacheManagerM != nullptr && guarded([&] {
-        BAS::MutexGuard const guard(loadLockM);
-        return cacheManagerM->examine(summary, onReject);
-    });
+               BAS::MutexGuard const guard(loadLockM);
+               return cacheManagerM->examine(summary, onReject);
+           });
 }
 
 LoadProgress const* PlugIn::progress() const {

@@ -1,33 +1,38 @@
 // DAT::NumberPortability::PlugIn: the number-portability data plug-in.
 //
-// Purpose: answers, for other modules of the process, to which network a telephone number belongs at an instant. The
-// framework creates it through the module's entry function, gives it its registry subtree and drives its life cycle:
-// construction, init (loads the data, starts the worker), shutdown (stops the worker), destruction.
+// Purpose: answers, for other modules of the process, to which network a telephone number belongs at an
+// instant. The framework creates it through the module's entry function, gives it its registry subtree and
+// drives its life cycle: construction, init (loads the data, starts the worker), shutdown (stops the worker),
+// destruction.
 //
 // State against operation (search, print and the commands are safe in every state):
 //   default-constructed   not valid, no data: init and search return false, nothing is touched
 //   constructed, invalid  has reported why; init still tries to load, look-ups find what it loaded
 //   constructed, valid    look-ups find nothing before init
-//   initialised           everything is served; a second init returns false and changes nothing (after an init that
+//   initialised           everything is served; a second init returns false and changes nothing (after an
+//   init that
 //                         failed it loads by a reload)
-//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be repeated
+//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be
+//   repeated
 // Destruction without shutdown stops the worker first.
 //
-// Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its probe group
-// with all it holds: the group and the values are classes of this module or refer to it, so nobody could free them
-// later. getInstrumentationProbe lends the group until the plug-in's destruction.
+// Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its
+// probe group with all it holds: the group and the values are classes of this module or refer to it, so
+// nobody could free them later. getInstrumentationProbe lends the group until the plug-in's destruction.
 //
-// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe writes, search
-// and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised by loadLockM, which is
-// held for a whole load with its file check and its reports; search, isUsable and probe writes never wait for it.
+// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe
+// writes, search and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised
+// by loadLockM, which is held for a whole load with its file check and its reports; search, isUsable and
+// probe writes never wait for it.
 //
-// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are reported
-// to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that were live.
+// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are
+// reported to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that
+// were live.
 //
 // Complexity: search as in NumberPortabilityTree.h, plus reading under the cache manager's lock.
 //
-// Across shared objects: client modules must be built with the same compiler family and standard library as the
-// module; texts and records are passed as C++ objects.
+// Across shared objects: client modules must be built with the same compiler family and standard library as
+// the module; texts and records are passed as C++ objects.
 #pragma once
 
 #include "cache/DataSummary.h"
@@ -71,8 +76,8 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
 
     // Reports "ERR_OBJ_NOT_INITIALIZED"; such a plug-in is never valid.
     PlugIn();
-    // Reads the registry subtree named `name`, checks the data file, asks for the event handler, builds the probes.
-    // isValid() tells whether all of it succeeded. The second string goes to the base.
+    // Reads the registry subtree named `name`, checks the data file, asks for the event handler, builds the
+    // probes. isValid() tells whether all of it succeeded. The second string goes to the base.
     PlugIn(BAS::String const& name, BAS::String const& second);
     ~PlugIn() override;
 
@@ -84,11 +89,12 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool init() override;
     bool shutdown() override;
 
-    // The record valid at `at` by the configured search method. The number must be in stored form. False, and `out`
-    // unchanged, when there is none.
+    // The record valid at `at` by the configured search method. The number must be in stored form. False, and
+    // `out` unchanged, when there is none.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out);
     // The same by a search method of the caller's: 0 best match, 1 exact, any other shortest prefix.
-    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
+    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
+                unsigned int method);
 
     // The configured search method.
     unsigned int searchMethod() const { return searchMethodM; }
@@ -102,11 +108,13 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // Reads the data file as a load would, without serving it. False when it cannot be read to its end.
     bool examine(DataSummary& summary, RejectObserver const& onReject);
 
-    // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
+    // How far the present load has come; null for a default-constructed plug-in. Valid as long as the
+    // plug-in.
     LoadProgress const* progress() const;
 
-    // File checks: report the outcome and return whether the file opens for reading. The first checks the data file
-    // and keeps the outcome for isUsable; the second leaves an additional file open until its load is over.
+    // File checks: report the outcome and return whether the file opens for reading. The first checks the
+    // data file and keeps the outcome for isUsable; the second leaves an additional file open until its load
+    // is over.
     bool checkFile();
     bool checkFile(BAS::String const& fileName);
 
@@ -166,8 +174,8 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     BAS::String internationalAccessCodeSignM;
     BAS::String eventHandlerNameM;
 
-    STR::FileIoTurbo fileIoM NP_GUARDED_BY(fileLockM); // only tests that files open
-    std::atomic<bool> fileOkM{false};                  // outcome of the last check of the data file
+    STR::FileIoTurbo fileIoM NP_GUARDED_BY(fileLockM);   // only tests that files open
+    std::atomic<bool> fileOkM{false};                    // outcome of the last check of the data file
     std::uint32_t searchMethodM = defaultSearchMethodCM; // set during construction only
     std::unique_ptr<CacheManager> cacheManagerM;         // refers to the four codes above
 

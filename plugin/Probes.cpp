@@ -156,8 +156,9 @@ void PlugIn::probePrint(BAS::String const& value) {
         report("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, {value});
         return;
     }
-    report("INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
-           {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
+    report(
+        "INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
+        {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
 }
 
 } // namespace DAT::NumberPortability

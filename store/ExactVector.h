@@ -1,14 +1,12 @@
 // DAT::NumberPortability::ExactVector<T>: a vector without spare capacity.
 //
-// Purpose: holds the history of one number. Millions are held at once and most have one element, so memory counts
-// for more than the cost of growth.
-// Units and ranges: lengths and positions are unsigned 32-bit.
-// Ownership: owns its elements, in one heap array of exactly length() of them (none when empty). References are valid
-// until the vector grows or ends. Elements are destroyed from the last to the first.
-// Threads: none inside; concurrent const use is safe.
-// Errors: operator[] throws std::out_of_range at or beyond length(). grow throws what allocating or copying throws
-// and then leaves the vector as it was.
-// Complexity: grow is linear in the length (every element is copied), the rest constant.
+// Purpose: holds the history of one number. Millions are held at once and most have one element, so memory
+// counts for more than the cost of growth. Units and ranges: lengths and positions are unsigned 32-bit.
+// Ownership: owns its elements, in one heap array of exactly length() of them (none when empty). References
+// are valid until the vector grows or ends. Elements are destroyed from the last to the first. Threads: none
+// inside; concurrent const use is safe. Errors: operator[] throws std::out_of_range at or beyond length().
+// grow throws what allocating or copying throws and then leaves the vector as it was. Complexity: grow is
+// linear in the length (every element is copied), the rest constant.
 #pragma once
 
 #include <cstdint>

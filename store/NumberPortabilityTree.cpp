@@ -4,7 +4,8 @@
 
 namespace DAT::NumberPortability {
 
-bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered) {
+bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record,
+                                   bool ordered) {
     if (!isStorable(number))
         return false;
     NumberPortabilityList* history = treeM.search(number, true);
@@ -23,8 +24,8 @@ bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityD
     return true;
 }
 
-bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
-                                   unsigned int method) const {
+bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime const& at,
+                                   NumberPortabilityData& out, unsigned int method) const {
     if (method == BEST_MATCH)
         return searchBestMatch(number, at, out);
     NumberPortabilityList const* const history = treeM.search(number, method == EXACT_MATCH);
@@ -58,7 +59,9 @@ void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
 void NumberPortabilityTree::printTree(std::ostream& out, bool header) const {
     if (header) {
         std::string const rule(59, '-');
-        out << rule << std::endl << "                 Number Portability Data" << std::endl << rule << std::endl;
+        out << rule << std::endl
+            << "                 Number Portability Data" << std::endl
+            << rule << std::endl;
     }
     treeM.printTree(out);
 }

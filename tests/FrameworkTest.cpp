@@ -58,10 +58,20 @@ TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
         bool good;
         unsigned value;
     };
-    for (Case const& c : {Case{"0", true, 0}, {"007", true, 7}, {"4294967295", true, 4294967295U},
-                          {"4294967296", false, 0}, {"99999999999999999999", false, 0}, {"", false, 0},
-                          {"-1", false, 0}, {"-0", false, 0}, {"+1", false, 0}, {" 1", false, 0}, {"1 ", false, 0},
-                          {"x1", false, 0}, {"0x1", false, 0}, {"1.0", false, 0}}) {
+    for (Case const& c : {Case{"0", true, 0},
+                          {"007", true, 7},
+                          {"4294967295", true, 4294967295U},
+                          {"4294967296", false, 0},
+                          {"99999999999999999999", false, 0},
+                          {"", false, 0},
+                          {"-1", false, 0},
+                          {"-0", false, 0},
+                          {"+1", false, 0},
+                          {" 1", false, 0},
+                          {"1 ", false, 0},
+                          {"x1", false, 0},
+                          {"0x1", false, 0},
+                          {"1.0", false, 0}}) {
         unsigned value = 77;
         EXPECT_EQ(BAS::String(c.text).toNum(value), c.good) << c.text;
         EXPECT_EQ(value, c.good ? c.value : 77) << c.text;
@@ -99,14 +109,29 @@ TEST(DateTime, TakesRealInstantsOnly) {
         char const* text;
         bool valid;
     };
-    for (Case const& c : {Case{"00010101000000", true}, {"99991231235959", true}, {"20240229000000", true},
-                          {"20000229000000", true}, {"19000229000000", false}, {"20230229000000", false},
-                          {"00000101000000", false}, {"20240001000000", false}, {"20241301000000", false},
-                          {"20240100000000", false}, {"20240132000000", false}, {"20240431000000", false},
-                          {"20240101240000", false}, {"20240101006000", false}, {"20240101000060", false},
-                          {"", false}, {"2024010100000", false}, {"202401010000000", false},
-                          {"2024010100000x", false}, {"+2024010100000", false}, {" 2024010100000", false},
-                          {"2024-01-01 000", false}, {"UNKNOWN", false}}) {
+    for (Case const& c : {Case{"00010101000000", true},
+                          {"99991231235959", true},
+                          {"20240229000000", true},
+                          {"20000229000000", true},
+                          {"19000229000000", false},
+                          {"20230229000000", false},
+                          {"00000101000000", false},
+                          {"20240001000000", false},
+                          {"20241301000000", false},
+                          {"20240100000000", false},
+                          {"20240132000000", false},
+                          {"20240431000000", false},
+                          {"20240101240000", false},
+                          {"20240101006000", false},
+                          {"20240101000060", false},
+                          {"", false},
+                          {"2024010100000", false},
+                          {"202401010000000", false},
+                          {"2024010100000x", false},
+                          {"+2024010100000", false},
+                          {" 2024010100000", false},
+                          {"2024-01-01 000", false},
+                          {"UNKNOWN", false}}) {
         BAS::DateTime const when{BAS::String(c.text)};
         EXPECT_EQ(when.isValid(), c.valid) << c.text;
         EXPECT_EQ(when.seconds() < BAS::DateTime::invalidSecsCM, c.valid) << c.text;
@@ -303,7 +328,8 @@ TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
     EXPECT_EQ(log.reports[0].arguments()[0].str(), file);
     EXPECT_NE(log.reports[0].arguments()[1].str().find("File too large"), std::string::npos);
 
-    for (std::string const& name : {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
+    for (std::string const& name :
+         {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
         EXPECT_FALSE(write(name, "x")) << name;
     EXPECT_EQ(log.reports.size(), 5U);
     EXPECT_EQ(leftovers(1), 0U);
@@ -373,19 +399,22 @@ TEST(Thread, StopEndsItWhateverItDoes) {
     Case const cases[] = {
         {"returns", [](BAS::Thread&) {}},
         {"throws", [](BAS::Thread&) { throw std::runtime_error("ends the thread only"); }},
-        {"sleeps", [](BAS::Thread& self) {
+        {"sleeps",
+         [](BAS::Thread& self) {
              for (;;) {
                  self.serviceCancellation();
                  self.sleep(3'600'000);
              }
          }},
-        {"is interrupted", [](BAS::Thread& self) {
+        {"is interrupted",
+         [](BAS::Thread& self) {
              self.interrupt();
              self.serviceInterrupt();
              self.serviceCancellation();
              FAIL() << "passed a cancellation";
          }},
-        {"swallows the cancellation", [](BAS::Thread& self) {
+        {"swallows the cancellation",
+         [](BAS::Thread& self) {
              for (int i = 0; i < 3; ++i)
                  try {
                      for (;;) {

@@ -1,4 +1,5 @@
-// The plug-in through the real module: configuration, life cycle, run-time updates, probes, and all of it at once.
+// The plug-in through the real module: configuration, life cycle, run-time updates, probes, and all of it at
+// once.
 #include "tests/LoadedPlugIn.h"
 
 #include <atomic>
@@ -60,12 +61,15 @@ TEST_F(Configuration, TakesTheSearchMethodAsAnUnsignedNumber) {
         char const* answer; // of a number stored under 0044171 and 00441712, at an instant when both hold
         std::string error;
     };
-    for (Case const& c :
-         {Case{"0", "B", ""}, {"1", "-", ""}, {"2", "A", ""}, {"7", "B", ""}, {"4294967295", "B", ""},
-          {"x1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, x1"},
-          {"4294967296", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, 4294967296"},
-          {"-1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, -1"},
-          {"", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod"}}) {
+    for (Case const& c : {Case{"0", "B", ""},
+                          {"1", "-", ""},
+                          {"2", "A", ""},
+                          {"7", "B", ""},
+                          {"4294967295", "B", ""},
+                          {"x1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, x1"},
+                          {"4294967296", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, 4294967296"},
+                          {"-1", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod, -1"},
+                          {"", "", "ERR_REG_VALUE_INVALID(5): NP.SearchMethod"}}) {
         SCOPED_TRACE(c.value);
         unset("SearchMethod");
         set("SearchMethod", c.value);
@@ -82,7 +86,8 @@ TEST_F(Configuration, TakesTheSearchMethodAsAnUnsignedNumber) {
 }
 
 TEST_F(Configuration, ChecksThatTheDataFileOpens) {
-    for (std::string const& name : {folder.file("missing"), folder.path().string(), std::string("/dev/null")}) {
+    for (std::string const& name :
+         {folder.file("missing"), folder.path().string(), std::string("/dev/null")}) {
         unset("FileName");
         set("FileName", name);
         EXPECT_FALSE(create().isValid());
@@ -204,8 +209,8 @@ TEST_F(LifeCycle, ClosesTheFileOfALastCheckWhenDestroyed) {
 TEST_F(Update, Reloads) {
     createInitialised();
     folder.write("main", "0172 20200101000000 C\n");
-    Entries const reports{"INF_RELOAD_DATA(1): NP",        "INF_FILE_OPENED(1): " + file,
-                          "INF_FILE_OPENED(1): " + file,   "INF_DELETE_OLD_DATA(1): NP",
+    Entries const reports{"INF_RELOAD_DATA(1): NP",       "INF_FILE_OPENED(1): " + file,
+                          "INF_FILE_OPENED(1): " + file,  "INF_DELETE_OLD_DATA(1): NP",
                           "INF_NUM_NPORT_RELOADED(1): 1", "EVT::RELOAD_SUCCESSFUL"};
     for (char const* value : {"", "TRUE", "FALSE"}) {
         EXPECT_EQ(update({{"Reload", value}}), "true handled");
@@ -221,12 +226,14 @@ TEST_F(Update, RefusesWhatContradictsOrIsInvalid) {
     createInitialised();
     EXPECT_EQ(update({{"Reload", ""}, {"AdditionalNumPortData", file}, {"PrintData", folder.file("out")}}),
               "false handled");
-    EXPECT_EQ(journal.take(), Entries{"ERR_INVALID_REG_ENTRIES(5): Both 'Reload' and 'AdditionalNumPortData' can not "
-                                      "be specified in update registry."});
+    EXPECT_EQ(journal.take(),
+              Entries{"ERR_INVALID_REG_ENTRIES(5): Both 'Reload' and 'AdditionalNumPortData' can not "
+                      "be specified in update registry."});
     for (auto const& [value, upper] : {std::pair{"maybe", "MAYBE"}, {"true ", "TRUE "}, {"", ""}}) {
         EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", value}, {"PrintData", folder.file("out")}}),
                   "false handled");
-        EXPECT_EQ(journal.take(), Entries{"ERR_INVALID_REG_VALUE(5): " + std::string(upper) + ", ReuseOnFailure"});
+        EXPECT_EQ(journal.take(),
+                  Entries{"ERR_INVALID_REG_VALUE(5): " + std::string(upper) + ", ReuseOnFailure"});
     }
     EXPECT_FALSE(std::filesystem::exists(folder.file("out")));
     EXPECT_EQ(update({{"ReuseOnFailure", "maybe"}}), "true not handled");
@@ -243,8 +250,9 @@ TEST_F(Update, AFailedReloadLeavesTheOldDataAndTheChoiceOfUsability) {
     EXPECT_EQ(journal.take(), reports);
     EXPECT_TRUE(plugIn->isUsable());
     EXPECT_TRUE(std::filesystem::exists(folder.file("printed")));
-    EXPECT_EQ(update({{"Reload", ""}, {"ReuseOnFailure", "fAlse"}, {"PrintData", folder.file("not printed")}}),
-              "false handled");
+    EXPECT_EQ(
+        update({{"Reload", ""}, {"ReuseOnFailure", "fAlse"}, {"PrintData", folder.file("not printed")}}),
+        "false handled");
     EXPECT_EQ(journal.take(), reports);
     EXPECT_FALSE(plugIn->isUsable());
     EXPECT_FALSE(std::filesystem::exists(folder.file("not printed")));
@@ -304,7 +312,8 @@ TEST_F(Probe, Reloads) {
                                             "INF_NUM_NPORT_RELOADED(1): 1", "EVT::RELOAD_SUCCESSFUL"}));
     }
     folder.write("main", "");
-    Entries const failed{"INF_FILE_OPENED(1): " + file, "ERR_NUM_PORT_RELOAD(4): " + file, "EVT::RELOAD_FAILED"};
+    Entries const failed{"INF_FILE_OPENED(1): " + file, "ERR_NUM_PORT_RELOAD(4): " + file,
+                         "EVT::RELOAD_FAILED"};
     for (char const* value : {"FALSE", "fAlSe"}) {
         EXPECT_TRUE(probe("reload", value));
         EXPECT_EQ(journal.take(3), failed);
@@ -327,20 +336,23 @@ TEST_F(Probe, Reloads) {
 
 TEST_F(Probe, LoadsADelta) {
     createInitialised();
-    std::string const added = folder.write("Delta", "0173 20200101000000 C\n0174 20200101000000 D\n0175 1 X\n");
+    std::string const added =
+        folder.write("Delta", "0173 20200101000000 C\n0174 20200101000000 D\n0175 1 X\n");
     EXPECT_TRUE(probe("deltaLoad", added));
     Entries const made = journal.take(5);
     EXPECT_EQ(made[3], "INF_NUM_NPORT_ADDED(1): 2 : " + added);
     EXPECT_EQ(made[4], "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL");
     folder.write("Delta", "");
     EXPECT_TRUE(probe("deltaLoad", added));
-    EXPECT_EQ(journal.take(2), (Entries{"INF_FILE_OPENED(1): " + added, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}));
+    EXPECT_EQ(journal.take(2),
+              (Entries{"INF_FILE_OPENED(1): " + added, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}));
     std::string const pipe = folder.file("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     for (std::string const& bad : {folder.file("missing"), folder.path().string(), pipe}) {
         EXPECT_TRUE(probe("deltaLoad", bad));
-        EXPECT_EQ(journal.take(3), (Entries{"ERR_FILE_NOT_FOUND(4): " + bad, "ERR_NUM_PORT_DELTALOAD(4): " + bad,
-                                            "EVT::ADD_NUM_PORT_DATA_FAILED"}));
+        EXPECT_EQ(journal.take(3),
+                  (Entries{"ERR_FILE_NOT_FOUND(4): " + bad, "ERR_NUM_PORT_DELTALOAD(4): " + bad,
+                           "EVT::ADD_NUM_PORT_DATA_FAILED"}));
     }
     EXPECT_EQ(answer("0044174"), "D");
 }
@@ -397,7 +409,8 @@ TEST_F(Probe, StopsAWorkerThatWritesToAPipeNobodyEmpties) {
     close(reader);
 }
 
-// Updates, probes, prints, counts and look-ups at once: every load's reports stand together, and nothing is lost.
+// Updates, probes, prints, counts and look-ups at once: every load's reports stand together, and nothing is
+// lost.
 TEST_F(LifeCycle, ServesEveryoneAtOnce) {
     createInitialised();
     folder.write("delta", "0173 20200101000000 C\n");

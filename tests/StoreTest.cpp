@@ -1,4 +1,5 @@
-// The store: records and histories, the trie against a naive model, the number tree and its three search methods.
+// The store: records and histories, the trie against a naive model, the number tree and its three search
+// methods.
 #include "store/NumberPortabilityTree.h"
 
 #include <gtest/gtest.h>
@@ -117,10 +118,14 @@ TEST(History, FindsTheRecordThatHoldsAtAnInstant) {
     for (auto const& [date, network] :
          {std::pair{"20050101000000", "N05"}, {"20100101000000", "N10"}, {"20080301000000", "N08"}})
         ASSERT_TRUE(history.insertAt(record(date, network)));
-    for (auto const& [instant, network] :
-         {std::pair{"20041231235959", "-"}, {"20050101000000", "N05"}, {"20080229235959", "N05"},
-          {"20080301000000", "N08"}, {"20090701000000", "N08"}, {"20091231235959", "N08"},
-          {"20100101000000", "N10"}, {"99991231235959", "N10"}})
+    for (auto const& [instant, network] : {std::pair{"20041231235959", "-"},
+                                           {"20050101000000", "N05"},
+                                           {"20080229235959", "N05"},
+                                           {"20080301000000", "N08"},
+                                           {"20090701000000", "N08"},
+                                           {"20091231235959", "N08"},
+                                           {"20100101000000", "N10"},
+                                           {"99991231235959", "N10"}})
         EXPECT_EQ(networkAt(history, instant), network) << instant;
     NumberPortabilityData untouched = record("19990101000000", "before");
     EXPECT_FALSE(history.search(at("20000101000000"), untouched));
@@ -164,10 +169,17 @@ TEST(Trie, AnswersItsThreeQuestions) {
         int exact, shortest;
         std::vector<int> prefixes; // longest first
     };
-    for (Case const& c : {Case{"00441711234567", 3, 1, {3, 2, 1}}, {"+0044 171-1234567x", 3, 1, {3, 2, 1}},
-                          {"004417112345678", -1, 1, {3, 2, 1}}, {"0044171", 2, 1, {2, 1}},
-                          {"0044171123", -1, 1, {2, 1}}, {"0044", 1, 1, {1}}, {"00", -1, -1, {}},
-                          {"0043", -1, -1, {}}, {"1", -1, -1, {}}, {"", -1, -1, {}}, {"abc", -1, -1, {}}}) {
+    for (Case const& c : {Case{"00441711234567", 3, 1, {3, 2, 1}},
+                          {"+0044 171-1234567x", 3, 1, {3, 2, 1}},
+                          {"004417112345678", -1, 1, {3, 2, 1}},
+                          {"0044171", 2, 1, {2, 1}},
+                          {"0044171123", -1, 1, {2, 1}},
+                          {"0044", 1, 1, {1}},
+                          {"00", -1, -1, {}},
+                          {"0043", -1, -1, {}},
+                          {"1", -1, -1, {}},
+                          {"", -1, -1, {}},
+                          {"abc", -1, -1, {}}}) {
         EXPECT_EQ(numberOf(trie.search(c.key, true)), c.exact) << c.key;
         EXPECT_EQ(numberOf(trie.search(c.key, false)), c.shortest) << c.key;
         EXPECT_EQ(found(trie, c.key), c.prefixes) << c.key;
@@ -234,7 +246,8 @@ TEST(Trie, IsAsDeepAsMemoryAllows) {
     EXPECT_EQ(Value::alive, 0);
 }
 
-// Generated operations against a map from digit strings, with separators in the keys and keys inside each other.
+// Generated operations against a map from digit strings, with separators in the keys and keys inside each
+// other.
 TEST(Trie, AgreesWithANaiveModel) {
     unsigned const seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -263,13 +276,15 @@ TEST(Trie, AgreesWithANaiveModel) {
                     paths.insert(digits.substr(0, length));
             }
             auto const exact = model.find(digits);
-            ASSERT_EQ(numberOf(trie.search(BAS::String(text), true)), exact == model.end() ? -1 : exact->second);
+            ASSERT_EQ(numberOf(trie.search(BAS::String(text), true)),
+                      exact == model.end() ? -1 : exact->second);
             std::vector<int> prefixes; // longest first
             for (std::size_t length = digits.size(); length > 0; --length)
                 if (auto const prefix = model.find(digits.substr(0, length)); prefix != model.end())
                     prefixes.push_back(prefix->second);
             ASSERT_EQ(found(trie, text), prefixes);
-            ASSERT_EQ(numberOf(trie.search(BAS::String(text), false)), prefixes.empty() ? -1 : prefixes.back());
+            ASSERT_EQ(numberOf(trie.search(BAS::String(text), false)),
+                      prefixes.empty() ? -1 : prefixes.back());
         }
         std::string listing;
         for (auto const& [digits, number] : model)
@@ -305,9 +320,12 @@ TEST_F(NumberTree, ResolvesByEachMethod) {
                           {"00441711234567", "20080301000000", "NET02", "NET02", "NET01"},
                           {"00441711234567", "20080229235959", "NET01", "-", "NET01"},
                           {"00441719999999", "20090101000000", "NET01", "-", "NET01"},
-                          {"0044", "20090101000000", "-", "-", "-"}, {"", "20090101000000", "-", "-", "-"}}) {
-        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::BEST_MATCH), c.best) << c.number << c.instant;
-        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::EXACT_MATCH), c.exact) << c.number << c.instant;
+                          {"0044", "20090101000000", "-", "-", "-"},
+                          {"", "20090101000000", "-", "-", "-"}}) {
+        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::BEST_MATCH), c.best)
+            << c.number << c.instant;
+        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::EXACT_MATCH), c.exact)
+            << c.number << c.instant;
         for (unsigned const method : {2U, 3U, 77U, 4294967295U})
             EXPECT_EQ(answer(c.number, c.instant, method), c.shortest) << c.number << c.instant << method;
     }
@@ -325,7 +343,8 @@ TEST_F(NumberTree, RefusesDuplicatesAndNumbersWithoutDigits) {
     EXPECT_FALSE(tree.insert("abc", record("20080301000000", "OTHER"), false));
     EXPECT_EQ(tree.entries(), 2U);
     EXPECT_EQ(answer("00441711234567", "20090101000000", 0), "NET02");
-    EXPECT_TRUE(tree.insert("00441711234567", record("20080301000000", "OTHER"), false)) << "unordered appends";
+    EXPECT_TRUE(tree.insert("00441711234567", record("20080301000000", "OTHER"), false))
+        << "unordered appends";
     EXPECT_EQ(tree.entries(), 3U);
 }
 

@@ -11,7 +11,8 @@ constexpr std::size_t digitsInText = 14;
 constexpr unsigned secondsPerDay = 86400;
 constexpr unsigned daysPer400Years = 146097;
 
-// Years are counted from March, so that the leap day ends its year and month lengths repeat every five months.
+// Years are counted from March, so that the leap day ends its year and month lengths repeat every five
+// months.
 constexpr std::uint64_t marchToJanuary = 306; // days from 0000-03-01 to 0001-01-01
 
 struct Civil {
@@ -124,9 +125,8 @@ DateTime DateTime::now() noexcept {
     constexpr std::uint64_t unixEpoch = daysSinceYearOne(1970, 1, 1) * secondsPerDay;
     auto const sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
     DateTime result;
-    result.secondsM =
-        unixEpoch +
-        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
+    result.secondsM = unixEpoch + static_cast<std::uint64_t>(
+                                      std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
     return result;
 }
 

@@ -1,4 +1,5 @@
-// BAS::InstrumentationProbe: base of everything that the instrumentation facility shows, and the list of probes.
+// BAS::InstrumentationProbe: base of everything that the instrumentation facility shows, and the list of
+// probes.
 //
 // Purpose: a probe has a name and a description; an operator finds it by its name.
 // Ownership: a probe owns its texts; a list borrows its probes.

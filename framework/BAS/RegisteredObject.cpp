@@ -72,8 +72,8 @@ bool RegisteredObject::registryUpdate(RegistryEntry const*, ProtectedBool&) {
     return true;
 }
 
-bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry* own, String const& key, bool& flag,
-                                      String const& identifier, ProtectedBool& updateHandled) {
+bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry* own, String const& key,
+                                      bool& flag, String const& identifier, ProtectedBool& updateHandled) {
     RegistryEntry const* const entry = update->find(key);
     if (entry == nullptr)
         return true;

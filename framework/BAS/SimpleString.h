@@ -2,12 +2,12 @@
 //
 // Purpose: the network identifier of a record. Millions of them are held at once, so a text of up to seven
 // characters lies in the object itself; a longer one has one heap block of its own.
-// Layout: the last byte tells which. 0 ends an inline text of seven characters or less; heapTagCM marks a pointer
-// to a heap text in the other seven bytes (addresses of this platform, x86-64, leave the top byte unused).
-// Ownership: owns its text. c_str() stays valid until the object changes, moves or ends.
-// Threads: none inside; concurrent const use is safe.
-// Errors: throws std::bad_alloc when memory for a longer text runs out; a failed assignment changes nothing.
-// Complexity: linear in the text's length; an inline text is copied as one word.
+// Layout: the last byte tells which. 0 ends an inline text of seven characters or less; heapTagCM marks a
+// pointer to a heap text in the other seven bytes (addresses of this platform, x86-64, leave the top byte
+// unused). Ownership: owns its text. c_str() stays valid until the object changes, moves or ends. Threads:
+// none inside; concurrent const use is safe. Errors: throws std::bad_alloc when memory for a longer text runs
+// out; a failed assignment changes nothing. Complexity: linear in the text's length; an inline text is copied
+// as one word.
 #pragma once
 
 #include <cstring>

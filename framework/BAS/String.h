@@ -1,11 +1,11 @@
 // BAS::String: the framework's text type.
 //
-// Purpose: every number, dialling code, registry key and value, file name and report argument is one. A string is a
-// sequence of bytes; NUL and bytes above 127 are ordinary characters. Nothing here depends on the locale.
-// Ownership: owns its bytes. data() and view() stay valid until the string changes or ends.
-// Threads: none inside; concurrent const use is safe.
-// Errors: operations that build text throw std::bad_alloc when memory runs out and then change nothing.
-// Complexity: linear in the length where text is read or built, else constant.
+// Purpose: every number, dialling code, registry key and value, file name and report argument is one. A
+// string is a sequence of bytes; NUL and bytes above 127 are ordinary characters. Nothing here depends on the
+// locale. Ownership: owns its bytes. data() and view() stay valid until the string changes or ends. Threads:
+// none inside; concurrent const use is safe. Errors: operations that build text throw std::bad_alloc when
+// memory runs out and then change nothing. Complexity: linear in the length where text is read or built, else
+// constant.
 #pragma once
 
 #include "framework/RW/RWTValOrderedVector.h"
@@ -21,8 +21,8 @@ namespace BAS {
 class String {
   public:
     String() noexcept = default;
-    String(char const* text) : textM(text) {}                                 // NOLINT(google-explicit-constructor)
-    String(std::string text) noexcept : textM(std::move(text)) {}             // NOLINT(google-explicit-constructor)
+    String(char const* text) : textM(text) {}                     // NOLINT(google-explicit-constructor)
+    String(std::string text) noexcept : textM(std::move(text)) {} // NOLINT(google-explicit-constructor)
     explicit String(std::string_view text) : textM(text) {}
 
     std::size_t length() const noexcept { return textM.size(); }
@@ -42,8 +42,8 @@ class String {
     // ASCII letters in upper case; every other byte stays.
     String upper() const;
 
-    // The words between separators: blank, tab, carriage return, vertical tab, form feed and newline. Separators at
-    // either end and runs of them give no empty words.
+    // The words between separators: blank, tab, carriage return, vertical tab, form feed and newline.
+    // Separators at either end and runs of them give no empty words.
     RWTValOrderedVector<String> split() const;
 
     // The text as an unsigned decimal number: one digit or more, nothing else (no sign, no blank), at most

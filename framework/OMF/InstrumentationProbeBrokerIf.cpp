@@ -31,8 +31,8 @@ void InstrumentationProbeBrokerIf::installFolder(BAS::String const& name) {
     folder() = name;
 }
 
-bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requester, BAS::String const& fileName,
-                                                     ProbeInfoMap& infos) {
+bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requester,
+                                                     BAS::String const& fileName, ProbeInfoMap& infos) {
     std::string const path = folder().str() + "/" + fileName.str();
     std::string reason;
     try {

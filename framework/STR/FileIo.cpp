@@ -24,8 +24,8 @@ namespace {
 constexpr std::size_t bufferSize = 256UL * 1024;
 constexpr int pollMilliseconds = 100; // how often a blocked writer looks for its cancellation
 
-// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file could be
-// truncated under what the process has written to it already.
+// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file
+// could be truncated under what the process has written to it already.
 int ownDescriptor(std::string_view name) {
     if (name == "/dev/stdout")
         return STDOUT_FILENO;
@@ -50,7 +50,8 @@ std::string folderOf(std::string const& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Follows symbolic links, the last of which may name a file that is not there yet, as far as an own descriptor.
+// Follows symbolic links, the last of which may name a file that is not there yet, as far as an own
+// descriptor.
 std::string followLinks(std::string path) {
     constexpr int mostLinks = 40; // as the kernel's own limit
     for (int i = 0; i < mostLinks && ownDescriptor(path) < 0; ++i) {
@@ -215,8 +216,8 @@ int FileIo::createBeside(std::string const& target) {
     }
     int descriptor = -1;
     do {
-        temporaryM = folderOf(target) + "/." + name.substr(0, mostOfName) + "." + std::to_string(getpid()) + "-" +
-                     std::to_string(files.fetch_add(1)) + ".tmp";
+        temporaryM = folderOf(target) + "/." + name.substr(0, mostOfName) + "." + std::to_string(getpid()) +
+                     "-" + std::to_string(files.fetch_add(1)) + ".tmp";
         descriptor = open(temporaryM.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0)
@@ -233,7 +234,8 @@ bool FileIo::closeFile() {
     if (!reportedM) {
         reportedM = true;
         BAS::Status status;
-        status.set("STR::FileIo", "ERR_WRITE_FILE", BAS::Status::MAJOR, BAS::Status::Arguments{fileNameM, failureM});
+        status.set("STR::FileIo", "ERR_WRITE_FILE", BAS::Status::MAJOR,
+                   BAS::Status::Arguments{fileNameM, failureM});
         BAS::RegisteredObject::writeLog(status);
     }
     return false;
