@@ -1,5 +1,4 @@
-// Load, reload and delta load: build in the standby tree outside the lock, exchange inside it, refill outside
-// it.
+// Load, reload and delta load: build in the standby tree outside the lock, exchange inside it, refill outside it.
 #include "cache/CacheManager.h"
 #include "cache/LineStore.h"
 #include "cache/OwnerServices.h"
@@ -53,8 +52,7 @@ void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
         BAS::DateTime const oldest = history.record(length - 1).validFromM;
         if (summary.numbers == 1 || newest > summary.latest)
             summary.latest = newest;
-        summary.earliest =
-            std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
+        summary.earliest = std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
     });
     for (auto const& [network, records] : networks)
         summary.networks.emplace_back(BAS::String(network), records);
@@ -94,6 +92,7 @@ bool CacheManager::load() {
         insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
     });
     standbyCompleteM = true;
+    mainFileLoadedM = end != ReadEnd::ERROR;
     switch (end) {
     case ReadEnd::ERROR:
         return readError(dataFileIoM);
@@ -137,6 +136,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     }
 
     exchangeTrees();
+    mainFileLoadedM = true;
     standbyTreeM->clearAndDestroy();
     refillStandby(lines, dataFileIoM);
 
@@ -149,6 +149,10 @@ bool CacheManager::reload(bool reuseOnFailure) {
 bool CacheManager::cacheDeltaLoad(BAS::String const& fileName) {
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
         return false;
+    if (!mainFileLoadedM) { // the rewritten main file would lack what was never read from it
+        report("ERR_MAIN_DATA_NOT_LOADED", BAS::Status::CRITICAL, dataFileNameM);
+        return false;
+    }
     try {
         return deltaLoad(fileName);
     } catch (...) {
@@ -209,8 +213,8 @@ bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject)
     return closeMainReader();
 }
 
-bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number,
-                               bool ordered, STR::FileIoTurbo& reader) {
+bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
+                               STR::FileIoTurbo& reader) {
     return isAccepted(insertLine(*tree, line, number, ordered, reader));
 }
 
@@ -230,12 +234,13 @@ void CacheManager::exchangeTrees() {
     activeTreeM.swap(standbyTreeM);
 }
 
-// Feeds the former active tree the lines that the now active one was given.
-void CacheManager::refillStandby(LineStore const& lines, STR::FileIoTurbo& reader) {
+// Feeds the former active tree the lines that the now active one was given, and drops them.
+void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
     lines.visit([&](BAS::String const& line, unsigned long number) {
         insertCache(standbyTreeM.get(), line, number, true, reader);
     });
     standbyCompleteM = true;
+    lines.clear();
 }
 
 void CacheManager::restoreStandby() {
@@ -243,8 +248,8 @@ void CacheManager::restoreStandby() {
     standbyCompleteM = true;
 }
 
-// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even
-// that fails, the next delta load tries again before it uses the tree.
+// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even that fails,
+// the next delta load tries again before it uses the tree.
 void CacheManager::abandonStandby() noexcept {
     if (standbyCompleteM)
         return;
@@ -258,8 +263,7 @@ void CacheManager::abandonStandby() noexcept {
     }
 }
 
-// Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the
-// writer.
+// Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the writer.
 void CacheManager::rewriteMainFile() {
     STR::FileIo file(dataFileNameM, std::ios_base::out);
     NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
@@ -274,8 +278,7 @@ bool CacheManager::closeMainReader() {
     return false;
 }
 
-void CacheManager::report(char const* identifier, BAS::Status::Severity severity,
-                          BAS::String const& argument) {
+void CacheManager::report(char const* identifier, BAS::Status::Severity severity, BAS::String const& argument) {
     OwnerServices::report(*plugInM, identifier, severity, BAS::Status::Arguments{argument});
 }
 

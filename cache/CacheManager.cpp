@@ -14,13 +14,12 @@ CacheManager::CacheManager(PlugIn* plugIn, BAS::String const& nationalAccessCode
     : dataFileNameM(dataFileName), nationalAccessCodeM(nationalAccessCode),
       internationalAccessCodeM(internationalAccessCode), countryCodeM(countryCode),
       internationalAccessCodeSignM(internationalAccessCodeSign), numberOfColumnsM(numberOfColumns),
-      activeTreeM(std::make_unique<NumberPortabilityTree>()),
-      standbyTreeM(std::make_unique<NumberPortabilityTree>()), plugInM(plugIn) {}
+      activeTreeM(std::make_unique<NumberPortabilityTree>()), standbyTreeM(std::make_unique<NumberPortabilityTree>()),
+      plugInM(plugIn) {}
 
 CacheManager::CacheManager(PlugIn* plugIn)
-    : nationalAccessCodeM(BAS::NULL_STRING), internationalAccessCodeM(BAS::NULL_STRING),
-      countryCodeM(BAS::NULL_STRING), internationalAccessCodeSignM(BAS::NULL_STRING), numberOfColumnsM(0),
-      plugInM(plugIn) {}
+    : nationalAccessCodeM(BAS::NULL_STRING), internationalAccessCodeM(BAS::NULL_STRING), countryCodeM(BAS::NULL_STRING),
+      internationalAccessCodeSignM(BAS::NULL_STRING), numberOfColumnsM(0), plugInM(plugIn) {}
 
 CacheManager::~CacheManager() {
     activeTreeM.reset(); // in this order: first the active tree, then the standby tree
@@ -46,6 +45,9 @@ void CacheManager::print(std::ostream& out, bool header) {
 
 bool CacheManager::printData(BAS::String const& target) {
     if (target == BAS::NULL_STRING) {
+        static BAS::Mutex console; // one listing after the other
+        BAS::MutexGuard const guard(console);
+        std::cout.clear(); // a console that failed once may be there again
         print(std::cout, true);
         return true;
     }

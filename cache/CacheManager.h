@@ -1,30 +1,26 @@
-// DAT::NumberPortability::CacheManager: holds the portability data and keeps them current while look-ups go
-// on.
+// DAT::NumberPortability::CacheManager: holds the portability data and keeps them current while look-ups go on.
 //
-// Purpose: owns two trees that hold the same records between operations. Look-ups, counts and prints read the
-// active one. A reload or a delta load fills the standby one, exchanges the two, and brings the other to the
-// same state by parsing the same lines again; after a delta load the merged data replace the main data file.
+// Purpose: owns two trees that hold the same records between operations. Look-ups, counts and prints read the active
+// one. A reload or a delta load fills the standby one, exchanges the two, and brings the other to the same state by
+// parsing the same lines again; after a delta load the merged data replace the main data file.
 //
-// Ownership: owns both trees (always two distinct objects), the readers and the lock. The plug-in and the
-// four dialling codes are borrowed: the plug-in owns the cache manager and outlives it, the codes never
-// change after construction.
+// Ownership: owns both trees (always two distinct objects), the readers and the lock. The plug-in and the four dialling
+// codes are borrowed: the plug-in owns the cache manager and outlives it, the codes never change after construction.
 //
 // Threads:
-// - load, cacheReload, cacheDeltaLoad and examine: one at a time, the caller sees to it. Only the thread that
-// runs one
+// - load, cacheReload, cacheDeltaLoad and examine: one at a time, the caller sees to it. Only the thread that runs one
 //   of them touches the standby tree, the readers and the line parser.
 // - search, numOfEntries, print and printData: any thread, at any time after load, also during a reload.
-// - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the
-// exchange and
-//   the count as writers; see RWReadersWriterLock.h for how long each can wait. No report is made and no tree
-//   is filled or freed under it.
+// - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
+//   and the count as writers; RWReadersWriterLock.h says how long each can wait. No report is made and no tree is
+//   filled or freed under it.
 //
-// Errors: operations return false as said below and report through the plug-in. Bad lines are reported and
-// skipped (twice, once per tree). std::bad_alloc travels: the active tree then still serves what it served,
-// or the new data if the exchange was done, and the standby tree is repaired before it is used again.
+// Errors: operations return false as said below and report through the plug-in. Bad lines are reported and skipped,
+// once per tree that they are parsed into: twice in a load that is adopted. std::bad_alloc travels: the active tree
+// then still serves what it served, or the new data if the exchange was done, and the standby tree is repaired before
+// it is used again.
 //
-// Complexity: loads are linear in the file and hold every record twice and, for the time of a reload, every
-// line once.
+// Complexity: loads are linear in the file and hold every record twice and, for the time of a reload, every line once.
 #pragma once
 
 #include "cache/DataSummary.h"
@@ -47,57 +43,55 @@ class PlugIn;
 class CacheManager {
   public:
     // Copies the file name, binds the codes, creates two empty trees.
-    CacheManager(PlugIn* plugIn, BAS::String const& nationalAccessCode,
-                 BAS::String const& internationalAccessCode, BAS::String const& countryCode,
-                 BAS::String const& internationalAccessCodeSign, unsigned int numberOfColumns,
-                 BAS::String const& dataFileName);
-    // Without codes, columns and trees: every operation on it fails and none touches data.
+    CacheManager(PlugIn* plugIn, BAS::String const& nationalAccessCode, BAS::String const& internationalAccessCode,
+                 BAS::String const& countryCode, BAS::String const& internationalAccessCodeSign,
+                 unsigned int numberOfColumns, BAS::String const& dataFileName);
+    // Without codes, columns and trees, for a plug-in that never serves: loads, look-ups and line parsing fail.
     explicit CacheManager(PlugIn* plugIn);
     CacheManager(CacheManager const&) = delete;
     CacheManager& operator=(CacheManager const&) = delete;
     virtual ~CacheManager();
 
-    // First load of the main data file, into both trees, before look-ups begin. False when the file check
-    // fails or a read error ends the file early ("ERR_FILE_READ_ERR"); what was read then stays.
+    // First load of the main data file, into both trees, before look-ups begin. False when the file check fails or a
+    // read error ends the file early ("ERR_FILE_READ_ERR"); what was read then stays.
     bool load();
 
-    // Full reload of the main data file. False, with the old data still active, when the file check fails,
-    // when a read error ends the file early, or when `reuseOnFailure` is false and the new data count as
-    // failed: the last line decides, rejected for its form or not, and a file without lines counts as failed.
-    // False with the new data active when the file does not close ("ERR_CLOSE_NP_FILE").
+    // Full reload of the main data file. False, with the old data still active, when the file check fails, when a
+    // read error ends the file early, or when `reuseOnFailure` is false and the new data count as failed: the last
+    // line decides, rejected for its form or not, and a file without lines counts as failed. False with the new data
+    // active when the file does not close ("ERR_CLOSE_NP_FILE").
     bool cacheReload(bool const& reuseOnFailure);
 
-    // Adds the named file's records and replaces the main data file by the merged data. False when the file
-    // check fails or a read error ends the file early (nothing is then adopted or written), and when the main
-    // reader does not close.
+    // Adds the named file's records and replaces the main data file by the merged data. False when the file check
+    // fails or a read error ends the file early (nothing is then adopted or written), when the main file has never been
+    // read to its end ("ERR_MAIN_DATA_NOT_LOADED": rewriting would lose what is in it), and when the main reader does
+    // not close.
     bool cacheDeltaLoad(BAS::String const& fileName);
 
-    // Reads the main data file as a load would, into a tree of its own that nobody searches. False when the
-    // file check fails or a read error ends the file early; the summary then covers what was read.
+    // Reads the main data file as a load would, into a tree of its own that nobody searches. False when the file
+    // check fails or a read error ends the file early; the summary then covers what was read.
     bool examine(DataSummary& summary, RejectObserver const& onReject);
 
-    // Parses one line into `tree` and reports what is wrong with it under the reader's file name. False when
-    // the line was rejected for its form; true when it was inserted, and also when it was a duplicate.
+    // Parses one line into `tree` and reports what is wrong with it under the reader's file name. False when the line
+    // was rejected for its form; true when it was inserted, and also when it was a duplicate.
     bool insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
                      STR::FileIoTurbo& reader);
 
-    // Rewrites a number into stored form: international access code, country code, national number. The first
-    // rule that applies decides: an empty number becomes international access code and country code; the
-    // international sign in front becomes the international access code; a number with the international
-    // access code in front stays; a national access code in front becomes international access code and
-    // country code; anything else gets these two in front. An empty code stands in front of every number. On
-    // std::bad_alloc the number is unchanged.
+    // Rewrites a number into stored form: international access code, country code, national number. The first rule
+    // that applies decides: an empty number becomes international access code and country code; the international
+    // sign in front becomes the international access code; a number with the international access code in front
+    // stays; a national access code in front becomes international access code and country code; anything else gets
+    // these two in front. An empty code stands in front of every number. On std::bad_alloc the number is unchanged.
     void normalize(BAS::String& number) const;
 
     // Look-up in the active tree (see NumberPortabilityTree); the number is not normalised.
-    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
-                unsigned int method);
+    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
 
     // Records in the active tree.
     std::uint32_t numOfEntries();
 
-    // Prints the active tree with the heading to the console (empty target) or to the named file. Always
-    // true; a file that cannot be written is told to the framework's log.
+    // Prints the active tree with the heading to the console (empty target) or to the named file. Always true; a file
+    // that cannot be written is told to the framework's log.
     bool printData(BAS::String const& target);
 
     // Prints the active tree to a stream. The exchange of a reload waits for it, look-ups do not.
@@ -109,13 +103,12 @@ class CacheManager {
     // How the reading of a file ended.
     enum class ReadEnd { END_AT_READ, END_BEFORE_READ, ERROR };
 
-    // Hands every line of the open reader to take(line, number), numbered from 1. The one reading loop of all
-    // loads.
+    // Hands every line of the open reader to take(line, number), numbered from 1. The one reading loop of all loads.
     template <class Take>
     ReadEnd readLines(STR::FileIoTurbo& reader, Take&& take);
 
-    LineOutcome insertLine(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
-                           bool ordered, STR::FileIoTurbo& reader);
+    LineOutcome insertLine(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number, bool ordered,
+                           STR::FileIoTurbo& reader);
     LineOutcome rejectFields(std::size_t found, BAS::String const& line, unsigned long number,
                              STR::FileIoTurbo const& reader);
     LineOutcome reject(LineOutcome outcome, BAS::String const& detail, BAS::String const& moreDetail,
@@ -126,7 +119,7 @@ class CacheManager {
     void reopen(STR::FileIoTurbo& reader, BAS::String const& fileName);
     bool readError(STR::FileIoTurbo const& reader);
     void exchangeTrees();
-    void refillStandby(LineStore const& lines, STR::FileIoTurbo& reader);
+    void refillStandby(LineStore& lines, STR::FileIoTurbo& reader);
     void restoreStandby();
     void abandonStandby() noexcept;
     void rewriteMainFile();
@@ -150,6 +143,7 @@ class CacheManager {
     PlugIn* plugInM;
 
     bool standbyCompleteM = true; // the loading thread's: the standby tree holds the active tree's records
+    bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
     LoadProgress progressM;
 };
 

@@ -1,8 +1,8 @@
 // DAT::NumberPortability::DataSummary: what a data file holds, and what is wrong with it.
 //
-// Purpose: the result of examining a data file without serving it. Every line is counted once: as a record,
-// or under the one reason for which it was rejected. Ownership: a value. Threads: none inside. Errors: none.
-// Complexity: constant.
+// Purpose: the result of examining a data file without serving it. Every line is counted once: as a record, or under
+// the one reason for which it was rejected.
+// Ownership: a value. Threads: none inside. Errors: none. Complexity: constant.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
@@ -34,17 +34,14 @@ struct DataSummary {
     unsigned long duplicates = 0;
     BAS::DateTime earliest; // valid-from of the records; invalid when there is none
     BAS::DateTime latest;
-    std::vector<std::pair<BAS::String, unsigned long>>
-        networks; // records by network, most first, then by name
+    std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
 
     unsigned long rejected() const {
         return rejectedFields + rejectedDateTimes + rejectedNumbers + rejectedNetworks + duplicates;
     }
 };
 
-// Told of every line that is not stored, right after its report: its number from 1, what became of it, and
-// its text.
-using RejectObserver =
-    std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
+// Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
+using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
 
 } // namespace DAT::NumberPortability

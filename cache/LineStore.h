@@ -1,8 +1,8 @@
 // DAT::NumberPortability::LineStore: lines of a file kept in memory, one buffer for all.
 //
 // Purpose: a reload keeps the lines it read so that the second tree can be filled from them.
-// Ownership: owns the text. Threads: none inside. Errors: append throws std::bad_alloc, after which the
-// object may only be destroyed. Complexity: append amortised linear in the line.
+// Ownership: owns the text. Threads: none inside. Errors: append throws std::bad_alloc, after which the object may
+// only be destroyed. Complexity: append amortised linear in the line.
 #pragma once
 
 #include "framework/BAS/String.h"
@@ -18,6 +18,12 @@ class LineStore {
     void append(BAS::String const& line) {
         bytesM.append(line.view());
         endsM.push_back(bytesM.size());
+    }
+
+    // Drops the lines and their memory.
+    void clear() {
+        bytesM = std::string();
+        endsM = std::vector<std::size_t>();
     }
 
     // Calls visitor(BAS::String const& line, unsigned long number) for every line in order, numbered from 1.

@@ -1,9 +1,9 @@
 // DAT::NumberPortability::LoadProgress: how far the present load has come.
 //
-// Purpose: lets a host show lines, rate and time left during a load that takes minutes. Lines are those read
-// from the file (not those parsed again from memory), bytes include line ends, totalBytes is the file's size
-// at its opening. Ownership: the cache manager's. Threads: written by the thread that loads, read by any; the
-// three values are each true of some moment, not of the same one. Errors: none. Complexity: constant.
+// Purpose: lets a host show lines, rate and time left during a load that takes minutes. Lines are those read from the
+// file (not those parsed again from memory), bytes include line ends, totalBytes is the file's size at its opening.
+// Ownership: the cache manager's. Threads: written by the thread that loads, read by any; the three values are each
+// true of some moment, not of the same one. Errors: none. Complexity: constant.
 #pragma once
 
 #include <atomic>

@@ -1,10 +1,11 @@
 // What the cache manager asks of the plug-in that owns it.
 //
 // Purpose: the cache manager knows its plug-in by pointer alone and may not include its header (includes run
-// downward only). These functions are declared here, by the layer that calls them, and defined by the layer
-// above; a test of the cache manager alone defines its own. Ownership: none. Threads: the thread that runs a
-// load. None is called while the tree lock is held. Errors: the checks return false and have then made their
-// own report; std::bad_alloc travels. Complexity: the plug-in's.
+// downward only). These functions are declared here, by the layer that calls them, and defined by the layer above; a
+// test of the cache manager alone defines its own.
+// Ownership: none. Threads: the thread that runs a load. None is called while the tree lock is held.
+// Errors: the checks return false and have then made their own report; std::bad_alloc travels. Complexity: the
+// plug-in's.
 #pragma once
 
 #include "framework/BAS/Status.h"

@@ -1,7 +1,6 @@
 // The definition of PlugIn::guarded, for the plug-in's own sources.
 //
-// Purpose: nothing may be thrown to the framework. Threads, errors: none of its own. Complexity: the
-// action's.
+// Purpose: nothing may be thrown to the framework. Threads, errors: none of its own. Complexity: the action's.
 #pragma once
 
 #include "plugin/PlugIn.h"
@@ -20,6 +19,8 @@ bool PlugIn::guarded(Action&& action) noexcept {
             report("ERR_OUT_OF_MEMORY", BAS::Status::CRITICAL, {name()});
         } catch (std::exception const& error) {
             report("ERR_UNEXPECTED", BAS::Status::CRITICAL, {name(), error.what()});
+        } catch (...) {
+            report("ERR_UNEXPECTED", BAS::Status::CRITICAL, {name(), "of unknown type"});
         }
     } catch (...) { // NOLINT(bugprone-empty-catch): not even the report could be made
     }

@@ -18,9 +18,8 @@ PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPl
     setValid(isRegistered());
     if (isValid())
         setValid(PlugIn::readRegistry());
-    cacheManagerM =
-        std::make_unique<CacheManager>(this, nationalAccessCodeM, internationalAccessCodeM, countryCodeM,
-                                       internationalAccessCodeSignM, numberOfColumnsCM, fileNameM);
+    cacheManagerM = std::make_unique<CacheManager>(this, nationalAccessCodeM, internationalAccessCodeM, countryCodeM,
+                                                   internationalAccessCodeSignM, numberOfColumnsCM, fileNameM);
     if (isValid())
         setValid(PlugIn::evalEnvironment());
     if (isValid())
@@ -29,7 +28,7 @@ PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPl
 
 PlugIn::~PlugIn() {
     // A worker that was never shut down must have ended before anything that it uses goes.
-    stopWorker();
+    PlugIn::shutdown();
     workerThreadM.reset();
     guarded([this] {
         closeCheckedFile();
@@ -49,30 +48,42 @@ bool PlugIn::init() {
         report("INF_LOAD_DATA", BAS::Status::NORMAL, {name()});
         if (cacheManagerM == nullptr)
             return false;
-        if (workerThreadM == nullptr) { // a repeated init finds it waiting at the gate
-            workerThreadM = std::make_unique<BAS::Thread>(nullptr);
-            lock();
-            workerThreadM->start([this] { run(); });
-        }
+        if (workerThreadM == nullptr) // a repeated init finds it waiting at the gate
+            startWorker();
         return loadData();
     });
 }
 
+void PlugIn::startWorker() {
+    auto worker = std::make_unique<BAS::Thread>(nullptr);
+    lock();
+    try {
+        worker->start([this] { run(); });
+    } catch (...) {
+        unLock(); // for the next init
+        throw;
+    }
+    workerThreadM = std::move(worker);
+}
+
 bool PlugIn::loadData() {
     BAS::MutexGuard const guard(loadLockM);
-    if (loadedM)
+    if (initialisedM)
         return false;
-    // Look-ups may have begun after an init that failed, and the first load is not made to run beside them.
+    // Look-ups may have begun after another load, and the first load is not made to run beside them.
     bool const first = !std::exchange(loadTriedM, true);
     if (!(first ? cacheManagerM->load() : cacheManagerM->cacheReload(true)))
         return false;
-    loadedM = true;
+    initialisedM = true;
     report("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
     return true;
 }
 
 bool PlugIn::shutdown() {
-    stopWorker();
+    guarded([this] {
+        stopWorker();
+        return true;
+    });
     return true;
 }
 
@@ -97,8 +108,7 @@ bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPo
 
 bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                     unsigned int method) {
-    return cacheManagerM != nullptr &&
-           guarded([&] { return cacheManagerM->search(number, at, out, method); });
+    return cacheManagerM != nullptr && guarded([&] { return cacheManagerM->search(number, at, out, method); });
 }
 
 void PlugIn::normalize(BAS::String& number) const {
@@ -128,13 +138,12 @@ std::uint32_t PlugIn::entries() {
 
 void PlugIn::report(BAS::String const& identifier, BAS::Status::Severity severity,
                     BAS::Status::Arguments const& arguments) {
-    BAS::Status status;
-    status.set(name(), identifier, severity, arguments);
-    setStatus(status, true);
+    setStatus(identifier, severity, arguments, true);
 }
 
-void PlugIn::sendEvent(char const* event) const {
-    sendMessage(BAS::Message(name(), eventHandlerNameM, event, BAS::NULL_STRING));
+// What a receiver throws is its own business, and must not change what the plug-in does next.
+void PlugIn::sendEvent(char const* event) {
+    guarded([&] { return sendMessage(BAS::Message(name(), eventHandlerNameM, event, BAS::NULL_STRING)); });
 }
 
 namespace OwnerServices {
@@ -149,9 +158,7 @@ bool checkFile(PlugIn& plugIn, BAS::String const& fileName) {
 
 void report(PlugIn& plugIn, BAS::String const& identifier, BAS::Status::Severity severity,
             BAS::Status::Arguments const& arguments) {
-    BAS::Status status;
-    status.set(plugIn.name(), identifier, severity, arguments);
-    plugIn.setStatus(status, true);
+    plugIn.setStatus(identifier, severity, arguments, true);
 }
 
 BAS::String name(PlugIn const& plugIn) {

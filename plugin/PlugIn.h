@@ -1,38 +1,35 @@
 // DAT::NumberPortability::PlugIn: the number-portability data plug-in.
 //
-// Purpose: answers, for other modules of the process, to which network a telephone number belongs at an
-// instant. The framework creates it through the module's entry function, gives it its registry subtree and
-// drives its life cycle: construction, init (loads the data, starts the worker), shutdown (stops the worker),
-// destruction.
+// Purpose: answers, for other modules of the process, to which network a telephone number belongs at an instant. The
+// framework creates it through the module's entry function, gives it its registry subtree and drives its life cycle:
+// construction, init (loads the data, starts the worker), shutdown (stops the worker), destruction.
 //
-// State against operation (search, print and the commands are safe in every state):
+// State against operation:
 //   default-constructed   not valid, no data: init and search return false, nothing is touched
 //   constructed, invalid  has reported why; init still tries to load, look-ups find what it loaded
-//   constructed, valid    look-ups find nothing before init
-//   initialised           everything is served; a second init returns false and changes nothing (after an
-//   init that
-//                         failed it loads by a reload)
-//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be
-//   repeated
+//   constructed, valid    look-ups find nothing before init, and must not run during the first init
+//   initialised           everything is served; a second init returns false and changes nothing (after a load that
+//                         failed, or a reload before it, init loads by a reload)
+//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be repeated
 // Destruction without shutdown stops the worker first.
 //
-// Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its
-// probe group with all it holds: the group and the values are classes of this module or refer to it, so
-// nobody could free them later. getInstrumentationProbe lends the group until the plug-in's destruction.
+// Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its probe group
+// with all it holds: the group and the values are classes of this module or refer to it, so nobody could free them
+// later. getInstrumentationProbe lends the group until the plug-in's destruction.
 //
-// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe
-// writes, search and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised
-// by loadLockM, which is held for a whole load with its file check and its reports; search, isUsable and
-// probe writes never wait for it.
+// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe writes, search
+// and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised by loadLockM, which is
+// held for a whole load with its file check, its reports and its counts; search, isUsable and probe writes never wait
+// for it. Events are sent after it is released, on the thread that carried out the load; their receiver may command
+// loads, but must not shut down or destroy the plug-in.
 //
-// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are
-// reported to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that
-// were live.
+// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are reported
+// to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that were live.
 //
 // Complexity: search as in NumberPortabilityTree.h, plus reading under the cache manager's lock.
 //
-// Across shared objects: client modules must be built with the same compiler family and standard library as
-// the module; texts and records are passed as C++ objects.
+// Across shared objects: client modules must be built with the same compiler family and standard library as the
+// module; texts and records are passed as C++ objects.
 #pragma once
 
 #include "cache/DataSummary.h"
@@ -76,8 +73,8 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
 
     // Reports "ERR_OBJ_NOT_INITIALIZED"; such a plug-in is never valid.
     PlugIn();
-    // Reads the registry subtree named `name`, checks the data file, asks for the event handler, builds the
-    // probes. isValid() tells whether all of it succeeded. The second string goes to the base.
+    // Reads the registry subtree named `name`, checks the data file, asks for the event handler, builds the probes.
+    // isValid() tells whether all of it succeeded. The second string goes to the base.
     PlugIn(BAS::String const& name, BAS::String const& second);
     ~PlugIn() override;
 
@@ -89,12 +86,11 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool init() override;
     bool shutdown() override;
 
-    // The record valid at `at` by the configured search method. The number must be in stored form. False, and
-    // `out` unchanged, when there is none.
+    // The record valid at `at` by the configured search method. The number must be in stored form. False, and `out`
+    // unchanged, when there is none.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out);
     // The same by a search method of the caller's: 0 best match, 1 exact, any other shortest prefix.
-    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
-                unsigned int method);
+    bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
 
     // The configured search method.
     unsigned int searchMethod() const { return searchMethodM; }
@@ -108,13 +104,11 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // Reads the data file as a load would, without serving it. False when it cannot be read to its end.
     bool examine(DataSummary& summary, RejectObserver const& onReject);
 
-    // How far the present load has come; null for a default-constructed plug-in. Valid as long as the
-    // plug-in.
+    // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
     LoadProgress const* progress() const;
 
-    // File checks: report the outcome and return whether the file opens for reading. The first checks the
-    // data file and keeps the outcome for isUsable; the second leaves an additional file open until its load
-    // is over.
+    // File checks: report the outcome and return whether the file opens for reading. The first checks the data file
+    // and keeps the outcome for isUsable; the second leaves an additional file open until its load is over.
     bool checkFile();
     bool checkFile(BAS::String const& fileName);
 
@@ -123,11 +117,12 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     void unLock();
 
   private:
-    // The three probe values. Each only posts a request; reading one yields nothing.
+    // The values of the three probes: each only posts a request of its mode; reading one yields nothing.
+    template <ProbeMode>
     class ProbeValue;
-    class ReloadProbeValue;
-    class AdditionalNumPortDataValue;
-    class PrintDataProbeValue;
+    using ReloadProbeValue = ProbeValue<RELOAD_PROBE>;
+    using AdditionalNumPortDataValue = ProbeValue<DELTA_LOAD_PROBE>;
+    using PrintDataProbeValue = ProbeValue<PRINT_DATA_PROBE>;
 
     struct Request {
         ProbeMode mode;
@@ -137,18 +132,27 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // Runs an action and turns whatever it throws into a report and false.
     template <class Action>
     bool guarded(Action&& action) noexcept;
-    void report(BAS::String const& identifier, BAS::Status::Severity severity,
-                BAS::Status::Arguments const& arguments);
-    void sendEvent(char const* event) const;
+    void report(BAS::String const& identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments);
+    void sendEvent(char const* event);
     BAS::String keyPath(BAS::String const& key) const;
     std::uint32_t entries();
 
+    bool readKeys();
     bool readMandatory(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String& value);
     bool readSearchMethod(BAS::RegistryEntry const& subtree);
-    bool checkOpens(BAS::String const& fileName, bool keepOpen);
+    struct Opening {
+        bool called; // the reader's open succeeded
+        bool opens;  // and it holds an open file
+    };
+    Opening tryOpen(BAS::String const& fileName, bool keepOpen);
+    bool reportOpening(Opening const& opening, BAS::String const& fileName);
     void closeCheckedFile();
+    BAS::String checkedFileName();
 
+    void startWorker();
     bool loadData();
+    bool reloadForUpdate(bool reuse);
+    bool deltaLoadForUpdate(BAS::String const& fileName);
     bool updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& updateHandled);
     bool updateDeltaLoad(BAS::String const& fileName);
     void updatePrint(BAS::String const& target);
@@ -158,7 +162,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     void setProbeName(ProbeMode const& mode) NP_REQUIRES(requestDataLockM);
     void setProbeValue(BAS::String const& value) NP_REQUIRES(requestDataLockM);
     void post(ProbeMode mode, BAS::String const& value);
-    Request pendingRequest();
+    bool takeRequest(Request& request);
     void run();
     void stopWorker();
     void carryOut(Request const& request);
@@ -179,17 +183,18 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     std::uint32_t searchMethodM = defaultSearchMethodCM; // set during construction only
     std::unique_ptr<CacheManager> cacheManagerM;         // refers to the four codes above
 
-    // The latest posted request; not cleared when it has been carried out.
+    // The latest posted request; its mode and value are not cleared when it has been carried out.
     ProbeMode probeModeM NP_GUARDED_BY(requestDataLockM) = RELOAD_PROBE;
     BAS::String probeValueM NP_GUARDED_BY(requestDataLockM);
+    bool requestPendingM NP_GUARDED_BY(requestDataLockM) = false; // posted and not yet taken by the worker
     std::unique_ptr<BAS::InstrumentationProbeGroup> probeGroupM;
 
     RequestGate requestLockM;
     std::unique_ptr<BAS::Thread> workerThreadM;
     std::atomic<bool> stopRequestedM{false};
 
-    bool loadTriedM NP_GUARDED_BY(loadLockM) = false; // init has tried to load the data
-    bool loadedM NP_GUARDED_BY(loadLockM) = false;    // and has done so
+    bool loadTriedM NP_GUARDED_BY(loadLockM) = false;   // there has been a load, with or without success
+    bool initialisedM NP_GUARDED_BY(loadLockM) = false; // init has loaded the data
     // Taken in this order, the later ones for a moment each.
     BAS::Mutex loadLockM;
     BAS::Mutex fileLockM;

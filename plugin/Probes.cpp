@@ -4,39 +4,24 @@
 #include "plugin/Guarded.h"
 #include "plugin/PlugIn.h"
 
+#include <utility>
+
 namespace DAT::NumberPortability {
 
-// Posts a request of one kind; each probe's class says which.
+template <PlugIn::ProbeMode mode>
 class PlugIn::ProbeValue : public BAS::InstrumentationProbeValueIf {
   public:
+    explicit ProbeValue(PlugIn* plugIn) : plugInM(plugIn) {}
+
     bool setValue(BAS::String const& value) override {
         return plugInM->guarded([&] {
-            plugInM->post(modeM, value);
+            plugInM->post(mode, value);
             return true;
         });
     }
 
-  protected:
-    ProbeValue(PlugIn* plugIn, ProbeMode mode) : plugInM(plugIn), modeM(mode) {}
-
   private:
     PlugIn* plugInM; // owns the group that owns this
-    ProbeMode modeM;
-};
-
-class PlugIn::ReloadProbeValue : public ProbeValue {
-  public:
-    explicit ReloadProbeValue(PlugIn* plugIn) : ProbeValue(plugIn, RELOAD_PROBE) {}
-};
-
-class PlugIn::AdditionalNumPortDataValue : public ProbeValue {
-  public:
-    explicit AdditionalNumPortDataValue(PlugIn* plugIn) : ProbeValue(plugIn, DELTA_LOAD_PROBE) {}
-};
-
-class PlugIn::PrintDataProbeValue : public ProbeValue {
-  public:
-    explicit PrintDataProbeValue(PlugIn* plugIn) : ProbeValue(plugIn, PRINT_DATA_PROBE) {}
 };
 
 bool PlugIn::initInstrumentationProbe() {
@@ -44,10 +29,11 @@ bool PlugIn::initInstrumentationProbe() {
     if (!OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(this, "DAT_NumberPortability.probe", infos))
         return false;
     auto group = std::make_unique<BAS::InstrumentationProbeGroup>(infos["numberPortabilityGroup"], 1);
-    auto const append = [&](char const* probe, std::unique_ptr<ProbeValue> value) {
-        auto attribute =
-            std::make_unique<BAS::InstrumentationProbeAttribute>(infos[probe], value.release(), 1);
-        group->append(attribute.release());
+    auto const append = [&](char const* probe, std::unique_ptr<BAS::InstrumentationProbeValueIf> value) {
+        auto attribute = std::make_unique<BAS::InstrumentationProbeAttribute>(infos[probe], value.get(), 1);
+        static_cast<void>(value.release()); // the attribute's from here on
+        group->append(attribute.get());
+        static_cast<void>(attribute.release()); // and this the group's
     };
     append("reload", std::make_unique<ReloadProbeValue>(this));
     append("deltaLoad", std::make_unique<AdditionalNumPortDataValue>(this));
@@ -57,8 +43,11 @@ bool PlugIn::initInstrumentationProbe() {
 }
 
 void PlugIn::getInstrumentationProbe(BAS::InstrumentationProbeList& list) const {
-    if (probeGroupM != nullptr)
-        list.append(probeGroupM.get());
+    try {
+        if (probeGroupM != nullptr)
+            list.append(probeGroupM.get());
+    } catch (...) { // NOLINT(bugprone-empty-catch): nothing may be thrown to the framework; the list stays short
+    }
 }
 
 void PlugIn::setProbeName(ProbeMode const& mode) {
@@ -75,13 +64,17 @@ void PlugIn::post(ProbeMode mode, BAS::String const& value) {
         BAS::MutexGuard const guard(requestDataLockM);
         setProbeValue(value); // the one that can fail comes first
         setProbeName(mode);
+        requestPendingM = true;
     }
     unLock();
 }
 
-PlugIn::Request PlugIn::pendingRequest() {
+// False when the request behind this pass was taken by the pass before: it was posted between that pass's way through
+// the gate and its taking.
+bool PlugIn::takeRequest(Request& request) {
     BAS::MutexGuard const guard(requestDataLockM);
-    return {probeModeM, probeValueM};
+    request = {probeModeM, probeValueM};
+    return std::exchange(requestPendingM, false);
 }
 
 void PlugIn::run() {
@@ -96,7 +89,9 @@ void PlugIn::run() {
         if (stopRequestedM.load())
             break;
         guarded([this] {
-            carryOut(pendingRequest());
+            Request request{RELOAD_PROBE, BAS::NULL_STRING};
+            if (takeRequest(request))
+                carryOut(request);
             return true;
         });
     }
@@ -120,45 +115,44 @@ void PlugIn::carryOut(Request const& request) {
 
 void PlugIn::probeReload(BAS::String const& value) {
     bool const reuse = value.upper() != "FALSE";
-    BAS::MutexGuard const guard(loadLockM);
-    if (guarded([&] { return cacheManagerM->cacheReload(reuse); })) {
-        report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
-        sendEvent("EVT::RELOAD_SUCCESSFUL");
-        return;
-    }
-    BAS::String fileName;
+    bool reloaded = false;
     {
-        BAS::MutexGuard const fileGuard(fileLockM);
-        fileName = fileIoM.fileName();
+        BAS::MutexGuard const guard(loadLockM);
+        loadTriedM = true;
+        reloaded = guarded([&] { return cacheManagerM->cacheReload(reuse); });
+        if (reloaded)
+            report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+        else
+            report("ERR_NUM_PORT_RELOAD", BAS::Status::MAJOR, {checkedFileName()});
     }
-    report("ERR_NUM_PORT_RELOAD", BAS::Status::MAJOR, {fileName});
-    sendEvent("EVT::RELOAD_FAILED");
+    sendEvent(reloaded ? "EVT::RELOAD_SUCCESSFUL" : "EVT::RELOAD_FAILED");
 }
 
 void PlugIn::probeDeltaLoad(BAS::String const& fileName) {
-    BAS::MutexGuard const guard(loadLockM);
-    std::uint32_t const before = entries();
-    if (!guarded([&] { return cacheManagerM->cacheDeltaLoad(fileName); })) {
-        report("ERR_NUM_PORT_DELTALOAD", BAS::Status::MAJOR, {fileName});
-        sendEvent("EVT::ADD_NUM_PORT_DATA_FAILED");
-        return;
+    bool loaded = false;
+    {
+        BAS::MutexGuard const guard(loadLockM);
+        loadTriedM = true;
+        std::uint32_t const before = entries();
+        loaded = guarded([&] { return cacheManagerM->cacheDeltaLoad(fileName); });
+        std::uint32_t const after = entries();
+        if (!loaded)
+            report("ERR_NUM_PORT_DELTALOAD", BAS::Status::MAJOR, {fileName});
+        else if (after != before)
+            report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL,
+                   {BAS::String::convert(after - before) + " : " + fileName});
     }
-    std::uint32_t const after = entries();
-    if (after != before)
-        report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL,
-               {BAS::String::convert(after - before) + " : " + fileName});
-    sendEvent("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL");
+    sendEvent(loaded ? "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL" : "EVT::ADD_NUM_PORT_DATA_FAILED");
 }
 
 void PlugIn::probePrint(BAS::String const& value) {
-    bool const console = value.upper() == "NULL";
+    bool const console = value.empty() || value.upper() == "NULL";
     if (!guarded([&] { return cacheManagerM->printData(console ? BAS::NULL_STRING : value); })) {
         report("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, {value});
         return;
     }
-    report(
-        "INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
-        {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
+    report("INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
+           {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
 }
 
 } // namespace DAT::NumberPortability

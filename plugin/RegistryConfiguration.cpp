@@ -1,4 +1,5 @@
 // Start-up configuration from the registry, the file checks, and the request for the event handler's name.
+#include "plugin/Guarded.h"
 #include "plugin/PlugIn.h"
 #include "store/NumberPortabilityTree.h"
 
@@ -27,8 +28,10 @@ BAS::String valueOr(BAS::RegistryEntry const& subtree, BAS::String const& key, B
 } // namespace
 
 bool PlugIn::readRegistry() {
-    if (!isValid())
-        return checkFile();
+    return guarded([this] { return isValid() ? readKeys() && checkFile() : checkFile(); });
+}
+
+bool PlugIn::readKeys() {
     BAS::RegistryEntry const* const subtree = registry();
     if (subtree == nullptr) {
         report("ERR_REG_SUBTREE_NOT_FOUND", BAS::Status::CRITICAL, {name()});
@@ -38,11 +41,10 @@ bool PlugIn::readRegistry() {
         !readMandatory(*subtree, registryCountryCodeCM, countryCodeM) ||
         !readMandatory(*subtree, registryNationalAccessCodeCM, nationalAccessCodeM))
         return false;
-    internationalAccessCodeM =
-        valueOr(*subtree, registryInternationalAccessCodeCM, defaultInternationalAccessCodeCM);
+    internationalAccessCodeM = valueOr(*subtree, registryInternationalAccessCodeCM, defaultInternationalAccessCodeCM);
     internationalAccessCodeSignM =
         valueOr(*subtree, registryInternationalAccessCodeSignCM, defaultInternationalAccessCodeSignCM);
-    return readSearchMethod(*subtree) && checkFile();
+    return readSearchMethod(*subtree);
 }
 
 bool PlugIn::readMandatory(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String& value) {
@@ -64,8 +66,7 @@ bool PlugIn::readSearchMethod(BAS::RegistryEntry const& subtree) {
         report("ERR_REG_VALUE_INVALID", BAS::Status::CRITICAL, arguments);
         return false;
     }
-    if (searchMethodM != NumberPortabilityTree::EXACT_MATCH &&
-        searchMethodM != NumberPortabilityTree::ANY_PREFIX_MATCH)
+    if (searchMethodM != NumberPortabilityTree::EXACT_MATCH && searchMethodM != NumberPortabilityTree::ANY_PREFIX_MATCH)
         searchMethodM = defaultSearchMethodCM;
     return true;
 }
@@ -75,30 +76,30 @@ BAS::String PlugIn::keyPath(BAS::String const& key) const {
 }
 
 bool PlugIn::checkFile() {
-    bool const opens = checkOpens(fileNameM, false);
-    fileOkM.store(opens);
-    return opens;
+    Opening const opening = tryOpen(fileNameM, false);
+    fileOkM.store(opening.opens);
+    return reportOpening(opening, fileNameM);
 }
 
 bool PlugIn::checkFile(BAS::String const& fileName) {
-    return checkOpens(fileName, true);
+    return reportOpening(tryOpen(fileName, true), fileName);
 }
 
-bool PlugIn::checkOpens(BAS::String const& fileName, bool keepOpen) {
-    bool called = false;
-    bool opens = false;
-    {
-        BAS::MutexGuard const guard(fileLockM);
-        called = fileIoM.openFile(fileName, STR::FileIoTurbo::readModeCM);
-        opens = called && fileIoM.isOpen();
-        if (called && !keepOpen)
-            fileIoM.closeFile();
-    }
-    if (opens)
+PlugIn::Opening PlugIn::tryOpen(BAS::String const& fileName, bool keepOpen) {
+    BAS::MutexGuard const guard(fileLockM);
+    bool const called = fileIoM.openFile(fileName, STR::FileIoTurbo::readModeCM);
+    bool const opens = called && fileIoM.isOpen();
+    if (called && !keepOpen)
+        fileIoM.closeFile();
+    return {called, opens};
+}
+
+bool PlugIn::reportOpening(Opening const& opening, BAS::String const& fileName) {
+    if (opening.opens)
         report("INF_FILE_OPENED", BAS::Status::NORMAL, {fileName});
     else
-        report(called ? "ERR_OPEN_FILE_FAILED" : "ERR_FILE_NOT_FOUND", BAS::Status::MAJOR, {fileName});
-    return opens;
+        report(opening.called ? "ERR_OPEN_FILE_FAILED" : "ERR_FILE_NOT_FOUND", BAS::Status::MAJOR, {fileName});
+    return opening.opens;
 }
 
 void PlugIn::closeCheckedFile() {
@@ -113,11 +114,18 @@ void PlugIn::closeCheckedFile() {
     report("INF_FILE_CLOSED", BAS::Status::NORMAL, {fileName});
 }
 
+BAS::String PlugIn::checkedFileName() {
+    BAS::MutexGuard const guard(fileLockM);
+    return fileIoM.fileName();
+}
+
 bool PlugIn::evalEnvironment() {
-    BAS::Message request(name(), rootNameCM, "REQ_EVENTHANDLER_NAME", BAS::NULL_STRING);
-    if (sendRequest(request) && request.arguments().length() == 1)
-        eventHandlerNameM = request.arguments()[0];
-    return true;
+    return guarded([this] {
+        BAS::Message request(name(), rootNameCM, "REQ_EVENTHANDLER_NAME", BAS::NULL_STRING);
+        if (sendRequest(request) && request.arguments().length() == 1)
+            eventHandlerNameM = request.arguments()[0];
+        return true;
+    });
 }
 
 } // namespace DAT::NumberPortability

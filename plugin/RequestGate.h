@@ -1,9 +1,9 @@
 // DAT::NumberPortability::RequestGate: a signal between threads that holds one permit at the most.
 //
-// Purpose: the hand-off between those who ask for an action and the worker that carries it out. Not a lock:
-// whoever closes it need not be the one who opens it, and several openings before the next passage give one
-// passage. Ownership: none. Threads: every operation from any thread. Errors: none. Complexity: constant; a
-// waiting thread uses no processor time.
+// Purpose: the hand-off between those who ask for an action and the worker that carries it out. Not a lock: whoever
+// closes it need not be the one who opens it, and several openings before the next passage give one passage.
+// Ownership: none. Threads: every operation from any thread.
+// Errors: none. Complexity: constant; a waiting thread uses no processor time.
 #pragma once
 
 #include "framework/BAS/Mutex.h"

@@ -36,21 +36,25 @@ bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& 
     if (!readReuseFlag(update, reuse))
         return false;
 
+    bool const reloaded = reloadForUpdate(reuse);
+    sendEvent(reloaded ? "EVT::RELOAD_SUCCESSFUL" : "EVT::RELOAD_FAILED");
+    return reloaded || reuse;
+}
+
+bool PlugIn::reloadForUpdate(bool reuse) {
     BAS::MutexGuard const guard(loadLockM);
+    loadTriedM = true;
     report("INF_RELOAD_DATA", BAS::Status::NORMAL, {name()});
     bool reloaded = false;
     if (checkFile()) {
         reloaded = guarded([&] { return cacheManagerM != nullptr && cacheManagerM->cacheReload(reuse); });
         closeCheckedFile();
     }
-    if (!reloaded) {
-        sendEvent("EVT::RELOAD_FAILED");
+    if (reloaded)
+        report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+    else
         fileOkM.store(reuse);
-        return reuse;
-    }
-    report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
-    sendEvent("EVT::RELOAD_SUCCESSFUL");
-    return true;
+    return reloaded;
 }
 
 bool PlugIn::readReuseFlag(BAS::RegistryEntry const& update, bool& reuse) {
@@ -67,7 +71,14 @@ bool PlugIn::readReuseFlag(BAS::RegistryEntry const& update, bool& reuse) {
 }
 
 bool PlugIn::updateDeltaLoad(BAS::String const& fileName) {
+    bool const loaded = deltaLoadForUpdate(fileName);
+    sendEvent(loaded ? "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL" : "EVT::ADD_NUM_PORT_DATA_FAILED");
+    return loaded;
+}
+
+bool PlugIn::deltaLoadForUpdate(BAS::String const& fileName) {
     BAS::MutexGuard const guard(loadLockM);
+    loadTriedM = true;
     report("INF_ADD_DATA", BAS::Status::NORMAL, {name()});
     std::uint32_t before = 0;
     std::uint32_t after = 0;
@@ -80,7 +91,6 @@ bool PlugIn::updateDeltaLoad(BAS::String const& fileName) {
     }
     if (loaded || after != before)
         report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, {BAS::String::convert(after - before)});
-    sendEvent(loaded ? "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL" : "EVT::ADD_NUM_PORT_DATA_FAILED");
     return loaded;
 }
 

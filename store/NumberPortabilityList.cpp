@@ -17,9 +17,9 @@ std::string_view withoutBlanks(std::string_view text) {
 
 void NumberPortabilityList::insert(NumberPortabilityData const& record) {
     // A copy: the record may be one of this list's own, which growing replaces.
-    NumberPortabilityData const added(record);
+    NumberPortabilityData added(record);
     recordsM.grow();
-    recordsM[recordsM.length() - 1] = added;
+    recordsM[recordsM.length() - 1] = std::move(added);
 }
 
 bool NumberPortabilityList::insertAt(NumberPortabilityData const& record) {
@@ -33,12 +33,9 @@ bool NumberPortabilityList::insertAt(NumberPortabilityData const& record) {
     // Everything that can fail comes first, so that a failure leaves the list as it was.
     NumberPortabilityData added(record);
     recordsM.grow();
-    for (std::uint32_t i = length; i > position; --i) {
-        recordsM[i].validFromM = recordsM[i - 1].validFromM;
-        recordsM[i].networkIdM = std::move(recordsM[i - 1].networkIdM);
-    }
-    recordsM[position].validFromM = added.validFromM;
-    recordsM[position].networkIdM = std::move(added.networkIdM);
+    for (std::uint32_t i = length; i > position; --i)
+        recordsM[i] = std::move(recordsM[i - 1]);
+    recordsM[position] = std::move(added);
     return true;
 }
 
@@ -58,8 +55,8 @@ void NumberPortabilityList::printTree(std::ostream& out, BAS::String const& numb
     std::string_view const label = withoutBlanks(number.view());
     std::uint32_t const length = recordsM.length();
     for (std::uint32_t i = 0; i < length; ++i)
-        out << label << "  " << recordsM[i].validFromM << "  " << withoutBlanks(recordsM[i].networkIdM.view())
-            << std::endl;
+        out << label << "  " << recordsM[i].validFromM.asString("%Y%m%d%H%M%S") << "  "
+            << withoutBlanks(recordsM[i].networkIdM.view()) << std::endl;
 }
 
 } // namespace DAT::NumberPortability

@@ -1,14 +1,16 @@
 // DAT::NumberPortability::NumberPortabilityList: the history of one number or number prefix.
 //
-// Purpose: holds the records of one stored key so that the one that holds at an instant is found by a short
-// scan. Invariant of a list built by insertAt alone, which is how the system builds every list: records stand
-// newest first, no two with the same valid-from. insert does not keep it; the two must not be mixed on one
-// list. Ownership: owns its records. Created on the heap by the number tree, owned by the trie's node; never
-// copied. Threads: no locking inside. search, printTree, length and record only read and may run at once;
-// insert, insertAt and destruction need exclusive access. Errors: insert and insertAt throw when memory runs
-// out and leave the list as it was; record throws std::out_of_range. Complexity: insertion is linear in the
-// length (the array is reallocated to exactly one more record); search is linear in the position of the
-// record found.
+// Purpose: holds the records of one stored key so that the one that holds at an instant is found by a short scan.
+// Invariant of a list built by insertAt alone, which is how the system builds every list: records stand newest first,
+// no two with the same valid-from. insert does not keep it; the two must not be mixed on one list.
+// Ownership: owns its records. Created on the heap by the number tree, owned by the trie's node; copied only when a
+// whole tree is.
+// Threads: no locking inside. search, printTree, length and record only read and may run at once; insert, insertAt
+// and destruction need exclusive access.
+// Errors: insert and insertAt throw when memory runs out and leave the list as it was; record throws
+// std::out_of_range.
+// Complexity: insertion is linear in the length (the array is reallocated to exactly one more record); search is
+// linear in the position of the record found.
 #pragma once
 
 #include "framework/BAS/String.h"
@@ -21,18 +23,21 @@ namespace DAT::NumberPortability {
 
 class NumberPortabilityList {
   public:
+    NumberPortabilityList() = default;
+    explicit NumberPortabilityList(NumberPortabilityList const&) = default;
+    NumberPortabilityList& operator=(NumberPortabilityList const&) = delete;
+
     // Appends at the end, whatever the date.
     void insert(NumberPortabilityData const& record);
 
     // Inserts in date order. False, and nothing changes, when a record with the same valid-from is there.
     bool insertAt(NumberPortabilityData const& record);
 
-    // Copies the newest record that has started by `at` into `out`; false, and `out` unchanged, when there is
-    // none.
+    // Copies the newest record that has started by `at` into `out`; false, and `out` unchanged, when there is none.
     bool search(BAS::DateTime const& at, NumberPortabilityData& out) const;
 
-    // One line a record, newest first: number, two blanks, valid-from as 14 digits, two blanks, network
-    // identifier, each without surrounding blanks. These are lines of a data file.
+    // One line a record, newest first: number, two blanks, valid-from as 14 digits, two blanks, network identifier,
+    // each without surrounding blanks. These are lines of a data file.
     void printTree(std::ostream& out, BAS::String const& number) const;
 
     std::uint32_t length() const noexcept { return recordsM.length(); }

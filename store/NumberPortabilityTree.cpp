@@ -4,8 +4,7 @@
 
 namespace DAT::NumberPortability {
 
-bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record,
-                                   bool ordered) {
+bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered) {
     if (!isStorable(number))
         return false;
     NumberPortabilityList* history = treeM.search(number, true);
@@ -24,8 +23,8 @@ bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityD
     return true;
 }
 
-bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime const& at,
-                                   NumberPortabilityData& out, unsigned int method) const {
+bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
+                                   unsigned int method) const {
     if (method == BEST_MATCH)
         return searchBestMatch(number, at, out);
     NumberPortabilityList const* const history = treeM.search(number, method == EXACT_MATCH);
@@ -48,20 +47,20 @@ void NumberPortabilityTree::clearAndDestroy() {
 }
 
 void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
+    if (this == &other)
+        return;
     clearAndDestroy();
     other.visit([this](BAS::String const& number, NumberPortabilityList const& history) {
-        std::uint32_t const length = history.length();
-        for (std::uint32_t i = 0; i < length; ++i)
-            insert(number, history.record(i), false);
+        auto copy = std::make_unique<NumberPortabilityList>(history);
+        treeM.insert(number, copy.get());
+        entriesM += copy.release()->length(); // the trie's from here on
     });
 }
 
 void NumberPortabilityTree::printTree(std::ostream& out, bool header) const {
     if (header) {
         std::string const rule(59, '-');
-        out << rule << std::endl
-            << "                 Number Portability Data" << std::endl
-            << rule << std::endl;
+        out << rule << std::endl << "                 Number Portability Data" << std::endl << rule << std::endl;
     }
     treeM.printTree(out);
 }

@@ -1,14 +1,15 @@
 // DAT::NumberPortability::NumberPortabilityTree: one complete portability data set.
 //
-// Purpose: holds the history of every stored number or number prefix and resolves a number and an instant to
-// a record. Numbers are taken as they stand: in stored form, normalised by whoever calls; only their decimal
-// digits count. A number without any decimal digit names nothing and is refused. Ownership: owns the trie,
-// every history and every record. Created on the heap by the cache manager, never copied. Threads: no locking
-// inside. search, visit and printTree only read and may run at once; insert, copyFrom, clearAndDestroy and
-// destruction need exclusive access. Different trees may be filled and cleared at once. Errors: results as
-// said below; std::bad_alloc travels, and what was inserted before stays. Complexity: a look-up is one walk
-// along the number's digits and a short scan of one history (of several for BEST_MATCH), without allocation
-// for numbers of up to 32 digits; an insertion the same and one reallocation.
+// Purpose: holds the history of every stored number or number prefix and resolves a number and an instant to a record.
+// Numbers are taken as they stand: in stored form, normalised by whoever calls; only their decimal digits count. A
+// number without any decimal digit names nothing and is refused.
+// Ownership: owns the trie, every history and every record. Created on the heap by the cache manager, never copied.
+// Threads: no locking inside. search, visit and printTree only read and may run at once; insert, copyFrom,
+// clearAndDestroy and destruction need exclusive access. Different trees may be filled and cleared at once.
+// Errors: results as said below; std::bad_alloc travels, and what was inserted before stays.
+// Complexity: a look-up is one walk along the number's digits and a short scan of one history (of several for
+// BEST_MATCH), without allocation for numbers of up to 32 digits and identifiers that fit into `out` as it is (up to
+// seven characters always do); an insertion the same and one reallocation.
 #pragma once
 
 #include "store/NumberPortabilityList.h"
@@ -19,17 +20,16 @@ namespace DAT::NumberPortability {
 class NumberPortabilityTree {
   public:
     // Search methods; every other code acts as ANY_PREFIX_MATCH.
-    static constexpr unsigned int BEST_MATCH = 0;  // longest stored prefix with a record valid at the instant
-    static constexpr unsigned int EXACT_MATCH = 1; // the number itself
+    static constexpr unsigned int BEST_MATCH = 0;       // longest stored prefix with a record valid at the instant
+    static constexpr unsigned int EXACT_MATCH = 1;      // the number itself
     static constexpr unsigned int ANY_PREFIX_MATCH = 2; // shortest stored prefix, and no other
 
     NumberPortabilityTree() = default;
     NumberPortabilityTree(NumberPortabilityTree const&) = delete;
     NumberPortabilityTree& operator=(NumberPortabilityTree const&) = delete;
 
-    // Adds the record to the number's history, in date order or (not ordered) at its end. False, and nothing
-    // changes, when ordered insertion meets a record with the same valid-from, or when the number has no
-    // decimal digit.
+    // Adds the record to the number's history, in date order or (not ordered) at its end. False, and nothing changes,
+    // when ordered insertion meets a record with the same valid-from, or when the number has no decimal digit.
     bool insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered);
 
     // False, and `out` unchanged, when no record is found.
@@ -42,14 +42,15 @@ class NumberPortabilityTree {
     // Replaces the content by a copy of `other`'s.
     void copyFrom(NumberPortabilityTree const& other);
 
-    // The listing: with `header` three heading lines, then the lines of every history in lexicographic order
-    // of the numbers' digits. Without it the listing is a data file.
+    // The listing: with `header` three heading lines, then the lines of every history in lexicographic order of the
+    // numbers' digits. Without it the listing is a data file.
     void printTree(std::ostream& out, bool header) const;
 
     // Calls visitor(BAS::String const& number, NumberPortabilityList const& history) in the listing's order.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
-        treeM.visit(visitor);
+        treeM.visit(
+            [&visitor](BAS::String const& number, NumberPortabilityList const& history) { visitor(number, history); });
     }
 
     // Whether the number has a decimal digit, so that it can be stored.
@@ -61,8 +62,7 @@ class NumberPortabilityTree {
   private:
     using Trie = PBC::PtrTree<NumberPortabilityList>;
 
-    bool searchBestMatch(BAS::String const& number, BAS::DateTime const& at,
-                         NumberPortabilityData& out) const;
+    bool searchBestMatch(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out) const;
 
     Trie treeM;
     std::uint32_t entriesM = 0;

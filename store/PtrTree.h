@@ -1,19 +1,21 @@
 // PBC::PtrTree<T>: a trie from digit strings to owned pointers, and PBC::PtrTreeNode<T>, its node.
 //
-// Purpose: exact look-up, shortest stored prefix, all stored prefixes. A level of the trie stands for one
-// digit of the key; any node may carry a value. The root stands for the empty key. Keys: only the digits of
-// the radix count (radix 10: '0' to '9'); every other character is passed over, so 0044 171 and 0044171 are
-// one key. A key without any digit reaches the root: insert stores its value there, exact search never finds
-// it, a prefix search for any other key does, and printTree does not print it. A second such insert replaces
-// the value without deleting it, so the number tree refuses such keys. Requirements on T: it can be deleted
-// and has printTree(std::ostream&, BAS::String const&). Ownership: a node owns its children and its value,
-// the trie owns the root. Pointers that a search gives are valid until the next init, destroy or destruction.
-// Threads: no locking inside. Both search operations, visit and printTree only read and may run at once;
-// insert, init, destroy and destruction need exclusive access to their own trie. nodeCountM is atomic, so
-// different tries may be filled and freed at once. Errors: std::bad_alloc; nodes created before stay, init
-// leaves the trie as it was. Complexity: insert and search one step a digit, search without allocation;
-// printTree and visit one step a node and slot. Nothing recurses: neither printing nor destruction uses call
-// stack by the depth of the trie.
+// Purpose: exact look-up, shortest stored prefix, all stored prefixes. A level of the trie stands for one digit of the
+// key; any node may carry a value. The root stands for the empty key.
+// Keys: only the digits of the radix count (radix 10: '0' to '9'); every other character is passed over, so 0044 171
+// and 0044171 are one key. A key without any digit reaches the root: insert stores its value there, exact search
+// never finds it, a prefix search for any other key does, and printTree does not print it. A second such insert
+// replaces the value without deleting it, so the number tree refuses such keys.
+// Requirements on T: it can be deleted and has printTree(std::ostream&, BAS::String const&).
+// Ownership: a node owns its children and its value, the trie owns the root. Pointers that a search gives are valid
+// until the next init, destroy or destruction.
+// Threads: no locking inside. Both search operations, visit and printTree only read and may run at once; insert, init,
+// destroy and destruction need exclusive access to their own trie. nodeCountM is atomic, so different tries may be
+// filled and freed at once.
+// Errors: std::bad_alloc; nodes created before stay, init leaves the trie as it was.
+// Complexity: insert and search one step a digit, search without allocation (but for a found-stack beyond its inline
+// elements); printTree and visit one step a node and
+// slot. Nothing recurses: neither printing nor destruction uses call stack by the depth of the trie.
 #pragma once
 
 #include "framework/BAS/String.h"
@@ -28,26 +30,10 @@
 
 namespace PBC {
 
-// Child slot by character code: '0' to '9', then 'A' to 'F' in either case; -1 for every other code.
-inline constexpr std::array<int, 256> DIGIT_INDEX = [] {
-    std::array<int, 256> index{};
-    index.fill(-1);
-    for (int digit = 0; digit < 10; ++digit)
-        index[static_cast<std::size_t>('0' + digit)] = digit;
-    for (int letter = 0; letter < 6; ++letter) {
-        index[static_cast<std::size_t>('A' + letter)] = 10 + letter;
-        index[static_cast<std::size_t>('a' + letter)] = 10 + letter;
-    }
-    return index;
-}();
-
-// Character by child slot.
-inline constexpr char CHAR_INDEX[] = "0123456789ABCDEF";
-
 template <class T>
 class PtrTreeNode {
   public:
-    // Live nodes of this instantiation in the whole process.
+    // Live nodes of this instantiation in the whole process, that is, in the shared object that holds the code.
     static inline std::atomic<std::uint64_t> nodeCountM{0};
 
     explicit PtrTreeNode(int size)
@@ -57,8 +43,7 @@ class PtrTreeNode {
     PtrTreeNode(PtrTreeNode const&) = delete;
     PtrTreeNode& operator=(PtrTreeNode const&) = delete;
 
-    // Counts the node out, deletes the children from slot 0 upward, each with all that is under it, then the
-    // value.
+    // Counts the node out, deletes the children from slot 0 upward, each with all that is under it, then the value.
     virtual ~PtrTreeNode() {
         if (!countedOutM)
             countOut();
@@ -66,11 +51,9 @@ class PtrTreeNode {
         delete valueM;
     }
 
-    // Creates a child in `slot` and returns it; null, and nothing changes, when the slot is out of range or
-    // taken.
+    // Creates a child in `slot` and returns it; null, and nothing changes, when the slot is out of range or taken.
     PtrTreeNode* grow(int slot) {
-        if (slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM ||
-            childrenM[static_cast<std::size_t>(slot)])
+        if (slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM || childrenM[static_cast<std::size_t>(slot)])
             return nullptr;
         return childrenM[static_cast<std::size_t>(slot)] = new PtrTreeNode(static_cast<int>(sizeM));
     }
@@ -85,9 +68,8 @@ class PtrTreeNode {
 
     // Null when the slot is empty or out of range.
     PtrTreeNode* child(int slot) const {
-        return slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM
-                   ? nullptr
-                   : childrenM[static_cast<std::size_t>(slot)];
+        return slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM ? nullptr
+                                                                     : childrenM[static_cast<std::size_t>(slot)];
     }
 
   private:
@@ -103,9 +85,9 @@ class PtrTreeNode {
         return slot;
     }
 
-    // Walks down and up without recursion or memory of its own: on the way down, the slot that leads to a
-    // child holds the pointer back to the node above instead. It is then the first slot that is not null,
-    // because the slots before it have been deleted. The topmost node points back to itself.
+    // Walks down and up without recursion or memory of its own: on the way down, the slot that leads to a child holds
+    // the pointer back to the node above instead. It is then the first slot that is not null, because the slots
+    // before it have been deleted. The topmost node points back to itself.
     void deleteChildren() {
         PtrTreeNode* above = this;
         PtrTreeNode* node = this;
@@ -140,6 +122,21 @@ class PtrTreeNode {
 template <class T>
 class PtrTree {
   public:
+    // Child slot by character code: '0' to '9', then 'A' to 'F' in either case; -1 for every other code.
+    static constexpr std::array<int, 256> DIGIT_INDEX = [] {
+        std::array<int, 256> index{};
+        index.fill(-1);
+        for (unsigned char character = '0'; character <= '9'; ++character)
+            index[character] = character - '0';
+        for (unsigned char character = 'A'; character <= 'F'; ++character)
+            index[character] = character - 'A' + 10;
+        for (unsigned char character = 'a'; character <= 'f'; ++character)
+            index[character] = character - 'a' + 10;
+        return index;
+    }();
+    // Character by child slot.
+    static constexpr char CHAR_INDEX[] = "0123456789ABCDEF";
+
     using Node = PtrTreeNode<T>;
     using FoundStack = RWTStack<T*, RWTValSlist<T*>>;
 
@@ -166,7 +163,8 @@ class PtrTree {
         nodesM = 1;
     }
 
-    // Stores `value` under `key` and takes it over. Whoever may store a key twice searches first.
+    // Stores `value`, which is not null, under `key` and takes it over, unless it throws. Whoever may store a key twice
+    // searches first.
     void insert(BAS::String const& key, T* value) {
         Node* node = rootM;
         for (char const character : key.view()) {
@@ -183,9 +181,8 @@ class PtrTree {
         node->value(value);
     }
 
-    // Exact: the value stored under exactly the key's digits. Otherwise the value of the shortest prefix of
-    // them that carries one, the empty prefix and the whole key included. Null when there is none or the key
-    // has no digit.
+    // Exact: the value stored under exactly the key's digits. Otherwise the value of the shortest prefix of them that
+    // carries one, the empty prefix and the whole key included. Null when there is none or the key has no digit.
     T* search(BAS::String const& key, bool exact) const {
         Node const* node = rootM;
         bool significant = false;
@@ -204,8 +201,8 @@ class PtrTree {
         return significant ? node->value() : nullptr;
     }
 
-    // Pushes the values of all prefixes of the key's digits that carry one, the shortest first, upon what
-    // `found` holds already. A key without a digit pushes nothing.
+    // Pushes the values of all prefixes of the key's digits that carry one, the shortest first, upon what `found`
+    // holds already. A key without a digit pushes nothing.
     void search(BAS::String const& key, FoundStack& found) const {
         Node const* node = rootM;
         bool significant = false;
@@ -223,8 +220,8 @@ class PtrTree {
             push(found, *node);
     }
 
-    // Calls visitor(BAS::String const& key, T& value) for every stored value but the root's, in lexicographic
-    // order of the keys, each key before its extensions.
+    // Calls visitor(BAS::String const& key, T& value) for every stored value but the root's, in lexicographic order of
+    // the keys, each key before its extensions.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
         std::vector<Node const*> ancestors;

@@ -50,8 +50,7 @@ namespace {
 class OutOfMemory : public testing::Test {
   protected:
     OutOfMemory() {
-        folder.write(
-            "main", "0171 20200101000000 OLD\n0171 20100101000000 OLDER-THAN-OLD\n0172 20200101000000 OLD\n");
+        folder.write("main", "0171 20200101000000 OLD\n0171 20100101000000 OLDER-THAN-OLD\n0172 20200101000000 OLD\n");
         folder.write("delta", "0171 20240101000000 A-LONG-NETWORK\n0173123456 20240101000000 NEW\nbad\n");
         EXPECT_TRUE(cache.load());
     }
@@ -104,14 +103,13 @@ TEST_F(OutOfMemory, ADeltaIsMergedWholeOrNotAtAll) {
     bool finished = false;
     long count = 0;
     for (; !finished; ++count) {
-        finished = withAllocations(
-            count, [&] { EXPECT_TRUE(cache.cacheDeltaLoad(BAS::String(folder.file("delta")))); });
+        finished =
+            withAllocations(count, [&] { EXPECT_TRUE(cache.cacheDeltaLoad(BAS::String(folder.file("delta")))); });
         std::string const now = listing();
         std::string const file = contentOf(folder.file("main"));
         if (now == old) {
             EXPECT_EQ(file, mainFile);
-        } else { // live, so the main file must have it, unless memory ran out for writing it: then it is
-                 // untouched
+        } else { // live, so the main file must have it, unless memory ran out for writing it: then it is untouched
             EXPECT_TRUE(file == now || file == mainFile);
             merged = now;
             // From the start again, with the old data.
@@ -133,6 +131,5 @@ TEST_F(OutOfMemory, LookingUpUsualNumbersAllocatesNothing) {
     BAS::DateTime const when(BAS::String("20210101000000"));
     NumberPortabilityData out;
     for (unsigned const method : {0U, 1U, 2U})
-        EXPECT_TRUE(
-            withAllocations(0, [&] { EXPECT_EQ(cache.search(number, when, out, method), method != 1); }));
+        EXPECT_TRUE(withAllocations(0, [&] { EXPECT_EQ(cache.search(number, when, out, method), method != 1); }));
 }

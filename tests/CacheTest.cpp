@@ -1,5 +1,4 @@
-// The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups
-// meanwhile.
+// The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
 #include "framework/STR/FileIo.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
@@ -29,30 +28,26 @@ class Cache : public testing::Test {
 
     void use(Codes const& newCodes) {
         codes = newCodes;
-        cache = std::make_unique<CacheManager>(&plugIn, codes.national, codes.international, codes.country,
-                                               codes.sign, 3, BAS::String(folder.file("main")));
+        cache = std::make_unique<CacheManager>(&plugIn, codes.national, codes.international, codes.country, codes.sign,
+                                               3, BAS::String(folder.file("main")));
     }
     void write(std::string const& lines) { folder.write("main", lines); }
     bool loadLines(std::string const& lines) {
         write(lines);
         return cache->load();
     }
-    bool delta(std::string const& lines) {
-        return cache->cacheDeltaLoad(BAS::String(folder.write("delta", lines)));
-    }
+    bool delta(std::string const& lines) { return cache->cacheDeltaLoad(BAS::String(folder.write("delta", lines))); }
     std::string answer(char const* number, char const* instant = "20240101000000", unsigned method = 0) {
         NumberPortabilityData out;
-        return cache->search(number, BAS::DateTime(BAS::String(instant)), out, method)
-                   ? out.networkIdM.c_str()
-                   : "-";
+        return cache->search(number, BAS::DateTime(BAS::String(instant)), out, method) ? out.networkIdM.c_str() : "-";
     }
     std::string listing() {
         std::ostringstream out;
         cache->print(out, false);
         return out.str();
     }
-    // Makes the reader's file fail to be read from here on: its descriptor becomes that of a file whose every
-    // read fails.
+    // Makes the reader's file fail to be read from here on: its descriptor becomes that of a file whose every read
+    // fails.
     void breakReading(std::string const& file) {
         DIR* const descriptors = opendir("/proc/self/fd");
         while (dirent const* const entry = readdir(descriptors)) { // NOLINT(concurrency-mt-unsafe)
@@ -66,8 +61,7 @@ class Cache : public testing::Test {
         }
         closedir(descriptors);
     }
-    // Many lines, one of them bad, so that the reader has several blocks to read and the bad line can break
-    // it.
+    // Many lines, one of them bad, so that the reader has several blocks to read and the bad line can break it.
     static std::string manyLines(std::string const& network) {
         std::string lines = "a bad line of words\n";
         for (int i = 0; i < 30'000; ++i)
@@ -170,12 +164,12 @@ TEST_F(Cache, ReadsTheExampleOfTheDataFormat) {
     EXPECT_EQ(listing(), "00491711234567  20050301120000  NETB\n00491711234567  20040101000000  NETA\n"
                          "00491729876543  20060101000000  NETB\n");
     EXPECT_EQ(plugIn.reports[0].arguments,
-              (Arguments{"Invalid N-Port Data at Line# 3 in File '" + folder.file("main") + "'. ",
-                         "00491711234567", "20050301120000"}));
+              (Arguments{"Invalid N-Port Data at Line# 3 in File '" + folder.file("main") + "'. ", "00491711234567",
+                         "20050301120000"}));
     EXPECT_EQ(plugIn.takeIdentifiers(),
               (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_DUPLICATE_NUMPORTDATA", "ERR_INVALID_DATETIME",
-                           "ERR_INVALID_DATETIME", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
-                           "ERR_NUMBER_OF_FIELDS_IN_RECORD", "INF_FILE_EOF"}));
+                           "ERR_INVALID_DATETIME", "ERR_NUMBER_OF_FIELDS_IN_RECORD", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
+                           "INF_FILE_EOF"}));
 }
 
 TEST_F(Cache, TellsWhetherALineWasAccepted) {
@@ -188,8 +182,7 @@ TEST_F(Cache, TellsWhetherALineWasAccepted) {
     EXPECT_TRUE(insert("01711234567 20240101000000 B", true)) << "a duplicate";
     EXPECT_TRUE(insert("00441711234567 20240101000000 C", true));
     EXPECT_EQ(tree.entries(), 1U);
-    EXPECT_EQ(plugIn.takeIdentifiers(),
-              (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_DUPLICATE_NUMPORTDATA"}));
+    EXPECT_EQ(plugIn.takeIdentifiers(), (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_DUPLICATE_NUMPORTDATA"}));
     EXPECT_FALSE(insert("01711234567 20240101000000", true));
     EXPECT_FALSE(insert("01711234567 x A", true));
     EXPECT_TRUE(insert("01711234567 20240101000000 D", false)) << "unordered takes it";
@@ -238,8 +231,7 @@ TEST_F(Cache, ChangesNothingWhenTheFileCheckFails) {
 
 TEST_F(Cache, ReloadsWhateverItReadsWithReuse) {
     ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
-    for (auto const& [lines, entries] :
-         {std::pair{"0172 20240101000000 NEW\nbad\n", 1U}, {"bad\n", 0U}, {"", 0U}}) {
+    for (auto const& [lines, entries] : {std::pair{"0172 20240101000000 NEW\nbad\n", 1U}, {"bad\n", 0U}, {"", 0U}}) {
         SCOPED_TRACE(lines);
         plugIn.reports.clear();
         write(lines);
@@ -267,8 +259,7 @@ TEST_F(Cache, KeepsTheOldDataWhenTheLastLineFailsAndReuseIsOff) {
         write(c.lines);
         EXPECT_EQ(cache->cacheReload(false), c.adopted);
         EXPECT_EQ(listing(), c.adopted ? "0044172  20240101000000  NEW\n" : old);
-        if (!c.adopted) { // nothing but what the parser said, and the standby tree holds the old records
-                          // again
+        if (!c.adopted) { // nothing but what the parser said, and the standby tree holds the old records again
             for (std::string const& identifier : plugIn.takeIdentifiers())
                 EXPECT_TRUE(identifier.starts_with("ERR_NUMBER_OF") || identifier == "ERR_INVALID_DATETIME");
             EXPECT_TRUE(delta("0173 20240101000000 ADDED\n"));
@@ -283,17 +274,15 @@ TEST_F(Cache, KeepsTheOldDataWhenTheLastLineFailsAndReuseIsOff) {
 TEST_F(Cache, MergesADeltaAndRewritesTheMainFile) {
     ASSERT_TRUE(loadLines("0171 20240101000000 A\n0171 20200101000000 B\n"));
     plugIn.reports.clear();
-    EXPECT_TRUE(
-        delta("0172 20240101000000 C\n+44171 20240101000000 X\nbad\n0170 20240101000000 long-network-id\n"));
+    EXPECT_TRUE(delta("0172 20240101000000 C\n+44171 20240101000000 X\nbad\n0170 20240101000000 long-network-id\n"));
     std::string const merged = "0044170  20240101000000  long-network-id\n0044171  20240101000000  A\n"
                                "0044171  20200101000000  B\n0044172  20240101000000  C\n";
     EXPECT_EQ(cache->numOfEntries(), 4U);
     EXPECT_EQ(contentOf(folder.file("main")), merged);
     EXPECT_EQ(plugIn.reports[0].arguments[0],
               "Invalid N-Port Data at Line# 2 in File '" + folder.file("delta") + "'. ");
-    EXPECT_EQ(plugIn.takeIdentifiers(),
-              (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
-                           "ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD"}));
+    EXPECT_EQ(plugIn.takeIdentifiers(), (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
+                                                     "ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD"}));
     EXPECT_TRUE(cache->cacheReload(false));
     EXPECT_EQ(listing(), merged);
     EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers{"INF_DELETE_OLD_DATA"});
@@ -367,8 +356,7 @@ TEST_F(Cache, WithoutTreesTouchesNothing) {
 }
 
 TEST_F(Cache, ExaminesAFileWithoutServingIt) {
-    write("0171 20240101000000 A\n0171 20200101000000 B\n0172 20300101000000 A\n0171 20200101000000 "
-          "C\nbad\n0 x y\n"
+    write("0171 20240101000000 A\n0171 20200101000000 B\n0172 20300101000000 A\n0171 20200101000000 C\nbad\n0 x y\n"
           "0 20200101000000 N\0\n"s);
     DataSummary summary;
     std::vector<unsigned long> rejected;
@@ -394,8 +382,8 @@ TEST_F(Cache, ExaminesAFileWithoutServingIt) {
     EXPECT_EQ(cache->numOfEntries(), 0U);
 }
 
-// Every number of a generation belongs to that generation's network, so an answer from two generations in one
-// look-up shows as a network that the prefix does not have.
+// Every number of a generation belongs to that generation's network, so an answer from two generations in one look-up
+// shows as a network that the prefix does not have.
 TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
     auto const generation = [](int n) {
         std::string lines;
@@ -417,8 +405,7 @@ TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
                 BAS::String const number(("0044171" + std::to_string(1000 + n % 300)));
                 int const least = loaded;
                 bool const answered = cache->search(number, when, out, static_cast<unsigned>(n % 3));
-                int const answeredGeneration =
-                    answered ? std::atoi(out.networkIdM.c_str() + 1) : -1; // NOLINT
+                int const answeredGeneration = answered ? std::atoi(out.networkIdM.c_str() + 1) : -1; // NOLINT
                 if (answeredGeneration < least || answeredGeneration > loading)
                     ++wrong;
             }
@@ -432,8 +419,7 @@ TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
             std::string const text = out.str();
             std::string const network = text.substr(text.rfind(' '));
             std::size_t lines = 0;
-            for (std::size_t at = text.find(network); at != std::string::npos;
-                 at = text.find(network, at + 1))
+            for (std::size_t at = text.find(network); at != std::string::npos; at = text.find(network, at + 1))
                 ++lines;
             if (lines != 300) // all of one generation, or the printing saw an exchange
                 ++wrong;

@@ -228,8 +228,7 @@ TEST_F(LineReader, OpensRegularFilesOnlyAndNeverWaits) {
     EXPECT_TRUE(reader.closeFile());
     std::string const pipe = folder.file("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    for (std::string const& name :
-         {folder.path().string(), pipe, "/dev/null"s, folder.file("missing"), ""s}) {
+    for (std::string const& name : {folder.path().string(), pipe, "/dev/null"s, folder.file("missing"), ""s}) {
         EXPECT_FALSE(reader.openFile(BAS::String(name), 8)) << name;
         EXPECT_FALSE(reader.isOpen());
         EXPECT_EQ(reader.fileName().str(), name);
@@ -328,8 +327,7 @@ TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
     EXPECT_EQ(log.reports[0].arguments()[0].str(), file);
     EXPECT_NE(log.reports[0].arguments()[1].str().find("File too large"), std::string::npos);
 
-    for (std::string const& name :
-         {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
+    for (std::string const& name : {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
         EXPECT_FALSE(write(name, "x")) << name;
     EXPECT_EQ(log.reports.size(), 5U);
     EXPECT_EQ(leftovers(1), 0U);

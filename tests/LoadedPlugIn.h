@@ -1,5 +1,5 @@
-// The real module, loaded as the framework loads it, with a framework around it: registry, root object, event
-// handler and a log that can be waited upon.
+// The real module, loaded as the framework loads it, with a framework around it: registry, root object, event handler
+// and a log that can be waited upon.
 #pragma once
 
 #include "framework/BAS/InstrumentationProbeGroup.h"
@@ -19,8 +19,7 @@
 #include <utility>
 #include <vector>
 
-// Everything that the module said, in order: reports as "identifier(severity): argument, argument", events by
-// name.
+// Everything that the module said, in order: reports as "identifier(severity): argument, argument", events by name.
 class Journal : public BAS::LogSinkIf {
   public:
     Journal() { BAS::RegisteredObject::installLogSink(this); }
@@ -99,9 +98,8 @@ class LoadedPlugIn : public testing::Test {
         OMF::InstrumentationProbeBrokerIf::installFolder(NP_LIBRARY_FOLDER);
         moduleM = dlopen(NP_MODULE, RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(moduleM, nullptr) << dlerror(); // NOLINT(concurrency-mt-unsafe)
-        searchM =
-            symbol<Search>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_"
-                           "21NumberPortabilityDataE");
+        searchM = symbol<Search>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_"
+                                 "21NumberPortabilityDataE");
         set("FileName", file);
         set("CountryCode", "44");
         set("NationalAccessCode", "0");
@@ -145,9 +143,7 @@ class LoadedPlugIn : public testing::Test {
     }
     std::string answer(char const* number, char const* instant = "20240101000000") {
         DAT::NumberPortability::NumberPortabilityData out;
-        return searchM(plugIn.get(), number, BAS::DateTime(BAS::String(instant)), out)
-                   ? out.networkIdM.c_str()
-                   : "-";
+        return searchM(plugIn.get(), number, BAS::DateTime(BAS::String(instant)), out) ? out.networkIdM.c_str() : "-";
     }
     // Writes a probe; false when there is none of that name.
     bool probe(std::string const& name, std::string const& value) {

@@ -1,5 +1,4 @@
-// The module as a shared object: what it shows, how its virtual tables lie, and that it comes and goes
-// without trace.
+// The module as a shared object: what it shows, how its virtual tables lie, and that it comes and goes without trace.
 #include "tests/LoadedPlugIn.h"
 
 #include <array>

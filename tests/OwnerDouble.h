@@ -42,8 +42,8 @@ namespace OwnerServices {
     return plugIn.fileOpens;
 }
 
-[[gnu::used]] inline void report(PlugIn& plugIn, BAS::String const& identifier,
-                                 BAS::Status::Severity severity, BAS::Status::Arguments const& arguments) {
+[[gnu::used]] inline void report(PlugIn& plugIn, BAS::String const& identifier, BAS::Status::Severity severity,
+                                 BAS::Status::Arguments const& arguments) {
     PlugIn::Report report{identifier.str(), severity, {}};
     for (BAS::String const& argument : arguments)
         report.arguments.push_back(argument.str());

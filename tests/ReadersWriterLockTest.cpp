@@ -1,5 +1,4 @@
-// The readers-writer lock's promise: exclusion, and who waits for whom. Tests wait for conditions, never for
-// time.
+// The readers-writer lock's promise: exclusion, and who waits for whom. Tests wait for conditions, never for time.
 #include "framework/RW/RWReadersWriterLock.h"
 
 #include <atomic>

@@ -1,6 +1,5 @@
-// Public numbering data through the real module, against a brute-force reading of the same files that shares
-// no code with the product. The data lie beside the checkout where it is developed; elsewhere these tests are
-// skipped.
+// Public numbering data through the real module, against a brute-force reading of the same files that shares no code
+// with the product. The data lie beside the checkout where it is developed; elsewhere these tests are skipped.
 #include "tests/LoadedPlugIn.h"
 
 #include <map>
@@ -31,8 +30,8 @@ std::vector<Line> linesOf(std::string const& file) {
     return lines;
 }
 
-// Looks at every line: among those that are prefixes of the number and allowed by the method, the longest
-// (best match) or the shortest one's newest record that has started.
+// Looks at every line: among those that are prefixes of the number and allowed by the method, the longest (best match)
+// or the shortest one's newest record that has started.
 std::string bruteForce(std::vector<Line> const& lines, std::string const& number, std::string const& instant,
                        unsigned method) {
     std::map<std::size_t, std::pair<std::string, std::string>> newest; // by key length: started records only
@@ -83,9 +82,8 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
     for (std::string const& entry : journal.take())
         EXPECT_TRUE(entry.starts_with("INF_") || entry.starts_with("EVT::ADD_NUM_PORT_DATA_SUCC")) << entry;
 
-    auto* const searchBy =
-        symbol<SearchBy>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeE"
-                         "RNS0_21NumberPortabilityDataEj");
+    auto* const searchBy = symbol<SearchBy>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeE"
+                                            "RNS0_21NumberPortabilityDataEj");
     std::size_t found = 0;
     for (std::size_t i = 0; i < lines.size(); i += 1 + lines.size() / 300) {
         Line const& line = lines[i];
@@ -95,10 +93,9 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
                  {line.validFrom, std::string("20150601120000"), std::string("20270101000000")})
                 for (unsigned const method : {0U, 1U, 2U}) {
                     DAT::NumberPortability::NumberPortabilityData out;
-                    bool const answered = searchBy(plugIn.get(), BAS::String(number),
-                                                   BAS::DateTime(BAS::String(instant)), out, method);
-                    ASSERT_EQ(answered ? out.networkIdM.c_str() : "-",
-                              bruteForce(lines, number, instant, method))
+                    bool const answered =
+                        searchBy(plugIn.get(), BAS::String(number), BAS::DateTime(BAS::String(instant)), out, method);
+                    ASSERT_EQ(answered ? out.networkIdM.c_str() : "-", bruteForce(lines, number, instant, method))
                         << number << " at " << instant << " by " << method;
                     found += answered ? 1 : 0;
                 }

@@ -1,5 +1,4 @@
-// The store: records and histories, the trie against a naive model, the number tree and its three search
-// methods.
+// The store: records and histories, the trie against a naive model, the number tree and its three search methods.
 #include "store/NumberPortabilityTree.h"
 
 #include <gtest/gtest.h>
@@ -246,8 +245,7 @@ TEST(Trie, IsAsDeepAsMemoryAllows) {
     EXPECT_EQ(Value::alive, 0);
 }
 
-// Generated operations against a map from digit strings, with separators in the keys and keys inside each
-// other.
+// Generated operations against a map from digit strings, with separators in the keys and keys inside each other.
 TEST(Trie, AgreesWithANaiveModel) {
     unsigned const seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -276,15 +274,13 @@ TEST(Trie, AgreesWithANaiveModel) {
                     paths.insert(digits.substr(0, length));
             }
             auto const exact = model.find(digits);
-            ASSERT_EQ(numberOf(trie.search(BAS::String(text), true)),
-                      exact == model.end() ? -1 : exact->second);
+            ASSERT_EQ(numberOf(trie.search(BAS::String(text), true)), exact == model.end() ? -1 : exact->second);
             std::vector<int> prefixes; // longest first
             for (std::size_t length = digits.size(); length > 0; --length)
                 if (auto const prefix = model.find(digits.substr(0, length)); prefix != model.end())
                     prefixes.push_back(prefix->second);
             ASSERT_EQ(found(trie, text), prefixes);
-            ASSERT_EQ(numberOf(trie.search(BAS::String(text), false)),
-                      prefixes.empty() ? -1 : prefixes.back());
+            ASSERT_EQ(numberOf(trie.search(BAS::String(text), false)), prefixes.empty() ? -1 : prefixes.back());
         }
         std::string listing;
         for (auto const& [digits, number] : model)
@@ -322,10 +318,8 @@ TEST_F(NumberTree, ResolvesByEachMethod) {
                           {"00441719999999", "20090101000000", "NET01", "-", "NET01"},
                           {"0044", "20090101000000", "-", "-", "-"},
                           {"", "20090101000000", "-", "-", "-"}}) {
-        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::BEST_MATCH), c.best)
-            << c.number << c.instant;
-        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::EXACT_MATCH), c.exact)
-            << c.number << c.instant;
+        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::BEST_MATCH), c.best) << c.number << c.instant;
+        EXPECT_EQ(answer(c.number, c.instant, NumberPortabilityTree::EXACT_MATCH), c.exact) << c.number << c.instant;
         for (unsigned const method : {2U, 3U, 77U, 4294967295U})
             EXPECT_EQ(answer(c.number, c.instant, method), c.shortest) << c.number << c.instant << method;
     }
@@ -343,8 +337,7 @@ TEST_F(NumberTree, RefusesDuplicatesAndNumbersWithoutDigits) {
     EXPECT_FALSE(tree.insert("abc", record("20080301000000", "OTHER"), false));
     EXPECT_EQ(tree.entries(), 2U);
     EXPECT_EQ(answer("00441711234567", "20090101000000", 0), "NET02");
-    EXPECT_TRUE(tree.insert("00441711234567", record("20080301000000", "OTHER"), false))
-        << "unordered appends";
+    EXPECT_TRUE(tree.insert("00441711234567", record("20080301000000", "OTHER"), false)) << "unordered appends";
     EXPECT_EQ(tree.entries(), 3U);
 }
 

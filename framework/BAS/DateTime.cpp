@@ -11,8 +11,7 @@ constexpr std::size_t digitsInText = 14;
 constexpr unsigned secondsPerDay = 86400;
 constexpr unsigned daysPer400Years = 146097;
 
-// Years are counted from March, so that the leap day ends its year and month lengths repeat every five
-// months.
+// Years are counted from March, so that the leap day ends its year and month lengths repeat every five months.
 constexpr std::uint64_t marchToJanuary = 306; // days from 0000-03-01 to 0001-01-01
 
 struct Civil {
@@ -118,15 +117,15 @@ DateTime::DateTime(std::string_view text) noexcept {
         return;
     if (hour > 23 || minute > 59 || second > 59)
         return;
-    secondsM = daysSinceYearOne(year, month, day) * secondsPerDay + hour * 3600 + minute * 60 + second;
+    secondsM = daysSinceYearOne(year, month, day) * secondsPerDay + hour * 3600UL + minute * 60UL + second;
 }
 
 DateTime DateTime::now() noexcept {
     constexpr std::uint64_t unixEpoch = daysSinceYearOne(1970, 1, 1) * secondsPerDay;
     auto const sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
     DateTime result;
-    result.secondsM = unixEpoch + static_cast<std::uint64_t>(
-                                      std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
+    result.secondsM =
+        unixEpoch + static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
     return result;
 }
 
@@ -150,7 +149,7 @@ void DateTime::toDigits(char* to) const noexcept {
     putDigits(to, when.year, 4);
     unsigned const pairs[] = {when.month, when.day, when.hour, when.minute, when.second};
     for (unsigned i = 0; i < 5; ++i)
-        putDigits(to + 4 + 2 * i, pairs[i], 2);
+        putDigits(to + 4 + 2UL * i, pairs[i], 2);
 }
 
 std::ostream& operator<<(std::ostream& out, DateTime const& dateTime) {

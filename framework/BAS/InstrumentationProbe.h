@@ -1,5 +1,4 @@
-// BAS::InstrumentationProbe: base of everything that the instrumentation facility shows, and the list of
-// probes.
+// BAS::InstrumentationProbe: base of everything that the instrumentation facility shows, and the list of probes.
 //
 // Purpose: a probe has a name and a description; an operator finds it by its name.
 // Ownership: a probe owns its texts; a list borrows its probes.
@@ -20,7 +19,7 @@ class InstrumentationProbe {
     };
 
     // `version` is the version of the description; the module passes 1.
-    InstrumentationProbe(ProbeInfo info, int version) : infoM(std::move(info)), versionM(version) {}
+    InstrumentationProbe(ProbeInfo const& info, int version) : infoM(info), versionM(version) {}
     InstrumentationProbe(InstrumentationProbe const&) = delete;
     InstrumentationProbe& operator=(InstrumentationProbe const&) = delete;
     virtual ~InstrumentationProbe() = default;

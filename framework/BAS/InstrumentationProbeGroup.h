@@ -22,9 +22,7 @@ class InstrumentationProbeCollection : public InstrumentationProbe {
         attributesM.emplace_back(attribute);
     }
     std::size_t length() const { return attributesM.size(); }
-    InstrumentationProbeAttribute* operator[](std::size_t position) const {
-        return attributesM.at(position).get();
-    }
+    InstrumentationProbeAttribute* operator[](std::size_t position) const { return attributesM.at(position).get(); }
 
   private:
     std::vector<std::unique_ptr<InstrumentationProbeAttribute>> attributesM;

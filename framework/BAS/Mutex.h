@@ -1,9 +1,9 @@
 // BAS::Mutex and BAS::MutexGuard: std::mutex with clang's thread-safety annotations.
 //
-// Purpose: lets clang check at build time which lock guards which member (-Wthread-safety); other compilers
-// see a plain mutex. The NP_ macros spell the annotations for every other lock of the project. Threads: as
-// std::mutex. Errors: none. Complexity: as std::mutex; no storage of its own. Source: clang documentation,
-// "Thread Safety Analysis".
+// Purpose: lets clang check at build time which lock guards which member (-Wthread-safety); other compilers see
+// a plain mutex. The NP_ macros spell the annotations for every other lock of the project.
+// Threads: as std::mutex. Errors: none. Complexity: as std::mutex; no storage of its own.
+// Source: clang documentation, "Thread Safety Analysis".
 #pragma once
 
 #include <mutex>

@@ -72,8 +72,8 @@ bool RegisteredObject::registryUpdate(RegistryEntry const*, ProtectedBool&) {
     return true;
 }
 
-bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry* own, String const& key,
-                                      bool& flag, String const& identifier, ProtectedBool& updateHandled) {
+bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry* own, String const& key, bool& flag,
+                                      String const& identifier, ProtectedBool& updateHandled) {
     RegistryEntry const* const entry = update->find(key);
     if (entry == nullptr)
         return true;
@@ -82,7 +82,7 @@ bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry
         return false;
     if (RegistryEntry* const target = own == nullptr ? nullptr : own->find(key))
         target->value(entry->value());
-    setStatus(identifier, Status::NORMAL, name() + "." + key, true);
+    setStatus(identifier, Status::NORMAL, {name() + "." + key}, true);
     return true;
 }
 
@@ -154,10 +154,10 @@ void RegisteredObject::setStatus(Status const& status, bool writeToLog) {
         writeLogLocked(statusM);
 }
 
-void RegisteredObject::setStatus(String const& identifier, Status::Severity severity, String const& argument,
-                                 bool writeToLog) {
+void RegisteredObject::setStatus(String const& identifier, Status::Severity severity,
+                                 Status::Arguments const& arguments, bool writeToLog) {
     MutexGuard const guard(statusLockM);
-    statusM.set(name(), identifier, severity, argument);
+    statusM.set(name(), identifier, severity, arguments);
     if (writeToLog)
         writeLogLocked(statusM);
 }

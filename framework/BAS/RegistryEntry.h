@@ -1,9 +1,10 @@
 // BAS::RegistryEntry: one entry of the framework's hierarchical registry: a name, a value, children in order.
 //
 // Purpose: an object's start-up configuration and the keys of a run-time update.
-// Ownership: an entry owns its children. What find returns stays valid as long as the entry and until the
-// next append. Threads: none inside; concurrent const use is safe. Errors: append throws std::bad_alloc; find
-// returns null for a name that is not there. Complexity: find is linear in the number of children.
+// Ownership: an entry owns its children. What find returns stays valid as long as the entry and until the next append.
+// Threads: none inside; concurrent const use is safe.
+// Errors: append throws std::bad_alloc; find returns null for a name that is not there.
+// Complexity: find is linear in the number of children.
 #pragma once
 
 #include "framework/BAS/String.h"
@@ -14,8 +15,7 @@ namespace BAS {
 
 class RegistryEntry {
   public:
-    explicit RegistryEntry(String name, String value = String())
-        : nameM(std::move(name)), valueM(std::move(value)) {}
+    explicit RegistryEntry(String name, String value = String()) : nameM(std::move(name)), valueM(std::move(value)) {}
 
     String const& name() const { return nameM; }
     String const& value() const { return valueM; }

@@ -1,7 +1,6 @@
 #include "framework/BAS/SimpleString.h"
 
 #include <ostream>
-#include <utility>
 
 namespace BAS {
 
@@ -18,12 +17,15 @@ SimpleString::SimpleString(SimpleString const& other) {
         std::memcpy(bytesM, other.bytesM, sizeCM);
 }
 
-SimpleString& SimpleString::operator=(SimpleString const& other) {
-    if (this != &other) {
-        SimpleString copy(other);
-        swap(copy);
+void SimpleString::assignHeap(SimpleString const& other) {
+    if (this == &other)
+        return;
+    if (isHeap() && other.isHeap() && view().size() >= other.view().size()) {
+        std::memcpy(heapText(), other.heapText(), other.view().size() + 1);
+        return;
     }
-    return *this;
+    SimpleString copy(other);
+    swap(copy);
 }
 
 void SimpleString::store(std::string_view text) {
@@ -36,10 +38,6 @@ void SimpleString::store(std::string_view text) {
     copy[text.size()] = '\0';
     std::memcpy(bytesM, &copy, sizeCM);
     bytesM[sizeCM - 1] = heapTagCM;
-}
-
-void SimpleString::swap(SimpleString& other) noexcept {
-    std::swap(bytesM, other.bytesM);
 }
 
 std::ostream& operator<<(std::ostream& out, SimpleString const& text) {

@@ -1,8 +1,9 @@
 // BAS::Status: one report.
 //
-// Purpose: what an object tells the log: its registered name, a message identifier ("INF_" for information,
-// "ERR_" for errors), a severity and ordered arguments. The text behind an identifier is the host's message
-// catalogue. Ownership: a value that owns its texts. Threads: none inside; concurrent const use is safe.
+// Purpose: what an object tells the log: its registered name, a message identifier ("INF_" for information, "ERR_"
+// for errors), a severity and ordered arguments. The text behind an identifier is the host's message catalogue.
+// Ownership: a value that owns its texts.
+// Threads: none inside; concurrent const use is safe.
 // Errors: set throws std::bad_alloc. Complexity: linear in the texts.
 #pragma once
 

@@ -27,21 +27,27 @@ String String::upper() const {
 
 RWTValOrderedVector<String> String::split() const {
     RWTValOrderedVector<String> words;
+    split(words, textM.size());
+    return words;
+}
+
+std::size_t String::split(RWTValOrderedVector<String>& words, std::size_t most) const {
+    words.clear();
+    std::size_t count = 0;
     std::string_view const text = textM;
     std::size_t begin = text.find_first_not_of(separators);
-    while (begin != std::string_view::npos) {
+    for (; begin != std::string_view::npos; ++count) {
         std::size_t const end = text.find_first_of(separators, begin);
-        words.append(String(text.substr(begin, end - begin)));
+        if (count < most)
+            words.append(String(text.substr(begin, end - begin)));
         begin = text.find_first_not_of(separators, end);
     }
-    return words;
+    return count;
 }
 
 bool String::toNum(unsigned int& number) const noexcept {
     char const* const end = textM.data() + textM.size();
-    if (textM.empty() || textM.front() == '-') // from_chars takes no "+" and no blank by itself
-        return false;
-    unsigned int parsed = 0;
+    unsigned int parsed = 0; // from_chars takes no sign and no blank for an unsigned number
     auto const [stop, error] = std::from_chars(textM.data(), end, parsed, 10);
     if (error != std::errc() || stop != end)
         return false;
@@ -54,7 +60,7 @@ String String::convert(unsigned long number) {
 }
 
 std::ostream& operator<<(std::ostream& out, String const& text) {
-    return out.write(text.data(), static_cast<std::streamsize>(text.length()));
+    return out << text.view();
 }
 
 } // namespace BAS

@@ -1,11 +1,11 @@
 // BAS::String: the framework's text type.
 //
-// Purpose: every number, dialling code, registry key and value, file name and report argument is one. A
-// string is a sequence of bytes; NUL and bytes above 127 are ordinary characters. Nothing here depends on the
-// locale. Ownership: owns its bytes. data() and view() stay valid until the string changes or ends. Threads:
-// none inside; concurrent const use is safe. Errors: operations that build text throw std::bad_alloc when
-// memory runs out and then change nothing. Complexity: linear in the length where text is read or built, else
-// constant.
+// Purpose: every number, dialling code, registry key and value, file name and report argument is one. A string is a
+// sequence of bytes; NUL and bytes above 127 are ordinary characters. Nothing here depends on the locale.
+// Ownership: owns its bytes. data() and view() stay valid until the string changes or ends.
+// Threads: none inside; concurrent const use is safe.
+// Errors: operations that build text throw std::bad_alloc when memory runs out and then change nothing.
+// Complexity: linear in the length where text is read or built, else constant.
 #pragma once
 
 #include "framework/RW/RWTValOrderedVector.h"
@@ -21,6 +21,7 @@ namespace BAS {
 class String {
   public:
     String() noexcept = default;
+    // Not from a null pointer.
     String(char const* text) : textM(text) {}                     // NOLINT(google-explicit-constructor)
     String(std::string text) noexcept : textM(std::move(text)) {} // NOLINT(google-explicit-constructor)
     explicit String(std::string_view text) : textM(text) {}
@@ -42,9 +43,12 @@ class String {
     // ASCII letters in upper case; every other byte stays.
     String upper() const;
 
-    // The words between separators: blank, tab, carriage return, vertical tab, form feed and newline.
-    // Separators at either end and runs of them give no empty words.
+    // The words between separators: blank, tab, carriage return, vertical tab, form feed and newline. Separators at
+    // either end and runs of them give no empty words.
     RWTValOrderedVector<String> split() const;
+
+    // The same into `words`, but the first `most` only; returns how many words there are.
+    std::size_t split(RWTValOrderedVector<String>& words, std::size_t most) const;
 
     // The text as an unsigned decimal number: one digit or more, nothing else (no sign, no blank), at most
     // 4294967295. False, and `number` unchanged, for any other text.

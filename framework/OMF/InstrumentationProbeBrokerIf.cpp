@@ -1,8 +1,5 @@
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
 
-#include <fstream>
-#include <new>
-#include <sstream>
 #include <toml++/toml.h>
 
 namespace OMF {
@@ -31,17 +28,17 @@ void InstrumentationProbeBrokerIf::installFolder(BAS::String const& name) {
     folder() = name;
 }
 
-bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requester,
-                                                     BAS::String const& fileName, ProbeInfoMap& infos) {
+bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requester, BAS::String const& fileName,
+                                                     ProbeInfoMap& infos) {
     std::string const path = folder().str() + "/" + fileName.str();
     std::string reason;
     try {
         fill(toml::parse_file(path), infos);
         return true;
     } catch (toml::parse_error const& error) {
-        std::ostringstream text;
-        text << error;
-        reason = text.str();
+        reason = std::string(error.description());
+        if (error.source().begin)
+            reason += " (line " + std::to_string(error.source().begin.line) + ")";
     }
     infos.clear();
     BAS::Status status;

@@ -11,8 +11,7 @@ namespace PLG {
 class DataPlugIn : public StdPlugIn {
   public:
     DataPlugIn() = default;
-    // `messageBase` is the number from which the framework counts the module's messages; it is kept for the
-    // host.
+    // `messageBase` is the number from which the framework counts the module's messages; it is kept for the host.
     DataPlugIn(BAS::String const& name, BAS::String messageBase)
         : StdPlugIn(name), messageBaseM(std::move(messageBase)) {}
 

@@ -1,10 +1,9 @@
 // PLG::StdPlugIn: base of every plug-in: a registered object with a life cycle.
 //
-// Purpose: declares the steps by which the framework drives a plug-in: init after construction, finalInit
-// when all plug-ins are initialised, shutdown before destruction; startup, install and uninstall where a
-// plug-in needs them. Ownership and threads: as BAS::RegisteredObject; the steps are driven by one thread at
-// a time. Errors: a step returns false; nothing is thrown to the framework. Complexity: the plug-in's; the
-// defaults do nothing.
+// Purpose: declares the steps by which the framework drives a plug-in: init after construction, finalInit when all
+// plug-ins are initialised, shutdown before destruction; startup, install and uninstall where a plug-in needs them.
+// Ownership and threads: as BAS::RegisteredObject; the steps are driven by one thread at a time.
+// Errors: a step returns false; nothing is thrown to the framework. Complexity: the plug-in's; the defaults do nothing.
 #pragma once
 
 #include "framework/BAS/RegisteredObject.h"

@@ -12,8 +12,8 @@ bool RWReadersWriterLock::readersInside() const noexcept {
     return false;
 }
 
-// The reader has counted itself in and met a writer: it steps back, so that the writer can go on, and queues.
-// Once counted as waiting it gets in before the next writer raises its flag.
+// The reader has counted itself in and met a writer: it steps back, so that the writer can go on, and queues. Once
+// counted as waiting it gets in before the next writer raises its flag.
 void RWReadersWriterLock::waitToRead(std::atomic<unsigned>& readers) noexcept {
     BAS::MutexGuard const guard(shortLockM);
     readers.fetch_sub(1);

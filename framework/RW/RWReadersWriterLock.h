@@ -1,29 +1,26 @@
 // RWReadersWriterLock: shared and exclusive locking, with short and long readers told apart. Not recursive.
 //
-// Purpose: guards which of two trees serves look-ups. A look-up is a short reader (microseconds), a printed
-// listing a long one (seconds), an exchange of the trees the writer.
+// Purpose: guards which of two trees serves look-ups. A look-up is a short reader (microseconds), a printed listing a
+// long one (seconds), an exchange of the trees the writer.
 //
 // Promise:
-// - Short readers wait for exclusive sections only, never for a long reader and never for a writer that
-// itself waits
-//   for one. A short reader waits for two exclusive sections at the most, plus the time that the short
-//   readers of that moment need to leave: writers let the readers that queued behind one section in before
-//   the next begins.
+// - Short readers wait for exclusive sections only, never for a long reader and never for a writer that itself waits
+//   for one. A short reader waits for two exclusive sections at the most, plus the time that the short readers of
+//   that moment need to leave: writers let the readers that queued behind one section in before the next begins.
 // - Short readers that never pause cannot keep a writer out: it waits only for those already inside.
-// - A writer waits for the long readers that are inside, and long readers that come while it waits queue
-// behind it,
-//   so an unbroken chain of long readers cannot keep it out either. A single long reader can, for as long as
-//   it stays; a thread that keeps taking the write lock can delay long readers, but never starves short ones.
+// - A writer waits for the long readers that are inside, and long readers that come while it waits queue behind it,
+//   so an unbroken chain of long readers cannot keep it out either. A single long reader can, for as long as it
+//   stays; a thread that keeps taking the write lock can delay long readers, but never starves short ones.
 //
-// Threads: every operation from any thread; the thread that acquired releases, and from the same shared
-// object: a thread's slot is kept once per shared object that includes this header. Short readers of
-// different threads count on different cache lines (threads share one only beyond slotsCM of them). Errors:
-// none. Complexity: a short reader's uncontended way is two atomic operations on its own cache line.
+// Threads: every operation from any thread; the thread that acquired releases, and from the same shared object: a
+// thread's slot is kept once per shared object that includes this header. Short readers of different threads
+// count on different cache lines, but for every slotsCM-th thread that the process starts.
+// Errors: none. Complexity: a short reader's uncontended way is two atomic operations on its own cache line.
 //
-// How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer
-// raises the flag and then waits until it has seen every slot at zero. One of the two sees the other
-// (Dekker's argument, so these accesses are sequentially consistent). Long readers and writers first meet on
-// a mutex of their own, so that the flag goes up only when no long reader is left to wait for.
+// How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer raises
+// the flag and then waits until it has seen every slot at zero. One of the two sees the other (Dekker's argument, so
+// these accesses are sequentially consistent). Long readers and writers first meet on a mutex of their own, so that
+// the flag goes up only when no long reader is left to wait for.
 #pragma once
 
 #include "framework/BAS/Mutex.h"
@@ -60,9 +57,7 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     // One of each for the length of a scope.
     class NP_SCOPED_CAPABILITY ReadGuard {
       public:
-        explicit ReadGuard(RWReadersWriterLock& lock) NP_ACQUIRE_SHARED(lock) : lockM(lock) {
-            lockM.acquireRead();
-        }
+        explicit ReadGuard(RWReadersWriterLock& lock) NP_ACQUIRE_SHARED(lock) : lockM(lock) { lockM.acquireRead(); }
         ~ReadGuard() NP_RELEASE() { lockM.releaseRead(); }
         ReadGuard(ReadGuard const&) = delete;
         ReadGuard& operator=(ReadGuard const&) = delete;
@@ -84,9 +79,7 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     };
     class NP_SCOPED_CAPABILITY WriteGuard {
       public:
-        explicit WriteGuard(RWReadersWriterLock& lock) NP_ACQUIRE(lock) : lockM(lock) {
-            lockM.acquireWrite();
-        }
+        explicit WriteGuard(RWReadersWriterLock& lock) NP_ACQUIRE(lock) : lockM(lock) { lockM.acquireWrite(); }
         ~WriteGuard() NP_RELEASE() { lockM.releaseWrite(); }
         WriteGuard(WriteGuard const&) = delete;
         WriteGuard& operator=(WriteGuard const&) = delete;

@@ -1,12 +1,13 @@
 // RWTValSlist<T>: a list that grows and shrinks at its front only, and RWTStack<T, List>, a stack upon it.
 //
 // Purpose: collects the histories along a number's digits during a best-match look-up. The first
-// inlineLengthCM elements lie in the object itself, so that a look-up of a number of up to 32 digits (33
-// prefixes with the empty one) allocates nothing; longer numbers move on to the heap. Ownership: holds copies
-// of trivially copyable values (pointers); owns nothing that they point to. Threads: none inside; an object
-// belongs to one thread. Errors: prepend throws std::bad_alloc beyond the inline elements; removeFirst of an
-// empty list is the caller's error and undefined. Complexity: every operation constant (prepend amortised);
-// construction does not touch the inline elements.
+// inlineLengthCM elements lie in the object itself, so that a look-up of a number of up to 32 digits (33 prefixes
+// with the empty one) allocates nothing; longer numbers move on to the heap.
+// Ownership: holds copies of trivially copyable values (pointers); owns nothing that they point to.
+// Threads: none inside; an object belongs to one thread.
+// Errors: prepend throws std::bad_alloc beyond the inline elements; removeFirst of an empty list is the caller's
+// error and undefined.
+// Complexity: every operation constant (prepend amortised); construction does not touch the inline elements.
 #pragma once
 
 #include <cstddef>

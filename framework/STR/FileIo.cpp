@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
@@ -24,8 +25,8 @@ namespace {
 constexpr std::size_t bufferSize = 256UL * 1024;
 constexpr int pollMilliseconds = 100; // how often a blocked writer looks for its cancellation
 
-// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file
-// could be truncated under what the process has written to it already.
+// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file could be
+// truncated under what the process has written to it already.
 int ownDescriptor(std::string_view name) {
     if (name == "/dev/stdout")
         return STDOUT_FILENO;
@@ -50,8 +51,7 @@ std::string folderOf(std::string const& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Follows symbolic links, the last of which may name a file that is not there yet, as far as an own
-// descriptor.
+// Follows symbolic links, the last of which may name a file that is not there yet, as far as an own descriptor.
 std::string followLinks(std::string path) {
     constexpr int mostLinks = 40; // as the kernel's own limit
     for (int i = 0; i < mostLinks && ownDescriptor(path) < 0; ++i) {
@@ -60,7 +60,7 @@ std::string followLinks(std::string path) {
         if (length < 0)
             break;
         std::string target(link.data(), static_cast<std::size_t>(length));
-        path = target.starts_with('/') ? std::move(target) : folderOf(path) + "/" + target;
+        path = target.starts_with('/') ? std::move(target) : folderOf(path).append("/").append(target);
     }
     return path;
 }
@@ -68,13 +68,41 @@ std::string followLinks(std::string path) {
 bool syncFolder(std::string const& folder) {
     int const descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor < 0)
-        return false;
+        return errno == EACCES; // a folder that may be written but not read cannot be synced
     bool const synced = fsync(descriptor) == 0 || errno == EINVAL; // some file systems cannot sync a folder
     int const error = errno;
     close(descriptor);
     errno = error;
     return synced;
 }
+
+// Keeps the signal of a pipe without a reader from the process for the length of a scope: the caller sees EPIPE.
+class PipeSignalBlock {
+  public:
+    PipeSignalBlock() {
+        sigemptyset(&pipeM);
+        sigaddset(&pipeM, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        pendingBeforeM = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeM, &oldM);
+    }
+    PipeSignalBlock(PipeSignalBlock const&) = delete;
+    PipeSignalBlock& operator=(PipeSignalBlock const&) = delete;
+    ~PipeSignalBlock() {
+        int const error = errno;
+        timespec const now = {};
+        if (!pendingBeforeM)
+            sigtimedwait(&pipeM, nullptr, &now);
+        pthread_sigmask(SIG_SETMASK, &oldM, nullptr);
+        errno = error;
+    }
+
+  private:
+    sigset_t pipeM;
+    sigset_t oldM;
+    bool pendingBeforeM = false;
+};
 
 bool cancelled() {
     BAS::Thread* const self = BAS::Thread::current();
@@ -96,6 +124,7 @@ class FileIo::Buffer : public std::streambuf {
     int error() const { return errorM; }
 
     bool writeOut() {
+        PipeSignalBlock const block;
         char const* from = pbase();
         while (errorM == 0 && from < pptr()) {
             ssize_t const written = write(descriptorM, from, static_cast<std::size_t>(pptr() - from));
@@ -149,11 +178,20 @@ class FileIo::Buffer : public std::streambuf {
 FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode)
     : fileNameM(fileName), exceptionsM(std::uncaught_exceptions()), bufferM(std::make_unique<Buffer>()),
       streamM(bufferM.get()) {
-    if (mode != std::ios_base::out) {
+    if (mode != std::ios_base::out || fileName.view().find('\0') != std::string_view::npos) {
         fail(EINVAL, "open");
         return;
     }
-    std::string const target = followLinks(fileName.str());
+    try {
+        openTarget();
+    } catch (...) { // no destructor will run
+        giveUp();
+        throw;
+    }
+}
+
+void FileIo::openTarget() {
+    std::string const target = followLinks(fileNameM.str());
     if (int const own = ownDescriptor(target); own >= 0)
         openInPlace(fcntl(own, F_DUPFD_CLOEXEC, 0));
     else
@@ -161,10 +199,15 @@ FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode)
 }
 
 FileIo::~FileIo() {
-    if (std::uncaught_exceptions() > exceptionsM)
+    if (std::uncaught_exceptions() > exceptionsM) {
         giveUp();
-    else
+        return;
+    }
+    try {
         closeFile();
+    } catch (...) { // no memory even to say so
+        giveUp();
+    }
 }
 
 bool FileIo::isOpen() const {
@@ -180,7 +223,8 @@ void FileIo::openInPlace(int descriptor) {
 
 void FileIo::openReplacing(std::string const& target) {
     struct stat old = {};
-    bool const exists = stat(target.c_str(), &old) == 0;
+    // By its own name, so that the system's rules for following links hold.
+    bool const exists = stat(fileNameM.data(), &old) == 0;
     if (!exists && errno != ENOENT)
         return fail(errno, "open");
     if (exists && !S_ISREG(old.st_mode))
@@ -188,11 +232,12 @@ void FileIo::openReplacing(std::string const& target) {
     if (exists && faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0)
         return fail(errno, "open");
 
-    int const descriptor = createBeside(target);
+    targetM = target;
+    // Until it has the old file's owner and mode, nobody else may open it.
+    int const descriptor = createBeside(target, exists ? 0600 : 0666);
     if (descriptor < 0)
         return fail(errno, "create a file beside");
     bufferM->attach(descriptor);
-    targetM = target;
     if (!exists)
         return;
     struct stat created = {};
@@ -205,7 +250,7 @@ void FileIo::openReplacing(std::string const& target) {
 }
 
 // Sets temporaryM and returns its descriptor, or -1 with errno set.
-int FileIo::createBeside(std::string const& target) {
+int FileIo::createBeside(std::string const& target, unsigned mode) {
     static std::atomic<unsigned> files{0};
     constexpr std::size_t mostOfName = 200; // leaves room for the rest within NAME_MAX
 
@@ -216,9 +261,9 @@ int FileIo::createBeside(std::string const& target) {
     }
     int descriptor = -1;
     do {
-        temporaryM = folderOf(target) + "/." + name.substr(0, mostOfName) + "." + std::to_string(getpid()) +
-                     "-" + std::to_string(files.fetch_add(1)) + ".tmp";
-        descriptor = open(temporaryM.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        temporaryM = folderOf(target) + "/." + name.substr(0, mostOfName) + "." + std::to_string(getpid()) + "-" +
+                     std::to_string(files.fetch_add(1)) + ".tmp";
+        descriptor = open(temporaryM.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0)
         temporaryM.clear();
@@ -234,8 +279,7 @@ bool FileIo::closeFile() {
     if (!reportedM) {
         reportedM = true;
         BAS::Status status;
-        status.set("STR::FileIo", "ERR_WRITE_FILE", BAS::Status::MAJOR,
-                   BAS::Status::Arguments{fileNameM, failureM});
+        status.set("STR::FileIo", "ERR_WRITE_FILE", BAS::Status::MAJOR, BAS::Status::Arguments{fileNameM, failureM});
         BAS::RegisteredObject::writeLog(status);
     }
     return false;
@@ -261,7 +305,7 @@ bool FileIo::commit() {
     return true;
 }
 
-void FileIo::giveUp() {
+void FileIo::giveUp() noexcept {
     bufferM->closeDescriptor();
     if (!temporaryM.empty())
         unlink(temporaryM.c_str());

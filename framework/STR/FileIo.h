@@ -1,21 +1,21 @@
 // STR::FileIo: writes a file through an output stream.
 //
 // Purpose: writes listings and data files so that a reader of the file never sees half of one.
-// - A regular file, or a name that does not exist yet, is replaced safely: the text goes to a new file beside
-// it, and
-//   closeFile flushes it, syncs it to disk and renames it over the old one. Owner, group and mode of the old
-//   file are kept, a symbolic link stays and its target is replaced. When anything fails the old content
-//   stands whole.
-// - A device or a pipe is written in place, and so are the process's own descriptors by their names
-// (/dev/stdout,
+// - A regular file, or a name that does not exist yet, is replaced safely: the text goes to a new file beside it, and
+//   closeFile flushes it, syncs it to disk and renames it over the old one. Owner, group and mode of the old file are
+//   kept, a symbolic link stays and its target is replaced. When anything fails before the renaming the old content
+//   stands whole. The folder must let the account make files in it.
+// - A device or a pipe is written in place, and so are the process's own descriptors by their names (/dev/stdout,
 //   /dev/stderr, /dev/fd/N, /proc/self/fd/N). Opening never waits: a pipe that nobody reads does not open.
-// Ownership: owns the stream and the open file. Destruction closes like closeFile, but while an exception
-// unwinds the stack it gives up instead, so that half a listing never replaces a file. Threads: none inside;
-// one thread at a time. A thread of the framework that is cancelled gives up writing to a pipe that takes no
-// more. Errors: the framework's log is told once per object, at the latest by closeFile ("ERR_WRITE_FILE",
-// severity 4, file and the system's reason); closeFile returns false and the stream's badbit is set.
-// std::bad_alloc travels. Complexity: linear in the text. A flush of the stream does not reach the system but
-// on a terminal, so that a listing may flush every line.
+// Ownership: owns the stream and the open file. Destruction closes like closeFile, but while an exception unwinds the
+// stack it gives up instead, so that half a listing never replaces a file.
+// Threads: none inside; one thread at a time. A thread of the framework that is cancelled gives up writing to a pipe or
+// device that takes no more, if it was opened by its name and not inherited. A pipe whose reader has gone is an error
+// like any other: no signal is raised.
+// Errors: the framework's log is told once per object, at the latest by closeFile ("ERR_WRITE_FILE", severity 4, file
+// and the system's reason); closeFile returns false and the stream's badbit is set. std::bad_alloc travels.
+// Complexity: linear in the text. A flush of the stream does not reach the system but on a terminal, so that a
+// listing may flush every line.
 #pragma once
 
 #include "framework/BAS/String.h"
@@ -37,22 +37,23 @@ class FileIo {
     bool isOpen() const;
     std::ostream& stream() { return streamM; }
 
-    // Writes what is left and closes; true when the whole text stands where it should. True when closed
-    // before, with success.
+    // Writes what is left and closes; true when the whole text stands where it should. True when closed before, with
+    // success.
     bool closeFile();
 
-    // Why it failed, as the system puts it; empty while nothing has.
+    // Why it failed, as the system puts it; empty while nothing has. Complete after closeFile.
     BAS::String const& failure() const { return failureM; }
 
   private:
     class Buffer;
 
+    void openTarget();
     void openReplacing(std::string const& target);
-    int createBeside(std::string const& target);
+    int createBeside(std::string const& target, unsigned mode);
     void openInPlace(int descriptor);
     void fail(int error, char const* action);
     bool commit();
-    void giveUp();
+    void giveUp() noexcept;
 
     BAS::String fileNameM;
     std::string targetM;    // what the rename replaces; empty when written in place

@@ -18,7 +18,8 @@ FileIoTurbo::~FileIoTurbo() {
 bool FileIoTurbo::openFile(BAS::String const& fileName, long mode) {
     closeFile();
     fileNameM = fileName;
-    if (mode != readModeCM)
+    fileSizeM = 0;
+    if (mode != readModeCM || fileName.view().find('\0') != std::string_view::npos)
         return false;
     if (!blockM)
         blockM = std::make_unique<char[]>(blockSizeCM);
@@ -45,7 +46,7 @@ bool FileIoTurbo::readLine(BAS::String& line) {
     errno = 0;
     ssize_t const length = getline(&lineM, &lineCapacityM, streamM);
     if (length < 0) {
-        if (errno == ENOMEM)
+        if (errno == ENOMEM && ferror(streamM) == 0)
             throw std::bad_alloc();
         return false;
     }

@@ -1,0 +1,28 @@
+// nphost check: what a data file holds, and what is wrong with it.
+//
+// Purpose: reads a data file as a load would, by the configured dialling codes, without serving it, and tells counts,
+// rejected lines and networks, as text or as one JSON object.
+// Threads: one thread, and that of the progress line.
+// Errors: HostError when the file cannot be read to its end or the report cannot be written; ConfigurationError;
+// std::bad_alloc.
+// Complexity: linear in the file. Rejected lines are written as they are found, none is kept but the first of each
+// kind.
+#pragma once
+
+#include "host/Host.h"
+
+#include <string>
+
+namespace nphost {
+
+struct CheckOptions {
+    CommonOptions common;
+    std::string file;
+    bool all = false;
+    bool json = false;
+};
+
+// The exit status.
+int check(CheckOptions const& options);
+
+} // namespace nphost

@@ -1,0 +1,128 @@
+#include "host/Configuration.h"
+
+#include "host/Text.h"
+#include "host/TomlFile.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+namespace nphost {
+
+namespace {
+
+constexpr char const* hostTableCM = "host";
+constexpr std::string_view fileNameCM = "FileName";
+constexpr std::string_view searchMethodCM = "SearchMethod";
+constexpr std::array<std::string_view, 6> plugInKeysCM = {fileNameCM,
+                                                          "CountryCode",
+                                                          "NationalAccessCode",
+                                                          "InternationalAccessCode",
+                                                          "InternationalAccessCodeSign",
+                                                          searchMethodCM};
+
+// One configuration file on its way into a Configuration.
+class Reader {
+  public:
+    explicit Reader(std::filesystem::path const& file) : fileM(file) {}
+
+    Configuration read(toml::table const& root) {
+        for (auto&& [key, node] : root) {
+            if (key.str() == plugInNameCM)
+                readPlugIn(table(key, node));
+            else if (key.str() == hostTableCM)
+                readHost(table(key, node));
+            else
+                throw errorAt(fileM, key.source(),
+                              "unknown " + std::string(node.is_table() ? "table" : "key") + " '" + text(key) +
+                                  "'; the tables are [DAT_NumberPortability] and [host]");
+        }
+        return std::move(resultM);
+    }
+
+  private:
+    static std::string text(toml::key const& key) { return shortened(key.str()); }
+
+    toml::table const& table(toml::key const& key, toml::node const& node) const {
+        if (toml::table const* const found = node.as_table())
+            return *found;
+        throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a table: [" + text(key) + "]");
+    }
+
+    void readPlugIn(toml::table const& keys) {
+        BAS::RegistryEntry& subtree = resultM.registry.append(BAS::RegistryEntry(plugInNameCM));
+        for (auto&& [key, node] : keys) {
+            if (std::find(plugInKeysCM.begin(), plugInKeysCM.end(), key.str()) == plugInKeysCM.end())
+                throw unknownKey(key, plugInNameCM);
+            subtree.append(BAS::RegistryEntry(std::string(key.str()), plugInValue(key, node)));
+        }
+    }
+
+    std::string plugInValue(toml::key const& key, toml::node const& node) const {
+        if (key.str() == searchMethodCM && node.is_integer())
+            return std::to_string(node.as_integer()->get());
+        if (key.str() == fileNameCM)
+            return path(key, node).string();
+        if (!node.is_string() && node.is_integer())
+            throw errorAt(fileM, key.source(),
+                          "'" + text(key) + "' must be quoted, so that no leading zero is lost: " +
+                              text(key) + " = \"" + std::to_string(node.as_integer()->get()) + "\"");
+        return string(key, node);
+    }
+
+    void readHost(toml::table const& keys) {
+        for (auto&& [key, node] : keys) {
+            if (key.str() == "module")
+                resultM.module = modulePath(key, node);
+            else if (key.str() == "messages")
+                resultM.messages = path(key, node);
+            else if (key.str() == "probeFolder")
+                resultM.probeFolder = path(key, node);
+            else
+                throw unknownKey(key, hostTableCM);
+        }
+    }
+
+    ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {
+        return errorAt(fileM, key.source(),
+                       "unknown key '" + text(key) + "' in [" + std::string(tableName) + "]");
+    }
+
+    std::string string(toml::key const& key, toml::node const& node) const {
+        if (!node.is_string())
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a text in quotation marks");
+        return node.as_string()->get();
+    }
+
+    std::string pathText(toml::key const& key, toml::node const& node) const {
+        std::string value = string(key, node);
+        if (value.empty() || value.find('\0') != std::string::npos)
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must name a file or folder");
+        return value;
+    }
+
+    std::filesystem::path path(toml::key const& key, toml::node const& node) const {
+        return fileM.parent_path() / pathText(key, node);
+    }
+
+    // A name without a slash stays one, for the system's own search.
+    std::filesystem::path modulePath(toml::key const& key, toml::node const& node) const {
+        std::string const value = pathText(key, node);
+        return value.find('/') == std::string::npos ? std::filesystem::path(value) : path(key, node);
+    }
+
+    std::filesystem::path const& fileM;
+    Configuration resultM;
+};
+
+} // namespace
+
+Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file) {
+    return Reader(file).read(parseToml(text, file));
+}
+
+Configuration readConfiguration(std::filesystem::path const& file) {
+    return parseConfiguration(readWhole(file), file);
+}
+
+} // namespace nphost

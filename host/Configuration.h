@@ -1,0 +1,56 @@
+// nphost::Configuration: what the configuration file says.
+//
+// Purpose: the file is TOML. The table [DAT_NumberPortability] becomes the plug-in's registry subtree, key by key; the
+// table [host] is the host's own and optional, as are its keys:
+//
+//     [DAT_NumberPortability]
+//     FileName = "portability.dat"          # the data file
+//     CountryCode = "44"                    # codes are quoted, so that none loses a leading zero
+//     NationalAccessCode = "0"
+//     InternationalAccessCode = "00"        # optional, as the two below
+//     InternationalAccessCodeSign = "+"
+//     SearchMethod = 0                      # 0 best match, 1 exact, 2 shortest prefix; a text or an integer
+//
+//     [host]
+//     module = "lib/DAT_NumberPortability.so"   # a name without a slash is searched for as the system does
+//     messages = "messages.toml"                # the texts of the log
+//     probeFolder = "lib"                       # where the probe definition file lies
+//
+// Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
+// plug-in's business, not checked here.
+// Ownership: values.
+// Threads: no state.
+// Complexity: linear in the text.
+// Errors: ConfigurationError for what is not TOML, an unknown table or key, a value of the wrong type or an unusable
+// path; std::bad_alloc; nothing else.
+#pragma once
+
+#include "framework/BAS/RegistryEntry.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <string_view>
+
+namespace nphost {
+
+// One clear line: file:line: reason.
+class ConfigurationError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The plug-in's registered name and table.
+constexpr char const* plugInNameCM = "DAT_NumberPortability";
+
+struct Configuration {
+    BAS::RegistryEntry registry{
+        BAS::String()};           // root entry; its child is the plug-in's subtree, if it is there
+    std::filesystem::path module; // the host's own are empty when not given
+    std::filesystem::path messages;
+    std::filesystem::path probeFolder;
+};
+
+Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);
+Configuration readConfiguration(std::filesystem::path const& file);
+
+} // namespace nphost

@@ -1,0 +1,12 @@
+// Exit statuses of the program, the same for every command.
+#pragma once
+
+namespace nphost {
+
+enum ExitStatus : int {
+    FINE = 0,      // everything found, or the file is clean
+    NOT_FOUND = 1, // something not found, a bad question, or a file with rejected lines
+    FAILED = 2,    // usage, configuration or file errors; standard error has one line that says why
+};
+
+} // namespace nphost

@@ -1,0 +1,79 @@
+#include "host/Host.h"
+
+#include "framework/OMF/InstrumentationProbeBrokerIf.h"
+#include "host/HostError.h"
+#include "host/StandardError.h"
+
+#include <string>
+#include <utility>
+
+namespace nphost {
+
+namespace {
+
+std::filesystem::path programFolder() {
+    std::error_code error;
+    std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error)
+        throw HostError("the program's own folder is unknown: " + error.message());
+    return program.parent_path();
+}
+
+std::filesystem::path orDefault(std::filesystem::path const& configured, char const* besideProgram) {
+    return configured.empty() ? (programFolder() / besideProgram).lexically_normal() : configured;
+}
+
+} // namespace
+
+Host::Host(Configuration configuration, CommonOptions const& options)
+    : configurationM(std::move(configuration)), configurationFileM(options.configuration),
+      catalogueM(orDefault(configurationM.messages, "../share/numberportability/messages.toml")),
+      logM(catalogueM, options.verbose), rootM(eventHandlerM), registryM(configurationM.registry),
+      moduleM(orDefault(configurationM.module, "../lib/DAT_NumberPortability.so")),
+      plugInM(withProbes(moduleM), plugInNameCM) {
+    if (!plugInM.isValid())
+        fail("the plug-in refuses to start");
+}
+
+// The plug-in looks for its probe definitions when it is made.
+LoadedModule const& Host::withProbes(LoadedModule const& module) const {
+    std::filesystem::path const folder =
+        configurationM.probeFolder.empty() ? module.folder() : configurationM.probeFolder;
+    OMF::InstrumentationProbeBrokerIf::installFolder(folder.string());
+    return module;
+}
+
+void Host::start() {
+    bool started = false;
+    {
+        ProgressLine const progress("nphost: loading", [this] { return loadProgress(); });
+        started = plugInM.init();
+    }
+    if (unsigned long const hidden = logM.hiddenRejects(); hidden > 0)
+        complain(std::to_string(hidden) +
+                 " more reports of rejected lines are not shown; 'nphost check' lists every such line once");
+    if (!started)
+        fail("the data could not be loaded");
+    throwFailure();
+}
+
+ProgressLine::Reading Host::loadProgress() const {
+    DAT::NumberPortability::LoadProgress const* const progress = plugInM.progress();
+    return {progress->lines(), progress->bytes(), progress->totalBytes()};
+}
+
+void Host::throwFailure() const {
+    std::optional<Log::Failure> const failure = logM.failure();
+    if (!failure)
+        return;
+    bool const inConfiguration = failure->identifier.starts_with("ERR_REG_");
+    throw HostError((inConfiguration ? configurationFileM.string() + ": " : std::string()) + failure->text +
+                    " (" + failure->identifier + ")");
+}
+
+void Host::fail(char const* otherwise) const {
+    throwFailure();
+    throw HostError(otherwise);
+}
+
+} // namespace nphost

@@ -1,0 +1,104 @@
+#include "host/LoadedModule.h"
+
+#include "host/HostError.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <string>
+
+// The members are called through plain function pointers, as the header explains; clang's check that a
+// pointer's type is that of the function it holds must not see that.
+#if defined(__clang__)
+#define NP_CALLS_MEMBERS __attribute__((no_sanitize("function")))
+#else
+#define NP_CALLS_MEMBERS
+#endif
+
+namespace nphost {
+
+namespace {
+
+// dlerror keeps its text for each thread of its own on this platform.
+std::string loaderError() {
+    char const* const text = dlerror(); // NOLINT(concurrency-mt-unsafe)
+    return text == nullptr ? "unknown reason" : text;
+}
+
+} // namespace
+
+void LoadedModule::Close::operator()(void* handle) const {
+    dlclose(handle);
+}
+
+LoadedModule::LoadedModule(std::filesystem::path const& file)
+    : fileM(file), handleM(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    if (handleM == nullptr)
+        throw HostError("the module cannot be loaded: " + loaderError());
+    find(operationsM.create, "DAT_NumberPortabilityModuleStart");
+    // DAT::NumberPortability::PlugIn::search, without and with a method, normalize, print, examine, progress
+    find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
+                             "NumberPortabilityDataE");
+    find(operationsM.searchBy,
+         "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
+         "NumberPortabilityDataEj");
+    find(operationsM.normalize, "_ZNK3DAT17NumberPortability6PlugIn9normalizeERN3BAS6StringE");
+    find(operationsM.print, "_ZN3DAT17NumberPortability6PlugIn5printERSob");
+    find(operationsM.examine,
+         "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
+         "LineOutcomeERKN3BAS6StringEEE");
+    find(operationsM.progress, "_ZNK3DAT17NumberPortability6PlugIn8progressEv");
+}
+
+template <class Function>
+void LoadedModule::find(Function*& function, char const* symbol) const {
+    function = reinterpret_cast<Function*>(dlsym(handleM.get(), symbol));
+    if (function == nullptr)
+        throw HostError("the module " + fileM.string() + " does not fit this host: it has no " + symbol);
+}
+
+std::filesystem::path LoadedModule::folder() const {
+    link_map* map = nullptr;
+    if (dlinfo(handleM.get(), RTLD_DI_LINKMAP, static_cast<void*>(&map)) != 0)
+        return fileM.parent_path();
+    return std::filesystem::path(map->l_name).parent_path();
+}
+
+LoadedPlugIn::LoadedPlugIn(LoadedModule const& module, BAS::String const& name)
+    : operationsM(module.operationsM), plugInM(static_cast<PLG::DataPlugIn*>(operationsM.create(name))),
+      objectM(plugInM.get()) {
+    if (plugInM == nullptr)
+        throw HostError("the module " + module.fileM.string() + " could not make its plug-in");
+}
+
+LoadedPlugIn::~LoadedPlugIn() {
+    plugInM->shutdown();
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::search(BAS::String const& number, BAS::DateTime const& at,
+                                           LoadedModule::Record& out) {
+    return operationsM.search(objectM, number, at, out);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::search(BAS::String const& number, BAS::DateTime const& at,
+                                           LoadedModule::Record& out, unsigned int method) {
+    return operationsM.searchBy(objectM, number, at, out, method);
+}
+
+NP_CALLS_MEMBERS void LoadedPlugIn::normalize(BAS::String& number) const {
+    operationsM.normalize(objectM, number);
+}
+
+NP_CALLS_MEMBERS void LoadedPlugIn::print(std::ostream& out, bool header) {
+    operationsM.print(objectM, out, header);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::examine(LoadedModule::Summary& summary,
+                                            LoadedModule::Observer const& onReject) {
+    return operationsM.examine(objectM, summary, onReject);
+}
+
+NP_CALLS_MEMBERS LoadedModule::Progress const* LoadedPlugIn::progress() const {
+    return operationsM.progress(objectM);
+}
+
+} // namespace nphost

@@ -1,0 +1,92 @@
+// nphost::LoadedModule and LoadedPlugIn: the number-portability module as the host loads and calls it.
+//
+// Purpose: the host is not linked against the module, so that a module can be exchanged, or be absent, without
+// building the host again. The framework's binary interface gives the module's entry function and the plug-in's
+// virtual operations. What the host wants besides, look-ups, prints and examinations, are ordinary members of the
+// plug-in class, which the module exports. This is the one place that knows how to call them: their names are looked
+// up as the compiler mangles them, and they are called as the functions that they are under the Itanium C++ ABI on
+// x86-64, with the object as the first argument. A module that lacks one does not fit this host and is refused. Across
+// the border go C++ objects: host and module must be built with the same compiler family and library.
+//
+// Ownership: LoadedModule owns the mapping: it must outlive every plug-in from it. LoadedPlugIn owns its plug-in;
+// destruction shuts it down and deletes it. progress() stays valid as long as the plug-in.
+// Threads: construction, init and destruction by one thread; search, normalize, print and progress by any.
+// Errors: construction throws HostError, in one line. The operations' own errors are in plugin/PlugIn.h.
+// Complexity: a call through a pointer more than the plug-in's own.
+#pragma once
+
+#include "cache/DataSummary.h"
+#include "cache/LoadProgress.h"
+#include "framework/PLG/DataPlugIn.h"
+#include "store/NumberPortabilityData.h"
+
+#include <filesystem>
+#include <iosfwd>
+#include <memory>
+
+namespace nphost {
+
+class LoadedModule {
+  public:
+    // A name without a slash is searched for as the system searches for libraries.
+    explicit LoadedModule(std::filesystem::path const& file);
+
+    // The folder that the module lies in.
+    std::filesystem::path folder() const;
+
+  private:
+    friend class LoadedPlugIn;
+
+    using Record = DAT::NumberPortability::NumberPortabilityData;
+    using Summary = DAT::NumberPortability::DataSummary;
+    using Observer = DAT::NumberPortability::RejectObserver;
+    using Progress = DAT::NumberPortability::LoadProgress;
+
+    // The plug-in's operations as plain functions; what is const there is so here.
+    struct Operations {
+        void* (*create)(BAS::String const& name);
+        bool (*search)(void*, BAS::String const&, BAS::DateTime const&, Record&);
+        bool (*searchBy)(void*, BAS::String const&, BAS::DateTime const&, Record&, unsigned int);
+        void (*normalize)(void const*, BAS::String&);
+        void (*print)(void*, std::ostream&, bool);
+        bool (*examine)(void*, Summary&, Observer const&);
+        Progress const* (*progress)(void const*);
+    };
+    struct Close {
+        void operator()(void* handle) const;
+    };
+
+    template <class Function>
+    void find(Function*& function, char const* symbol) const;
+
+    std::filesystem::path fileM;
+    std::unique_ptr<void, Close> handleM;
+    Operations operationsM{};
+};
+
+class LoadedPlugIn {
+  public:
+    // Calls the module's entry function; isValid() says what became of it.
+    LoadedPlugIn(LoadedModule const& module, BAS::String const& name);
+    LoadedPlugIn(LoadedPlugIn const&) = delete;
+    LoadedPlugIn& operator=(LoadedPlugIn const&) = delete;
+    ~LoadedPlugIn();
+
+    bool isValid() const { return plugInM->isValid(); }
+    bool init() { return plugInM->init(); }
+
+    bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out);
+    bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out,
+                unsigned int method);
+    void normalize(BAS::String& number) const;
+    void print(std::ostream& out, bool header);
+    bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);
+    LoadedModule::Progress const* progress() const;
+
+  private:
+    LoadedModule::Operations operationsM;
+    std::unique_ptr<PLG::DataPlugIn> plugInM; // deleted by the module, through its virtual destructor
+    void* objectM;                            // the same as the plug-in's own class, whose first base it is
+};
+
+} // namespace nphost

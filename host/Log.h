@@ -1,0 +1,75 @@
+// nphost::Log: receives the reports of the plug-in and the framework, and writes the log.
+//
+// Purpose: one line a report on standard error: UTC time, severity, identifier, the arguments in quotation marks, and
+// the text of the message catalogue:
+//
+//     2026-01-31T12:00:00Z WARNING ERR_INVALID_DATETIME "At ..." "2024" "00447..." : At ... is not an instant
+//
+// A command that answers at once does not show everything. Unless it is verbose:
+// - information (severity below 2) is not shown;
+// - of the reports of rejected lines the first rejectLimitCM are shown, the rest is counted;
+// - failures (severity 4 and up) are kept for the one line in which the command says why it ended.
+// Ownership: borrows the catalogue; installs itself as the framework's sink while it lives.
+// Threads: write by any thread, one at a time; the rest by the thread that owns the log.
+// Errors: write never throws: a report that memory does not suffice for is lost.
+// Complexity: linear in the report, constant for one that is not shown.
+#pragma once
+
+#include "framework/BAS/LogSinkIf.h"
+#include "framework/BAS/Mutex.h"
+#include "host/MessageCatalogue.h"
+
+#include <optional>
+#include <string>
+
+namespace nphost {
+
+class Log : public BAS::LogSinkIf {
+  public:
+    static constexpr unsigned long rejectLimitCM = 20;
+
+    struct Failure {
+        std::string identifier;
+        std::string text;
+    };
+    // Why a line of a data file was rejected, without saying where it is.
+    struct Reject {
+        std::string identifier;
+        std::string detail;
+    };
+
+    Log(MessageCatalogue const& catalogue, bool verbose);
+    Log(Log const&) = delete;
+    Log& operator=(Log const&) = delete;
+    ~Log() override;
+
+    void write(BAS::Status const& status) noexcept override;
+
+    // The first failure that was reported.
+    std::optional<Failure> failure() const;
+
+    // From now on reports of rejected lines are not shown: the latest is kept for lastReject.
+    void keepRejects();
+    Reject lastReject() const;
+
+    // How many reports of rejected lines were not shown.
+    unsigned long hiddenRejects() const;
+
+  private:
+    void take(BAS::Status const& status) NP_REQUIRES(lockM);
+    void keep(BAS::Status const& status) NP_REQUIRES(lockM);
+    bool isShown(BAS::Status const& status) NP_REQUIRES(lockM);
+    void show(BAS::Status const& status) NP_REQUIRES(lockM);
+
+    MessageCatalogue const& catalogueM;
+    bool const verboseM;
+
+    mutable BAS::Mutex lockM;
+    std::optional<Failure> failureM NP_GUARDED_BY(lockM);
+    bool keepRejectsM NP_GUARDED_BY(lockM) = false;
+    unsigned long rejectsM NP_GUARDED_BY(lockM) = 0;
+    Reject lastRejectM NP_GUARDED_BY(lockM);
+    std::string lineM NP_GUARDED_BY(lockM); // kept for its storage
+};
+
+} // namespace nphost

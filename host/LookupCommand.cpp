@@ -1,0 +1,219 @@
+#include "host/LookupCommand.h"
+
+#include "host/ExitStatus.h"
+#include "host/HostError.h"
+#include "host/Instant.h"
+#include "host/LineInput.h"
+#include "host/Output.h"
+#include "host/StandardError.h"
+#include "host/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace nphost {
+
+namespace {
+
+constexpr std::string_view nothingCM = "\t-\t-\n";
+
+bool hasDigit(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// Answers questions; whatever it needs for one is kept for the next.
+class Answers {
+  public:
+    Answers(LoadedPlugIn& plugIn, Output& out, bool normalise)
+        : plugInM(plugIn), outM(out), normaliseM(normalise) {}
+
+    // Whether a record was found. Without a method the configured one is used.
+    bool answer(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
+        setNumber(number);
+        bool const found =
+            method ? plugInM.search(numberM, at, recordM, *method) : plugInM.search(numberM, at, recordM);
+        outM.append(numberM.view());
+        outM.append('\t');
+        appendInstant(at);
+        if (!found) {
+            outM.append(nothingCM);
+            return false;
+        }
+        outM.append('\t');
+        appendInstant(recordM.validFromM);
+        outM.append('\t');
+        outM.append(recordM.networkIdM.view());
+        outM.append('\n');
+        return true;
+    }
+
+  private:
+    void setNumber(std::string_view number) {
+        if (!normaliseM)
+            return numberM.assign(number.data(), number.size());
+        strippedM.clear();
+        std::copy_if(number.begin(), number.end(), std::back_inserter(strippedM),
+                     [](char c) { return std::string_view(" -.()").find(c) == std::string_view::npos; });
+        numberM.assign(strippedM.data(), strippedM.size());
+        plugInM.normalize(numberM);
+    }
+
+    void appendInstant(BAS::DateTime at) {
+        std::array<char, instantDigitsCM> digits{};
+        at.toDigits(digits.data());
+        outM.append({digits.data(), digits.size()});
+    }
+
+    LoadedPlugIn& plugInM;
+    Output& outM;
+    bool normaliseM;
+    BAS::String numberM;
+    std::string strippedM;
+    DAT::NumberPortability::NumberPortabilityData recordM;
+};
+
+// One line of standard input, in its columns.
+struct Question {
+    std::string_view number;
+    std::string_view instant;
+    std::string_view method;
+
+    explicit Question(std::string_view line)
+        : number(takeColumn(line)), instant(takeColumn(line)), method(takeColumn(line)) {}
+
+  private:
+    static std::string_view takeColumn(std::string_view& line) {
+        std::size_t const end = std::min(line.find('\t'), line.size());
+        std::string_view const column = line.substr(0, end);
+        line.remove_prefix(std::min(end + 1, line.size()));
+        return column;
+    }
+};
+
+class StreamLookup {
+  public:
+    StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
+        : outM(STDOUT_FILENO), inM(STDIN_FILENO, [this] { outM.flush(); }),
+          answersM(host.plugIn(), outM, options.normalise), atM(at), methodM(options.method) {}
+
+    bool run() {
+        {
+            ProgressLine const progress("nphost: looking up", progressSource(), isatty(STDOUT_FILENO) != 1);
+            for (std::string_view line; inM.next(line);) {
+                answer(line);
+                count(line.size() + 1);
+            }
+            outM.flush();
+        }
+        if (badLinesM > shownBadLinesCM)
+            complain("standard input: " + std::to_string(badLinesM - shownBadLinesCM) + " more bad lines");
+        return allFoundM;
+    }
+
+  private:
+    static constexpr unsigned long shownBadLinesCM = 20;
+
+    void answer(std::string_view line) {
+        Question const question(line);
+        BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
+        std::optional<unsigned int> method = methodM;
+        if (!hasDigit(question.number))
+            reject(question, line.empty() ? "the line is empty" : "there is no number", question.number);
+        else if (!at.isValid())
+            reject(question, "the instant is not valid", question.instant);
+        else if (!readMethod(question.method, method))
+            reject(question, "the method is not 0, 1 or 2", question.method);
+        else if (!answersM.answer(question.number, at, method))
+            allFoundM = false;
+    }
+
+    static bool readMethod(std::string_view text, std::optional<unsigned int>& method) {
+        if (text.empty())
+            return true;
+        if (text.size() != 1 || text[0] < '0' || text[0] > '2')
+            return false;
+        method = static_cast<unsigned int>(text[0] - '0');
+        return true;
+    }
+
+    void reject(Question const& question, char const* reason, std::string_view what) {
+        allFoundM = false;
+        outM.append(question.number);
+        outM.append('\t');
+        outM.append(question.instant);
+        outM.append(nothingCM);
+        if (++badLinesM <= shownBadLinesCM)
+            complain("standard input:" + std::to_string(linesM.load(std::memory_order_relaxed) + 1) + ": " +
+                     reason + ": '" + shortened(what) + "'");
+    }
+
+    // Only this thread writes the counts.
+    void count(std::uint64_t bytes) {
+        linesM.store(linesM.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        bytesM.store(bytesM.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+    }
+
+    ProgressLine::Source progressSource() const {
+        struct stat status = {};
+        bool const isFile = fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode);
+        auto const total = isFile ? static_cast<std::uint64_t>(status.st_size) : 0;
+        return [this, total] { return ProgressLine::Reading{linesM.load(), bytesM.load(), total}; };
+    }
+
+    Output outM;
+    LineInput inM;
+    Answers answersM;
+    BAS::DateTime atM;
+    std::optional<unsigned int> methodM;
+    std::atomic<std::uint64_t> linesM{0};
+    std::atomic<std::uint64_t> bytesM{0};
+    unsigned long badLinesM = 0;
+    bool allFoundM = true;
+};
+
+BAS::DateTime instantOf(LookupOptions const& options) {
+    if (!options.at)
+        return BAS::DateTime::now();
+    BAS::DateTime const at = parseInstant(*options.at);
+    if (!at.isValid())
+        throw HostError("'" + shortened(*options.at) +
+                        "' is not a valid instant; write YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS");
+    return at;
+}
+
+void checkNumbers(std::vector<std::string> const& numbers) {
+    for (std::string const& number : numbers)
+        if (!hasDigit(number))
+            throw HostError("'" + shortened(number) + "' is not a number" +
+                            (number == "-" ? ": '-' stands alone, for standard input" : ""));
+}
+
+bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at) {
+    Output out(STDOUT_FILENO);
+    Answers answers(host.plugIn(), out, options.normalise);
+    bool allFound = true;
+    for (std::string const& number : options.numbers)
+        allFound = answers.answer(number, at, options.method) && allFound;
+    out.flush();
+    return allFound;
+}
+
+} // namespace
+
+int lookup(LookupOptions const& options) {
+    BAS::DateTime const at = instantOf(options);
+    bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
+    if (!fromInput)
+        checkNumbers(options.numbers);
+    Host host(readConfiguration(options.common.configuration), options.common);
+    host.start();
+    bool const allFound =
+        fromInput ? StreamLookup(host, options, at).run() : lookupArguments(host, options, at);
+    host.throwFailure(); // a look-up that ran out of memory is not "not found"
+    return allFound ? FINE : NOT_FOUND;
+}
+
+} // namespace nphost
