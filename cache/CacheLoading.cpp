@@ -65,9 +65,10 @@ void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
 
 template <class Take>
 CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& take) {
+    progressM.start(reader.fileSize());
+    rejectedM = 0;
     if (!reader.isOpen()) // it has gone since the file check
         return ReadEnd::ERROR;
-    progressM.start(reader.fileSize());
     BAS::String line;
     unsigned long number = 0;
     while (std::feof(reader.stream()) == 0) {
@@ -88,10 +89,11 @@ bool CacheManager::load() {
     reopen(dataFileIoM, dataFileNameM);
     standbyCompleteM = false;
     ReadEnd const end = readLines(dataFileIoM, [this](BAS::String const& line, unsigned long number) {
-        insertCache(&active(), line, number, true, dataFileIoM);
+        insertCounted(active(), line, number, dataFileIoM);
         insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
     });
     standbyCompleteM = true;
+    markLive();
     mainFileLoadedM = end != ReadEnd::ERROR;
     switch (end) {
     case ReadEnd::ERROR:
@@ -127,7 +129,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     LineStore lines;
     bool success = false; // the last line decides
     ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
-        success = insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
+        success = insertCounted(*standbyTreeM, line, number, dataFileIoM);
         lines.append(line);
     });
     if (end == ReadEnd::ERROR || (!success && !reuseOnFailure)) {
@@ -169,7 +171,7 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
 
     LineStore lines;
     ReadEnd const end = readLines(deltaFileIoM, [&](BAS::String const& line, unsigned long number) {
-        insertCache(standbyTreeM.get(), line, number, true, deltaFileIoM);
+        insertCounted(*standbyTreeM, line, number, deltaFileIoM);
         lines.append(line);
     });
     if (end == ReadEnd::ERROR) {
@@ -218,6 +220,20 @@ bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& l
     return isAccepted(insertLine(*tree, line, number, ordered, reader));
 }
 
+// The first of a load's two parses of a line counts what is wrong with it.
+bool CacheManager::insertCounted(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
+                                 STR::FileIoTurbo& reader) {
+    LineOutcome const outcome = insertLine(tree, line, number, true, reader);
+    rejectedM += outcome == LineOutcome::INSERTED ? 0 : 1;
+    return isAccepted(outcome);
+}
+
+void CacheManager::markLive() {
+    BAS::DateTime const now = BAS::DateTime::now();
+    RWReadersWriterLock::WriteGuard const guard(treeLockM);
+    liveSinceM = now;
+}
+
 void CacheManager::reopen(STR::FileIoTurbo& reader, BAS::String const& fileName) {
     if (reader.isOpen())
         reader.closeFile();
@@ -230,8 +246,10 @@ bool CacheManager::readError(STR::FileIoTurbo const& reader) {
 }
 
 void CacheManager::exchangeTrees() {
+    BAS::DateTime const now = BAS::DateTime::now();
     RWReadersWriterLock::WriteGuard const guard(treeLockM);
     activeTreeM.swap(standbyTreeM);
+    liveSinceM = now;
 }
 
 // Feeds the former active tree the lines that the now active one was given, and drops them.

@@ -32,6 +32,32 @@ bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, Nu
     return activeTreeM != nullptr && activeTreeM->search(number, at, out, method);
 }
 
+std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
+    std::vector<StoredPrefix> prefixes;
+    RWReadersWriterLock::ReadGuard const guard(treeLockM);
+    if (activeTreeM == nullptr)
+        return prefixes;
+    activeTreeM->visitPrefixes(number, [&](BAS::String const& key, NumberPortabilityList const& history) {
+        StoredPrefix& prefix = prefixes.emplace_back();
+        prefix.key = key;
+        std::uint32_t const length = history.length();
+        for (std::uint32_t i = 0; i < length; ++i)
+            prefix.history.push_back(history.record(i));
+    });
+    return prefixes;
+}
+
+void CacheManager::describe(ServiceStatus& status) {
+    status.dataFileName = dataFileNameM;
+    status.lookUps = treeLockM.shortReads();
+    RWReadersWriterLock::ReadGuard const guard(treeLockM);
+    if (activeTreeM == nullptr)
+        return;
+    status.records = activeTreeM->entries();
+    status.numbers = activeTreeM->numbers();
+    status.liveSince = liveSinceM;
+}
+
 std::uint32_t CacheManager::numOfEntries() {
     RWReadersWriterLock::WriteGuard const guard(treeLockM);
     return activeTreeM == nullptr ? 0 : activeTreeM->entries();

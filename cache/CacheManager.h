@@ -25,6 +25,7 @@
 
 #include "cache/DataSummary.h"
 #include "cache/LoadProgress.h"
+#include "cache/ServiceStatus.h"
 #include "framework/BAS/Status.h"
 #include "framework/RW/RWReadersWriterLock.h"
 #include "framework/STR/FileIoTurbo.h"
@@ -34,6 +35,7 @@
 #include <exception>
 #include <iosfwd>
 #include <memory>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
@@ -97,6 +99,17 @@ class CacheManager {
     // Prints the active tree to a stream. The exchange of a reload waits for it, look-ups do not.
     void print(std::ostream& out, bool header);
 
+    // The stored keys that are prefixes of the number, longest first, with their histories: what a look-up chooses from.
+    std::vector<StoredPrefix> explain(BAS::String const& number);
+
+    // Fills in what the cache manager knows: counts of the live data, when they went live, look-ups served. Holds the
+    // tree lock like a look-up.
+    void describe(ServiceStatus& status);
+
+    // Lines read by the latest load, and how many of them were rejected (each once). For the loading thread.
+    std::uint64_t linesRead() const { return progressM.lines(); }
+    std::uint64_t linesRejected() const { return rejectedM; }
+
     LoadProgress const& progress() const { return progressM; }
 
   private:
@@ -116,9 +129,12 @@ class CacheManager {
 
     bool reload(bool reuseOnFailure);
     bool deltaLoad(BAS::String const& fileName);
+    bool insertCounted(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
+                       STR::FileIoTurbo& reader);
     void reopen(STR::FileIoTurbo& reader, BAS::String const& fileName);
     bool readError(STR::FileIoTurbo const& reader);
     void exchangeTrees();
+    void markLive();
     void refillStandby(LineStore& lines, STR::FileIoTurbo& reader);
     void restoreStandby();
     void abandonStandby() noexcept;
@@ -143,6 +159,8 @@ class CacheManager {
     PlugIn* plugInM;
 
     bool standbyCompleteM = true; // the loading thread's: the standby tree holds the active tree's records
+    std::uint64_t rejectedM = 0;  // the loading thread's: lines rejected by the first parse of the latest load
+    BAS::DateTime liveSinceM NP_GUARDED_BY(treeLockM);
     bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
     LoadProgress progressM;
 };

@@ -1,10 +1,12 @@
-// The definition of PlugIn::guarded, for the plug-in's own sources.
+// The definitions of PlugIn::guarded and PlugIn::recorded, for the plug-in's own sources.
 //
-// Purpose: nothing may be thrown to the framework. Threads, errors: none of its own. Complexity: the action's.
+// Purpose: nothing may be thrown to the framework; every load leaves its outcome. Threads, errors: none of its own. Complexity: the action's.
 #pragma once
 
+#include "cache/CacheManager.h"
 #include "plugin/PlugIn.h"
 
+#include <chrono>
 #include <exception>
 #include <new>
 
@@ -25,6 +27,32 @@ bool PlugIn::guarded(Action&& action) noexcept {
     } catch (...) { // NOLINT(bugprone-empty-catch): not even the report could be made
     }
     return false;
+}
+
+template <class Load>
+bool PlugIn::recorded(LoadOutcome::Kind kind, BAS::String const& fileName, Load&& load) {
+    using Clock = std::chrono::steady_clock;
+    loadTriedM = true;
+    {
+        BAS::MutexGuard const guard(outcomeLockM);
+        loadingM = true;
+    }
+    auto const begin = Clock::now();
+    bool const succeeded = guarded([&] { return cacheManagerM != nullptr && load(*cacheManagerM); });
+    LoadOutcome outcome{kind, succeeded, BAS::NULL_STRING, BAS::DateTime::now()};
+    outcome.duration = std::chrono::duration<double>(Clock::now() - begin).count();
+    if (cacheManagerM != nullptr) {
+        outcome.lines = cacheManagerM->linesRead();
+        outcome.rejected = cacheManagerM->linesRejected();
+    }
+    guarded([&] {
+        outcome.fileName = fileName;
+        return true;
+    });
+    BAS::MutexGuard const guard(outcomeLockM);
+    loadingM = false;
+    lastLoadM = std::move(outcome);
+    return succeeded;
 }
 
 } // namespace DAT::NumberPortability

@@ -71,8 +71,9 @@ bool PlugIn::loadData() {
     if (initialisedM)
         return false;
     // Look-ups may have begun after another load, and the first load is not made to run beside them.
-    bool const first = !std::exchange(loadTriedM, true);
-    if (!(first ? cacheManagerM->load() : cacheManagerM->cacheReload(true)))
+    bool const first = !loadTriedM;
+    if (!recorded(LoadOutcome::LOAD, fileNameM,
+                  [&](CacheManager& cache) { return first ? cache.load() : cache.cacheReload(true); }))
         return false;
     initialisedM = true;
     report("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
@@ -126,6 +127,31 @@ bool PlugIn::examine(DataSummary& summary, RejectObserver const& onReject) {
                BAS::MutexGuard const guard(loadLockM);
                return cacheManagerM->examine(summary, onReject);
            });
+}
+
+std::vector<StoredPrefix> PlugIn::explain(BAS::String const& number) {
+    std::vector<StoredPrefix> prefixes;
+    guarded([&] {
+        if (cacheManagerM != nullptr)
+            prefixes = cacheManagerM->explain(number);
+        return true;
+    });
+    return prefixes;
+}
+
+ServiceStatus PlugIn::serviceStatus() {
+    ServiceStatus status;
+    status.usable = isUsable();
+    status.searchMethod = searchMethodM;
+    guarded([&] {
+        if (cacheManagerM != nullptr)
+            cacheManagerM->describe(status);
+        BAS::MutexGuard const guard(outcomeLockM);
+        status.loading = loadingM;
+        status.lastLoad = lastLoadM;
+        return true;
+    });
+    return status;
 }
 
 LoadProgress const* PlugIn::progress() const {

@@ -34,6 +34,7 @@
 
 #include "cache/DataSummary.h"
 #include "cache/LoadProgress.h"
+#include "cache/ServiceStatus.h"
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/BAS/Thread.h"
 #include "framework/PLG/DataPlugIn.h"
@@ -104,6 +105,12 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // Reads the data file as a load would, without serving it. False when it cannot be read to its end.
     bool examine(DataSummary& summary, RejectObserver const& onReject);
 
+    // The stored keys that are prefixes of the number, longest first, with their histories. Empty when memory runs out.
+    std::vector<StoredPrefix> explain(BAS::String const& number);
+
+    // How the plug-in stands. Waits for no load and no print.
+    ServiceStatus serviceStatus();
+
     // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
     LoadProgress const* progress() const;
 
@@ -128,6 +135,10 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
         ProbeMode mode;
         BAS::String value;
     };
+
+    // A load under loadLockM: runs it and keeps its outcome for serviceStatus.
+    template <class Load>
+    bool recorded(LoadOutcome::Kind kind, BAS::String const& fileName, Load&& load) NP_REQUIRES(loadLockM);
 
     // Runs an action and turns whatever it throws into a report and false.
     template <class Action>
@@ -193,11 +204,14 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     std::unique_ptr<BAS::Thread> workerThreadM;
     std::atomic<bool> stopRequestedM{false};
 
+    bool loadingM NP_GUARDED_BY(outcomeLockM) = false;
+    LoadOutcome lastLoadM NP_GUARDED_BY(outcomeLockM);
     bool loadTriedM NP_GUARDED_BY(loadLockM) = false;   // there has been a load, with or without success
     bool initialisedM NP_GUARDED_BY(loadLockM) = false; // init has loaded the data
     // Taken in this order, the later ones for a moment each.
     BAS::Mutex loadLockM;
     BAS::Mutex fileLockM;
+    BAS::Mutex outcomeLockM;
     BAS::Mutex requestDataLockM; // mode and value of a request go together
 };
 

@@ -118,8 +118,8 @@ void PlugIn::probeReload(BAS::String const& value) {
     bool reloaded = false;
     {
         BAS::MutexGuard const guard(loadLockM);
-        loadTriedM = true;
-        reloaded = guarded([&] { return cacheManagerM->cacheReload(reuse); });
+        reloaded =
+            recorded(LoadOutcome::RELOAD, fileNameM, [&](CacheManager& cache) { return cache.cacheReload(reuse); });
         if (reloaded)
             report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
         else
@@ -132,9 +132,9 @@ void PlugIn::probeDeltaLoad(BAS::String const& fileName) {
     bool loaded = false;
     {
         BAS::MutexGuard const guard(loadLockM);
-        loadTriedM = true;
         std::uint32_t const before = entries();
-        loaded = guarded([&] { return cacheManagerM->cacheDeltaLoad(fileName); });
+        loaded = recorded(LoadOutcome::DELTA_LOAD, fileName,
+                          [&](CacheManager& cache) { return cache.cacheDeltaLoad(fileName); });
         std::uint32_t const after = entries();
         if (!loaded)
             report("ERR_NUM_PORT_DELTALOAD", BAS::Status::MAJOR, {fileName});

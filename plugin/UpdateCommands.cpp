@@ -43,11 +43,11 @@ bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& 
 
 bool PlugIn::reloadForUpdate(bool reuse) {
     BAS::MutexGuard const guard(loadLockM);
-    loadTriedM = true;
     report("INF_RELOAD_DATA", BAS::Status::NORMAL, {name()});
     bool reloaded = false;
     if (checkFile()) {
-        reloaded = guarded([&] { return cacheManagerM != nullptr && cacheManagerM->cacheReload(reuse); });
+        reloaded =
+            recorded(LoadOutcome::RELOAD, fileNameM, [&](CacheManager& cache) { return cache.cacheReload(reuse); });
         closeCheckedFile();
     }
     if (reloaded)
@@ -78,14 +78,14 @@ bool PlugIn::updateDeltaLoad(BAS::String const& fileName) {
 
 bool PlugIn::deltaLoadForUpdate(BAS::String const& fileName) {
     BAS::MutexGuard const guard(loadLockM);
-    loadTriedM = true;
     report("INF_ADD_DATA", BAS::Status::NORMAL, {name()});
     std::uint32_t before = 0;
     std::uint32_t after = 0;
     bool loaded = false;
     if (checkFile(fileName)) {
         before = entries();
-        loaded = guarded([&] { return cacheManagerM != nullptr && cacheManagerM->cacheDeltaLoad(fileName); });
+        loaded = recorded(LoadOutcome::DELTA_LOAD, fileName,
+                          [&](CacheManager& cache) { return cache.cacheDeltaLoad(fileName); });
         after = entries();
         closeCheckedFile();
     }

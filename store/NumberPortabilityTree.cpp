@@ -14,6 +14,7 @@ bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityD
         created->insert(record);
         treeM.insert(number, created.get());
         static_cast<void>(created.release()); // the trie's from here on
+        ++numbersM;
     } else if (!ordered) {
         history->insert(record);
     } else if (!history->insertAt(record)) {
@@ -44,6 +45,7 @@ bool NumberPortabilityTree::searchBestMatch(BAS::String const& number, BAS::Date
 void NumberPortabilityTree::clearAndDestroy() {
     treeM.init();
     entriesM = 0;
+    numbersM = 0;
 }
 
 void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
@@ -54,6 +56,7 @@ void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
         auto copy = std::make_unique<NumberPortabilityList>(history);
         treeM.insert(number, copy.get());
         entriesM += copy.release()->length(); // the trie's from here on
+        ++numbersM;
     });
 }
 

@@ -56,8 +56,23 @@ class NumberPortabilityTree {
     // Whether the number has a decimal digit, so that it can be stored.
     bool isStorable(BAS::String const& number) const { return treeM.isSignificant(number); }
 
+    // Calls visitor(BAS::String const& key, NumberPortabilityList const& history) for every stored key that is a prefix
+    // of the number's digits, the whole number included, the longest first.
+    template <class Visitor>
+    void visitPrefixes(BAS::String const& number, Visitor&& visitor) const {
+        std::string digits;
+        for (char const character : number.view())
+            if (character >= '0' && character <= '9')
+                digits += character;
+        for (; !digits.empty(); digits.pop_back())
+            if (NumberPortabilityList const* const history = treeM.search(BAS::String(digits), true))
+                visitor(BAS::String(digits), *history);
+    }
+
     // Records, not numbers.
     std::uint32_t entries() const { return entriesM; }
+    // Different numbers and prefixes.
+    std::uint64_t numbers() const { return numbersM; }
 
   private:
     using Trie = PBC::PtrTree<NumberPortabilityList>;
@@ -66,6 +81,7 @@ class NumberPortabilityTree {
 
     Trie treeM;
     std::uint32_t entriesM = 0;
+    std::uint64_t numbersM = 0;
 };
 
 } // namespace DAT::NumberPortability

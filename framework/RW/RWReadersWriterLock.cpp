@@ -6,23 +6,33 @@ std::size_t RWReadersWriterLock::nextSlot() noexcept {
 }
 
 bool RWReadersWriterLock::readersInside() const noexcept {
-    for (Slot const& slot : slotsM)
-        if (slot.readers.load() != 0)
+    for (Slot const& slot : slotsM) {
+        // In this order: entered is left and those inside, so equality means that nobody was inside when `left` was read.
+        std::uint64_t const left = slot.left.load();
+        if (slot.entered.load() != left)
             return true;
+    }
     return false;
+}
+
+std::uint64_t RWReadersWriterLock::shortReads() const noexcept {
+    std::uint64_t reads = 0;
+    for (Slot const& slot : slotsM)
+        reads += slot.left.load(std::memory_order_relaxed);
+    return reads;
 }
 
 // The reader has counted itself in and met a writer: it steps back, so that the writer can go on, and queues. Once
 // counted as waiting it gets in before the next writer raises its flag.
-void RWReadersWriterLock::waitToRead(std::atomic<unsigned>& readers) noexcept {
+void RWReadersWriterLock::waitToRead(Slot& slot) noexcept {
     BAS::MutexGuard const guard(shortLockM);
-    readers.fetch_sub(1);
+    slot.entered.fetch_sub(1);
     mayWriteM.notify_one();
     ++waitingReadersM;
     while (writerM.load())
         mayReadM.wait(shortLockM);
     // The flag goes up only under shortLockM, so nobody can raise it between the test and this.
-    readers.fetch_add(1);
+    slot.entered.fetch_add(1);
     if (--waitingReadersM == 0)
         mayWriteM.notify_one();
 }

@@ -18,7 +18,7 @@
 // Errors: none. Complexity: a short reader's uncontended way is two atomic operations on its own cache line.
 //
 // How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer raises
-// the flag and then waits until it has seen every slot at zero. One of the two sees the other (Dekker's argument, so
+// the flag and then waits until as many have left every slot as have entered it. One of the two sees the other (Dekker's argument, so
 // these accesses are sequentially consistent). Long readers and writers first meet on a mutex of their own, so that
 // the flag goes up only when no long reader is left to wait for.
 #pragma once
@@ -29,6 +29,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 
 class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
   public:
@@ -39,16 +40,20 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     RWReadersWriterLock& operator=(RWReadersWriterLock const&) = delete;
 
     void acquireRead() noexcept NP_ACQUIRE_SHARED() {
-        std::atomic<unsigned>& readers = ownSlot();
-        readers.fetch_add(1);
+        Slot& slot = ownSlot();
+        slot.entered.fetch_add(1);
         if (writerM.load())
-            waitToRead(readers);
+            waitToRead(slot);
     }
     void releaseRead() noexcept NP_RELEASE_SHARED() {
-        ownSlot().fetch_sub(1);
+        ownSlot().left.fetch_add(1);
         if (writerM.load())
             wakeWriter();
     }
+
+    // How many short reads there have been. Not exact while readers are inside or meet a writer.
+    std::uint64_t shortReads() const noexcept;
+
     void acquireLongRead() noexcept NP_ACQUIRE_SHARED();
     void releaseLongRead() noexcept NP_RELEASE_SHARED();
     void acquireWrite() noexcept NP_ACQUIRE();
@@ -92,15 +97,16 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     static constexpr std::size_t cacheLineCM = 128; // two lines: the hardware fetches neighbours in pairs
 
     struct alignas(cacheLineCM) Slot {
-        std::atomic<unsigned> readers{0};
+        std::atomic<std::uint64_t> entered{0};
+        std::atomic<std::uint64_t> left{0};
     };
 
     static std::size_t nextSlot() noexcept;
-    std::atomic<unsigned>& ownSlot() noexcept {
+    Slot& ownSlot() noexcept {
         thread_local std::size_t const slot = nextSlot();
-        return slotsM[slot].readers;
+        return slotsM[slot];
     }
-    void waitToRead(std::atomic<unsigned>& readers) noexcept;
+    void waitToRead(Slot& slot) noexcept;
     void wakeWriter() noexcept;
     bool readersInside() const noexcept;
 

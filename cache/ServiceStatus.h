@@ -1,0 +1,47 @@
+// DAT::NumberPortability::ServiceStatus and StoredPrefix: what an operator asks a serving plug-in about itself.
+//
+// Purpose: the answers of PlugIn::serviceStatus and PlugIn::explain.
+// Units and ranges: instants are UTC; durations are seconds; counts are since construction unless said otherwise.
+// Ownership: values, copied under the lock that guards what they describe. Threads: none inside. Errors: copying throws
+// std::bad_alloc. Complexity: linear in the texts and records.
+#pragma once
+
+#include "store/NumberPortabilityData.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace DAT::NumberPortability {
+
+// One load, reload or delta load.
+struct LoadOutcome {
+    enum Kind { NONE, LOAD, RELOAD, DELTA_LOAD };
+
+    Kind kind = NONE;
+    bool succeeded = false;
+    BAS::String fileName;
+    BAS::DateTime ended;
+    double duration = 0;
+    std::uint64_t lines = 0;
+    std::uint64_t rejected = 0; // duplicates included, each line once
+};
+
+struct ServiceStatus {
+    bool usable = false;
+    bool loading = false; // a load is going on
+    BAS::String dataFileName;
+    unsigned int searchMethod = 0;
+    std::uint32_t records = 0; // live
+    std::uint64_t numbers = 0; // live: different numbers and prefixes
+    std::uint64_t lookUps = 0; // served, found or not
+    BAS::DateTime liveSince;   // when the live data were put to work; invalid before
+    LoadOutcome lastLoad;
+};
+
+// A stored key that is a prefix of a number, or the number itself, with its history, newest record first.
+struct StoredPrefix {
+    BAS::String key;
+    std::vector<NumberPortabilityData> history;
+};
+
+} // namespace DAT::NumberPortability
