@@ -114,19 +114,21 @@ TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
     struct Case {
         std::string line;
         std::string identifier; // empty: a good line
-        Arguments arguments;
+        Arguments arguments;    // of the report, or the listing of the good line
     };
     auto const fields = [&](char const* count, std::string const& line) {
         return Case{line, "ERR_NUMBER_OF_FIELDS_IN_RECORD", {count, "3", line, at}};
     };
     Case const cases[] = {
-        {"01711234567  20240101000000  NET1", "", {}},
-        {"\t 0171 \t20240101000000\v\fS\xc3\xad\x80\xff\r", "", {}},
+        {"01711234567  20240101000000  NET1", "", {"00441711234567  20240101000000  NET1\n"}},
+        {"\t 0171 \t20240101000000\v\fS\xc3\xad\x80\xff\r", "", {"0044171  20240101000000  S\xc3\xad\x80\xff\n"}},
         {"01\0"
          "71 20240101000000 N"s,
          "",
-         {}},
-        {"0171 99991231235959 a-network-identifier-of-more-than-seven-characters", "", {}},
+         {"0044171  20240101000000  N\n"}},
+        {"0171 99991231235959 more-than-seven-characters",
+         "",
+         {"0044171  99991231235959  more-than-seven-characters\n"}},
         fields("0", ""),
         fields("0", "   "),
         fields("0", "\r"),
@@ -142,7 +144,7 @@ TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
         use(codes);
         EXPECT_TRUE(loadLines(c.line + "\n"));
         bool const good = c.identifier.empty();
-        EXPECT_EQ(cache->numOfEntries(), good ? 1U : 0U);
+        EXPECT_EQ(listing(), good ? c.arguments[0] : "");
         ASSERT_EQ(plugIn.reports.size(), good ? 1U : 3U) << "once per tree, and the end of the file";
         for (std::size_t i = 0; i + 1 < plugIn.reports.size(); ++i) {
             EXPECT_EQ(plugIn.reports[i].identifier, c.identifier);
@@ -153,7 +155,7 @@ TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
     }
 }
 
-TEST_F(Cache, ReadsTheExampleOfTheDataFormat) {
+TEST_F(Cache, ReadsEveryFormOfNumberAndReportsTheRest) {
     use({"0", "00", "49", "+"});
     ASSERT_TRUE(loadLines("00491711234567  20040101000000  NETA\n"
                           "00491711234567  20050301120000  NETB\n"
@@ -190,6 +192,8 @@ TEST_F(Cache, TellsWhetherALineWasAccepted) {
     use({"", "", "", "+"}); // without digits in the codes a number may be left without any
     EXPECT_FALSE(insert("abc 20240101000000 A", true));
     EXPECT_EQ(plugIn.reports.back().identifier, "ERR_INVALID_NUMBER");
+    EXPECT_EQ(plugIn.reports.back().arguments,
+              (Arguments{"Invalid N-Port Data at Line# 7 in File ''. ", "abc", "20240101000000"}));
     EXPECT_EQ(tree.entries(), 2U);
 }
 
@@ -279,8 +283,12 @@ TEST_F(Cache, MergesADeltaAndRewritesTheMainFile) {
                                "0044171  20200101000000  B\n0044172  20240101000000  C\n";
     EXPECT_EQ(cache->numOfEntries(), 4U);
     EXPECT_EQ(contentOf(folder.file("main")), merged);
-    EXPECT_EQ(plugIn.reports[0].arguments[0],
-              "Invalid N-Port Data at Line# 2 in File '" + folder.file("delta") + "'. ");
+    ASSERT_EQ(plugIn.reports.size(), 4U);
+    for (std::size_t const i : {0U, 2U}) { // the second parse numbers and names the lines like the first
+        EXPECT_EQ(plugIn.reports[i].arguments[0],
+                  "Invalid N-Port Data at Line# 2 in File '" + folder.file("delta") + "'. ");
+        EXPECT_EQ(plugIn.reports[i + 1].arguments[3], "At Line# 3 in File '" + folder.file("delta") + "'. ");
+    }
     EXPECT_EQ(plugIn.takeIdentifiers(), (Identifiers{"ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD",
                                                      "ERR_DUPLICATE_NUMPORTDATA", "ERR_NUMBER_OF_FIELDS_IN_RECORD"}));
     EXPECT_TRUE(cache->cacheReload(false));
@@ -289,6 +297,65 @@ TEST_F(Cache, MergesADeltaAndRewritesTheMainFile) {
     // The main file itself as the delta: all duplicates, nothing lost.
     EXPECT_TRUE(cache->cacheDeltaLoad(BAS::String(folder.file("main"))));
     EXPECT_EQ(contentOf(folder.file("main")), merged);
+}
+
+// Rewriting the main file with less than was in it would lose what is in it.
+TEST_F(Cache, RefusesADeltaBeforeTheMainFileHasBeenRead) {
+    write("0171 20240101000000 A\n");
+    for (char const* attempt : {"before the load", "after a load that did not find the file"}) {
+        SCOPED_TRACE(attempt);
+        EXPECT_FALSE(delta("0172 20240101000000 B\n"));
+        EXPECT_EQ(plugIn.reports.back().identifier, "ERR_MAIN_DATA_NOT_LOADED");
+        EXPECT_EQ(contentOf(folder.file("main")), "0171 20240101000000 A\n");
+        plugIn.fileOpens = false;
+        EXPECT_FALSE(cache->load());
+        plugIn.fileOpens = true;
+    }
+    EXPECT_TRUE(cache->cacheReload(true));
+    EXPECT_TRUE(delta("0172 20240101000000 B\n"));
+    EXPECT_EQ(cache->numOfEntries(), 2U);
+}
+
+// While the file is being read, look-ups and counts are answered: reports are made then, and none under the tree lock.
+TEST_F(Cache, AnswersDuringTheReading) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
+    write("bad\n0171 20240101000000 NEW\n");
+    std::vector<std::string> answers;
+    plugIn.onReport = [&](PlugIn::Report const&) {
+        answers.push_back(answer("0044171") + std::to_string(cache->numOfEntries()));
+    };
+    EXPECT_TRUE(cache->cacheReload(true));
+    EXPECT_EQ(answers, (std::vector<std::string>{"OLD1", "NEW1", "NEW1"}));
+}
+
+// An international access code with other characters than digits does not survive the listing, which has digits only.
+TEST_F(Cache, RewritesAFormThatReadsBackOnlyWithCodesOfDigits) {
+    use({"0", "+", "44", "00"});
+    ASSERT_TRUE(loadLines("+44171 20240101000000 A\n"));
+    ASSERT_TRUE(delta(""));
+    EXPECT_EQ(contentOf(folder.file("main")), "44171  20240101000000  A\n");
+    EXPECT_TRUE(cache->cacheReload(true));
+    EXPECT_EQ(listing(), "4444171  20240101000000  A\n") << "as docs/data-format.md warns";
+}
+
+TEST_F(Cache, ExplainsWhatALookUpChoosesFromAndHowItStands) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 A\n01712 20200101000000 B\n01712 20300101000000 C\n018 1 X\n"));
+    auto const prefixes = cache->explain("0044-1712 5");
+    ASSERT_EQ(prefixes.size(), 2U);
+    EXPECT_EQ(prefixes[0].key.str(), "00441712");
+    ASSERT_EQ(prefixes[0].history.size(), 2U);
+    EXPECT_STREQ(prefixes[0].history[0].networkIdM.c_str(), "C");
+    EXPECT_EQ(prefixes[1].key.str(), "0044171");
+    EXPECT_TRUE(cache->explain("none").empty());
+    answer("0044171");
+    ServiceStatus status;
+    cache->describe(status);
+    EXPECT_EQ(status.records, 3U);
+    EXPECT_EQ(status.numbers, 2U);
+    EXPECT_GE(status.lookUps, 1U);
+    EXPECT_TRUE(status.liveSince.isValid());
+    EXPECT_EQ(cache->linesRead(), 4U);
+    EXPECT_EQ(cache->linesRejected(), 1U);
 }
 
 TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
@@ -353,6 +420,10 @@ TEST_F(Cache, WithoutTreesTouchesNothing) {
     EXPECT_FALSE(empty.load() || empty.cacheReload(true) || empty.cacheDeltaLoad("x"));
     EXPECT_FALSE(empty.search("1", BAS::DateTime(), out, 0));
     EXPECT_EQ(empty.numOfEntries(), 0U);
+    NumberPortabilityTree tree;
+    STR::FileIoTurbo reader;
+    EXPECT_FALSE(empty.insertCache(&tree, "", 1, true, reader) ||
+                 empty.insertCache(&tree, "0171 20240101000000 A", 1, true, reader));
 }
 
 TEST_F(Cache, ExaminesAFileWithoutServingIt) {

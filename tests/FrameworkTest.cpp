@@ -228,7 +228,8 @@ TEST_F(LineReader, OpensRegularFilesOnlyAndNeverWaits) {
     EXPECT_TRUE(reader.closeFile());
     std::string const pipe = folder.file("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    for (std::string const& name : {folder.path().string(), pipe, "/dev/null"s, folder.file("missing"), ""s}) {
+    for (std::string const& name :
+         {folder.path().string(), pipe, "/dev/null"s, folder.file("missing"), folder.file("a\0"s), ""s}) {
         EXPECT_FALSE(reader.openFile(BAS::String(name), 8)) << name;
         EXPECT_FALSE(reader.isOpen());
         EXPECT_EQ(reader.fileName().str(), name);
@@ -327,9 +328,10 @@ TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
     EXPECT_EQ(log.reports[0].arguments()[0].str(), file);
     EXPECT_NE(log.reports[0].arguments()[1].str().find("File too large"), std::string::npos);
 
-    for (std::string const& name : {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s})
+    for (std::string const& name :
+         {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s, folder.file("a\0b"s)})
         EXPECT_FALSE(write(name, "x")) << name;
-    EXPECT_EQ(log.reports.size(), 5U);
+    EXPECT_EQ(log.reports.size(), 6U);
     EXPECT_EQ(leftovers(1), 0U);
 }
 
@@ -381,6 +383,15 @@ TEST_F(Writer, WritesPipesAndDevicesInPlace) {
     EXPECT_EQ(read.size(), 300'001U);
     EXPECT_TRUE(std::filesystem::is_fifo(pipe));
     EXPECT_TRUE(write("/dev/null", "x"));
+
+    // A reader that goes away is an error, not the end of the process.
+    int const leaving = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+    STR::FileIo broken(BAS::String(pipe), std::ios_base::out);
+    ASSERT_TRUE(broken.isOpen());
+    close(leaving);
+    broken.stream() << "x";
+    EXPECT_FALSE(broken.closeFile());
+    EXPECT_NE(broken.failure().str().find("Broken pipe"), std::string::npos);
 
     // By its own name a descriptor is written where it stands, not truncated.
     int const own = open(folder.write("own", "abc").c_str(), O_WRONLY | O_APPEND);

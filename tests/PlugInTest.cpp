@@ -90,6 +90,13 @@ TEST_F(Configuration, ChecksThatTheDataFileOpens) {
         set("FileName", name);
         EXPECT_FALSE(create().isValid());
         EXPECT_EQ(journal.take(), Entries{"ERR_FILE_NOT_FOUND(4): " + name});
+        EXPECT_FALSE(plugIn->isUsable());
+        EXPECT_TRUE(root.asked.empty());
+        BAS::InstrumentationProbeList probes;
+        plugIn->getInstrumentationProbe(probes);
+        EXPECT_EQ(probes.length(), 0U);
+        EXPECT_FALSE(plugIn->readRegistry()) << "of an invalid plug-in it only checks the file";
+        EXPECT_EQ(journal.take(), Entries{"ERR_FILE_NOT_FOUND(4): " + name});
         EXPECT_FALSE(plugIn->init());
         EXPECT_EQ(journal.take(), (Entries{"INF_LOAD_DATA(1): NP", "ERR_FILE_NOT_FOUND(4): " + name}));
     }
@@ -156,6 +163,39 @@ TEST_F(LifeCycle, InitMayBeRepeatedAfterAFailure) {
     EXPECT_TRUE(plugIn->init());
     EXPECT_EQ(answer("0044171"), "A");
     EXPECT_EQ(journal.take().back(), "INF_NUM_NPORT_LOADED(1): 2");
+}
+
+TEST_F(LifeCycle, CommandsBeforeInitLoseNothing) {
+    create();
+    journal.take();
+    std::string const before = contentOf(file);
+    EXPECT_EQ(update({{"AdditionalNumPortData", folder.write("delta", "0173 20200101000000 C\n")}}), "false handled");
+    EXPECT_EQ(contentOf(file), before);
+    EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+    EXPECT_EQ(answer("0044171"), "A");
+    EXPECT_TRUE(plugIn->init());
+    for (std::string const& entry : journal.take())
+        EXPECT_FALSE(entry.starts_with("ERR_DUPLICATE")) << entry;
+    EXPECT_EQ(answer("0044171"), "A");
+}
+
+// A receiver of events may command loads, and what it throws harms nobody.
+TEST_F(LifeCycle, EventsMayCommandAndThrow) {
+    createInitialised();
+    int events = 0;
+    journal.hook([&](std::string const& entry) {
+        if (!entry.starts_with("EVT::"))
+            return;
+        if (++events == 1) {
+            EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+        }
+        throw std::runtime_error("receiver");
+    });
+    EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+    journal.hook(nullptr);
+    EXPECT_EQ(events, 2);
+    EXPECT_EQ(journal.take().back(), "ERR_UNEXPECTED(5): NP, receiver");
+    EXPECT_TRUE(plugIn->isUsable());
 }
 
 TEST_F(LifeCycle, SurvivesEveryOrderOfSteps) {
@@ -351,12 +391,12 @@ TEST_F(Probe, Prints) {
     EXPECT_TRUE(probe("printData", out));
     EXPECT_EQ(journal.take(1), Entries{"INF_NUM_PORT_PRINT_DATA(1): 2, File : " + out});
     testing::internal::CaptureStdout();
-    for (char const* value : {"NULL", "null", "Null"}) {
+    for (char const* value : {"NULL", "null", "Null", ""}) {
         EXPECT_TRUE(probe("printData", value));
         EXPECT_EQ(journal.take(1), Entries{"INF_NUM_PORT_PRINT_DATA(1): 2, Console"});
     }
     std::string const text = contentOf(out);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), text + text + text);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), text + text + text + text);
 }
 
 // The worker is held inside an action by the report that it makes there.
@@ -364,7 +404,7 @@ TEST_F(Probe, CarriesOutTheLatestOfSeveralRequestsInOneFurtherPass) {
     createInitialised();
     std::atomic<bool> posted{false};
     journal.hook([&](std::string const& entry) {
-        if (entry == "EVT::RELOAD_SUCCESSFUL" && !posted.exchange(true)) {
+        if (entry == "INF_DELETE_OLD_DATA(1): NP" && !posted.exchange(true)) {
             probe("reload", "");
             probe("deltaLoad", "nothing of the kind");
             probe("printData", folder.file("out"));

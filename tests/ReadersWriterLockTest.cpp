@@ -67,7 +67,7 @@ TEST(ReadersWriterLock, ShortReadersPassAWriterThatWaitsForALongReader) {
     std::thread writer = startWriter(lock, written);
     for (int i = 0; i < 100'000; ++i) {
         lock.acquireRead(); // would hang here if a waiting writer held short readers up
-        ASSERT_FALSE(written);
+        EXPECT_FALSE(written);
         lock.releaseRead();
     }
     lock.releaseLongRead();
@@ -133,11 +133,16 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
         });
     inside.wait();
     std::atomic<bool> written{false};
+    EXPECT_EQ(lock.shortReads(), 0U);
     std::thread writer = startWriter(lock, written);
-    EXPECT_FALSE(written);
+    for (int i = 0; i < 100; ++i) { // gives a writer that does not wait every chance to show itself
+        std::this_thread::yield();
+        EXPECT_FALSE(written);
+    }
     leave.count_down();
     writer.join();
     EXPECT_TRUE(written);
     for (std::thread& reader : readers)
         reader.join();
+    EXPECT_EQ(lock.shortReads(), count);
 }
