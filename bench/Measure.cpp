@@ -1,0 +1,61 @@
+#include "bench/Measure.h"
+
+#include <malloc.h>
+#include <thread>
+
+namespace npbench {
+
+double secondsSince(std::chrono::steady_clock::time_point begin) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+double nanosecondsPerTick() {
+    static double const value = [] {
+        auto const begin = std::chrono::steady_clock::now();
+        Ticks const first = ticks();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        Ticks const last = ticks();
+        return secondsSince(begin) * 1e9 / static_cast<double>(last - first);
+    }();
+    return value;
+}
+
+double clockCostNs() {
+    Histogram readings;
+    for (int i = 0; i < 100'000; ++i) {
+        Ticks const first = ticks();
+        readings.add(ticks() - first);
+    }
+    return readings.quantileNs(0.5);
+}
+
+std::uint64_t allocatedBytes() {
+    struct mallinfo2 const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+void Histogram::add(Histogram const& other) {
+    for (std::size_t i = 0; i < countsM.size(); ++i)
+        countsM[i] += other.countsM[i];
+    totalM += other.totalM;
+    worstM = std::max(worstM, other.worstM);
+}
+
+double Histogram::quantileNs(double fraction) const {
+    auto left = static_cast<std::uint64_t>(fraction * static_cast<double>(totalM));
+    std::size_t index = 0;
+    while (index + 1 < countsM.size() && countsM[index] <= left) {
+        left -= countsM[index];
+        ++index;
+    }
+    return static_cast<double>(lowestOf(index)) * nanosecondsPerTick();
+}
+
+Ticks Histogram::lowestOf(std::size_t index) {
+    if (index < stepsCM)
+        return index;
+    std::size_t const shift = index / stepsCM - 1;
+    return static_cast<Ticks>(stepsCM + index % stepsCM) << shift;
+}
+
+} // namespace npbench
