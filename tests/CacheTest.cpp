@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -314,6 +316,46 @@ TEST_F(Cache, RefusesADeltaBeforeTheMainFileHasBeenRead) {
     EXPECT_TRUE(cache->cacheReload(true));
     EXPECT_TRUE(delta("0172 20240101000000 B\n"));
     EXPECT_EQ(cache->numOfEntries(), 2U);
+}
+
+// A child does a delta load and is killed at its first system call, its second, and so on to its last: the main file is
+// the old one or the merged one, whole, at every point.
+TEST_F(Cache, ADeltaKilledAtAnyPointLeavesTheMainFileWhole) {
+    std::string const old = "0044171  20240101000000  A\n";
+    std::string const merged = old + "0044172  20240101000000  B\n";
+    folder.write("delta", "0172 20240101000000 B\n");
+    ASSERT_TRUE(loadLines(old));
+    int oldFound = 0;
+    int mergedFound = 0;
+    for (int calls = 0, ended = 0; ended == 0; ++calls) {
+        write(old);
+        pid_t const child = fork();
+        if (child == 0) {
+            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+            raise(SIGSTOP);
+            _exit(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSTOPPED(status)) << "cannot trace a child here";
+        for (int stop = 0; stop < calls && WIFSTOPPED(status); ++stop) { // each call stops it twice: before and after
+            ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+            waitpid(child, &status, 0);
+        }
+        if (WIFSTOPPED(status)) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+        } else {
+            EXPECT_EQ(WEXITSTATUS(status), 0);
+            ended = 1;
+        }
+        std::string const content = contentOf(folder.file("main"));
+        ++(content == merged ? mergedFound : oldFound);
+        ASSERT_TRUE(content == old || content == merged) << "killed after " << calls << " stops:\n" << content;
+        ASSERT_EQ(content == merged || ended == 0, true);
+    }
+    EXPECT_GT(oldFound, 20);
+    EXPECT_GT(mergedFound, 2);
 }
 
 // While the file is being read, look-ups and counts are answered: reports are made then, and none under the tree lock.
