@@ -191,16 +191,15 @@ TEST(HostLookupTest, StreamKeepsOrderAndBearsWithEveryLine) {
     };
     std::vector<Case> const cases = {
         {"number alone", "00447700900123", "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
-        {"instant", "00447700900123\t20250101000000",
-         "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
+        {"instant", "00447700900123\t20250101000000", "00447700900123\t20250101000000\t20240915020000\tCHARLIE",
+         nullptr},
         {"ISO instant, CRLF", "00447700900123\t2025-01-01T00:00:00Z\r",
          "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
         {"own method wins over --method", "00447700900550\t" + at + "\t2",
          "00447700900550\t" + at + "\t20180101000000\tALPHA", nullptr},
-        {"empty instant and method", "00447700900123\t\t",
-         "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
-        {"blanks in the number", "0044 7700 900123", "0044 7700 900123\t" + at + "\t20210301020000\tBRAVO",
+        {"empty instant and method", "00447700900123\t\t", "00447700900123\t" + at + "\t20210301020000\tBRAVO",
          nullptr},
+        {"blanks in the number", "0044 7700 900123", "0044 7700 900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
         {"further columns", "00447700900123\t" + at + "\t0\tname\t" + longTail,
          "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
         {"very long number", longNumber, longNumber + "\t" + at + "\t20210301020000\tBRAVO", nullptr},
@@ -209,14 +208,12 @@ TEST(HostLookupTest, StreamKeepsOrderAndBearsWithEveryLine) {
         {"CRLF alone", "\r", "\t\t-\t-", ":11: the line is empty"},
         {"no number", "\t" + at, "\t" + at + "\t-\t-", ":12: there is no number"},
         {"no digit", "hello\t" + at, "hello\t" + at + "\t-\t-", ":13: there is no number: 'hello'"},
-        {"no such day", "0044\t20230229000000", "0044\t20230229000000\t-\t-",
-         ":14: the instant is not valid"},
+        {"no such day", "0044\t20230229000000", "0044\t20230229000000\t-\t-", ":14: the instant is not valid"},
         {"method out of range", "0044\t" + at + "\t3", "0044\t" + at + "\t-\t-",
          ":15: the method is not 0, 1 or 2: '3'"},
         {"control characters in the complaint", "0044\t\x1b[2J", "0044\t\x1b[2J\t-\t-",
          ":16: the instant is not valid: '\\x1b[2J'"},
-        {"last line without a newline", "00447700900150", "00447700900150\t" + at + "\t20220610020000\tDELTA",
-         nullptr},
+        {"last line without a newline", "00447700900150", "00447700900150\t" + at + "\t20220610020000\tDELTA", nullptr},
     };
     std::string input;
     std::string expected;
@@ -231,8 +228,7 @@ TEST(HostLookupTest, StreamKeepsOrderAndBearsWithEveryLine) {
     EXPECT_TRUE(result.out == expected) << result.out.substr(0, 2000);
     EXPECT_EQ(lineCount(result.err), complaints) << result.err;
     for (Case const& test : cases)
-        EXPECT_TRUE(test.complaint == nullptr || contains(result.err, test.complaint))
-            << test.label << result.err;
+        EXPECT_TRUE(test.complaint == nullptr || contains(result.err, test.complaint)) << test.label << result.err;
 }
 
 TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
@@ -266,13 +262,12 @@ TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
 TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
     Pipe questions;
     Pipe answers;
-    pid_t const process = start({"lookup", "--config", exampleCM, "--at", "20240615120000", "-"},
-                                questions.ends[0], answers.ends[1], STDERR_FILENO);
+    pid_t const process = start({"lookup", "--config", exampleCM, "--at", "20240615120000", "-"}, questions.ends[0],
+                                answers.ends[1], STDERR_FILENO);
     questions.closeEnd(0);
     answers.closeEnd(1);
     for (std::string const question : {"00447700900123\n", "00447700900150\n0044770", "0900124\n"}) {
-        ASSERT_EQ(write(questions.ends[1], question.data(), question.size()),
-                  static_cast<ssize_t>(question.size()));
+        ASSERT_EQ(write(questions.ends[1], question.data(), question.size()), static_cast<ssize_t>(question.size()));
         pollfd ready = {answers.ends[0], POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, 20000), 1) << "no answer to " << question;
         std::array<char, 256> answer{};
@@ -290,8 +285,7 @@ TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
     Result const shown = run({"lookup", "--config", few.configuration, "00441"});
     EXPECT_EQ(shown.status, 0) << shown.err;
     EXPECT_EQ(lineCount(shown.err), 4) << "two lines, once a tree\n" << shown.err;
-    EXPECT_TRUE(contains(shown.err,
-                         "ERR_NUMBER_OF_FIELDS_IN_RECORD \"1\" \"3\" \"forged\\x1b[31m\" \"At Line# 2 in"));
+    EXPECT_TRUE(contains(shown.err, "ERR_NUMBER_OF_FIELDS_IN_RECORD \"1\" \"3\" \"forged\\x1b[31m\" \"At Line# 2 in"));
     EXPECT_TRUE(contains(shown.err, "Number of fields: 1 instead of 3."));
 
     for (int i = 0; i < 30; ++i)
@@ -310,11 +304,11 @@ TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
 }
 
 std::string const badDataCM = "00441  20200101000000  A\n"
-                              "00441  20200101000000  B\n" // 2: duplicate
-                              "00442  20200101000000\n"    // 3: fields
-                              "00443  20200230000000  A\n" // 4: date
-                              "+  20200101000000  A\n"     // 5: a sign alone is stored as 00, so it is none
-                              "0044\xff\xfe 5  x  A  B\n"  // 6: fields, no UTF-8
+                              "00441  20200101000000  B\n"     // 2: duplicate
+                              "00442  20200101000000\n"        // 3: fields
+                              "00443  20200230000000  A\n"     // 4: date
+                              "+  20200101000000  A\n"         // 5: a sign alone is stored as 00, so it is none
+                              "0044\xff\xfe 5  x  A  B\n"      // 6: fields, no UTF-8
                               "00449  20210101000000  N\xff\n" // 7: a record
                               "\n";                            // 8: fields
 
@@ -330,14 +324,12 @@ TEST(HostCheckTest, CountsEachLineOnce) {
     EXPECT_EQ(text.status, 1) << text.err;
     EXPECT_EQ(text.err, "");
     EXPECT_TRUE(contains(text.out, "line 2: ERR_DUPLICATE_NUMPORTDATA: "));
-    EXPECT_TRUE(contains(text.out,
-                         "line 3: ERR_NUMBER_OF_FIELDS_IN_RECORD: Number of fields: 2 instead of 3.\n"
-                         "    00442  20200101000000\n"));
+    EXPECT_TRUE(contains(text.out, "line 3: ERR_NUMBER_OF_FIELDS_IN_RECORD: Number of fields: 2 instead of 3.\n"
+                                   "    00442  20200101000000\n"));
     EXPECT_FALSE(contains(text.out, "line 6")) << "only the first of a kind\n" << text.out;
 
     Result const all = run({"check", "--all", "--config", setup.configuration, file});
-    for (char const* const line :
-         {"line 2:", "line 3:", "line 4:", "line 5:", "line 6:", "line 8:", "line 9:"})
+    for (char const* const line : {"line 2:", "line 3:", "line 4:", "line 5:", "line 6:", "line 8:", "line 9:"})
         EXPECT_TRUE(contains(all.out, line)) << line << "\n" << all.out;
     EXPECT_TRUE(contains(all.out, "    0044\\xff\\xfe 5  x  A  B\n")) << all.out;
 
@@ -345,10 +337,9 @@ TEST(HostCheckTest, CountsEachLineOnce) {
     EXPECT_EQ(json.status, 1);
     for (char const* const part :
          {"\"lines\":9", "\"records\":2", "\"numbers\":2", "\"rejectedFields\":3", "\"rejectedDateTimes\":1",
-          "\"rejectedNumbers\":1", "\"rejectedNetworks\":1", "\"duplicates\":1",
-          "\"earliest\":\"20200101000000\"", "\"latest\":\"20210101000000\"",
-          "\"networks\":{\"A\":1,\"N\xEF\xBF\xBD\":1}", "\"identifier\":\"ERR_INVALID_NUMBER\",\"line\":5",
-          "\"identifier\":\"ERR_INVALID_NETWORK_ID\",\"line\":9"})
+          "\"rejectedNumbers\":1", "\"rejectedNetworks\":1", "\"duplicates\":1", "\"earliest\":\"20200101000000\"",
+          "\"latest\":\"20210101000000\"", "\"networks\":{\"A\":1,\"N\xEF\xBF\xBD\":1}",
+          "\"identifier\":\"ERR_INVALID_NUMBER\",\"line\":5", "\"identifier\":\"ERR_INVALID_NETWORK_ID\",\"line\":9"})
         EXPECT_TRUE(contains(json.out, part)) << part << "\n" << json.out;
     EXPECT_FALSE(contains(json.out, "\xff"));
 }
@@ -360,8 +351,7 @@ TEST(HostCheckTest, CleanEmptyAndUnreadable) {
     EXPECT_FALSE(contains(clean.out, "line "));
     Result const empty = run({"check", "--json", "--config", setup.configuration, setup.data});
     EXPECT_EQ(empty.status, 0);
-    EXPECT_TRUE(contains(empty.out, "\"earliest\":null,\"latest\":null,\"lines\":0,\"networks\":{}"))
-        << empty.out;
+    EXPECT_TRUE(contains(empty.out, "\"earliest\":null,\"latest\":null,\"lines\":0,\"networks\":{}")) << empty.out;
     Result const listed = run({"check", "--json", "--all", "--config", setup.configuration, setup.data});
     EXPECT_TRUE(listed.out.starts_with("{\"rejects\":[],")) << listed.out;
     expectOneLine(run({"check", "--config", setup.configuration, setup.folder.file("none.dat")}), "none.dat",
@@ -373,8 +363,8 @@ TEST(HostPrintTest, ListingLoadsAgainToTheSameListing) {
     Result const plain = run({"print", "--no-heading", "--config", exampleCM});
     EXPECT_EQ(plain.status, 0) << plain.err;
     EXPECT_EQ(lineCount(plain.out), lineCount(contentOf(exampleDataCM)));
-    EXPECT_TRUE(contains(
-        plain.out, "\n00447700900123  20240915020000  CHARLIE\n00447700900123  20210301020000  BRAVO\n"));
+    EXPECT_TRUE(
+        contains(plain.out, "\n00447700900123  20240915020000  CHARLIE\n00447700900123  20210301020000  BRAVO\n"));
     Site const again(plain.out);
     std::string const output = again.folder.file("listing");
     Result const second = run({"print", "--no-heading", "--output", output, "--config", again.configuration});
@@ -397,10 +387,10 @@ TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
         std::string output;
         char const* reason;
     };
-    for (Case const& test : {Case{setup.data, "data file itself"}, Case{hardLink, "data file itself"},
-                             Case{symbolicLink, "data file itself"},
-                             Case{setup.folder.file("none/listing"), "No such file or directory"},
-                             Case{"/dev/full", "No space left on device"}, Case{"/", "Is a directory"}})
+    for (Case const& test :
+         {Case{setup.data, "data file itself"}, Case{hardLink, "data file itself"},
+          Case{symbolicLink, "data file itself"}, Case{setup.folder.file("none/listing"), "No such file or directory"},
+          Case{"/dev/full", "No space left on device"}, Case{"/", "Is a directory"}})
         expectOneLine(run({"print", "--output", test.output, "--config", setup.configuration}), test.reason,
                       test.output);
     EXPECT_EQ(contentOf(setup.data), before);
@@ -410,8 +400,8 @@ TEST(HostPrintTest, FullDeviceIsAnErrorForEveryCommand) {
     int const full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     TemporaryFolder const folder;
     int const in = open(folder.write("in", "00447700900123\n").c_str(), O_RDONLY | O_CLOEXEC);
-    for (Arguments const& command : {Arguments{"lookup", "0044"}, Arguments{"lookup", "-"},
-                                     Arguments{"print"}, Arguments{"check", exampleDataCM}}) {
+    for (Arguments const& command : {Arguments{"lookup", "0044"}, Arguments{"lookup", "-"}, Arguments{"print"},
+                                     Arguments{"check", exampleDataCM}}) {
         Arguments arguments = command;
         arguments.insert(arguments.begin() + 1, {"--config", exampleCM});
         int const err = open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -438,14 +428,12 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
         {"unknown table", good + "[hosts]\n", "bad.toml:5: unknown table 'hosts'"},
         {"key outside a table", "x = 1\n" + good, "bad.toml:1: unknown key 'x'"},
         {"unknown key of the host", good + "[host]\nport = 1\n", "bad.toml:6: unknown key 'port' in [host]"},
-        {"an array of tables", "[[DAT_NumberPortability]]\n",
-         "bad.toml:1: 'DAT_NumberPortability' must be a table"},
+        {"an array of tables", "[[DAT_NumberPortability]]\n", "bad.toml:1: 'DAT_NumberPortability' must be a table"},
         {"a code without quotation marks", good + "InternationalAccessCode = 11\n",
          "bad.toml:5: 'InternationalAccessCode' must be quoted"},
         {"wrong type", good + "SearchMethod = [0]\n", "bad.toml:5: 'SearchMethod' must be a text"},
         {"a number for a path", good + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
-        {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n",
-         "bad.toml:2: 'FileName' must name a file"},
+        {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n", "bad.toml:2: 'FileName' must name a file"},
         {"no TOML", good + "what is this\n", "bad.toml:5: "},
         {"no UTF-8", good + "# \xff\n", "bad.toml:5: "},
         {"a key twice", good + "CountryCode = \"44\"\n", "bad.toml:5: "},
@@ -464,27 +452,25 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
         {"no module but a text", good + "[host]\nmodule = \"./data.dat\"\n", "the module cannot be loaded: "},
         {"another library", good + "[host]\nmodule = \"" NP_LIBRARY_FOLDER "/libnpframework.so\"\n",
          "does not fit this host: it has no DAT_NumberPortabilityModuleStart"},
-        {"no catalogue", good + "[host]\nmessages = \"none.toml\"\n",
-         "none.toml: cannot be read: No such file"},
+        {"no catalogue", good + "[host]\nmessages = \"none.toml\"\n", "none.toml: cannot be read: No such file"},
         {"a catalogue of numbers", good + "[host]\nmessages = \"numbers.toml\"\n",
          "numbers.toml:1: 'A' must be a text"},
         {"no probes", good + "[host]\nprobeFolder = \".\"\n", "(ERR_PROBE_FILE)"},
     };
     setup.folder.write("numbers.toml", "A = 1\n");
     for (Case const& test : cases)
-        expectOneLine(run({"lookup", "--config", setup.folder.write("bad.toml", test.content), "00441"}),
-                      test.reason, test.label);
+        expectOneLine(run({"lookup", "--config", setup.folder.write("bad.toml", test.content), "00441"}), test.reason,
+                      test.label);
     expectOneLine(run({"lookup", "--config", setup.folder.file("none.toml"), "00441"}),
                   "none.toml: cannot be read: No such file or directory", "no such file");
-    expectOneLine(run({"lookup", "--config", setup.folder.path().string(), "00441"}), "Is a directory",
-                  "a folder");
+    expectOneLine(run({"lookup", "--config", setup.folder.path().string(), "00441"}), "Is a directory", "a folder");
 }
 
 TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
-    nphost::Configuration const read = nphost::parseConfiguration(
-        "[DAT_NumberPortability]\nFileName = 'data/x.dat'\nSearchMethod = 2\n"
-        "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n",
-        "conf/nphost.toml");
+    nphost::Configuration const read =
+        nphost::parseConfiguration("[DAT_NumberPortability]\nFileName = 'data/x.dat'\nSearchMethod = 2\n"
+                                   "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n",
+                                   "conf/nphost.toml");
     BAS::RegistryEntry const* const subtree = read.registry.find("DAT_NumberPortability");
     ASSERT_NE(subtree, nullptr);
     EXPECT_EQ(subtree->find("FileName")->value(), "conf/data/x.dat");
@@ -523,8 +509,7 @@ TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
           Case{{"lookup", "--config", exampleCM, "--method", "worst", "0044"}, "worst"},
           Case{{"lookup", "--config", exampleCM, "0044", "-"}, "stands alone"},
           Case{{"lookup", "--config", exampleCM, ""}, "not a number"},
-          Case{{"print", "--config", exampleCM, "more"}, "more"},
-          Case{{"check", "--config", exampleCM}, "FILE"}})
+          Case{{"print", "--config", exampleCM, "more"}, "more"}, Case{{"check", "--config", exampleCM}, "FILE"}})
         expectOneLine(run(test.arguments), test.reason, test.reason);
     for (Arguments const& good : {Arguments{"--help"}, Arguments{"--version"}, Arguments{"lookup", "--help"},
                                   Arguments{"print", "--help"}, Arguments{"check", "--help"}}) {
@@ -540,18 +525,16 @@ TEST(HostTextTest, ShowsBytesOnOneLine) {
         std::string text;
         std::string shown;
     };
-    for (Case const& test :
-         {Case{"plain \"text\\", "plain \"text\\"}, Case{"a\tb\r\n", "a\\tb\\r\\n"},
-          Case{"\x1b[0m\x7f", "\\x1b[0m\\x7f"}, Case{std::string("\0", 1), "\\x00"},
-          Case{"S\xC5\xBD \xF0\x9F\x98\x80", "S\xC5\xBD \xF0\x9F\x98\x80"}, Case{"\xC2\x9B", "\\xc2\\x9b"},
-          Case{"\xC3", "\\xc3"}, Case{"\xC0\xAF", "\\xc0\\xaf"}, Case{"\xE0\x80\xAF", "\\xe0\\x80\\xaf"},
-          Case{"\xED\xA0\x80", "\\xed\\xa0\\x80"}, Case{"\xF4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-          Case{"\xE2\x82", "\\xe2\\x82"}})
+    for (Case const& test : {Case{"plain \"text\\", "plain \"text\\"}, Case{"a\tb\r\n", "a\\tb\\r\\n"},
+                             Case{"\x1b[0m\x7f", "\\x1b[0m\\x7f"}, Case{std::string("\0", 1), "\\x00"},
+                             Case{"S\xC5\xBD \xF0\x9F\x98\x80", "S\xC5\xBD \xF0\x9F\x98\x80"},
+                             Case{"\xC2\x9B", "\\xc2\\x9b"}, Case{"\xC3", "\\xc3"}, Case{"\xC0\xAF", "\\xc0\\xaf"},
+                             Case{"\xE0\x80\xAF", "\\xe0\\x80\\xaf"}, Case{"\xED\xA0\x80", "\\xed\\xa0\\x80"},
+                             Case{"\xF4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, Case{"\xE2\x82", "\\xe2\\x82"}})
         EXPECT_EQ(nphost::visible(test.text), test.shown);
     EXPECT_EQ(nphost::shortened(std::string(200, 'a')), std::string(200, 'a'));
     EXPECT_EQ(nphost::shortened(std::string(201, 'a')), std::string(200, 'a') + "... (201 bytes)");
-    EXPECT_EQ(nphost::shortened(std::string(199, 'a') + "\xC3\xA9"),
-              std::string(199, 'a') + "... (201 bytes)");
+    EXPECT_EQ(nphost::shortened(std::string(199, 'a') + "\xC3\xA9"), std::string(199, 'a') + "... (201 bytes)");
     EXPECT_EQ(nphost::asUtf8("a\xff\xC3\xA9"), "a\xEF\xBF\xBD\xC3\xA9");
 }
 
@@ -569,17 +552,14 @@ TEST(HostCatalogueTest, HasATextForEveryIdentifier) {
     for (char const* const folder : {"plugin", "cache", "framework"})
         for (auto const& entry :
              std::filesystem::recursive_directory_iterator(std::string(NP_SOURCE_FOLDER) + "/" + folder)) {
-            std::string const source =
-                entry.path().extension() == ".cpp" ? contentOf(entry.path()) : std::string();
+            std::string const source = entry.path().extension() == ".cpp" ? contentOf(entry.path()) : std::string();
             for (char const* const start : {"\"ERR_", "\"INF_", "\"EVT::"})
-                for (std::size_t at = source.find(start); at != std::string::npos;
-                     at = source.find(start, at + 1))
+                for (std::size_t at = source.find(start); at != std::string::npos; at = source.find(start, at + 1))
                     identifiers.insert(source.substr(at + 1, source.find('"', at + 1) - at - 1));
         }
     EXPECT_GT(identifiers.size(), 30U);
     for (std::string const& identifier : identifiers)
-        EXPECT_TRUE(contains(texts, "\n" + identifier + " = ") ||
-                    contains(texts, "\n\"" + identifier + "\" = "))
+        EXPECT_TRUE(contains(texts, "\n" + identifier + " = ") || contains(texts, "\n\"" + identifier + "\" = "))
             << identifier;
 }
 
