@@ -151,6 +151,19 @@ void show(char const* what, Histogram const& times) {
                 times.quantileNs(0.999), times.worstNs());
 }
 
+void showAll(Options const& options, Truth const& truth, std::vector<Reader> const& readers, long rounds) {
+    Reader all;
+    for (Reader const& reader : readers) {
+        all.idle.add(reader.idle);
+        all.busy.add(reader.busy);
+    }
+    std::printf("%llu numbers, %zu reading threads, %ld rounds of reload, delta load and print, %llu wrong\n",
+                static_cast<unsigned long long>(options.numbers), readers.size(), rounds,
+                static_cast<unsigned long long>(truth.wrong.load()));
+    show("no loads", all.idle);
+    show("with loads", all.busy);
+}
+
 // Reloads, delta-loads and prints until the time is over; returns how many rounds.
 long command(BAS::InstrumentationProbeGroup const& probes, Outcomes& outcomes, Options const& options, Truth& truth,
              std::filesystem::path const& folder) {
@@ -246,16 +259,7 @@ int soak(Options const& options, std::filesystem::path const& folder) {
         thread.join();
     plugIn->shutdown();
 
-    Reader all;
-    for (Reader const& reader : readers) {
-        all.idle.add(reader.idle);
-        all.busy.add(reader.busy);
-    }
-    std::printf("%llu numbers, %zu reading threads, %ld rounds of reload, delta load and print, %llu wrong\n",
-                static_cast<unsigned long long>(options.numbers), readers.size(), rounds,
-                static_cast<unsigned long long>(truth.wrong.load()));
-    show("no loads", all.idle);
-    show("with loads", all.busy);
+    showAll(options, truth, readers, rounds);
     return truth.wrong == 0 ? 0 : 1;
 }
 

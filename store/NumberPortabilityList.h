@@ -24,7 +24,7 @@ namespace DAT::NumberPortability {
 class NumberPortabilityList {
   public:
     NumberPortabilityList() = default;
-    explicit NumberPortabilityList(NumberPortabilityList const&) = default;
+    NumberPortabilityList(NumberPortabilityList const&) = default;
     NumberPortabilityList& operator=(NumberPortabilityList const&) = delete;
 
     // Appends at the end, whatever the date.

@@ -18,8 +18,6 @@ SimpleString::SimpleString(SimpleString const& other) {
 }
 
 void SimpleString::assignHeap(SimpleString const& other) {
-    if (this == &other)
-        return;
     if (isHeap() && other.isHeap() && view().size() >= other.view().size()) {
         std::memcpy(heapText(), other.heapText(), other.view().size() + 1);
         return;

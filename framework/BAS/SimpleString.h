@@ -25,6 +25,8 @@ class SimpleString {
     SimpleString(SimpleString const& other);
     SimpleString(SimpleString&& other) noexcept { swap(other); }
     SimpleString& operator=(SimpleString const& other) {
+        if (this == &other)
+            return *this;
         if (!isHeap() && !other.isHeap())
             std::memcpy(bytesM, other.bytesM, sizeCM);
         else
