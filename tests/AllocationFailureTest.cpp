@@ -24,22 +24,23 @@ void* allocate(std::size_t size) {
 
 } // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would take them for the library's own and warn of a mismatch with free.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     return allocate(size);
 }
-void* operator new[](std::size_t size) {
+[[gnu::noinline]] void* operator new[](std::size_t size) {
     return allocate(size);
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
 }
-void operator delete[](void* memory) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
     std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
 }
-void operator delete[](void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
 }
 
