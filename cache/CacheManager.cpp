@@ -34,6 +34,7 @@ bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, Nu
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     std::vector<StoredPrefix> prefixes;
+    otherReadsM.fetch_add(1, std::memory_order_relaxed);
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return prefixes;
@@ -49,7 +50,7 @@ std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
 
 void CacheManager::describe(ServiceStatus& status) {
     status.dataFileName = dataFileNameM;
-    status.lookUps = treeLockM.shortReads();
+    status.lookUps = treeLockM.shortReads() - otherReadsM.fetch_add(1, std::memory_order_relaxed);
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return;

@@ -31,6 +31,7 @@
 #include "framework/STR/FileIoTurbo.h"
 #include "store/NumberPortabilityTree.h"
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <iosfwd>
@@ -163,6 +164,7 @@ class CacheManager {
     BAS::DateTime liveSinceM NP_GUARDED_BY(treeLockM);
     bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
     LoadProgress progressM;
+    std::atomic<std::uint64_t> otherReadsM{0}; // short reads that were no look-ups
 };
 
 } // namespace DAT::NumberPortability

@@ -72,8 +72,8 @@ class TextReport : public Report {
 
   private:
     static std::string textOf(RejectedLine const& line) {
-        return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " +
-               line.reason.detail + "\n    " + shortened(line.text) + "\n";
+        return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " + line.reason.detail +
+               "\n    " + shortened(line.text) + "\n";
     }
     static std::string instant(BAS::DateTime at) { return at.asString("%Y-%m-%d %H:%M:%S").str(); }
 
@@ -170,8 +170,7 @@ Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
     if (BAS::RegistryEntry* const subtree = configuration.registry.find(plugInNameCM)) {
         BAS::RegistryEntry* const fileName = subtree->find("FileName");
-        (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry("FileName")))
-            .value(options.file);
+        (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry("FileName"))).value(options.file);
     }
     return configuration;
 }
@@ -181,8 +180,8 @@ DataSummary examine(Host& host, Report& report, bool wantsProgress) {
         "nphost: checking", [&host] { return host.loadProgress(); }, wantsProgress);
     DataSummary summary;
     std::exception_ptr failure; // the module would report it as its own
-    bool const complete = host.plugIn().examine(
-        summary, [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
+    bool const complete =
+        host.plugIn().examine(summary, [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
             try {
                 report.reject({number, outcome, host.log().lastReject(), line.view()});
             } catch (...) {

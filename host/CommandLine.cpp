@@ -1,9 +1,12 @@
 #include "host/CommandLine.h"
 
 #include "host/CheckCommand.h"
+#include "host/CtlCommand.h"
 #include "host/ExitStatus.h"
 #include "host/LookupCommand.h"
+#include "host/Numbers.h"
 #include "host/PrintCommand.h"
+#include "host/RunCommand.h"
 #include "host/StandardError.h"
 
 #include <CLI/CLI.hpp>
@@ -73,18 +76,45 @@ Example:
 
 )";
 
+constexpr char const* runHelpCM =
+    R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
+reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
+by 'nphost ctl'. Under systemd use Type=notify-reload.
+
+Exit status: 0 stopped by a signal; 2 it could not start, one line on standard error
+says why.
+
+Example:
+  nphost run --config /etc/nphost.toml
+
+)";
+
+constexpr char const* ctlHelpCM =
+    R"('nphost ctl COMMAND --help' explains a command. The daemon is found by --socket or by
+the key 'socket' that --config names.
+
+Examples:
+  nphost ctl --config /etc/nphost.toml status
+  nphost ctl --socket /run/nphost/nphost.socket reload --wait
+
+Exit status:
+  0  fine: found, usable, carried out
+  1  not found, not usable, failed or not handled
+  2  a usage error, no daemon, or a refused request; one line on standard error says why)";
+
 // All options of all commands, and the command that was chosen.
 struct Chosen {
     CommonOptions common;
     LookupOptions lookup;
     PrintOptions print;
     CheckOptions check;
+    RunOptions run;
+    CtlOptions ctl;
     std::string method;
     std::function<int()> command;
 };
 
-CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description,
-                     char const* help) {
+CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help) {
     CLI::App* const command = app.add_subcommand(name, description);
     command->fallthrough(); // so that --verbose may also follow the command
     command->footer(std::string(help) + exitStatusCM);
@@ -94,14 +124,10 @@ CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const
     return command;
 }
 
-unsigned int methodOf(std::string const& name) {
-    return name == "exact" ? 1 : name == "shortest" ? 2 : 0;
-}
-
 void addLookup(CLI::App& app, Chosen& chosen) {
     LookupOptions& options = chosen.lookup;
-    CLI::App* const command = addCommand(app, chosen, "lookup",
-                                         "Say to which network numbers belonged at an instant", lookupHelpCM);
+    CLI::App* const command =
+        addCommand(app, chosen, "lookup", "Say to which network numbers belonged at an instant", lookupHelpCM);
     command->add_option("NUMBER", options.numbers, "The numbers, or '-' alone for standard input")
         ->option_text("...")
         ->required();
@@ -115,7 +141,7 @@ void addLookup(CLI::App& app, Chosen& chosen) {
         chosen.command = [&chosen] {
             chosen.lookup.common = chosen.common;
             if (!chosen.method.empty())
-                chosen.lookup.method = methodOf(chosen.method);
+                chosen.lookup.method = searchMethodOf(chosen.method);
             return lookup(chosen.lookup);
         };
     });
@@ -140,8 +166,7 @@ void addCheck(CLI::App& app, Chosen& chosen) {
         addCommand(app, chosen, "check", "Say what a data file holds and what is wrong with it", checkHelpCM);
     command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required();
     command->add_flag("--all", chosen.check.all, "Show every rejected line, not just the first of each kind");
-    command->add_flag("--json", chosen.check.json,
-                      "Write one JSON object; with --all it lists rejected lines");
+    command->add_flag("--json", chosen.check.json, "Write one JSON object; with --all it lists rejected lines");
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.check.common = chosen.common;
@@ -150,12 +175,107 @@ void addCheck(CLI::App& app, Chosen& chosen) {
     });
 }
 
+void addRun(CLI::App& app, Chosen& chosen) {
+    CLI::App* const command = app.add_subcommand("run", "Serve the data as a daemon until told to stop");
+    command->fallthrough();
+    command->footer(runHelpCM);
+    command->add_option("-c,--config", chosen.common.configuration, "The configuration file, TOML (required)")
+        ->option_text("FILE")
+        ->required();
+    command
+        ->add_option_function<std::string>(
+            "--log-format", [&chosen](std::string const& format) { chosen.run.jsonLog = format == "json"; },
+            "text, or json: one object a line; default: text")
+        ->option_text("FORMAT")
+        ->check(CLI::IsMember({"text", "json"}));
+    command
+        ->add_option("--log-file", chosen.run.logFile, "The file of the log; default: as configured, or standard error")
+        ->option_text("FILE");
+    command->callback([&chosen] {
+        chosen.command = [&chosen] {
+            chosen.run.common = chosen.common;
+            return runDaemon(chosen.run);
+        };
+    });
+}
+
+CLI::App* addCtlCommand(CLI::App& ctlApp, Chosen& chosen, std::string const& name, char const* description) {
+    CLI::App* const command = ctlApp.add_subcommand(name, description);
+    command->fallthrough();
+    command->callback([&chosen, name] {
+        chosen.ctl.command = name;
+        chosen.command = [&chosen] {
+            chosen.ctl.configuration = chosen.common.configuration;
+            return ctl(chosen.ctl);
+        };
+    });
+    return command;
+}
+
+void addCtlQuestions(CLI::App& ctlApp, Chosen& chosen) {
+    CtlOptions& options = chosen.ctl;
+    addCtlCommand(ctlApp, chosen, "status", "Say how the daemon stands");
+    CLI::App* const lookupCommand =
+        addCtlCommand(ctlApp, chosen, "lookup", "Say to which network numbers belonged at an instant");
+    CLI::App* const explainCommand =
+        addCtlCommand(ctlApp, chosen, "explain", "Show what is stored of a number, what is chosen and why");
+    lookupCommand->add_option("NUMBER", options.numbers, "The numbers")->option_text("...")->required();
+    lookupCommand->add_option("--method", options.method, "best, exact or shortest; default: as configured")
+        ->option_text("METHOD")
+        ->check(CLI::IsMember({"best", "exact", "shortest"}));
+    explainCommand->add_option("NUMBER", options.numbers, "The number")->option_text(" ")->required()->expected(1);
+    for (CLI::App* const command : {lookupCommand, explainCommand}) {
+        command->add_option("--at", options.at, "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
+            ->option_text("INSTANT");
+        command->add_flag("--normalise", options.normalise, "Take numbers as people write them");
+    }
+    addCtlCommand(ctlApp, chosen, "probes", "List the plug-in's probes");
+    addCtlCommand(ctlApp, chosen, "log", "Show the latest reports of the log")
+        ->add_flag("--follow", options.follow, "Go on with those to come");
+}
+
+void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
+    CtlOptions& options = chosen.ctl;
+    CLI::App* const reload = addCtlCommand(ctlApp, chosen, "reload", "Reload the data file");
+    reload->add_flag("--no-reuse", options.noReuse, "Keep the old data when the last line of the file is no record");
+    CLI::App* const delta =
+        addCtlCommand(ctlApp, chosen, "delta", "Add the records of a file, and rewrite the data file");
+    delta->add_option("FILE", options.file, "The file")->option_text(" ")->required();
+    CLI::App* const listing = addCtlCommand(ctlApp, chosen, "print", "Print the records with their heading");
+    listing->add_option("FILE", options.file, "The file to write; default: the daemon's standard output")
+        ->option_text(" ");
+    for (CLI::App* const command : {reload, delta, listing})
+        command->add_flag("--wait,!--no-wait", options.wait,
+                          "Wait for the outcome and show it, or not; default: wait on a terminal");
+    addCtlCommand(ctlApp, chosen, "update", "Carry out a registry update and show what it reports")
+        ->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
+        ->option_text("...")
+        ->required();
+}
+
+void addCtl(CLI::App& app, Chosen& chosen) {
+    CLI::App* const command = app.add_subcommand("ctl", "Ask or command a daemon that 'nphost run' started");
+    command->fallthrough();
+    command->require_subcommand(1);
+    command->footer(ctlHelpCM);
+    CLI::Option* const socket =
+        command->add_option("-s,--socket", chosen.ctl.socket, "The daemon's control socket")->option_text("PATH");
+    command->add_option("-c,--config", chosen.common.configuration, "The configuration file that names it")
+        ->option_text("FILE")
+        ->excludes(socket);
+    command->add_flag("--json", chosen.ctl.json, "Show the daemon's answer, one JSON object a line");
+    addCtlQuestions(*command, chosen);
+    addCtlRequests(*command, chosen);
+}
+
 std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
-    std::vector<std::string> const rest = app.remaining();
-    if (app.get_subcommands().empty())
-        return rest.empty() ? "a command is required"
-                            : "there is no command or option '" + rest.front() + "'";
-    return error.what();
+    std::vector<CLI::App*> const chosen = app.get_subcommands();
+    CLI::App const& last = chosen.empty() ? app : *chosen.front();
+    bool const lacksCommand = last.get_require_subcommand_min() > 0 && last.get_subcommands().empty();
+    if (!lacksCommand)
+        return error.what();
+    std::vector<std::string> const rest = app.remaining(true);
+    return rest.empty() ? "a command is required" : "there is no command or option '" + rest.front() + "'";
 }
 
 int parse(CLI::App& app, int argc, char const* const* argv) {
@@ -180,6 +300,8 @@ int runChecked(int argc, char const* const* argv) {
     addLookup(app, chosen);
     addPrint(app, chosen);
     addCheck(app, chosen);
+    addRun(app, chosen);
+    addCtl(app, chosen);
     int const status = parse(app, argc, argv);
     return status == FINE && chosen.command ? chosen.command() : status;
 }

@@ -14,12 +14,9 @@ namespace {
 constexpr char const* hostTableCM = "host";
 constexpr std::string_view fileNameCM = "FileName";
 constexpr std::string_view searchMethodCM = "SearchMethod";
-constexpr std::array<std::string_view, 6> plugInKeysCM = {fileNameCM,
-                                                          "CountryCode",
-                                                          "NationalAccessCode",
-                                                          "InternationalAccessCode",
-                                                          "InternationalAccessCodeSign",
-                                                          searchMethodCM};
+constexpr std::array<std::string_view, 6> plugInKeysCM = {
+    fileNameCM,    "CountryCode", "NationalAccessCode", "InternationalAccessCode", "InternationalAccessCodeSign",
+    searchMethodCM};
 
 // One configuration file on its way into a Configuration.
 class Reader {
@@ -65,8 +62,8 @@ class Reader {
             return path(key, node).string();
         if (!node.is_string() && node.is_integer())
             throw errorAt(fileM, key.source(),
-                          "'" + text(key) + "' must be quoted, so that no leading zero is lost: " +
-                              text(key) + " = \"" + std::to_string(node.as_integer()->get()) + "\"");
+                          "'" + text(key) + "' must be quoted, so that no leading zero is lost: " + text(key) +
+                              " = \"" + std::to_string(node.as_integer()->get()) + "\"");
         return string(key, node);
     }
 
@@ -78,14 +75,17 @@ class Reader {
                 resultM.messages = path(key, node);
             else if (key.str() == "probeFolder")
                 resultM.probeFolder = path(key, node);
+            else if (key.str() == "socket")
+                resultM.socket = path(key, node);
+            else if (key.str() == "logFile")
+                resultM.logFile = path(key, node);
             else
                 throw unknownKey(key, hostTableCM);
         }
     }
 
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {
-        return errorAt(fileM, key.source(),
-                       "unknown key '" + text(key) + "' in [" + std::string(tableName) + "]");
+        return errorAt(fileM, key.source(), "unknown key '" + text(key) + "' in [" + std::string(tableName) + "]");
     }
 
     std::string string(toml::key const& key, toml::node const& node) const {
@@ -116,6 +116,12 @@ class Reader {
 };
 
 } // namespace
+
+std::string Configuration::dataFile() const {
+    BAS::RegistryEntry const* const subtree = registry.find(plugInNameCM);
+    BAS::RegistryEntry const* const fileName = subtree == nullptr ? nullptr : subtree->find(std::string(fileNameCM));
+    return fileName == nullptr ? std::string() : fileName->value().str();
+}
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file) {
     return Reader(file).read(parseToml(text, file));

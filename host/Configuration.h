@@ -15,6 +15,8 @@
 //     module = "lib/DAT_NumberPortability.so"   # a name without a slash is searched for as the system does
 //     messages = "messages.toml"                # the texts of the log
 //     probeFolder = "lib"                       # where the probe definition file lies
+//     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
+//     logFile = "nphost.log"                    # the daemon's log; without it standard error
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
@@ -29,6 +31,7 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace nphost {
@@ -43,11 +46,15 @@ class ConfigurationError : public std::runtime_error {
 constexpr char const* plugInNameCM = "DAT_NumberPortability";
 
 struct Configuration {
-    BAS::RegistryEntry registry{
-        BAS::String()};           // root entry; its child is the plug-in's subtree, if it is there
-    std::filesystem::path module; // the host's own are empty when not given
+    BAS::RegistryEntry registry{BAS::String()}; // root entry; its child is the plug-in's subtree, if it is there
+    std::filesystem::path module;               // the host's own are empty when not given
     std::filesystem::path messages;
     std::filesystem::path probeFolder;
+    std::filesystem::path socket;
+    std::filesystem::path logFile;
+
+    // What the plug-in is told is its data file; empty when it is told none.
+    std::string dataFile() const;
 };
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);

@@ -26,9 +26,12 @@ std::filesystem::path orDefault(std::filesystem::path const& configured, char co
 } // namespace
 
 Host::Host(Configuration configuration, CommonOptions const& options)
+    : Host(std::move(configuration), options, LogSettings{options.verbose}) {}
+
+Host::Host(Configuration configuration, CommonOptions const& options, LogSettings const& log)
     : configurationM(std::move(configuration)), configurationFileM(options.configuration),
-      catalogueM(orDefault(configurationM.messages, "../share/numberportability/messages.toml")),
-      logM(catalogueM, options.verbose), rootM(eventHandlerM), registryM(configurationM.registry),
+      catalogueM(orDefault(configurationM.messages, "../share/numberportability/messages.toml")), logM(catalogueM, log),
+      rootM(eventHandlerM), registryM(configurationM.registry),
       moduleM(orDefault(configurationM.module, "../lib/DAT_NumberPortability.so")),
       plugInM(withProbes(moduleM), plugInNameCM) {
     if (!plugInM.isValid())
@@ -67,8 +70,8 @@ void Host::throwFailure() const {
     if (!failure)
         return;
     bool const inConfiguration = failure->identifier.starts_with("ERR_REG_");
-    throw HostError((inConfiguration ? configurationFileM.string() + ": " : std::string()) + failure->text +
-                    " (" + failure->identifier + ")");
+    throw HostError((inConfiguration ? configurationFileM.string() + ": " : std::string()) + failure->text + " (" +
+                    failure->identifier + ")");
 }
 
 void Host::fail(char const* otherwise) const {

@@ -29,6 +29,8 @@ class Host {
   public:
     // The configuration was read from the file that the options name, and may have been changed since.
     Host(Configuration configuration, CommonOptions const& options);
+    // The same with a log that is not a short command's.
+    Host(Configuration configuration, CommonOptions const& options, LogSettings const& log);
     Host(Host const&) = delete;
     Host& operator=(Host const&) = delete;
 
@@ -51,9 +53,7 @@ class Host {
     // Lends the registry to the framework.
     class InstalledRegistry {
       public:
-        explicit InstalledRegistry(BAS::RegistryEntry const& root) {
-            BAS::RegisteredObject::installRegistry(&root);
-        }
+        explicit InstalledRegistry(BAS::RegistryEntry const& root) { BAS::RegisteredObject::installRegistry(&root); }
         InstalledRegistry(InstalledRegistry const&) = delete;
         InstalledRegistry& operator=(InstalledRegistry const&) = delete;
         ~InstalledRegistry() { BAS::RegisteredObject::installRegistry(nullptr); }

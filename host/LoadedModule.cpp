@@ -35,18 +35,19 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
     if (handleM == nullptr)
         throw HostError("the module cannot be loaded: " + loaderError());
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
-    // DAT::NumberPortability::PlugIn::search, without and with a method, normalize, print, examine, progress
+    // DAT::NumberPortability::PlugIn::search, without and with a method, normalize, print, examine, progress,
+    // explain, serviceStatus
     find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                              "NumberPortabilityDataE");
-    find(operationsM.searchBy,
-         "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
-         "NumberPortabilityDataEj");
+    find(operationsM.searchBy, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
+                               "NumberPortabilityDataEj");
     find(operationsM.normalize, "_ZNK3DAT17NumberPortability6PlugIn9normalizeERN3BAS6StringE");
     find(operationsM.print, "_ZN3DAT17NumberPortability6PlugIn5printERSob");
-    find(operationsM.examine,
-         "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
-         "LineOutcomeERKN3BAS6StringEEE");
+    find(operationsM.examine, "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
+                              "LineOutcomeERKN3BAS6StringEEE");
     find(operationsM.progress, "_ZNK3DAT17NumberPortability6PlugIn8progressEv");
+    find(operationsM.explain, "_ZN3DAT17NumberPortability6PlugIn7explainERKN3BAS6StringE");
+    find(operationsM.serviceStatus, "_ZN3DAT17NumberPortability6PlugIn13serviceStatusEv");
 }
 
 template <class Function>
@@ -92,13 +93,31 @@ NP_CALLS_MEMBERS void LoadedPlugIn::print(std::ostream& out, bool header) {
     operationsM.print(objectM, out, header);
 }
 
-NP_CALLS_MEMBERS bool LoadedPlugIn::examine(LoadedModule::Summary& summary,
-                                            LoadedModule::Observer const& onReject) {
+NP_CALLS_MEMBERS bool LoadedPlugIn::examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject) {
     return operationsM.examine(objectM, summary, onReject);
 }
 
 NP_CALLS_MEMBERS LoadedModule::Progress const* LoadedPlugIn::progress() const {
     return operationsM.progress(objectM);
+}
+
+NP_CALLS_MEMBERS LoadedModule::Prefixes LoadedPlugIn::explain(BAS::String const& number) {
+    return operationsM.explain(objectM, number);
+}
+
+NP_CALLS_MEMBERS LoadedModule::ServiceStatus LoadedPlugIn::serviceStatus() {
+    return operationsM.serviceStatus(objectM);
+}
+
+std::vector<BAS::InstrumentationProbeAttribute*> LoadedPlugIn::probes() const {
+    std::vector<BAS::InstrumentationProbeAttribute*> probes;
+    BAS::InstrumentationProbeList list;
+    plugInM->getInstrumentationProbe(list);
+    for (std::size_t i = 0; i < list.length(); ++i)
+        if (auto const* const group = dynamic_cast<BAS::InstrumentationProbeCollection*>(list[i]))
+            for (std::size_t j = 0; j < group->length(); ++j)
+                probes.push_back((*group)[j]);
+    return probes;
 }
 
 } // namespace nphost

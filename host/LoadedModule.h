@@ -10,19 +10,22 @@
 //
 // Ownership: LoadedModule owns the mapping: it must outlive every plug-in from it. LoadedPlugIn owns its plug-in;
 // destruction shuts it down and deletes it. progress() stays valid as long as the plug-in.
-// Threads: construction, init and destruction by one thread; search, normalize, print and progress by any.
+// Threads: construction, init and destruction by one thread; everything else by any.
 // Errors: construction throws HostError, in one line. The operations' own errors are in plugin/PlugIn.h.
 // Complexity: a call through a pointer more than the plug-in's own.
 #pragma once
 
 #include "cache/DataSummary.h"
 #include "cache/LoadProgress.h"
+#include "cache/ServiceStatus.h"
+#include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/PLG/DataPlugIn.h"
 #include "store/NumberPortabilityData.h"
 
 #include <filesystem>
 #include <iosfwd>
 #include <memory>
+#include <vector>
 
 namespace nphost {
 
@@ -41,6 +44,8 @@ class LoadedModule {
     using Summary = DAT::NumberPortability::DataSummary;
     using Observer = DAT::NumberPortability::RejectObserver;
     using Progress = DAT::NumberPortability::LoadProgress;
+    using Prefixes = std::vector<DAT::NumberPortability::StoredPrefix>;
+    using ServiceStatus = DAT::NumberPortability::ServiceStatus;
 
     // The plug-in's operations as plain functions; what is const there is so here.
     struct Operations {
@@ -51,6 +56,9 @@ class LoadedModule {
         void (*print)(void*, std::ostream&, bool);
         bool (*examine)(void*, Summary&, Observer const&);
         Progress const* (*progress)(void const*);
+        // The place of a result that has a destructor goes before the object, for a member as for a function.
+        Prefixes (*explain)(void*, BAS::String const&);
+        ServiceStatus (*serviceStatus)(void*);
     };
     struct Close {
         void operator()(void* handle) const;
@@ -76,12 +84,20 @@ class LoadedPlugIn {
     bool init() { return plugInM->init(); }
 
     bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out);
-    bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out,
-                unsigned int method);
+    bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out, unsigned int method);
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
     bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);
     LoadedModule::Progress const* progress() const;
+    LoadedModule::Prefixes explain(BAS::String const& number);
+    LoadedModule::ServiceStatus serviceStatus();
+
+    // What registryUpdate returns; `handled` is set when a key was a command.
+    bool update(BAS::RegistryEntry const& keys, BAS::ProtectedBool& handled) {
+        return plugInM->registryUpdate(&keys, handled);
+    }
+    // The plug-in's probes in their order: reload, delta load, print. They live as long as the plug-in.
+    std::vector<BAS::InstrumentationProbeAttribute*> probes() const;
 
   private:
     LoadedModule::Operations operationsM;

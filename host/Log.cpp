@@ -1,12 +1,11 @@
 #include "host/Log.h"
 
-#include "framework/BAS/DateTime.h"
 #include "framework/BAS/RegisteredObject.h"
 #include "host/StandardError.h"
-#include "host/Text.h"
 
 #include <algorithm>
 #include <array>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
@@ -32,15 +31,9 @@ bool isReject(BAS::Status const& status) {
     return findReject(status) != rejectsCM.end();
 }
 
-std::string_view nameOf(BAS::Status::Severity severity) {
-    constexpr std::array<std::string_view, 5> names = {"NORMAL", "WARNING", "MINOR", "MAJOR", "CRITICAL"};
-    auto const position = static_cast<std::size_t>(severity) - 1;
-    return position < names.size() ? names[position] : "UNKNOWN";
-}
-
 } // namespace
 
-Log::Log(MessageCatalogue const& catalogue, bool verbose) : catalogueM(catalogue), verboseM(verbose) {
+Log::Log(MessageCatalogue const& catalogue, LogSettings const& settings) : catalogueM(catalogue), settingsM(settings) {
     BAS::RegisteredObject::installLogSink(this);
 }
 
@@ -49,23 +42,30 @@ Log::~Log() {
 }
 
 void Log::write(BAS::Status const& status) noexcept {
+    BAS::MutexGuard const guard(lockM);
+    bool shown = false;
     try {
-        BAS::MutexGuard const guard(lockM);
-        take(status);
+        shown = take(status);
     } catch (...) { // NOLINT(bugprone-empty-catch): a reporter must not fail for want of a log
     }
+    if (settingsM.observer != nullptr)
+        settingsM.observer->noticed(status, shown ? &reportM : nullptr);
 }
 
-void Log::take(BAS::Status const& status) {
+// Whether it is shown.
+bool Log::take(BAS::Status const& status) {
     if (status.severity() >= BAS::Status::MAJOR && !failureM) {
         failureM.emplace();
         failureM->identifier = status.identifier().str();
         catalogueM.append(failureM->text, status.identifier(), status.arguments());
     }
-    if (keepRejectsM && isReject(status))
+    bool const kept = keepRejectsM && isReject(status);
+    bool const shown = !kept && isShown(status);
+    if (kept)
         keep(status);
-    else if (isShown(status))
+    if (shown)
         show(status);
+    return shown;
 }
 
 void Log::keep(BAS::Status const& status) {
@@ -79,7 +79,7 @@ void Log::keep(BAS::Status const& status) {
 }
 
 bool Log::isShown(BAS::Status const& status) {
-    if (verboseM)
+    if (settingsM.verbose)
         return true;
     if (status.severity() < BAS::Status::WARNING || status.severity() >= BAS::Status::MAJOR)
         return false;
@@ -87,19 +87,26 @@ bool Log::isShown(BAS::Status const& status) {
 }
 
 void Log::show(BAS::Status const& status) {
-    lineM = BAS::DateTime::now().asString("%Y-%m-%dT%H:%M:%SZ ").str();
-    lineM += nameOf(status.severity());
-    lineM += ' ';
-    appendVisible(lineM, status.identifier().view());
-    for (BAS::String const& argument : status.arguments()) {
-        lineM += " \"";
-        appendShortened(lineM, argument.view(), "\"\\");
-        lineM += '"';
-    }
-    lineM += " : ";
-    catalogueM.append(lineM, status.identifier(), status.arguments());
+    reportM.at = BAS::DateTime::now();
+    reportM.severity = status.severity();
+    reportM.object = status.name().str();
+    reportM.identifier = status.identifier().str();
+    reportM.arguments.clear();
+    for (BAS::String const& argument : status.arguments())
+        reportM.arguments.push_back(argument.str());
+    reportM.text.clear();
+    catalogueM.append(reportM.text, status.identifier(), status.arguments());
+
+    lineM.clear();
+    if (settingsM.json)
+        lineM = toJson(reportM).dump();
+    else
+        appendText(lineM, reportM);
     lineM += '\n';
-    StandardError::write(lineM);
+    if (settingsM.target != nullptr)
+        settingsM.target->write(lineM);
+    else
+        StandardError::write(lineM);
 }
 
 std::optional<Log::Failure> Log::failure() const {

@@ -4,6 +4,7 @@
 #include "host/HostError.h"
 #include "host/Instant.h"
 #include "host/LineInput.h"
+#include "host/Numbers.h"
 #include "host/Output.h"
 #include "host/StandardError.h"
 #include "host/Text.h"
@@ -20,19 +21,14 @@ namespace {
 
 constexpr std::string_view nothingCM = "\t-\t-\n";
 
-bool hasDigit(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 // Answers questions; whatever it needs for one is kept for the next.
 class Answers {
   public:
-    Answers(LoadedPlugIn& plugIn, Output& out, bool normalise)
-        : plugInM(plugIn), outM(out), normaliseM(normalise) {}
+    Answers(LoadedPlugIn& plugIn, Output& out, bool normalise) : plugInM(plugIn), outM(out), normaliseM(normalise) {}
 
     // Whether a record was found. Without a method the configured one is used.
     bool answer(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
-        setNumber(number);
+        readNumber(number, normaliseM, plugInM, numberM);
         bool const found =
             method ? plugInM.search(numberM, at, recordM, *method) : plugInM.search(numberM, at, recordM);
         outM.append(numberM.view());
@@ -51,16 +47,6 @@ class Answers {
     }
 
   private:
-    void setNumber(std::string_view number) {
-        if (!normaliseM)
-            return numberM.assign(number.data(), number.size());
-        strippedM.clear();
-        std::copy_if(number.begin(), number.end(), std::back_inserter(strippedM),
-                     [](char c) { return std::string_view(" -.()").find(c) == std::string_view::npos; });
-        numberM.assign(strippedM.data(), strippedM.size());
-        plugInM.normalize(numberM);
-    }
-
     void appendInstant(BAS::DateTime at) {
         std::array<char, instantDigitsCM> digits{};
         at.toDigits(digits.data());
@@ -71,7 +57,6 @@ class Answers {
     Output& outM;
     bool normaliseM;
     BAS::String numberM;
-    std::string strippedM;
     DAT::NumberPortability::NumberPortabilityData recordM;
 };
 
@@ -146,8 +131,8 @@ class StreamLookup {
         outM.append(question.instant);
         outM.append(nothingCM);
         if (++badLinesM <= shownBadLinesCM)
-            complain("standard input:" + std::to_string(linesM.load(std::memory_order_relaxed) + 1) + ": " +
-                     reason + ": '" + shortened(what) + "'");
+            complain("standard input:" + std::to_string(linesM.load(std::memory_order_relaxed) + 1) + ": " + reason +
+                     ": '" + shortened(what) + "'");
     }
 
     // Only this thread writes the counts.
@@ -210,8 +195,7 @@ int lookup(LookupOptions const& options) {
         checkNumbers(options.numbers);
     Host host(readConfiguration(options.common.configuration), options.common);
     host.start();
-    bool const allFound =
-        fromInput ? StreamLookup(host, options, at).run() : lookupArguments(host, options, at);
+    bool const allFound = fromInput ? StreamLookup(host, options, at).run() : lookupArguments(host, options, at);
     host.throwFailure(); // a look-up that ran out of memory is not "not found"
     return allFound ? FINE : NOT_FOUND;
 }

@@ -24,8 +24,7 @@ class MessageCatalogue {
     explicit MessageCatalogue(std::filesystem::path const& file);
 
     // Appends the text on one line, with arguments that are fit to be shown; adds nothing else.
-    void append(std::string& out, BAS::String const& identifier,
-                BAS::Status::Arguments const& arguments) const;
+    void append(std::string& out, BAS::String const& identifier, BAS::Status::Arguments const& arguments) const;
 
   private:
     std::map<std::string, std::string, std::less<>> textsM;

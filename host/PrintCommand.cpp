@@ -3,6 +3,7 @@
 #include "framework/STR/FileIo.h"
 #include "host/ExitStatus.h"
 #include "host/HostError.h"
+#include "host/SameFile.h"
 
 #include <algorithm>
 #include <atomic>
@@ -44,15 +45,6 @@ class CountingBuffer : public std::streambuf {
     std::atomic<std::uint64_t> linesM{0};
 };
 
-// Replacing the data file by a listing would lose what the listing leaves out.
-void refuseDataFile(Configuration const& configuration, std::string const& output) {
-    BAS::RegistryEntry const* const subtree = configuration.registry.find(plugInNameCM);
-    BAS::RegistryEntry const* const fileName = subtree == nullptr ? nullptr : subtree->find("FileName");
-    std::error_code ignored; // files that are not there are not the same
-    if (fileName != nullptr && std::filesystem::equivalent(fileName->value().str(), output, ignored))
-        throw HostError("the output " + output + " is the data file itself");
-}
-
 void printTo(Host& host, STR::FileIo& file, PrintOptions const& options) {
     CountingBuffer buffer(*file.stream().rdbuf());
     std::ostream counted(&buffer);
@@ -71,7 +63,8 @@ void printTo(Host& host, STR::FileIo& file, PrintOptions const& options) {
 
 int print(PrintOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
-    refuseDataFile(configuration, options.output);
+    if (isSameFile(configuration.dataFile(), options.output))
+        throw HostError("the output " + options.output + " is the data file itself");
     Host host(std::move(configuration), options.common);
     host.start();
     STR::FileIo file(options.output, std::ios_base::out);

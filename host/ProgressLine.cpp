@@ -26,10 +26,10 @@ std::string progressText(ProgressLine::Reading const& reading, double seconds) {
         return text;
     text += ", " + std::to_string(std::lround(static_cast<double>(reading.lines) / seconds)) + " lines/s";
     if (reading.done > 0 && reading.done < reading.total)
-        text += ", " +
-                minutes(seconds * static_cast<double>(reading.total - reading.done) /
-                        static_cast<double>(reading.done)) +
-                " left";
+        text +=
+            ", " +
+            minutes(seconds * static_cast<double>(reading.total - reading.done) / static_cast<double>(reading.done)) +
+            " left";
     return text;
 }
 
@@ -39,8 +39,7 @@ ProgressLine::ProgressLine(std::string label, Source source, bool wanted)
         return;
     try {
         threadM = std::thread([this] { run(); });
-    } catch (
-        std::system_error const&) { // NOLINT(bugprone-empty-catch): the work goes on without a progress line
+    } catch (std::system_error const&) { // NOLINT(bugprone-empty-catch): the work goes on without a progress line
     }
 }
 

@@ -11,16 +11,20 @@ namespace nphost {
 namespace {
 
 void writeAll(std::string_view text) noexcept {
+    writeWhole(STDERR_FILENO, text);
+}
+
+} // namespace
+
+void writeWhole(int descriptor, std::string_view text) noexcept {
     while (!text.empty()) {
-        ssize_t const written = ::write(STDERR_FILENO, text.data(), text.size());
+        ssize_t const written = ::write(descriptor, text.data(), text.size());
         if (written < 0 && errno != EINTR)
             return;
         if (written > 0)
             text.remove_prefix(static_cast<std::size_t>(written));
     }
 }
-
-} // namespace
 
 BAS::Mutex StandardError::lockM;
 bool StandardError::progressShownM = false;

@@ -31,6 +31,9 @@ class StandardError {
     static bool progressShownM NP_GUARDED_BY(lockM);
 };
 
+// Writes all of it, or what can be written.
+void writeWhole(int descriptor, std::string_view text) noexcept;
+
 // "nphost: ", the text on one line, and a newline.
 void complain(std::string_view text) noexcept;
 

@@ -16,8 +16,7 @@ struct Close {
 };
 
 ConfigurationError unreadable(std::filesystem::path const& file, int error) {
-    return ConfigurationError(visible(file.native()) +
-                              ": cannot be read: " + std::system_category().message(error));
+    return ConfigurationError(visible(file.native()) + ": cannot be read: " + std::system_category().message(error));
 }
 
 } // namespace
@@ -45,8 +44,7 @@ toml::table parseToml(std::string_view text, std::filesystem::path const& file) 
 
 ConfigurationError errorAt(std::filesystem::path const& file, toml::source_region const& where,
                            std::string_view reason) {
-    return ConfigurationError(visible(file.native()) + ":" + std::to_string(where.begin.line) + ": " +
-                              visible(reason));
+    return ConfigurationError(visible(file.native()) + ":" + std::to_string(where.begin.line) + ": " + visible(reason));
 }
 
 } // namespace nphost

@@ -1,0 +1,412 @@
+#include "host/CtlCommand.h"
+
+#include "host/Configuration.h"
+#include "host/ControlProtocol.h"
+#include "host/ExitStatus.h"
+#include "host/HostError.h"
+#include "host/Instant.h"
+#include "host/LogReport.h"
+#include "host/Numbers.h"
+#include "host/Output.h"
+#include "host/Text.h"
+#include "host/UnixSocket.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace nphost {
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr std::size_t numbersARequestCM = 500;
+constexpr std::size_t numberBytesARequestCM = 32UL * 1024;
+
+// The connection to the daemon.
+class Conversation {
+  public:
+    explicit Conversation(std::filesystem::path const& socket) : descriptorM(connectTo(socket)) {}
+
+    // The answer to a request; throws when the daemon refuses it.
+    Json ask(Json request) {
+        sendAll(lineOf(std::move(request)));
+        Json answer = next();
+        if (!answer.value("ok", false))
+            throw HostError("the daemon refuses: " + answer.value("error", std::string("for no reason")));
+        return answer;
+    }
+
+    Json next() {
+        std::size_t end = 0;
+        while ((end = inputM.find('\n')) == std::string::npos)
+            if (!receive())
+                throw HostError("the daemon ended the connection");
+        std::string const line = inputM.substr(0, end);
+        inputM.erase(0, end + 1);
+        try {
+            return Json::parse(line);
+        } catch (Json::exception const&) {
+            throw HostError("the daemon's answer cannot be understood: '" + shortened(line) + "'");
+        }
+    }
+
+  private:
+    void sendAll(std::string_view text) const {
+        while (!text.empty()) {
+            ssize_t const count = ::send(descriptorM.get(), text.data(), text.size(), MSG_NOSIGNAL);
+            if (count >= 0)
+                text.remove_prefix(static_cast<std::size_t>(count));
+            else if (errno == EPIPE || errno == ECONNRESET)
+                return; // what it has said before it went is still to be read
+            else if (errno != EINTR)
+                throw HostError("the daemon cannot be asked: " + std::system_category().message(errno));
+        }
+    }
+
+    bool receive() {
+        std::array<char, 16UL * 1024> block;
+        for (;;) {
+            ssize_t const count = recv(descriptorM.get(), block.data(), block.size(), 0);
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count > 0)
+                inputM.append(block.data(), static_cast<std::size_t>(count));
+            return count > 0;
+        }
+    }
+
+    FileDescriptor descriptorM;
+    std::string inputM;
+};
+
+std::string orDash(Json const& text) {
+    return text.is_string() ? visible(text.get<std::string>()) : "-";
+}
+
+// "2026-01-31 12:00:00" from 14 digits.
+std::string readable(Json const& digits) {
+    BAS::DateTime const at = parseInstant(digits.is_string() ? digits.get<std::string>() : std::string());
+    return at.isValid() ? at.asString("%Y-%m-%d %H:%M:%S").str() : "-";
+}
+
+std::string seconds(Json const& value) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3f s", value.get<double>());
+    return text.data();
+}
+
+std::string bytes(Json const& value) {
+    if (!value.is_number())
+        return "-";
+    return std::to_string(value.get<std::uint64_t>()) + " bytes";
+}
+
+// One ctl command: makes the request, shows the answer, knows the exit status.
+class Ctl {
+  public:
+    Ctl(CtlOptions const& options, std::filesystem::path const& socket)
+        : optionsM(options), daemonM(socket), outM(STDOUT_FILENO) {}
+
+    int run() {
+        int const status = command();
+        outM.flush();
+        return status;
+    }
+
+  private:
+    int command() {
+        std::string const& name = optionsM.command;
+        if (name == "status")
+            return status();
+        if (name == "lookup")
+            return lookup();
+        if (name == "explain")
+            return explain();
+        if (name == "reload")
+            return request({{"command", name}, {"reuse", !optionsM.noReuse}});
+        if (name == "delta")
+            return request({{"command", name}, {"file", absolute(optionsM.file)}});
+        if (name == "print")
+            return optionsM.file.empty() ? request({{"command", name}})
+                                         : request({{"command", name}, {"file", absolute(optionsM.file)}});
+        if (name == "update")
+            return update();
+        return name == "probes" ? probes() : log();
+    }
+
+    void line(std::string_view text) {
+        outM.append(text);
+        outM.append('\n');
+    }
+    void field(std::string label, std::string_view value) {
+        constexpr std::size_t width = 18;
+        label.resize(std::max(width, label.size() + 1), ' ');
+        line(label.append(value));
+    }
+    // With --json the answer is shown as it came, and nothing else.
+    bool shownRaw(Json const& answer) {
+        if (optionsM.json)
+            line(answer.dump());
+        return optionsM.json;
+    }
+
+    // The daemon has a folder of its own, and JSON has no bytes that are not UTF-8.
+    static std::string absolute(std::string const& file) {
+        std::string name = std::filesystem::absolute(file).lexically_normal().native();
+        return checked(std::move(name));
+    }
+    static std::string checked(std::string text) {
+        if (asUtf8(text) != text)
+            throw HostError("'" + shortened(text) + "' is not UTF-8 and cannot be sent");
+        return text;
+    }
+
+    int status() {
+        Json const answer = daemonM.ask({{"command", "status"}});
+        int const result = answer.at("usable").get<bool>() ? FINE : NOT_FOUND;
+        if (shownRaw(answer))
+            return result;
+        field("Usable:", answer.at("usable").get<bool>() ? "yes" : "no: the data file cannot be read");
+        field("Loaded since:", orDash(answer.at("loadedSince")));
+        field("Records:", answer.at("records").dump());
+        field("Numbers:", answer.at("numbers").dump());
+        field("Search method:", orDash(answer.at("searchMethod")));
+        dataFile(answer.at("dataFile"));
+        lastLoad(answer.at("lastLoad"));
+        if (answer.at("loading").get<bool>())
+            field("Loading now:", answer.at("progress").at("lines").dump() + " lines, " +
+                                      answer.at("progress").at("bytes").dump() + " of " +
+                                      answer.at("progress").at("totalBytes").dump() + " bytes");
+        field("Look-ups:", answer.at("lookUps").dump());
+        field("Memory:", std::to_string(answer.at("memoryBytes").get<std::uint64_t>() / 1024) + " KiB");
+        field("Process:", answer.at("process").dump());
+        return result;
+    }
+
+    void dataFile(Json const& file) {
+        field("Data file:", orDash(file.at("name")));
+        field("  size:", bytes(file.at("size")));
+        field("  modified:", orDash(file.at("modified")));
+    }
+
+    void lastLoad(Json const& load) {
+        field("Last load:", orDash(load.at("kind")) + (load.at("succeeded").get<bool>() ? ", succeeded" : ", failed"));
+        field("  of:", orDash(load.at("file")));
+        field("  ended:", orDash(load.at("ended")) + " after " + seconds(load.at("seconds")));
+        field("  lines:", load.at("lines").dump() + ", " + load.at("rejectedLines").dump() + " rejected");
+    }
+
+    // What look-ups and explanations have in common.
+    Json question(char const* command) const {
+        Json request = {{"command", command}, {"normalise", optionsM.normalise}};
+        if (optionsM.at)
+            request["at"] = *optionsM.at;
+        if (optionsM.method)
+            request["method"] = *optionsM.method;
+        return request;
+    }
+
+    int lookup() {
+        for (std::string const& number : optionsM.numbers)
+            if (!hasDigit(number))
+                throw HostError("'" + shortened(number) + "' is not a number");
+        Json request = question("lookup");
+        bool allFound = true;
+        for (auto next = optionsM.numbers.begin(); next != optionsM.numbers.end();) {
+            Json numbers = Json::array();
+            for (std::size_t size = 0; next != optionsM.numbers.end() && numbers.size() < numbersARequestCM &&
+                                       (numbers.empty() || size + next->size() < numberBytesARequestCM);
+                 ++next) {
+                size += next->size();
+                numbers.push_back(checked(*next));
+            }
+            request["numbers"] = std::move(numbers);
+            Json const answer = daemonM.ask(request);
+            request["at"] = answer.at("at"); // one instant for all, also when it is now
+            allFound = showAnswers(answer) && allFound;
+        }
+        return allFound ? FINE : NOT_FOUND;
+    }
+
+    bool showAnswers(Json const& answer) {
+        bool allFound = true;
+        bool const raw = shownRaw(answer);
+        auto const column = [](Json const& text) { return text.is_string() ? text.get<std::string>() : "-"; };
+        for (Json const& found : answer.at("answers")) {
+            allFound = allFound && found.at("found").get<bool>();
+            if (!raw)
+                line(column(found.at("number")) + "\t" + column(answer.at("at")) + "\t" +
+                     column(found.at("validFrom")) + "\t" + column(found.at("network")));
+        }
+        return allFound;
+    }
+
+    int explain() {
+        Json request = question("explain");
+        request["number"] = checked(optionsM.numbers.front());
+        Json const answer = daemonM.ask(std::move(request));
+        auto const configured = answer.at("configured").get<std::string>();
+        int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
+        if (shownRaw(answer))
+            return result;
+        field("Number:", orDash(answer.at("number")));
+        field("At:", readable(answer.at("at")));
+        histories(answer.at("prefixes"), answer.at("at").get<std::string>());
+        line("\nChosen by each search method:");
+        for (char const* const method : {"best", "exact", "shortest"})
+            choice(method, answer.at("methods").at(method), method == configured);
+        nextChange(answer.at("nextChange"), configured);
+        return result;
+    }
+
+    void histories(Json const& prefixes, std::string const& at) {
+        line(prefixes.empty() ? "\nNo prefix of the number is stored." : "\nStored prefixes, longest first:");
+        for (Json const& prefix : prefixes) {
+            line("  " + prefix.at("key").get<std::string>());
+            for (Json const& record : prefix.at("history"))
+                line("    " + readable(record.at("validFrom")) + "  " + orDash(record.at("network")) +
+                     (record.at("validFrom").get<std::string>() > at ? "  (still to come)" : ""));
+        }
+    }
+
+    void choice(std::string const& method, Json const& chosen, bool configured) {
+        std::string label = "  " + method + ":";
+        label.resize(12, ' ');
+        label += chosen.at("found").get<bool>()
+                     ? orDash(chosen.at("network")) + " since " + readable(chosen.at("validFrom"))
+                     : "nothing found";
+        line(label + (configured ? "  (as configured)" : ""));
+        line("            " + orDash(chosen.at("reason")));
+    }
+
+    void nextChange(Json const& next, std::string const& configured) {
+        std::string text = "\nNext change (" + configured + "): ";
+        if (next.is_null())
+            text += "none is stored";
+        else
+            text += readable(next.at("at")) + ", then " + orDash(next.at("network")) + " by " + orDash(next.at("key"));
+        line(text);
+    }
+
+    // A request to a probe.
+    int request(Json asked) {
+        bool const wait = optionsM.wait.value_or(isatty(STDOUT_FILENO) == 1);
+        asked["wait"] = wait;
+        Json const answer = daemonM.ask(std::move(asked));
+        bool const succeeded = !wait || answer.at("succeeded").get<bool>();
+        if (!shownRaw(answer)) {
+            if (wait)
+                outcome(answer);
+            else
+                line(optionsM.command + ": requested");
+        }
+        return succeeded ? FINE : NOT_FOUND;
+    }
+
+    void outcome(Json const& answer) {
+        bool const succeeded = answer.at("succeeded").get<bool>();
+        for (Json const& report : answer.at("reports")) {
+            auto const identifier = report.at("identifier").get<std::string>();
+            bool const counts = succeeded && identifier.starts_with("INF_NUM_");
+            if (report.at("severity") != "NORMAL" || counts)
+                line((report.at("severity") == "NORMAL" ? "" : orDash(report.at("severity")) + " ") + identifier +
+                     " : " + orDash(report.at("text")));
+        }
+        leftOut(answer);
+        line(optionsM.command + (succeeded ? ": done in " : ": FAILED after ") + seconds(answer.at("seconds")));
+    }
+
+    void leftOut(Json const& answer) {
+        if (auto const count = answer.at("reportsLeftOut").get<unsigned long>(); count > 0)
+            line("... and " + std::to_string(count) + " more reports, in the daemon's log");
+    }
+
+    int update() {
+        Json keys = Json::object();
+        for (std::string const& key : optionsM.keys) {
+            std::size_t const equals = key.find('=');
+            if (equals == std::string::npos || equals == 0)
+                throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
+            std::string const name = checked(key.substr(0, equals));
+            std::string value = checked(key.substr(equals + 1));
+            bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
+            if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
+                throw HostError("the key '" + shortened(name) + "' is given twice");
+        }
+        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}});
+        if (!shownRaw(answer)) {
+            field("Result:", answer.at("result").dump());
+            field("Handled:", answer.at("handled").dump());
+            for (Json const& report : answer.at("reports"))
+                showReport(report);
+            leftOut(answer);
+        }
+        return answer.at("succeeded").get<bool>() ? FINE : NOT_FOUND;
+    }
+
+    int probes() {
+        Json const answer = daemonM.ask({{"command", "probes"}});
+        if (shownRaw(answer))
+            return FINE;
+        for (Json const& probe : answer.at("probes"))
+            field(orDash(probe.at("name")), orDash(probe.at("description")));
+        return FINE;
+    }
+
+    int log() {
+        Json const answer = daemonM.ask({{"command", "log"}, {"follow", optionsM.follow}});
+        for (Json const& report : answer.at("reports"))
+            showReport(report);
+        while (optionsM.follow) {
+            outM.flush();
+            Json const next = daemonM.next();
+            if (next.contains("lost"))
+                line("... " + next.at("lost").dump() + " reports came faster than they could be shown");
+            else
+                showReport(next.at("report"));
+        }
+        return FINE;
+    }
+
+    void showReport(Json const& report) {
+        if (shownRaw(report))
+            return;
+        std::string text;
+        appendText(text, reportOf(report));
+        line(text);
+    }
+
+    CtlOptions const& optionsM;
+    Conversation daemonM;
+    Output outM;
+};
+
+std::filesystem::path socketOf(CtlOptions const& options) {
+    if (!options.socket.empty())
+        return options.socket;
+    if (options.configuration.empty())
+        throw HostError("--socket PATH or --config FILE must say where the daemon is");
+    std::filesystem::path socket = readConfiguration(options.configuration).socket;
+    if (socket.empty())
+        throw HostError(options.configuration.string() + ": there is no key 'socket' in [host]");
+    return socket;
+}
+
+} // namespace
+
+int ctl(CtlOptions const& options) {
+    try {
+        return Ctl(options, socketOf(options)).run();
+    } catch (Json::exception const& error) {
+        throw HostError("the daemon's answer lacks something: " + std::string(error.what()));
+    }
+}
+
+} // namespace nphost

@@ -1,0 +1,81 @@
+// nphost::Daemon: serves a plug-in until it is told to stop.
+//
+// Purpose: one event loop answers the clients of the control socket, obeys signals, passes requests to the plug-in's
+// probes and updates to their thread, sends the log to whoever follows it, and tells the service manager how things
+// stand.
+// Ownership: borrows everything but its own queues. The hub must have been the log's observer from the start.
+// Threads: run by one thread, which is the loop's; the updates have a thread of their own.
+// Errors: construction as of its parts; run throws HostError when the system refuses to wait; std::bad_alloc. What goes
+// wrong with one request is that client's answer.
+// Complexity: that of the requests. A load never keeps the loop from its work.
+#pragma once
+
+#include "host/ControlServer.h"
+#include "host/Host.h"
+#include "host/ProbeQueue.h"
+#include "host/ReportHub.h"
+#include "host/ServiceNotifier.h"
+#include "host/Signals.h"
+#include "host/UpdateRunner.h"
+
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <string_view>
+
+namespace nphost {
+
+// A report of the host's own; its text is in the message catalogue.
+void reportOwn(char const* identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments);
+
+class Daemon : private ControlServer::Handler {
+  public:
+    struct Parts {
+        Host& host;
+        ReportHub& hub;
+        LogTarget& log;
+        Signals& signals;
+        ServiceNotifier& notifier;
+        ListeningSocket* socket; // null: no control socket
+    };
+
+    explicit Daemon(Parts const& parts);
+    Daemon(Daemon const&) = delete;
+    Daemon& operator=(Daemon const&) = delete;
+    ~Daemon() override = default;
+
+    // Returns when a signal has told it to stop and the control socket is gone.
+    void run();
+
+  private:
+    using Client = ControlServer::Client;
+
+    void wait(std::vector<pollfd>& polled) const;
+    void step();
+    void stop();
+    void reloadBySignal();
+    void finishProbes();
+    void finishUpdates();
+    void feedFollowers();
+    std::string statusText();
+
+    void request(Client client, std::string_view line) override;
+    void dispatch(Client client, nlohmann::json const& request);
+    void probe(Client client, nlohmann::json const& request, ProbeKind kind, std::string value);
+    void print(Client client, nlohmann::json const& request);
+    void update(Client client, nlohmann::json const& request);
+    void listProbes(Client client);
+    void showLog(Client client, nlohmann::json const& request);
+    void refuseDataFile(std::string const& target);
+
+    Parts partsM;
+    LoadedPlugIn& plugInM;
+    ReportCollector ownReportsM;
+    ReportHub::CollectingScope ownScopeM{ownReportsM}; // this thread's reports are not the worker's
+    ProbeQueue probesM;
+    UpdateRunner updatesM;
+    std::optional<ControlServer> serverM;
+    std::map<Client, std::uint64_t> followersM; // and the number of the report that each gets next
+    bool reloadingM = false;                    // the service manager waits for the end of a reload
+};
+
+} // namespace nphost

@@ -1,0 +1,63 @@
+#include "host/LogReport.h"
+
+#include "host/Instant.h"
+#include "host/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+namespace nphost {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> namesCM = {"NORMAL", "WARNING", "MINOR", "MAJOR", "CRITICAL"};
+
+} // namespace
+
+std::string_view nameOf(BAS::Status::Severity severity) {
+    auto const position = static_cast<std::size_t>(severity) - 1;
+    return position < namesCM.size() ? namesCM[position] : "UNKNOWN";
+}
+
+std::string clockTime(BAS::DateTime at) {
+    return at.isValid() ? at.asString("%Y-%m-%dT%H:%M:%SZ").str() : "-";
+}
+
+void appendText(std::string& out, LogReport const& report) {
+    out += clockTime(report.at);
+    out += ' ';
+    out += nameOf(report.severity);
+    out += ' ';
+    appendVisible(out, report.identifier);
+    for (std::string const& argument : report.arguments) {
+        out += " \"";
+        appendShortened(out, argument, "\"\\");
+        out += '"';
+    }
+    out += " : ";
+    out += report.text;
+}
+
+nlohmann::json toJson(LogReport const& report) {
+    std::vector<std::string> arguments;
+    for (std::string const& argument : report.arguments)
+        arguments.push_back(asUtf8(argument));
+    return {{"time", clockTime(report.at)},      {"severity", nameOf(report.severity)},
+            {"object", asUtf8(report.object)},   {"identifier", asUtf8(report.identifier)},
+            {"arguments", std::move(arguments)}, {"text", asUtf8(report.text)}};
+}
+
+LogReport reportOf(nlohmann::json const& object) {
+    auto const severity = std::find(namesCM.begin(), namesCM.end(), object.at("severity").get<std::string>());
+    LogReport report;
+    report.at = parseInstant(object.at("time").get<std::string>());
+    report.severity = static_cast<BAS::Status::Severity>(severity - namesCM.begin() + 1);
+    report.object = object.at("object").get<std::string>();
+    report.identifier = object.at("identifier").get<std::string>();
+    report.arguments = object.at("arguments").get<std::vector<std::string>>();
+    report.text = object.at("text").get<std::string>();
+    return report;
+}
+
+} // namespace nphost

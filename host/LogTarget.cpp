@@ -1,0 +1,43 @@
+#include "host/LogTarget.h"
+
+#include "host/HostError.h"
+#include "host/StandardError.h"
+#include "host/Text.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <system_error>
+
+namespace nphost {
+
+LogTarget::LogTarget(std::filesystem::path file) : fileM(std::move(file)) {
+    if (std::string const reason = reopen(); !reason.empty())
+        throw HostError("the log file " + visible(fileM.native()) + " cannot be opened: " + reason);
+}
+
+FileDescriptor LogTarget::open() const {
+    constexpr mode_t mode = 0640;
+    // Not waiting for whoever may read, if somebody names a pipe.
+    return FileDescriptor(
+        ::open(fileM.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode));
+}
+
+void LogTarget::write(std::string_view line) noexcept {
+    BAS::MutexGuard const guard(lockM);
+    if (!descriptorM)
+        return StandardError::write(line);
+    writeWhole(descriptorM.get(), line);
+}
+
+std::string LogTarget::reopen() {
+    if (fileM.empty())
+        return {};
+    FileDescriptor fresh = open();
+    if (!fresh)
+        return std::system_category().message(errno);
+    BAS::MutexGuard const guard(lockM);
+    descriptorM = std::move(fresh);
+    return {};
+}
+
+} // namespace nphost

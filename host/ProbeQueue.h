@@ -1,0 +1,66 @@
+// nphost::ProbeQueue: carries requests to the plug-in's probes, one after the other.
+//
+// Purpose: the plug-in keeps only the latest of several requests that come before its worker has time. So the next
+// probe is written only when the outcome of the one before has been seen.
+// Ownership: borrows the plug-in and the hub. The values of the requests are its own.
+// Threads: the loop's thread.
+// Errors: construction throws HostError when the plug-in has not the three probes; std::bad_alloc.
+// Complexity: constant; nothing waits for a load.
+#pragma once
+
+#include "host/LoadedModule.h"
+#include "host/ReportHub.h"
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+
+namespace nphost {
+
+struct ProbeRequest {
+    ProbeKind kind = ProbeKind::RELOAD;
+    std::string value;
+    std::uint64_t client = 0; // who waits for the outcome; 0 nobody
+    bool fromSignal = false;
+};
+
+class ProbeQueue {
+  public:
+    static constexpr std::size_t mostWaitingCM = 64;
+
+    struct Finished {
+        ProbeRequest request;
+        ProbeOutcome outcome;
+        double seconds = 0; // since the probe was written
+    };
+
+    ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub);
+
+    bool isFull() const { return waitingM.size() >= mostWaitingCM; }
+    // Requests that were pushed and are not finished.
+    std::size_t length() const { return waitingM.size() + (currentM ? 1 : 0); }
+
+    void push(ProbeRequest request);
+
+    // The request whose outcome has come since the last call, if any; the next one is under way already.
+    std::optional<Finished> takeFinished();
+
+    // Requests of a signal that are not finished.
+    bool hasSignalRequest() const;
+    // The same, of those whose probe is not written yet.
+    bool hasWaitingSignalRequest() const;
+
+  private:
+    void startNext();
+    void checkTrouble();
+
+    LoadedPlugIn& plugInM;
+    ReportHub& hubM;
+    std::vector<BAS::InstrumentationProbeAttribute*> probesM; // by ProbeKind
+    std::deque<ProbeRequest> waitingM;
+    std::optional<ProbeRequest> currentM;
+    ReportHub::Clock::time_point startedM;
+};
+
+} // namespace nphost

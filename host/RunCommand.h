@@ -1,0 +1,25 @@
+// nphost run: loads the plug-in and serves until it is told to stop.
+//
+// Purpose: brings up signals, log, control socket, framework, module and data in this order, runs the daemon, and takes
+// all of it down in the reverse order.
+// Threads: the main thread runs the event loop.
+// Errors: HostError, ConfigurationError, std::bad_alloc when it cannot start.
+// Complexity: a load, then what it is asked for.
+#pragma once
+
+#include "host/Host.h"
+
+#include <filesystem>
+
+namespace nphost {
+
+struct RunOptions {
+    CommonOptions common;
+    std::filesystem::path logFile; // empty: as configured
+    bool jsonLog = false;
+};
+
+// The exit status.
+int runDaemon(RunOptions const& options);
+
+} // namespace nphost

@@ -1,0 +1,16 @@
+// Whether two names mean one file.
+//
+// Purpose: a listing must not replace the data file: whatever it leaves out would be lost.
+// Threads: no state.
+// Errors: std::bad_alloc; names that cannot be examined are compared as texts.
+// Complexity: a few system calls.
+#pragma once
+
+#include <filesystem>
+
+namespace nphost {
+
+// The same file by hard or symbolic links, or, while it is not there, the same place.
+bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& other);
+
+} // namespace nphost

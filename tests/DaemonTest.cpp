@@ -1,0 +1,715 @@
+// nphost run and nphost ctl as an operator meets them: a daemon of its own for each test, in a folder of its own.
+#include "host/Explanation.h"
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Json = nlohmann::json;
+using Arguments = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds patienceCM{60}; // an upper bound, not a time that is waited for
+
+bool contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+long lineCount(std::string const& text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
+
+bool eventually(std::function<bool()> const& condition) {
+    for (Clock::time_point const end = Clock::now() + patienceCM; Clock::now() < end;) {
+        if (condition())
+            return true;
+        poll(nullptr, 0, 5);
+    }
+    return false;
+}
+
+// A running nphost, killed with the object.
+class Process {
+  public:
+    Process(Arguments const& arguments, std::string const& out, std::string const& err,
+            std::string const& notify = {}) {
+        std::string const program = std::string(NP_PROGRAM_FOLDER) + "/nphost";
+        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+        for (std::string const& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        std::string const variable = "NOTIFY_SOCKET=" + notify;
+        std::vector<char*> environment;
+        for (char** entry = environ; *entry != nullptr; ++entry)
+            environment.push_back(*entry);
+        if (!notify.empty())
+            environment.push_back(const_cast<char*>(variable.c_str()));
+        environment.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), flags, 0600);
+        int const error = posix_spawn(&idM, program.c_str(), &actions, nullptr, argv.data(), environment.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (error != 0)
+            throw std::runtime_error("cannot start " + program);
+    }
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
+    ~Process() {
+        if (idM > 0 && !status()) {
+            kill(idM, SIGKILL);
+            waitpid(idM, nullptr, 0);
+        }
+    }
+
+    // Its exit status, or minus the signal that ended it; none while it runs.
+    std::optional<int> status() {
+        int raw = 0;
+        if (!statusM && waitpid(idM, &raw, WNOHANG) == idM)
+            statusM = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+        return statusM;
+    }
+    int wait() {
+        eventually([this] { return status().has_value(); });
+        return statusM.value_or(-1000);
+    }
+    void signal(int number) const { kill(idM, number); }
+
+  private:
+    pid_t idM = -1;
+    std::optional<int> statusM;
+};
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// A connection to a control socket, for what nphost ctl would never send.
+class RawClient {
+  public:
+    explicit RawClient(std::string const& path) : descriptorM(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        connectedM = connect(descriptorM, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    RawClient(RawClient const&) = delete;
+    RawClient& operator=(RawClient const&) = delete;
+    ~RawClient() { close(descriptorM); }
+
+    bool connected() const { return connectedM; }
+    // False when the daemon takes no more.
+    bool send(std::string const& text, int flags = 0) const {
+        return ::send(descriptorM, text.data(), text.size(), flags | MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
+    void endSending() const { shutdown(descriptorM, SHUT_WR); }
+
+    // The next line without its newline; "<closed>" at the end.
+    std::string line() {
+        for (;;) {
+            std::size_t const end = inputM.find('\n');
+            if (end != std::string::npos) {
+                std::string line = inputM.substr(0, end);
+                inputM.erase(0, end + 1);
+                return line;
+            }
+            std::array<char, 4096> block;
+            pollfd ready = {descriptorM, POLLIN, 0};
+            if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patienceCM).count())) != 1)
+                return "<nothing>";
+            ssize_t const count = recv(descriptorM, block.data(), block.size(), 0);
+            if (count <= 0)
+                return "<closed>";
+            inputM.append(block.data(), static_cast<std::size_t>(count));
+        }
+    }
+    // Reads nothing; true once the other end has gone.
+    bool isDropped() const {
+        pollfd state = {descriptorM, 0, 0};
+        return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+    }
+
+  private:
+    int descriptorM;
+    bool connectedM = false;
+    std::string inputM;
+};
+
+std::string const dataCM = "0044770 20200101000000 ALPHA\n"
+                           "00447700900123 20210301020000 BRAVO\n"
+                           "00447700900123 20990915020000 CHARLIE\n"
+                           "004477009 20980101000000 DELTA\n";
+
+// A configuration with its data in a folder, and the daemon that serves them.
+class Site {
+  public:
+    explicit Site(std::string const& data = dataCM, std::string const& more = {}) {
+        folder.write("data.dat", data);
+        folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
+                                    "NationalAccessCode = \"0\"\n[host]\nsocket = \"s\"\n" +
+                                        more);
+    }
+
+    void start(Arguments const& more = {}, std::string const& notify = {}) {
+        Arguments arguments = {"run", "--config", folder.file("nphost.toml")};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        daemon = std::make_unique<Process>(arguments, folder.file("out"), folder.file("log"), notify);
+        ASSERT_TRUE(eventually([&] { return contains(log(), "INF_HOST_READY") || daemon->status(); }));
+        ASSERT_FALSE(daemon->status()) << log();
+    }
+    int stop(int signal = SIGTERM) {
+        daemon->signal(signal);
+        return daemon->wait();
+    }
+
+    std::string log() const { return contentOf(folder.file(logName)); }
+    std::string socket() const { return folder.file("s"); }
+    std::string data() const { return folder.file("data.dat"); }
+
+    Result ctl(Arguments const& command, std::string const& label = "ctl") const {
+        Arguments arguments = {"ctl", "--socket", socket()};
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        Process process(arguments, folder.file(label + ".out"), folder.file(label + ".err"));
+        Result result;
+        result.status = process.wait();
+        result.out = contentOf(folder.file(label + ".out"));
+        result.err = contentOf(folder.file(label + ".err"));
+        return result;
+    }
+    Json status() const { return Json::parse(ctl({"--json", "status"}).out); }
+
+    TemporaryFolder folder;
+    std::string logName = "log";
+    std::unique_ptr<Process> daemon;
+};
+
+void expectResult(Result const& result, int status, std::string const& part, std::string const& label) {
+    EXPECT_EQ(result.status, status) << label << "\n" << result.out << result.err;
+    EXPECT_TRUE(contains(status == 2 ? result.err : result.out, part)) << label << "\n" << result.out << result.err;
+    EXPECT_EQ(lineCount(result.err), status == 2 ? 1 : 0) << label << "\n" << result.err;
+}
+
+TEST(DaemonLifeTest, SignalsStopItInOrder) {
+    for (int const signal : {SIGTERM, SIGINT}) {
+        Site site;
+        site.start();
+        struct stat status = {};
+        ASSERT_EQ(lstat(site.socket().c_str(), &status), 0);
+        EXPECT_TRUE(S_ISSOCK(status.st_mode));
+        EXPECT_EQ(status.st_mode & 07777U, 0660U);
+        EXPECT_EQ(site.stop(signal), 0) << site.log();
+        EXPECT_FALSE(std::filesystem::exists(site.socket()));
+        EXPECT_TRUE(contains(site.log(), "INF_NUM_NPORT_LOADED")) << "all of the log is shown\n" << site.log();
+    }
+}
+
+TEST(DaemonLifeTest, ReplacesAStaleSocketAndNothingElse) {
+    Site site;
+    site.start();
+    site.daemon->signal(SIGKILL);
+    site.daemon->wait();
+    ASSERT_TRUE(std::filesystem::exists(site.socket()));
+    site.start();
+
+    // A second daemon on the same socket gives up; the first does not notice.
+    Process second({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("2.out"),
+                   site.folder.file("2.err"));
+    EXPECT_EQ(second.wait(), 2);
+    EXPECT_TRUE(contains(contentOf(site.folder.file("2.err")), "another daemon answers")) << contentOf("2.err");
+    EXPECT_EQ(site.ctl({"status"}).status, 0);
+    EXPECT_EQ(site.stop(), 0);
+
+    site.folder.write("s", "precious");
+    Process third({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("3.out"),
+                  site.folder.file("3.err"));
+    EXPECT_EQ(third.wait(), 2);
+    EXPECT_EQ(contentOf(site.socket()), "precious");
+}
+
+TEST(DaemonLifeTest, CannotStart) {
+    struct Case {
+        char const* label;
+        char const* more;
+        char const* name; // of the data file
+        char const* reason;
+    };
+    for (Case const& test : {Case{"no data file", "", "gone.dat", "ERR_FILE_NOT_FOUND"},
+                             Case{"a folder for a data file", "", "data.dat", "ERR_FILE_NOT_FOUND"},
+                             Case{"a socket where none can be", "", "s", "cannot be made"},
+                             Case{"a log file where none can be", "logFile = \"none/log\"\n", "", "the log file"}}) {
+        Site site(dataCM, test.more);
+        std::filesystem::remove(site.data());
+        if (std::string(test.name) == "data.dat")
+            std::filesystem::create_directory(site.data());
+        if (std::string(test.name) == "s")
+            std::filesystem::create_directory(site.socket());
+        Process daemon({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("out"),
+                       site.folder.file("log"));
+        EXPECT_EQ(daemon.wait(), 2) << test.label;
+        std::string const log = site.log();
+        EXPECT_TRUE(contains(log, std::string("nphost: ")) && contains(log, test.reason)) << test.label << "\n" << log;
+        EXPECT_FALSE(std::filesystem::is_socket(site.socket())) << test.label;
+    }
+}
+
+TEST(DaemonLifeTest, TellsTheServiceManager) {
+    for (bool const abstract : {false, true}) {
+        Site site;
+        std::string const name = abstract ? "@" + site.folder.file("notify") : site.folder.file("notify");
+        int const listener = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, name.data(), name.size());
+        if (abstract)
+            address.sun_path[0] = '\0';
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
+                       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
+                  0);
+        // The next message that is more than a status.
+        auto const next = [listener] {
+            for (;;) {
+                std::array<char, 4096> block;
+                pollfd ready = {listener, POLLIN, 0};
+                if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patienceCM).count())) != 1)
+                    return std::string("<nothing>");
+                std::string message(block.data(),
+                                    static_cast<std::size_t>(recv(listener, block.data(), block.size(), 0)));
+                if (!message.starts_with("STATUS="))
+                    return message;
+            }
+        };
+        site.start({}, name);
+        EXPECT_TRUE(next().starts_with("READY=1\nSTATUS=4 records"));
+        site.daemon->signal(SIGHUP);
+        std::string const reloading = next();
+        EXPECT_TRUE(reloading.starts_with("RELOADING=1\nMONOTONIC_USEC=")) << reloading;
+        EXPECT_TRUE(next().starts_with("READY=1\n"));
+        EXPECT_EQ(site.stop(), 0);
+        EXPECT_TRUE(next().starts_with("STOPPING=1\n"));
+        close(listener);
+    }
+}
+
+TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
+    Site site(dataCM, "logFile = \"daemon.log\"\n");
+    site.logName = "daemon.log";
+    site.start({"--log-format", "json"});
+    std::filesystem::rename(site.folder.file("daemon.log"), site.folder.file("daemon.log.1"));
+    site.folder.write("data.dat", dataCM + "0033 20200101000000 ECHO\n");
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return contains(site.log(), "EVT::RELOAD_SUCCESSFUL"); })) << site.log();
+    EXPECT_EQ(site.status().at("records"), 5);
+    EXPECT_EQ(site.stop(), 0);
+    EXPECT_EQ(contentOf(site.folder.file("log")), "") << "nothing on standard error";
+
+    std::string const log = contentOf(site.folder.file("daemon.log.1")) + site.log();
+    std::istringstream lines(log);
+    std::vector<std::string> identifiers;
+    for (std::string line; std::getline(lines, line);) {
+        Json const report = Json::parse(line, nullptr, false);
+        ASSERT_TRUE(report.is_object()) << line;
+        identifiers.push_back(report.at("identifier"));
+        for (char const* const key : {"time", "severity", "object", "arguments", "text"})
+            EXPECT_TRUE(report.contains(key)) << line;
+    }
+    EXPECT_EQ(identifiers.front(), "INF_FILE_OPENED");
+    EXPECT_EQ(identifiers.back(), "INF_HOST_STOPPING");
+}
+
+TEST(DaemonLogTest, FollowersSeeAReloadInOrder) {
+    Site site;
+    site.start();
+    RawClient follower(site.socket());
+    ASSERT_TRUE(follower.send("{\"version\":1,\"command\":\"log\",\"follow\":true}\n"));
+    Json const first = Json::parse(follower.line());
+    EXPECT_EQ(first.at("reports").back().at("identifier"), "INF_HOST_READY");
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    std::vector<std::string> seen;
+    while (seen.empty() || seen.back() != "EVT::RELOAD_SUCCESSFUL")
+        seen.push_back(Json::parse(follower.line()).at("report").at("identifier"));
+    Arguments const expected = {"INF_FILE_OPENED", "INF_DELETE_OLD_DATA", "INF_NUM_NPORT_RELOADED",
+                                "EVT::RELOAD_SUCCESSFUL"};
+    EXPECT_EQ(seen, expected);
+    Result const log = site.ctl({"log"});
+    EXPECT_EQ(log.status, 0);
+    EXPECT_TRUE(contains(log.out, " NORMAL INF_NUM_NPORT_RELOADED \"4\" : 4 records are loaded after the reload\n"))
+        << log.out;
+
+    Process following({"ctl", "--socket", site.socket(), "log", "--follow"}, site.folder.file("f.out"),
+                      site.folder.file("f.err"));
+    EXPECT_TRUE(eventually([&] { return contains(contentOf(site.folder.file("f.out")), "EVT::RELOAD_SUCCESSFUL"); }));
+    EXPECT_EQ(site.stop(), 0);
+    EXPECT_EQ(following.wait(), 2) << "the daemon has gone";
+    EXPECT_TRUE(contains(contentOf(site.folder.file("f.out")), "INF_HOST_STOPPING"));
+}
+
+TEST(DaemonQuestionTest, StatusAndLookups) {
+    Site site;
+    site.start();
+    struct Case {
+        Arguments command;
+        int status;
+        char const* part;
+    };
+    for (Case const& test :
+         {Case{{"lookup", "--at", "20240101000000", "00447700900123", "00447700"},
+               0,
+               "00447700900123\t20240101000000\t20210301020000\tBRAVO\n00447700\t20240101000000\t20200101000000\tALPHA"
+               "\n"},
+          Case{{"lookup", "--at", "20240101000000", "0033"}, 1, "0033\t20240101000000\t-\t-\n"},
+          Case{{"lookup", "--at", "20240101000000", "--method", "shortest", "00447700900123"}, 0, "ALPHA"},
+          Case{{"lookup", "--at", "20240101000000", "--method", "exact", "004477009001"}, 1, "\t-\t-\n"},
+          Case{{"lookup", "--at", "20240101000000", "--normalise", "(07700) 900-123"}, 0, "00447700900123\t"},
+          Case{{"lookup", "--at", "20230229000000", "0044"}, 2, "'20230229000000' is not a valid instant"},
+          Case{{"lookup", "none"}, 2, "is not a number"}, Case{{"lookup", "0044\xff"}, 2, "cannot be sent"},
+          Case{{"explain", "0033"}, 1, "No prefix of the number is stored."},
+          Case{{"explain", "x"}, 2, "is not a number"},
+          Case{{"explain", std::string(2000, '1')}, 2, "longer than 1000"}, Case{{"probes"}, 0, "printData"},
+          Case{{"status"}, 0, "Search method:    best"}, Case{{"dance"}, 2, "no command or option 'dance'"}})
+        expectResult(site.ctl(test.command), test.status, test.part, test.command[0] + " " + test.part);
+
+    Arguments many = {"lookup", "--at", "20240101000000"};
+    many.resize(2500, "00447700900123"); // several requests
+    EXPECT_EQ(lineCount(site.ctl(many).out), 2497);
+
+    Json const status = site.status();
+    EXPECT_EQ(status.at("usable"), true);
+    EXPECT_EQ(status.at("records"), 4);
+    EXPECT_EQ(status.at("numbers"), 3);
+    EXPECT_EQ(status.at("dataFile").at("size"), dataCM.size());
+    EXPECT_EQ(status.at("lastLoad").at("kind"), "load");
+    EXPECT_EQ(status.at("lastLoad").at("lines"), 4);
+    EXPECT_GE(status.at("lookUps"), 2502);
+    EXPECT_GT(status.at("memoryBytes"), 100000);
+
+    EXPECT_EQ(site.stop(), 0);
+    expectResult(site.ctl({"status"}), 2, "no daemon answers", "after the end");
+}
+
+TEST(DaemonQuestionTest, ExplainsNestedPrefixesAndTheNextChange) {
+    Site site;
+    site.start();
+    Result const text = site.ctl({"explain", "00447700900123", "--at", "20240101000000"});
+    EXPECT_EQ(text.status, 0);
+    for (char const* const part :
+         {"    2099-09-15 02:00:00  CHARLIE  (still to come)\n",
+          "  best:     BRAVO since 2021-03-01 02:00:00  (as configured)", "00447700900123 is the number itself",
+          "  shortest: ALPHA since", "Next change (best): 2099-09-15 02:00:00, then CHARLIE"})
+        EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
+
+    struct Case {
+        char const* label;
+        Arguments command;
+        char const* network;
+        char const* reason;
+        Json next; // when, or null
+    };
+    for (Case const& test :
+         {Case{"a longer prefix is still to come",
+               {"00447700955", "--at", "20240101000000"},
+               "ALPHA",
+               "0044770 is the longest stored prefix with a record that has begun; 004477009 is stored, but its first "
+               "record begins only at 2098-01-01 00:00:00",
+               "20980101000000"},
+          Case{"a shorter prefix's future changes nothing",
+               {"00447700900123", "--at", "20240101000000"},
+               "BRAVO",
+               "00447700900123 is the number itself",
+               "20990915020000"},
+          Case{"the second before", {"00447700900123", "--at", "20990915015959"}, "BRAVO", "itself", "20990915020000"},
+          Case{"the very second", {"00447700900123", "--at", "20990915020000"}, "CHARLIE", "itself", nullptr},
+          Case{"before everything",
+               {"00447700900123", "--at", "20000101000000"},
+               "",
+               "no stored prefix has a record",
+               "20200101000000"}}) {
+        Arguments command = {"--json", "explain"};
+        command.insert(command.end(), test.command.begin(), test.command.end());
+        Json const answer = Json::parse(site.ctl(command).out);
+        Json const& best = answer.at("methods").at("best");
+        EXPECT_EQ(best.at("network").is_null() ? "" : best.at("network").get<std::string>(), test.network)
+            << test.label;
+        EXPECT_TRUE(contains(best.at("reason"), test.reason)) << test.label << best;
+        EXPECT_EQ(answer.at("nextChange").is_null() ? Json() : answer.at("nextChange").at("at"), test.next)
+            << test.label;
+    }
+}
+
+// What the three methods do with each other's prefixes, without a daemon.
+TEST(ExplanationTest, AgreesWithEachMethod) {
+    using DAT::NumberPortability::NumberPortabilityData;
+    auto const record = [](char const* at, char const* network) {
+        return NumberPortabilityData(BAS::DateTime(at), BAS::SimpleString(network));
+    };
+    nphost::Explanation::Prefixes const prefixes = {
+        {"0044", {record("20300101000000", "C"), record("20250101000000", "B")}},
+        {"00", {record("20280101000000", "E"), record("20200101000000", "A")}}};
+    struct Case {
+        unsigned int method;
+        char const* number;
+        char const* at;
+        std::string network;
+        std::string next;
+    };
+    for (Case const& test : {Case{0, "0044 1", "20240101000000", "A", "20250101000000"},
+                             Case{0, "00441", "20250101000000", "B", "20300101000000"}, // not at 2028: E is shorter
+                             Case{0, "00441", "20310101000000", "C", ""},
+                             Case{1, "00441", "20260101000000", "", ""}, // the number itself is not stored
+                             Case{1, "00-44", "20240101000000", "", "20250101000000"},
+                             Case{2, "0044", "20260101000000", "A", "20280101000000"},
+                             Case{2, "0044", "20190101000000", "", "20200101000000"}}) {
+        nphost::Explanation const explanation(prefixes, test.number);
+        BAS::DateTime const at(test.at);
+        auto const choice = explanation.choose(test.method, at);
+        EXPECT_EQ(choice.record == nullptr ? "" : choice.record->networkIdM.c_str(), test.network)
+            << test.method << test.at;
+        auto const next = explanation.nextChange(test.method, at);
+        EXPECT_EQ(next ? next->at.asString("%Y%m%d%H%M%S").str() : "", test.next) << test.method << test.at;
+    }
+}
+
+TEST(DaemonRequestTest, OutcomesOfReloads) {
+    struct Case {
+        char const* label;
+        std::function<void(Site const&)> prepare;
+        Arguments command;
+        int status;
+        char const* part;
+        int records;
+    };
+    std::string const more = dataCM + "0033 20200101000000 ECHO\n";
+    auto const write = [](std::string const& content) {
+        return [content](Site const& site) { site.folder.write("data.dat", content); };
+    };
+    auto const gone = [](Site const& site) { std::filesystem::remove_all(site.data()); };
+    std::vector<Case> const cases = {
+        {"a new record", write(more), {"reload"}, 0, "5 records are loaded after the reload", 5},
+        {"empty, not to be adopted", write(""), {"reload", "--no-reuse"}, 1, "ERR_NUM_PORT_RELOAD", 5},
+        {"last line bad, not to be adopted", write(dataCM + "0033"), {"reload", "--no-reuse"}, 1, "FAILED", 5},
+        {"cut off in its last line, adopted", write(dataCM + "0033"), {"reload"}, 0, "ERR_NUMBER_OF_FIELDS", 4},
+        {"vanished", gone, {"reload"}, 1, "ERR_FILE_NOT_FOUND", 4},
+        {"a folder",
+         [](Site const& site) { std::filesystem::create_directory(site.data()); },
+         {"reload"},
+         1,
+         "ERR_FILE_NOT_FOUND",
+         4},
+        {"back again",
+         [&](Site const& site) { gone(site), write(more)(site); },
+         {"reload", "--no-reuse"},
+         0,
+         "done",
+         5},
+        {"empty, adopted", write(""), {"reload"}, 0, "0 records", 0},
+    };
+    Site site;
+    site.start();
+    for (Case const& test : cases) {
+        test.prepare(site);
+        Arguments command = test.command;
+        command.emplace_back("--wait");
+        expectResult(site.ctl(command), test.status, test.part, test.label);
+        EXPECT_EQ(site.status().at("records"), test.records) << test.label;
+    }
+    EXPECT_EQ(site.ctl({"reload", "--no-wait"}).out, "reload: requested\n");
+}
+
+TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
+    Site site;
+    site.start();
+    site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
+    std::filesystem::create_symlink("data.dat", site.folder.file("link"));
+    std::filesystem::create_hard_link(site.data(), site.folder.file("hard"));
+    struct Case {
+        Arguments command;
+        int status;
+        std::string part;
+    };
+    auto const file = [&](char const* name) { return site.folder.file(name); };
+    for (Case const& test :
+         {Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"}, Case{{"delta", file("fifo")}, 1, "FAILED"},
+          Case{{"delta", site.folder.path().string()}, 1, "FAILED"},
+          Case{{"delta", file("delta")}, 0, "records added: 1 : "}, Case{{"delta", file("delta")}, 0, "delta: done"},
+          Case{{"delta", site.data()}, 0, "delta: done"}, Case{{"print", file("listing")}, 0, "5 records are printed"},
+          Case{{"print"}, 0, "(Console)"}, Case{{"print", file("none/x")}, 1, "ERR_WRITE_FILE"},
+          Case{{"print", "/dev/full"}, 1, "ERR_WRITE_FILE"}, Case{{"print", file("fifo")}, 1, "FAILED"},
+          Case{{"print", site.data()}, 2, "is the data file itself"}, Case{{"print", file("link")}, 2, "itself"},
+          Case{{"update", "PrintData=" + file("link")}, 2, "is the data file itself"}}) {
+        Arguments command = test.command;
+        if (command[0] != "update")
+            command.emplace_back("--wait");
+        expectResult(site.ctl(command), test.status, test.part, command[0] + " " + command.back() + test.part);
+    }
+    EXPECT_EQ(lineCount(contentOf(site.data())), 5) << "the data file has the delta, and no heading";
+    EXPECT_EQ(lineCount(contentOf(file("listing"))), 5 + 3);
+    EXPECT_EQ(lineCount(contentOf(file("out"))), 5 + 3) << "the console is the daemon's standard output";
+
+    // Also while nothing is there, its name is the data file's.
+    std::filesystem::remove(site.data());
+    expectResult(site.ctl({"print", site.data(), "--wait"}), 2, "itself", "vanished");
+}
+
+TEST(DaemonRequestTest, Updates) {
+    Site site;
+    site.start();
+    site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    struct Case {
+        Arguments keys;
+        int status;
+        char const* part;
+    };
+    for (Case const& test :
+         {Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "Result:           false\nHandled:          true\n"},
+          Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "ERR_INVALID_REG_ENTRIES"},
+          Case{{"Reload=x", "ReuseOnFailure=maybe"}, 1, "ERR_INVALID_REG_VALUE \"MAYBE\""},
+          Case{{"Speed=high"}, 1, "Result:           true\nHandled:          false\n"},
+          Case{{"Reload="}, 0, "INF_NUM_NPORT_RELOADED \"4\""},
+          Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"},
+          Case{{"AdditionalNumPortData=" + site.folder.file("none")}, 1, "EVT::ADD_NUM_PORT_DATA_FAILED"},
+          Case{{"PrintData=" + site.folder.file("none/x")}, 1, "ERR_WRITE_FILE"},
+          Case{{"PrintData=" + site.folder.file("listing")}, 0, "Handled:          true"},
+          Case{{"Reload"}, 2, "is not KEY=VALUE"}, Case{{"Reload=1", "Reload=2"}, 2, "given twice"}}) {
+        Arguments command = {"update"};
+        command.insert(command.end(), test.keys.begin(), test.keys.end());
+        expectResult(site.ctl(command), test.status, test.part, test.keys[0] + test.part);
+    }
+    std::filesystem::remove(site.data());
+    EXPECT_EQ(site.ctl({"update", "Reload=TRUE", "ReuseOnFailure=FALSE"}).status, 1);
+    Result const status = site.ctl({"status"});
+    EXPECT_EQ(status.status, 1) << "not usable";
+    EXPECT_TRUE(contains(status.out, "Usable:           no")) << status.out;
+}
+
+// Each gets the outcome of its own request, whatever the others do at the same time.
+TEST(DaemonRequestTest, ConcurrentClientsGetTheirOwnOutcomes) {
+    Site site;
+    site.start();
+    site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    std::vector<std::pair<Arguments, int>> const commands = {
+        {{"reload", "--wait"}, 0},
+        {{"delta", site.folder.file("none"), "--wait"}, 1},
+        {{"print", site.folder.file("listing"), "--wait"}, 0},
+        {{"update", "AdditionalNumPortData=" + site.folder.file("none")}, 1},
+        {{"print", site.folder.file("none/x"), "--wait"}, 1},
+        {{"delta", site.folder.file("delta"), "--wait"}, 0},
+        {{"update", "Reload=TRUE"}, 0},
+    };
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < commands.size(); ++i)
+        threads.emplace_back([&, i] {
+            for (int round = 0; round < 4; ++round) {
+                Result const result = site.ctl(commands[i].first, "c" + std::to_string(i));
+                EXPECT_EQ(result.status, commands[i].second) << commands[i].first[0] << result.out << result.err;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(site.stop(), 0);
+}
+
+TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
+    Site site;
+    site.start();
+    RawClient other(site.socket());
+    std::string const status = "{\"version\":1,\"command\":\"status\"}\n";
+    struct Case {
+        char const* label;
+        std::string request;
+        char const* reason;
+    };
+    for (Case const& test :
+         {Case{"no JSON", "hello\n", "cannot be understood"}, Case{"empty", "\n", "cannot be understood"},
+          Case{"no object", "[1]\n", "not an object"},
+          Case{"deep", std::string(60000, '[') + "\n", "cannot be understood"},
+          Case{"NUL", std::string("{\0}\n", 4), "cannot be understood"},
+          Case{"no version", "{\"command\":\"status\"}\n", "version is 1"},
+          Case{"another version", "{\"version\":2,\"command\":\"status\"}\n", "version is 1"},
+          Case{"no command", "{\"version\":1}\n", "cannot be understood"},
+          Case{"unknown", "{\"version\":1,\"command\":\"x\\ny\"}\n", "no command 'x\\\\ny'"},
+          Case{"a number for a text", "{\"version\":1,\"command\":1}\n", "cannot be understood"},
+          Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
+          Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
+          Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
+          Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "cannot be understood"}}) {
+        RawClient client(site.socket());
+        ASSERT_TRUE(client.send(test.request + status)) << test.label;
+        std::string const answer = client.line();
+        EXPECT_TRUE(contains(answer, "\"ok\":false") && contains(answer, test.reason)) << test.label << answer;
+        EXPECT_TRUE(contains(client.line(), "\"usable\":true")) << "the connection goes on: " << test.label;
+        ASSERT_TRUE(other.send(status));
+        EXPECT_TRUE(contains(other.line(), "\"usable\":true")) << test.label;
+    }
+    RawClient large(site.socket());
+    large.send(std::string(70000, ' '));
+    EXPECT_TRUE(contains(large.line(), "longer than 65536"));
+    EXPECT_EQ(large.line(), "<closed>");
+    RawClient half(site.socket());
+    ASSERT_TRUE(half.send("{\"version\""));
+    half.endSending();
+    EXPECT_TRUE(contains(half.line(), "does not end with a newline"));
+    RawClient ended(site.socket()); // still gets its answers
+    ASSERT_TRUE(ended.send(status + status));
+    ended.endSending();
+    EXPECT_TRUE(contains(ended.line(), "usable") && contains(ended.line(), "usable"));
+    EXPECT_EQ(ended.line(), "<closed>");
+    EXPECT_EQ(site.stop(), 0);
+}
+
+TEST(DaemonProtocolTest, DropsWhoNeitherFinishesNorReads) {
+    Site site;
+    site.start();
+    RawClient half(site.socket());
+    ASSERT_TRUE(half.send("{\"version\":1,"));
+    RawClient deaf(site.socket());
+    std::string requests;
+    for (int i = 0; i < 1000; ++i)
+        requests += "{\"version\":1,\"command\":\"log\"}\n";
+    while (deaf.send(requests, MSG_DONTWAIT)) {
+    }
+    RawClient leaver(site.socket()); // asks and goes
+    ASSERT_TRUE(leaver.send("{\"version\":1,\"command\":\"reload\"}\n"));
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    EXPECT_TRUE(contains(half.line(), "not finished in time"));
+    EXPECT_EQ(half.line(), "<closed>");
+    EXPECT_TRUE(eventually([&] { return deaf.isDropped(); }));
+
+    std::vector<std::unique_ptr<RawClient>> crowd;
+    bool turnedAway = false;
+    for (int i = 0; i < 40 && !turnedAway; ++i) {
+        crowd.push_back(std::make_unique<RawClient>(site.socket()));
+        crowd.back()->send("{\"version\":1,\"command\":\"probes\"}\n"); // it may have been turned away already
+        turnedAway = contains(crowd.back()->line(), "too many clients");
+    }
+    EXPECT_TRUE(turnedAway);
+    crowd.clear();
+    EXPECT_TRUE(eventually([&] { return site.ctl({"status"}).status == 0; }));
+    EXPECT_EQ(site.stop(), 0);
+}
+
+} // namespace
