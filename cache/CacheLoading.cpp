@@ -66,7 +66,6 @@ void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
 template <class Take>
 CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& take) {
     progressM.start(reader.fileSize());
-    rejectedM = 0;
     if (!reader.isOpen()) // it has gone since the file check
         return ReadEnd::ERROR;
     BAS::String line;
@@ -83,7 +82,14 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
     return ReadEnd::END_BEFORE_READ;
 }
 
+// What the latest load read and rejected is nothing yet, also when its file check fails.
+void CacheManager::beginLoad() {
+    progressM.start(0);
+    rejectedM = 0;
+}
+
 bool CacheManager::load() {
+    beginLoad();
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
         return false;
     reopen(dataFileIoM, dataFileNameM);
@@ -111,6 +117,7 @@ bool CacheManager::load() {
 }
 
 bool CacheManager::cacheReload(bool const& reuseOnFailure) {
+    beginLoad();
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
         return false;
     try {
@@ -149,6 +156,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
 }
 
 bool CacheManager::cacheDeltaLoad(BAS::String const& fileName) {
+    beginLoad();
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
         return false;
     if (!mainFileLoadedM) { // the rewritten main file would lack what was never read from it
@@ -199,6 +207,7 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
 
 bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject) {
     summary = DataSummary();
+    beginLoad();
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
         return false;
     reopen(dataFileIoM, dataFileNameM);

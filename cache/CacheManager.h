@@ -128,6 +128,7 @@ class CacheManager {
     LineOutcome reject(LineOutcome outcome, BAS::String const& detail, BAS::String const& moreDetail,
                        unsigned long number, STR::FileIoTurbo const& reader);
 
+    void beginLoad();
     bool reload(bool reuseOnFailure);
     bool deltaLoad(BAS::String const& fileName);
     bool insertCounted(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <sys/socket.h>
 #include <utility>
 
@@ -45,8 +46,7 @@ void ControlServer::serve(std::vector<pollfd> const& polled) {
             read(connection);
         else if ((happened & POLLHUP) != 0)
             connection.dropped = true; // nobody is there to read any more
-        takeRequests(client, connection);
-        write(connection);
+        answer(client, connection);
         checkTime(connection, now);
     }
     std::erase_if(connectionsM, [](auto const& entry) { return entry.second.dropped; });
@@ -91,6 +91,30 @@ void ControlServer::read(Connection& connection) {
     }
 }
 
+// What fails for one connection, for want of memory for one, is the end of that connection alone.
+void ControlServer::answer(Client client, Connection& connection) {
+    constexpr int mostTurns = 4; // then the others get theirs
+    try {
+        int turn = 0;
+        do {
+            takeRequests(client, connection);
+            write(connection);
+        } while (++turn < mostTurns && isReady(connection));
+    } catch (std::exception const&) {
+        connection.dropped = true;
+    }
+}
+
+bool ControlServer::isReady(Connection const& connection) {
+    return !connection.dropped && !connection.closing && !connection.awaited && unread(connection) < pauseBytesCM &&
+           connection.input.find('\n') != std::string::npos;
+}
+
+bool ControlServer::hasReady() const {
+    return std::any_of(connectionsM.begin(), connectionsM.end(),
+                       [](auto const& entry) { return isReady(entry.second); });
+}
+
 void ControlServer::takeRequests(Client client, Connection& connection) {
     std::size_t taken = 0;
     while (!connection.dropped && !connection.closing && !connection.awaited && unread(connection) < pauseBytesCM) {
@@ -112,7 +136,7 @@ void ControlServer::takeRequests(Client client, Connection& connection) {
     else if (connection.inputEnded && end == std::string::npos) {
         if (!connection.input.empty())
             refuse(connection, "the request does not end with a newline");
-        connection.closing = !connection.following;
+        connection.closing = connection.closing || !connection.following;
     }
 }
 
@@ -147,12 +171,12 @@ void ControlServer::checkTime(Connection& connection, Clock::time_point now) {
     auto const still = now - connection.lastMove;
     if (unread(connection) > 0) {
         connection.dropped = connection.dropped || still > stallTimeCM;
-    } else if (connection.awaited || connection.following) {
+    } else if (connection.awaited) {
         return; // it is this side that owes something
     } else if (!connection.input.empty() && still > stallTimeCM) {
         refuse(connection, "the request was not finished in time");
         write(connection);
-    } else if (still > idleTimeCM) {
+    } else if (!connection.following && still > idleTimeCM) {
         connection.dropped = true;
     }
 }
@@ -176,7 +200,7 @@ void ControlServer::close() {
     for (auto& [client, connection] : connectionsM)
         write(connection);
     connectionsM.clear();
-    socketM.close();
+    // The socket's name stays until the plug-in is shut down, so that no second daemon starts on its data before.
 }
 
 } // namespace nphost

@@ -49,6 +49,8 @@ class ControlServer {
     void collect(std::vector<pollfd>& polled) const;
     // Serves what poll found, and closes connections whose time is over.
     void serve(std::vector<pollfd> const& polled);
+    // Whether a request is waiting that could be taken at once, so that poll must not wait at all.
+    bool hasReady() const;
     // Whether a connection may be closed for its time, so that poll must not wait for ever.
     bool hasTimes() const { return !connectionsM.empty() || acceptPausedM; }
 
@@ -60,7 +62,7 @@ class ControlServer {
         return found != connectionsM.end() && !found->second.dropped;
     }
 
-    // Writes what can be written at once and closes everything.
+    // Writes what can be written at once and closes the connections.
     void close();
 
   private:
@@ -80,6 +82,8 @@ class ControlServer {
     void acceptAll();
     void turnAway(FileDescriptor descriptor) const;
     void read(Connection& connection);
+    void answer(Client client, Connection& connection);
+    static bool isReady(Connection const& connection);
     void takeRequests(Client client, Connection& connection);
     void refuse(Connection& connection, char const* reason);
     static void write(Connection& connection);

@@ -159,7 +159,7 @@ class Ctl {
 
     // The daemon has a folder of its own, and JSON has no bytes that are not UTF-8.
     static std::string absolute(std::string const& file) {
-        std::string name = std::filesystem::absolute(file).lexically_normal().native();
+        std::string name = std::filesystem::absolute(file).native(); // not normalised: '..' may follow a link
         return checked(std::move(name));
     }
     static std::string checked(std::string text) {
@@ -367,6 +367,8 @@ class Ctl {
         while (optionsM.follow) {
             outM.flush();
             Json const next = daemonM.next();
+            if (next.contains("lost") && shownRaw(next))
+                continue;
             if (next.contains("lost"))
                 line("... " + next.at("lost").dump() + " reports came faster than they could be shown");
             else

@@ -27,12 +27,12 @@ char const* nameOf(ProbeKind kind) {
     return kind == ProbeKind::RELOAD ? "reload" : kind == ProbeKind::DELTA_LOAD ? "delta" : "print";
 }
 
-std::string textOf(Json const& request, char const* key) {
+std::string textOf(Json const& request, std::string const& key) {
     auto text = request.at(key).get<std::string>();
     if (text.empty() || text.find('\0') != std::string::npos)
-        throw RequestError("'" + std::string(key) + "' must name a file");
+        throw RequestError("'" + key + "' must name a file");
     if (text.front() != '/') // the daemon's own folder means nothing to its clients
-        throw RequestError("'" + std::string(key) + "' must be an absolute path");
+        throw RequestError("'" + key + "' must be an absolute path");
     return text;
 }
 
@@ -82,7 +82,8 @@ void Daemon::wait(std::vector<pollfd>& polled) const {
     if (serverM)
         serverM->collect(polled);
     bool const timed = probesM.length() > 0 || (serverM && serverM->hasTimes());
-    if (poll(polled.data(), polled.size(), timed ? tickMilliseconds : -1) < 0 && errno != EINTR)
+    int const patience = serverM && serverM->hasReady() ? 0 : timed ? tickMilliseconds : -1;
+    if (poll(polled.data(), polled.size(), patience) < 0 && errno != EINTR)
         throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
 }
 
@@ -143,6 +144,8 @@ void Daemon::finishUpdates() {
                        {"reportsLeftOut", done.reports.leftOut()}};
         if (serverM)
             serverM->send(done.client, lineOf(std::move(answer)));
+        if (!reloadingM)
+            partsM.notifier.status(statusText());
     }
 }
 
@@ -180,6 +183,8 @@ void Daemon::request(Client client, std::string_view line) {
         serverM->send(client, errorLine("the request cannot be understood: " + shortened(error.what())));
     } catch (std::bad_alloc const&) {
         serverM->send(client, errorLine("out of memory"));
+    } catch (std::exception const& error) {
+        serverM->send(client, errorLine(shortened(error.what())));
     }
 }
 
@@ -231,9 +236,15 @@ void Daemon::refuseDataFile(std::string const& target) {
 
 void Daemon::update(Client client, Json const& request) {
     UpdateRunner::Keys keys;
-    for (auto const& [key, value] : request.at("keys").items()) {
+    Json const& given = request.at("keys");
+    if (!given.is_object())
+        throw RequestError("'keys' must be an object");
+    for (auto const& [key, value] : given.items()) {
         keys.emplace_back(key, value.get<std::string>());
-        if (key == "PrintData" && !keys.back().second.empty())
+        bool const print = key == "PrintData" && !keys.back().second.empty();
+        if (print || key == "AdditionalNumPortData")
+            textOf(given, key);
+        if (print)
             refuseDataFile(keys.back().second);
     }
     if (!updatesM.push(client, std::move(keys)))

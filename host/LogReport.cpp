@@ -39,6 +39,23 @@ void appendText(std::string& out, LogReport const& report) {
     out += report.text;
 }
 
+LogReport abridged(LogReport const& report) {
+    auto const cut = [](std::string const& text) {
+        if (text.size() <= mostKeptBytesCM)
+            return text;
+        return text.substr(0, mostKeptBytesCM) + "... (" + std::to_string(text.size()) + " bytes)";
+    };
+    LogReport shorter;
+    shorter.at = report.at;
+    shorter.severity = report.severity;
+    shorter.object = cut(report.object);
+    shorter.identifier = cut(report.identifier);
+    for (std::string const& argument : report.arguments)
+        shorter.arguments.push_back(cut(argument));
+    shorter.text = cut(report.text);
+    return shorter;
+}
+
 nlohmann::json toJson(LogReport const& report) {
     std::vector<std::string> arguments;
     for (std::string const& argument : report.arguments)

@@ -39,6 +39,10 @@ std::string clockTime(BAS::DateTime at);
 // Appends the text form without a newline.
 void appendText(std::string& out, LogReport const& report);
 
+// The report with texts of at most mostKeptBytesCM each, followed by how long they were: for whoever keeps many.
+constexpr std::size_t mostKeptBytesCM = 500;
+LogReport abridged(LogReport const& report);
+
 nlohmann::json toJson(LogReport const& report);
 LogReport reportOf(nlohmann::json const& object);
 

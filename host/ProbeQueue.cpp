@@ -1,6 +1,7 @@
 #include "host/ProbeQueue.h"
 
 #include "host/HostError.h"
+#include "host/SameFile.h"
 
 #include <algorithm>
 
@@ -25,8 +26,19 @@ void ProbeQueue::startNext() {
     waitingM.pop_front();
     startedM = ReportHub::Clock::now();
     hubM.expect(currentM->kind);
+    if (refusesTarget())
+        return;
     if (!probesM[static_cast<std::size_t>(currentM->kind)]->setValue(BAS::String(currentM->value)))
         hubM.giveUp(); // no memory for the value: nobody will carry it out
+}
+
+// The name was checked when the request came, but what it means may have changed while the request waited.
+bool ProbeQueue::refusesTarget() {
+    if (currentM->kind != ProbeKind::PRINT || !isSameFile(plugInM.serviceStatus().dataFileName.str(), currentM->value))
+        return false;
+    reportPrintRefused(currentM->value);
+    hubM.giveUp();
+    return true;
 }
 
 std::optional<ProbeQueue::Finished> ProbeQueue::takeFinished() {

@@ -53,6 +53,7 @@ class ProbeQueue {
 
   private:
     void startNext();
+    bool refusesTarget();
     void checkTrouble();
 
     LoadedPlugIn& plugInM;

@@ -55,7 +55,17 @@ ReportHub::CollectingScope::~CollectingScope() {
     collectorHere = beforeM;
 }
 
-void ReportHub::noticed(BAS::Status const& status, LogReport const* shown) noexcept {
+// A data line may be of any length, and a thousand reports are kept: only the beginning of each text is.
+void ReportHub::noticed(BAS::Status const& status, LogReport const* whole) noexcept {
+    LogReport report;
+    LogReport const* shown = nullptr;
+    try {
+        if (whole != nullptr) {
+            report = abridged(*whole);
+            shown = &report;
+        }
+    } catch (...) { // NOLINT(bugprone-empty-catch): counted as not kept
+    }
     if (collectorHere != nullptr)
         collectorHere->add(status, shown);
     {

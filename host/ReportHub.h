@@ -81,7 +81,7 @@ class ReportHub : public ReportObserver {
         ReportCollector* beforeM;
     };
 
-    void noticed(BAS::Status const& status, LogReport const* shown) noexcept override;
+    void noticed(BAS::Status const& status, LogReport const* whole) noexcept override;
 
     // For the loop: readable when there is news, of reports or of whoever else wakes it.
     WakeUp const& wakeUp() const { return wakeUpM; }

@@ -1,5 +1,7 @@
 #include "host/SameFile.h"
 
+#include "framework/BAS/RegisteredObject.h"
+
 #include <system_error>
 
 namespace nphost {
@@ -13,6 +15,12 @@ bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& o
         return error ? path : std::filesystem::weakly_canonical(whole, error);
     };
     return place(one) == place(other);
+}
+
+void reportPrintRefused(std::string const& target) {
+    BAS::Status status;
+    status.set("nphost", "ERR_HOST_PRINT_REFUSED", BAS::Status::MAJOR, BAS::String(target));
+    BAS::RegisteredObject::writeLog(status);
 }
 
 } // namespace nphost

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <poll.h>
 
 namespace nphost {
 
@@ -52,7 +53,12 @@ void ServiceNotifier::status(std::string_view status) {
 void ServiceNotifier::send(std::string message, std::string_view status) const {
     if (!descriptorM)
         return;
+    bool const mustArrive = !message.empty();
     message += "STATUS=" + visible(status) + "\n";
+    constexpr int patienceMilliseconds = 2000; // a change of state that is lost may cost the service its life
+    pollfd room = {descriptorM.get(), POLLOUT, 0};
+    if (mustArrive)
+        poll(&room, 1, patienceMilliseconds);
     sendto(descriptorM.get(), message.data(), message.size(), MSG_NOSIGNAL,
            reinterpret_cast<sockaddr const*>(&addressM), lengthM);
 }

@@ -48,7 +48,13 @@ FileDescriptor lockFolder(std::filesystem::path const& path) {
     FileDescriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened)
         fail(path, "cannot be made", errno);
-    while (flock(opened.get(), LOCK_EX) != 0 && errno == EINTR) {
+    // Another daemon holds it for a moment only; whoever else may hold it must not keep this one waiting for ever.
+    constexpr int attempts = 50;
+    constexpr useconds_t pauseMicroseconds = 100'000;
+    for (int attempt = 0; flock(opened.get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
+        if (attempt >= attempts)
+            fail(path, "cannot be made: another process keeps its folder locked", errno);
+        usleep(pauseMicroseconds);
     }
     return opened;
 }

@@ -1,6 +1,7 @@
 #include "host/UpdateRunner.h"
 
 #include "host/Configuration.h"
+#include "host/SameFile.h"
 
 #include <new>
 
@@ -61,6 +62,16 @@ void UpdateRunner::run() {
     }
 }
 
+// The name was checked when the request came, but what it means may have changed while the request waited.
+bool UpdateRunner::refusesTarget(BAS::RegistryEntry const& keys) {
+    BAS::RegistryEntry const* const target = keys.find("PrintData");
+    if (target == nullptr || target->value().empty() ||
+        !isSameFile(plugInM.serviceStatus().dataFileName.str(), target->value().str()))
+        return false;
+    reportPrintRefused(target->value().str());
+    return true;
+}
+
 UpdateRunner::Done UpdateRunner::carryOut(Job const& job) {
     Done done;
     done.client = job.client;
@@ -71,6 +82,8 @@ UpdateRunner::Done UpdateRunner::carryOut(Job const& job) {
     auto const begin = ReportHub::Clock::now();
     {
         ReportHub::CollectingScope const scope(done.reports);
+        if (refusesTarget(keys))
+            return done;
         done.result = plugInM.update(keys, handled);
     }
     done.seconds = std::chrono::duration<double>(ReportHub::Clock::now() - begin).count();

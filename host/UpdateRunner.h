@@ -53,6 +53,7 @@ class UpdateRunner {
 
     void run();
     bool next(Job& job);
+    bool refusesTarget(BAS::RegistryEntry const& keys);
     Done carryOut(Job const& job);
 
     LoadedPlugIn& plugInM;

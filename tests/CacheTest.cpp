@@ -398,6 +398,9 @@ TEST_F(Cache, ExplainsWhatALookUpChoosesFromAndHowItStands) {
     EXPECT_TRUE(status.liveSince.isValid());
     EXPECT_EQ(cache->linesRead(), 4U);
     EXPECT_EQ(cache->linesRejected(), 1U);
+    plugIn.fileOpens = false;
+    EXPECT_FALSE(cache->cacheReload(true));
+    EXPECT_EQ(cache->linesRead() + cache->linesRejected(), 0U) << "a load that read nothing";
 }
 
 TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {

@@ -546,6 +546,9 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
     std::filesystem::create_symlink("data.dat", site.folder.file("link"));
     std::filesystem::create_hard_link(site.data(), site.folder.file("hard"));
+    std::filesystem::create_directories(site.folder.path() / "real/sub");
+    std::filesystem::create_symlink("real/sub", site.folder.file("sub"));
+    site.folder.write("real/other", "");
     struct Case {
         Arguments command;
         int status;
@@ -553,7 +556,8 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     };
     auto const file = [&](char const* name) { return site.folder.file(name); };
     for (Case const& test :
-         {Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"}, Case{{"delta", file("fifo")}, 1, "FAILED"},
+         {Case{{"delta", file("sub/../other")}, 0, "delta: done"},
+          Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"}, Case{{"delta", file("fifo")}, 1, "FAILED"},
           Case{{"delta", site.folder.path().string()}, 1, "FAILED"},
           Case{{"delta", file("delta")}, 0, "records added: 1 : "}, Case{{"delta", file("delta")}, 0, "delta: done"},
           Case{{"delta", site.data()}, 0, "delta: done"}, Case{{"print", file("listing")}, 0, "5 records are printed"},
@@ -573,6 +577,39 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     // Also while nothing is there, its name is the data file's.
     std::filesystem::remove(site.data());
     expectResult(site.ctl({"print", site.data(), "--wait"}), 2, "itself", "vanished");
+}
+
+// The worker is held by a pipe that is read late, while a name that was free comes to mean the data file.
+TEST(DaemonRequestTest, RefusesATargetThatBecomesTheDataFileWhileItWaits) {
+    std::string lines;
+    for (int i = 0; i < 15'000; ++i)
+        lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  A\n";
+    Site site(lines);
+    site.start();
+    std::string const pipe = site.folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    int const reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(site.ctl({"print", pipe, "--no-wait"}).status, 0);
+    EXPECT_EQ(site.ctl({"print", site.folder.file("later"), "--no-wait"}).status, 0);
+    std::filesystem::create_symlink("data.dat", site.folder.file("later"));
+    std::array<char, 65536> block;
+    EXPECT_TRUE(eventually([&] {
+        while (read(reader, block.data(), block.size()) > 0) {
+        }
+        return contains(site.log(), "ERR_HOST_PRINT_REFUSED");
+    }));
+    close(reader);
+    EXPECT_EQ(contentOf(site.data()), lines);
+}
+
+// Reports hold the lines that they are about, and lines may be of any length.
+TEST(DaemonRequestTest, KeepsOnlyTheBeginningOfLongReports) {
+    Site site(std::string(dataCM) + std::string(1'000'000, '7') + " 2018x A\n");
+    site.start();
+    Result const log = site.ctl({"--json", "log"});
+    EXPECT_TRUE(contains(log.out, "(1000004 bytes)")) << log.out.substr(0, 3000);
+    EXPECT_LT(log.out.size(), 20'000U);
+    expectResult(site.ctl({"reload", "--wait"}), 0, "reload", "with the long line");
 }
 
 TEST(DaemonRequestTest, Updates) {
@@ -656,7 +693,9 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
           Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
           Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
           Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
-          Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "cannot be understood"}}) {
+          Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
+          Case{"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n",
+               "absolute"}}) {
         RawClient client(site.socket());
         ASSERT_TRUE(client.send(test.request + status)) << test.label;
         std::string const answer = client.line();
@@ -686,6 +725,8 @@ TEST(DaemonProtocolTest, DropsWhoNeitherFinishesNorReads) {
     site.start();
     RawClient half(site.socket());
     ASSERT_TRUE(half.send("{\"version\":1,"));
+    RawClient halfFollower(site.socket());
+    ASSERT_TRUE(halfFollower.send("{\"version\":1,\"command\":\"log\",\"follow\":true}\n{\"ver"));
     RawClient deaf(site.socket());
     std::string requests;
     for (int i = 0; i < 1000; ++i)
@@ -698,6 +739,10 @@ TEST(DaemonProtocolTest, DropsWhoNeitherFinishesNorReads) {
     EXPECT_TRUE(contains(half.line(), "not finished in time"));
     EXPECT_EQ(half.line(), "<closed>");
     EXPECT_TRUE(eventually([&] { return deaf.isDropped(); }));
+    std::string last;
+    for (std::string line = halfFollower.line(); line.front() == '{'; line = halfFollower.line())
+        last = line;
+    EXPECT_TRUE(contains(last, "not finished in time")) << last;
 
     std::vector<std::unique_ptr<RawClient>> crowd;
     bool turnedAway = false;
