@@ -625,9 +625,14 @@ TEST(DaemonRequestTest, Updates) {
          {Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "Result:           false\nHandled:          true\n"},
           Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "ERR_INVALID_REG_ENTRIES"},
           Case{{"Reload=x", "ReuseOnFailure=maybe"}, 1, "ERR_INVALID_REG_VALUE \"MAYBE\""},
+          Case{{"Reload=x", "ReuseOnFailure=true "}, 1, "ERR_INVALID_REG_VALUE \"TRUE \""},
+          Case{{"ReuseOnFailure=maybe"}, 1, "Result:           true\nHandled:          false\n"},
+          Case{{"Reload=FALSE", "ReuseOnFailure=false"}, 0, "EVT::RELOAD_SUCCESSFUL"},
           Case{{"Speed=high"}, 1, "Result:           true\nHandled:          false\n"},
           Case{{"Reload="}, 0, "INF_NUM_NPORT_RELOADED \"4\""},
           Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"},
+          Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "INF_NUM_NPORT_ADDED \"0\""},
+          Case{{"PrintData="}, 0, "Result:           true\nHandled:          true"},
           Case{{"AdditionalNumPortData=" + site.folder.file("none")}, 1, "EVT::ADD_NUM_PORT_DATA_FAILED"},
           Case{{"PrintData=" + site.folder.file("none/x")}, 1, "ERR_WRITE_FILE"},
           Case{{"PrintData=" + site.folder.file("listing")}, 0, "Handled:          true"},
@@ -637,7 +642,10 @@ TEST(DaemonRequestTest, Updates) {
         expectResult(site.ctl(command), test.status, test.part, test.keys[0] + test.part);
     }
     std::filesystem::remove(site.data());
-    EXPECT_EQ(site.ctl({"update", "Reload=TRUE", "ReuseOnFailure=FALSE"}).status, 1);
+    // Without the key the plug-in stays usable with its old data, although the file check reports its error.
+    expectResult(site.ctl({"update", "Reload=TRUE"}), 1, "Result:           true", "reuse by default");
+    EXPECT_EQ(site.ctl({"status"}).status, 0);
+    expectResult(site.ctl({"update", "Reload=TRUE", "ReuseOnFailure=FALSE"}), 1, "Result:           false", "no reuse");
     Result const status = site.ctl({"status"});
     EXPECT_EQ(status.status, 1) << "not usable";
     EXPECT_TRUE(contains(status.out, "Usable:           no")) << status.out;
