@@ -273,6 +273,8 @@ class Ctl {
             for (Json const& record : prefix.at("history"))
                 line("    " + readable(record.at("validFrom")) + "  " + orDash(record.at("network")) +
                      (record.at("validFrom").get<std::string>() > at ? "  (still to come)" : ""));
+            if (Json const& left = prefix.at("olderLeftOut"); left != 0)
+                line("    ... and " + left.dump() + " older ones");
         }
     }
 

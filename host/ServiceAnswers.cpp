@@ -8,6 +8,7 @@
 #include "host/ReportHub.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -129,14 +130,20 @@ Json recordOf(Explanation::Choice const& choice) {
             {"network", asUtf8(choice.record->networkIdM.view())}};
 }
 
+constexpr std::size_t mostHistoryCM = 1000;
+
 Json historiesOf(Explanation::Prefixes const& prefixes) {
     Json all = Json::array();
     for (auto const& prefix : prefixes) {
+        // The newest: an answer must stay of a size that the event loop can send beside others.
+        std::size_t const shown = std::min(prefix.history.size(), mostHistoryCM);
         Json history = Json::array();
-        for (auto const& record : prefix.history)
-            history.push_back(
-                {{"validFrom", digits(record.validFromM)}, {"network", asUtf8(record.networkIdM.view())}});
-        all.push_back({{"key", prefix.key.str()}, {"history", std::move(history)}});
+        for (std::size_t i = 0; i < shown; ++i)
+            history.push_back({{"validFrom", digits(prefix.history[i].validFromM)},
+                               {"network", asUtf8(prefix.history[i].networkIdM.view())}});
+        all.push_back({{"key", prefix.key.str()},
+                       {"history", std::move(history)},
+                       {"olderLeftOut", prefix.history.size() - shown}});
     }
     return all;
 }
