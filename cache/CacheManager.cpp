@@ -3,7 +3,9 @@
 
 #include "framework/STR/FileIo.h"
 
+#include <algorithm>
 #include <iostream>
+#include <stdexcept>
 
 namespace DAT::NumberPortability {
 
@@ -30,6 +32,21 @@ bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, Nu
                           unsigned int method) {
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     return activeTreeM != nullptr && activeTreeM->search(number, at, out, method);
+}
+
+void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                          std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) {
+    if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
+        throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
+    for (std::size_t begin = 0; begin < numbers.size(); begin += batchSizeCM) {
+        std::size_t const count = std::min(batchSizeCM, numbers.size() - begin);
+        RWReadersWriterLock::ReadGuard const guard(treeLockM, count);
+        if (activeTreeM == nullptr)
+            std::fill_n(found.begin() + static_cast<std::ptrdiff_t>(begin), count, false);
+        else
+            activeTreeM->search(numbers.subspan(begin, count), instants.subspan(begin, count),
+                                records.subspan(begin, count), found.subspan(begin, count), method);
+    }
 }
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {

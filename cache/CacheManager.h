@@ -90,6 +90,12 @@ class CacheManager {
     // Look-up in the active tree (see NumberPortabilityTree); the number is not normalised.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
 
+    // Many look-ups at once, of any number; the four spans are of one length. Up to batchSizeCM of them are made under
+    // one read lock and so see the same data; a longer batch gives writers their turn in between.
+    static constexpr std::size_t batchSizeCM = 256;
+    void search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
+
     // Records in the active tree.
     std::uint32_t numOfEntries();
 

@@ -112,6 +112,19 @@ bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPo
     return cacheManagerM != nullptr && guarded([&] { return cacheManagerM->search(number, at, out, method); });
 }
 
+bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                    std::span<NumberPortabilityData> records, std::span<bool> found) {
+    return search(numbers, instants, records, found, searchMethodM);
+}
+
+bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                    std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) {
+    return cacheManagerM != nullptr && guarded([&] {
+               cacheManagerM->search(numbers, instants, records, found, method);
+               return true;
+           });
+}
+
 void PlugIn::normalize(BAS::String& number) const {
     if (cacheManagerM != nullptr)
         cacheManagerM->normalize(number);

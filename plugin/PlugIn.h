@@ -46,6 +46,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
+#include <span>
 
 namespace DAT::NumberPortability {
 
@@ -92,6 +93,15 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out);
     // The same by a search method of the caller's: 0 best match, 1 exact, any other shortest prefix.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
+
+    // Many look-ups at once, of any number, with the same answers as one at a time: found[i] tells whether records[i]
+    // was filled in. The four spans are of one length. Up to 256 look-ups in a row see the same data. False when not
+    // all could be made (memory ran out, spans of different lengths; the log tells): what is in records and found then
+    // means nothing.
+    bool search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                std::span<NumberPortabilityData> records, std::span<bool> found);
+    bool search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
 
     // The configured search method.
     unsigned int searchMethod() const { return searchMethodM; }

@@ -1,6 +1,7 @@
 #include "store/NumberPortabilityTree.h"
 
 #include <ostream>
+#include <stdexcept>
 
 namespace DAT::NumberPortability {
 
@@ -40,6 +41,15 @@ bool NumberPortabilityTree::searchBestMatch(BAS::String const& number, BAS::Date
         if (found.pop()->search(at, out))
             return true;
     return false;
+}
+
+void NumberPortabilityTree::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                                   std::span<NumberPortabilityData> records, std::span<bool> found,
+                                   unsigned int method) const {
+    if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
+        throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
+    for (std::size_t i = 0; i < numbers.size(); ++i)
+        found[i] = search(numbers[i], instants[i], records[i], method);
 }
 
 void NumberPortabilityTree::clearAndDestroy() {

@@ -15,6 +15,8 @@
 #include "store/NumberPortabilityList.h"
 #include "store/PtrTree.h"
 
+#include <span>
+
 namespace DAT::NumberPortability {
 
 class NumberPortabilityTree {
@@ -35,6 +37,11 @@ class NumberPortabilityTree {
     // False, and `out` unchanged, when no record is found.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                 unsigned int method) const;
+
+    // The same for many at once: found[i] tells whether records[i] was filled in for numbers[i] at instants[i]. The four
+    // spans are of one length; another throws std::invalid_argument and nothing is looked up.
+    void search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) const;
 
     // Frees everything and leaves an empty, usable tree.
     void clearAndDestroy();

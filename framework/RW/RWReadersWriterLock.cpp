@@ -24,15 +24,15 @@ std::uint64_t RWReadersWriterLock::shortReads() const noexcept {
 
 // The reader has counted itself in and met a writer: it steps back, so that the writer can go on, and queues. Once
 // counted as waiting it gets in before the next writer raises its flag.
-void RWReadersWriterLock::waitToRead(Slot& slot) noexcept {
+void RWReadersWriterLock::waitToRead(Slot& slot, std::uint64_t reads) noexcept {
     BAS::MutexGuard const guard(shortLockM);
-    slot.entered.fetch_sub(1);
+    slot.entered.fetch_sub(reads);
     mayWriteM.notify_one();
     ++waitingReadersM;
     while (writerM.load())
         mayReadM.wait(shortLockM);
     // The flag goes up only under shortLockM, so nobody can raise it between the test and this.
-    slot.entered.fetch_add(1);
+    slot.entered.fetch_add(reads);
     if (--waitingReadersM == 0)
         mayWriteM.notify_one();
 }

@@ -39,14 +39,15 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     RWReadersWriterLock(RWReadersWriterLock const&) = delete;
     RWReadersWriterLock& operator=(RWReadersWriterLock const&) = delete;
 
-    void acquireRead() noexcept NP_ACQUIRE_SHARED() {
+    // `reads` is how many look-ups are made under the one lock, for shortReads(); acquire and release name the same.
+    void acquireRead(std::uint64_t reads = 1) noexcept NP_ACQUIRE_SHARED() {
         Slot& slot = ownSlot();
-        slot.entered.fetch_add(1);
+        slot.entered.fetch_add(reads);
         if (writerM.load())
-            waitToRead(slot);
+            waitToRead(slot, reads);
     }
-    void releaseRead() noexcept NP_RELEASE_SHARED() {
-        ownSlot().left.fetch_add(1);
+    void releaseRead(std::uint64_t reads = 1) noexcept NP_RELEASE_SHARED() {
+        ownSlot().left.fetch_add(reads);
         if (writerM.load())
             wakeWriter();
     }
@@ -62,13 +63,17 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     // One of each for the length of a scope.
     class NP_SCOPED_CAPABILITY ReadGuard {
       public:
-        explicit ReadGuard(RWReadersWriterLock& lock) NP_ACQUIRE_SHARED(lock) : lockM(lock) { lockM.acquireRead(); }
-        ~ReadGuard() NP_RELEASE() { lockM.releaseRead(); }
+        explicit ReadGuard(RWReadersWriterLock& lock, std::uint64_t reads = 1) NP_ACQUIRE_SHARED(lock)
+            : lockM(lock), readsM(reads) {
+            lockM.acquireRead(readsM);
+        }
+        ~ReadGuard() NP_RELEASE() { lockM.releaseRead(readsM); }
         ReadGuard(ReadGuard const&) = delete;
         ReadGuard& operator=(ReadGuard const&) = delete;
 
       private:
         RWReadersWriterLock& lockM;
+        std::uint64_t readsM;
     };
     class NP_SCOPED_CAPABILITY LongReadGuard {
       public:
@@ -106,7 +111,7 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
         thread_local std::size_t const slot = nextSlot();
         return slotsM[slot];
     }
-    void waitToRead(Slot& slot) noexcept;
+    void waitToRead(Slot& slot, std::uint64_t reads) noexcept;
     void wakeWriter() noexcept;
     bool readersInside() const noexcept;
 
