@@ -1,18 +1,23 @@
 // DAT::NumberPortability::ExactVector<T>: a vector without spare capacity.
 //
-// Purpose: holds the history of one number. Millions are held at once and most have one element, so memory counts
-// for more than the cost of growth.
+// Purpose: holds the history of one number. Millions are held at once and most are short, so memory counts for more
+// than the cost of growth.
 // Units and ranges: lengths and positions are unsigned 32-bit.
-// Ownership: owns its elements, in one heap array of exactly length() of them (none when empty). References are valid
-// until the vector grows or ends. Elements are destroyed from the last to the first. T must move without throwing.
+// Ownership: owns its elements, in one array of exactly length() of them (none when empty). References are valid until
+// the vector grows or ends. Elements are destroyed from the last to the first. T must move without throwing. The array
+// is the general heap's, or, for a vector that lies in a block of a BlockPool itself and is told so, that pool's: the
+// pool may then be cleared instead of ending the vector, if its elements own nothing.
 // Threads: none inside; concurrent const use is safe.
 // Errors: operator[] throws std::out_of_range at or beyond length(). grow and copying throw std::bad_alloc and
 // what T's construction throws; grow then leaves the vector as it was.
 // Complexity: grow is linear in the length (every element is moved), the rest constant.
 #pragma once
 
+#include "store/BlockPool.h"
+
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -21,10 +26,17 @@ namespace DAT::NumberPortability {
 
 template <class T>
 class ExactVector {
-    static_assert(std::is_nothrow_move_assignable_v<T>, "a failed growth must leave the vector as it was");
+    static_assert(std::is_nothrow_move_constructible_v<T> && std::is_nothrow_move_assignable_v<T> &&
+                      std::is_nothrow_default_constructible_v<T>,
+                  "a failed growth must leave the vector as it was");
+    static_assert(sizeof(T) % BlockPool::unitCM == 0 && alignof(T) <= BlockPool::unitCM);
 
   public:
+    enum class Memory : std::uint32_t { HEAP, POOL };
+
     ExactVector() noexcept = default;
+    // POOL: the vector lies in a block of a pool, and stays there.
+    explicit ExactVector(Memory memory) noexcept : memoryM(memory) {}
     ExactVector(ExactVector const& other) {
         std::unique_ptr<T[]> copy(other.lengthM == 0 ? nullptr : new T[other.lengthM]);
         for (std::uint32_t i = 0; i < other.lengthM; ++i)
@@ -33,7 +45,7 @@ class ExactVector {
         lengthM = other.lengthM;
     }
     ExactVector& operator=(ExactVector const&) = delete;
-    ~ExactVector() { delete[] elementsM; }
+    ~ExactVector() { freeElements(); }
 
     std::uint32_t length() const noexcept { return lengthM; }
     T& operator[](std::uint32_t position) {
@@ -47,11 +59,11 @@ class ExactVector {
 
     // Adds one default-constructed element at the end.
     void grow() {
-        std::unique_ptr<T[]> grown(new T[lengthM + 1ULL]);
+        T* const grown = memoryM == Memory::HEAP ? new T[lengthM + 1ULL] : pooled(lengthM + 1ULL);
         for (std::uint32_t i = 0; i < lengthM; ++i)
             grown[i] = std::move(elementsM[i]);
-        delete[] elementsM;
-        elementsM = grown.release();
+        freeElements();
+        elementsM = grown;
         ++lengthM;
     }
 
@@ -60,8 +72,23 @@ class ExactVector {
         if (position >= lengthM)
             throw std::out_of_range("ExactVector: position beyond the length");
     }
+    T* pooled(std::size_t length) {
+        T* const elements = static_cast<T*>(BlockPool::of(this).allocate(length * sizeof(T)));
+        std::uninitialized_default_construct_n(elements, length);
+        return elements;
+    }
+    void freeElements() noexcept {
+        if (memoryM == Memory::HEAP) {
+            delete[] elementsM;
+        } else if (elementsM != nullptr) {
+            for (std::uint32_t i = lengthM; i-- > 0;)
+                elementsM[i].~T();
+            BlockPool::of(this).release(elementsM, lengthM * sizeof(T));
+        }
+    }
 
     std::uint32_t lengthM = 0;
+    Memory memoryM = Memory::HEAP;
     T* elementsM = nullptr;
 };
 

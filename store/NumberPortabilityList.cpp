@@ -1,5 +1,7 @@
 #include "store/NumberPortabilityList.h"
 
+#include <algorithm>
+#include <array>
 #include <ostream>
 
 namespace DAT::NumberPortability {
@@ -55,8 +57,32 @@ void NumberPortabilityList::printTree(std::ostream& out, BAS::String const& numb
     std::string_view const label = withoutBlanks(number.view());
     std::uint32_t const length = recordsM.length();
     for (std::uint32_t i = 0; i < length; ++i)
-        out << label << "  " << recordsM[i].validFromM.asString("%Y%m%d%H%M%S") << "  "
-            << withoutBlanks(recordsM[i].networkIdM.view()) << std::endl;
+        printRecord(out, label, recordsM[i].validFromM, recordsM[i].networkIdM);
+}
+
+void printRecord(std::ostream& out, std::string_view number, BAS::DateTime const& validFrom,
+                 BAS::SimpleString const& networkId) {
+    constexpr std::string_view gap = "  ";
+    constexpr std::size_t instantDigits = 14;
+    std::string_view const network = withoutBlanks(networkId.view());
+    std::array<char, 64> line;
+    std::size_t const length = number.size() + instantDigits + network.size() + 2 * gap.size() + 1;
+    if (length > line.size() || !validFrom.isValid()) {
+        out << number << gap << validFrom << gap << network << std::endl;
+        return;
+    }
+    // Put together first: one write to the stream a line, in place of six.
+    char* to = line.data();
+    auto const put = [&to](std::string_view text) { to = std::copy(text.begin(), text.end(), to); };
+    put(number);
+    put(gap);
+    validFrom.toDigits(to);
+    to += instantDigits;
+    put(gap);
+    put(network);
+    put("\n");
+    out.write(line.data(), static_cast<std::streamsize>(length));
+    out.flush();
 }
 
 } // namespace DAT::NumberPortability

@@ -23,7 +23,11 @@ namespace DAT::NumberPortability {
 
 class NumberPortabilityList {
   public:
+    using Memory = ExactVector<NumberPortabilityData>::Memory;
+
     NumberPortabilityList() = default;
+    // POOL: the list lies in a block of a BlockPool, and takes its array from there too.
+    explicit NumberPortabilityList(Memory memory) noexcept : recordsM(memory) {}
     NumberPortabilityList(NumberPortabilityList const&) = default;
     NumberPortabilityList& operator=(NumberPortabilityList const&) = delete;
 
@@ -46,5 +50,9 @@ class NumberPortabilityList {
   private:
     ExactVector<NumberPortabilityData> recordsM;
 };
+
+// One line of a listing, ended and flushed like std::endl. `number` has no surrounding blanks.
+void printRecord(std::ostream& out, std::string_view number, BAS::DateTime const& validFrom,
+                 BAS::SimpleString const& networkId);
 
 } // namespace DAT::NumberPortability

@@ -8,18 +8,29 @@ namespace DAT::NumberPortability {
 bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered) {
     if (!isStorable(number))
         return false;
-    NumberPortabilityList* history = treeM.search(number, true);
-    if (history == nullptr) {
+    Trie::Place place = treeM.reach(number);
+    return insertAt(place, record, ordered);
+}
+
+void NumberPortabilityTree::storeNew(Trie::Place& place, HistoryValues::Value history) {
+    try {
+        treeM.layout().store(place, history);
+    } catch (...) {
+        histories().destroy(HistoryValues::word(history));
+        throw;
+    }
+}
+
+bool NumberPortabilityTree::insertAt(Trie::Place& place, NumberPortabilityData const& record, bool ordered) {
+    HistoryValues::Value history = treeM.layout().value(place);
+    if (!history) {
         // The record goes in first: a failure later on must not leave an empty history behind.
-        auto created = std::make_unique<NumberPortabilityList>();
-        created->insert(record);
-        treeM.insert(number, created.get());
-        static_cast<void>(created.release()); // the trie's from here on
+        storeNew(place, histories().make(record));
         ++numbersM;
-    } else if (!ordered) {
-        history->insert(record);
-    } else if (!history->insertAt(record)) {
-        return false;
+    } else {
+        if (!histories().add(history, record, ordered))
+            return false;
+        treeM.layout().store(place, history);
     }
     ++entriesM;
     return true;
@@ -29,16 +40,21 @@ bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime cons
                                    unsigned int method) const {
     if (method == BEST_MATCH)
         return searchBestMatch(number, at, out);
-    NumberPortabilityList const* const history = treeM.search(number, method == EXACT_MATCH);
-    return history != nullptr && history->search(at, out);
+    HistoryValues::Value const history = treeM.search(number, method == EXACT_MATCH);
+    return history && histories().search(history, at, out);
 }
 
 bool NumberPortabilityTree::searchBestMatch(BAS::String const& number, BAS::DateTime const& at,
                                             NumberPortabilityData& out) const {
     Trie::FoundStack found;
     treeM.search(number, found);
+    return searchFound(found, at, out);
+}
+
+bool NumberPortabilityTree::searchFound(Trie::FoundStack& found, BAS::DateTime const& at,
+                                        NumberPortabilityData& out) const {
     while (!found.isEmpty())
-        if (found.pop()->search(at, out))
+        if (histories().search(found.pop(), at, out))
             return true;
     return false;
 }
@@ -48,8 +64,13 @@ void NumberPortabilityTree::search(std::span<BAS::String const> numbers, std::sp
                                    unsigned int method) const {
     if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
         throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
-    for (std::size_t i = 0; i < numbers.size(); ++i)
-        found[i] = search(numbers[i], instants[i], records[i], method);
+    if (method == BEST_MATCH)
+        treeM.search(numbers, [&](std::size_t i, Trie::FoundStack& values) {
+            found[i] = searchFound(values, instants[i], records[i]);
+        });
+    else
+        for (std::size_t i = 0; i < numbers.size(); ++i)
+            found[i] = search(numbers[i], instants[i], records[i], method);
 }
 
 void NumberPortabilityTree::clearAndDestroy() {
@@ -62,10 +83,10 @@ void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
     if (this == &other)
         return;
     clearAndDestroy();
-    other.visit([this](BAS::String const& number, NumberPortabilityList const& history) {
-        auto copy = std::make_unique<NumberPortabilityList>(history);
-        treeM.insert(number, copy.get());
-        entriesM += copy.release()->length(); // the trie's from here on
+    other.treeM.visit([&](BAS::String const& number, HistoryValues::Value history) {
+        Trie::Place place = treeM.reach(number);
+        storeNew(place, histories().copy(other.histories(), history));
+        entriesM += histories().length(treeM.layout().value(place));
         ++numbersM;
     });
 }

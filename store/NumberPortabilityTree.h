@@ -12,7 +12,8 @@
 // seven characters always do); an insertion the same and one reallocation.
 #pragma once
 
-#include "store/NumberPortabilityList.h"
+#include "store/HistoryValues.h"
+#include "store/PackedLayout.h"
 #include "store/PtrTree.h"
 
 #include <span>
@@ -53,11 +54,13 @@ class NumberPortabilityTree {
     // numbers' digits. Without it the listing is a data file.
     void printTree(std::ostream& out, bool header) const;
 
-    // Calls visitor(BAS::String const& number, NumberPortabilityList const& history) in the listing's order.
+    // Calls visitor(BAS::String const& number, NumberPortabilityList const& history) in the listing's order. The history
+    // is valid during the call.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
-        treeM.visit(
-            [&visitor](BAS::String const& number, NumberPortabilityList const& history) { visitor(number, history); });
+        treeM.visit([&](BAS::String const& number, HistoryValues::Value value) {
+            histories().visit(value, [&](NumberPortabilityList const& history) { visitor(number, history); });
+        });
     }
 
     // Whether the number has a decimal digit, so that it can be stored.
@@ -72,18 +75,26 @@ class NumberPortabilityTree {
             if (character >= '0' && character <= '9')
                 digits += character;
         for (; !digits.empty(); digits.pop_back())
-            if (NumberPortabilityList const* const history = treeM.search(BAS::String(digits), true))
-                visitor(BAS::String(digits), *history);
+            if (HistoryValues::Value const value = treeM.search(BAS::String(digits), true))
+                histories().visit(value, [&](auto const& history) { visitor(BAS::String(digits), history); });
     }
 
     // Records, not numbers.
     std::uint32_t entries() const { return entriesM; }
     // Different numbers and prefixes.
     std::uint64_t numbers() const { return numbersM; }
+    // Memory of nodes, histories and networks, in bytes.
+    std::size_t bytes() const { return treeM.layout().bytes() + histories().bytes(); }
 
   private:
-    using Trie = PBC::PtrTree<NumberPortabilityList>;
+    using Trie = PBC::PtrTree<NumberPortabilityList, PBC::PackedLayout<NumberPortabilityList, HistoryValues>>;
 
+    HistoryValues& histories() { return treeM.layout().values(); }
+    HistoryValues const& histories() const { return treeM.layout().values(); }
+    void storeNew(Trie::Place& place, HistoryValues::Value history);
+    bool insertAt(Trie::Place& place, NumberPortabilityData const& record, bool ordered);
+
+    bool searchFound(Trie::FoundStack& found, BAS::DateTime const& at, NumberPortabilityData& out) const;
     bool searchBestMatch(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out) const;
 
     Trie treeM;

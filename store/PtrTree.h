@@ -1,125 +1,41 @@
-// PBC::PtrTree<T>: a trie from digit strings to owned pointers, and PBC::PtrTreeNode<T>, its node.
+// PBC::PtrTree<T, Layout>: a trie from digit strings to owned pointers.
 //
 // Purpose: exact look-up, shortest stored prefix, all stored prefixes. A level of the trie stands for one digit of the
-// key; any node may carry a value. The root stands for the empty key.
+// key; any node may carry a value. The root stands for the empty key. How nodes lie in memory is the layout's business:
+// PlainLayout has an object for each (PlainLayout.h), PackedLayout a word (PackedLayout.h). Both give the same answers,
+// counts and order.
 // Keys: only the digits of the radix count (radix 10: '0' to '9'); every other character is passed over, so 0044 171
 // and 0044171 are one key. A key without any digit reaches the root: insert stores its value there, exact search
 // never finds it, a prefix search for any other key does, and printTree does not print it. A second such insert
 // replaces the value without deleting it, so the number tree refuses such keys.
 // Requirements on T: it can be deleted and has printTree(std::ostream&, BAS::String const&).
-// Ownership: a node owns its children and its value, the trie owns the root. Pointers that a search gives are valid
-// until the next init, destroy or destruction.
-// Threads: no locking inside. Both search operations, visit and printTree only read and may run at once; insert, init,
-// destroy and destruction need exclusive access to their own trie. nodeCountM is atomic, so different tries may be
-// filled and freed at once.
+// Ownership: the trie owns its nodes and their values. A Value is a T*, or a handle that stands for one where the layout
+// keeps values in a form of its own. What a search gives is valid until the next change of the trie, with values that
+// are pointers until the next init, destroy or destruction.
+// Threads: no locking inside. All searches, visit and printTree only read and may run at once; insert, reach, init,
+// destroy and destruction need exclusive access to their own trie. PtrTreeNode<T>::nodeCountM is atomic, so different
+// tries may be filled and freed at once.
 // Errors: std::bad_alloc; nodes created before stay, init leaves the trie as it was.
 // Complexity: insert and search one step a digit, search without allocation (but for a found-stack beyond its inline
-// elements); printTree and visit one step a node and
-// slot. Nothing recurses: neither printing nor destruction uses call stack by the depth of the trie.
+// elements); printTree and visit one step a node. Nothing recurses: neither printing nor destruction uses call stack by
+// the depth of the trie.
 #pragma once
 
 #include "framework/BAS/String.h"
 #include "framework/RW/RWTValSlist.h"
+#include "store/PlainLayout.h"
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <iosfwd>
-#include <memory>
+#include <span>
+#include <string_view>
 #include <vector>
 
 namespace PBC {
 
-template <class T>
-class PtrTreeNode {
-  public:
-    // Live nodes of this instantiation in the whole process, that is, in the shared object that holds the code.
-    static inline std::atomic<std::uint64_t> nodeCountM{0};
-
-    explicit PtrTreeNode(int size)
-        : childrenM(static_cast<std::size_t>(size)), sizeM(static_cast<std::uint64_t>(size)) {
-        nodeCountM.fetch_add(1, std::memory_order_relaxed);
-    }
-    PtrTreeNode(PtrTreeNode const&) = delete;
-    PtrTreeNode& operator=(PtrTreeNode const&) = delete;
-
-    // Counts the node out, deletes the children from slot 0 upward, each with all that is under it, then the value.
-    virtual ~PtrTreeNode() {
-        if (!countedOutM)
-            countOut();
-        deleteChildren();
-        delete valueM;
-    }
-
-    // Creates a child in `slot` and returns it; null, and nothing changes, when the slot is out of range or taken.
-    PtrTreeNode* grow(int slot) {
-        if (slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM || childrenM[static_cast<std::size_t>(slot)])
-            return nullptr;
-        return childrenM[static_cast<std::size_t>(slot)] = new PtrTreeNode(static_cast<int>(sizeM));
-    }
-
-    // Takes `value` over; a value that is there already is replaced, not deleted.
-    void value(T* value) {
-        valueM = value;
-        hasValueM = true;
-    }
-
-    T* value() const { return hasValueM ? valueM : nullptr; }
-
-    // Null when the slot is empty or out of range.
-    PtrTreeNode* child(int slot) const {
-        return slot < 0 || static_cast<std::uint64_t>(slot) >= sizeM ? nullptr
-                                                                     : childrenM[static_cast<std::size_t>(slot)];
-    }
-
-  private:
-    void countOut() {
-        countedOutM = true;
-        nodeCountM.fetch_sub(1, std::memory_order_relaxed);
-    }
-
-    // The first taken slot at or after `slot`, or sizeM.
-    std::size_t takenSlot(std::size_t slot) const {
-        while (slot < sizeM && childrenM[slot] == nullptr)
-            ++slot;
-        return slot;
-    }
-
-    // Walks down and up without recursion or memory of its own: on the way down, the slot that leads to a child holds
-    // the pointer back to the node above instead. It is then the first slot that is not null, because the slots
-    // before it have been deleted. The topmost node points back to itself.
-    void deleteChildren() {
-        PtrTreeNode* above = this;
-        PtrTreeNode* node = this;
-        for (std::size_t slot = takenSlot(0);;) {
-            if (slot < sizeM) {
-                PtrTreeNode* const below = node->childrenM[slot];
-                node->childrenM[slot] = above;
-                above = node;
-                node = below;
-                node->countOut();
-                slot = node->takenSlot(0);
-            } else if (node == this) {
-                return;
-            } else {
-                delete node; // has no children left
-                node = above;
-                slot = node->takenSlot(0);
-                above = node->childrenM[slot];
-                node->childrenM[slot] = nullptr;
-                slot = node->takenSlot(slot + 1);
-            }
-        }
-    }
-
-    std::vector<PtrTreeNode*> childrenM;
-    bool hasValueM = false;
-    bool countedOutM = false; // on its way out; lies in the padding
-    T* valueM = nullptr;
-    std::uint64_t sizeM;
-};
-
-template <class T>
+template <class T, class Layout = PlainLayout<T>>
 class PtrTree {
   public:
     // Child slot by character code: '0' to '9', then 'A' to 'F' in either case; -1 for every other code.
@@ -138,110 +54,146 @@ class PtrTree {
     static constexpr char CHAR_INDEX[] = "0123456789ABCDEF";
 
     using Node = PtrTreeNode<T>;
-    using FoundStack = RWTStack<T*, RWTValSlist<T*>>;
+    using Value = typename Layout::Value;
+    using Place = typename Layout::Place;
+    using FoundStack = RWTStack<Value, RWTValSlist<Value>>;
 
-    PtrTree() : rootM(new Node(baseM)), nodesM(1) {}
+    // Where the nodes along the latest key are, so that a key that begins like it starts where the two part: for keys
+    // that come in order. Good for one trie, as long as all its changes are made through this path.
+    class Path {
+        friend class PtrTree;
+        std::array<Place, Digits::mostCM + 1> placesM;
+        Digits keyM;
+        bool beganM = false;
+    };
+
+    PtrTree() : rootM(baseM), nodesM(1) {}
     PtrTree(PtrTree const&) = delete;
     PtrTree& operator=(PtrTree const&) = delete;
     virtual ~PtrTree() {
-        if (rootM != nullptr)
+        if (rootM.hasRoot())
             destroy();
     }
 
     // Leaves the trie without a root: only init or destruction may follow.
     void destroy() {
-        delete rootM;
-        rootM = nullptr;
+        rootM.destroy();
         nodesM = 0;
     }
 
     // Gives an empty, usable trie, whatever it was before.
     void init() {
-        auto root = std::make_unique<Node>(baseM);
-        delete rootM;
-        rootM = root.release();
+        rootM.init();
         nodesM = 1;
     }
 
     // Stores `value`, which is not null, under `key` and takes it over, unless it throws. Whoever may store a key twice
     // searches first.
     void insert(BAS::String const& key, T* value) {
-        Node* node = rootM;
-        for (char const character : key.view()) {
-            int const slot = slotOf(character);
-            if (slot < 0)
-                continue;
-            Node* next = node->child(slot);
-            if (next == nullptr) {
-                next = node->grow(slot);
-                ++nodesM;
-            }
-            node = next;
+        Place place = reach(key);
+        rootM.value(place, value);
+    }
+
+    // The node of the key, with those above it; what is not there is created, without a value. The place is valid until
+    // the next change but by the layout's operations on it.
+    Place reach(BAS::String const& key) {
+        Place place = rootM.rootPlace();
+        NodeCount created(*this);
+        for (char const character : key.view())
+            if (int const slot = slotOf(character); slot >= 0)
+                place = step(place, slot, created);
+        return place;
+    }
+    Place& reach(Digits const& key, Path& path) {
+        unsigned depth = path.beganM ? key.commonWith(path.keyM) : 0;
+        if (!path.beganM)
+            path.placesM[0] = rootM.rootPlace();
+        path.beganM = true;
+        NodeCount created(*this);
+        for (path.keyM = {}; path.keyM.length() < depth;)
+            path.keyM.append(key.at(path.keyM.length()));
+        for (; depth < key.length(); ++depth) {
+            path.placesM[depth + 1] = step(path.placesM[depth], key.at(depth), created);
+            path.keyM.append(key.at(depth));
         }
-        node->value(value);
+        return path.placesM[depth];
+    }
+
+    // Takes digits off the front of `key`, with the characters between them that are none, until there are as many as
+    // Digits holds.
+    void takeDigits(std::string_view& key, Digits& digits) const {
+        if (digits.empty() && baseM == 10 && digits.takeDecimal(key))
+            return;
+        while (!key.empty() && digits.length() < Digits::mostCM) {
+            if (int const slot = slotOf(key.front()); slot >= 0)
+                digits.append(slot);
+            key.remove_prefix(1);
+        }
     }
 
     // Exact: the value stored under exactly the key's digits. Otherwise the value of the shortest prefix of them that
-    // carries one, the empty prefix and the whole key included. Null when there is none or the key has no digit.
-    T* search(BAS::String const& key, bool exact) const {
-        Node const* node = rootM;
-        bool significant = false;
-        for (char const character : key.view()) {
-            int const slot = slotOf(character);
-            if (slot < 0)
-                continue;
-            significant = true;
+    // carries one, the empty prefix and the whole key included. None when there is none or the key has no digit.
+    Value search(BAS::String const& key, bool exact) const {
+        Walk walk(*this, key);
+        if (walk.isAtEnd())
+            return Value{};
+        while (!walk.isAtEnd()) {
             if (!exact)
-                if (T* const found = node->value())
+                if (Value const found = walk.value())
                     return found;
-            node = node->child(slot);
-            if (node == nullptr)
-                return nullptr;
+            if (!walk.descend())
+                return Value{};
         }
-        return significant ? node->value() : nullptr;
+        return walk.value();
     }
 
     // Pushes the values of all prefixes of the key's digits that carry one, the shortest first, upon what `found`
     // holds already. A key without a digit pushes nothing.
     void search(BAS::String const& key, FoundStack& found) const {
-        Node const* node = rootM;
-        bool significant = false;
-        for (char const character : key.view()) {
-            int const slot = slotOf(character);
-            if (slot < 0)
-                continue;
-            significant = true;
-            push(found, *node);
-            node = node->child(slot);
-            if (node == nullptr)
-                return;
-        }
-        if (significant)
-            push(found, *node);
+        Walk walk(*this, key);
+        if (walk.isAtEnd())
+            return;
+        do {
+            if (Value const value = walk.value())
+                found.push(value);
+        } while (!walk.isAtEnd() && walk.descend());
     }
 
-    // Calls visitor(BAS::String const& key, T& value) for every stored value but the root's, in lexicographic order of
+    // The same for many keys at once: while the memory of one key's next node is under way, the others' walks go on.
+    // Calls found(std::size_t i, FoundStack& values) once for each keys[i], in order.
+    template <class Found>
+    void search(std::span<BAS::String const> keys, Found&& found) const {
+        for (std::size_t begin = 0; begin < keys.size(); begin += lanesCM)
+            searchSome(keys.subspan(begin, std::min(lanesCM, keys.size() - begin)), begin, found);
+    }
+
+    // Calls visitor(BAS::String const& key, Value value) for every stored value but the root's, in lexicographic order of
     // the keys, each key before its extensions.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
-        std::vector<Node const*> ancestors;
+        struct Ancestor {
+            typename Layout::Cursor node;
+            std::size_t keyLength;
+        };
+        std::vector<Ancestor> ancestors;
         std::string key;
-        Node const* node = rootM;
-        int slot = 0;
-        for (;;) {
-            if (Node const* const child = slot < baseM ? node->child(slot) : nullptr) {
-                key.push_back(CHAR_INDEX[slot]);
-                if (T* const value = child->value())
-                    visitor(BAS::String(key), *value);
-                ancestors.push_back(node);
+        typename Layout::Cursor node = rootM.root();
+        for (int slot = 0;;) {
+            typename Layout::Cursor child{};
+            Digits const way = rootM.wayDown(node, slot, child);
+            if (!way.empty()) {
+                ancestors.push_back({node, key.size()});
+                for (unsigned i = 0; i < way.length(); ++i)
+                    key.push_back(CHAR_INDEX[way.at(i)]);
                 node = child;
+                if (Value const value = rootM.value(node))
+                    visitor(BAS::String(key), value);
                 slot = 0;
-            } else if (slot < baseM) {
-                ++slot;
             } else if (ancestors.empty()) {
                 return;
             } else {
-                node = ancestors.back();
+                node = ancestors.back().node;
+                key.resize(ancestors.back().keyLength + 1);
                 ancestors.pop_back();
                 slot = DIGIT_INDEX[static_cast<unsigned char>(key.back())] + 1;
                 key.pop_back();
@@ -251,7 +203,7 @@ class PtrTree {
 
     // Calls printTree(out, key) of every stored value, in the order of visit.
     void printTree(std::ostream& out) const {
-        visit([&out](BAS::String const& key, T& value) { value.printTree(out, key); });
+        visit([&](BAS::String const& key, Value value) { rootM.print(value, out, key); });
     }
 
     // Whether the key has a digit, that is, reaches beyond the root.
@@ -264,20 +216,113 @@ class PtrTree {
 
     std::uint64_t nodes() const { return nodesM; }
 
+    // For values that the layout keeps in a form of its own.
+    Layout& layout() { return rootM; }
+    Layout const& layout() const { return rootM; }
+
   private:
+    static constexpr std::size_t lanesCM = 32;
+
+    // Counts the nodes that an insertion creates, also when it breaks off.
+    class NodeCount {
+      public:
+        explicit NodeCount(PtrTree& tree) : treeM(tree) {}
+        NodeCount(NodeCount const&) = delete;
+        NodeCount& operator=(NodeCount const&) = delete;
+        ~NodeCount() {
+            treeM.nodesM += createdM;
+            if (createdM != 0)
+                treeM.rootM.countNodes(createdM);
+        }
+        void add() { ++createdM; }
+
+      private:
+        PtrTree& treeM;
+        std::uint64_t createdM = 0;
+    };
+
+    // The walk of a key's digits down the trie, for reading.
+    class Walk {
+      public:
+        Walk() = default;
+        Walk(PtrTree const& tree, BAS::String const& key) : treeM(&tree), nodeM(tree.rootM.root()), restM(key.view()) {
+            tree.takeDigits(restM, digitsM);
+        }
+
+        // Sees to it that there are as many digits as descend() may want at once, as long as the key has some.
+        bool isAtEnd() {
+            if (digitsM.length() < Layout::mostAtOnceCM && !restM.empty())
+                treeM->takeDigits(restM, digitsM);
+            return digitsM.empty();
+        }
+        bool descend() { return treeM->rootM.descend(nodeM, digitsM); }
+        void prefetch() const { treeM->rootM.prefetch(nodeM); }
+        Value value() const { return treeM->rootM.value(nodeM); }
+
+      private:
+        PtrTree const* treeM = nullptr;
+        typename Layout::Cursor nodeM{};
+        std::string_view restM; // after digitsM
+        Digits digitsM;
+    };
+
+    struct Lane {
+        Walk walk;
+        FoundStack found;
+    };
+
+    // One step of a lane; false at its end.
+    bool advance(Lane& lane) const {
+        if (Value const value = lane.walk.value())
+            lane.found.push(value);
+        if (lane.walk.isAtEnd() || !lane.walk.descend())
+            return false;
+        lane.walk.prefetch();
+        return true;
+    }
+
+    template <class Found>
+    void searchSome(std::span<BAS::String const> keys, std::size_t first, Found&& found) const {
+        std::array<Lane, lanesCM> lanes;
+        std::array<std::uint8_t, lanesCM> going;
+        std::size_t count = 0;
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            lanes[i].walk = Walk(*this, keys[i]);
+            if (!lanes[i].walk.isAtEnd())
+                going[count++] = static_cast<std::uint8_t>(i);
+        }
+        while (count != 0) {
+            std::size_t left = 0;
+            for (std::size_t i = 0; i < count; ++i)
+                if (advance(lanes[going[i]]))
+                    going[left++] = going[i];
+            count = left;
+        }
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            if (!lanes[i].found.isEmpty())
+                rootM.prefetch(lanes[i].found.top());
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            found(first + i, lanes[i].found);
+    }
+
+    // The child in `slot`, created if it is not there.
+    Place step(Place& place, int slot, NodeCount& created) {
+        Place child = place;
+        if (rootM.descend(child, slot))
+            return child;
+        child = rootM.grow(place, slot);
+        created.add();
+        return child;
+    }
+
     // The slot of a digit of the radix, -1 for every other character.
     int slotOf(char character) const {
         int const slot = DIGIT_INDEX[static_cast<unsigned char>(character)];
         return slot < baseM ? slot : -1;
     }
 
-    static void push(FoundStack& found, Node const& node) {
-        if (T* const value = node.value())
-            found.push(value);
-    }
-
     int baseM = 10;
-    Node* rootM;
+    Layout rootM; // the root node and all below it
     std::uint64_t nodesM;
 };
 

@@ -262,7 +262,7 @@ TEST(Trie, IsAsDeepAsMemoryAllows) {
     trie.insert(BAS::String(key), new Value(1));
     EXPECT_EQ(numberOf(trie.search(BAS::String(key), true)), 1);
     std::size_t length = 0;
-    trie.visit([&](BAS::String const& visited, Value&) { length = visited.length(); });
+    trie.visit([&](BAS::String const& visited, Value const*) { length = visited.length(); });
     EXPECT_EQ(length, digits);
     trie.init();
     EXPECT_EQ(Value::alive, 0);

@@ -33,6 +33,13 @@ class DateTime {
     explicit DateTime(char const* text) noexcept : DateTime(std::string_view(text)) {}
     explicit DateTime(std::string_view text) noexcept;
 
+    // The instant that seconds() gives; invalidSecsCM or more gives an invalid value.
+    static constexpr DateTime fromSeconds(std::uint64_t seconds) noexcept {
+        DateTime result;
+        result.secondsM = seconds < invalidSecsCM ? seconds : invalidSecsCM;
+        return result;
+    }
+
     // The present instant, UTC.
     static DateTime now() noexcept;
 

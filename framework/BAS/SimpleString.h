@@ -12,6 +12,7 @@
 // The tag hides heap texts from the leak sanitizer: it takes what only such a pointer keeps alive for lost.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
 #include <iosfwd>
 #include <string_view>
@@ -44,6 +45,14 @@ class SimpleString {
 
     char const* c_str() const noexcept { return isHeap() ? heapText() : bytesM; }
     std::string_view view() const noexcept { return c_str(); }
+    // Up to seven characters, which then lie in the object itself: shortText() is them, the rest 0. Equal short texts
+    // have equal words.
+    bool isShort() const noexcept { return !isHeap(); }
+    std::uint64_t shortText() const noexcept {
+        std::uint64_t word = 0;
+        std::memcpy(&word, bytesM, sizeCM);
+        return word;
+    }
     bool operator==(SimpleString const& other) const noexcept { return view() == other.view(); }
 
   private:

@@ -1,0 +1,364 @@
+// The packed layout held against the plain one and a map: every result, every count and every printed byte.
+#include "store/NumberPortabilityTree.h"
+
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+
+using namespace DAT::NumberPortability;
+
+namespace {
+
+// A value of a trie of the tests' own.
+struct Item {
+    explicit Item(int n) : number(n) { ++alive; }
+    ~Item() { --alive; }
+    void printTree(std::ostream& out, BAS::String const& key) const { out << key << '=' << number << '\n'; }
+
+    int number;
+    static inline int alive = 0;
+};
+
+using Plain = PBC::PtrTree<Item>;
+using Packed = PBC::PtrTree<Item, PBC::PackedLayout<Item>>;
+using PlainLists = PBC::PtrTree<NumberPortabilityList>;
+
+// The shapes that keys come in.
+enum class Shape { DENSE, SPARSE, NESTED, SEPARATED, LONG, HEXADECIMAL_LOOKING };
+constexpr Shape shapes[] = {Shape::DENSE,     Shape::SPARSE, Shape::NESTED,
+                            Shape::SEPARATED, Shape::LONG,   Shape::HEXADECIMAL_LOOKING};
+
+class Keys {
+  public:
+    explicit Keys(Shape shape) : shapeM(shape), seedM(std::random_device()()), randomM(seedM) {}
+    unsigned seed() const { return seedM; }
+
+    unsigned below(unsigned limit) { return static_cast<unsigned>(randomM() % limit); }
+
+    std::string next() {
+        switch (shapeM) {
+        case Shape::DENSE:
+            return "0049170" + digits(1 + below(3));
+        case Shape::SPARSE:
+            return "00" + digits(14);
+        case Shape::NESTED: { // prefixes of one number, and branches off it
+            std::string const spine = "00441711234567890123";
+            return spine.substr(0, below(21)) + digits(below(2));
+        }
+        case Shape::SEPARATED: {
+            std::string text;
+            for (char const digit : digits(below(7)))
+                (text += std::string(below(3), "+- xA\xff"[below(6)])) += digit;
+            return text + (below(5) == 0 ? "tail" : "");
+        }
+        case Shape::LONG: // beyond one machine word, with a long common beginning
+            return std::string(20, '7') + digits(below(3)) + std::string(below(40), '8') + digits(below(2));
+        case Shape::HEXADECIMAL_LOOKING:
+            return "00fF" + digits(below(5)) + "aB" + digits(below(2));
+        }
+        return "";
+    }
+
+  private:
+    std::string digits(unsigned count) {
+        std::string text;
+        while (text.size() < count)
+            text += static_cast<char>('0' + below(10));
+        return text;
+    }
+
+    Shape shapeM;
+    unsigned seedM;
+    std::mt19937 randomM;
+};
+
+std::string digitsOf(std::string const& key) {
+    std::string digits;
+    for (char const character : key)
+        if (character >= '0' && character <= '9')
+            digits += character;
+    return digits;
+}
+
+template <class Value>
+int numberOf(Value const* value) {
+    return value == nullptr ? -1 : value->number;
+}
+
+template <class Trie>
+std::string printed(Trie const& trie) {
+    std::ostringstream out;
+    trie.printTree(out);
+    return out.str();
+}
+
+std::vector<int> drained(auto& found) {
+    std::vector<int> numbers;
+    while (!found.isEmpty())
+        numbers.push_back(found.pop()->number);
+    return numbers;
+}
+
+template <class Trie>
+std::vector<int> prefixesOf(Trie const& trie, std::string const& key) {
+    typename Trie::FoundStack found;
+    trie.search(BAS::String(key), found);
+    return drained(found);
+}
+
+// A packed and a plain trie with the same content, and the map that says what it is.
+class Both {
+  public:
+    void insert(std::string const& key, int number) {
+        std::string const digits = digitsOf(key);
+        if (!modelM.emplace(digits, number).second)
+            return;
+        plainM.insert(BAS::String(key), new Item(number));
+        packedM.insert(BAS::String(key), new Item(number));
+        for (std::size_t length = 0; length <= digits.size(); ++length)
+            pathsM.insert(digits.substr(0, length));
+    }
+
+    void compare(std::string const& key) const {
+        std::string const digits = digitsOf(key);
+        std::vector<int> prefixes; // longest first
+        for (std::size_t length = digits.size() + 1; length-- > 0;)
+            if (auto const at = modelM.find(digits.substr(0, length)); at != modelM.end() && !digits.empty())
+                prefixes.push_back(at->second);
+        auto const exact = digits.empty() ? modelM.end() : modelM.find(digits);
+        int const expected = exact == modelM.end() ? -1 : exact->second;
+        int const shortest = prefixes.empty() ? -1 : prefixes.back();
+        for (int const number :
+             {numberOf(plainM.search(BAS::String(key), true)), numberOf(packedM.search(BAS::String(key), true))})
+            ASSERT_EQ(number, expected) << key;
+        for (int const number :
+             {numberOf(plainM.search(BAS::String(key), false)), numberOf(packedM.search(BAS::String(key), false))})
+            ASSERT_EQ(number, shortest) << key;
+        ASSERT_EQ(prefixesOf(plainM, key), prefixes) << key;
+        ASSERT_EQ(prefixesOf(packedM, key), prefixes) << key;
+    }
+
+    void compareMany(std::vector<std::string> const& keys) const {
+        std::vector<BAS::String> const strings(keys.begin(), keys.end());
+        std::size_t next = 0;
+        packedM.search(strings, [&](std::size_t i, Packed::FoundStack& found) {
+            ASSERT_EQ(i, next++);
+            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
+        });
+        ASSERT_EQ(next, keys.size());
+        plainM.search(strings, [&](std::size_t i, Plain::FoundStack& found) {
+            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
+        });
+    }
+
+    void compareWhole() const {
+        std::string listing;
+        for (auto const& [digits, number] : modelM)
+            if (!digits.empty())
+                listing += digits + "=" + std::to_string(number) + "\n";
+        ASSERT_EQ(printed(plainM), listing);
+        ASSERT_EQ(printed(packedM), listing);
+        ASSERT_EQ(plainM.nodes(), std::max<std::size_t>(pathsM.size(), 1));
+        ASSERT_EQ(packedM.nodes(), plainM.nodes());
+    }
+
+    void init() {
+        plainM.init();
+        packedM.init();
+        modelM.clear();
+        pathsM.clear();
+    }
+    std::uint64_t nodes() const { return plainM.nodes() + packedM.nodes(); }
+
+  private:
+    Plain plainM;
+    Packed packedM;
+    std::map<std::string, int> modelM;
+    std::set<std::string> pathsM; // the nodes that there should be
+};
+
+} // namespace
+
+TEST(Layout, PackedPlainAndAMapAgree) {
+    std::uint64_t const nodesBefore = PBC::PtrTreeNode<Item>::nodeCountM;
+    for (Shape const shape : shapes) {
+        Keys keys(shape);
+        SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
+        Both both;
+        for (int round = 0; round < 2; ++round) {
+            std::vector<std::string> asked;
+            for (int i = 0; i < 1500; ++i) {
+                if (keys.below(2) == 0)
+                    both.insert(keys.next(), i);
+                asked.push_back(keys.next());
+                both.compare(asked.back());
+                if (testing::Test::HasFatalFailure())
+                    return;
+            }
+            both.compareMany(asked);
+            both.compareWhole();
+            EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, both.nodes());
+            both.init();
+            EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, 2U);
+            EXPECT_EQ(Item::alive, 0);
+        }
+    }
+    EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM, nodesBefore);
+}
+
+// Keys in any order through a path that starts from the one before: the same trie as by single insertions.
+TEST(Layout, APathGivesTheSameTrie) {
+    for (Shape const shape : {Shape::DENSE, Shape::SPARSE, Shape::NESTED}) {
+        for (bool const sorted : {false, true}) {
+            Keys keys(shape);
+            SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
+            std::vector<std::string> order;
+            while (order.size() < 2000)
+                if (std::string key = keys.next(); !key.empty() && key.size() <= PBC::Digits::mostCM)
+                    order.push_back(key);
+            if (sorted)
+                std::sort(order.begin(), order.end());
+            Packed packed;
+            Plain plain;
+            Plain reference;
+            Packed::Path packedPath;
+            Plain::Path plainPath;
+            for (std::string const& key : order) {
+                PBC::Digits digits;
+                std::string_view rest = key;
+                packed.takeDigits(rest, digits);
+                Packed::Place& place = packed.reach(digits, packedPath);
+                Plain::Place& plainPlace = plain.reach(digits, plainPath);
+                if (reference.search(BAS::String(key), true) != nullptr) {
+                    ASSERT_TRUE(packed.layout().value(place));
+                    ASSERT_TRUE(plain.layout().value(plainPlace));
+                    continue;
+                }
+                auto const number = static_cast<int>(reference.nodes());
+                reference.insert(BAS::String(key), new Item(number));
+                packed.layout().value(place, new Item(number));
+                plain.layout().value(plainPlace, new Item(number));
+                ASSERT_EQ(packed.nodes(), reference.nodes());
+            }
+            EXPECT_EQ(printed(packed), printed(reference));
+            EXPECT_EQ(printed(plain), printed(reference));
+        }
+    }
+    EXPECT_EQ(Item::alive, 0);
+}
+
+// Histories of one and of several records, short and long network identifiers: the number tree, whose histories lie in
+// its nodes where they can, against a plain trie of lists.
+TEST(Layout, HistoriesAnswerAlikeInBothLayouts) {
+    for (Shape const shape : shapes) {
+        Keys keys(shape);
+        SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
+        NumberPortabilityTree tree;
+        PlainLists lists;
+        std::uint32_t entries = 0;
+        auto const instant = [&] { return BAS::DateTime::fromSeconds(63'000'000'000 + keys.below(50)); };
+        for (int i = 0; i < 1500; ++i) {
+            BAS::String const number(keys.next());
+            BAS::SimpleString const network(keys.below(3) == 0 ? "A rather long identifier" : "NET");
+            NumberPortabilityData const record(instant(), network);
+            bool expected = false;
+            if (lists.isSignificant(number)) {
+                if (lists.search(number, true) == nullptr)
+                    lists.insert(number, new NumberPortabilityList);
+                expected = lists.search(number, true)->insertAt(record);
+            }
+            ASSERT_EQ(tree.insert(number, record, true), expected) << number;
+            entries += expected ? 1 : 0;
+        }
+        EXPECT_EQ(tree.entries(), entries);
+        std::ostringstream treeListing;
+        tree.printTree(treeListing, false);
+        EXPECT_EQ(treeListing.str(), printed(lists));
+
+        std::vector<BAS::String> numbers;
+        std::vector<BAS::DateTime> instants;
+        for (int i = 0; i < 1000; ++i) {
+            numbers.emplace_back(keys.next());
+            instants.push_back(instant());
+        }
+        for (unsigned const method : {0U, 1U, 2U, 3U}) {
+            std::vector<NumberPortabilityData> records(numbers.size());
+            std::unique_ptr<bool[]> const found(new bool[numbers.size()]);
+            tree.search(numbers, instants, records, {found.get(), numbers.size()}, method);
+            for (std::size_t i = 0; i < numbers.size(); ++i) {
+                NumberPortabilityData expected;
+                bool isExpected = false;
+                if (method == 0) {
+                    PlainLists::FoundStack stack;
+                    lists.search(numbers[i], stack);
+                    while (!stack.isEmpty() && !isExpected)
+                        isExpected = stack.pop()->search(instants[i], expected);
+                } else if (NumberPortabilityList const* const list = lists.search(numbers[i], method == 1)) {
+                    isExpected = list->search(instants[i], expected);
+                }
+                NumberPortabilityData single;
+                ASSERT_EQ(tree.search(numbers[i], instants[i], single, method), isExpected) << numbers[i];
+                ASSERT_EQ(found[i], isExpected) << numbers[i];
+                for (NumberPortabilityData const& record : {single, records[i]}) {
+                    ASSERT_EQ(record.validFromM, expected.validFromM);
+                    ASSERT_EQ(record.networkIdM, expected.networkIdM);
+                }
+            }
+        }
+        NumberPortabilityTree copy;
+        copy.copyFrom(tree);
+        std::ostringstream copyListing;
+        copy.printTree(copyListing, false);
+        EXPECT_EQ(copyListing.str(), treeListing.str());
+        EXPECT_EQ(copy.numbers(), tree.numbers());
+        EXPECT_EQ(copy.entries(), tree.entries());
+    }
+}
+
+TEST(Layout, RefusesABatchOfUnequalSpans) {
+    NumberPortabilityTree const tree;
+    std::vector<BAS::String> const numbers(2);
+    std::vector<BAS::DateTime> const instants(3);
+    std::vector<NumberPortabilityData> records(2);
+    bool found[2] = {};
+    EXPECT_THROW(tree.search(numbers, instants, records, found, 0), std::invalid_argument);
+    tree.search({}, {}, {}, {}, 0);
+}
+
+// More networks than a record's word can number: the rest of the records keep their texts themselves.
+TEST(Layout, HoldsMoreNetworksThanItNumbers) {
+    constexpr unsigned networks = NetworkDictionary::mostCM + 500;
+    NumberPortabilityTree tree;
+    BAS::DateTime const when("20200101000000");
+    for (unsigned i = 0; i < networks; ++i)
+        ASSERT_TRUE(tree.insert(BAS::String(std::to_string(1'000'000 + i)),
+                                {when, BAS::SimpleString(("N" + std::to_string(i)).c_str())}, true));
+    for (unsigned const i : {0U, NetworkDictionary::mostCM - 1, NetworkDictionary::mostCM, networks - 1}) {
+        NumberPortabilityData found;
+        ASSERT_TRUE(tree.search(BAS::String(std::to_string(1'000'000 + i)), when, found, 1));
+        EXPECT_EQ(found.networkIdM.view(), "N" + std::to_string(i));
+    }
+}
+
+TEST(BlockPool, ReusesFreedBlocksAndKnowsThePoolOfEachSize) {
+    BlockPool pool;
+    for (std::size_t const bytes :
+         {std::size_t{16}, std::size_t{48}, BlockPool::largestCM, BlockPool::largestCM + 16, std::size_t{5} << 20}) {
+        void* const first = pool.allocate(bytes);
+        void* const second = pool.allocate(bytes);
+        EXPECT_EQ(&BlockPool::of(first), &pool);
+        EXPECT_EQ(&BlockPool::of(second), &pool);
+        std::memset(first, 1, bytes);
+        std::memset(second, 2, bytes);
+        EXPECT_EQ(static_cast<char*>(first)[bytes - 1], 1);
+        pool.release(first, bytes);
+        pool.release(second, bytes);
+        void* const again = pool.allocate(bytes);
+        EXPECT_TRUE(bytes > BlockPool::largestCM || again == second);
+    }
+    pool.clear();
+    EXPECT_EQ(pool.bytes(), 0U);
+    EXPECT_EQ(&BlockPool::of(pool.allocate(16)), &pool);
+}
