@@ -32,6 +32,16 @@ std::vector<std::string> words(std::string const& text) {
 }
 
 // Collects the log for as long as it lives.
+// The text in memory of its own size, so that a sanitizer sees what is read beyond its end.
+class ExactText {
+  public:
+    explicit ExactText(std::string_view text) : bytesM(text.begin(), text.end()) {}
+    std::string_view view() const { return {bytesM.data(), bytesM.size()}; }
+
+  private:
+    std::vector<char> bytesM;
+};
+
 class LogCollector : public BAS::LogSinkIf {
   public:
     LogCollector() { BAS::RegisteredObject::installLogSink(this); }
@@ -53,6 +63,35 @@ TEST(String, SplitsAtWhiteSpaceOnly) {
 }
 
 TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
+TEST(String, ViewsOfWordsAreThoseOfSplit) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    // Separators, their neighbours, and bytes that some other reader takes for blanks.
+    std::string const bytes = " \t\r\v\f\n  abcdefg\x08\x0e\x1f!\x85\xa0\x89\xff\0"s;
+    for (std::size_t round = 0; round < 20'000; ++round) {
+        std::string text(round % 200, 'x'); // all lengths around the blocks of 16 and 64 that are looked at
+        std::size_t const choice = random() % 2 == 0 ? bytes.size() : 1 + random() % bytes.size();
+        for (char& byte : text)
+            byte = random() % 4 == 0 ? bytes[random() % choice] : 'x';
+        std::vector<std::string> const expected = words(text);
+        std::vector<std::string_view> views(random() % 6, "untouched");
+        ExactText const line(text);
+        ASSERT_EQ(BAS::String::splitViews(line.view(), views), expected.size());
+        for (std::size_t i = 0; i < views.size(); ++i)
+            ASSERT_EQ(views[i], i < expected.size() ? expected[i] : "untouched") << testing::PrintToString(text);
+    }
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        std::string const text = "left" + std::string(1, static_cast<char>(byte)) + "right, and more than 16 bytes";
+        ASSERT_EQ(BAS::String::splitViews(text, {}), words(text).size()) << byte;
+        ASSERT_EQ(BAS::String::splitViews(text.substr(0, 7), {}), words(text.substr(0, 7)).size()) << byte;
+    }
+    std::string many;
+    for (int i = 0; i < 3'000'000; ++i)
+        many += "w ";
+    EXPECT_EQ(BAS::String::splitViews(many, {}), 3'000'000U);
+}
+
     struct Case {
         char const* text;
         bool good;
