@@ -144,6 +144,22 @@ TEST(SimpleString, KeepsShortAndLongTextsThroughCopyAndMove) {
 }
 
 TEST(DateTime, TakesRealInstantsOnly) {
+TEST(SimpleString, KeepsOfAViewWhatIsBeforeItsFirstNul) {
+    for (std::size_t length : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 40U})
+        for (std::size_t nul = 0; nul <= length; ++nul)
+            for (char const after : {'x', '\0', '\x01'}) {
+                std::string text(length, after);
+                text.replace(0, nul, nul, '\x80');
+                if (nul < length)
+                    text[nul] = '\0';
+                BAS::SimpleString const kept(ExactText(text).view());
+                ASSERT_EQ(kept.view(), std::string(nul, '\x80')) << length;
+                ASSERT_EQ(kept, BAS::SimpleString(text.c_str())) << length;
+            }
+    EXPECT_EQ(BAS::SimpleString(std::string_view()).view(), "");
+    EXPECT_EQ(BAS::SimpleString("NETA\0B").view(), "NETA");
+}
+
     struct Case {
         char const* text;
         bool valid;
