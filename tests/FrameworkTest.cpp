@@ -7,6 +7,7 @@
 #include "framework/RW/RWTValSlist.h"
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FileIoTurbo.h"
+#include "fuzz/Calendar.h"
 #include "tests/TemporaryFolder.h"
 
 #include <atomic>
@@ -218,6 +219,28 @@ TEST(DateTime, CountsEveryDayAndFormatsItBack) {
             }
         }
     EXPECT_EQ(expected, BAS::DateTime::invalidSecsCM);
+}
+
+TEST(DateTime, AgreesWithTheLibrarysCalendarOnAlmostValidTexts) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::string const bytes = "0123456789/:\x2f\x3a\x20\x00\xb0\xfa\xff?-"s; // digits and their neighbours
+    unsigned valid = 0;
+    for (int round = 0; round < 200'000; ++round) {
+        char buffer[16];
+        std::snprintf(buffer, sizeof buffer, "%04u%02u%02u%02u%02u%02u", unsigned(random() % 10'000),
+                      unsigned(random() % 14), unsigned(random() % 33), unsigned(random() % 26),
+                      unsigned(random() % 62), unsigned(random() % 62));
+        std::string text(buffer, 14);
+        if (random() % 4 == 0)
+            text[random() % 14] = bytes[random() % bytes.size()];
+        text.resize(random() % 64 == 0 ? random() % 16 : 14, '0');
+        std::uint64_t const expected = npfuzz::secondsOf(text).value_or(BAS::DateTime::invalidSecsCM);
+        ASSERT_EQ(BAS::DateTime(ExactText(text).view()).seconds(), expected) << testing::PrintToString(text);
+        valid += expected != BAS::DateTime::invalidSecsCM ? 1 : 0;
+    }
+    EXPECT_GT(valid, 50'000U);
 }
 
 TEST(DateTime, FormatsWithoutZoneAndPadsEarlyYears) {
