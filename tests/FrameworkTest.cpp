@@ -32,7 +32,6 @@ std::vector<std::string> words(std::string const& text) {
     return result;
 }
 
-// Collects the log for as long as it lives.
 // The text in memory of its own size, so that a sanitizer sees what is read beyond its end.
 class ExactText {
   public:
@@ -43,6 +42,7 @@ class ExactText {
     std::vector<char> bytesM;
 };
 
+// Collects the log for as long as it lives.
 class LogCollector : public BAS::LogSinkIf {
   public:
     LogCollector() { BAS::RegisteredObject::installLogSink(this); }
@@ -63,7 +63,6 @@ TEST(String, SplitsAtWhiteSpaceOnly) {
     EXPECT_EQ(words("S\xc3\xadminn \xa0\xff x\0y"s), (Words{"S\xc3\xadminn", "\xa0\xff", "x\0y"s}));
 }
 
-TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
 TEST(String, ViewsOfWordsAreThoseOfSplit) {
     unsigned const seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -93,6 +92,7 @@ TEST(String, ViewsOfWordsAreThoseOfSplit) {
     EXPECT_EQ(BAS::String::splitViews(many, {}), 3'000'000U);
 }
 
+TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
     struct Case {
         char const* text;
         bool good;
@@ -144,7 +144,6 @@ TEST(SimpleString, KeepsShortAndLongTextsThroughCopyAndMove) {
     EXPECT_EQ(sizeof(BAS::SimpleString), 8U);
 }
 
-TEST(DateTime, TakesRealInstantsOnly) {
 TEST(SimpleString, KeepsOfAViewWhatIsBeforeItsFirstNul) {
     for (std::size_t length : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 40U})
         for (std::size_t nul = 0; nul <= length; ++nul)
@@ -161,6 +160,7 @@ TEST(SimpleString, KeepsOfAViewWhatIsBeforeItsFirstNul) {
     EXPECT_EQ(BAS::SimpleString("NETA\0B").view(), "NETA");
 }
 
+TEST(DateTime, TakesRealInstantsOnly) {
     struct Case {
         char const* text;
         bool valid;
@@ -272,26 +272,57 @@ TEST(Slist, IsLastInFirstOutBeyondItsInlineElements) {
 
 class LineReader : public testing::Test {
   protected:
-    std::vector<std::string> linesOf(std::string const& content) {
+    using Lines = std::vector<std::string>;
+    enum class Form { COPIES, VIEWS, BOTH };
+
+    Lines linesOf(std::string const& content) {
+        folder.write("lines", content);
+        Lines lines = linesOf(Form::COPIES);
+        EXPECT_EQ(linesOf(Form::VIEWS), lines);
+        EXPECT_EQ(linesOf(Form::BOTH), lines);
+        return lines;
+    }
+    Lines linesOf(Form form) {
         STR::FileIoTurbo reader;
-        EXPECT_TRUE(reader.openFile(BAS::String(folder.write("lines", content)), 8));
-        std::vector<std::string> lines;
-        BAS::String line;
+        EXPECT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+        Lines lines;
+        std::string line;
         while (feof(reader.stream()) == 0) {
-            bool const read = reader.readLine(line);
+            bool const asView = form == Form::VIEWS || (form == Form::BOTH && lines.size() % 3 == 1);
+            bool const read = readLine(reader, asView, line);
             EXPECT_EQ(read, feof(reader.stream()) == 0);
             if (read)
-                lines.push_back(line.str());
+                lines.push_back(line);
         }
+        EXPECT_FALSE(readLine(reader, form == Form::VIEWS, line)) << "the end stays";
         EXPECT_TRUE(reader.closeFile());
+        EXPECT_FALSE(readLine(reader, form == Form::VIEWS, line)) << "closed";
         EXPECT_TRUE(reader.closeFile());
         return lines;
     }
+    static bool readLine(STR::FileIoTurbo& reader, bool asView, std::string& line) {
+        BAS::String copy;
+        std::string_view view;
+        if (!(asView ? reader.readLine(view) : reader.readLine(copy)))
+            return false;
+        line = asView ? std::string(view) : copy.str();
+        return true;
+    }
+    void append(std::string const& text) {
+        std::ofstream(folder.file("lines"), std::ios::binary | std::ios::app) << text;
+    }
+    // From here on every read of the reader's file fails.
+    static void breakReading(STR::FileIoTurbo& reader) {
+        int const broken = open("/proc/self/mem", O_RDONLY);
+        dup2(broken, fileno(reader.stream()));
+        close(broken);
+    }
+
+    static constexpr std::size_t block = 256UL * 1024; // what the reader reads at once
     TemporaryFolder folder;
 };
 
 TEST_F(LineReader, GivesEveryLineAndTheEndOnlyAfterTheLast) {
-    using Lines = std::vector<std::string>;
     EXPECT_EQ(linesOf(""), Lines());
     EXPECT_EQ(linesOf("\n"), Lines{""});
     EXPECT_EQ(linesOf("a\nb\n"), (Lines{"a", "b"}));
@@ -299,6 +330,66 @@ TEST_F(LineReader, GivesEveryLineAndTheEndOnlyAfterTheLast) {
     EXPECT_EQ(linesOf("a\r\n\0\xff\n"s), (Lines{"a\r", "\0\xff"s}));
     std::string const longLine(3'000'000, '7');
     EXPECT_EQ(linesOf(longLine + "\n" + longLine), (Lines{longLine, longLine}));
+}
+
+// Lines whose last byte, newline or neither is the last of a block.
+TEST_F(LineReader, KeepsLinesWholeAcrossBlocks) {
+    std::string const full = "0049123456789  20200101000000  NETA\r";
+    for (std::size_t const blocks : {1U, 2U, 4U})
+        for (int const beyond : {-2, -1, 0, 1, 2})
+            for (std::string const& after : {""s, "\n"s, "\nlast"s, "\n\n\0\n"s}) {
+                std::size_t const size = blocks * block + static_cast<std::size_t>(beyond);
+                std::string content;
+                Lines expected;
+                while (content.size() + 2 * full.size() < size) {
+                    content += full + '\n';
+                    expected.push_back(full);
+                }
+                expected.emplace_back(size - content.size(), '7');
+                content += expected.back() + after;
+                if (after == "\nlast")
+                    expected.emplace_back("last");
+                if (after.size() == 4)
+                    expected.insert(expected.end(), {"", "\0"s});
+                ASSERT_TRUE(linesOf(content) == expected) << blocks << " blocks " << beyond << ' ' << after.size();
+            }
+}
+
+TEST_F(LineReader, ReadsLinesOfManyBlocksBetweenShortOnes) {
+    for (std::size_t const length : {block / 2, block - 1, block, block + 1, 2 * block, 5 * block + 7}) {
+        std::string const longLine(length, '\r');
+        Lines const expected = {"short", longLine, "", longLine, longLine + "x", "end"};
+        std::string content;
+        for (std::string const& line : expected)
+            content += line + '\n';
+        content.pop_back();
+        ASSERT_TRUE(linesOf(content) == expected) << length;
+    }
+}
+
+TEST_F(LineReader, ReadsWhatIsAppendedUntilTheEndShows) {
+    folder.write("lines", "a\nb");
+    STR::FileIoTurbo reader;
+    ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+    std::string_view line;
+    auto const expectLines = [&](Lines const& lines) {
+        for (std::string const& expected : lines) {
+            EXPECT_TRUE(reader.readLine(line));
+            EXPECT_EQ(line, expected);
+            EXPECT_EQ(feof(reader.stream()), 0);
+        }
+    };
+    expectLines({"a", "b"});
+    append("c\nd");
+    expectLines({"c", "d"});
+    append("\n");
+    expectLines({""});
+    EXPECT_FALSE(reader.readLine(line));
+    EXPECT_NE(feof(reader.stream()), 0);
+    append("e\n");
+    EXPECT_FALSE(reader.readLine(line));
+    EXPECT_NE(feof(reader.stream()), 0);
+    EXPECT_EQ(reader.fileSize(), 3U);
 }
 
 TEST_F(LineReader, OpensRegularFilesOnlyAndNeverWaits) {
@@ -329,6 +420,54 @@ TEST_F(LineReader, TellsAReadErrorFromTheEnd) {
     BAS::String line;
     EXPECT_FALSE(reader.readLine(line));
     EXPECT_EQ(feof(reader.stream()), 0);
+}
+
+// The block that was read ends inside a line, behind one, or inside a line that is longer.
+TEST_F(LineReader, ReturnsNothingOfALineThatAReadErrorBreaks) {
+    for (std::size_t const length : {std::size_t(36), std::size_t(31), 2 * block}) {
+        std::string const full(length, '7'), first(31, '1');
+        std::string content = first + '\n';
+        while (content.size() < 3 * block)
+            content += full + '\n';
+        folder.write("lines", content);
+        STR::FileIoTurbo reader;
+        ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+        BAS::String line;
+        ASSERT_TRUE(reader.readLine(line));
+        breakReading(reader);
+        std::size_t lines = 0;
+        for (; reader.readLine(line); ++lines)
+            ASSERT_EQ(line.str(), full);
+        EXPECT_EQ(feof(reader.stream()), 0);
+        EXPECT_EQ(lines == 0, length > block);
+        EXPECT_EQ(line.str(), lines == 0 ? first : full) << "left alone";
+    }
+}
+
+TEST_F(LineReader, SurvivesALineThatMemoryCannotHold) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer ends the program when memory runs out";
+#endif
+    folder.write("lines", "first\n");
+    std::filesystem::resize_file(folder.file("lines"), 1UL << 40);
+    STR::FileIoTurbo reader;
+    ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+    std::string_view line;
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    rlimit old = {};
+    getrlimit(RLIMIT_AS, &old);
+    rlimit const little = {pages * 4096 + (64UL << 20), old.rlim_max};
+    EXPECT_TRUE(reader.readLine(line));
+    setrlimit(RLIMIT_AS, &little);
+    EXPECT_THROW(reader.readLine(line), std::bad_alloc);
+    EXPECT_THROW(reader.readLine(line), std::bad_alloc) << "still that line";
+    setrlimit(RLIMIT_AS, &old);
+    EXPECT_EQ(feof(reader.stream()), 0);
+    EXPECT_TRUE(reader.openFile(BAS::String(folder.write("b", "2\n")), 8));
+    EXPECT_TRUE(reader.readLine(line));
+    EXPECT_EQ(line, "2");
 }
 
 class Writer : public testing::Test {
