@@ -137,7 +137,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     bool success = false; // the last line decides
     ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
         success = insertCounted(*standbyTreeM, line, number, dataFileIoM);
-        lines.append(line);
+        lines.append(line.view());
     });
     if (end == ReadEnd::ERROR || (!success && !reuseOnFailure)) {
         restoreStandby();
@@ -180,7 +180,7 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
     LineStore lines;
     ReadEnd const end = readLines(deltaFileIoM, [&](BAS::String const& line, unsigned long number) {
         insertCounted(*standbyTreeM, line, number, deltaFileIoM);
-        lines.append(line);
+        lines.append(line.view());
     });
     if (end == ReadEnd::ERROR) {
         restoreStandby();
@@ -263,11 +263,12 @@ void CacheManager::exchangeTrees() {
 
 // Feeds the former active tree the lines that the now active one was given, and drops them.
 void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
-    lines.visit([&](BAS::String const& line, unsigned long number) {
+    BAS::String line;
+    lines.consume([&](std::string_view text, unsigned long number) {
+        line.assign(text.data(), text.size());
         insertCache(standbyTreeM.get(), line, number, true, reader);
     });
     standbyCompleteM = true;
-    lines.clear();
 }
 
 void CacheManager::restoreStandby() {

@@ -1,4 +1,5 @@
 // The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
+#include "cache/LineStore.h"
 #include "framework/STR/FileIo.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
@@ -586,4 +587,48 @@ TEST(Caches, LoadSideBySideAndCountTheirNodesRight) {
         EXPECT_EQ(Node::nodeCountM, before);
     }
     EXPECT_GT(single, 4000U);
+}
+
+TEST(LineStore, GivesLinesBackInOrderAcrossChunks) {
+    constexpr std::size_t chunk = LineStore::chunkSizeCM;
+    using Lines = std::vector<std::string>;
+    Lines manyLines;
+    for (std::size_t i = 0; manyLines.size() < 400'000; ++i)
+        manyLines.emplace_back(i % 40, static_cast<char>('a' + i % 26));
+    auto const line = [](std::size_t length) { return std::string(length, 'x'); };
+    LineStore store;
+    for (Lines const& lines : {Lines{},
+                               {""},
+                               {"", "", "\0\r"s, ""},
+                               {line(chunk - 1), ""},
+                               {line(chunk - 2), "", "next"},
+                               {line(chunk), "", line(chunk + 1), line(3 * chunk), "after"},
+                               {"before", line(chunk - 7), line(chunk - 8), line(chunk - 1)},
+                               manyLines}) {
+        for (std::string const& text : lines)
+            store.append(text);
+        Lines visited, consumed;
+        auto const into = [](Lines& to) {
+            return [&to](std::string_view text, unsigned long number) {
+                to.emplace_back(text);
+                ASSERT_EQ(number, to.size());
+            };
+        };
+        store.visit(into(visited));
+        EXPECT_TRUE(visited == lines) << lines.size() << " lines";
+        store.consume(into(consumed));
+        EXPECT_TRUE(consumed == lines) << lines.size() << " lines";
+        store.visit([](std::string_view, unsigned long) { FAIL() << "consumed"; });
+    }
+    store.append("dropped");
+    store.clear();
+    store.append("kept");
+    store.append("dropped by the visitor that throws");
+    EXPECT_THROW(store.consume([](std::string_view text, unsigned long number) {
+        EXPECT_EQ(text, "kept");
+        EXPECT_EQ(number, 1U);
+        throw std::runtime_error("enough");
+    }),
+                 std::runtime_error);
+    store.visit([](std::string_view, unsigned long) { FAIL() << "dropped"; });
 }

@@ -7,6 +7,7 @@
 #include "framework/RW/RWTValSlist.h"
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FileIoTurbo.h"
+#include "fuzz/Calendar.h"
 #include "tests/TemporaryFolder.h"
 
 #include <atomic>
@@ -31,6 +32,16 @@ std::vector<std::string> words(std::string const& text) {
     return result;
 }
 
+// The text in memory of its own size, so that a sanitizer sees what is read beyond its end.
+class ExactText {
+  public:
+    explicit ExactText(std::string_view text) : bytesM(text.begin(), text.end()) {}
+    std::string_view view() const { return {bytesM.data(), bytesM.size()}; }
+
+  private:
+    std::vector<char> bytesM;
+};
+
 // Collects the log for as long as it lives.
 class LogCollector : public BAS::LogSinkIf {
   public:
@@ -50,6 +61,35 @@ TEST(String, SplitsAtWhiteSpaceOnly) {
     EXPECT_EQ(words(" a  b\tc\r"), (Words{"a", "b", "c"}));
     EXPECT_EQ(words("a\vb\fc"), (Words{"a", "b", "c"}));
     EXPECT_EQ(words("S\xc3\xadminn \xa0\xff x\0y"s), (Words{"S\xc3\xadminn", "\xa0\xff", "x\0y"s}));
+}
+
+TEST(String, ViewsOfWordsAreThoseOfSplit) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    // Separators, their neighbours, and bytes that some other reader takes for blanks.
+    std::string const bytes = " \t\r\v\f\n  abcdefg\x08\x0e\x1f!\x85\xa0\x89\xff\0"s;
+    for (std::size_t round = 0; round < 20'000; ++round) {
+        std::string text(round % 200, 'x'); // all lengths around the blocks of 16 and 64 that are looked at
+        std::size_t const choice = random() % 2 == 0 ? bytes.size() : 1 + random() % bytes.size();
+        for (char& byte : text)
+            byte = random() % 4 == 0 ? bytes[random() % choice] : 'x';
+        std::vector<std::string> const expected = words(text);
+        std::vector<std::string_view> views(random() % 6, "untouched");
+        ExactText const line(text);
+        ASSERT_EQ(BAS::String::splitViews(line.view(), views), expected.size());
+        for (std::size_t i = 0; i < views.size(); ++i)
+            ASSERT_EQ(views[i], i < expected.size() ? expected[i] : "untouched") << testing::PrintToString(text);
+    }
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        std::string const text = "left" + std::string(1, static_cast<char>(byte)) + "right, and more than 16 bytes";
+        ASSERT_EQ(BAS::String::splitViews(text, {}), words(text).size()) << byte;
+        ASSERT_EQ(BAS::String::splitViews(text.substr(0, 7), {}), words(text.substr(0, 7)).size()) << byte;
+    }
+    std::string many;
+    for (int i = 0; i < 3'000'000; ++i)
+        many += "w ";
+    EXPECT_EQ(BAS::String::splitViews(many, {}), 3'000'000U);
 }
 
 TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
@@ -102,6 +142,22 @@ TEST(SimpleString, KeepsShortAndLongTextsThroughCopyAndMove) {
         EXPECT_EQ(std::string(original.c_str()).size(), length);
     }
     EXPECT_EQ(sizeof(BAS::SimpleString), 8U);
+}
+
+TEST(SimpleString, KeepsOfAViewWhatIsBeforeItsFirstNul) {
+    for (std::size_t length : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 40U})
+        for (std::size_t nul = 0; nul <= length; ++nul)
+            for (char const after : {'x', '\0', '\x01'}) {
+                std::string text(length, after);
+                text.replace(0, nul, nul, '\x80');
+                if (nul < length)
+                    text[nul] = '\0';
+                BAS::SimpleString const kept(ExactText(text).view());
+                ASSERT_EQ(kept.view(), std::string(nul, '\x80')) << length;
+                ASSERT_EQ(kept, BAS::SimpleString(text.c_str())) << length;
+            }
+    EXPECT_EQ(BAS::SimpleString(std::string_view()).view(), "");
+    EXPECT_EQ(BAS::SimpleString("NETA\0B").view(), "NETA");
 }
 
 TEST(DateTime, TakesRealInstantsOnly) {
@@ -165,6 +221,28 @@ TEST(DateTime, CountsEveryDayAndFormatsItBack) {
     EXPECT_EQ(expected, BAS::DateTime::invalidSecsCM);
 }
 
+TEST(DateTime, AgreesWithTheLibrarysCalendarOnAlmostValidTexts) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::string const bytes = "0123456789/:\x2f\x3a\x20\x00\xb0\xfa\xff?-"s; // digits and their neighbours
+    unsigned valid = 0;
+    for (int round = 0; round < 200'000; ++round) {
+        char buffer[16];
+        std::snprintf(buffer, sizeof buffer, "%04u%02u%02u%02u%02u%02u", unsigned(random() % 10'000),
+                      unsigned(random() % 14), unsigned(random() % 33), unsigned(random() % 26),
+                      unsigned(random() % 62), unsigned(random() % 62));
+        std::string text(buffer, 14);
+        if (random() % 4 == 0)
+            text[random() % 14] = bytes[random() % bytes.size()];
+        text.resize(random() % 64 == 0 ? random() % 16 : 14, '0');
+        std::uint64_t const expected = npfuzz::secondsOf(text).value_or(BAS::DateTime::invalidSecsCM);
+        ASSERT_EQ(BAS::DateTime(ExactText(text).view()).seconds(), expected) << testing::PrintToString(text);
+        valid += expected != BAS::DateTime::invalidSecsCM ? 1 : 0;
+    }
+    EXPECT_GT(valid, 50'000U);
+}
+
 TEST(DateTime, FormatsWithoutZoneAndPadsEarlyYears) {
     setenv("TZ", "Asia/Tokyo", 1); // NOLINT(concurrency-mt-unsafe)
     tzset();
@@ -194,26 +272,57 @@ TEST(Slist, IsLastInFirstOutBeyondItsInlineElements) {
 
 class LineReader : public testing::Test {
   protected:
-    std::vector<std::string> linesOf(std::string const& content) {
+    using Lines = std::vector<std::string>;
+    enum class Form { COPIES, VIEWS, BOTH };
+
+    Lines linesOf(std::string const& content) {
+        folder.write("lines", content);
+        Lines lines = linesOf(Form::COPIES);
+        EXPECT_EQ(linesOf(Form::VIEWS), lines);
+        EXPECT_EQ(linesOf(Form::BOTH), lines);
+        return lines;
+    }
+    Lines linesOf(Form form) {
         STR::FileIoTurbo reader;
-        EXPECT_TRUE(reader.openFile(BAS::String(folder.write("lines", content)), 8));
-        std::vector<std::string> lines;
-        BAS::String line;
+        EXPECT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+        Lines lines;
+        std::string line;
         while (feof(reader.stream()) == 0) {
-            bool const read = reader.readLine(line);
+            bool const asView = form == Form::VIEWS || (form == Form::BOTH && lines.size() % 3 == 1);
+            bool const read = readLine(reader, asView, line);
             EXPECT_EQ(read, feof(reader.stream()) == 0);
             if (read)
-                lines.push_back(line.str());
+                lines.push_back(line);
         }
+        EXPECT_FALSE(readLine(reader, form == Form::VIEWS, line)) << "the end stays";
         EXPECT_TRUE(reader.closeFile());
+        EXPECT_FALSE(readLine(reader, form == Form::VIEWS, line)) << "closed";
         EXPECT_TRUE(reader.closeFile());
         return lines;
     }
+    static bool readLine(STR::FileIoTurbo& reader, bool asView, std::string& line) {
+        BAS::String copy;
+        std::string_view view;
+        if (!(asView ? reader.readLine(view) : reader.readLine(copy)))
+            return false;
+        line = asView ? std::string(view) : copy.str();
+        return true;
+    }
+    void append(std::string const& text) {
+        std::ofstream(folder.file("lines"), std::ios::binary | std::ios::app) << text;
+    }
+    // From here on every read of the reader's file fails.
+    static void breakReading(STR::FileIoTurbo& reader) {
+        int const broken = open("/proc/self/mem", O_RDONLY);
+        dup2(broken, fileno(reader.stream()));
+        close(broken);
+    }
+
+    static constexpr std::size_t block = 256UL * 1024; // what the reader reads at once
     TemporaryFolder folder;
 };
 
 TEST_F(LineReader, GivesEveryLineAndTheEndOnlyAfterTheLast) {
-    using Lines = std::vector<std::string>;
     EXPECT_EQ(linesOf(""), Lines());
     EXPECT_EQ(linesOf("\n"), Lines{""});
     EXPECT_EQ(linesOf("a\nb\n"), (Lines{"a", "b"}));
@@ -221,6 +330,66 @@ TEST_F(LineReader, GivesEveryLineAndTheEndOnlyAfterTheLast) {
     EXPECT_EQ(linesOf("a\r\n\0\xff\n"s), (Lines{"a\r", "\0\xff"s}));
     std::string const longLine(3'000'000, '7');
     EXPECT_EQ(linesOf(longLine + "\n" + longLine), (Lines{longLine, longLine}));
+}
+
+// Lines whose last byte, newline or neither is the last of a block.
+TEST_F(LineReader, KeepsLinesWholeAcrossBlocks) {
+    std::string const full = "0049123456789  20200101000000  NETA\r";
+    for (std::size_t const blocks : {1U, 2U, 4U})
+        for (int const beyond : {-2, -1, 0, 1, 2})
+            for (std::string const& after : {""s, "\n"s, "\nlast"s, "\n\n\0\n"s}) {
+                std::size_t const size = blocks * block + static_cast<std::size_t>(beyond);
+                std::string content;
+                Lines expected;
+                while (content.size() + 2 * full.size() < size) {
+                    content += full + '\n';
+                    expected.push_back(full);
+                }
+                expected.emplace_back(size - content.size(), '7');
+                content += expected.back() + after;
+                if (after == "\nlast")
+                    expected.emplace_back("last");
+                if (after.size() == 4)
+                    expected.insert(expected.end(), {"", "\0"s});
+                ASSERT_TRUE(linesOf(content) == expected) << blocks << " blocks " << beyond << ' ' << after.size();
+            }
+}
+
+TEST_F(LineReader, ReadsLinesOfManyBlocksBetweenShortOnes) {
+    for (std::size_t const length : {block / 2, block - 1, block, block + 1, 2 * block, 5 * block + 7}) {
+        std::string const longLine(length, '\r');
+        Lines const expected = {"short", longLine, "", longLine, longLine + "x", "end"};
+        std::string content;
+        for (std::string const& line : expected)
+            content += line + '\n';
+        content.pop_back();
+        ASSERT_TRUE(linesOf(content) == expected) << length;
+    }
+}
+
+TEST_F(LineReader, ReadsWhatIsAppendedUntilTheEndShows) {
+    folder.write("lines", "a\nb");
+    STR::FileIoTurbo reader;
+    ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+    std::string_view line;
+    auto const expectLines = [&](Lines const& lines) {
+        for (std::string const& expected : lines) {
+            EXPECT_TRUE(reader.readLine(line));
+            EXPECT_EQ(line, expected);
+            EXPECT_EQ(feof(reader.stream()), 0);
+        }
+    };
+    expectLines({"a", "b"});
+    append("c\nd");
+    expectLines({"c", "d"});
+    append("\n");
+    expectLines({""});
+    EXPECT_FALSE(reader.readLine(line));
+    EXPECT_NE(feof(reader.stream()), 0);
+    append("e\n");
+    EXPECT_FALSE(reader.readLine(line));
+    EXPECT_NE(feof(reader.stream()), 0);
+    EXPECT_EQ(reader.fileSize(), 3U);
 }
 
 TEST_F(LineReader, OpensRegularFilesOnlyAndNeverWaits) {
@@ -251,6 +420,54 @@ TEST_F(LineReader, TellsAReadErrorFromTheEnd) {
     BAS::String line;
     EXPECT_FALSE(reader.readLine(line));
     EXPECT_EQ(feof(reader.stream()), 0);
+}
+
+// The block that was read ends inside a line, behind one, or inside a line that is longer.
+TEST_F(LineReader, ReturnsNothingOfALineThatAReadErrorBreaks) {
+    for (std::size_t const length : {std::size_t(36), std::size_t(31), 2 * block}) {
+        std::string const full(length, '7'), first(31, '1');
+        std::string content = first + '\n';
+        while (content.size() < 3 * block)
+            content += full + '\n';
+        folder.write("lines", content);
+        STR::FileIoTurbo reader;
+        ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+        BAS::String line;
+        ASSERT_TRUE(reader.readLine(line));
+        breakReading(reader);
+        std::size_t lines = 0;
+        for (; reader.readLine(line); ++lines)
+            ASSERT_EQ(line.str(), full);
+        EXPECT_EQ(feof(reader.stream()), 0);
+        EXPECT_EQ(lines == 0, length > block);
+        EXPECT_EQ(line.str(), lines == 0 ? first : full) << "left alone";
+    }
+}
+
+TEST_F(LineReader, SurvivesALineThatMemoryCannotHold) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer ends the program when memory runs out";
+#endif
+    folder.write("lines", "first\n");
+    std::filesystem::resize_file(folder.file("lines"), 1UL << 40);
+    STR::FileIoTurbo reader;
+    ASSERT_TRUE(reader.openFile(BAS::String(folder.file("lines")), 8));
+    std::string_view line;
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    rlimit old = {};
+    getrlimit(RLIMIT_AS, &old);
+    rlimit const little = {pages * 4096 + (64UL << 20), old.rlim_max};
+    EXPECT_TRUE(reader.readLine(line));
+    setrlimit(RLIMIT_AS, &little);
+    EXPECT_THROW(reader.readLine(line), std::bad_alloc);
+    EXPECT_THROW(reader.readLine(line), std::bad_alloc) << "still that line";
+    setrlimit(RLIMIT_AS, &old);
+    EXPECT_EQ(feof(reader.stream()), 0);
+    EXPECT_TRUE(reader.openFile(BAS::String(folder.write("b", "2\n")), 8));
+    EXPECT_TRUE(reader.readLine(line));
+    EXPECT_EQ(line, "2");
 }
 
 class Writer : public testing::Test {

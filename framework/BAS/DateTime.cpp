@@ -1,6 +1,8 @@
 #include "framework/BAS/DateTime.h"
 
+#include <array>
 #include <chrono>
+#include <cstring>
 #include <ostream>
 
 namespace BAS {
@@ -18,11 +20,18 @@ struct Civil {
     unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
 };
 
+// Months and leap years come in no order that a processor could foresee: no branches.
+constexpr bool isLeap(unsigned year) {
+    unsigned const mask = year % 25 == 0 ? 15 : 3; // a multiple of 25 is one of 100 if it is one of 4
+    return (year & mask) == 0;
+}
+static_assert(isLeap(2000) && !isLeap(1900) && isLeap(2024) && !isLeap(2025) && !isLeap(2023));
+
 constexpr std::uint64_t daysSinceYearOne(unsigned year, unsigned month, unsigned day) {
-    unsigned const y = month <= 2 ? year - 1 : year;
-    unsigned const monthFromMarch = month > 2 ? month - 3 : month + 9;
-    unsigned const dayOfYear = (153 * monthFromMarch + 2) / 5 + day - 1;
-    return 365ULL * y + y / 4 - y / 100 + y / 400 + dayOfYear - marchToJanuary;
+    constexpr std::uint16_t daysBefore[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    unsigned const y = year - 1;
+    unsigned const leapDay = static_cast<unsigned>(month > 2) & static_cast<unsigned>(isLeap(year));
+    return 365ULL * y + y / 4 - y / 100 + y / 400 + daysBefore[month - 1] + leapDay + day - 1;
 }
 static_assert(daysSinceYearOne(1, 1, 1) == 0);
 static_assert(daysSinceYearOne(10000, 1, 1) * secondsPerDay == DateTime::invalidSecsCM);
@@ -46,23 +55,49 @@ constexpr Civil civil(std::uint64_t seconds) {
 }
 
 constexpr unsigned daysInMonth(unsigned year, unsigned month) {
-    constexpr unsigned days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    bool const leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    return month == 2 && leap ? 29 : days[month - 1];
+    constexpr std::uint8_t days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return days[month - 1] + (static_cast<unsigned>(month == 2) & static_cast<unsigned>(isLeap(year)));
 }
 
-unsigned number(std::string_view digits) {
-    unsigned result = 0;
-    for (char const digit : digits)
-        result = 10 * result + static_cast<unsigned>(digit - '0');
-    return result;
+// Eight characters as one word, the first in the lowest byte.
+std::uint64_t wordAt(char const* text) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text, sizeof word);
+    return word;
 }
 
-void putDigits(char* to, unsigned value, unsigned count) {
-    while (count-- > 0) {
-        to[count] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    }
+// Whether all bytes are '0' (0x30) to '9' (0x39): the high half is 3, also with 6 added. A byte that is not may carry
+// into the next one but has failed by then.
+constexpr bool areDigits(std::uint64_t word) {
+    constexpr std::uint64_t highHalves = 0xF0F0F0F0F0F0F0F0, threes = 0x3030303030303030, sixes = 0x0606060606060606;
+    return (word & highHalves) == threes && ((word + sixes) & highHalves) == threes;
+}
+
+// The four two-digit numbers of eight digits, one every 16 bits.
+constexpr std::uint64_t pairsOf(std::uint64_t digits) {
+    std::uint64_t const values = digits & 0x0F0F0F0F0F0F0F0F;
+    return (10 * values + (values >> 8)) & 0x00FF00FF00FF00FF;
+}
+
+constexpr unsigned pairAt(std::uint64_t pairs, unsigned position) {
+    return pairs >> (16 * position) & 0xFF;
+}
+
+// "00", "01" to "99" in a row.
+constexpr std::array<char, 200> twoDigits = [] {
+    std::array<char, 200> digits{};
+    for (unsigned i = 0; i < digits.size(); ++i)
+        digits[i] = static_cast<char>('0' + (i % 2 == 0 ? i / 20 : i / 2 % 10));
+    return digits;
+}();
+
+void putPair(char* to, unsigned value) {
+    std::memcpy(to, &twoDigits[2UL * value], 2);
+}
+
+void putYear(char* to, unsigned year) {
+    putPair(to, year / 100);
+    putPair(to + 2, year % 100);
 }
 
 // Appends what the conversion character stands for; false when it is none of ours.
@@ -72,22 +107,22 @@ bool appendConversion(std::string& text, Civil const& when, char conversion) {
     switch (conversion) {
     case 'Y':
         count = 4;
-        putDigits(digits, when.year, count);
+        putYear(digits, when.year);
         break;
     case 'm':
-        putDigits(digits, when.month, count);
+        putPair(digits, when.month);
         break;
     case 'd':
-        putDigits(digits, when.day, count);
+        putPair(digits, when.day);
         break;
     case 'H':
-        putDigits(digits, when.hour, count);
+        putPair(digits, when.hour);
         break;
     case 'M':
-        putDigits(digits, when.minute, count);
+        putPair(digits, when.minute);
         break;
     case 'S':
-        putDigits(digits, when.second, count);
+        putPair(digits, when.second);
         break;
     case '%':
         text += '%';
@@ -104,15 +139,16 @@ bool appendConversion(std::string& text, Civil const& when, char conversion) {
 DateTime::DateTime(std::string_view text) noexcept {
     if (text.size() != digitsInText)
         return;
-    for (char const character : text)
-        if (character < '0' || character > '9')
-            return;
-    unsigned const year = number(text.substr(0, 4));
-    unsigned const month = number(text.substr(4, 2));
-    unsigned const day = number(text.substr(6, 2));
-    unsigned const hour = number(text.substr(8, 2));
-    unsigned const minute = number(text.substr(10, 2));
-    unsigned const second = number(text.substr(12, 2));
+    std::uint64_t const date = wordAt(text.data());                              // YYYYMMDD
+    std::uint64_t const time = wordAt(text.data() + digitsInText - sizeof date); // DDHHMMSS
+    if (!areDigits(date) || !areDigits(time))
+        return;
+    unsigned const year = 100 * pairAt(pairsOf(date), 0) + pairAt(pairsOf(date), 1);
+    unsigned const month = pairAt(pairsOf(date), 2);
+    unsigned const day = pairAt(pairsOf(date), 3);
+    unsigned const hour = pairAt(pairsOf(time), 1);
+    unsigned const minute = pairAt(pairsOf(time), 2);
+    unsigned const second = pairAt(pairsOf(time), 3);
     if (year == 0 || month == 0 || month > 12 || day == 0 || day > daysInMonth(year, month))
         return;
     if (hour > 23 || minute > 59 || second > 59)
@@ -146,10 +182,12 @@ String DateTime::asString(String const& pattern) const {
 
 void DateTime::toDigits(char* to) const noexcept {
     Civil const when = civil(secondsM);
-    putDigits(to, when.year, 4);
-    unsigned const pairs[] = {when.month, when.day, when.hour, when.minute, when.second};
-    for (unsigned i = 0; i < 5; ++i)
-        putDigits(to + 4 + 2UL * i, pairs[i], 2);
+    putYear(to, when.year);
+    putPair(to + 4, when.month);
+    putPair(to + 6, when.day);
+    putPair(to + 8, when.hour);
+    putPair(to + 10, when.minute);
+    putPair(to + 12, when.second);
 }
 
 std::ostream& operator<<(std::ostream& out, DateTime const& dateTime) {

@@ -6,10 +6,6 @@ namespace BAS {
 
 static_assert(sizeof(SimpleString) == 8 && sizeof(char*) == 8);
 
-SimpleString::SimpleString(char const* text) {
-    store(text);
-}
-
 SimpleString::SimpleString(SimpleString const& other) {
     if (other.isHeap())
         store(other.view());

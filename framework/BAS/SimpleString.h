@@ -12,6 +12,7 @@
 // The tag hides heap texts from the leak sanitizer: it takes what only such a pointer keeps alive for lost.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
@@ -22,7 +23,14 @@ namespace BAS {
 class SimpleString {
   public:
     SimpleString() noexcept = default;
-    explicit SimpleString(char const* text); // up to the first NUL; not null
+    explicit SimpleString(char const* text) { store(text); } // up to the first NUL; not null
+    // Up to the first NUL, if there is one; nothing beyond the view is read.
+    explicit SimpleString(std::string_view text) {
+        if (text.size() < sizeCM)
+            storeWord(wordOf(text));
+        else
+            store(text.substr(0, text.find('\0')));
+    }
     SimpleString(SimpleString const& other);
     SimpleString(SimpleString&& other) noexcept { swap(other); }
     SimpleString& operator=(SimpleString const& other) {
@@ -68,7 +76,27 @@ class SimpleString {
         std::memcpy(&text, address, sizeCM);
         return text;
     }
-    void store(std::string_view text);
+    // The first seven characters or less as one word, the first in the lowest byte, zero bytes after them.
+    static std::uint64_t wordOf(std::string_view text) noexcept {
+        std::uint64_t word = 0;
+        if (text.size() >= 4) { // the first four and the last four, which may overlap
+            std::uint32_t first = 0, last = 0;
+            std::memcpy(&first, text.data(), 4);
+            std::memcpy(&last, text.data() + text.size() - 4, 4);
+            word = first | static_cast<std::uint64_t>(last) << 8 * (text.size() - 4);
+        } else {
+            for (std::size_t i = 0; i < text.size(); ++i)
+                word |= static_cast<std::uint64_t>(static_cast<unsigned char>(text[i])) << 8 * i;
+        }
+        return word;
+    }
+    // Keeps what is before the first zero byte of the word, which has one.
+    void storeWord(std::uint64_t word) noexcept {
+        std::uint64_t const zeros = (word - 0x0101010101010101) & ~word & 0x8080808080808080; // the lowest one is exact
+        word &= (zeros & -zeros) - 1;
+        std::memcpy(bytesM, &word, sizeCM);
+    }
+    void store(std::string_view text); // without NUL
     void assignHeap(SimpleString const& other);
     void swap(SimpleString& other) noexcept {
         char mine[sizeCM];

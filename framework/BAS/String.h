@@ -13,6 +13,7 @@
 #include <compare>
 #include <cstddef>
 #include <iosfwd>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -49,6 +50,10 @@ class String {
 
     // The same into `words`, but the first `most` only; returns how many words there are.
     std::size_t split(RWTValOrderedVector<String>& words, std::size_t most) const;
+
+    // The same words of `line` as views of it, the first words.size() of them; returns how many there are. Allocates
+    // nothing.
+    static std::size_t splitViews(std::string_view line, std::span<std::string_view> words) noexcept;
 
     // The text as an unsigned decimal number: one digit or more, nothing else (no sign, no blank), at most
     // 4294967295. False, and `number` unchanged, for any other text.
