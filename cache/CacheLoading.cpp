@@ -2,6 +2,7 @@
 #include "cache/CacheManager.h"
 #include "cache/LineStore.h"
 #include "cache/OwnerServices.h"
+#include "cache/TreeFilling.h"
 #include "framework/STR/FileIo.h"
 
 #include <algorithm>
@@ -13,15 +14,9 @@ namespace DAT::NumberPortability {
 
 namespace {
 
-bool isAccepted(LineOutcome outcome) {
-    return outcome == LineOutcome::INSERTED || outcome == LineOutcome::DUPLICATE;
-}
-
 void count(LineOutcome outcome, DataSummary& summary) {
-    ++summary.lines;
     switch (outcome) {
     case LineOutcome::INSERTED:
-        ++summary.records;
         break;
     case LineOutcome::DUPLICATE:
         ++summary.duplicates;
@@ -68,16 +63,15 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
     progressM.start(reader.fileSize());
     if (!reader.isOpen()) // it has gone since the file check
         return ReadEnd::ERROR;
-    BAS::String line;
-    unsigned long number = 0;
+    std::string_view line;
     while (std::feof(reader.stream()) == 0) {
         bool const read = reader.readLine(line);
         if (std::feof(reader.stream()) != 0)
             return ReadEnd::END_AT_READ;
         if (!read)
             return ReadEnd::ERROR;
-        take(line, ++number);
         progressM.addLine(line.length() + 1);
+        take(line);
     }
     return ReadEnd::END_BEFORE_READ;
 }
@@ -94,10 +88,10 @@ bool CacheManager::load() {
         return false;
     reopen(dataFileIoM, dataFileNameM);
     standbyCompleteM = false;
-    ReadEnd const end = readLines(dataFileIoM, [this](BAS::String const& line, unsigned long number) {
-        insertCounted(active(), line, number, dataFileIoM);
-        insertCache(standbyTreeM.get(), line, number, true, dataFileIoM);
-    });
+    TreeFilling filling(*this, dataFileIoM, active(), standbyTreeM.get());
+    ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
+    filling.finish();
+    rejectedM = filling.rejected();
     standbyCompleteM = true;
     markLive();
     mainFileLoadedM = end != ReadEnd::ERROR;
@@ -134,12 +128,9 @@ bool CacheManager::reload(bool reuseOnFailure) {
     standbyTreeM->clearAndDestroy();
 
     LineStore lines;
-    bool success = false; // the last line decides
-    ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
-        success = insertCounted(*standbyTreeM, line, number, dataFileIoM);
-        lines.append(line.view());
-    });
-    if (end == ReadEnd::ERROR || (!success && !reuseOnFailure)) {
+    TreeFilling filling(*this, dataFileIoM, *standbyTreeM);
+    ReadEnd const end = fill(filling, lines, dataFileIoM);
+    if (end == ReadEnd::ERROR || (!filling.lastAccepted() && !reuseOnFailure)) {
         restoreStandby();
         return end == ReadEnd::ERROR && readError(dataFileIoM);
     }
@@ -178,10 +169,8 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
     standbyCompleteM = false;
 
     LineStore lines;
-    ReadEnd const end = readLines(deltaFileIoM, [&](BAS::String const& line, unsigned long number) {
-        insertCounted(*standbyTreeM, line, number, deltaFileIoM);
-        lines.append(line.view());
-    });
+    TreeFilling filling(*this, deltaFileIoM, *standbyTreeM);
+    ReadEnd const end = fill(filling, lines, deltaFileIoM);
     if (end == ReadEnd::ERROR) {
         restoreStandby();
         return readError(deltaFileIoM);
@@ -212,29 +201,30 @@ bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject)
         return false;
     reopen(dataFileIoM, dataFileNameM);
     NumberPortabilityTree tree;
-    ReadEnd const end = readLines(dataFileIoM, [&](BAS::String const& line, unsigned long number) {
-        LineOutcome const outcome = insertLine(tree, line, number, true, dataFileIoM);
-        count(outcome, summary);
-        if (outcome != LineOutcome::INSERTED)
-            onReject(number, outcome, line);
-    });
+    TreeFilling filling(*this, dataFileIoM, tree, nullptr,
+                        [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
+                            count(outcome, summary);
+                            onReject(number, outcome, line);
+                        });
+    ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
+    filling.finish();
+    summary.lines = progressM.lines();
+    summary.records = tree.entries();
     summarise(tree, summary);
     if (end == ReadEnd::ERROR)
         return readError(dataFileIoM);
     return closeMainReader();
 }
 
-bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
-                               STR::FileIoTurbo& reader) {
-    return isAccepted(insertLine(*tree, line, number, ordered, reader));
-}
-
-// The first of a load's two parses of a line counts what is wrong with it.
-bool CacheManager::insertCounted(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
-                                 STR::FileIoTurbo& reader) {
-    LineOutcome const outcome = insertLine(tree, line, number, true, reader);
-    rejectedM += outcome == LineOutcome::INSERTED ? 0 : 1;
-    return isAccepted(outcome);
+// Reads into the trees of `filling` and keeps the lines.
+CacheManager::ReadEnd CacheManager::fill(TreeFilling& filling, LineStore& lines, STR::FileIoTurbo& reader) {
+    ReadEnd const end = readLines(reader, [&](std::string_view line) {
+        filling.add(line);
+        lines.append(line);
+    });
+    filling.finish();
+    rejectedM = filling.rejected();
+    return end;
 }
 
 void CacheManager::markLive() {
@@ -263,11 +253,9 @@ void CacheManager::exchangeTrees() {
 
 // Feeds the former active tree the lines that the now active one was given, and drops them.
 void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
-    BAS::String line;
-    lines.consume([&](std::string_view text, unsigned long number) {
-        line.assign(text.data(), text.size());
-        insertCache(standbyTreeM.get(), line, number, true, reader);
-    });
+    TreeFilling filling(*this, reader, *standbyTreeM);
+    lines.consume([&](std::string_view line, unsigned long) { filling.add(line); });
+    filling.finish();
     standbyCompleteM = true;
 }
 

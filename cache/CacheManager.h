@@ -31,16 +31,20 @@
 #include "framework/STR/FileIoTurbo.h"
 #include "store/NumberPortabilityTree.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <exception>
 #include <iosfwd>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace DAT::NumberPortability {
 
 class LineStore;
+class TreeFilling;
 class PlugIn;
 
 class CacheManager {
@@ -120,6 +124,18 @@ class CacheManager {
     LoadProgress const& progress() const { return progressM; }
 
   private:
+    friend class TreeFilling;
+
+    // One line, taken apart. The words are views of it.
+    struct ParsedLine {
+        std::array<std::string_view, 3> words; // number, valid-from, network
+        std::size_t found = 0;                 // words in all
+        std::string number;                    // in stored form
+        PBC::Digits key;                       // its first digits
+        bool isLong = false;                   // it has more than those
+        NumberPortabilityData record;
+    };
+
     // How the reading of a file ended.
     enum class ReadEnd { END_AT_READ, END_BEFORE_READ, ERROR };
 
@@ -127,18 +143,16 @@ class CacheManager {
     template <class Take>
     ReadEnd readLines(STR::FileIoTurbo& reader, Take&& take);
 
-    LineOutcome insertLine(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number, bool ordered,
-                           STR::FileIoTurbo& reader);
-    LineOutcome rejectFields(std::size_t found, BAS::String const& line, unsigned long number,
-                             STR::FileIoTurbo const& reader);
-    LineOutcome reject(LineOutcome outcome, BAS::String const& detail, BAS::String const& moreDetail,
-                       unsigned long number, STR::FileIoTurbo const& reader);
+    // INSERTED when the line is a record; nothing is inserted.
+    LineOutcome parse(std::string_view line, ParsedLine& parsed) const;
+    void storedForm(std::string_view number, std::string& stored) const;
+    // Reports what is wrong with a line, as parse or a tree has found it.
+    void reportLine(LineOutcome outcome, std::string_view line, unsigned long number, STR::FileIoTurbo const& reader);
 
+    ReadEnd fill(TreeFilling& filling, LineStore& lines, STR::FileIoTurbo& reader);
     void beginLoad();
     bool reload(bool reuseOnFailure);
     bool deltaLoad(BAS::String const& fileName);
-    bool insertCounted(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
-                       STR::FileIoTurbo& reader);
     void reopen(STR::FileIoTurbo& reader, BAS::String const& fileName);
     bool readError(STR::FileIoTurbo const& reader);
     void exchangeTrees();

@@ -3,23 +3,29 @@
 namespace DAT::NumberPortability {
 
 void CacheManager::normalize(BAS::String& number) const {
+    std::string stored;
+    storedForm(number.view(), stored);
+    number = BAS::String(std::move(stored));
+}
+
+void CacheManager::storedForm(std::string_view number, std::string& stored) const {
     std::size_t removed = 0;
     bool withCountryCode = true;
     if (!number.empty()) {
-        if (number.beginsWith(internationalAccessCodeSignM)) {
+        if (number.starts_with(internationalAccessCodeSignM.view())) {
             removed = internationalAccessCodeSignM.length();
             withCountryCode = false;
-        } else if (number.beginsWith(internationalAccessCodeM)) {
+        } else if (number.starts_with(internationalAccessCodeM.view())) {
+            stored = number;
             return;
-        } else if (number.beginsWith(nationalAccessCodeM)) {
+        } else if (number.starts_with(nationalAccessCodeM.view())) {
             removed = nationalAccessCodeM.length();
         }
     }
-    BAS::String stored = internationalAccessCodeM;
+    stored = internationalAccessCodeM.view();
     if (withCountryCode)
-        stored += countryCodeM;
-    stored += BAS::String(number.view().substr(removed));
-    number = std::move(stored);
+        stored += countryCodeM.view();
+    stored += number.substr(removed);
 }
 
 } // namespace DAT::NumberPortability

@@ -2,11 +2,11 @@
 #include "cache/CacheManager.h"
 #include "cache/OwnerServices.h"
 
+#include <algorithm>
+
 namespace DAT::NumberPortability {
 
 namespace {
-
-constexpr std::size_t fields = 3; // number, valid-from, network
 
 BAS::String atLine(char const* prefix, unsigned long number, STR::FileIoTurbo const& reader) {
     return BAS::String(prefix) + BAS::String::convert(number) + " in File '" + reader.fileName() + "'. ";
@@ -32,44 +32,66 @@ char const* identifierOf(LineOutcome outcome) {
 
 } // namespace
 
-LineOutcome CacheManager::insertLine(NumberPortabilityTree& tree, BAS::String const& line, unsigned long number,
-                                     bool ordered, STR::FileIoTurbo& reader) {
-    RWTValOrderedVector<BAS::String> words;
-    std::size_t const found = line.split(words, fields); // a line of millions of words must not cost memory for each
-    if (found != numberOfColumnsM || found < fields)
-        return rejectFields(found, line, number, reader);
-    for (std::size_t i = 0; i < words.length(); ++i)
-        words[i].strip(' ');
-    BAS::String& telephoneNumber = words[0];
-    normalize(telephoneNumber);
+bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
+                               STR::FileIoTurbo& reader) {
+    ParsedLine parsed;
+    LineOutcome outcome = parse(line.view(), parsed);
+    if (outcome == LineOutcome::INSERTED && !tree->insert(BAS::String(parsed.number), parsed.record, ordered))
+        outcome = LineOutcome::DUPLICATE;
+    if (outcome != LineOutcome::INSERTED)
+        reportLine(outcome, line.view(), number, reader);
+    return outcome == LineOutcome::INSERTED || outcome == LineOutcome::DUPLICATE;
+}
 
-    NumberPortabilityData const record(BAS::DateTime(words[1]), BAS::SimpleString(words[2].data()));
-    if (record.validFromM.seconds() >= BAS::DateTime::invalidSecsCM)
-        return reject(LineOutcome::INVALID_DATE_TIME, words[1], telephoneNumber, number, reader);
-    if (!tree.isStorable(telephoneNumber))
-        return reject(LineOutcome::INVALID_NUMBER, telephoneNumber, words[1], number, reader);
-    if (record.networkIdM.view().size() != words[2].length())
-        return reject(LineOutcome::INVALID_NETWORK_ID, words[2], telephoneNumber, number, reader);
-    if (!tree.insert(telephoneNumber, record, ordered))
-        return reject(LineOutcome::DUPLICATE, telephoneNumber, record.validFromM.asString("%Y%m%d%H%M%S"), number,
-                      reader);
+LineOutcome CacheManager::parse(std::string_view line, ParsedLine& parsed) const {
+    parsed.found = BAS::String::splitViews(line, parsed.words);
+    if (parsed.found != numberOfColumnsM || parsed.found != parsed.words.size())
+        return LineOutcome::WRONG_FIELD_COUNT;
+    auto const& [number, validFrom, network] = parsed.words; // words have no blanks around them to strip
+    storedForm(number, parsed.number);
+    parsed.record.validFromM = BAS::DateTime(validFrom);
+    if (!parsed.record.validFromM.isValid())
+        return LineOutcome::INVALID_DATE_TIME;
+    std::string_view rest = parsed.number;
+    parsed.key = {};
+    parsed.key.appendDecimal(rest);
+    parsed.isLong = std::any_of(rest.begin(), rest.end(), PBC::Digits::isDecimal);
+    if (parsed.key.empty())
+        return LineOutcome::INVALID_NUMBER;
+    if (network.find('\0') != std::string_view::npos)
+        return LineOutcome::INVALID_NETWORK_ID;
+    parsed.record.networkIdM = BAS::SimpleString(network);
     return LineOutcome::INSERTED;
 }
 
-LineOutcome CacheManager::rejectFields(std::size_t found, BAS::String const& line, unsigned long number,
-                                       STR::FileIoTurbo const& reader) {
-    OwnerServices::report(*plugInM, identifierOf(LineOutcome::WRONG_FIELD_COUNT), BAS::Status::WARNING,
-                          BAS::Status::Arguments{BAS::String::convert(found), BAS::String::convert(numberOfColumnsM),
-                                                 line, atLine("At Line# ", number, reader)});
-    return LineOutcome::WRONG_FIELD_COUNT;
-}
-
-LineOutcome CacheManager::reject(LineOutcome outcome, BAS::String const& detail, BAS::String const& moreDetail,
-                                 unsigned long number, STR::FileIoTurbo const& reader) {
-    OwnerServices::report(
-        *plugInM, identifierOf(outcome), BAS::Status::WARNING,
-        BAS::Status::Arguments{atLine("Invalid N-Port Data at Line# ", number, reader), detail, moreDetail});
-    return outcome;
+void CacheManager::reportLine(LineOutcome outcome, std::string_view line, unsigned long number,
+                              STR::FileIoTurbo const& reader) {
+    ParsedLine parsed;
+    parse(line, parsed);
+    BAS::Status::Arguments arguments;
+    BAS::String const place = atLine("Invalid N-Port Data at Line# ", number, reader);
+    auto const& [numberWord, validFrom, network] = parsed.words;
+    switch (outcome) {
+    case LineOutcome::WRONG_FIELD_COUNT:
+        arguments = {BAS::String::convert(parsed.found), BAS::String::convert(numberOfColumnsM), BAS::String(line),
+                     atLine("At Line# ", number, reader)};
+        break;
+    case LineOutcome::INVALID_DATE_TIME:
+        arguments = {place, BAS::String(validFrom), BAS::String(parsed.number)};
+        break;
+    case LineOutcome::INVALID_NUMBER:
+        arguments = {place, BAS::String(parsed.number), BAS::String(validFrom)};
+        break;
+    case LineOutcome::INVALID_NETWORK_ID:
+        arguments = {place, BAS::String(network), BAS::String(parsed.number)};
+        break;
+    case LineOutcome::DUPLICATE:
+        arguments = {place, BAS::String(parsed.number), parsed.record.validFromM.asString("%Y%m%d%H%M%S")};
+        break;
+    case LineOutcome::INSERTED:
+        return;
+    }
+    OwnerServices::report(*plugInM, identifierOf(outcome), BAS::Status::WARNING, arguments);
 }
 
 } // namespace DAT::NumberPortability

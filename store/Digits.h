@@ -36,19 +36,18 @@ class Digits {
         lengthM -= count;
     }
 
-    // Takes the whole of `text` when it is eight to sixteen decimal digits and nothing else; false, and nothing changes,
-    // otherwise. For an empty object.
-    bool takeDecimal(std::string_view& text) {
-        if (text.size() < 8 || text.size() > mostCM)
-            return false;
-        std::uint64_t begin = 0, end = 0; // eight characters each; they may overlap
-        if (!eight(text.data(), begin) || !eight(text.data() + text.size() - 8, end))
-            return false;
-        lengthM = static_cast<unsigned>(text.size());
-        end &= (std::uint64_t{1} << 4 * (lengthM - 8)) - 1;
-        bitsM = begin << 32 | end << (64 - 4 * lengthM);
-        text = {};
-        return true;
+    static constexpr bool isDecimal(char character) { return character >= '0' && character <= '9'; }
+
+    // Takes decimal digits off the front of `text`, with what stands before and between them, until there are mostCM or
+    // no more.
+    void appendDecimal(std::string_view& text) {
+        if (lengthM == 0 && takeWhole(text))
+            return;
+        while (!text.empty() && lengthM < mostCM) {
+            if (isDecimal(text.front()))
+                append(text.front() - '0');
+            text.remove_prefix(1);
+        }
     }
 
     // How many digits both begin with.
@@ -65,6 +64,20 @@ class Digits {
     friend constexpr bool operator==(Digits const&, Digits const&) = default;
 
   private:
+    // The usual case, a text of eight to sixteen digits and nothing else; false, and nothing changes, otherwise.
+    bool takeWhole(std::string_view& text) {
+        if (text.size() < 8 || text.size() > mostCM)
+            return false;
+        std::uint64_t begin = 0, end = 0; // eight characters each; they may overlap
+        if (!eight(text.data(), begin) || !eight(text.data() + text.size() - 8, end))
+            return false;
+        lengthM = static_cast<unsigned>(text.size());
+        end &= (std::uint64_t{1} << 4 * (lengthM - 8)) - 1;
+        bitsM = begin << 32 | end << (64 - 4 * lengthM);
+        text = {};
+        return true;
+    }
+
     // Eight decimal digits as 32 bits, the first the highest; false when one is no digit.
     static bool eight(char const* text, std::uint64_t& bits) {
         constexpr std::uint64_t tens = 0xf0f0f0f0f0f0f0f0, zeros = 0x3030303030303030, sixes = 0x0606060606060606;

@@ -6,7 +6,7 @@
 namespace DAT::NumberPortability {
 
 bool NumberPortabilityTree::insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered) {
-    if (!isStorable(number))
+    if (!isStorable(number.view()))
         return false;
     Trie::Place place = treeM.reach(number);
     return insertAt(place, record, ordered);

@@ -35,6 +35,26 @@ class NumberPortabilityTree {
     // when ordered insertion meets a record with the same valid-from, or when the number has no decimal digit.
     bool insert(BAS::String const& number, NumberPortabilityData const& record, bool ordered);
 
+    // Ordered insertion of many records whose numbers come nearly in order: each starts where its number and the one
+    // before part. While it is in use, the tree must not be changed but through it.
+    class Filler {
+      public:
+        explicit Filler(NumberPortabilityTree& tree) : treeM(tree) {}
+
+        // A number by its digits; not empty.
+        bool insert(PBC::Digits const& number, NumberPortabilityData const& record) {
+            return treeM.insertAt(treeM.treeM.reach(number, pathM), record, true);
+        }
+        bool insert(BAS::String const& number, NumberPortabilityData const& record) {
+            pathM = {};
+            return treeM.insert(number, record, true);
+        }
+
+      private:
+        NumberPortabilityTree& treeM;
+        PBC::PtrTree<NumberPortabilityList, PBC::PackedLayout<NumberPortabilityList, HistoryValues>>::Path pathM;
+    };
+
     // False, and `out` unchanged, when no record is found.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                 unsigned int method) const;
@@ -64,7 +84,7 @@ class NumberPortabilityTree {
     }
 
     // Whether the number has a decimal digit, so that it can be stored.
-    bool isStorable(BAS::String const& number) const { return treeM.isSignificant(number); }
+    bool isStorable(std::string_view number) const { return treeM.isSignificant(number); }
 
     // Calls visitor(BAS::String const& key, NumberPortabilityList const& history) for every stored key that is a prefix
     // of the number's digits, the whole number included, the longest first.

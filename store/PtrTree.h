@@ -122,8 +122,8 @@ class PtrTree {
     // Takes digits off the front of `key`, with the characters between them that are none, until there are as many as
     // Digits holds.
     void takeDigits(std::string_view& key, Digits& digits) const {
-        if (digits.empty() && baseM == 10 && digits.takeDecimal(key))
-            return;
+        if (baseM == 10)
+            return digits.appendDecimal(key);
         while (!key.empty() && digits.length() < Digits::mostCM) {
             if (int const slot = slotOf(key.front()); slot >= 0)
                 digits.append(slot);
@@ -207,8 +207,8 @@ class PtrTree {
     }
 
     // Whether the key has a digit, that is, reaches beyond the root.
-    bool isSignificant(BAS::String const& key) const {
-        for (char const character : key.view())
+    bool isSignificant(std::string_view key) const {
+        for (char const character : key)
             if (slotOf(character) >= 0)
                 return true;
         return false;

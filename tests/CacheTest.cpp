@@ -1,5 +1,6 @@
 // The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
 #include "cache/LineStore.h"
+#include "cache/RecordBatch.h"
 #include "framework/STR/FileIo.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
@@ -64,11 +65,13 @@ class Cache : public testing::Test {
         }
         closedir(descriptors);
     }
-    // Many lines, one of them bad, so that the reader has several blocks to read and the bad line can break it.
+    // Long lines, one of them bad, that are more than one batch: when the bad one is reported there is still some of
+    // the file to read.
     static std::string manyLines(std::string const& network) {
         std::string lines = "a bad line of words\n";
+        std::string const end = network + std::string(RecordBatch::mostBytesCM / 25'000, ' ') + "\n";
         for (int i = 0; i < 30'000; ++i)
-            lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  " + network + "\n";
+            lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  " + end;
         return lines;
     }
 

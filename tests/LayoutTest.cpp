@@ -264,7 +264,7 @@ TEST(Layout, HistoriesAnswerAlikeInBothLayouts) {
             BAS::SimpleString const network(keys.below(3) == 0 ? "A rather long identifier" : "NET");
             NumberPortabilityData const record(instant(), network);
             bool expected = false;
-            if (lists.isSignificant(number)) {
+            if (lists.isSignificant(number.view())) {
                 if (lists.search(number, true) == nullptr)
                     lists.insert(number, new NumberPortabilityList);
                 expected = lists.search(number, true)->insertAt(record);

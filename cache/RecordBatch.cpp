@@ -1,0 +1,52 @@
+#include "cache/RecordBatch.h"
+
+#include <algorithm>
+#include <array>
+
+namespace DAT::NumberPortability {
+
+void RecordBatch::appendLine(std::string_view line) {
+    textM.insert(textM.end(), line.begin(), line.end());
+    endsM.push_back(textM.size());
+}
+
+void RecordBatch::clear() {
+    if (textM.capacity() > 2 * mostBytesCM)
+        textM = {};
+    textM.clear();
+    endsM.clear();
+    recordsM.clear();
+    faultsM.clear();
+}
+
+// A radix sort from the last byte to the first, which leaves equal keys in their order. Bytes that all keys share, as a
+// country's numbers do, cost nothing; neither do records that stand in order already.
+void RecordBatch::sort() {
+    orderM.clear();
+    std::uint64_t differences = 0;
+    bool inOrder = true;
+    for (Record const& record : recordsM) {
+        std::uint64_t const key = record.key.bits();
+        differences |= key ^ recordsM.front().key.bits();
+        inOrder = inOrder && (orderM.empty() || orderM.back().key <= key);
+        orderM.push_back({key, static_cast<std::uint32_t>(orderM.size())});
+    }
+    for (unsigned shift = 0; !inOrder && shift < 64; shift += 8)
+        if ((differences >> shift & 0xff) != 0)
+            sortByByte(shift);
+}
+
+void RecordBatch::sortByByte(unsigned shift) {
+    std::array<std::uint32_t, 256> next{};
+    for (Place const& place : orderM)
+        ++next[place.key >> shift & 0xff];
+    std::uint32_t begin = 0;
+    for (std::uint32_t& count : next)
+        begin += std::exchange(count, begin);
+    spareM.resize(orderM.size());
+    for (Place const& place : orderM)
+        spareM[next[place.key >> shift & 0xff]++] = place;
+    orderM.swap(spareM);
+}
+
+} // namespace DAT::NumberPortability
