@@ -126,7 +126,7 @@ TEST(ReadersWriterLock, WritersThatNeverPauseDoNotStarveAShortReader) {
 // More threads than slots: some share one.
 TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     RWReadersWriterLock lock;
-    constexpr std::size_t count = 3 * RWReadersWriterLock::slotsCM;
+    constexpr std::size_t count = 3 * (RWReadersWriterLock::ownSlotsCM + RWReadersWriterLock::sharedSlotsCM);
     std::latch inside(count);
     std::latch leave(1);
     std::vector<std::thread> readers;
