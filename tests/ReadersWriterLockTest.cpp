@@ -2,9 +2,22 @@
 #include "framework/RW/RWReadersWriterLock.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <functional>
 #include <gtest/gtest.h>
 #include <latch>
+#include <linux/filter.h>
+#include <linux/membarrier.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
+#include <random>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -27,10 +40,8 @@ void readManyTimes(RWReadersWriterLock& lock, std::atomic<bool> const& written) 
     }
 }
 
-} // namespace
-
-TEST(ReadersWriterLock, NobodySeesHalfAWrite) {
-    RWReadersWriterLock lock;
+// Readers of both kinds that never pause, two writers.
+void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000) {
     long first = 0;
     long second = 0;
     std::atomic<bool> stop{false};
@@ -54,7 +65,7 @@ TEST(ReadersWriterLock, NobodySeesHalfAWrite) {
         }
     });
     auto const write = [&] {
-        for (int i = 0; i < 2000; ++i) {
+        for (int i = 0; i < writes; ++i) {
             RWReadersWriterLock::WriteGuard const guard(lock);
             ++first;
             ++second;
@@ -67,7 +78,153 @@ TEST(ReadersWriterLock, NobodySeesHalfAWrite) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(torn, 0);
-    EXPECT_EQ(first, 4000);
+    EXPECT_EQ(first, 2 * writes);
+}
+
+// One reader and one writer that both store into the same lines before they take the lock, so that what they store then
+// reaches memory late: without a barrier the two now and then miss each other, if each runs on a processor of its own.
+void expectThatNobodyMissesTheOther(RWReadersWriterLock& lock) {
+    struct alignas(128) Line {
+        std::atomic<long> value{0};
+    };
+    std::vector<Line> lines(32);
+    auto const dirty = [&](long value) {
+        for (Line& line : lines)
+            line.value.store(value, std::memory_order_relaxed);
+    };
+    std::atomic<long> guarded{0};
+    std::atomic<bool> stop{false};
+    long torn = 0;
+    std::thread reader([&] {
+        for (long round = 0; round < 20'000; ++round) {
+            dirty(round);
+            RWReadersWriterLock::ReadGuard const guard(lock);
+            long const before = guarded.load(std::memory_order_relaxed);
+            for (int i = 0; i < 500; ++i)
+                torn += guarded.load(std::memory_order_relaxed) == before ? 0 : 1;
+        }
+        stop = true;
+    });
+    for (long round = 0; !stop; ++round) {
+        dirty(round);
+        RWReadersWriterLock::WriteGuard const guard(lock);
+        guarded.store(round, std::memory_order_relaxed);
+    }
+    reader.join();
+    EXPECT_EQ(torn, 0);
+}
+
+// Has the kernel refuse membarrier to this process from here on.
+bool refuseBarrier() {
+    sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_membarrier, 0, 1),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    sock_fprog const program{static_cast<unsigned short>(std::size(code)), code};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0 &&
+           syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0) == -1 && errno == ENOSYS;
+}
+
+constexpr int cannotFilter = 77;
+
+// What `act` returns in a forked child; 1 if an expectation failed there.
+int inChild(std::function<int()> const& act) {
+    pid_t const child = fork();
+    if (child == 0) {
+        int const result = act();
+        _exit(testing::Test::HasFailure() ? 1 : result);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Reads until the other has read often, too.
+void readBeside(RWReadersWriterLock& lock, std::atomic<std::uint64_t>& own, std::atomic<std::uint64_t> const& other) {
+    while (own < 300'000 || other < 300'000) {
+        RWReadersWriterLock::ReadGuard const guard(lock);
+        ++own;
+    }
+}
+
+struct LastReads {
+    RWReadersWriterLock& lock;
+    std::atomic<std::uint64_t> own{0};
+    std::atomic<std::uint64_t> others{0};
+};
+
+// The last destructor of a thread: it ends the read that the thread began and goes on reading, beside a new thread that
+// has got what this one had.
+void readAtTheEnd(void* lastReads) NP_NO_THREAD_SAFETY_ANALYSIS {
+    auto& [lock, own, others] = *static_cast<LastReads*>(lastReads);
+    lock.releaseRead();
+    std::thread next([&last = *static_cast<LastReads*>(lastReads)] { readBeside(last.lock, last.others, last.own); });
+    readBeside(lock, own, others);
+    next.join();
+}
+
+} // namespace
+
+TEST(ReadersWriterLock, NobodySeesHalfAWrite) {
+    RWReadersWriterLock lock;
+    expectThatNobodySeesHalfAWrite(lock);
+}
+
+TEST(ReadersWriterLock, NeitherReaderNorWriterMissesTheOther) {
+    RWReadersWriterLock lock;
+    expectThatNobodyMissesTheOther(lock);
+}
+
+// Nobody else comes who could wake it.
+TEST(ReadersWriterLock, TheOnlyReaderWakesTheWriterWhenItLeaves) {
+    RWReadersWriterLock lock;
+    for (int i = 0; i < 200; ++i) {
+        std::atomic<bool> written{false};
+        lock.acquireRead();
+        std::thread writer = startWriter(lock, written);
+        for (int pause = 0; pause < i; ++pause) // so that it leaves before, while and after the writer begins to wait
+            std::this_thread::yield();
+        EXPECT_FALSE(written);
+        lock.releaseRead();
+        writer.join();
+    }
+}
+
+// In one child from before the lock is made, in the other after that.
+TEST(ReadersWriterLock, NobodySeesHalfAWriteWhereTheKernelRefusesTheBarrier) {
+    int const fromTheStart = inChild([] {
+        if (!refuseBarrier())
+            return cannotFilter;
+        RWReadersWriterLock lock;
+        expectThatNobodySeesHalfAWrite(lock, 500);
+        expectThatNobodyMissesTheOther(lock);
+        return 0;
+    });
+    if (fromTheStart == cannotFilter)
+        GTEST_SKIP() << "cannot install a filter of system calls here";
+    EXPECT_EQ(fromTheStart, 0);
+    EXPECT_EQ(inChild([] {
+                  RWReadersWriterLock lock;
+                  EXPECT_TRUE(refuseBarrier());
+                  expectThatNobodySeesHalfAWrite(lock, 50); // each takes milliseconds
+                  return 0;
+              }),
+              0);
+}
+
+TEST(ReadersWriterLock, NobodySeesHalfAWriteInAForkedChild) {
+    RWReadersWriterLock lock;
+    lock.acquireRead(7);
+    lock.releaseRead(7);
+    EXPECT_EQ(inChild([&] {
+                  EXPECT_EQ(lock.shortReads(), 7U);
+                  expectThatNobodySeesHalfAWrite(lock);
+                  return 0;
+              }),
+              0);
+    lock.acquireWrite();
+    lock.releaseWrite();
+    EXPECT_EQ(lock.shortReads(), 7U);
 }
 
 TEST(ReadersWriterLock, ShortReadersPassAWriterThatWaitsForALongReader) {
@@ -123,10 +280,10 @@ TEST(ReadersWriterLock, WritersThatNeverPauseDoNotStarveAShortReader) {
         writer.join();
 }
 
-// More threads than slots: some share one.
+// More threads than slots, so that some share one.
 TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     RWReadersWriterLock lock;
-    constexpr std::size_t count = 3 * RWReadersWriterLock::slotsCM;
+    constexpr std::size_t count = 3 * (RWReadersWriterLock::ownSlotsCM + RWReadersWriterLock::sharedSlotsCM);
     std::latch inside(count);
     std::latch leave(1);
     std::vector<std::thread> readers;
@@ -151,4 +308,66 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     for (std::thread& reader : readers)
         reader.join();
     EXPECT_EQ(lock.shortReads(), count);
+}
+
+// Threads hand their slots on to others, which go on from their counts, while a writer never pauses.
+TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RWReadersWriterLock lock;
+    long first = 0;
+    long second = 0;
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        while (!stop) {
+            RWReadersWriterLock::WriteGuard const guard(lock);
+            ++first;
+            ++second;
+        }
+    });
+    std::atomic<std::uint64_t> reads{0};
+    std::atomic<long> torn{0};
+    auto const read = [&](std::mt19937::result_type threadSeed) {
+        std::mt19937 random(threadSeed);
+        for (auto left = random() % 50; left != 0; --left) {
+            std::uint64_t const many = 1 + random() % 3;
+            RWReadersWriterLock::ReadGuard const guard(lock, many);
+            torn += first == second ? 0 : 1;
+            reads += many;
+        }
+    };
+    auto const breed = [&](unsigned breederSeed) {
+        std::mt19937 random(breederSeed);
+        for (int generation = 0; generation < 20; ++generation) {
+            std::vector<std::thread> threads(random() % 50);
+            for (std::thread& thread : threads)
+                thread = std::thread(read, random());
+            for (std::thread& thread : threads)
+                thread.join();
+        }
+    };
+    std::thread breeder(breed, seed);
+    breed(seed + 1);
+    breeder.join();
+    stop = true;
+    writer.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_EQ(lock.shortReads(), reads);
+}
+
+TEST(ReadersWriterLock, AThreadReadsOnWhileItEnds) {
+    RWReadersWriterLock lock;
+    LastReads last{lock};
+    lock.acquireRead(); // first, because destructors run in the order of their keys
+    lock.releaseRead();
+    pthread_key_t key{};
+    ASSERT_EQ(pthread_key_create(&key, readAtTheEnd), 0);
+    std::thread([&]() NP_NO_THREAD_SAFETY_ANALYSIS {
+        pthread_setspecific(key, &last);
+        lock.acquireRead();
+    }).join();
+    pthread_key_delete(key);
+    lock.acquireWrite(); // nobody is taken to be still inside
+    lock.releaseWrite();
+    EXPECT_EQ(lock.shortReads(), 2 + last.own + last.others);
 }

@@ -12,15 +12,25 @@
 //   so an unbroken chain of long readers cannot keep it out either. A single long reader can, for as long as it
 //   stays; a thread that keeps taking the write lock can delay long readers, but never starves short ones.
 //
-// Threads: every operation from any thread; the thread that acquired releases, and from the same shared object: a
-// thread's slot is kept once per shared object that includes this header. Short readers of different threads
-// count on different cache lines, but for every slotsCM-th thread that the process starts.
-// Errors: none. Complexity: a short reader's uncontended way is two atomic operations on its own cache line.
+// Units and ranges: `reads` counts look-ups, 1 and up; with 0 a reader would not be seen.
+// Ownership: the lock owns nothing outside itself. It must outlive every operation, until that has returned.
+// Threads: every operation from any thread, also while the thread or the process ends; not from signal handlers. The
+// thread that acquired releases. A thread takes one of ownSlotsCM indices at its first short read, for all locks of the
+// process, and gives it back when it ends; while none is free, threads share the sharedSlotsCM others. A forked child
+// may go on with a lock that was free at the fork; indices of threads that only its parent has stay taken in it.
+// Errors: none. Complexity: a short reader with an index of its own makes a few plain accesses to its own cache line,
+// nothing atomic as a whole and no call; one without makes two atomic additions, on a line that it may share. A writer
+// interrupts every processor on which the process runs, once, and looks at all slots. Making a lock is one system call,
+// of some milliseconds for the first lock of a process that has several threads.
 //
-// How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer raises
-// the flag and then waits until as many have left every slot as have entered it. One of the two sees the other (Dekker's argument, so
-// these accesses are sequentially consistent). Long readers and writers first meet on a mutex of their own, so that
-// the flag goes up only when no long reader is left to wait for.
+// How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer raises the
+// flag and then waits until as many have left as have entered. One of the two must see the other (Dekker's argument),
+// which takes a full memory barrier on either side. Readers are many and writers rare, so the writer has the kernel put
+// one into every running thread (membarrier), and the readers only keep the compiler from reordering. For each reader
+// it falls before the look at the flag, which then shows the writer, or after the count, which the writer then sees; in
+// the same way a leaving reader is seen to have left or sees that it has to wake the writer. Where the kernel refuses
+// this to a new lock, all its readers count by atomic additions, which are barriers. Long readers and writers first
+// meet on a mutex of their own, so that the flag goes up only when no long reader is left to wait for.
 #pragma once
 
 #include "framework/BAS/Mutex.h"
@@ -33,22 +43,32 @@
 
 class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
   public:
-    static constexpr std::size_t slotsCM = 64;
+    static constexpr std::size_t ownSlotsCM = 64;
+    static constexpr std::size_t sharedSlotsCM = 16;
 
-    RWReadersWriterLock() = default;
+    RWReadersWriterLock() noexcept;
     RWReadersWriterLock(RWReadersWriterLock const&) = delete;
     RWReadersWriterLock& operator=(RWReadersWriterLock const&) = delete;
 
     // `reads` is how many look-ups are made under the one lock, for shortReads(); acquire and release name the same.
     void acquireRead(std::uint64_t reads = 1) noexcept NP_ACQUIRE_SHARED() {
-        Slot& slot = ownSlot();
-        slot.entered.fetch_add(reads);
-        if (writerM.load())
-            waitToRead(slot, reads);
+        std::size_t const slot = threadSlotM;
+        if (slot >= ownSlotsM) [[unlikely]]
+            return acquireReadAtomically(reads);
+        std::atomic<std::uint64_t>& entered = slotsM[slot].entered; // written by this thread alone
+        entered.store(entered.load(std::memory_order_relaxed) + reads, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (writerM.load(std::memory_order_acquire)) [[unlikely]]
+            waitToRead(slotsM[slot], reads);
     }
     void releaseRead(std::uint64_t reads = 1) noexcept NP_RELEASE_SHARED() {
-        ownSlot().left.fetch_add(reads);
-        if (writerM.load())
+        std::size_t const slot = threadSlotM;
+        if (slot >= ownSlotsM) [[unlikely]]
+            return releaseReadAtomically(reads);
+        std::atomic<std::uint64_t>& left = slotsM[slot].left;
+        left.store(left.load(std::memory_order_relaxed) + reads, std::memory_order_release);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (writerM.load(std::memory_order_acquire)) [[unlikely]]
             wakeWriter();
     }
 
@@ -106,19 +126,26 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
         std::atomic<std::uint64_t> left{0};
     };
 
-    static std::size_t nextSlot() noexcept;
-    Slot& ownSlot() noexcept {
-        thread_local std::size_t const slot = nextSlot();
-        return slotsM[slot];
-    }
+    static constexpr std::size_t noSlotCM = SIZE_MAX;
+    static constexpr std::size_t slotsCM = ownSlotsCM + sharedSlotsCM;
+
+    Slot& registeredSlot() noexcept;
+    void acquireReadAtomically(std::uint64_t reads) noexcept NP_ACQUIRE_SHARED();
+    void releaseReadAtomically(std::uint64_t reads) noexcept NP_RELEASE_SHARED();
     void waitToRead(Slot& slot, std::uint64_t reads) noexcept;
     void wakeWriter() noexcept;
+    void waitForShortReaders() noexcept;
     bool readersInside() const noexcept;
 
-    std::array<Slot, slotsCM> slotsM;
+    // This thread's index in every lock's slots. One variable in the framework library, whoever includes this, and of a
+    // storage model that needs no call to reach it.
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local std::size_t threadSlotM;
+
+    std::array<Slot, slotsCM> slotsM; // the first ownSlotsCM of one thread at a time each, the others shared
 
     // Read by every short reader, written by writers only.
     alignas(cacheLineCM) std::atomic<bool> writerM{false};
+    std::size_t const ownSlotsM; // indices below it are counted without atomic additions: ownSlotsCM or 0
 
     // Long readers and writers: who is inside, who queues.
     alignas(cacheLineCM) BAS::Mutex longLockM;
