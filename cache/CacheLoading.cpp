@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 
@@ -37,12 +38,12 @@ void count(LineOutcome outcome, DataSummary& summary) {
 }
 
 void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
-    std::unordered_map<std::string_view, unsigned long> networks;
+    std::unordered_map<std::string, unsigned long> networks;
     tree.visit([&](BAS::String const&, NumberPortabilityList const& history) {
         ++summary.numbers;
         std::uint32_t const length = history.length();
         for (std::uint32_t i = 0; i < length; ++i)
-            ++networks[history.record(i).networkIdM.view()];
+            ++networks[history.record(i).networkIdM.c_str()];
         BAS::DateTime const newest = history.record(0).validFromM;
         BAS::DateTime const oldest = history.record(length - 1).validFromM;
         if (summary.numbers == 1 || newest > summary.latest)
