@@ -93,6 +93,7 @@ bool CacheManager::load() {
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
     filling.finish();
     rejectedM = filling.rejected();
+    active().prepare();
     standbyCompleteM = true;
     markLive();
     mainFileLoadedM = end != ReadEnd::ERROR;
@@ -246,6 +247,7 @@ bool CacheManager::readError(STR::FileIoTurbo const& reader) {
 }
 
 void CacheManager::exchangeTrees() {
+    standbyTreeM->prepare();
     BAS::DateTime const now = BAS::DateTime::now();
     RWReadersWriterLock::WriteGuard const guard(treeLockM);
     activeTreeM.swap(standbyTreeM);

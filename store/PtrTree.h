@@ -24,11 +24,13 @@
 #include "framework/BAS/String.h"
 #include "framework/RW/RWTValSlist.h"
 #include "store/PlainLayout.h"
+#include "store/Shortcuts.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -77,6 +79,7 @@ class PtrTree {
 
     // Leaves the trie without a root: only init or destruction may follow.
     void destroy() {
+        shortcutsM.reset();
         rootM.destroy();
         nodesM = 0;
     }
@@ -84,6 +87,7 @@ class PtrTree {
     // Gives an empty, usable trie, whatever it was before.
     void init() {
         rootM.init();
+        shortcutsM.reset();
         nodesM = 1;
     }
 
@@ -97,6 +101,7 @@ class PtrTree {
     // The node of the key, with those above it; what is not there is created, without a value. The place is valid until
     // the next change but by the layout's operations on it.
     Place reach(BAS::String const& key) {
+        shortcutsM.reset();
         Place place = rootM.rootPlace();
         NodeCount created(*this);
         for (char const character : key.view())
@@ -105,6 +110,7 @@ class PtrTree {
         return place;
     }
     Place& reach(Digits const& key, Path& path) {
+        shortcutsM.reset();
         unsigned depth = path.beganM ? key.commonWith(path.keyM) : 0;
         if (!path.beganM)
             path.placesM[0] = rootM.rootPlace();
@@ -118,6 +124,15 @@ class PtrTree {
         }
         return path.placesM[depth];
     }
+
+    // Makes searches faster, for a trie of `bytes`, until the next change. Does nothing when memory lacks.
+    void makeShortcuts(std::size_t bytes) noexcept {
+        try {
+            shortcutsM = Shortcuts<Layout>::make(rootM, bytes);
+        } catch (std::bad_alloc const&) { // NOLINT(bugprone-empty-catch): searches go from the root
+        }
+    }
+    std::size_t shortcutBytes() const { return shortcutsM == nullptr ? 0 : shortcutsM->bytes(); }
 
     // Takes digits off the front of `key`, with the characters between them that are none, until there are as many as
     // Digits holds.
@@ -135,8 +150,10 @@ class PtrTree {
     // carries one, the empty prefix and the whole key included. None when there is none or the key has no digit.
     Value search(BAS::String const& key, bool exact) const {
         Walk walk(*this, key);
-        if (walk.isAtEnd())
+        if (!walk.isSignificant())
             return Value{};
+        if (!exact && !walk.above().empty())
+            return walk.above().front();
         while (!walk.isAtEnd()) {
             if (!exact)
                 if (Value const found = walk.value())
@@ -151,8 +168,10 @@ class PtrTree {
     // holds already. A key without a digit pushes nothing.
     void search(BAS::String const& key, FoundStack& found) const {
         Walk walk(*this, key);
-        if (walk.isAtEnd())
+        if (!walk.isSignificant())
             return;
+        for (Value const value : walk.above())
+            found.push(value);
         do {
             if (Value const value = walk.value())
                 found.push(value);
@@ -247,9 +266,17 @@ class PtrTree {
         Walk() = default;
         Walk(PtrTree const& tree, BAS::String const& key) : treeM(&tree), nodeM(tree.rootM.root()), restM(key.view()) {
             tree.takeDigits(restM, digitsM);
+            significantM = !digitsM.empty();
+            if (tree.shortcutsM != nullptr)
+                tree.shortcutsM->begin(digitsM, nodeM, aboveM);
         }
 
-        // Sees to it that there are as many digits as descend() may want at once, as long as the key has some.
+        // Whether the key has a digit.
+        bool isSignificant() const { return significantM; }
+        // The values of the nodes that a shortcut has passed by.
+        std::span<Value const> above() const { return aboveM; }
+
+        // Whether there is no digit left to follow. Sees to it that there are as many digits as descend() may want at once, as long as the key has some.
         bool isAtEnd() {
             if (digitsM.length() < Layout::mostAtOnceCM && !restM.empty())
                 treeM->takeDigits(restM, digitsM);
@@ -264,6 +291,8 @@ class PtrTree {
         typename Layout::Cursor nodeM{};
         std::string_view restM; // after digitsM
         Digits digitsM;
+        std::span<Value const> aboveM;
+        bool significantM = false;
     };
 
     struct Lane {
@@ -288,8 +317,12 @@ class PtrTree {
         std::size_t count = 0;
         for (std::size_t i = 0; i < keys.size(); ++i) {
             lanes[i].walk = Walk(*this, keys[i]);
-            if (!lanes[i].walk.isAtEnd())
-                going[count++] = static_cast<std::uint8_t>(i);
+            if (!lanes[i].walk.isSignificant())
+                continue;
+            lanes[i].walk.prefetch();
+            for (Value const value : lanes[i].walk.above())
+                lanes[i].found.push(value);
+            going[count++] = static_cast<std::uint8_t>(i);
         }
         while (count != 0) {
             std::size_t left = 0;
@@ -324,6 +357,7 @@ class PtrTree {
     int baseM = 10;
     Layout rootM; // the root node and all below it
     std::uint64_t nodesM;
+    std::unique_ptr<Shortcuts<Layout>> shortcutsM;
 };
 
 } // namespace PBC

@@ -164,6 +164,12 @@ class Both {
         ASSERT_EQ(packedM.nodes(), plainM.nodes());
     }
 
+    void makeShortcuts() {
+        constexpr std::size_t enough = std::size_t{1} << 40; // for the largest table
+        plainM.makeShortcuts(enough);
+        packedM.makeShortcuts(enough);
+        EXPECT_NE(packedM.shortcutBytes(), 0U);
+    }
     void init() {
         plainM.init();
         packedM.init();
@@ -199,6 +205,12 @@ TEST(Layout, PackedPlainAndAMapAgree) {
             }
             both.compareMany(asked);
             both.compareWhole();
+            both.makeShortcuts(); // the same answers again, until something is inserted
+            for (std::string const& key : asked)
+                both.compare(key);
+            both.compareMany(asked);
+            both.insert(asked.front(), -5);
+            both.compare(asked.front());
             EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, both.nodes());
             both.init();
             EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, 2U);

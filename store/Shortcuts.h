@@ -1,0 +1,153 @@
+// PBC::Shortcuts<Layout>: a table from the leading digits of a key to the node where its walk can begin.
+//
+// Purpose: the first levels of a trie of millions are walked by every search and branch nearly everywhere. One step
+// through a table that stays in the processor's cache takes their place. The digits that all keys begin with, a country's
+// code, are compared and cost no table.
+// Units and ranges: for radix 10. The table stands for up to mostDigitsCM digits after the common ones, fewer for a small
+// trie, so that it is a small part of the trie's own memory.
+// Ownership: owns the table; it refers to nodes and values, and means nothing once the trie changes.
+// Threads: constant once made. Errors: make throws std::bad_alloc. Complexity: making is linear in the table and the
+// nodes above its depth; begin is constant.
+#pragma once
+
+#include "store/Digits.h"
+
+#include <bit>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace PBC {
+
+template <class Layout>
+class Shortcuts {
+  public:
+    using Cursor = typename Layout::Cursor;
+    using Value = typename Layout::Value;
+
+    static constexpr unsigned mostDigitsCM = 5;
+
+    // Null when a table is of no use.
+    static std::unique_ptr<Shortcuts> make(Layout const& layout, std::size_t bytesOfTrie) {
+        for (unsigned digits = mostDigitsCM; digits != 0; --digits) {
+            if (powerOfTen(digits) * sizeof(Entry) * leastRatio > bytesOfTrie)
+                continue;
+            std::unique_ptr<Shortcuts> made(new Shortcuts(layout, digits));
+            if (made->pathsM.size() <= mostPaths)
+                return made;
+        }
+        return nullptr;
+    }
+
+    // Takes digits off the front of a key, and gives the node that they lead to and the values of the nodes above it,
+    // the shortest key's first. False, and nothing changes, when the walk must begin at the root.
+    bool begin(Digits& digits, Cursor& node, std::span<Value const>& above) const {
+        unsigned const common = commonM.length();
+        if (digits.length() < common + digitsM || digits.commonWith(commonM) != common)
+            return false;
+        Entry const entry = entriesM[indexOf(digits.bits() << 4 * common >> (64 - 4 * digitsM))];
+        node = std::bit_cast<Cursor>(entry >> nodeShift);
+        Path const path = pathsM[entry & pathMask];
+        above = {valuesM.data() + path.begin, path.count};
+        digits.drop(common + static_cast<unsigned>(entry >> takenShift & takenMask));
+        return true;
+    }
+
+    std::size_t bytes() const {
+        return entriesM.size() * sizeof(Entry) + pathsM.size() * sizeof(Path) + valuesM.size() * sizeof(Value);
+    }
+
+  private:
+    // Bits 0-12: the path above the node; bits 13-15: how many digits, after the common ones, lead to it; bits 16-63: the
+    // node, whose address ends below 2^47.
+    using Entry = std::uint64_t;
+    struct Path {
+        std::uint32_t begin, count; // in valuesM
+    };
+
+    static constexpr unsigned takenShift = 13;
+    static constexpr Entry takenMask = 7;
+    static constexpr unsigned nodeShift = 16;
+    static constexpr Entry pathMask = (1U << takenShift) - 1;
+    static constexpr std::size_t mostPaths = pathMask + 1;
+    static constexpr std::size_t leastRatio = 64; // the trie's bytes for one of the table's
+    static constexpr unsigned mostCommon = 10;
+    static_assert(mostCommon + mostDigitsCM < Digits::mostCM && mostDigitsCM <= takenMask);
+
+    static std::size_t powerOfTen(unsigned exponent) {
+        std::size_t power = 1;
+        while (exponent-- > 0)
+            power *= 10;
+        return power;
+    }
+    // The number that up to six decimal digits of four bits say.
+    static std::size_t indexOf(std::uint64_t digits) {
+        std::uint64_t const pairs = (digits >> 4 & 0x0f0f0f) * 10 + (digits & 0x0f0f0f);
+        return (pairs >> 16) * 10'000 + (pairs >> 8 & 0xff) * 100 + (pairs & 0xff);
+    }
+
+    Shortcuts(Layout const& layout, unsigned digits) : digitsM(digits), entriesM(powerOfTen(digits)) {
+        std::vector<Value> above;
+        Cursor const node = afterCommon(layout, above);
+        fill(layout, node, 0, 0, above, addPath(above));
+    }
+
+    // Follows the digits that all keys begin with.
+    Cursor afterCommon(Layout const& layout, std::vector<Value>& above) {
+        Cursor node = layout.root();
+        for (;;) {
+            Cursor child{}, other{};
+            Digits const way = layout.wayDown(node, 0, child);
+            if (way.empty() || commonM.length() + way.length() > mostCommon ||
+                !layout.wayDown(node, way.first() + 1, other).empty())
+                return node;
+            if (Value const value = layout.value(node))
+                above.push_back(value);
+            for (unsigned i = 0; i < way.length(); ++i)
+                commonM.append(way.at(i));
+            node = child;
+        }
+    }
+
+    // The node serves all keys through it, until those through its children are overwritten by them. It recurses at most
+    // digitsM deep.
+    void fill(Layout const& layout, Cursor node, unsigned taken, std::size_t index, std::vector<Value>& above,
+              std::size_t path) {
+        std::size_t const size = powerOfTen(digitsM - taken);
+        Entry const entry = std::bit_cast<Entry>(node) << nodeShift | Entry{taken} << takenShift | (path & pathMask);
+        std::fill_n(entriesM.begin() + static_cast<std::ptrdiff_t>(index), size, entry);
+        Value const value = layout.value(node);
+        if (value) {
+            above.push_back(value);
+            path = addPath(above);
+        }
+        Cursor child{};
+        for (int slot = 0; slot < 10;) {
+            Digits const way = layout.wayDown(node, slot, child);
+            if (way.empty())
+                break;
+            slot = way.first() + 1;
+            if (taken + way.length() <= digitsM)
+                fill(layout, child, taken + way.length(),
+                     index + indexOf(way.bits() >> (64 - 4 * way.length())) * (size / powerOfTen(way.length())), above,
+                     path);
+        }
+        if (value)
+            above.pop_back();
+    }
+
+    std::size_t addPath(std::vector<Value> const& above) {
+        pathsM.push_back({static_cast<std::uint32_t>(valuesM.size()), static_cast<std::uint32_t>(above.size())});
+        valuesM.insert(valuesM.end(), above.begin(), above.end());
+        return pathsM.size() - 1;
+    }
+
+    Digits commonM;
+    unsigned digitsM;
+    std::vector<Entry> entriesM;
+    std::vector<Path> pathsM;
+    std::vector<Value> valuesM;
+};
+
+} // namespace PBC
