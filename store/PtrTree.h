@@ -263,7 +263,6 @@ class PtrTree {
     // The walk of a key's digits down the trie, for reading.
     class Walk {
       public:
-        Walk() = default;
         Walk(PtrTree const& tree, BAS::String const& key) : treeM(&tree), nodeM(tree.rootM.root()), restM(key.view()) {
             tree.takeDigits(restM, digitsM);
             significantM = !digitsM.empty();
@@ -283,59 +282,76 @@ class PtrTree {
             return digitsM.empty();
         }
         bool descend() { return treeM->rootM.descend(nodeM, digitsM); }
-        void prefetch() const { treeM->rootM.prefetch(nodeM); }
         Value value() const { return treeM->rootM.value(nodeM); }
 
       private:
-        PtrTree const* treeM = nullptr;
-        typename Layout::Cursor nodeM{};
+        PtrTree const* treeM;
+        typename Layout::Cursor nodeM;
         std::string_view restM; // after digitsM
         Digits digitsM;
         std::span<Value const> aboveM;
         bool significantM = false;
     };
 
+    // Where the walk of one of many keys has come.
     struct Lane {
-        Walk walk;
-        FoundStack found;
+        typename Layout::Cursor node;
+        Digits digits; // still to follow
+        std::size_t key;
     };
 
-    // One step of a lane; false at its end.
-    bool advance(Lane& lane) const {
-        if (Value const value = lane.walk.value())
-            lane.found.push(value);
-        if (lane.walk.isAtEnd() || !lane.walk.descend())
+    // One step; false at the end of the walk.
+    bool advance(Lane& lane, FoundStack& found) const {
+        if (Value const value = rootM.value(lane.node))
+            found.push(value);
+        if (lane.digits.empty() || !rootM.descend(lane.node, lane.digits))
             return false;
-        lane.walk.prefetch();
+        rootM.prefetch(lane.node);
+        return true;
+    }
+
+    // Begins the walk of a key; false when there is nothing left to do: a key too long for a lane is walked at once.
+    bool begin(BAS::String const& key, Lane& lane, FoundStack& found) const {
+        std::string_view rest = key.view();
+        lane.digits = {};
+        takeDigits(rest, lane.digits);
+        if (!rest.empty()) {
+            search(key, found);
+            return false;
+        }
+        if (lane.digits.empty())
+            return false;
+        lane.node = rootM.root();
+        std::span<Value const> above;
+        if (shortcutsM != nullptr && shortcutsM->begin(lane.digits, lane.node, above))
+            rootM.prefetch(lane.node);
+        for (Value const value : above)
+            found.push(value);
         return true;
     }
 
     template <class Found>
     void searchSome(std::span<BAS::String const> keys, std::size_t first, Found&& found) const {
+        std::array<FoundStack, lanesCM> values;
         std::array<Lane, lanesCM> lanes;
-        std::array<std::uint8_t, lanesCM> going;
-        std::size_t count = 0;
+        std::size_t going = 0;
         for (std::size_t i = 0; i < keys.size(); ++i) {
-            lanes[i].walk = Walk(*this, keys[i]);
-            if (!lanes[i].walk.isSignificant())
-                continue;
-            lanes[i].walk.prefetch();
-            for (Value const value : lanes[i].walk.above())
-                lanes[i].found.push(value);
-            going[count++] = static_cast<std::uint8_t>(i);
+            lanes[going].key = i;
+            if (begin(keys[i], lanes[going], values[i]))
+                ++going;
         }
-        while (count != 0) {
+        while (going != 0) {
             std::size_t left = 0;
-            for (std::size_t i = 0; i < count; ++i)
-                if (advance(lanes[going[i]]))
-                    going[left++] = going[i];
-            count = left;
+            for (std::size_t i = 0; i < going; ++i)
+                if (advance(lanes[i], values[lanes[i].key]))
+                    lanes[left++] = lanes[i];
+            going = left;
         }
         for (std::size_t i = 0; i < keys.size(); ++i)
-            if (!lanes[i].found.isEmpty())
-                rootM.prefetch(lanes[i].found.top());
+            if (!values[i].isEmpty())
+                rootM.prefetch(values[i].top());
         for (std::size_t i = 0; i < keys.size(); ++i)
-            found(first + i, lanes[i].found);
+            found(first + i, values[i]);
     }
 
     // The child in `slot`, created if it is not there.
