@@ -50,6 +50,11 @@ class Digits {
         }
     }
 
+    // The first `count` digits, not more than there are.
+    constexpr Digits first(unsigned count) const {
+        return {count == 0 ? 0 : bitsM >> (64 - 4 * count) << (64 - 4 * count), count};
+    }
+
     // How many digits both begin with.
     constexpr unsigned commonWith(Digits const& other) const {
         auto const same = static_cast<unsigned>(std::countl_zero(bitsM ^ other.bitsM)) / 4;

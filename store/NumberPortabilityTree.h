@@ -40,13 +40,16 @@ class NumberPortabilityTree {
     class Filler {
       public:
         explicit Filler(NumberPortabilityTree& tree) : treeM(tree) {}
+        Filler(Filler const&) = delete;
+        Filler& operator=(Filler const&) = delete;
+        ~Filler() { treeM.treeM.leave(pathM); }
 
         // A number by its digits; not empty.
         bool insert(PBC::Digits const& number, NumberPortabilityData const& record) {
             return treeM.insertAt(treeM.treeM.reach(number, pathM), record, true);
         }
         bool insert(BAS::String const& number, NumberPortabilityData const& record) {
-            pathM = {};
+            treeM.treeM.leave(pathM);
             return treeM.insert(number, record, true);
         }
 

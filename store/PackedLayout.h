@@ -170,6 +170,8 @@ class PackedLayout {
     // The same for a value that Values has made.
     void store(Place& place, Value value) { setWord(place, Values::word(value)); }
     void countNodes(std::uint64_t nodes) {
+        if (nodes == 0) // most insertions of a second record
+            return;
         Node::nodeCountM.fetch_add(nodes, std::memory_order_relaxed);
         nodesM += nodes;
     }

@@ -67,6 +67,7 @@ class PtrTree {
         std::array<Place, Digits::mostCM + 1> placesM;
         Digits keyM;
         bool beganM = false;
+        std::uint64_t createdM = 0; // nodes that nodeCountM does not count yet
     };
 
     PtrTree() : rootM(baseM), nodesM(1) {}
@@ -103,10 +104,10 @@ class PtrTree {
     Place reach(BAS::String const& key) {
         shortcutsM.reset();
         Place place = rootM.rootPlace();
-        NodeCount created(*this);
+        NodeCount const count(*this);
         for (char const character : key.view())
             if (int const slot = slotOf(character); slot >= 0)
-                place = step(place, slot, created);
+                place = step(place, slot);
         return place;
     }
     Place& reach(Digits const& key, Path& path) {
@@ -115,14 +116,19 @@ class PtrTree {
         if (!path.beganM)
             path.placesM[0] = rootM.rootPlace();
         path.beganM = true;
-        NodeCount created(*this);
-        for (path.keyM = {}; path.keyM.length() < depth;)
-            path.keyM.append(key.at(path.keyM.length()));
+        path.keyM = key.first(depth); // should it break off below, this much is true
         for (; depth < key.length(); ++depth) {
-            path.placesM[depth + 1] = step(path.placesM[depth], key.at(depth), created);
-            path.keyM.append(key.at(depth));
+            std::uint64_t const before = nodesM;
+            path.placesM[depth + 1] = step(path.placesM[depth], key.at(depth));
+            path.createdM += nodesM - before;
+            path.keyM = key.first(depth + 1);
         }
         return path.placesM[depth];
+    }
+    // To be called when the path will not be used any more, or starts anew: counts its nodes in nodeCountM.
+    void leave(Path& path) {
+        rootM.countNodes(path.createdM);
+        path = Path();
     }
 
     // Makes searches faster, for a trie of `bytes`, until the next change. Does nothing when memory lacks.
@@ -245,19 +251,14 @@ class PtrTree {
     // Counts the nodes that an insertion creates, also when it breaks off.
     class NodeCount {
       public:
-        explicit NodeCount(PtrTree& tree) : treeM(tree) {}
+        explicit NodeCount(PtrTree& tree) : treeM(tree), beforeM(tree.nodesM) {}
         NodeCount(NodeCount const&) = delete;
         NodeCount& operator=(NodeCount const&) = delete;
-        ~NodeCount() {
-            treeM.nodesM += createdM;
-            if (createdM != 0)
-                treeM.rootM.countNodes(createdM);
-        }
-        void add() { ++createdM; }
+        ~NodeCount() { treeM.rootM.countNodes(treeM.nodesM - beforeM); }
 
       private:
         PtrTree& treeM;
-        std::uint64_t createdM = 0;
+        std::uint64_t beforeM;
     };
 
     // The walk of a key's digits down the trie, for reading.
@@ -355,12 +356,12 @@ class PtrTree {
     }
 
     // The child in `slot`, created if it is not there.
-    Place step(Place& place, int slot, NodeCount& created) {
+    Place step(Place& place, int slot) {
         Place child = place;
         if (rootM.descend(child, slot))
             return child;
         child = rootM.grow(place, slot);
-        created.add();
+        ++nodesM;
         return child;
     }
 

@@ -222,6 +222,7 @@ TEST(Layout, PackedPlainAndAMapAgree) {
 
 // Keys in any order through a path that starts from the one before: the same trie as by single insertions.
 TEST(Layout, APathGivesTheSameTrie) {
+    std::uint64_t const nodesBefore = PBC::PtrTreeNode<Item>::nodeCountM;
     for (Shape const shape : {Shape::DENSE, Shape::SPARSE, Shape::NESTED}) {
         for (bool const sorted : {false, true}) {
             Keys keys(shape);
@@ -254,6 +255,9 @@ TEST(Layout, APathGivesTheSameTrie) {
                 plain.layout().value(plainPlace, new Item(number));
                 ASSERT_EQ(packed.nodes(), reference.nodes());
             }
+            packed.leave(packedPath);
+            plain.leave(plainPath);
+            EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, 3 * reference.nodes());
             EXPECT_EQ(printed(packed), printed(reference));
             EXPECT_EQ(printed(plain), printed(reference));
         }
