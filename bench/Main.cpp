@@ -98,7 +98,7 @@ void write(std::string const& name, Json const& facts, Json const& tables, bool 
 } // namespace
 
 std::string Ground::file(Order order) const {
-    std::string const name = folder() / (order == Order::SORTED ? "sorted" : "shuffled");
+    std::string name = folder() / (order == Order::SORTED ? "sorted" : "shuffled");
     if (!std::filesystem::exists(name))
         dataM.writeFile(name, order);
     return name;

@@ -12,30 +12,26 @@ namespace {
 
 struct Scale {
     char const* unit;
-    double factor;
+    double least; // of the values shown so
+    double divisor;
     char const* shown;
 };
-// Of a unit the first whose factor the value reaches.
-constexpr Scale SCALES[] = {{"ns", 1e9, " s"},
-                            {"ns", 1e6, " ms"},
-                            {"ns", 1e4, " us"},
-                            {"ns", 0, " ns"},
-                            {"s", 1, " s"},
-                            {"s", 1e-3, " ms"},
-                            {"s", 0, " us"},
-                            {"/s", 1e6, " M/s"},
-                            {"/s", 1e3, " k/s"},
-                            {"/s", 0, " /s"},
-                            {"B", 0, " B"},
-                            {"bytes", 1 << 30, " GiB"},
-                            {"bytes", 1 << 20, " MiB"},
-                            {"bytes", 0, " KiB"},
-                            {"x", 0, "x"}};
-
-// The factor of a scale that takes what is left.
-double leastFactor(std::string const& unit) {
-    return unit == "s" ? 1e-6 : unit == "bytes" ? 1024 : 1;
-}
+// Of a unit the first whose least value is reached.
+constexpr Scale SCALES[] = {{"ns", 1e9, 1e9, " s"},
+                            {"ns", 1e6, 1e6, " ms"},
+                            {"ns", 1e4, 1e3, " us"},
+                            {"ns", 0, 1, " ns"},
+                            {"s", 1, 1, " s"},
+                            {"s", 1e-3, 1e-3, " ms"},
+                            {"s", 0, 1e-6, " us"},
+                            {"/s", 1e6, 1e6, " M/s"},
+                            {"/s", 1e3, 1e3, " k/s"},
+                            {"/s", 0, 1, " /s"},
+                            {"B", 0, 1, " B"},
+                            {"bytes", 1 << 30, 1 << 30, " GiB"},
+                            {"bytes", 1 << 20, 1 << 20, " MiB"},
+                            {"bytes", 0, 1 << 10, " KiB"},
+                            {"x", 0, 1, "x"}};
 
 // Three significant digits, never in powers of ten.
 std::string digits(double value) {
@@ -47,8 +43,8 @@ std::string digits(double value) {
 
 std::string shown(double value, std::string const& unit) {
     for (Scale const& scale : SCALES)
-        if (scale.unit == unit && value >= scale.factor)
-            return digits(value / (scale.factor == 0 ? leastFactor(unit) : scale.factor)) + scale.shown;
+        if (scale.unit == unit && value >= scale.least)
+            return digits(value / scale.divisor) + scale.shown;
     return digits(value) + ' ' + unit;
 }
 

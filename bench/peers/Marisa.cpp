@@ -44,7 +44,13 @@ class Marisa : public PeerOf<Marisa> {
             BAS::String const number = key.text();
             keys.push_back(number.data(), number.length());
         });
-        trieM.build(keys);
+        try {
+            trieM.build(keys);
+        } catch (marisa::Exception const& failure) {
+            if (failure.error_code() == MARISA_MEMORY_ERROR)
+                throw std::bad_alloc();
+            throw;
+        }
     }
 
     marisa::Trie trieM;

@@ -48,7 +48,7 @@ Histogram exchangeLockAlone(std::size_t times) {
             while (!stop.load(std::memory_order_relaxed))
                 RWReadersWriterLock::ReadGuard const guard(lock);
         });
-    Histogram const result = timeOften(times, [&] { RWReadersWriterLock::WriteGuard const guard(lock); });
+    Histogram result = timeOften(times, [&] { RWReadersWriterLock::WriteGuard const guard(lock); });
     stop = true;
     for (std::thread& reader : readers)
         reader.join();

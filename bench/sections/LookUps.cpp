@@ -52,7 +52,8 @@ Json measureMemory(Ground const& ground) {
         table.addRow(one["name"], {cell(bytes, "B"), reference == 0 ? Json() : cell(bytes / reference, "x"),
                                    cell(one["seconds"].get<double>(), "s")});
     }
-    table.addNote("Growth of the process's own resident memory by stored number or prefix; LMDB's is the used part of its file.");
+    table.addNote(
+        "Growth of the process's own resident memory by stored number or prefix; LMDB's is the used part of its file.");
     return Json::array({table.json()});
 }
 

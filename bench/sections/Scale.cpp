@@ -92,8 +92,7 @@ class Scale {
         Json values = Json::array();
         std::size_t row = 0;
         for (std::size_t i = 0; i < STRUCTURES; ++i) {
-            Json line = {bytes[i] == 0 ? Json() : Json(bytes[i] / keys), Json(), Json(),
-                         Json()};
+            Json line = {bytes[i] == 0 ? Json() : Json(bytes[i] / keys), Json(), Json(), Json()};
             if (entered[i]) {
                 Json& cells = table["rows"][row++]["cells"];
                 for (std::size_t column = 0; column < cells.size(); ++column)

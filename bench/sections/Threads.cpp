@@ -9,7 +9,7 @@ namespace npbench {
 
 namespace {
 
-// Runs work(thread) in so many threads at once; seconds from when all are there until the last is done.
+// Runs work(thread) in so many threads at once; seconds until the last is done.
 template <class Work>
 double secondsOf(unsigned threads, Work work) {
     std::barrier start(static_cast<std::ptrdiff_t>(threads) + 1);
@@ -19,8 +19,8 @@ double secondsOf(unsigned threads, Work work) {
             start.arrive_and_wait();
             work(i);
         });
+    auto const begin = std::chrono::steady_clock::now(); // before: once they run, this thread may have to wait
     start.arrive_and_wait();
-    auto const begin = std::chrono::steady_clock::now();
     for (std::thread& thread : running)
         thread.join();
     return secondsSince(begin);
