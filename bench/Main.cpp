@@ -80,6 +80,13 @@ Json runMode(Settings const& settings) {
     return runSections(settings);
 }
 
+// Better now than after an hour.
+void checkFiles(Settings const& settings) {
+    for (std::string const& name : {settings.json, settings.markdown, settings.plotData})
+        if (!name.empty() && !std::ofstream(name, std::ios::app))
+            throw std::runtime_error("cannot write " + name);
+}
+
 void write(std::string const& name, Json const& facts, Json const& tables, bool markdown) {
     if (name.empty())
         return;
@@ -119,6 +126,7 @@ int main(int count, char** arguments) {
         std::optional<Settings> const settings = parse(count, arguments, status);
         if (!settings)
             return status;
+        checkFiles(*settings);
         Json const facts = describeRun(*settings);
         printFacts(std::cout, facts, false);
         Json const tables = runMode(*settings);

@@ -1,10 +1,12 @@
 #include "bench/Process.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <malloc.h>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -101,6 +103,7 @@ Json inOwnProcess(std::uint64_t mostBytes, std::function<Json()> const& part) {
     if (child < 0)
         throw std::runtime_error("cannot fork");
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // a run that is broken off leaves nobody behind
         close(ends[0]);
         writeAll(ends[1], runPart(mostBytes, part).dump());
         _exit(0); // what the parent owns too is not the child's to clean up
@@ -125,6 +128,15 @@ std::uint64_t peakResidentBytes() {
     return kibField("/proc/self/status", "VmHWM");
 }
 
+double processorSeconds() {
+    struct rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    auto const seconds = [](struct timeval const& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 void forgetPeak() {
     std::ofstream("/proc/self/clear_refs") << "5\n";
 }
@@ -141,6 +153,7 @@ Json describeMachine() {
             {"memory", memory.str()},
             {"kernel", std::string(system.sysname) + ' ' + system.release},
             {"huge pages", textField("/sys/kernel/mm/transparent_hugepage/enabled", "")},
+            {"load average at the start", textField("/proc/loadavg", "")},
             {"compiler", std::string("gcc ") + __VERSION__},
             {"build", NPBENCH_BUILD_TYPE}};
 }

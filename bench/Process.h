@@ -37,6 +37,8 @@ std::uint64_t residentBytes();     // now, files' included
 std::uint64_t peakResidentBytes(); // since the start or forgetPeak
 void forgetPeak();
 
+double processorSeconds(); // that all threads of this process have had
+
 // What the figures were measured on.
 Json describeMachine();
 

@@ -74,7 +74,8 @@ CLI::Option* addModes(CLI::App& app, Settings& settings, Given& given) {
     auto* const scale =
         app.add_option("--scale", given.scale, "memory and look-ups by size instead: numbers, with commas between")
             ->expected(0, 1);
-    app.add_option("--data", settings.plotData, "file for the columns of --scale, as scripts/plot-bench reads them");
+    app.add_option("--data", settings.plotData, "file for the columns of --scale, as scripts/plot-bench reads them")
+        ->needs(scale);
     app.add_flag("--hundred-million", given.hundredMillion, "the steps of a hundred million numbers instead")
         ->excludes(scale);
     return scale;

@@ -99,17 +99,21 @@ Json measureThreads(Ground const& ground) {
     std::unique_ptr<CacheManager> const cacheManager = loadedCacheManager(ground.file(Order::SHUFFLED));
     Queries const queries = makeQueries(ground.data(), QueryKind::HIT, ground.settings().queries);
     Table table("threads", "Throughput of best-match hits through the cache manager",
-                {"one thread", std::to_string(threads) + " threads"});
+                {"one thread", std::to_string(threads) + " threads", "processor time had"});
     for (Way const way : {Way::SINGLE, Way::BATCH}) {
-        std::vector<double> one, all;
+        std::vector<double> one, all, had;
         for (unsigned round = 0; round < ground.settings().rounds; ++round) {
             one.push_back(throughput(*cacheManager, queries, way, 1));
+            double const before = processorSeconds();
+            auto const begin = std::chrono::steady_clock::now();
             all.push_back(throughput(*cacheManager, queries, way, threads));
+            had.push_back((processorSeconds() - before) / secondsSince(begin));
         }
         table.addRow(way == Way::SINGLE ? "single" : "in batches of 32",
-                     {cellOfRounds(one, "/s"), cellOfRounds(all, "/s", one)});
+                     {cellOfRounds(one, "/s"), cellOfRounds(all, "/s", one), cellOfRounds(had, "x")});
     }
-    table.addNote("In parentheses: the multiple of one thread's throughput.");
+    table.addNote("In parentheses: the multiple of one thread's throughput. The last column says how many cores the "
+                  "threads really had: less than there are threads when others use the machine.");
     return Json::array({table.json()});
 }
 
