@@ -1,83 +1,137 @@
-// npbench: how fast and how large the number-portability cache is.
+// npbench: how fast and how large the number-portability cache is, beside other structures.
 //
-//   npbench                            10 million numbers; needs about 16 GiB of memory
-//   npbench --np_numbers=1000000       a smaller run
-//   npbench --np_sorted                the file's numbers in order, as the system itself writes them
-//   npbench --np_seed=7                other data of the same shape
-//   npbench --benchmark_filter=LookUp  and every other flag of Google Benchmark
+//   npbench                               the whole table for 10 million numbers
+//   npbench --quick                       the same, small and short, to see that it works
+//   npbench --only look-ups,memory        some sections of it
+//   npbench --scale [LIST]                memory and look-ups by size
+//   npbench --hundred-million             load, look-ups, reload and delta of a hundred million numbers
+//   npbench --json FILE --markdown FILE   the tables once more
 //
-// The data are generated (PortabilityData.h says what they look like), written to a file in a temporary
-// folder and read from there. Numbers, seed, order and the cost of the clock stand in the output's heading.
-// Rows:
-//
-//   ReadLines/...       seconds to read the file's lines and do nothing with them
-//   LoadOneTree         one tree filled by the record parser; its memory; its rate against bare reading
-//   FreeOneTree         that tree freed
-//   LoadBothTrees       the first load of a cache manager
-//   ReadLock            taking and releasing the lock of look-ups
-//   LookUp/method/kind  look-ups in random order; ns_each is the mean of a thread
-//   Tail/method/kind    look-ups timed one by one: the clock's cost is in it, and none overlaps the next
-//   Beside/...          best-match hits, timed alone and while a reload runs; threads:0 is the reload alone
-//
-// Rows that hold the same data share them: a filter that leaves out LoadBothTrees loads all the same.
-#include "bench/Benchmarks.h"
+// The data are generated (PortabilityData.h and Queries.h say what they look like) and lie in a temporary folder
+// (TMPDIR) for as long as the program runs. docs/performance.md says what the rows mean.
+// Exit status: 0 when all was measured; 1 when a structure gave a wrong answer or something failed; 2 for a wrong
+// command line.
 #include "bench/Measure.h"
+#include "bench/Sections.h"
 
-#include <benchmark/benchmark.h>
-#include <charconv>
 #include <exception>
+#include <fstream>
 #include <iostream>
-#include <string_view>
+
+namespace npbench {
 
 namespace {
 
-// Takes the flags of this program out of the command line; false for one that makes no sense.
-bool readOptions(int& argc, char** argv, npbench::Options& options) {
-    auto const number = [](std::string_view text, std::uint64_t& value) {
-        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-        return error == std::errc() && end == text.data() + text.size();
-    };
-    constexpr std::string_view numbers = "--np_numbers=", seed = "--np_seed=";
-    int kept = 1;
-    bool good = true;
-    for (int i = 1; i < argc; ++i) {
-        std::string_view const argument = argv[i];
-        if (argument.starts_with(numbers))
-            good = good && number(argument.substr(numbers.size()), options.numbers) && options.numbers >= 1000;
-        else if (argument.starts_with(seed))
-            good = good && number(argument.substr(seed.size()), options.seed);
-        else if (argument == "--np_sorted")
-            options.sorted = true;
-        else
-            argv[kept++] = argv[i];
-    }
-    argc = kept;
-    return good;
+Json describeRun(Settings const& settings) {
+    Json facts = {{"date", BAS::DateTime::now().asString("%Y-%m-%d %H:%M UTC").str()}};
+    facts.update(describeMachine());
+    facts["shape"] = settings.shape;
+    if (settings.mode != Mode::SCALE)
+        facts["numbers"] = settings.data.numbers;
+    facts["order of filling"] = settings.order == Order::SORTED ? "sorted" : "shuffled";
+    facts["seed"] = settings.data.seed;
+    facts["look-ups of a kind"] = settings.queries;
+    facts["rounds"] = settings.rounds;
+    facts["threads of the throughput row"] = settings.threads;
+    return facts;
 }
 
-void describe(npbench::Options const& options) {
-    benchmark::AddCustomContext("np_numbers", std::to_string(options.numbers) + " of 14 digits, half in dense blocks");
-    benchmark::AddCustomContext("np_seed", std::to_string(options.seed));
-    benchmark::AddCustomContext("np_order", options.sorted ? "sorted" : "random");
-    benchmark::AddCustomContext("np_clock_cost_ns", std::to_string(npbench::clockCostNs()));
+bool isWanted(Settings const& settings, Section const& section) {
+    auto const& only = settings.only;
+    return only.empty() || std::find(only.begin(), only.end(), section.name) != only.end();
+}
+
+// A section that memory does not suffice for is left out, and the table says so.
+Json run(Section const& section, Ground const& ground) {
+    std::cerr << "-- " << section.name << '\n';
+    try {
+        return inOwnProcess(ground.settings().mostBytes, [&] { return section.measure(ground); });
+    } catch (NoRoom const& none) {
+        Table table(section.name, section.name, {});
+        table.addNote(std::string("Left out: ") + none.what());
+        return Json::array({table.json()});
+    }
+}
+
+Json runSections(Settings const& settings) {
+    std::cerr << "generating " << settings.data.numbers << " numbers\n";
+    Ground const ground(settings);
+    Json tables = Json::array();
+    for (Section const& section : sections()) {
+        if (!isWanted(settings, section))
+            continue;
+        for (Json const& table : run(section, ground)) {
+            printTable(std::cout, table, false);
+            tables.push_back(table);
+        }
+    }
+    return tables;
+}
+
+Json runMode(Settings const& settings) {
+    switch (settings.mode) {
+    case Mode::SCALE:
+        return runScale(settings, std::cout);
+    case Mode::HUNDRED_MILLION:
+        return runHundredMillion(settings, std::cout);
+    case Mode::TABLE:
+        break;
+    }
+    return runSections(settings);
+}
+
+// Better now than after an hour.
+void checkFiles(Settings const& settings) {
+    for (std::string const& name : {settings.json, settings.markdown, settings.plotData})
+        if (!name.empty() && !std::ofstream(name, std::ios::app))
+            throw std::runtime_error("cannot write " + name);
+}
+
+void write(std::string const& name, Json const& facts, Json const& tables, bool markdown) {
+    if (name.empty())
+        return;
+    std::ofstream out(name);
+    if (markdown) {
+        printFacts(out, facts, true);
+        for (Json const& table : tables)
+            printTable(out, table, true);
+    } else {
+        out << Json{{"run", facts}, {"tables", tables}}.dump(2) << '\n';
+    }
+    if (!out)
+        throw std::runtime_error("cannot write " + name);
 }
 
 } // namespace
 
-int main(int argc, char** argv) {
+std::string Ground::file(Order order) const {
+    std::string name = folder() / (order == Order::SORTED ? "sorted" : "shuffled");
+    if (!std::filesystem::exists(name))
+        dataM.writeFile(name, order);
+    return name;
+}
+
+std::vector<Section> sections() {
+    return {{"memory", measureMemory},   {"look-ups", measureLookUps}, {"small", measureSmallSet},
+            {"loading", measureLoading}, {"listing", measureListing},  {"lock", measureLock},
+            {"threads", measureThreads}, {"reload", measureReload},    {"exchange", measureExchange}};
+}
+
+} // namespace npbench
+
+int main(int count, char** arguments) {
+    using namespace npbench;
     try {
-        npbench::Options options;
-        if (!readOptions(argc, argv, options)) {
-            std::cerr << "usage: npbench [--np_numbers=N (1000 or more)] [--np_seed=N] [--np_sorted] [flags]\n";
-            return 2;
-        }
-        describe(options);
-        benchmark::Initialize(&argc, argv);
-        if (benchmark::ReportUnrecognizedArguments(argc, argv))
-            return 2;
-        npbench::World world(options);
-        npbench::registerBenchmarks(world, options.numbers);
-        benchmark::RunSpecifiedBenchmarks();
+        int status = 0;
+        std::optional<Settings> const settings = parse(count, arguments, status);
+        if (!settings)
+            return status;
+        checkFiles(*settings);
+        Json const facts = describeRun(*settings);
+        printFacts(std::cout, facts, false);
+        Json const tables = runMode(*settings);
+        write(settings->json, facts, tables, false);
+        write(settings->markdown, facts, tables, true);
         return 0;
     } catch (std::exception const& failure) {
         std::cerr << "npbench: " << failure.what() << '\n';

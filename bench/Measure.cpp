@@ -1,6 +1,6 @@
 #include "bench/Measure.h"
 
-#include <malloc.h>
+#include <algorithm>
 #include <thread>
 
 namespace npbench {
@@ -29,9 +29,12 @@ double clockCostNs() {
     return readings.quantileNs(0.5);
 }
 
-std::uint64_t allocatedBytes() {
-    struct mallinfo2 const info = mallinfo2();
-    return info.uordblks + info.hblkhd;
+double median(std::vector<double> values) {
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    std::size_t const middle = values.size() / 2;
+    return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 void Histogram::add(Histogram const& other) {

@@ -1,4 +1,4 @@
-// Clocks, distributions and memory for the benchmarks.
+// Clocks and distributions for the benchmarks.
 #pragma once
 
 #include <bit>
@@ -31,8 +31,14 @@ double clockCostNs();        // the median distance of two readings that follow 
 
 double secondsSince(std::chrono::steady_clock::time_point begin);
 
-// What the allocator has handed out, in bytes.
-std::uint64_t allocatedBytes();
+// The middle one, or the mean of the two in the middle; 0 for none.
+double median(std::vector<double> values);
+
+// Keeps the compiler from leaving out what fills `value`.
+template <class T>
+void keep(T& value) {
+    asm volatile("" : : "r"(&value) : "memory");
+}
 
 // Counts of durations in classes that are 1/32 wide of their value, so that tails need little memory.
 class Histogram {

@@ -4,167 +4,187 @@
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
-#include <string_view>
 
 namespace npbench {
 
 namespace {
 
-constexpr unsigned NATIONAL_DIGITS = 10;
 constexpr std::uint64_t DENSE_BLOCK = 10'000;
-constexpr std::string_view STORED_PREFIX = "0049";
 constexpr std::size_t WRITE_BLOCK = 1 << 20;
+constexpr unsigned LONGEST_PREFIX = 5;
 
-std::uint64_t powerOfTen(unsigned exponent) {
-    std::uint64_t power = 1;
-    while (exponent-- > 0)
-        power *= 10;
-    return power;
-}
-
-std::string digits(std::uint64_t value, unsigned width) {
-    std::string text = std::to_string(value);
-    return std::string(width - text.size(), '0') + text;
-}
-
-std::string storedForm(std::uint64_t value, unsigned width = NATIONAL_DIGITS) {
-    return std::string(STORED_PREFIX) + digits(value, width);
-}
-
-// The records of a number are a function of the number, so that they need not be kept (splitmix64).
-std::uint64_t mixed(std::uint64_t value) {
-    value += 0x9e3779b97f4a7c15U;
-    value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9U;
-    value = (value ^ (value >> 27)) * 0x94d049bb133111ebU;
-    return value ^ (value >> 31);
-}
-
-// Between 2004 and 2019, as 14 digits without the year.
-std::string monthToSecond(std::uint64_t bits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%02u%02u%02u%02u%02u", unsigned(bits % 12 + 1), unsigned(bits / 16 % 28 + 1),
-                  unsigned(bits / 512 % 24), unsigned(bits / 16384 % 60), unsigned(bits / 1048576 % 60));
-    return text;
+BAS::DateTime instant(unsigned year, std::uint64_t bits) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%04u%02u%02u%02u%02u%02u", year, unsigned(bits % 12 + 1),
+                  unsigned(bits / 16 % 28 + 1), unsigned(bits / 512 % 24), unsigned(bits / 16384 % 60),
+                  unsigned(bits / 1048576 % 60));
+    return BAS::DateTime(text);
 }
 
 } // namespace
 
-PortabilityData::PortabilityData(Options const& options) : optionsM(options) {
+PortabilityData::PortabilityData(DataOptions const& options) : optionsM(options) {
     Random random(options.seed);
     for (unsigned i = 0; i < networksCM; ++i) {
         std::string name(3 + i % 4, 'A'); // the first two letters tell them apart
         name[0] = static_cast<char>('A' + i / 26);
         name[1] = static_cast<char>('A' + i % 26);
-        networksM.push_back(name);
+        networksM.emplace_back(name.c_str());
     }
     choosePrefixes(random);
     chooseNumbers(random);
+    for (Key const key : keysM)
+        recordsM += history(key).count;
 }
 
 void PortabilityData::choosePrefixes(Random& random) {
     while (prefixesM.size() < prefixesCM) {
         // 20 of six digits (two of them national), 280 of seven, 1,700 of eight and 3,000 of nine
         std::size_t const chosen = prefixesM.size();
-        unsigned const length = chosen < 20 ? 2 : chosen < 300 ? 3 : chosen < 2000 ? 4 : 5;
-        std::uint64_t const lowest = powerOfTen(length - 1);
-        std::uint64_t const value = lowest + random() % (9 * lowest);
-        if (prefixSetsM[length].insert(value).second)
-            prefixesM.push_back({length, value});
+        unsigned const digits = chosen < 20 ? 2 : chosen < 300 ? 3 : chosen < 2000 ? 4 : LONGEST_PREFIX;
+        std::uint64_t const lowest = powerOfTen(digits - 1);
+        Key const prefix(lowest + random() % (9 * lowest), digits);
+        if (prefixSetM.insert(prefix.bits()).second)
+            prefixesM.push_back(prefix);
     }
 }
 
-std::uint64_t PortabilityData::inRandomRange(Random& random) const {
-    Prefix const& prefix = prefixesM[random() % prefixesM.size()];
-    std::uint64_t const size = powerOfTen(NATIONAL_DIGITS - prefix.digits);
-    return prefix.value * size + random() % size;
+unsigned PortabilityData::randomDigits(Random& random) const {
+    if (optionsM.shape != Shape::LENGTHS)
+        return usualDigitsCM;
+    return leastNumberDigitsCM + unsigned(random() % (Key::mostDigitsCM - leastNumberDigitsCM + 1));
+}
+
+Key PortabilityData::randomInRange(Random& random) const {
+    Key const prefix = prefixesM[random() % prefixesM.size()];
+    unsigned const digits = randomDigits(random);
+    std::uint64_t const size = powerOfTen(digits - prefix.digits());
+    return {prefix.value() * size + random() % size, digits};
+}
+
+// Blocks of their own each, so that one in three stays one in three.
+void PortabilityData::addDense(Random& random, std::size_t size) {
+    std::unordered_set<std::uint64_t> blocks;
+    while (keysM.size() < size) {
+        std::uint64_t const block = randomInRange(random).value() / DENSE_BLOCK * DENSE_BLOCK;
+        if (!blocks.insert(block).second)
+            continue;
+        for (std::uint64_t i = 0; i < DENSE_BLOCK && keysM.size() < size; ++i)
+            if (random() % 3 == 0)
+                keysM.emplace_back(block + i, usualDigitsCM);
+    }
+}
+
+// Sorts what came after the first `sorted` keys in among them and drops what is there twice.
+void PortabilityData::settle(std::size_t sorted) {
+    auto const middle = keysM.begin() + static_cast<std::ptrdiff_t>(sorted);
+    std::sort(middle, keysM.end());
+    std::inplace_merge(keysM.begin(), middle, keysM.end());
+    keysM.erase(std::unique(keysM.begin(), keysM.end()), keysM.end());
 }
 
 void PortabilityData::chooseNumbers(Random& random) {
-    std::uint64_t dense = optionsM.numbers / 2;
-    while (numbersM.size() < optionsM.numbers) {
-        while (numbersM.size() < dense) {
-            std::uint64_t const block = inRandomRange(random) / DENSE_BLOCK * DENSE_BLOCK;
-            for (std::uint64_t i = 0; i < DENSE_BLOCK && numbersM.size() < dense; ++i)
-                if (random() % 3 == 0)
-                    numbersM.push_back(block + i);
-        }
-        while (numbersM.size() < optionsM.numbers)
-            numbersM.push_back(inRandomRange(random));
-        std::sort(numbersM.begin(), numbersM.end());
-        numbersM.erase(std::unique(numbersM.begin(), numbersM.end()), numbersM.end());
-        dense = 0; // what was drawn twice is made up for at random
+    std::size_t const size = optionsM.numbers + prefixesM.size();
+    std::size_t const dense = optionsM.shape == Shape::DENSE   ? optionsM.numbers
+                              : optionsM.shape == Shape::MIXED ? optionsM.numbers / 2
+                                                               : 0;
+    keysM.reserve(size);
+    keysM = prefixesM;
+    keysM.reserve(size);
+    addDense(random, prefixesM.size() + dense);
+    for (std::size_t sorted = 0; sorted == 0 || keysM.size() < size; sorted = keysM.size()) {
+        while (keysM.size() < size)
+            keysM.push_back(randomInRange(random));
+        settle(sorted);
     }
 }
 
-unsigned PortabilityData::appendRecords(std::string& lines, std::uint64_t national) const {
-    std::uint64_t const bits = mixed(national ^ optionsM.seed);
-    unsigned const records = bits % 10 != 0 ? 1 : 2 + unsigned(bits / 16 % 3);
+std::vector<unsigned> PortabilityData::keyLengths() const {
+    std::vector<unsigned> lengths;
+    unsigned const shortest = optionsM.shape == Shape::LENGTHS ? leastNumberDigitsCM : usualDigitsCM;
+    unsigned const longest = optionsM.shape == Shape::LENGTHS ? Key::mostDigitsCM : usualDigitsCM;
+    for (unsigned digits = longest; digits >= 2; --digits)
+        if (digits >= shortest || digits <= LONGEST_PREFIX)
+            lengths.push_back(digits + unsigned(Key::storedPrefixCM.size()));
+    return lengths;
+}
+
+History PortabilityData::history(Key key) const {
+    std::uint64_t const bits = mixed(key.bits() ^ optionsM.seed);
+    History result;
+    if (isPrefix(key)) {
+        result.count = 1;
+        result.records[0] = {BAS::DateTime("19900101000000"), unsigned(bits % networksCM)};
+        return result;
+    }
+    result.count = bits % 10 != 0 ? 1 : 2 + unsigned(bits / 16 % 3);
     unsigned const firstYear = 2004 + unsigned(bits / 64 % 16);
-    std::string const number = storedForm(national);
-    for (unsigned i = records; i-- > 0;) {
-        lines += number + "  " + std::to_string(firstYear + i) + monthToSecond(bits >> 16) + "  ";
-        lines += networksM[(bits / 1024 + i) % networksM.size()] + '\n';
+    for (unsigned i = 0; i < result.count; ++i) {
+        unsigned const age = result.count - 1 - i;
+        result.records[i] = {instant(firstYear + age, bits >> 16), unsigned((bits / 1024 + age) % networksCM)};
     }
-    return records;
+    return result;
 }
 
-std::uint64_t PortabilityData::writeFile(std::string const& fileName) const {
-    std::vector<std::uint64_t> order = numbersM;
-    if (!optionsM.sorted)
-        std::shuffle(order.begin(), order.end(), Random(optionsM.seed + 1));
-    std::ofstream out(fileName, std::ios::binary);
-    std::string lines;
-    std::uint64_t count = prefixesM.size();
-    for (Prefix const& prefix : prefixesM)
-        lines += storedForm(prefix.value, prefix.digits) + "  19900101000000  " +
-                 networksM[prefix.value % networksM.size()] + '\n';
-    for (std::uint64_t const national : order) {
-        count += appendRecords(lines, national);
-        if (lines.size() >= WRITE_BLOCK) {
-            out << lines;
-            lines.clear();
-        }
-    }
-    out << lines << std::flush;
-    if (!out)
-        throw std::runtime_error("cannot write " + fileName);
-    return count;
+bool PortabilityData::isStored(Key key) const {
+    return std::binary_search(keysM.begin(), keysM.end(), key);
 }
 
-bool PortabilityData::isAllocated(std::uint64_t national) const {
-    for (unsigned length = 2; length < prefixSetsM.size(); ++length)
-        if (prefixSetsM[length].count(national / powerOfTen(NATIONAL_DIGITS - length)) != 0)
+bool PortabilityData::isAllocated(Key key) const {
+    for (unsigned digits = 2; digits <= LONGEST_PREFIX; ++digits)
+        if (prefixSetM.count(key.prefix(digits).bits()) != 0)
             return true;
     return false;
 }
 
-bool PortabilityData::isStored(std::uint64_t national) const {
-    return std::binary_search(numbersM.begin(), numbersM.end(), national);
-}
-
-std::uint64_t PortabilityData::nationalFor(QueryKind kind, bool stored, Random& random) const {
-    if (stored)
-        return numbersM[random() % numbersM.size()];
+Key PortabilityData::randomNumber(Random& random) const {
     for (;;) {
-        std::uint64_t const national =
-            kind == QueryKind::MISS ? random() % powerOfTen(NATIONAL_DIGITS) : inRandomRange(random);
-        if (!isStored(national) && isAllocated(national) == (kind == QueryKind::FALL_BACK))
-            return national;
+        Key const key = keysM[random() % keysM.size()];
+        if (!isPrefix(key))
+            return key;
     }
 }
 
-Queries PortabilityData::queries(QueryKind kind, std::size_t count) const {
-    BAS::DateTime const late(std::string_view("20240630120000"));
-    BAS::DateTime const early(std::string_view("20010630120000")); // only the block prefixes have a record by then
-    Random random(optionsM.seed + 2);
-    Queries result;
-    result.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        bool const tooEarly = kind == QueryKind::FALL_BACK && i % 2 == 0;
-        std::uint64_t const national = nationalFor(kind, kind == QueryKind::HIT || tooEarly, random);
-        result.push_back({storedForm(national), tooEarly ? early : late});
+std::optional<Record> PortabilityData::expected(Key key, BAS::DateTime at) const {
+    for (unsigned digits = key.digits(); digits >= 2; --digits) {
+        Key const prefix = key.prefix(digits);
+        if (!isStored(prefix))
+            continue;
+        History const found = history(prefix);
+        for (unsigned i = 0; i < found.count; ++i)
+            if (found.records[i].validFrom <= at)
+                return found.records[i];
     }
-    return result;
+    return std::nullopt;
+}
+
+void PortabilityData::appendLines(std::string& lines, Key key, History const& history) const {
+    for (unsigned i = 0; i < history.count; ++i) {
+        char digits[14];
+        history.records[i].validFrom.toDigits(digits);
+        key.appendTo(lines);
+        lines.append("  ").append(digits, sizeof digits).append("  ");
+        lines.append(networksM[history.records[i].network].view()) += '\n';
+    }
+}
+
+void PortabilityData::writeFile(std::string const& fileName, Order order) const {
+    std::ofstream out(fileName, std::ios::binary);
+    std::string lines;
+    visit(order, [&](Key key) {
+        appendLines(lines, key, history(key));
+        if (lines.size() < WRITE_BLOCK)
+            return;
+        out << lines;
+        lines.clear();
+    });
+    out << lines << std::flush;
+    if (!out)
+        throw std::runtime_error("cannot write " + fileName);
+}
+
+void PortabilityData::release() {
+    std::vector<Key>().swap(keysM);
 }
 
 } // namespace npbench

@@ -1,76 +1,109 @@
-// npbench::PortabilityData: the generated data set of the benchmarks, and queries against it.
+// npbench::PortabilityData: the generated data set of the benchmarks.
 //
-// Shape: numbers of 14 digits in stored form (00, 49 and ten national digits). Half lie in dense blocks of
-// 10,000 consecutive numbers of which one in three is taken, half at random in allocated ranges. 90 % have
-// one record, the rest two to four, a year apart; 60 networks of three to six characters. The allocated
-// ranges are 5,000 block prefixes of six to nine digits with one record each, older than any number's. The
-// file has the lines of one number together, newest first, and the numbers in random order or sorted.
-// Threads: constant once constructed. The seed decides everything; nothing else is random.
+// Shape: numbers in stored form, 00, 49 and the national digits.
+//   mixed    ten national digits; half the numbers in dense blocks of 10,000 consecutive ones of which one in three is
+//            taken, half at random in allocated ranges
+//   dense    dense blocks only
+//   sparse   at random in allocated ranges only
+//   lengths  six to thirteen national digits (eight to fifteen with the country code), at random in allocated ranges;
+//            one number may be a prefix of another
+// 90 % have one record, the rest two to four, a year apart, the first of 2004 to 2019; 60 networks of three to six
+// characters. The allocated ranges are 5,000 block prefixes of six to nine digits with one record of 1990 each.
+// The records of a key are a function of the key and the seed, so that they need not be kept.
+// Ownership: owns its keys, eight bytes each. Threads: constant once constructed, but for release.
+// Errors: std::bad_alloc; writing throws std::runtime_error. The seed decides everything; nothing else is random.
+// Complexity: construction sorts; a look-up is a binary search for every length.
 #pragma once
 
-#include "framework/BAS/DateTime.h"
+#include "bench/Key.h"
+#include "bench/Permutation.h"
+#include "store/NumberPortabilityData.h"
 
 #include <array>
-#include <cstdint>
+#include <optional>
 #include <random>
-#include <string>
 #include <unordered_set>
 #include <vector>
 
 namespace npbench {
 
-struct Options {
+enum class Shape { MIXED, DENSE, SPARSE, LENGTHS };
+enum class Order { SORTED, SHUFFLED }; // of the keys, in files and as structures are filled
+
+struct DataOptions {
     std::uint64_t numbers = 10'000'000;
     std::uint64_t seed = 20050101;
-    bool sorted = false; // the order of the numbers in the file
+    Shape shape = Shape::MIXED;
 };
 
-struct Query {
-    BAS::String number;
-    BAS::DateTime at;
+struct Record {
+    BAS::DateTime validFrom;
+    unsigned network = 0;
 };
-using Queries = std::vector<Query>;
 
-enum class QueryKind {
-    HIT,       // the number is stored and has a record by then
-    FALL_BACK, // it is not stored, or has no record yet, and lies in an allocated range; half of each
-    MISS       // it lies in no allocated range
+// The records of one key, newest first.
+struct History {
+    unsigned count = 0;
+    std::array<Record, 4> records;
 };
 
 class PortabilityData {
   public:
+    using Random = std::mt19937_64;
     static constexpr std::size_t prefixesCM = 5000;
     static constexpr unsigned networksCM = 60;
 
-    explicit PortabilityData(Options const& options);
+    explicit PortabilityData(DataOptions const& options);
 
-    // Returns the number of lines.
-    std::uint64_t writeFile(std::string const& fileName) const;
+    DataOptions const& options() const { return optionsM; }
+    std::uint64_t records() const { return recordsM; }
+    std::vector<BAS::SimpleString> const& networks() const { return networksM; }
+    std::vector<unsigned> keyLengths() const; // of the stored forms, longest first
 
-    Queries queries(QueryKind kind, std::size_t count) const;
+    History history(Key key) const;
+
+    // Numbers and block prefixes, in order of their digits.
+    std::vector<Key> const& keys() const { return keysM; }
+    // Calls visitor(Key) for every number and block prefix.
+    template <class Visitor>
+    void visit(Order order, Visitor&& visitor) const {
+        Permutation const shuffled(keysM.size(), optionsM.seed);
+        for (std::uint64_t i = 0; i < keysM.size(); ++i)
+            visitor(keysM[order == Order::SORTED ? i : shuffled(i)]);
+    }
+
+    static bool isPrefix(Key key) { return key.digits() < leastNumberDigitsCM; }
+    bool isStored(Key key) const;
+    bool isAllocated(Key key) const; // begins with a block prefix
+    Key randomNumber(Random& random) const;
+    Key randomInRange(Random& random) const; // an allocated one
+    unsigned randomDigits(Random& random) const;
+
+    // What a best-match look-up must find.
+    std::optional<Record> expected(Key key, BAS::DateTime at) const;
+
+    // One line a record, those of a key together, newest first.
+    void writeFile(std::string const& fileName, Order order) const;
+    void appendLines(std::string& lines, Key key, History const& history) const;
+
+    // Frees the keys; only history, networks and keyLengths may be asked from here on.
+    void release();
 
   private:
-    using Random = std::mt19937_64;
+    static constexpr unsigned leastNumberDigitsCM = 6;
+    static constexpr unsigned usualDigitsCM = 10;
 
     void choosePrefixes(Random& random);
     void chooseNumbers(Random& random);
-    std::uint64_t inRandomRange(Random& random) const;
-    bool isAllocated(std::uint64_t national) const;
-    bool isStored(std::uint64_t national) const;
-    std::uint64_t nationalFor(QueryKind kind, bool stored, Random& random) const;
-    unsigned appendRecords(std::string& lines, std::uint64_t national) const;
+    void addDense(Random& random, std::size_t size);
+    void settle(std::size_t sorted);
 
-    // A prefix of the national digits: how many digits it has, and their value.
-    struct Prefix {
-        unsigned digits;
-        std::uint64_t value;
-    };
-
-    Options optionsM;
-    std::vector<std::string> networksM;
-    std::vector<Prefix> prefixesM;
-    std::array<std::unordered_set<std::uint64_t>, 6> prefixSetsM; // by number of digits
-    std::vector<std::uint64_t> numbersM;                          // national digits, sorted
+    DataOptions optionsM;
+    std::vector<BAS::SimpleString> networksM;
+    std::vector<Key> prefixesM;
+    std::unordered_set<std::uint64_t> prefixSetM; // the bits of the prefixes
+    std::vector<Key> keysM;                       // sorted
+    std::uint64_t recordsM = 0;
 };
 
 } // namespace npbench

@@ -1,0 +1,75 @@
+// The number tree as the cache manager uses it, and the same rule upon the trie's plain layout.
+#include "bench/peers/Peer.h"
+#include "bench/peers/Records.h"
+#include "store/NumberPortabilityTree.h"
+
+namespace npbench {
+
+namespace {
+
+using DAT::NumberPortability::NumberPortabilityTree;
+
+class Ours : public PeerOf<Ours> {
+  public:
+    static constexpr bool batchesCM = true;
+
+    char const* name() const override { return "this tree"; }
+
+    void fill(PortabilityData const& data, Order order) override {
+        data.visit(order, [&](Key key) {
+            BAS::String const number = key.text();
+            History const history = data.history(key);
+            for (unsigned i = 0; i < history.count; ++i)
+                treeM.insert(number, portabilityData(data, history.records[i]), true);
+        });
+    }
+
+    bool find(BAS::String const& number, BAS::DateTime at, NumberPortabilityData& out) const {
+        return treeM.search(number, at, out, NumberPortabilityTree::BEST_MATCH);
+    }
+    void findMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                  std::span<NumberPortabilityData> records, std::span<bool> found) const {
+        treeM.search(numbers, instants, records, found, NumberPortabilityTree::BEST_MATCH);
+    }
+
+  private:
+    NumberPortabilityTree treeM;
+};
+
+class Plain : public PeerOf<Plain> {
+  public:
+    char const* name() const override { return "plain layout"; }
+
+    void fill(PortabilityData const& data, Order order) override {
+        data.visit(order, [&](Key key) {
+            auto list = std::make_unique<NumberPortabilityList>();
+            fillList(*list, data, data.history(key));
+            trieM.insert(key.text(), list.get());
+            static_cast<void>(list.release()); // the trie's from here on
+        });
+    }
+
+    bool find(BAS::String const& number, BAS::DateTime at, NumberPortabilityData& out) const {
+        PBC::PtrTree<NumberPortabilityList>::FoundStack found;
+        trieM.search(number, found);
+        while (!found.isEmpty())
+            if (found.pop()->search(at, out))
+                return true;
+        return false;
+    }
+
+  private:
+    PBC::PtrTree<NumberPortabilityList> trieM;
+};
+
+} // namespace
+
+std::unique_ptr<Peer> makeOurs() {
+    return std::make_unique<Ours>();
+}
+
+std::unique_ptr<Peer> makePlain() {
+    return std::make_unique<Plain>();
+}
+
+} // namespace npbench
