@@ -1,6 +1,7 @@
 #include "bench/Caches.h"
 
 #include "cache/OwnerServices.h"
+#include "cache/TreeFilling.h"
 
 #include <iostream>
 #include <stdexcept>
@@ -59,9 +60,11 @@ void loadOneTree(std::string const& file, NumberPortabilityTree& tree) {
     std::unique_ptr<CacheManager> const parser = makeCacheManager(file);
     STR::FileIoTurbo reader;
     reader.openFile(file, STR::FileIoTurbo::readModeCM);
-    BAS::String line;
-    for (unsigned long count = 1; reader.readLine(line); ++count)
-        parser->insertCache(&tree, line, count, true, reader);
+    DAT::NumberPortability::TreeFilling filling(*parser, reader, tree);
+    for (std::string_view line; reader.readLine(line);)
+        filling.add(line);
+    filling.finish();
+    tree.prepare();
 }
 
 TimedReaders::TimedReaders(CacheManager& cacheManager, Queries const& queries, unsigned threads)

@@ -22,6 +22,7 @@ class Ours : public PeerOf<Ours> {
             for (unsigned i = 0; i < history.count; ++i)
                 treeM.insert(number, portabilityData(data, history.records[i]), true);
         });
+        treeM.prepare(); // as a load ends
     }
 
     bool find(BAS::String const& number, BAS::DateTime at, NumberPortabilityData& out) const {
