@@ -57,6 +57,8 @@ class ExactVector {
         return elementsM[position];
     }
 
+    void prefetch() const noexcept { __builtin_prefetch(elementsM); }
+
     // Adds one default-constructed element at the end.
     void grow() {
         T* const grown = memoryM == Memory::HEAP ? new T[lengthM + 1ULL] : pooled(lengthM + 1ULL);

@@ -51,6 +51,10 @@ class HistoryValues {
         if (!isRecord(value.wordM))
             __builtin_prefetch(listOf(value.wordM));
     }
+    void prefetchContent(Value value) const {
+        if (!isRecord(value.wordM))
+            listOf(value.wordM)->prefetch();
+    }
 
     // A history of one record.
     Value make(NumberPortabilityData const& record);

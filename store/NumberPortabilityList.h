@@ -44,6 +44,9 @@ class NumberPortabilityList {
     // each without surrounding blanks. These are lines of a data file.
     void printTree(std::ostream& out, BAS::String const& number) const;
 
+    // Fetches the first records into the processor's cache.
+    void prefetch() const noexcept { recordsM.prefetch(); }
+
     std::uint32_t length() const noexcept { return recordsM.length(); }
     NumberPortabilityData const& record(std::uint32_t position) const { return recordsM[position]; }
 

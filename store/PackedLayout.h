@@ -23,7 +23,7 @@
 //   void destroy(Word word)      frees what the word's value owns
 //   bool ownsNothing()           destroy has nothing to do for any of them
 //   void clear()                 frees everything that values own together, after each was destroyed or owned nothing
-//   void print(Value, out, key), void prefetch(Value)
+//   void print(Value, out, key), void prefetch(Value), void prefetchContent(Value)
 //
 // Ownership: owns all nodes and, through Values, all values. Threads: none inside; concurrent const use is safe.
 // Errors: std::bad_alloc, after which everything is as before.
@@ -55,6 +55,7 @@ class PointerValues {
     void clear() {}
     void print(Value value, std::ostream& out, BAS::String const& key) const { value->printTree(out, key); }
     void prefetch(Value value) const { __builtin_prefetch(value); }
+    void prefetchContent(Value) const {}
 
   private:
     static constexpr unsigned shiftCM = 2;
@@ -131,6 +132,7 @@ class PackedLayout {
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
     void prefetch(Value value) const { valuesM.prefetch(value); }
+    void prefetchContent(Value value) const { valuesM.prefetchContent(value); }
     void print(Value value, std::ostream& out, BAS::String const& key) const { valuesM.print(value, out, key); }
 
     Place rootPlace() { return {0, 0, noneCM}; }

@@ -155,7 +155,9 @@ class PlainLayout {
         return Digits::of(from);
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    // Fetches a value, and then what it refers to.
     static void prefetch(Value value) { __builtin_prefetch(value); }
+    static void prefetchContent(Value) {}
     void print(Value value, std::ostream& out, BAS::String const& key) const { value->printTree(out, key); }
 
     Place rootPlace() { return rootM; }

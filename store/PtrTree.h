@@ -343,14 +343,19 @@ class PtrTree {
         }
         while (going != 0) {
             std::size_t left = 0;
-            for (std::size_t i = 0; i < going; ++i)
-                if (advance(lanes[i], values[lanes[i].key]))
-                    lanes[left++] = lanes[i];
+            for (std::size_t i = 0; i < going; ++i) {
+                Lane lane = lanes[i]; // in registers: a copy in memory would wait for what was just stored
+                if (advance(lane, values[lane.key]))
+                    lanes[left++] = lane;
+            }
             going = left;
         }
-        for (std::size_t i = 0; i < keys.size(); ++i)
-            if (!values[i].isEmpty())
-                rootM.prefetch(values[i].top());
+        for (FoundStack const& stack : std::span(values).first(keys.size()))
+            if (!stack.isEmpty())
+                rootM.prefetch(stack.top());
+        for (FoundStack const& stack : std::span(values).first(keys.size()))
+            if (!stack.isEmpty())
+                rootM.prefetchContent(stack.top());
         for (std::size_t i = 0; i < keys.size(); ++i)
             found(first + i, values[i]);
     }

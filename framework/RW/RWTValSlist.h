@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -31,23 +32,29 @@ class RWTValSlist {
         if (lengthM < inlineLengthCM)
             inlineM[lengthM] = value;
         else
-            overflowM.push_back(value);
+            overflow(value);
         ++lengthM;
     }
-    T first() const { return lengthM <= inlineLengthCM ? inlineM[lengthM - 1] : overflowM.back(); }
+    T first() const { return lengthM <= inlineLengthCM ? inlineM[lengthM - 1] : overflowM->back(); }
     T removeFirst() {
         --lengthM;
         if (lengthM < inlineLengthCM)
             return inlineM[lengthM];
-        T const value = overflowM.back();
-        overflowM.pop_back();
+        T const value = overflowM->back();
+        overflowM->pop_back();
         return value;
     }
 
   private:
+    void overflow(T value) {
+        if (overflowM == nullptr)
+            overflowM = std::make_unique<std::vector<T>>();
+        overflowM->push_back(value);
+    }
+
     std::size_t lengthM = 0;
     T inlineM[inlineLengthCM];
-    std::vector<T> overflowM;
+    std::unique_ptr<std::vector<T>> overflowM; // hardly ever there
 };
 
 // Last in, first out; push and pop at the list's front.
