@@ -7,7 +7,8 @@ namespace DAT::NumberPortability {
 
 namespace {
 
-constexpr std::size_t firstSlots = 128;
+constexpr std::size_t firstSlots = 512;
+constexpr std::size_t slotsANetwork = 8; // or more, so that nearly every search ends at its first slot
 
 // Multiplication spreads the eight bytes of a short text well enough; its upper half is the better one.
 std::size_t hashOf(BAS::SimpleString const& network) {
@@ -34,7 +35,7 @@ std::size_t NetworkDictionary::slotOf(BAS::SimpleString const& network) const {
 }
 
 std::uint32_t NetworkDictionary::numberOf(BAS::SimpleString const& network) {
-    if (networksM.size() * 2 >= slotsM.size())
+    if (networksM.size() * slotsANetwork >= slotsM.size())
         grow();
     std::size_t const slot = slotOf(network);
     if (slotsM[slot] != 0)

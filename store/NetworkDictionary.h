@@ -35,7 +35,7 @@ class NetworkDictionary {
     void grow();
 
     std::vector<BAS::SimpleString> networksM;
-    std::vector<std::uint32_t> slotsM; // number + 1 by hash, 0 is empty; a power of two, at most half full
+    std::vector<std::uint32_t> slotsM; // number + 1 by hash, 0 is empty; a power of two, mostly empty
 };
 
 } // namespace DAT::NumberPortability

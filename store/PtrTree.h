@@ -118,11 +118,16 @@ class PtrTree {
         path.beganM = true;
         path.keyM = key.first(depth); // should it break off below, this much is true
         for (; depth < key.length(); ++depth) {
-            std::uint64_t const before = nodesM;
-            path.placesM[depth + 1] = step(path.placesM[depth], key.at(depth));
-            path.createdM += nodesM - before;
-            path.keyM = key.first(depth + 1);
+            path.placesM[depth + 1] = path.placesM[depth];
+            if (!rootM.descend(path.placesM[depth + 1], key.at(depth)))
+                break;
         }
+        for (; depth < key.length(); ++depth) {
+            path.placesM[depth + 1] = rootM.grow(path.placesM[depth], key.at(depth));
+            ++nodesM;
+            ++path.createdM;
+        }
+        path.keyM = key;
         return path.placesM[depth];
     }
     // To be called when the path will not be used any more, or starts anew: counts its nodes in nodeCountM.
