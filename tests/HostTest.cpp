@@ -316,10 +316,12 @@ TEST(HostLookupTest, StreamAgreesWithSingleLookUps) {
                 number.append(random() % 3000, '7');
             std::string const at = std::to_string(2008 + random() % 20) + "0615120000";
             bool const bad = random() % 500 == 0;
-            questions += number + "\t" + at + "\t" + (methodColumn == 3 ? "" : std::to_string(methodColumn)) +
-                         (bad ? "x\n" : "\n");
-            auto const method = methodColumn == 3 ? std::nullopt : std::optional(methodColumn);
-            answers += bad ? number + "\t" + at + "\t-\t-\n" : single.answer(number, at, method);
+            std::string const method = methodColumn == 3 ? "" : std::to_string(methodColumn);
+            questions.append(number).append("\t").append(at).append("\t").append(method).append(bad ? "x\n" : "\n");
+            if (bad)
+                answers.append(number).append("\t").append(at).append("\t-\t-\n");
+            else
+                answers += single.answer(number, at, methodColumn == 3 ? std::nullopt : std::optional(methodColumn));
             if (bad && firstComplaint.empty())
                 firstComplaint = "standard input:" + std::to_string(lines + 1) + ": ";
         }
