@@ -35,12 +35,20 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
     if (handleM == nullptr)
         throw HostError("the module cannot be loaded: " + loaderError());
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
-    // DAT::NumberPortability::PlugIn::search, without and with a method, normalize, print, examine, progress,
-    // explain, serviceStatus
+    // DAT::NumberPortability::PlugIn::search of one and of many, each without and with a method, normalize, print,
+    // examine, progress, explain, serviceStatus
     find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                              "NumberPortabilityDataE");
     find(operationsM.searchBy, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                                "NumberPortabilityDataEj");
+    find(operationsM.searchMany,
+         "_ZN3DAT17NumberPortability6PlugIn6searchESt4spanIKN3BAS6StringELm18446744073709551615EES2_IKNS3_8DateTimeE"
+         "Lm18446744073709551615EES2_INS0_21NumberPortabilityDataELm18446744073709551615EES2_IbLm18446744073709551615"
+         "EE");
+    find(operationsM.searchManyBy,
+         "_ZN3DAT17NumberPortability6PlugIn6searchESt4spanIKN3BAS6StringELm18446744073709551615EES2_IKNS3_8DateTimeE"
+         "Lm18446744073709551615EES2_INS0_21NumberPortabilityDataELm18446744073709551615EES2_IbLm18446744073709551615"
+         "EEj");
     find(operationsM.normalize, "_ZNK3DAT17NumberPortability6PlugIn9normalizeERN3BAS6StringE");
     find(operationsM.print, "_ZN3DAT17NumberPortability6PlugIn5printERSob");
     find(operationsM.examine, "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
@@ -83,6 +91,17 @@ NP_CALLS_MEMBERS bool LoadedPlugIn::search(BAS::String const& number, BAS::DateT
 NP_CALLS_MEMBERS bool LoadedPlugIn::search(BAS::String const& number, BAS::DateTime const& at,
                                            LoadedModule::Record& out, unsigned int method) {
     return operationsM.searchBy(objectM, number, at, out, method);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::search(LoadedModule::Numbers numbers, LoadedModule::Instants instants,
+                                           LoadedModule::Records records, LoadedModule::Found found) {
+    return operationsM.searchMany(objectM, numbers, instants, records, found);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::search(LoadedModule::Numbers numbers, LoadedModule::Instants instants,
+                                           LoadedModule::Records records, LoadedModule::Found found,
+                                           unsigned int method) {
+    return operationsM.searchManyBy(objectM, numbers, instants, records, found, method);
 }
 
 NP_CALLS_MEMBERS void LoadedPlugIn::normalize(BAS::String& number) const {

@@ -25,6 +25,7 @@
 #include <filesystem>
 #include <iosfwd>
 #include <memory>
+#include <span>
 #include <vector>
 
 namespace nphost {
@@ -46,12 +47,18 @@ class LoadedModule {
     using Progress = DAT::NumberPortability::LoadProgress;
     using Prefixes = std::vector<DAT::NumberPortability::StoredPrefix>;
     using ServiceStatus = DAT::NumberPortability::ServiceStatus;
+    using Numbers = std::span<BAS::String const>;
+    using Instants = std::span<BAS::DateTime const>;
+    using Records = std::span<Record>;
+    using Found = std::span<bool>;
 
     // The plug-in's operations as plain functions; what is const there is so here.
     struct Operations {
         void* (*create)(BAS::String const& name);
         bool (*search)(void*, BAS::String const&, BAS::DateTime const&, Record&);
         bool (*searchBy)(void*, BAS::String const&, BAS::DateTime const&, Record&, unsigned int);
+        bool (*searchMany)(void*, Numbers, Instants, Records, Found);
+        bool (*searchManyBy)(void*, Numbers, Instants, Records, Found, unsigned int);
         void (*normalize)(void const*, BAS::String&);
         void (*print)(void*, std::ostream&, bool);
         bool (*examine)(void*, Summary&, Observer const&);
@@ -85,6 +92,11 @@ class LoadedPlugIn {
 
     bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out);
     bool search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out, unsigned int method);
+    // Many at once.
+    bool search(LoadedModule::Numbers numbers, LoadedModule::Instants instants, LoadedModule::Records records,
+                LoadedModule::Found found);
+    bool search(LoadedModule::Numbers numbers, LoadedModule::Instants instants, LoadedModule::Records records,
+                LoadedModule::Found found, unsigned int method);
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
     bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);

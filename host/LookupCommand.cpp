@@ -6,11 +6,11 @@
 #include "host/LineInput.h"
 #include "host/Numbers.h"
 #include "host/Output.h"
+#include "host/QuestionBatch.h"
 #include "host/StandardError.h"
 #include "host/Text.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,47 +18,6 @@
 namespace nphost {
 
 namespace {
-
-constexpr std::string_view nothingCM = "\t-\t-\n";
-
-// Answers questions; whatever it needs for one is kept for the next.
-class Answers {
-  public:
-    Answers(LoadedPlugIn& plugIn, Output& out, bool normalise) : plugInM(plugIn), outM(out), normaliseM(normalise) {}
-
-    // Whether a record was found. Without a method the configured one is used.
-    bool answer(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
-        readNumber(number, normaliseM, plugInM, numberM);
-        bool const found =
-            method ? plugInM.search(numberM, at, recordM, *method) : plugInM.search(numberM, at, recordM);
-        outM.append(numberM.view());
-        outM.append('\t');
-        appendInstant(at);
-        if (!found) {
-            outM.append(nothingCM);
-            return false;
-        }
-        outM.append('\t');
-        appendInstant(recordM.validFromM);
-        outM.append('\t');
-        outM.append(recordM.networkIdM.view());
-        outM.append('\n');
-        return true;
-    }
-
-  private:
-    void appendInstant(BAS::DateTime at) {
-        std::array<char, instantDigitsCM> digits{};
-        at.toDigits(digits.data());
-        outM.append({digits.data(), digits.size()});
-    }
-
-    LoadedPlugIn& plugInM;
-    Output& outM;
-    bool normaliseM;
-    BAS::String numberM;
-    DAT::NumberPortability::NumberPortabilityData recordM;
-};
 
 // One line of standard input, in its columns.
 struct Question {
@@ -81,27 +40,33 @@ struct Question {
 class StreamLookup {
   public:
     StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
-        : outM(STDOUT_FILENO), inM(STDIN_FILENO, [this] { outM.flush(); }),
-          answersM(host.plugIn(), outM, options.normalise), atM(at), methodM(options.method) {}
+        : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, options.normalise),
+          inM(STDIN_FILENO, [this] { answerAll(); }), atM(at), methodM(options.method) {}
 
     bool run() {
         {
             ProgressLine const progress("nphost: looking up", progressSource(), isatty(STDOUT_FILENO) != 1);
             for (std::string_view line; inM.next(line);) {
-                answer(line);
+                take(line);
                 count(line.size() + 1);
             }
-            outM.flush();
+            answerAll();
         }
         if (badLinesM > shownBadLinesCM)
             complain("standard input: " + std::to_string(badLinesM - shownBadLinesCM) + " more bad lines");
-        return allFoundM;
+        return badLinesM == 0 && batchM.allFound();
     }
 
   private:
     static constexpr unsigned long shownBadLinesCM = 20;
 
-    void answer(std::string_view line) {
+    // Whoever asked so far may wait for the answers before asking on.
+    void answerAll() {
+        batchM.answer();
+        outM.flush();
+    }
+
+    void take(std::string_view line) {
         Question const question(line);
         BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
         std::optional<unsigned int> method = methodM;
@@ -111,8 +76,8 @@ class StreamLookup {
             reject(question, "the instant is not valid", question.instant);
         else if (!readMethod(question.method, method))
             reject(question, "the method is not 0, 1 or 2", question.method);
-        else if (!answersM.answer(question.number, at, method))
-            allFoundM = false;
+        else
+            batchM.add(question.number, at, method);
     }
 
     static bool readMethod(std::string_view text, std::optional<unsigned int>& method) {
@@ -125,11 +90,11 @@ class StreamLookup {
     }
 
     void reject(Question const& question, char const* reason, std::string_view what) {
-        allFoundM = false;
+        batchM.answer(); // the answers keep the order of the lines
         outM.append(question.number);
         outM.append('\t');
         outM.append(question.instant);
-        outM.append(nothingCM);
+        outM.append(nothingFoundCM);
         if (++badLinesM <= shownBadLinesCM)
             complain("standard input:" + std::to_string(linesM.load(std::memory_order_relaxed) + 1) + ": " + reason +
                      ": '" + shortened(what) + "'");
@@ -149,14 +114,13 @@ class StreamLookup {
     }
 
     Output outM;
+    QuestionBatch batchM;
     LineInput inM;
-    Answers answersM;
     BAS::DateTime atM;
     std::optional<unsigned int> methodM;
     std::atomic<std::uint64_t> linesM{0};
     std::atomic<std::uint64_t> bytesM{0};
     unsigned long badLinesM = 0;
-    bool allFoundM = true;
 };
 
 BAS::DateTime instantOf(LookupOptions const& options) {
@@ -178,12 +142,12 @@ void checkNumbers(std::vector<std::string> const& numbers) {
 
 bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at) {
     Output out(STDOUT_FILENO);
-    Answers answers(host.plugIn(), out, options.normalise);
-    bool allFound = true;
+    QuestionBatch batch(host.plugIn(), out, options.normalise);
     for (std::string const& number : options.numbers)
-        allFound = answers.answer(number, at, options.method) && allFound;
+        batch.add(number, at, options.method);
+    batch.answer();
     out.flush();
-    return allFound;
+    return batch.allFound();
 }
 
 } // namespace

@@ -3,9 +3,17 @@
 
 namespace {
 
+// The store is compiled to count bits by an instruction that x86-64 processors have had since 2008. On an older one the
+// first look-up would end the process; no plug-in is the milder refusal. Asked before anything of the store is touched.
+bool fitsProcessor() noexcept {
+    return __builtin_cpu_supports("popcnt") != 0;
+}
+
 // The framework takes the result for a PLG::DataPlugIn and owns it. Null when it could not be made.
 template <class Create>
 void* created(Create&& create) noexcept {
+    if (!fitsProcessor())
+        return nullptr;
     try {
         PLG::DataPlugIn* const plugIn = create();
         return plugIn;

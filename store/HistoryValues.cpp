@@ -76,8 +76,13 @@ HistoryValues::Value HistoryValues::copy(HistoryValues const& from, Value value)
     if (list.length() == 0)
         return listValue(newList());
     Value copied = make(list.record(0));
-    for (std::uint32_t i = 1; i < list.length(); ++i)
-        add(copied, list.record(i), false);
+    try {
+        for (std::uint32_t i = 1; i < list.length(); ++i)
+            add(copied, list.record(i), false);
+    } catch (...) { // nobody knows of the copy yet, so nobody would free its texts
+        destroy(copied.wordM);
+        throw;
+    }
     return copied;
 }
 

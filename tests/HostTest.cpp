@@ -1,5 +1,6 @@
 // The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
 // hostile bytes.
+#include "host/Host.h"
 #include "host/Configuration.h"
 #include "host/MessageCatalogue.h"
 #include "host/ProgressLine.h"
@@ -12,6 +13,7 @@
 #include <array>
 #include <fcntl.h>
 #include <poll.h>
+#include <random>
 #include <set>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -259,6 +261,84 @@ TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
     EXPECT_TRUE(many.out == answers);
 }
 
+// Answers questions one at a time, in this process.
+class SingleAnswers {
+  public:
+    explicit SingleAnswers(std::string const& configuration)
+        : hostM(nphost::readConfiguration(configuration), {configuration}) {
+        hostM.start();
+    }
+    std::string answer(std::string const& number, std::string const& at, std::optional<unsigned int> method) {
+        BAS::DateTime const instant(at.c_str());
+        DAT::NumberPortability::NumberPortabilityData record;
+        bool const found = method ? hostM.plugIn().search(BAS::String(number), instant, record, *method)
+                                  : hostM.plugIn().search(BAS::String(number), instant, record);
+        std::ostringstream line;
+        line << number << '\t' << at << '\t';
+        (found ? line << record.validFromM << '\t' << record.networkIdM : line << "-\t-") << '\n';
+        return line.str();
+    }
+
+  private:
+    nphost::Host hostM;
+};
+
+// Prefixes of every length below one another, with networks of every kind of storage, no two from the same instant.
+std::string nestedPrefixes(std::mt19937& random) {
+    std::ostringstream data;
+    for (std::uint64_t i = 0; i < 3000; ++i) {
+        auto const validFrom = BAS::DateTime::fromSeconds(BAS::DateTime("20100101000000").seconds() + i * 150000);
+        std::string const network(1 + random() % 20, static_cast<char>('A' + random() % 26));
+        data << "00" << std::to_string(random()).substr(0, 1 + random() % 5) << ' ' << validFrom << ' ' << network
+             << '\n';
+    }
+    return data.str();
+}
+
+// Batches of every length: cut by their own size, by a change of method, by bad lines, by long numbers and by the
+// blocks in which the input is read.
+TEST(HostLookupTest, StreamAgreesWithSingleLookUps) {
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    Site const site(nestedPrefixes(random), "SearchMethod = 2\n");
+    SingleAnswers single(site.configuration);
+    std::string questions;
+    std::string answers;
+    unsigned long lines = 0;
+    std::string firstComplaint;
+    while (lines < 30000) {
+        auto const methodColumn = static_cast<unsigned>(random() % 4); // 3: none, so the configured one
+        auto const runLength = 1 + random() % (random() % 4 == 0 ? 800 : 5);
+        for (unsigned i = 0; i < runLength; ++i, ++lines) {
+            std::string number = "00" + std::to_string(random());
+            if (random() % 3000 == 0)
+                number.append(random() % 3000, '7');
+            std::string const at = std::to_string(2008 + random() % 20) + "0615120000";
+            bool const bad = random() % 500 == 0;
+            std::string const method = methodColumn == 3 ? "" : std::to_string(methodColumn);
+            questions.append(number).append("\t").append(at).append("\t").append(method).append(bad ? "x\n" : "\n");
+            if (bad)
+                answers.append(number).append("\t").append(at).append("\t-\t-\n");
+            else
+                answers += single.answer(number, at, methodColumn == 3 ? std::nullopt : std::optional(methodColumn));
+            if (bad && firstComplaint.empty())
+                firstComplaint = "standard input:" + std::to_string(lines + 1) + ": ";
+        }
+    }
+    Result const result = run({"lookup", "--config", site.configuration, "-"}, questions);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(contains(result.err, firstComplaint)) << firstComplaint << result.err.substr(0, 2000);
+    std::istringstream actual(result.out);
+    std::istringstream expected(answers);
+    std::string actualLine;
+    for (std::string line; std::getline(expected, line);) {
+        ASSERT_TRUE(std::getline(actual, actualLine));
+        ASSERT_EQ(actualLine, line);
+    }
+    EXPECT_FALSE(std::getline(actual, actualLine)) << actualLine;
+}
+
 TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
     Pipe questions;
     Pipe answers;
@@ -266,7 +346,8 @@ TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
                                 answers.ends[1], STDERR_FILENO);
     questions.closeEnd(0);
     answers.closeEnd(1);
-    for (std::string const question : {"00447700900123\n", "00447700900150\n0044770", "0900124\n"}) {
+    for (std::string const question :
+         {"00447700900123\n", "00447700900150\n0044770", "0900124\n", "00447700900150\t\t1\n"}) {
         ASSERT_EQ(write(questions.ends[1], question.data(), question.size()), static_cast<ssize_t>(question.size()));
         pollfd ready = {answers.ends[0], POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, 20000), 1) << "no answer to " << question;
