@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstring>
-#include <memory>
 #include <ostream>
 
 namespace DAT::NumberPortability {
@@ -11,14 +10,9 @@ static_assert(BAS::DateTime::invalidSecsCM < (1ULL << 39), "an instant must fit"
 static_assert(NetworkDictionary::mostCM <= 65536, "a network's number must fit");
 
 HistoryValues::Value HistoryValues::adopt(NumberPortabilityList* list) {
-    std::unique_ptr<NumberPortabilityList> const owned(list);
-    Value value{0};
-    for (std::uint32_t i = 0; i < list->length(); ++i)
-        if (i == 0)
-            value = make(list->record(i));
-        else
-            add(value, list->record(i), false);
-    return value ? value : listValue(newList());
+    Value const value = copyOf(*list);
+    delete list;
+    return value;
 }
 
 void HistoryValues::destroy(Word word) {
@@ -70,9 +64,10 @@ std::uint32_t HistoryValues::length(Value value) const {
 }
 
 HistoryValues::Value HistoryValues::copy(HistoryValues const& from, Value value) {
-    if (isRecord(value.wordM))
-        return make(from.recordOf(value.wordM));
-    NumberPortabilityList const& list = *listOf(value.wordM);
+    return isRecord(value.wordM) ? make(from.recordOf(value.wordM)) : copyOf(*listOf(value.wordM));
+}
+
+HistoryValues::Value HistoryValues::copyOf(NumberPortabilityList const& list) {
     if (list.length() == 0)
         return listValue(newList());
     Value copied = make(list.record(0));

@@ -16,6 +16,7 @@
 #include "store/NumberPortabilityList.h"
 #include "store/WordArena.h"
 
+#include <bit>
 #include <iosfwd>
 
 namespace DAT::NumberPortability {
@@ -100,12 +101,13 @@ class HistoryValues {
 
     static bool isRecord(Word word) { return (word & recordBit) != 0; }
     static NumberPortabilityList* listOf(Word word) {
-        return reinterpret_cast<NumberPortabilityList*>(word >> addressShift); // user space ends below 2^47
+        return std::bit_cast<NumberPortabilityList*>(word >> addressShift); // user space ends below 2^47
     }
     static std::uint32_t networkOf(Word word) { return static_cast<std::uint32_t>(word >> networkShift & 0xffff); }
     static BAS::DateTime validFromOf(Word word) { return BAS::DateTime::fromSeconds(word >> secondsShift); }
     NumberPortabilityData recordOf(Word word) const { return {validFromOf(word), networksM[networkOf(word)]}; }
 
+    Value copyOf(NumberPortabilityList const& list);
     NumberPortabilityList* newList();
     void deleteList(NumberPortabilityList* list);
     bool insert(NumberPortabilityList& list, NumberPortabilityData const& record, bool ordered);

@@ -28,6 +28,14 @@ char* reserveAligned(std::size_t bytes) {
     return begin + before;
 }
 
+// After a move there that failed. The system may have let go of the place already, and another thread may have it now:
+// only what can be taken afresh is surely nobody else's. What cannot is address space lost, no memory.
+void giveBack(void* place, std::size_t bytes) {
+    int const flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE;
+    if (mmap(place, bytes, PROT_NONE, flags, -1, 0) == place)
+        munmap(place, bytes);
+}
+
 void adviseHuge(void* range, std::size_t bytes) {
     madvise(range, bytes, MADV_HUGEPAGE); // a wish: it may be refused
 }
@@ -63,7 +71,7 @@ void* remap(void* range, std::size_t bytes, std::size_t grown) {
         return orThrow(mremap(range, bytes, grown, MREMAP_MAYMOVE));
     char* const place = reserveAligned(grown);
     if (mremap(range, bytes, grown, MREMAP_MAYMOVE | MREMAP_FIXED, place) == MAP_FAILED) {
-        munmap(place, grown);
+        giveBack(place, grown);
         throw std::bad_alloc();
     }
     adviseHuge(place, grown);

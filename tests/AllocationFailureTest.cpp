@@ -83,13 +83,16 @@ extern "C" void* mmap(void* at, std::size_t bytes, int protection, int flags, in
 }
 extern "C" void* mremap(void* range, std::size_t bytes, std::size_t grown, int flags, ...) noexcept {
     bool const isInPlace = (flags & MREMAP_MAYMOVE) == 0;
-    if ((isInPlace && mappings.failure == Mappings::ALL_FROM_THEN_ON) || mappings.refuse())
-        return MAP_FAILED;
     va_list more;
     va_start(more, flags);
     bool const isPlaced = (flags & MREMAP_FIXED) != 0; // over a range that was mapped before
     void* const place = isPlaced ? va_arg(more, void*) : nullptr;
     va_end(more);
+    if ((isInPlace && mappings.failure == Mappings::ALL_FROM_THEN_ON) || mappings.refuse()) {
+        if (isPlaced) // the system lets go of the place before it finds that it lacks memory
+            munmap(place, grown);
+        return MAP_FAILED;
+    }
     void* const moved = address(syscall(SYS_mremap, range, bytes, grown, flags, place));
     if (moved != MAP_FAILED)
         mappings.bytes += static_cast<long>(isPlaced ? 0 : grown) - static_cast<long>(bytes);

@@ -12,26 +12,29 @@ namespace {
 using AbslMap = absl::flat_hash_map<std::uint64_t, NumberPortabilityList*>;
 using StdMap = std::unordered_map<std::uint64_t, NumberPortabilityList*>;
 
-template <class Map>
-class HashLists : public PeerOf<HashLists<Map>> {
+// How far ahead a batch fetches: not at all, the table's slots as the library offers it, or by hand also the histories
+// and their records.
+enum class Ahead { NOTHING, SLOTS, ALL };
+
+template <class Map, Ahead ahead>
+class HashLists : public PeerOf<HashLists<Map, ahead>> {
   public:
-    static constexpr bool batchesCM = std::is_same_v<Map, AbslMap>;
+    static constexpr bool batchesCM = ahead != Ahead::NOTHING;
 
-    ~HashLists() override {
-        for (auto const& [key, list] : mapM)
-            delete list;
+    char const* name() const override {
+        return ahead == Ahead::NOTHING ? "std::unordered_map"
+               : ahead == Ahead::SLOTS ? "absl::flat_hash_map"
+                                       : "absl, all prefetched";
     }
-
-    char const* name() const override { return batchesCM ? "absl::flat_hash_map" : "std::unordered_map"; }
 
     void fill(PortabilityData const& data, Order order) override {
         lengthsM = data.keyLengths();
         mapM.reserve(data.keys().size());
         data.visit(order, [&](Key key) {
-            auto list = std::make_unique<NumberPortabilityList>();
+            auto* const list = new (poolM.allocate(sizeof(NumberPortabilityList)))
+                NumberPortabilityList(NumberPortabilityList::Memory::POOL); // as lean as ours; dropped with the pool
             fillList(*list, data, data.history(key));
-            mapM.emplace(packed(key.text().view()), list.get());
-            static_cast<void>(list.release()); // the table's from here on
+            mapM.emplace(packed(key.text().view()), list);
         });
     }
 
@@ -39,7 +42,7 @@ class HashLists : public PeerOf<HashLists<Map>> {
         return findFrom(PackedPrefixes(number.view(), lengthsM), at, out);
     }
 
-    // Three passes, each of which asks for the memory that the next will read.
+    // Passes, each of which asks for the memory that the next will read.
     void findMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                   std::span<NumberPortabilityData> records, std::span<bool> found) const {
         std::array<std::uint64_t, Peer::batchCM> keys;
@@ -50,11 +53,13 @@ class HashLists : public PeerOf<HashLists<Map>> {
         }
         for (std::size_t i = 0; i < numbers.size(); ++i) {
             lists[i] = listOf(keys[i]);
-            __builtin_prefetch(lists[i]);
+            if constexpr (ahead == Ahead::ALL)
+                __builtin_prefetch(lists[i]);
         }
-        for (NumberPortabilityList const* const list : lists)
-            if (list != nullptr)
-                __builtin_prefetch(&list->record(0));
+        if constexpr (ahead == Ahead::ALL)
+            for (NumberPortabilityList const* const list : lists)
+                if (list != nullptr)
+                    list->prefetch();
         for (std::size_t i = 0; i < numbers.size(); ++i)
             found[i] = (lists[i] != nullptr && lists[i]->search(instants[i], records[i])) ||
                        findShorter(numbers[i], instants[i], records[i]);
@@ -81,6 +86,7 @@ class HashLists : public PeerOf<HashLists<Map>> {
         return findFrom(prefixes, at, out);
     }
 
+    DAT::NumberPortability::BlockPool poolM;
     Map mapM;
     std::vector<unsigned> lengthsM;
 };
@@ -88,11 +94,15 @@ class HashLists : public PeerOf<HashLists<Map>> {
 } // namespace
 
 std::unique_ptr<Peer> makeAbsl() {
-    return std::make_unique<HashLists<AbslMap>>();
+    return std::make_unique<HashLists<AbslMap, Ahead::SLOTS>>();
+}
+
+std::unique_ptr<Peer> makeAbslAhead() {
+    return std::make_unique<HashLists<AbslMap, Ahead::ALL>>();
 }
 
 std::unique_ptr<Peer> makeUnordered() {
-    return std::make_unique<HashLists<StdMap>>();
+    return std::make_unique<HashLists<StdMap, Ahead::NOTHING>>();
 }
 
 } // namespace npbench

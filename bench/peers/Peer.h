@@ -86,6 +86,7 @@ class PeerOf : public Peer {
 std::unique_ptr<Peer> makeOurs();
 std::unique_ptr<Peer> makePlain();
 std::unique_ptr<Peer> makeAbsl();
+std::unique_ptr<Peer> makeAbslAhead();
 std::unique_ptr<Peer> makeAbslPacked();
 std::unique_ptr<Peer> makeUnordered();
 std::unique_ptr<Peer> makeMap();

@@ -26,7 +26,8 @@ void compare(Peer const& peer, PortabilityData const& data, Queries const& queri
 } // namespace
 
 std::vector<PeerMaker> allPeers() {
-    return {makeOurs, makeAbsl, makeAbslPacked, makePlain, makeUnordered, makeMarisa, makeMap, makeSqlite, makeLmdb};
+    return {makeOurs,      makeAbsl,   makeAbslAhead, makeAbslPacked, makePlain,
+            makeUnordered, makeMarisa, makeMap,       makeSqlite,     makeLmdb};
 }
 
 void check(Peer& peer, PortabilityData const& data, Queries const& queries, std::size_t count) {
