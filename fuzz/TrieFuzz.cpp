@@ -6,7 +6,8 @@
 //   <key  search of the shortest prefix  *key  collect all prefixes
 //   p     print                          !     empty both
 //   c     copy the number tree           d     destroy the trie
-// Any other first character inserts the whole line. Every operation is done on a PBC::PtrTree and on a
+//   s     make shortcuts
+// Any other first character inserts the whole line. Every operation is done on a PBC::PtrTree of each layout and on a
 // NumberPortabilityTree; at the end everything is compared once more.
 #include "fuzz/Fuzz.h"
 #include "store/NumberPortabilityTree.h"
@@ -16,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <sstream>
+#include <type_traits>
 
 namespace {
 
@@ -25,7 +27,8 @@ using npfuzz::checkEqual;
 constexpr std::size_t LONGEST_INPUT = 4096;
 constexpr char NEVER = '~'; // the character that chooses the invalid instant
 
-// What the trie owns; counts its objects, so that a forgotten or doubled deletion shows.
+// What a trie owns; counts its objects, so that a forgotten or doubled deletion shows.
+template <bool packed>
 class Value {
   public:
     explicit Value(std::uint64_t id) : idM(id) { ++livingM; }
@@ -42,8 +45,6 @@ class Value {
     std::uint64_t idM;
 };
 
-using Trie = PBC::PtrTree<Value>;
-using TrieNode = PBC::PtrTreeNode<Value>;
 using HistoryNode = PBC::PtrTreeNode<NumberPortabilityList>;
 
 std::string digitsOf(std::string_view key) {
@@ -66,8 +67,14 @@ std::uint64_t nodesFor(Map const& map) {
     return nodes;
 }
 
-// The trie and its model: the id stored under each digit string; the empty one is the root's.
+// A trie and its model: the id stored under each digit string; the empty one is the root's.
+template <bool packed>
 class TriePair {
+    using Value = ::Value<packed>;
+    using Layout = std::conditional_t<packed, PBC::PackedLayout<Value>, PBC::PlainLayout<Value>>;
+    using Trie = PBC::PtrTree<Value, Layout>;
+    using TrieNode = PBC::PtrTreeNode<Value>;
+
   public:
     void insert(std::string const& key, std::uint64_t id) {
         std::string const digits = digitsOf(key);
@@ -92,10 +99,17 @@ class TriePair {
     // Upon what the stack holds already, which must stay.
     void collect(std::string const& key) const {
         Value bottom(UINT64_MAX);
-        Trie::FoundStack found;
+        typename Trie::FoundStack found;
         found.push(&bottom);
         trieM->search(BAS::String(key), found);
         std::vector<std::uint64_t> prefixes = prefixesOf(digitsOf(key));
+        std::vector<BAS::String> const many{BAS::String(key), BAS::String("0" + key), BAS::String(key)};
+        trieM->search(many, [&](std::size_t i, typename Trie::FoundStack& values) {
+            std::vector<std::uint64_t> const expected = prefixesOf(digitsOf(many[i].str()));
+            for (std::size_t left = expected.size(); left-- > 0;)
+                checkId("a stored prefix of many", key, values.isEmpty() ? nullptr : values.pop(), expected[left]);
+            checkEqual("an empty stack of many", key, values.isEmpty(), true);
+        });
         for (; !prefixes.empty(); prefixes.pop_back())
             checkId("a stored prefix", key, found.isEmpty() ? nullptr : found.pop(), prefixes.back());
         checkId("what lay on the stack", key, found.isEmpty() ? nullptr : found.pop(), bottom.id());
@@ -117,6 +131,8 @@ class TriePair {
         checkEqual("nodeCountM", "the trie", TrieNode::nodeCountM.load(), nodesFor(modelM));
         checkEqual("living values", "the trie", Value::livingM, modelM.size());
     }
+
+    void makeShortcuts() { trieM->makeShortcuts(std::size_t{1} << 40); }
 
     void init() {
         releaseRoot();
@@ -215,6 +231,8 @@ class TreePair {
         entriesM = 0;
     }
 
+    void makeShortcuts() { treeM->prepare(); }
+
     // The copy replaces what it held, and takes the original's place.
     void copy() {
         auto copied = std::make_unique<NumberPortabilityTree>();
@@ -248,6 +266,13 @@ class TreePair {
         bool const found = treeM->search(BAS::String(key), instantOf(when), out, method);
         checkEqual(what, key, found, !expected.empty());
         checkEqual(what, key, out.networkIdM.view(), expected.empty() ? "UNCHANGED" : expected);
+        bool foundOfMany[1] = {};
+        NumberPortabilityData ofMany[1] = {{BAS::DateTime(), BAS::SimpleString("UNCHANGED")}};
+        BAS::String const numbers[1] = {BAS::String(key)};
+        BAS::DateTime const instants[1] = {instantOf(when)};
+        treeM->search(numbers, instants, ofMany, foundOfMany, method);
+        checkEqual(what, key, foundOfMany[0], found);
+        checkEqual(what, key, ofMany[0].networkIdM.view(), out.networkIdM.view());
     }
 
     void checkListing(NumberPortabilityTree const& tree) const {
@@ -283,12 +308,14 @@ class Session {
             line.resize(line.size() - 2);
         }
         carryOut(line.empty() ? '\0' : line[0], line.empty() ? line : line.substr(1), line, when);
-        trieM.count();
+        plainM.count();
+        packedM.count();
         treeM.count();
     }
 
     void finish() const {
-        trieM.print();
+        plainM.print();
+        packedM.print();
         treeM.print();
     }
 
@@ -297,24 +324,33 @@ class Session {
         switch (operation) {
         case '=':
         case '<':
-            trieM.search(key);
+            plainM.search(key);
+            packedM.search(key);
             treeM.search(key, when);
             break;
         case '*':
-            trieM.collect(key);
+            plainM.collect(key);
+            packedM.collect(key);
             break;
         case 'p':
             finish();
             break;
         case '!':
-            trieM.init();
+            plainM.init();
+            packedM.init();
             treeM.init();
             break;
         case 'c':
             treeM.copy();
             break;
+        case 's':
+            plainM.makeShortcuts();
+            packedM.makeShortcuts();
+            treeM.makeShortcuts();
+            break;
         case 'd':
-            trieM.destroy();
+            plainM.destroy();
+            packedM.destroy();
             break;
         default:
             insert(operation == '+' ? key : line, when);
@@ -323,13 +359,16 @@ class Session {
 
     void insert(std::string const& key, char when) {
         ++lastIdM;
-        trieM.insert(key, lastIdM);
+        plainM.insert(key, lastIdM);
+        packedM.insert(key, lastIdM);
         treeM.insert(key, when, lastIdM);
-        trieM.search(key);
+        plainM.search(key);
+        packedM.search(key);
         treeM.search(key, when);
     }
 
-    TriePair trieM;
+    TriePair<false> plainM;
+    TriePair<true> packedM;
     TreePair treeM;
     std::uint64_t lastIdM = 0;
 };

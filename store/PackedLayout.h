@@ -131,6 +131,10 @@ class PackedLayout {
         return Digits::of(slot);
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    // A node's word, apart from its trie, but good until that changes; and a cursor at it.
+    using Copy = Word;
+    static Copy copyOf(Cursor cursor) { return *cursor; }
+    static Cursor at(Copy const& copy) { return &copy; }
     void prefetch(Value value) const { valuesM.prefetch(value); }
     void prefetchContent(Value value) const { valuesM.prefetchContent(value); }
     void print(Value value, std::ostream& out, BAS::String const& key) const { valuesM.print(value, out, key); }

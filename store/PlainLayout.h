@@ -155,6 +155,10 @@ class PlainLayout {
         return Digits::of(from);
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    // What stands for a node in a table of them, and a cursor at it.
+    using Copy = Cursor;
+    static Copy copyOf(Cursor cursor) { return cursor; }
+    static Cursor at(Copy const& copy) { return copy; }
     // Fetches a value, and then what it refers to.
     static void prefetch(Value value) { __builtin_prefetch(value); }
     static void prefetchContent(Value) {}

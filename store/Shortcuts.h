@@ -1,8 +1,8 @@
 // PBC::Shortcuts<Layout>: a table from the leading digits of a key to the node where its walk can begin.
 //
 // Purpose: the first levels of a trie of millions are walked by every search and branch nearly everywhere. One step
-// through a table that stays in the processor's cache takes their place. The digits that all keys begin with, a country's
-// code, are compared and cost no table.
+// through a table takes their place. The digits that all keys begin with, a country's code, are compared and cost no
+// table.
 // Units and ranges: for radix 10. The table stands for up to mostDigitsCM digits after the common ones, fewer for a small
 // trie, so that it is a small part of the trie's own memory.
 // Ownership: owns the table; it refers to nodes and values, and means nothing once the trie changes.
@@ -11,8 +11,9 @@
 #pragma once
 
 #include "store/Digits.h"
+#include "store/HugePages.h"
 
-#include <bit>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -26,12 +27,12 @@ class Shortcuts {
     using Cursor = typename Layout::Cursor;
     using Value = typename Layout::Value;
 
-    static constexpr unsigned mostDigitsCM = 5;
+    static constexpr unsigned mostDigitsCM = 6;
 
     // Null when a table is of no use.
     static std::unique_ptr<Shortcuts> make(Layout const& layout, std::size_t bytesOfTrie) {
         for (unsigned digits = mostDigitsCM; digits != 0; --digits) {
-            if (powerOfTen(digits) * sizeof(Entry) * leastRatio > bytesOfTrie)
+            if (powerOfTen(digits) * entryBytes * leastRatio > bytesOfTrie)
                 continue;
             std::unique_ptr<Shortcuts> made(new Shortcuts(layout, digits));
             if (made->pathsM.size() <= mostPaths)
@@ -46,34 +47,50 @@ class Shortcuts {
         unsigned const common = commonM.length();
         if (digits.length() < common + digitsM || digits.commonWith(commonM) != common)
             return false;
-        Entry const entry = entriesM[indexOf(digits.bits() << 4 * common >> (64 - 4 * digitsM))];
-        node = std::bit_cast<Cursor>(entry >> nodeShift);
-        Path const path = pathsM[entry & pathMask];
+        std::size_t const index = indexOf(digits.bits() << 4 * common >> (64 - 4 * digitsM));
+        node = Layout::at(nodesM[index]);
+        std::uint16_t const way = waysM[index];
+        Path const path = pathsM[way & pathMask];
         above = {valuesM.data() + path.begin, path.count};
-        digits.drop(common + static_cast<unsigned>(entry >> takenShift & takenMask));
+        digits.drop(common + (way >> takenShift));
         return true;
     }
 
-    std::size_t bytes() const {
-        return entriesM.size() * sizeof(Entry) + pathsM.size() * sizeof(Path) + valuesM.size() * sizeof(Value);
-    }
+    std::size_t bytes() const { return tableM.size + pathsM.size() * sizeof(Path) + valuesM.size() * sizeof(Value); }
 
   private:
-    // Bits 0-12: the path above the node; bits 13-15: how many digits, after the common ones, lead to it; bits 16-63: the
-    // node, whose address ends below 2^47.
-    using Entry = std::uint64_t;
+    using Copy = typename Layout::Copy;
+    // How a node is reached. Bits 0-12: the path above it; bits 13-15: how many digits, after the common ones, lead there.
+    using Way = std::uint16_t;
     struct Path {
         std::uint32_t begin, count; // in valuesM
     };
+    // On huge pages when it is large.
+    struct Table {
+        explicit Table(std::size_t bytes)
+            : isMapped(bytes >= HugePages::pageCM), size(isMapped ? HugePages::rounded(bytes) : bytes),
+              memory(isMapped ? HugePages::map(size) : ::operator new(size)) {}
+        Table(Table const&) = delete;
+        Table& operator=(Table const&) = delete;
+        ~Table() {
+            if (isMapped)
+                HugePages::unmap(memory, size);
+            else
+                ::operator delete(memory);
+        }
+
+        bool isMapped;
+        std::size_t size;
+        void* memory;
+    };
 
     static constexpr unsigned takenShift = 13;
-    static constexpr Entry takenMask = 7;
-    static constexpr unsigned nodeShift = 16;
-    static constexpr Entry pathMask = (1U << takenShift) - 1;
+    static constexpr Way pathMask = (1U << takenShift) - 1;
     static constexpr std::size_t mostPaths = pathMask + 1;
-    static constexpr std::size_t leastRatio = 64; // the trie's bytes for one of the table's
-    static constexpr unsigned mostCommon = 10;
-    static_assert(mostCommon + mostDigitsCM < Digits::mostCM && mostDigitsCM <= takenMask);
+    static constexpr std::size_t entryBytes = sizeof(Copy) + sizeof(Way);
+    static constexpr std::size_t leastRatio = 20; // the trie's bytes for one of the table's
+    static constexpr unsigned mostCommon = 9;
+    static_assert(mostCommon + mostDigitsCM < Digits::mostCM && mostDigitsCM < 8);
 
     static std::size_t powerOfTen(unsigned exponent) {
         std::size_t power = 1;
@@ -87,7 +104,9 @@ class Shortcuts {
         return (pairs >> 16) * 10'000 + (pairs >> 8 & 0xff) * 100 + (pairs & 0xff);
     }
 
-    Shortcuts(Layout const& layout, unsigned digits) : digitsM(digits), entriesM(powerOfTen(digits)) {
+    Shortcuts(Layout const& layout, unsigned digits)
+        : digitsM(digits), tableM(powerOfTen(digits) * entryBytes), nodesM(static_cast<Copy*>(tableM.memory)),
+          waysM(reinterpret_cast<Way*>(nodesM + powerOfTen(digits))) {
         std::vector<Value> above;
         Cursor const node = afterCommon(layout, above);
         fill(layout, node, 0, 0, above, addPath(above));
@@ -115,8 +134,8 @@ class Shortcuts {
     void fill(Layout const& layout, Cursor node, unsigned taken, std::size_t index, std::vector<Value>& above,
               std::size_t path) {
         std::size_t const size = powerOfTen(digitsM - taken);
-        Entry const entry = std::bit_cast<Entry>(node) << nodeShift | Entry{taken} << takenShift | (path & pathMask);
-        std::fill_n(entriesM.begin() + static_cast<std::ptrdiff_t>(index), size, entry);
+        std::fill_n(nodesM + index, size, Layout::copyOf(node));
+        std::fill_n(waysM + index, size, static_cast<Way>(taken << takenShift | (path & pathMask)));
         Value const value = layout.value(node);
         if (value) {
             above.push_back(value);
@@ -145,7 +164,9 @@ class Shortcuts {
 
     Digits commonM;
     unsigned digitsM;
-    std::vector<Entry> entriesM;
+    Table tableM;
+    Copy* nodesM; // in the table, and behind them:
+    Way* waysM;
     std::vector<Path> pathsM;
     std::vector<Value> valuesM;
 };

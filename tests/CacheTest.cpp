@@ -5,6 +5,8 @@
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <dirent.h>
 #include <fcntl.h>
@@ -399,6 +401,14 @@ TEST_F(Cache, ExplainsWhatALookUpChoosesFromAndHowItStands) {
     EXPECT_EQ(status.records, 3U);
     EXPECT_EQ(status.numbers, 2U);
     EXPECT_EQ(status.lookUps, 1U);
+    std::vector<BAS::String> const numbers(600, "0044171");
+    std::vector<BAS::DateTime> const instants(600, BAS::DateTime("20240101000000"));
+    std::vector<NumberPortabilityData> records(600);
+    std::array<bool, 600> found{};
+    cache->search(numbers, instants, records, found, 1);
+    EXPECT_EQ(std::count(found.begin(), found.end(), true), 600);
+    cache->describe(status);
+    EXPECT_EQ(status.lookUps, 601U) << "each of a batch counts";
     EXPECT_TRUE(status.liveSince.isValid());
     EXPECT_EQ(cache->linesRead(), 4U);
     EXPECT_EQ(cache->linesRejected(), 1U);
@@ -530,6 +540,26 @@ TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
                     ++wrong;
             }
         });
+    readers.emplace_back([&] { // what one batch asks at once, it sees of one generation
+        std::vector<BAS::String> numbers;
+        for (std::size_t i = 0; i < CacheManager::batchSizeCM; ++i)
+            numbers.emplace_back("0044171" + std::to_string(1000 + i));
+        std::vector<BAS::DateTime> const instants(numbers.size(), BAS::DateTime("20240101000000"));
+        std::vector<NumberPortabilityData> records(numbers.size());
+        std::array<bool, CacheManager::batchSizeCM> found{};
+        while (!stop) {
+            int const least = loaded;
+            cache->search(numbers, instants, records, found, 0);
+            if (std::count(found.begin(), found.end(), true) != static_cast<std::ptrdiff_t>(found.size()))
+                ++wrong;
+            for (NumberPortabilityData const& record : records)
+                if (record.networkIdM.view() != records[0].networkIdM.view())
+                    ++wrong;
+            int const answered = std::atoi(records[0].networkIdM.c_str() + 1); // NOLINT
+            if (answered < least || answered > loading)
+                ++wrong;
+        }
+    });
     readers.emplace_back([&] {
         while (!stop) {
             std::ostringstream out;
