@@ -81,8 +81,12 @@ void printRecord(std::ostream& out, std::string_view number, BAS::DateTime const
     put(gap);
     put(network);
     put("\n");
-    out.write(line.data(), static_cast<std::streamsize>(length));
-    out.flush();
+    std::ostream::sentry const ready(out);
+    if (!ready)
+        return;
+    auto const size = static_cast<std::streamsize>(length);
+    if (out.rdbuf()->sputn(line.data(), size) != size || out.rdbuf()->pubsync() < 0)
+        out.setstate(std::ios_base::badbit);
 }
 
 } // namespace DAT::NumberPortability

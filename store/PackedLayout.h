@@ -131,6 +131,18 @@ class PackedLayout {
         return Digits::of(slot);
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    // Fetches what lies below a node's children, for whoever will go through all of it.
+    void prefetchBelow(Cursor cursor) const {
+        Word const word = *cursor;
+        if (tagOf(word) != BRANCH)
+            return;
+        Word const* const run = arenaM.data() + indexOf(word);
+        for (unsigned i = 0; i < lengthOf(word); ++i)
+            if (tagOf(run[i]) == VALUE)
+                valuesM.prefetch(valuesM.at(run[i]));
+            else
+                __builtin_prefetch(arenaM.data() + indexOf(run[i]));
+    }
     // A node's word, apart from its trie, but good until that changes; and a cursor at it.
     using Copy = Word;
     static Copy copyOf(Cursor cursor) { return *cursor; }

@@ -155,6 +155,7 @@ class PlainLayout {
         return Digits::of(from);
     }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    static void prefetchBelow(Cursor) {}
     // What stands for a node in a table of them, and a cursor at it.
     using Copy = Cursor;
     static Copy copyOf(Cursor cursor) { return cursor; }

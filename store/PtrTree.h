@@ -216,6 +216,7 @@ class PtrTree {
                 for (unsigned i = 0; i < way.length(); ++i)
                     key.push_back(CHAR_INDEX[way.at(i)]);
                 node = child;
+                rootM.prefetchBelow(node);
                 if (Value const value = rootM.value(node))
                     visitor(BAS::String(key), value);
                 slot = 0;

@@ -10,6 +10,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <poll.h>
@@ -156,6 +157,13 @@ class FileIo::Buffer : public std::streambuf {
             pbump(1);
         }
         return traits_type::not_eof(character);
+    }
+    std::streamsize xsputn(char const* text, std::streamsize count) override {
+        if (count > epptr() - pptr() || descriptorM < 0)
+            return std::streambuf::xsputn(text, count);
+        std::memcpy(pptr(), text, static_cast<std::size_t>(count));
+        pbump(static_cast<int>(count));
+        return count;
     }
     int sync() override { return !terminalM || writeOut() ? 0 : -1; }
 
