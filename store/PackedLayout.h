@@ -202,6 +202,7 @@ class PackedLayout {
     enum Tag : Word { BRANCH = 0, CHAIN = 1, VALUE = 2, FREE = WordArena::freeTagCM };
 
     static constexpr Word noneCM = ~Word{0};
+    static constexpr Word tagMask = 3;
     static constexpr Word valueBit = 4;
     static constexpr unsigned childrenShift = 3;
     static constexpr Word childrenMask = Word{0xffff} << childrenShift;
@@ -242,9 +243,10 @@ class PackedLayout {
     }
 
     Word valueWord(Word word) const {
-        if (tagOf(word) == VALUE)
+        if ((word & VALUE) != 0)
             return word;
-        return tagOf(word) == BRANCH && (word & valueBit) != 0 ? arenaM[indexOf(word)] : 0;
+        // One test for both: whether a word is a branch cannot be foretold, that it has a value hardly ever is so.
+        return (word & (tagMask | valueBit)) == (BRANCH | valueBit) ? arenaM[indexOf(word)] : 0;
     }
 
     // The node below one of a chain's.
