@@ -9,7 +9,7 @@ namespace DAT::NumberPortability {
 using PBC::HugePages::pageCM;
 
 BlockPool::Chunk* BlockPool::chunkOf(void* block) {
-    return reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(block) & ~(pageCM - 1));
+    return reinterpret_cast<Chunk*>(static_cast<char*>(block) - reinterpret_cast<std::uintptr_t>(block) % pageCM);
 }
 
 void* BlockPool::allocateNew(std::size_t bytes) {
