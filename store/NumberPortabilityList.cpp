@@ -9,6 +9,8 @@ namespace DAT::NumberPortability {
 namespace {
 
 std::string_view withoutBlanks(std::string_view text) {
+    if (text.empty() || (text.front() != ' ' && text.back() != ' '))
+        return text;
     std::size_t const first = text.find_first_not_of(' ');
     if (first == std::string_view::npos)
         return {};

@@ -190,7 +190,9 @@ class PtrTree {
     }
 
     // The same for many keys at once: while the memory of one key's next node is under way, the others' walks go on.
-    // Calls found(std::size_t i, FoundStack& values) once for each keys[i], in order.
+    // Calls found(std::size_t i, FoundStack& values, std::span<Value const> above) once for each keys[i], in order. The
+    // values of the shortest prefixes may come in `above`, in their order, as they lie in the trie's table: pushing what
+    // is hardly ever popped would cost more than the rest of the step.
     template <class Found>
     void search(std::span<BAS::String const> keys, Found&& found) const {
         for (std::size_t begin = 0; begin < keys.size(); begin += lanesCM)
@@ -306,6 +308,10 @@ class PtrTree {
         Digits digits; // still to follow
         std::size_t key;
     };
+    struct Collected {
+        FoundStack values;
+        std::span<Value const> above;
+    };
 
     // One step; false at the end of the walk.
     bool advance(Lane& lane, FoundStack& found) const {
@@ -318,52 +324,50 @@ class PtrTree {
     }
 
     // Begins the walk of a key; false when there is nothing left to do: a key too long for a lane is walked at once.
-    bool begin(BAS::String const& key, Lane& lane, FoundStack& found) const {
+    bool begin(BAS::String const& key, Lane& lane, Collected& found) const {
         std::string_view rest = key.view();
         lane.digits = {};
         takeDigits(rest, lane.digits);
         if (!rest.empty()) {
-            search(key, found);
+            search(key, found.values);
             return false;
         }
         if (lane.digits.empty())
             return false;
         lane.node = rootM.root();
-        std::span<Value const> above;
-        if (shortcutsM != nullptr && shortcutsM->begin(lane.digits, lane.node, above))
+        if (shortcutsM != nullptr && shortcutsM->begin(lane.digits, lane.node, found.above))
             rootM.prefetch(lane.node);
-        for (Value const value : above)
-            found.push(value);
         return true;
     }
 
     template <class Found>
     void searchSome(std::span<BAS::String const> keys, std::size_t first, Found&& found) const {
-        std::array<FoundStack, lanesCM> values;
+        std::array<Collected, lanesCM> collected;
         std::array<Lane, lanesCM> lanes;
         std::size_t going = 0;
         for (std::size_t i = 0; i < keys.size(); ++i) {
             lanes[going].key = i;
-            if (begin(keys[i], lanes[going], values[i]))
+            if (begin(keys[i], lanes[going], collected[i]))
                 ++going;
         }
         while (going != 0) {
             std::size_t left = 0;
             for (std::size_t i = 0; i < going; ++i) {
                 Lane lane = lanes[i]; // in registers: a copy in memory would wait for what was just stored
-                if (advance(lane, values[lane.key]))
+                if (advance(lane, collected[lane.key].values))
                     lanes[left++] = lane;
             }
             going = left;
         }
-        for (FoundStack const& stack : std::span(values).first(keys.size()))
-            if (!stack.isEmpty())
-                rootM.prefetch(stack.top());
-        for (FoundStack const& stack : std::span(values).first(keys.size()))
-            if (!stack.isEmpty())
-                rootM.prefetchContent(stack.top());
+        auto const ended = std::span(collected).first(keys.size());
+        for (Collected const& one : ended)
+            if (!one.values.isEmpty())
+                rootM.prefetch(one.values.top());
+        for (Collected const& one : ended)
+            if (!one.values.isEmpty())
+                rootM.prefetchContent(one.values.top());
         for (std::size_t i = 0; i < keys.size(); ++i)
-            found(first + i, values[i]);
+            found(first + i, ended[i].values, ended[i].above);
     }
 
     // The child in `slot`, created if it is not there.

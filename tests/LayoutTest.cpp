@@ -94,10 +94,13 @@ std::string printed(Trie const& trie) {
     return out.str();
 }
 
-std::vector<int> drained(auto& found) {
+// Longest first.
+std::vector<int> drained(auto& found, std::span<Item* const> above = {}) {
     std::vector<int> numbers;
     while (!found.isEmpty())
         numbers.push_back(found.pop()->number);
+    for (std::size_t i = above.size(); i-- > 0;)
+        numbers.push_back(above[i]->number);
     return numbers;
 }
 
@@ -143,13 +146,13 @@ class Both {
     void compareMany(std::vector<std::string> const& keys) const {
         std::vector<BAS::String> const strings(keys.begin(), keys.end());
         std::size_t next = 0;
-        packedM.search(strings, [&](std::size_t i, Packed::FoundStack& found) {
+        packedM.search(strings, [&](std::size_t i, Packed::FoundStack& found, std::span<Item* const> above) {
             ASSERT_EQ(i, next++);
-            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
+            ASSERT_EQ(drained(found, above), prefixesOf(plainM, keys[i])) << keys[i];
         });
         ASSERT_EQ(next, keys.size());
-        plainM.search(strings, [&](std::size_t i, Plain::FoundStack& found) {
-            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
+        plainM.search(strings, [&](std::size_t i, Plain::FoundStack& found, std::span<Item* const> above) {
+            ASSERT_EQ(drained(found, above), prefixesOf(plainM, keys[i])) << keys[i];
         });
     }
 
