@@ -130,9 +130,9 @@ bool CacheManager::reload(bool reuseOnFailure) {
     standbyTreeM->clearAndDestroy();
 
     LineStore lines;
-    TreeFilling filling(*this, dataFileIoM, *standbyTreeM);
-    ReadEnd const end = fill(filling, lines, dataFileIoM);
-    if (end == ReadEnd::ERROR || (!filling.lastAccepted() && !reuseOnFailure)) {
+    bool lastAccepted = false;
+    ReadEnd const end = fillStandby(lines, dataFileIoM, lastAccepted);
+    if (end == ReadEnd::ERROR || (!lastAccepted && !reuseOnFailure)) {
         restoreStandby();
         return end == ReadEnd::ERROR && readError(dataFileIoM);
     }
@@ -171,8 +171,8 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
     standbyCompleteM = false;
 
     LineStore lines;
-    TreeFilling filling(*this, deltaFileIoM, *standbyTreeM);
-    ReadEnd const end = fill(filling, lines, deltaFileIoM);
+    bool lastAccepted = false;
+    ReadEnd const end = fillStandby(lines, deltaFileIoM, lastAccepted);
     if (end == ReadEnd::ERROR) {
         restoreStandby();
         return readError(deltaFileIoM);
@@ -218,14 +218,16 @@ bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject)
     return closeMainReader();
 }
 
-// Reads into the trees of `filling` and keeps the lines.
-CacheManager::ReadEnd CacheManager::fill(TreeFilling& filling, LineStore& lines, STR::FileIoTurbo& reader) {
+// Reads into the standby tree and keeps the lines.
+CacheManager::ReadEnd CacheManager::fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted) {
+    TreeFilling filling(*this, reader, *standbyTreeM);
     ReadEnd const end = readLines(reader, [&](std::string_view line) {
         filling.add(line);
         lines.append(line);
     });
     filling.finish();
     rejectedM = filling.rejected();
+    lastAccepted = filling.lastAccepted();
     return end;
 }
 

@@ -139,7 +139,7 @@ class CacheManager {
     // How the reading of a file ended.
     enum class ReadEnd { END_AT_READ, END_BEFORE_READ, ERROR };
 
-    // Hands every line of the open reader to take(line, number), numbered from 1. The one reading loop of all loads.
+    // Hands every line of the open reader to take(line). The one reading loop of all loads.
     template <class Take>
     ReadEnd readLines(STR::FileIoTurbo& reader, Take&& take);
 
@@ -149,7 +149,7 @@ class CacheManager {
     // Reports what is wrong with a line, as parse or a tree has found it.
     void reportLine(LineOutcome outcome, std::string_view line, unsigned long number, STR::FileIoTurbo const& reader);
 
-    ReadEnd fill(TreeFilling& filling, LineStore& lines, STR::FileIoTurbo& reader);
+    ReadEnd fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted);
     void beginLoad();
     bool reload(bool reuseOnFailure);
     bool deltaLoad(BAS::String const& fileName);

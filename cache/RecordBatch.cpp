@@ -12,7 +12,7 @@ void RecordBatch::appendLine(std::string_view line) {
 
 void RecordBatch::clear() {
     if (textM.capacity() > 2 * mostBytesCM)
-        textM = {};
+        textM = std::vector<char>(); // not {}, which would keep the memory
     textM.clear();
     endsM.clear();
     recordsM.clear();

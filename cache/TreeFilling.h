@@ -16,7 +16,7 @@ namespace DAT::NumberPortability {
 
 class TreeFilling {
   public:
-    // Without a second tree `second` is null. `onLine` may be empty; it is told of every line that is not stored.
+    // Without a second tree `second` is null. `onReject` may be empty; it is told of every line that is not stored.
     TreeFilling(CacheManager& cacheManager, STR::FileIoTurbo const& reader, NumberPortabilityTree& first,
                 NumberPortabilityTree* second = nullptr, RejectObserver onReject = {})
         : cacheManagerM(cacheManager), readerM(reader), treesM{&first, second}, onRejectM(std::move(onReject)) {}

@@ -62,10 +62,6 @@ class Digits {
         return same < shorter ? same : shorter;
     }
 
-    // In lexicographic order, a key before its extensions.
-    friend constexpr bool operator<(Digits const& left, Digits const& right) {
-        return left.bitsM != right.bitsM ? left.bitsM < right.bitsM : left.lengthM < right.lengthM;
-    }
     friend constexpr bool operator==(Digits const&, Digits const&) = default;
 
   private:

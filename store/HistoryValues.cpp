@@ -9,12 +9,6 @@ namespace DAT::NumberPortability {
 static_assert(BAS::DateTime::invalidSecsCM < (1ULL << 39), "an instant must fit");
 static_assert(NetworkDictionary::mostCM <= 65536, "a network's number must fit");
 
-HistoryValues::Value HistoryValues::adopt(NumberPortabilityList* list) {
-    Value const value = copyOf(*list);
-    delete list;
-    return value;
-}
-
 void HistoryValues::destroy(Word word) {
     if (!isRecord(word))
         deleteList(listOf(word));

@@ -40,10 +40,9 @@ class HistoryValues {
     HistoryValues(HistoryValues const&) = delete;
     HistoryValues& operator=(HistoryValues const&) = delete;
 
-    // What the layout asks for.
+    // What the layout asks for, but for adopt: histories are made here.
     Value at(Word word) const { return Value(word); }
     static Word word(Value value) { return value.wordM; }
-    Value adopt(NumberPortabilityList* list);
     void destroy(Word word);
     bool ownsNothing() const { return listsWithTextsM == 0; }
     void clear() noexcept;

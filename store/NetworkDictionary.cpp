@@ -55,8 +55,8 @@ void NetworkDictionary::grow() {
 }
 
 void NetworkDictionary::clear() noexcept {
-    networksM = {};
-    slotsM = {};
+    networksM = std::vector<BAS::SimpleString>(); // not {}, which would keep the memory
+    slotsM = std::vector<std::uint32_t>();
 }
 
 std::size_t NetworkDictionary::bytes() const {

@@ -3,8 +3,8 @@
 // Purpose: holds the records of one stored key so that the one that holds at an instant is found by a short scan.
 // Invariant of a list built by insertAt alone, which is how the system builds every list: records stand newest first,
 // no two with the same valid-from. insert does not keep it; the two must not be mixed on one list.
-// Ownership: owns its records. Created on the heap by the number tree, owned by the trie's node; copied only when a
-// whole tree is.
+// Ownership: owns its records. The number tree creates one, in a block of its pool, for every history that its trie does
+// not hold in a node itself; copies are made when a whole tree is copied, and for whoever visits histories.
 // Threads: no locking inside. search, printTree, length and record only read and may run at once; insert, insertAt
 // and destruction need exclusive access.
 // Errors: insert and insertAt throw when memory runs out and leave the list as it was; record throws

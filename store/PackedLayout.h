@@ -19,7 +19,7 @@
 //   Value                        what a search finds; false when there is none
 //   Word word(Value value)       its word, of tag VALUE
 //   Value at(Word word)          the value of a word; 0 gives none
-//   Value adopt(T* value)        takes the object over
+//   Value adopt(T* value)        takes the object over, for PtrTree::insert; must not fail
 //   void destroy(Word word)      frees what the word's value owns
 //   bool ownsNothing()           destroy has nothing to do for any of them
 //   void clear()                 frees everything that values own together, after each was destroyed or owned nothing

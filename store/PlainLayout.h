@@ -110,7 +110,7 @@ class PtrTreeNode {
     std::uint64_t sizeM;
 };
 
-// What PtrTree asks of a layout: PackedLayout.h has the same operations, in the same order.
+// What PtrTree asks of a layout; PackedLayout.h has the same operations, and some for values of its own.
 template <class T>
 class PlainLayout {
   public:

@@ -284,7 +284,8 @@ class PtrTree {
         // The values of the nodes that a shortcut has passed by.
         std::span<Value const> above() const { return aboveM; }
 
-        // Whether there is no digit left to follow. Sees to it that there are as many digits as descend() may want at once, as long as the key has some.
+        // Whether there is no digit left to follow. Sees to it that there are as many digits as descend() may want at
+        // once, as long as the key has some.
         bool isAtEnd() {
             if (digitsM.length() < Layout::mostAtOnceCM && !restM.empty())
                 treeM->takeDigits(restM, digitsM);

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace PBC {
@@ -60,7 +61,8 @@ class Shortcuts {
 
   private:
     using Copy = typename Layout::Copy;
-    // How a node is reached. Bits 0-12: the path above it; bits 13-15: how many digits, after the common ones, lead there.
+    // How a node is reached. Bits 0-12: the path above it; bits 13-15: how many digits, after the common ones, lead
+    // there.
     using Way = std::uint16_t;
     struct Path {
         std::uint32_t begin, count; // in valuesM
@@ -137,20 +139,22 @@ class Shortcuts {
         std::fill_n(nodesM + index, size, Layout::copyOf(node));
         std::fill_n(waysM + index, size, static_cast<Way>(taken << takenShift | (path & pathMask)));
         Value const value = layout.value(node);
-        if (value) {
+        if (value)
             above.push_back(value);
-            path = addPath(above);
-        }
+        bool isPathNew = static_cast<bool>(value); // added when a child in the table needs it
         Cursor child{};
         for (int slot = 0; slot < 10;) {
             Digits const way = layout.wayDown(node, slot, child);
             if (way.empty())
                 break;
             slot = way.first() + 1;
-            if (taken + way.length() <= digitsM)
-                fill(layout, child, taken + way.length(),
-                     index + indexOf(way.bits() >> (64 - 4 * way.length())) * (size / powerOfTen(way.length())), above,
-                     path);
+            if (taken + way.length() > digitsM)
+                continue;
+            if (std::exchange(isPathNew, false))
+                path = addPath(above);
+            fill(layout, child, taken + way.length(),
+                 index + indexOf(way.bits() >> (64 - 4 * way.length())) * (size / powerOfTen(way.length())), above,
+                 path);
         }
         if (value)
             above.pop_back();

@@ -26,7 +26,7 @@ void WordArena::drop() noexcept {
     freeM.fill(0);
 }
 
-// By half while small, by a quarter then: what is mapped and not yet touched costs nothing but address space.
+// By a quarter or more: what is mapped and not yet touched costs nothing but address space.
 void WordArena::grow() {
     std::size_t const bytes = capacityM * sizeof(Word);
     std::size_t const grown = HugePages::rounded(bytes + std::max(bytes / 4, firstBytes));

@@ -2,7 +2,8 @@
 //
 // Purpose: hands out runs of one to mostCM words by number, not by address, so that the whole range can move when it
 // grows and all of it can be dropped at once. Word 0 is handed out from the start: it is the trie's root.
-// Units and ranges: words of eight bytes; up to 2^35 of them (256 GiB).
+// Units and ranges: words of eight bytes; up to 2^35 of them (256 GiB), of which the last fifth cannot be reached by
+// growing.
 // Ownership: owns the range. A reference to a word is valid until the next allocate; a number until it is released.
 // Threads: none inside; concurrent reading is safe.
 // Errors: construction and allocate throw std::bad_alloc, after which everything is as before. release never fails.
