@@ -104,15 +104,12 @@ class TriePair {
         trieM->search(BAS::String(key), found);
         std::vector<std::uint64_t> prefixes = prefixesOf(digitsOf(key));
         std::vector<BAS::String> const many{BAS::String(key), BAS::String("0" + key), BAS::String(key)};
-        trieM->search(many, [&](std::size_t i, typename Trie::FoundStack& values, std::span<Value* const> above) {
-            std::vector<std::uint64_t> const expected = prefixesOf(digitsOf(many[i].str()));
-            std::size_t left = expected.size();
-            for (; !values.isEmpty() && left > 0; --left)
-                checkId("a stored prefix of many", key, values.pop(), expected[left - 1]);
-            checkEqual("an empty stack of many", key, values.isEmpty(), true);
-            checkEqual("prefixes above", key, above.size(), left);
-            for (std::size_t j = 0; j < left; ++j)
-                checkId("a shorter prefix of many", key, above[j], expected[j]);
+        trieM->search(many, [&](std::size_t i, typename Trie::Prefixes& values) {
+            std::vector<std::uint64_t> expected = prefixesOf(digitsOf(many[i].str()));
+            for (; !expected.empty() && !values.isEmpty(); expected.pop_back())
+                checkId("a stored prefix of many", key, values.pop(), expected.back());
+            checkEqual("prefixes of many not found", key, expected.size(), 0);
+            checkEqual("no prefix more of many", key, values.isEmpty(), true);
         });
         for (; !prefixes.empty(); prefixes.pop_back())
             checkId("a stored prefix", key, found.isEmpty() ? nullptr : found.pop(), prefixes.back());

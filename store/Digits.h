@@ -97,4 +97,27 @@ class Digits {
     unsigned lengthM = 0;
 };
 
+// The digits of a key that are still to be followed, in one word: an end mark lies behind the last.
+class RemainingDigits {
+  public:
+    static constexpr unsigned mostCM = Digits::mostCM - 1;
+
+    RemainingDigits() {} // NOLINT(modernize-use-equals-default): an array of them is not to be cleared
+    explicit RemainingDigits(Digits const& digits) : bitsM(digits.bits() | endMark >> 4 * digits.length()) {}
+
+    // The next digit; that of the end mark when there is none.
+    unsigned first() const { return static_cast<unsigned>(bitsM >> 60); }
+    // As Digits has them, the end mark behind them.
+    std::uint64_t bits() const { return bitsM; }
+    // Four bits for each digit that goes.
+    void dropBits(unsigned count) { bitsM <<= count; }
+    // Whether the end mark has gone too: more was dropped than there was.
+    bool isOver() const { return bitsM == 0; }
+
+  private:
+    static constexpr std::uint64_t endMark = std::uint64_t{1} << 63;
+
+    std::uint64_t bitsM;
+};
+
 } // namespace PBC

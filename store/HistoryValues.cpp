@@ -98,11 +98,11 @@ HistoryValues::Value HistoryValues::listValue(NumberPortabilityList* list) const
     return Value(reinterpret_cast<Word>(list) << addressShift | tag);
 }
 
-void HistoryValues::print(Value value, std::ostream& out, BAS::String const& number) const {
+void HistoryValues::print(Value value, std::ostream& out, std::string_view number) const {
     if (isRecord(value.wordM))
-        printRecord(out, number.view(), validFromOf(value.wordM), networksM[networkOf(value.wordM)]);
+        printRecord(out, number, validFromOf(value.wordM), networksM[networkOf(value.wordM)]);
     else
-        listOf(value.wordM)->printTree(out, number);
+        listOf(value.wordM)->printTree(out, BAS::String(number));
 }
 
 } // namespace DAT::NumberPortability

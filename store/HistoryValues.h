@@ -46,13 +46,15 @@ class HistoryValues {
     void destroy(Word word);
     bool ownsNothing() const { return listsWithTextsM == 0; }
     void clear() noexcept;
-    void print(Value value, std::ostream& out, BAS::String const& number) const;
+    void print(Value value, std::ostream& out, std::string_view number) const;
+    // Whether the history lies elsewhere than in its word.
+    bool isApart(Value value) const { return !isRecord(value.wordM); }
     void prefetch(Value value) const {
-        if (!isRecord(value.wordM))
+        if (isApart(value))
             __builtin_prefetch(listOf(value.wordM));
     }
     void prefetchContent(Value value) const {
-        if (!isRecord(value.wordM))
+        if (isApart(value))
             listOf(value.wordM)->prefetch();
     }
 

@@ -8,13 +8,15 @@ namespace DAT::NumberPortability {
 
 namespace {
 
-std::string_view withoutBlanks(std::string_view text) {
-    if (text.empty() || (text.front() != ' ' && text.back() != ' '))
-        return text;
+std::string_view stripped(std::string_view text) {
     std::size_t const first = text.find_first_not_of(' ');
     if (first == std::string_view::npos)
         return {};
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+inline std::string_view withoutBlanks(std::string_view text) {
+    return text.empty() || (text.front() != ' ' && text.back() != ' ') ? text : stripped(text);
 }
 
 } // namespace

@@ -44,29 +44,20 @@ bool NumberPortabilityTree::search(BAS::String const& number, BAS::DateTime cons
     return history && histories().search(history, at, out);
 }
 
+// The longest key first, as a stack of them gives it.
+template <class Prefixes>
+bool NumberPortabilityTree::searchAll(Prefixes& prefixes, BAS::DateTime const& at, NumberPortabilityData& out) const {
+    while (!prefixes.isEmpty())
+        if (histories().search(prefixes.pop(), at, out))
+            return true;
+    return false;
+}
+
 bool NumberPortabilityTree::searchBestMatch(BAS::String const& number, BAS::DateTime const& at,
                                             NumberPortabilityData& out) const {
     Trie::FoundStack found;
     treeM.search(number, found);
-    return searchFound(found, at, out);
-}
-
-// Longest key first.
-bool NumberPortabilityTree::searchFound(Trie::FoundStack& found, BAS::DateTime const& at,
-                                        NumberPortabilityData& out) const {
-    while (!found.isEmpty())
-        if (histories().search(found.pop(), at, out))
-            return true;
-    return false;
-}
-
-// The shorter keys' histories, where the trie gives them apart; again the longest first.
-bool NumberPortabilityTree::searchAbove(std::span<HistoryValues::Value const> above, BAS::DateTime const& at,
-                                        NumberPortabilityData& out) const {
-    for (; !above.empty(); above = above.first(above.size() - 1))
-        if (histories().search(above.back(), at, out))
-            return true;
-    return false;
+    return searchAll(found, at, out);
 }
 
 void NumberPortabilityTree::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
@@ -75,10 +66,9 @@ void NumberPortabilityTree::search(std::span<BAS::String const> numbers, std::sp
     if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
         throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
     if (method == BEST_MATCH)
-        treeM.search(
-            numbers, [&](std::size_t i, Trie::FoundStack& values, std::span<HistoryValues::Value const> above) {
-                found[i] = searchFound(values, instants[i], records[i]) || searchAbove(above, instants[i], records[i]);
-            });
+        treeM.search(numbers, [&](std::size_t i, Trie::Prefixes& prefixes) {
+            found[i] = searchAll(prefixes, instants[i], records[i]);
+        });
     else
         for (std::size_t i = 0; i < numbers.size(); ++i)
             found[i] = search(numbers[i], instants[i], records[i], method);

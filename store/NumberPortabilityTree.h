@@ -120,9 +120,8 @@ class NumberPortabilityTree {
     void storeNew(Trie::Place& place, HistoryValues::Value history);
     bool insertAt(Trie::Place& place, NumberPortabilityData const& record, bool ordered);
 
-    bool searchFound(Trie::FoundStack& found, BAS::DateTime const& at, NumberPortabilityData& out) const;
-    bool searchAbove(std::span<HistoryValues::Value const> above, BAS::DateTime const& at,
-                     NumberPortabilityData& out) const;
+    template <class Prefixes>
+    bool searchAll(Prefixes& prefixes, BAS::DateTime const& at, NumberPortabilityData& out) const;
     bool searchBestMatch(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out) const;
 
     Trie treeM;

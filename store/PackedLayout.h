@@ -53,7 +53,8 @@ class PointerValues {
     void destroy(Word word) { delete at(word); }
     bool ownsNothing() const { return false; }
     void clear() {}
-    void print(Value value, std::ostream& out, BAS::String const& key) const { value->printTree(out, key); }
+    void print(Value value, std::ostream& out, std::string_view key) const { value->printTree(out, BAS::String(key)); }
+    bool isApart(Value) const { return true; }
     void prefetch(Value value) const { __builtin_prefetch(value); }
     void prefetchContent(Value) const {}
 
@@ -101,6 +102,7 @@ class PackedLayout {
 
     Cursor root() const { return arenaM.data(); }
     Value value(Cursor cursor) const { return valuesM.at(valueWord(*cursor)); }
+    static bool hasValue(Cursor cursor) { return hasValue(*cursor); }
     bool descend(Cursor& cursor, Digits& digits) const {
         Word const word = *cursor;
         if (tagOf(word) == BRANCH) {
@@ -117,6 +119,23 @@ class PackedLayout {
         cursor = arenaM.data() + indexOf(word);
         return true;
     }
+    // As descend, without a branch: 1 when there is a step down, otherwise 0. At a node without children the cursor
+    // stays, so that whoever fetches its memory beforehand fetches nothing else.
+    unsigned step(Cursor& cursor, RemainingDigits& digits) const {
+        Word const word = *cursor;
+        Word const chain = -(word & CHAIN); // masks
+        Word const end = -(word >> 1 & 1);
+        unsigned const slot = digits.first();
+        Word const chainBits = word & (Word{7} << countShift); // four for each digit
+        Word const differs = (slotsOf(word) ^ digits.bits()) >> (-chainBits & 63);
+        Word const lacks = ~word >> (childrenShift + slot) & 1;
+        auto const skipped = static_cast<Word>(std::popcount(word & (childBit(slot) - 1) & ~chain));
+        digits.dropBits(static_cast<unsigned>((chainBits & chain) | (4 & ~chain)));
+        Cursor const next = arenaM.data() + indexOf(word) + skipped;
+        cursor = end != 0 ? cursor : next;
+        return ((differs & chain) | (lacks & ~chain) | end | digits.isOver()) == 0 ? 1 : 0;
+    }
+    bool isApart(Cursor cursor) const { return valuesM.isApart(valuesM.at(*cursor)); }
     Digits wayDown(Cursor cursor, int from, Cursor& child) const {
         Word const word = *cursor;
         if (tagOf(word) == CHAIN) {
@@ -130,6 +149,7 @@ class PackedLayout {
         child = arenaM.data() + indexOf(word) + before(word, slot);
         return Digits::of(slot);
     }
+    static bool isLeaf(Cursor cursor) { return tagOf(*cursor) == VALUE; }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
     // Fetches what lies below a node's children, for whoever will go through all of it.
     void prefetchBelow(Cursor cursor) const {
@@ -149,7 +169,7 @@ class PackedLayout {
     static Cursor at(Copy const& copy) { return &copy; }
     void prefetch(Value value) const { valuesM.prefetch(value); }
     void prefetchContent(Value value) const { valuesM.prefetchContent(value); }
-    void print(Value value, std::ostream& out, BAS::String const& key) const { valuesM.print(value, out, key); }
+    void print(Value value, std::ostream& out, std::string_view key) const { valuesM.print(value, out, key); }
 
     Place rootPlace() { return {0, 0, noneCM}; }
     bool descend(Place& place, int slot) {
@@ -214,7 +234,8 @@ class PackedLayout {
 
     static Tag tagOf(Word word) { return static_cast<Tag>(word & 3); }
     static Word indexOf(Word word) { return word >> indexShift; }
-    static Word childBit(int slot) { return Word{1} << (childrenShift + static_cast<unsigned>(slot)); }
+    static Word childBit(unsigned slot) { return Word{1} << (childrenShift + slot); }
+    static Word childBit(int slot) { return childBit(static_cast<unsigned>(slot)); }
     // How many words of a branch's run come before that of the child.
     static unsigned before(Word branch, int slot) {
         return static_cast<unsigned>(std::popcount(branch & (childBit(slot) - 1)));
@@ -242,11 +263,13 @@ class PackedLayout {
         return chain(indexOf(word), slots);
     }
 
+    static bool hasValue(Word word) { return ((word >> 1 | (word >> 2 & ~word)) & 1) != 0; }
+    // One test for both: whether a word is a branch cannot be foretold, that it has a value hardly ever is so.
+    static bool isBranchWithValue(Word word) { return (word & (tagMask | valueBit)) == (BRANCH | valueBit); }
     Word valueWord(Word word) const {
         if ((word & VALUE) != 0)
             return word;
-        // One test for both: whether a word is a branch cannot be foretold, that it has a value hardly ever is so.
-        return (word & (tagMask | valueBit)) == (BRANCH | valueBit) ? arenaM[indexOf(word)] : 0;
+        return isBranchWithValue(word) ? arenaM[indexOf(word)] : 0;
     }
 
     // The node below one of a chain's.

@@ -138,6 +138,7 @@ class PlainLayout {
 
     Cursor root() const { return rootM; }
     Value value(Cursor cursor) const { return cursor->value(); }
+    static bool hasValue(Cursor cursor) { return cursor->value() != nullptr; }
     // Goes one way down, along one or more of the key's digits, and takes those off. False, and the cursor means nothing
     // more, when no node with a value or several children lies there.
     bool descend(Cursor& cursor, Digits& digits) const {
@@ -145,6 +146,14 @@ class PlainLayout {
         digits.drop(1);
         return cursor != nullptr;
     }
+    unsigned step(Cursor& cursor, RemainingDigits& digits) const {
+        unsigned const slot = digits.first();
+        digits.dropBits(4);
+        Cursor const child = digits.isOver() ? nullptr : cursor->child(static_cast<int>(slot));
+        cursor = child == nullptr ? cursor : child;
+        return child == nullptr ? 0 : 1;
+    }
+    static bool isApart(Cursor) { return true; }
     // The first way down at or after the slot `from`: its child and the digits that lead there; none when there is none.
     Digits wayDown(Cursor cursor, int from, Cursor& child) const {
         while (from < baseM && cursor->child(from) == nullptr)
@@ -154,6 +163,8 @@ class PlainLayout {
         child = cursor->child(from);
         return Digits::of(from);
     }
+    // Whether it surely has no children, so that nothing is below.
+    static bool isLeaf(Cursor) { return false; }
     static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
     static void prefetchBelow(Cursor) {}
     // What stands for a node in a table of them, and a cursor at it.
@@ -163,7 +174,7 @@ class PlainLayout {
     // Fetches a value, and then what it refers to.
     static void prefetch(Value value) { __builtin_prefetch(value); }
     static void prefetchContent(Value) {}
-    void print(Value value, std::ostream& out, BAS::String const& key) const { value->printTree(out, key); }
+    void print(Value value, std::ostream& out, std::string_view key) const { value->printTree(out, BAS::String(key)); }
 
     Place rootPlace() { return rootM; }
     bool descend(Place& place, int slot) {

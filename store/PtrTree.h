@@ -23,6 +23,7 @@
 
 #include "framework/BAS/String.h"
 #include "framework/RW/RWTValSlist.h"
+#include "store/Lanes.h"
 #include "store/PlainLayout.h"
 #include "store/Shortcuts.h"
 
@@ -32,7 +33,9 @@
 #include <iosfwd>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace PBC {
@@ -59,6 +62,37 @@ class PtrTree {
     using Value = typename Layout::Value;
     using Place = typename Layout::Place;
     using FoundStack = RWTStack<Value, RWTValSlist<Value>>;
+
+    using Cursor = typename Layout::Cursor;
+
+    // The values of a key's stored prefixes, the longest first, the key itself included. Valid during the call that it
+    // is handed to. Of the values hardly any but the first is asked for, and a branch's is one more read of memory that
+    // is not in the processor's caches, so each is read when it is.
+    class Prefixes {
+      public:
+        bool isEmpty() const { return nodesM.empty() && aboveM.empty(); }
+        Value pop() {
+            if (nodesM.empty())
+                return taken(aboveM);
+            return layoutM.value(taken(nodesM));
+        }
+
+      private:
+        friend class PtrTree;
+        Prefixes(Layout const& layout, std::span<Cursor const> nodes, std::span<Value const> above)
+            : layoutM(layout), nodesM(nodes), aboveM(above) {}
+
+        template <class T2>
+        static T2 taken(std::span<T2 const>& some) {
+            T2 const last = some.back();
+            some = some.first(some.size() - 1);
+            return last;
+        }
+
+        Layout const& layoutM;
+        std::span<Cursor const> nodesM;
+        std::span<Value const> aboveM; // of nodes above those
+    };
 
     // Where the nodes along the latest key are, so that a key that begins like it starts where the two part: for keys
     // that come in order. Good for one trie, as long as all its changes are made through this path.
@@ -190,9 +224,7 @@ class PtrTree {
     }
 
     // The same for many keys at once: while the memory of one key's next node is under way, the others' walks go on.
-    // Calls found(std::size_t i, FoundStack& values, std::span<Value const> above) once for each keys[i], in order. The
-    // values of the shortest prefixes may come in `above`, in their order, as they lie in the trie's table: pushing what
-    // is hardly ever popped would cost more than the rest of the step.
+    // Calls found(std::size_t i, Prefixes& prefixes) once for each keys[i], in order.
     template <class Found>
     void search(std::span<BAS::String const> keys, Found&& found) const {
         for (std::size_t begin = 0; begin < keys.size(); begin += lanesCM)
@@ -203,40 +235,16 @@ class PtrTree {
     // the keys, each key before its extensions.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
-        struct Ancestor {
-            typename Layout::Cursor node;
-            std::size_t keyLength;
-        };
-        std::vector<Ancestor> ancestors;
-        std::string key;
-        typename Layout::Cursor node = rootM.root();
-        for (int slot = 0;;) {
-            typename Layout::Cursor child{};
-            Digits const way = rootM.wayDown(node, slot, child);
-            if (!way.empty()) {
-                ancestors.push_back({node, key.size()});
-                for (unsigned i = 0; i < way.length(); ++i)
-                    key.push_back(CHAR_INDEX[way.at(i)]);
-                node = child;
-                rootM.prefetchBelow(node);
-                if (Value const value = rootM.value(node))
-                    visitor(BAS::String(key), value);
-                slot = 0;
-            } else if (ancestors.empty()) {
-                return;
-            } else {
-                node = ancestors.back().node;
-                key.resize(ancestors.back().keyLength + 1);
-                ancestors.pop_back();
-                slot = DIGIT_INDEX[static_cast<unsigned char>(key.back())] + 1;
-                key.pop_back();
-            }
-        }
+        BAS::String text;
+        visitViews([&](std::string_view key, Value value) {
+            text.assign(key.data(), key.size());
+            visitor(std::as_const(text), value);
+        });
     }
 
     // Calls printTree(out, key) of every stored value, in the order of visit.
     void printTree(std::ostream& out) const {
-        visit([&](BAS::String const& key, Value value) { rootM.print(value, out, key); });
+        visitViews([&](std::string_view key, Value value) { rootM.print(value, out, key); });
     }
 
     // Whether the key has a digit, that is, reaches beyond the root.
@@ -254,7 +262,7 @@ class PtrTree {
     Layout const& layout() const { return rootM; }
 
   private:
-    static constexpr std::size_t lanesCM = 32;
+    static constexpr std::size_t lanesCM = Lanes<Layout>::mostCM;
 
     // Counts the nodes that an insertion creates, also when it breaks off.
     class NodeCount {
@@ -293,82 +301,93 @@ class PtrTree {
         }
         bool descend() { return treeM->rootM.descend(nodeM, digitsM); }
         Value value() const { return treeM->rootM.value(nodeM); }
+        Cursor node() const { return nodeM; }
 
       private:
         PtrTree const* treeM;
-        typename Layout::Cursor nodeM;
+        Cursor nodeM;
         std::string_view restM; // after digitsM
         Digits digitsM;
         std::span<Value const> aboveM;
         bool significantM = false;
     };
 
-    // Where the walk of one of many keys has come.
-    struct Lane {
-        typename Layout::Cursor node;
-        Digits digits; // still to follow
-        std::size_t key;
-    };
-    struct Collected {
-        FoundStack values;
-        std::span<Value const> above;
-    };
-
-    // One step; false at the end of the walk.
-    bool advance(Lane& lane, FoundStack& found) const {
-        if (Value const value = rootM.value(lane.node))
-            found.push(value);
-        if (lane.digits.empty() || !rootM.descend(lane.node, lane.digits))
-            return false;
-        rootM.prefetch(lane.node);
-        return true;
-    }
-
-    // Begins the walk of a key; false when there is nothing left to do: a key too long for a lane is walked at once.
-    bool begin(BAS::String const& key, Lane& lane, Collected& found) const {
-        std::string_view rest = key.view();
-        lane.digits = {};
-        takeDigits(rest, lane.digits);
-        if (!rest.empty()) {
-            search(key, found.values);
-            return false;
-        }
-        if (lane.digits.empty())
-            return false;
-        lane.node = rootM.root();
-        if (shortcutsM != nullptr && shortcutsM->begin(lane.digits, lane.node, found.above))
-            rootM.prefetch(lane.node);
-        return true;
-    }
-
     template <class Found>
     void searchSome(std::span<BAS::String const> keys, std::size_t first, Found&& found) const {
-        std::array<Collected, lanesCM> collected;
-        std::array<Lane, lanesCM> lanes;
-        std::size_t going = 0;
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-            lanes[going].key = i;
-            if (begin(keys[i], lanes[going], collected[i]))
-                ++going;
+        Lanes<Layout> lanes(rootM, shortcutsM.get());
+        auto const count = static_cast<unsigned>(keys.size());
+        std::uint32_t tooLong = 0;
+        static_assert(lanesCM <= 32);
+        for (unsigned i = 0; i < count; ++i) {
+            std::string_view rest = keys[i].view();
+            Digits digits;
+            takeDigits(rest, digits);
+            bool const fits = rest.empty() && digits.length() <= RemainingDigits::mostCM;
+            tooLong |= (fits ? 0U : 1U) << i;
+            lanes.begin(i, fits ? digits : Digits());
         }
-        while (going != 0) {
-            std::size_t left = 0;
-            for (std::size_t i = 0; i < going; ++i) {
-                Lane lane = lanes[i]; // in registers: a copy in memory would wait for what was just stored
-                if (advance(lane, collected[lane.key].values))
-                    lanes[left++] = lane;
+        lanes.walk();
+        lanes.fetchValues(count);
+        for (unsigned i = 0; i < count; ++i)
+            if ((tooLong >> i & 1) != 0) {
+                searchLong(keys[i], first + i, found);
+            } else {
+                Prefixes prefixes(rootM, lanes.nodes(i), lanes.above(i));
+                found(first + i, prefixes);
             }
-            going = left;
+    }
+
+    // A key too long for a lane.
+    template <class Found>
+    void searchLong(BAS::String const& key, std::size_t i, Found&& found) const {
+        Walk walk(*this, key);
+        std::vector<Cursor> nodes;
+        do {
+            if (Layout::hasValue(walk.node()))
+                nodes.push_back(walk.node());
+        } while (!walk.isAtEnd() && walk.descend());
+        Prefixes prefixes(rootM, nodes, walk.above());
+        found(i, prefixes);
+    }
+
+    // As visit, with the key as a view that is valid during the call.
+    template <class Visitor>
+    void visitViews(Visitor&& visitor) const {
+        struct Ancestor {
+            Cursor node;
+            int slot; // to go on with
+            std::size_t keyLength;
+        };
+        std::vector<Ancestor> ancestors;
+        std::string key;
+        Cursor node = rootM.root();
+        for (int slot = 0;;) {
+            Cursor child{};
+            Digits const way = rootM.wayDown(node, slot, child);
+            if (way.empty()) {
+                if (ancestors.empty())
+                    return;
+                node = ancestors.back().node;
+                slot = ancestors.back().slot;
+                key.resize(ancestors.back().keyLength);
+                ancestors.pop_back();
+                continue;
+            }
+            std::size_t const length = key.size();
+            slot = way.first() + 1;
+            for (unsigned i = 0; i < way.length(); ++i)
+                key.push_back(CHAR_INDEX[way.at(i)]);
+            if (Value const value = rootM.value(child))
+                visitor(std::string_view(key), value);
+            if (Layout::isLeaf(child)) {
+                key.resize(length);
+                continue;
+            }
+            ancestors.push_back({node, slot, length});
+            node = child;
+            slot = 0;
+            rootM.prefetchBelow(node);
         }
-        auto const ended = std::span(collected).first(keys.size());
-        for (Collected const& one : ended)
-            if (!one.values.isEmpty())
-                rootM.prefetch(one.values.top());
-        for (Collected const& one : ended)
-            if (!one.values.isEmpty())
-                rootM.prefetchContent(one.values.top());
-        for (std::size_t i = 0; i < keys.size(); ++i)
-            found(first + i, ended[i].values, ended[i].above);
     }
 
     // The child in `slot`, created if it is not there.

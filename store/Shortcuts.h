@@ -42,18 +42,40 @@ class Shortcuts {
         return nullptr;
     }
 
-    // Takes digits off the front of a key, and gives the node that they lead to and the values of the nodes above it,
-    // the shortest key's first. False, and nothing changes, when the walk must begin at the root.
+    // An entry of the table.
+    struct Start {
+        using Index = std::uint32_t;
+        static constexpr Index noneCM = ~Index{0};
+    };
+
+    // Where the walk of a key can begin, asked for but not read yet; Start::noneCM when it must begin at the root.
+    typename Start::Index find(Digits const& key) const {
+        if (key.length() < leastLengthM || ((key.bits() ^ commonM.bits()) & commonMaskM) != 0)
+            return Start::noneCM;
+        auto const start =
+            static_cast<typename Start::Index>(indexOf(key.bits() << 4 * commonM.length() >> (64 - 4 * digitsM)));
+        __builtin_prefetch(nodesM + start);
+        __builtin_prefetch(waysM + start);
+        return start;
+    }
+    // Its node, and the count of the key's digits that lead there.
+    unsigned start(typename Start::Index start, Cursor& node) const {
+        node = Layout::at(nodesM[start]);
+        return commonM.length() + (waysM[start] >> takenShift);
+    }
+    // The values of the nodes above it, the shortest key's first.
+    std::span<Value const> above(typename Start::Index start) const {
+        Path const path = pathsM[waysM[start] & pathMask];
+        return {valuesM.data() + path.begin, path.count};
+    }
+
+    // All of it at once. False, and nothing changes, when the walk must begin at the root.
     bool begin(Digits& digits, Cursor& node, std::span<Value const>& above) const {
-        unsigned const common = commonM.length();
-        if (digits.length() < common + digitsM || digits.commonWith(commonM) != common)
+        auto const index = find(digits);
+        if (index == Start::noneCM)
             return false;
-        std::size_t const index = indexOf(digits.bits() << 4 * common >> (64 - 4 * digitsM));
-        node = Layout::at(nodesM[index]);
-        std::uint16_t const way = waysM[index];
-        Path const path = pathsM[way & pathMask];
-        above = {valuesM.data() + path.begin, path.count};
-        digits.drop(common + (way >> takenShift));
+        digits.drop(start(index, node));
+        above = this->above(index);
         return true;
     }
 
@@ -111,6 +133,8 @@ class Shortcuts {
           waysM(reinterpret_cast<Way*>(nodesM + powerOfTen(digits))) {
         std::vector<Value> above;
         Cursor const node = afterCommon(layout, above);
+        commonMaskM = commonM.empty() ? 0 : ~std::uint64_t{0} << (64 - 4 * commonM.length());
+        leastLengthM = commonM.length() + digitsM;
         fill(layout, node, 0, 0, above, addPath(above));
     }
 
@@ -167,7 +191,9 @@ class Shortcuts {
     }
 
     Digits commonM;
+    std::uint64_t commonMaskM = 0;
     unsigned digitsM;
+    unsigned leastLengthM = 0; // of a key that the table serves
     Table tableM;
     Copy* nodesM; // in the table, and behind them:
     Way* waysM;

@@ -95,12 +95,10 @@ std::string printed(Trie const& trie) {
 }
 
 // Longest first.
-std::vector<int> drained(auto& found, std::span<Item* const> above = {}) {
+std::vector<int> drained(auto& found) {
     std::vector<int> numbers;
     while (!found.isEmpty())
         numbers.push_back(found.pop()->number);
-    for (std::size_t i = above.size(); i-- > 0;)
-        numbers.push_back(above[i]->number);
     return numbers;
 }
 
@@ -146,13 +144,13 @@ class Both {
     void compareMany(std::vector<std::string> const& keys) const {
         std::vector<BAS::String> const strings(keys.begin(), keys.end());
         std::size_t next = 0;
-        packedM.search(strings, [&](std::size_t i, Packed::FoundStack& found, std::span<Item* const> above) {
+        packedM.search(strings, [&](std::size_t i, Packed::Prefixes& found) {
             ASSERT_EQ(i, next++);
-            ASSERT_EQ(drained(found, above), prefixesOf(plainM, keys[i])) << keys[i];
+            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
         });
         ASSERT_EQ(next, keys.size());
-        plainM.search(strings, [&](std::size_t i, Plain::FoundStack& found, std::span<Item* const> above) {
-            ASSERT_EQ(drained(found, above), prefixesOf(plainM, keys[i])) << keys[i];
+        plainM.search(strings, [&](std::size_t i, Plain::Prefixes& found) {
+            ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
         });
     }
 
