@@ -4,6 +4,7 @@
 #include "tests/TemporaryFolder.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -19,7 +20,7 @@
 
 namespace {
 
-thread_local long liveBlocks = 0; // of operator new
+std::atomic<long> liveBlocks = 0; // of operator new; a thread may free what another has made
 
 // Allocations of this thread that still succeed; negative: all do.
 thread_local long allowed = -1;

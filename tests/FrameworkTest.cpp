@@ -517,16 +517,34 @@ TEST_F(Writer, ShowsNothingBeforeItIsClosed) {
     EXPECT_EQ(contentOf(file).size(), 1'000'001U);
 }
 
+// Blocks that are written while the next is filled, in pieces of many sizes.
+TEST_F(Writer, WritesALongFileInOrder) {
+    std::string const file = folder.file("long");
+    std::string text;
+    STR::FileIo writer(BAS::String(file), std::ios_base::out);
+    for (std::size_t size = 1; text.size() < 50'000'000; size = size * 3 % 2'000'003) {
+        std::string piece = std::to_string(size);
+        piece.resize(size, static_cast<char>('a' + size % 26));
+        writer.stream() << piece << std::flush;
+        text += piece;
+    }
+    EXPECT_TRUE(writer.closeFile());
+    EXPECT_TRUE(contentOf(file) == text);
+    EXPECT_TRUE(log.reports.empty());
+}
+
 TEST_F(Writer, GivesUpWhenAnExceptionUnwinds) {
     std::string const file = folder.write("data", "old");
-    try {
-        STR::FileIo writer(BAS::String(file), std::ios_base::out);
-        writer.stream() << "half of the";
-        throw std::runtime_error("listing");
-    } catch (std::runtime_error const&) { // NOLINT(bugprone-empty-catch): it is about the unwinding
+    for (std::size_t const size : {10UL, 5'000'000UL}) {
+        try {
+            STR::FileIo writer(BAS::String(file), std::ios_base::out);
+            writer.stream() << std::string(size, 'x');
+            throw std::runtime_error("listing");
+        } catch (std::runtime_error const&) { // NOLINT(bugprone-empty-catch): it is about the unwinding
+        }
+        EXPECT_EQ(contentOf(file), "old");
+        EXPECT_EQ(leftovers(1), 0U);
     }
-    EXPECT_EQ(contentOf(file), "old");
-    EXPECT_EQ(leftovers(1), 0U);
 }
 
 TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
@@ -535,12 +553,15 @@ TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
     getrlimit(RLIMIT_FSIZE, &old);
     rlimit const small = {1000, old.rlim_max};
     signal(SIGXFSZ, SIG_IGN);
-    setrlimit(RLIMIT_FSIZE, &small); // as if the disk were full
-    bool const written = write(file, std::string(5000, 'x'));
-    setrlimit(RLIMIT_FSIZE, &old);
-    EXPECT_FALSE(written);
-    EXPECT_EQ(contentOf(file), "old");
-    ASSERT_EQ(log.reports.size(), 1U);
+    std::size_t reports = 0;
+    for (std::size_t const size : {5000UL, 5'000'000UL}) { // the latter by its own thread
+        setrlimit(RLIMIT_FSIZE, &small);                   // as if the disk were full
+        bool const written = write(file, std::string(size, 'x'));
+        setrlimit(RLIMIT_FSIZE, &old);
+        EXPECT_FALSE(written);
+        EXPECT_EQ(contentOf(file), "old");
+        ASSERT_EQ(log.reports.size(), ++reports);
+    }
     EXPECT_EQ(log.reports[0].identifier().str(), "ERR_WRITE_FILE");
     EXPECT_EQ(log.reports[0].arguments()[0].str(), file);
     EXPECT_NE(log.reports[0].arguments()[1].str().find("File too large"), std::string::npos);
@@ -548,7 +569,7 @@ TEST_F(Writer, KeepsTheOldContentAndSaysWhyWhenItCannotWrite) {
     for (std::string const& name :
          {folder.file("no/such/folder"), folder.path().string(), folder.file("slash/"), ""s, folder.file("a\0b"s)})
         EXPECT_FALSE(write(name, "x")) << name;
-    EXPECT_EQ(log.reports.size(), 6U);
+    EXPECT_EQ(log.reports.size(), 7U);
     EXPECT_EQ(leftovers(1), 0U);
 }
 

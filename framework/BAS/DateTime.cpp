@@ -36,18 +36,22 @@ constexpr std::uint64_t daysSinceYearOne(unsigned year, unsigned month, unsigned
 static_assert(daysSinceYearOne(1, 1, 1) == 0);
 static_assert(daysSinceYearOne(10000, 1, 1) * secondsPerDay == DateTime::invalidSecsCM);
 
+// As C. Neri and L. Schneider have it ("Euclidean affine functions and their application to calendar algorithms",
+// 2022): multiplications in place of divisions.
 constexpr Civil civil(std::uint64_t seconds) {
-    std::uint64_t const days = seconds / secondsPerDay + marchToJanuary;
+    auto const days = static_cast<unsigned>(seconds / secondsPerDay + marchToJanuary);
     auto const time = static_cast<unsigned>(seconds % secondsPerDay);
-    auto const era = static_cast<unsigned>(days / daysPer400Years);
-    auto const dayOfEra = static_cast<unsigned>(days % daysPer400Years);
-    unsigned const yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    unsigned const dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    unsigned const monthFromMarch = (5 * dayOfYear + 2) / 153;
+    unsigned const century = (4 * days + 3) / daysPer400Years;
+    unsigned const dayOfCentury = (4 * days + 3) % daysPer400Years | 3; // times four, and three
+    std::uint64_t const scaledYear = std::uint64_t{2939745} * dayOfCentury;
+    auto const yearOfCentury = static_cast<unsigned>(scaledYear >> 32);
+    unsigned const dayOfYear = static_cast<unsigned>(scaledYear & 0xffffffff) / 2939745 / 4; // from March
+    unsigned const scaledMonth = 2141 * dayOfYear + 197913;
+    unsigned const isNextYear = dayOfYear >= marchToJanuary ? 1 : 0;
     Civil result;
-    result.day = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
-    result.month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
-    result.year = era * 400 + yearOfEra + (result.month <= 2 ? 1 : 0);
+    result.day = (scaledMonth & 0xffff) / 2141 + 1;
+    result.month = (scaledMonth >> 16) - 12 * isNextYear;
+    result.year = century * 100 + yearOfCentury + isNextYear;
     result.hour = time / 3600;
     result.minute = time / 60 % 60;
     result.second = time % 60;

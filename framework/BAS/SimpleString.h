@@ -12,6 +12,7 @@
 // The tag hides heap texts from the leak sanitizer: it takes what only such a pointer keeps alive for lost.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -52,7 +53,11 @@ class SimpleString {
     }
 
     char const* c_str() const noexcept { return isHeap() ? heapText() : bytesM; }
-    std::string_view view() const noexcept { return c_str(); }
+    std::string_view view() const noexcept {
+        if (isHeap())
+            return heapText();
+        return {bytesM, sizeCM - static_cast<unsigned>(std::countl_zero(shortText())) / 8};
+    }
     // Up to seven characters, which then lie in the object itself: shortText() is them, the rest 0. Equal short texts
     // have equal words.
     bool isShort() const noexcept { return !isHeap(); }

@@ -3,6 +3,7 @@
 #include "framework/BAS/RegisteredObject.h"
 #include "framework/BAS/Thread.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -17,13 +18,15 @@
 #include <streambuf>
 #include <sys/stat.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace STR {
 
 namespace {
 
-constexpr std::size_t bufferSize = 256UL * 1024;
+constexpr std::size_t bufferSize = 1024UL * 1024;
 constexpr int pollMilliseconds = 100; // how often a blocked writer looks for its cancellation
 
 // The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file could be
@@ -114,28 +117,21 @@ bool cancelled() {
 
 class FileIo::Buffer : public std::streambuf {
   public:
-    Buffer() : bytesM(std::make_unique<char[]>(bufferSize)) { clear(); }
+    Buffer() : bytesM(std::make_unique_for_overwrite<char[]>(bufferSize)) { clear(); }
     ~Buffer() override { closeDescriptor(); }
 
-    void attach(int descriptor) {
+    void attach(int descriptor, bool isRegular) {
         descriptorM = descriptor;
         terminalM = isatty(descriptor) != 0;
+        regularM = isRegular;
     }
     int descriptor() const { return descriptorM; }
     int error() const { return errorM; }
 
+    // All of it; false with error() when that or something before failed.
     bool writeOut() {
-        PipeSignalBlock const block;
-        char const* from = pbase();
-        while (errorM == 0 && from < pptr()) {
-            ssize_t const written = write(descriptorM, from, static_cast<std::size_t>(pptr() - from));
-            if (written >= 0)
-                from += written;
-            else if (errno == EAGAIN)
-                waitForRoom();
-            else if (errno != EINTR)
-                errorM = errno;
-        }
+        awaitWriter();
+        writeBlock(pbase(), pptr());
         clear();
         return errorM == 0;
     }
@@ -143,6 +139,7 @@ class FileIo::Buffer : public std::streambuf {
     bool closeDescriptor() {
         if (descriptorM < 0)
             return true;
+        awaitWriter();
         int const descriptor = descriptorM;
         descriptorM = -1;
         return close(descriptor) == 0;
@@ -150,7 +147,7 @@ class FileIo::Buffer : public std::streambuf {
 
   protected:
     int_type overflow(int_type character) override {
-        if (descriptorM < 0 || !writeOut())
+        if (descriptorM < 0 || !(regularM ? handOver() : writeOut()))
             return traits_type::eof();
         if (!traits_type::eq_int_type(character, traits_type::eof())) {
             *pptr() = traits_type::to_char_type(character);
@@ -168,6 +165,55 @@ class FileIo::Buffer : public std::streambuf {
     int sync() override { return !terminalM || writeOut() ? 0 : -1; }
 
   private:
+    // A full block goes to the file in another thread while the next is filled: the system's copying takes as long as
+    // the making of the text. Without such a thread it is written here. A file of one block starts none.
+    bool handOver() {
+        awaitWriter();
+        if (errorM != 0)
+            return false;
+        char const* const end = pptr();
+        try {
+            if (otherBytesM == nullptr)
+                otherBytesM = std::make_unique_for_overwrite<char[]>(bufferSize);
+            writerM = std::thread([this, from = bytesM.get(), end] {
+                writeBlock(from, end);
+                sendToDisk(end - from);
+            });
+            std::swap(bytesM, otherBytesM);
+        } catch (std::exception const&) { // no memory or no thread
+            writeBlock(bytesM.get(), end);
+        }
+        clear();
+        return errorM == 0;
+    }
+    // What was written starts on its way to the disk, so that the sync at the end finds little to do, and what has come
+    // there leaves the system's cache: a long file would otherwise take it from those who need it, and every page of it
+    // would be a new one. Neither waits, and nothing depends on them.
+    void sendToDisk(off_t size) {
+        constexpr off_t window = 16L * bufferSize;
+        sync_file_range(descriptorM, writtenM, size, SYNC_FILE_RANGE_WRITE);
+        writtenM += size;
+        if (writtenM > window)
+            posix_fadvise(descriptorM, std::max<off_t>(0, writtenM - 2 * window), window, POSIX_FADV_DONTNEED);
+    }
+    void awaitWriter() {
+        if (writerM.joinable())
+            writerM.join();
+    }
+
+    void writeBlock(char const* from, char const* end) {
+        PipeSignalBlock const block;
+        while (errorM == 0 && from < end) {
+            ssize_t const written = write(descriptorM, from, static_cast<std::size_t>(end - from));
+            if (written >= 0)
+                from += written;
+            else if (errno == EAGAIN)
+                waitForRoom();
+            else if (errno != EINTR)
+                errorM = errno;
+        }
+    }
+
     void clear() { setp(bytesM.get(), bytesM.get() + bufferSize); }
     void waitForRoom() {
         pollfd room = {descriptorM, POLLOUT, 0};
@@ -178,9 +224,13 @@ class FileIo::Buffer : public std::streambuf {
     }
 
     std::unique_ptr<char[]> bytesM;
+    std::unique_ptr<char[]> otherBytesM; // the writer's
     int descriptorM = -1;
-    int errorM = 0;
+    int errorM = 0;     // like the descriptor, the writer's while it runs
+    off_t writtenM = 0; // the writer's
     bool terminalM = false;
+    bool regularM = false;
+    std::thread writerM; // at most one, for one block
 };
 
 FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode)
@@ -226,7 +276,7 @@ void FileIo::openInPlace(int descriptor) {
     if (descriptor < 0)
         fail(errno, "open");
     else
-        bufferM->attach(descriptor);
+        bufferM->attach(descriptor, false);
 }
 
 void FileIo::openReplacing(std::string const& target) {
@@ -245,7 +295,7 @@ void FileIo::openReplacing(std::string const& target) {
     int const descriptor = createBeside(target, exists ? 0600 : 0666);
     if (descriptor < 0)
         return fail(errno, "create a file beside");
-    bufferM->attach(descriptor);
+    bufferM->attach(descriptor, true);
     if (!exists)
         return;
     struct stat created = {};
