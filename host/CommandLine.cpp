@@ -2,6 +2,7 @@
 
 #include "host/CheckCommand.h"
 #include "host/CtlCommand.h"
+#include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
@@ -56,6 +57,35 @@ Examples:
 
 )";
 
+constexpr char const* enrichHelpCM =
+    R"(Writes the records as they came, in their order, with COLUMN_network added for each
+number: the network that it belonged to at the record's time; empty (in NDJSON null)
+when no record of the data holds, or there is no number.
+
+Formats: CSV with quoting as in RFC 4180, any one-character separator, NDJSON; by the
+name of the first input unless --format says otherwise. Inputs may be gzip or zstd,
+whatever their names; the output is compressed if its name ends in .gz or .zst.
+COLUMN is a name of the header, or a number from 1; of NDJSON a member's name.
+
+Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601, with or without an offset), seconds or
+milliseconds since 1970, or a pattern as for strptime. --zone is the zone of the data;
+times without an offset are taken to be in it.
+
+Records that cannot be used go whole to the rejects, a CSV file with the columns file,
+line, reason and record; with --output FILE to FILE.rejects. With --keep they stay in
+the output, with empty fields.
+
+Examples:
+  nphost enrich --config examples/nphost.toml --number caller --number called
+      --time start --normalise --output calls-with-networks.csv calls.csv
+  zcat calls.gz | nphost enrich --config examples/nphost.toml --no-header
+      --number 2 --time 1 --keep > enriched.csv
+
+Exit status:
+  0  every record could be used; numbers that were not found are counted, no more
+  1  records were rejected, or stayed unused in the output
+  2  a usage, configuration or file error; one line on standard error says which)";
+
 constexpr char const* printHelpCM =
     R"(Without the heading the listing is a data file again: sorted, in stored form and
 without bad lines.
@@ -106,6 +136,7 @@ Exit status:
 struct Chosen {
     CommonOptions common;
     LookupOptions lookup;
+    EnrichOptions enrich;
     PrintOptions print;
     CheckOptions check;
     RunOptions run;
@@ -143,6 +174,68 @@ void addLookup(CLI::App& app, Chosen& chosen) {
             if (!chosen.method.empty())
                 chosen.lookup.method = searchMethodOf(chosen.method);
             return lookup(chosen.lookup);
+        };
+    });
+}
+
+void addEnrichInput(CLI::App& command, EnrichOptions& options) {
+    command.add_option("INPUT", options.inputs, "The files; default, and '-': standard input")->option_text("...");
+    command.add_option("--number", options.numbers, "A column with numbers; may be given again (required)")
+        ->option_text("COLUMN")
+        ->allow_extra_args(false)
+        ->required();
+    command.add_option("--time", options.time, "The column with the time (required)")
+        ->option_text("COLUMN")
+        ->required();
+    command
+        .add_option("--time-format", options.timeFormat,
+                    "digits, iso, seconds, milliseconds or a pattern; default: digits")
+        ->option_text("FORMAT");
+    command.add_option("--zone", options.zone, "The time zone of the data; default: UTC")->option_text("ZONE");
+    command.add_option("--format", options.format, "csv, tsv or ndjson; default: by the first input's name, or csv")
+        ->option_text("FORMAT")
+        ->check(CLI::IsMember({"csv", "tsv", "ndjson"}));
+    command.add_option("--separator", options.separator, "What separates fields; 'tab' for the tab")->option_text("C");
+    command.add_flag("--no-header", options.noHeader, "The first record names no columns");
+    command.add_flag("--no-quotes", options.noQuotes, "Quotation marks are bytes like others");
+    command.add_flag("--normalise", options.normalise,
+                     "Take numbers in any form: national, +44..., tel: and sip: URIs");
+}
+
+void addEnrichOutput(CLI::App& command, EnrichOptions& options) {
+    command.add_option("-o,--output", options.output, "The file to write; default: standard output")
+        ->option_text("FILE");
+    command.add_option("--add", options.added, "Besides the network: valid-from, prefix, next-change, method")
+        ->option_text("LIST")
+        ->delimiter(',')
+        ->allow_extra_args(false);
+    command.add_option("--rejects", options.rejects, "Where records go that cannot be used")->option_text("FILE");
+    command.add_flag("--keep", options.keep, "Leave records that cannot be used in the output");
+    command.add_option("--max-rejects", options.maxRejects, "Stop after more of them than this")->option_text("N");
+    command.add_option("--threads", options.threads, "Threads that look up; default: one a processor")
+        ->option_text("N")
+        ->check(CLI::Range(1, 1024));
+    command.add_flag("--json", options.json, "The summary on standard error as one JSON object");
+    command.add_flag("--pass-through", options.passThrough, "Everything but the look-up, to measure what it costs");
+}
+
+void addEnrich(CLI::App& app, Chosen& chosen) {
+    CLI::App* const command =
+        addCommand(app, chosen, "enrich", "Add to call records the networks of their numbers", enrichHelpCM);
+    command->footer(enrichHelpCM); // it has exit statuses of its own
+    addEnrichInput(*command, chosen.enrich);
+    command->add_option("--method", chosen.method, "best, exact or shortest; default: as configured")
+        ->option_text("METHOD")
+        ->check(CLI::IsMember({"best", "exact", "shortest"}));
+    addEnrichOutput(*command, chosen.enrich);
+    command->callback([&chosen] {
+        chosen.command = [&chosen] {
+            chosen.enrich.common = chosen.common;
+            if (!chosen.method.empty())
+                chosen.enrich.method = searchMethodOf(chosen.method);
+            if (chosen.enrich.inputs.empty())
+                chosen.enrich.inputs = {"-"};
+            return enrich(chosen.enrich);
         };
     });
 }
@@ -298,6 +391,7 @@ int runChecked(int argc, char const* const* argv) {
     app.require_subcommand(1);
     app.footer(std::string(programHelpCM) + exitStatusCM);
     addLookup(app, chosen);
+    addEnrich(app, chosen);
     addPrint(app, chosen);
     addCheck(app, chosen);
     addRun(app, chosen);

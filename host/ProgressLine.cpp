@@ -21,10 +21,13 @@ std::string minutes(double seconds) {
 } // namespace
 
 std::string progressText(ProgressLine::Reading const& reading, double seconds) {
-    std::string text = std::to_string(reading.lines) + " lines";
+    std::string const unit = std::string(" ") + reading.unit;
+    std::string text = std::to_string(reading.lines) + unit;
     if (seconds <= 0)
         return text;
-    text += ", " + std::to_string(std::lround(static_cast<double>(reading.lines) / seconds)) + " lines/s";
+    text += ", " + std::to_string(std::lround(static_cast<double>(reading.lines) / seconds)) + unit + "/s";
+    if (!reading.more.empty())
+        text += ", " + reading.more;
     if (reading.done > 0 && reading.done < reading.total)
         text +=
             ", " +

@@ -26,6 +26,8 @@ class ProgressLine {
         std::uint64_t lines = 0;
         std::uint64_t done = 0;
         std::uint64_t total = 0;
+        char const* unit = "lines";
+        std::string more = {}; // shown behind the rate
     };
     using Source = std::function<Reading()>;
 

@@ -1,0 +1,49 @@
+// nphost::EnrichPipeline: an enrichment on all processors, in order and in bounded memory.
+//
+// Purpose: one thread reads blocks of whole records, several enrich them, and the calling one takes them away in the
+// order of the input.
+// Units: up to two blocks a thread and two more are under way, a few MiB each.
+// Ownership: borrows context and input; owns its threads, which have ended when run returns or throws.
+// Threads: one run by one thread; the context's plug-in is called by several.
+// Errors: run throws what a thread or the taker threw first. A reader that waits for input sees the end of a run within
+// a tenth of a second.
+// Complexity: that of the input.
+#pragma once
+
+#include "framework/BAS/Mutex.h"
+#include "host/Enricher.h"
+#include "host/OrderedRing.h"
+
+#include <functional>
+#include <string>
+
+namespace nphost {
+
+class EnrichPipeline {
+  public:
+    // `prefix` is what stands before the first block's result.
+    EnrichPipeline(EnrichContext const& context, RecordInput& input, std::string prefix, unsigned int threads);
+    EnrichPipeline(EnrichPipeline const&) = delete;
+    EnrichPipeline& operator=(EnrichPipeline const&) = delete;
+
+    void run(std::function<void(EnrichJob const&)> const& take);
+
+    // After run.
+    NetworkCounts networks();
+
+  private:
+    class Threads;
+
+    void readAll() noexcept;
+    void work() noexcept;
+
+    EnrichContext const& contextM;
+    RecordInput& inputM;
+    std::string prefixM;
+    unsigned int threadsM;
+    OrderedRing<EnrichJob> ringM;
+    BAS::Mutex lockM;
+    NetworkCounts networksM NP_GUARDED_BY(lockM);
+};
+
+} // namespace nphost

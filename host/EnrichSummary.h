@@ -1,0 +1,61 @@
+// nphost::EnrichSummary: what became of the records of an enrichment.
+//
+// Purpose: counts, added up over blocks and threads, and told at the end as text or as one JSON object.
+// Units: found, notFound and withoutNumber count numbers, of which a record may have several; the others records.
+// Ownership: a value. Threads: none inside. Errors: std::bad_alloc.
+// Complexity: a hash and a comparison a network that is counted.
+#pragma once
+
+#include "host/Record.h"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace nphost {
+
+struct EnrichCounts {
+    std::uint64_t records = 0; // all but empty lines
+    std::uint64_t found = 0;
+    std::uint64_t notFound = 0;
+    std::uint64_t withoutNumber = 0; // there was none to look up
+    std::uint64_t ambiguous = 0;     // times that came twice
+    std::uint64_t impossible = 0;    // times that were left out
+    std::array<std::uint64_t, problemsCM> problems{};
+
+    std::uint64_t rejected() const;
+    EnrichCounts& operator+=(EnrichCounts const& other);
+};
+
+// How many numbers belong to each network.
+class NetworkCounts {
+  public:
+    void count(std::string_view network);
+    void add(NetworkCounts const& other);
+
+    // The most frequent first.
+    std::vector<std::pair<std::string, std::uint64_t>> sorted() const;
+
+  private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+
+    std::unordered_map<std::string, std::uint64_t, Hash, std::equal_to<>> countsM;
+};
+
+struct EnrichSummary {
+    EnrichCounts counts;
+    NetworkCounts networks;
+    double seconds = 0;
+    bool kept = false;    // rejected records stand in the output
+    bool complete = true; // the input was read to its end
+
+    std::string text() const;
+    std::string json() const;
+};
+
+} // namespace nphost

@@ -1,0 +1,195 @@
+#include "host/NumberForm.h"
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <utility>
+
+namespace nphost {
+
+namespace {
+
+constexpr std::string_view blanksCM = " \t";
+constexpr std::string_view separatorsCM = " \t-.()";
+
+bool areDigits(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// Of ASCII letters, in any case.
+bool isSame(std::string_view text, std::string_view lowerCase) {
+    return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+                      [](char one, char other) { return lower(one) == other; });
+}
+
+bool takePrefix(std::string_view& text, std::string_view lowerCase) {
+    if (!isSame(text.substr(0, lowerCase.size()), lowerCase))
+        return false;
+    text.remove_prefix(lowerCase.size());
+    return true;
+}
+
+// The text up to the separator, which goes too; the whole if there is none.
+std::string_view takeUntil(std::string_view& text, char separator) {
+    std::size_t const end = std::min(text.find(separator), text.size());
+    std::string_view const part = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return part;
+}
+
+std::string_view trimmed(std::string_view text) {
+    std::size_t const begin = text.find_first_not_of(blanksCM);
+    return begin == std::string_view::npos ? std::string_view()
+                                           : text.substr(begin, text.find_last_not_of(blanksCM) - begin + 1);
+}
+
+std::string withoutSeparators(std::string_view text) {
+    std::string result(text);
+    std::erase_if(result, [](char c) { return separatorsCM.find(c) != std::string_view::npos; });
+    return result;
+}
+
+// Nothing when an escape is none.
+std::optional<std::string> unescaped(std::string_view text) {
+    std::string result;
+    for (; !text.empty(); text.remove_prefix(1)) {
+        unsigned char byte = static_cast<unsigned char>(text.front());
+        if (text.front() == '%') {
+            std::string_view const code = text.substr(1, 2);
+            auto const [end, error] = std::from_chars(code.data(), code.data() + code.size(), byte, 16);
+            if (code.size() != 2 || error != std::errc() || end != code.data() + 2)
+                return std::nullopt;
+            text.remove_prefix(2);
+        }
+        result += static_cast<char>(byte);
+    }
+    return result;
+}
+
+// The value of a parameter, escapes and all; empty when it is not there.
+std::string_view parameter(std::string_view parameters, std::string_view name) {
+    while (!parameters.empty()) {
+        std::string_view value = takeUntil(parameters, ';');
+        if (isSame(takeUntil(value, '='), name))
+            return value;
+    }
+    return {};
+}
+
+} // namespace
+
+DiallingCodes diallingCodesOf(Configuration const& configuration) {
+    BAS::RegistryEntry const* const plugIn = configuration.registry.find(plugInNameCM);
+    auto const value = [plugIn](char const* key, char const* otherwise) {
+        BAS::RegistryEntry const* const entry = plugIn == nullptr ? nullptr : plugIn->find(key);
+        return entry == nullptr ? std::string(otherwise) : entry->value().str();
+    };
+    return {value("CountryCode", ""), value("NationalAccessCode", ""), value("InternationalAccessCode", "00"),
+            value("InternationalAccessCodeSign", "+")};
+}
+
+NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
+    : codesM(std::move(codes)), normaliseM(std::move(normalise)) {}
+
+bool NumberForm::toStored(std::string_view text, BAS::String& out) const {
+    text = trimmed(text);
+    if (takePrefix(text, "tel:"))
+        return fromSubscriber(text, out);
+    if (takePrefix(text, "sip:") || takePrefix(text, "sips:"))
+        return fromSip(text, out);
+    return fromWritten(text, out);
+}
+
+bool NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
+    std::size_t const at = uri.find('@');
+    if (at == std::string_view::npos)
+        return false;
+    std::string_view userInfo = uri.substr(0, at);
+    std::string_view const user = takeUntil(userInfo, ':'); // a password may follow
+    std::string_view rest = uri.substr(at + 1);
+    std::string_view parameters = takeUntil(rest, '?');
+    takeUntil(parameters, ';'); // the host
+    if (isSame(parameter(parameters, "user"), "phone"))
+        return fromSubscriber(user, out);
+    std::optional<std::string> const name = unescaped(user);
+    std::string_view digits = name ? std::string_view(*name) : std::string_view();
+    digits.remove_prefix(digits.starts_with('+') ? 1 : 0);
+    return areDigits(digits) && fromWritten(*name, out);
+}
+
+bool NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& out) const {
+    std::string_view parameters = subscriber;
+    std::optional<std::string> const escapedNumber = unescaped(takeUntil(parameters, ';'));
+    std::optional<std::string> const context = unescaped(parameter(parameters, "phone-context"));
+    if (!escapedNumber || !context)
+        return false;
+    std::string const number = withoutSeparators(*escapedNumber);
+    if (number.starts_with('+'))
+        return global(std::string_view(number).substr(1), out);
+    if (!areDigits(number))
+        return false;
+    return context->starts_with('+') ? fromContext(withoutSeparators(context->substr(1)), number, out)
+                                     : dialled(number, out);
+}
+
+bool NumberForm::fromContext(std::string_view context, std::string_view digits, BAS::String& out) const {
+    bool const isHome = !codesM.country.empty() && context.starts_with(codesM.country);
+    if (isHome && withoutAccessCode(digits).size() < digits.size())
+        return areDigits(context) && dialled(digits, out);
+    return areDigits(context) && global(std::string(context) + std::string(digits), out);
+}
+
+bool NumberForm::fromWritten(std::string_view text, BAS::String& out) const {
+    text.remove_prefix(std::min(text.find_first_not_of("( \t"), text.size())); // as in "(+44) 7700 900123"
+    std::string_view const number = withoutSign(text);
+    if (number.size() < text.size())
+        return global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out);
+    return dialled(withoutSeparators(withoutTrunkCode(text, codesM.internationalAccess + codesM.country)), out);
+}
+
+bool NumberForm::global(std::string_view digits, BAS::String& out) const {
+    if (!areDigits(digits))
+        return false;
+    std::string const number = codesM.sign + std::string(digits);
+    out.assign(number.data(), number.size());
+    normaliseM(out);
+    return true;
+}
+
+// A number as dialled in the own country.
+bool NumberForm::dialled(std::string_view number, BAS::String& out) const {
+    if (!areDigits(withoutAccessCode(number)))
+        return false;
+    out.assign(number.data(), number.size());
+    normaliseM(out);
+    return true;
+}
+
+std::string_view NumberForm::withoutSign(std::string_view text) const {
+    for (std::string_view const sign : {std::string_view(codesM.sign), std::string_view("+")})
+        if (!sign.empty() && text.starts_with(sign))
+            return text.substr(sign.size());
+    return text;
+}
+
+std::string_view NumberForm::withoutAccessCode(std::string_view number) const {
+    for (std::string const& code : {std::cref(codesM.internationalAccess), std::cref(codesM.nationalAccess)})
+        if (!code.empty() && number.starts_with(code))
+            return number.substr(code.size());
+    return number;
+}
+
+// "44 (0)7700 900123" without its "(0)", which must follow `head`.
+std::string NumberForm::withoutTrunkCode(std::string_view text, std::string_view head) const {
+    std::string const trunkCode = "(" + codesM.nationalAccess + ")";
+    std::size_t const at = text.find(trunkCode);
+    if (codesM.nationalAccess.empty() || at == std::string_view::npos || withoutSeparators(text.substr(0, at)) != head)
+        return std::string(text);
+    return std::string(text.substr(0, at)).append(text.substr(at + trunkCode.size()));
+}
+
+} // namespace nphost

@@ -1,0 +1,70 @@
+// nphost::NumberForm: brings numbers of foreign files into stored form.
+//
+// Purpose: feeds and call records write numbers in many forms; the data know one: international access code, country
+// code, national number. Which form a text has shows by itself:
+//   tel:...            RFC 3966, RFC 4694
+//   sip:..., sips:...  RFC 3261: the user part, if it is a number; with user=phone as in tel:, else '+' and digits alone
+//   anything else      a number as people write it
+// Blanks, tabs, '-', '.', '(' and ')' are visual separators everywhere but in a user part without user=phone. Percent
+// escapes of URIs are undone; parameters but phone-context (extensions, routing numbers), passwords and headers are
+// passed over. The rules, by the configured dialling codes:
+// - '+', or the configured sign, begins a global number: access code and its digits.
+// - "(0)" after the own country's code, with the national access code for the 0, is left out.
+// - What begins otherwise is dialled in the own country: the module's rules of normalisation, docs/data-format.md.
+// - phone-context=+DIGITS supplies the country code: access code, DIGITS and the local number as it stands. But a local
+//   number that begins with the own national or international access code, in a context that begins with the own
+//   country code, is dialled in the own country: its codes are replaced as above. Other countries' national access
+//   codes are not known and stay.
+// - phone-context=DOMAIN, or none, says nothing: the number is dialled in the own country.
+// There is no number in a text without a digit, with letters, '*' or '#' in it, or with nothing behind an access code.
+// Ownership: owns its codes; what the normalisation refers to must outlive it.
+// Threads: none inside; concurrent use is safe if the normalisation is.
+// Errors: std::bad_alloc.
+// Complexity: linear in the text.
+#pragma once
+
+#include "framework/BAS/String.h"
+#include "host/Configuration.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace nphost {
+
+struct DiallingCodes {
+    std::string country;
+    std::string nationalAccess;
+    std::string internationalAccess;
+    std::string sign; // stands for the international access code
+};
+
+// As the module takes them: those that are not configured have its defaults.
+DiallingCodes diallingCodesOf(Configuration const& configuration);
+
+class NumberForm {
+  public:
+    // What the module does with numbers by the same codes: LoadedPlugIn::normalize.
+    using Normalise = std::function<void(BAS::String& number)>;
+
+    NumberForm(DiallingCodes codes, Normalise normalise);
+
+    // False, and `out` means nothing, when there is no number in the text.
+    bool toStored(std::string_view text, BAS::String& out) const;
+
+  private:
+    bool fromSip(std::string_view uri, BAS::String& out) const;
+    bool fromSubscriber(std::string_view subscriber, BAS::String& out) const;
+    bool fromContext(std::string_view context, std::string_view digits, BAS::String& out) const;
+    bool fromWritten(std::string_view text, BAS::String& out) const;
+    bool global(std::string_view digits, BAS::String& out) const;
+    bool dialled(std::string_view number, BAS::String& out) const;
+    std::string_view withoutSign(std::string_view text) const;
+    std::string_view withoutAccessCode(std::string_view number) const;
+    std::string withoutTrunkCode(std::string_view text, std::string_view head) const;
+
+    DiallingCodes codesM;
+    Normalise normaliseM;
+};
+
+} // namespace nphost

@@ -1,0 +1,91 @@
+#include "host/RecordWriter.h"
+
+#include "host/Text.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace nphost {
+
+namespace {
+
+bool isPlainJson(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+}
+
+// As a JSON text, with U+FFFD for what is no UTF-8.
+void appendJson(std::string& out, std::string_view text) {
+    if (!isPlainJson(text)) {
+        out += nlohmann::json(asUtf8(text)).dump();
+        return;
+    }
+    out += '"';
+    out += text;
+    out += '"';
+}
+
+} // namespace
+
+bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
+    bool const quoted = std::any_of(field.begin(), field.end(), [dialect](char c) {
+        return c == dialect.separator || c == '\n' || c == '\r' || (c == '"' && dialect.quotes);
+    });
+    if (!quoted) {
+        out += field;
+        return true;
+    }
+    if (!dialect.quotes)
+        return false;
+    out += '"';
+    for (char const c : field)
+        out.append(c == '"' ? 2 : 1, c);
+    out += '"';
+    return true;
+}
+
+bool CsvWriter::write(std::string& out, Record const& record, std::span<Value const> values) {
+    std::size_t const before = out.size();
+    out += record.text;
+    for (Value const& value : values) {
+        out += dialectM.separator;
+        if (!value || appendField(out, *value, dialectM))
+            continue;
+        out.resize(before);
+        return false;
+    }
+    out += record.lineEnd;
+    return true;
+}
+
+JsonWriter::JsonWriter(std::vector<std::string> const& names) {
+    for (std::string const& name : names) {
+        std::string& text = namesM.emplace_back();
+        appendJson(text, name);
+        text += ':';
+    }
+}
+
+// The last brace of the text closes the object; only an empty object has an opening one before it.
+bool JsonWriter::write(std::string& out, Record const& record, std::span<Value const> values) {
+    std::size_t const brace = record.text.rfind('}');
+    std::string_view const members = record.text.substr(0, brace);
+    std::size_t const last = members.find_last_not_of(" \t\r");
+    bool separates = last != std::string_view::npos && members[last] != '{';
+    out += members;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (separates)
+            out += ',';
+        separates = true;
+        out += namesM[i];
+        if (values[i])
+            appendJson(out, *values[i]);
+        else
+            out += "null";
+    }
+    out += record.text.substr(brace);
+    out += record.lineEnd;
+    return true;
+}
+
+} // namespace nphost

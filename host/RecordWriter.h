@@ -1,0 +1,58 @@
+// nphost::RecordWriter: writes records as they came, with values added.
+//
+// Purpose: the bytes of the record stay; what is added goes behind the last field of a CSV record, or before the closing
+// brace of a JSON object, written as the format needs it. A value that is not there is an empty field, or null.
+// Ownership: appends to the caller's text. Threads: none inside.
+// Errors: std::bad_alloc. Complexity: linear in the record.
+// Source: RFC 4180, RFC 8259.
+#pragma once
+
+#include "host/CsvReader.h"
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nphost {
+
+class RecordWriter {
+  public:
+    using Value = std::optional<std::string_view>;
+
+    RecordWriter() = default;
+    RecordWriter(RecordWriter const&) = delete;
+    RecordWriter& operator=(RecordWriter const&) = delete;
+    virtual ~RecordWriter() = default;
+
+    // False, and nothing appended, when a value cannot be written: it holds the separator, and quoting is switched off.
+    virtual bool write(std::string& out, Record const& record, std::span<Value const> values) = 0;
+};
+
+class CsvWriter : public RecordWriter {
+  public:
+    explicit CsvWriter(CsvDialect dialect) : dialectM(dialect) {}
+
+    bool write(std::string& out, Record const& record, std::span<Value const> values) override;
+
+    // One field as it must stand in a record; false when it cannot.
+    static bool appendField(std::string& out, std::string_view field, CsvDialect dialect);
+
+  private:
+    CsvDialect dialectM;
+};
+
+class JsonWriter : public RecordWriter {
+  public:
+    // The names of the values.
+    explicit JsonWriter(std::vector<std::string> const& names);
+
+    bool write(std::string& out, Record const& record, std::span<Value const> values) override;
+
+  private:
+    std::vector<std::string> namesM; // as they stand in the object, with what surrounds them
+};
+
+} // namespace nphost

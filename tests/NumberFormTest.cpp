@@ -1,0 +1,114 @@
+// Numbers in foreign forms, brought into stored form by the module itself.
+#include "host/NumberForm.h"
+#include "host/Host.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string const exampleDataCM = std::string(NP_SOURCE_FOLDER) + "/examples/portability.dat";
+
+struct Case {
+    std::string text;
+    char const* stored; // "-": no number
+};
+
+void expectForms(std::string const& codes, std::vector<Case> const& cases) {
+    nphost::Configuration configuration = nphost::parseConfiguration(
+        "[DAT_NumberPortability]\nFileName = \"" + exampleDataCM + "\"\n" + codes, "/test.toml");
+    nphost::DiallingCodes const dialling = diallingCodesOf(configuration);
+    nphost::Host host(std::move(configuration), {"/test.toml"});
+    nphost::NumberForm const form(dialling, [&](BAS::String& number) { host.plugIn().normalize(number); });
+    for (Case const& test : cases) {
+        BAS::String stored;
+        EXPECT_EQ(form.toStored(test.text, stored) ? stored.str() : "-", test.stored) << "'" << test.text << "'";
+    }
+}
+
+TEST(NumberFormTest, BringsEveryFormIntoStoredForm) {
+    expectForms("CountryCode = \"44\"\nNationalAccessCode = \"0\"\n",
+                {
+                    // as people write them
+                    {"07700900123", "00447700900123"},
+                    {" (07700) 900-123\t", "00447700900123"},
+                    {"7700.900.123", "00447700900123"},
+                    {"+44 7700 900123", "00447700900123"},
+                    {"(+44) 7700 900123", "00447700900123"},
+                    {"+44 (0)7700 900123", "00447700900123"},
+                    {"0044 (0) 7700 900123", "00447700900123"},
+                    {"+39 (0)6 1234", "00390"
+                                      "61234"}, // other countries may keep the zero
+                    {"00 33 1 23", "0033123"},
+                    {"+44", "0044"}, // a prefix is a number
+                    {"", "-"},
+                    {" ", "-"},
+                    {"+", "-"},
+                    {"0", "-"},
+                    {"00", "-"},
+                    {"unknown", "-"},
+                    {"07700x900123", "-"},
+                    {"*31#07700900123", "-"},
+                    {"+44+7700", "-"},
+                    {std::string("07700\0", 6), "-"},
+                    // tel:
+                    {"tel:+44-7700-900.123", "00447700900123"},
+                    {"TEL:+(44)7700900123;ext=12", "00447700900123"},
+                    {"tel:+447700900123;npdi;rn=+441712345678", "00447700900123"},
+                    {"tel:+44%207700900123", "00447700900123"},
+                    {"tel:07700900123;phone-context=example.com", "00447700900123"},
+                    {"tel:07700900123", "00447700900123"},
+                    {"tel:1234567;phone-context=+44171", "00441711234567"},
+                    {"tel:863-1234;isub=1;Phone-Context=+1-914-555", "0019145558631234"},
+                    {"tel:07700900123;phone-context=%2B44", "00447700900123"},
+                    {"tel:01711234567;phone-context=+44171", "00441711234567"},
+                    {"tel:0033123;phone-context=+44", "0033123"},
+                    {"tel:0301234;phone-context=+49", "00490301234"},
+                    {"tel:+44;phone-context=+1", "0044"},
+                    {"tel:1234;phone-context=+", "-"},
+                    {"tel:1234;phone-context=+4x", "-"},
+                    {"tel:*21;phone-context=+44", "-"},
+                    {"tel:7A42;phone-context=example.com", "-"},
+                    {"tel:", "-"},
+                    {"tel:+", "-"},
+                    {"tel:;phone-context=+44", "-"},
+                    {"tel:+44%2", "-"},
+                    {"tel:+44%zz7700", "-"},
+                    // sip: and sips:
+                    {"sip:+447700900123@example.com;user=phone", "00447700900123"},
+                    {"sips:+44-7700-900123@[2001:db8::1]:5061;transport=tcp;user=PHONE?subject=x", "00447700900123"},
+                    {"SIP:07700900123:secret@example.com", "00447700900123"},
+                    {"sip:%2B447700900123@example.com", "00447700900123"},
+                    {"sip:07700900123;phone-context=+44@example.com;user=phone", "00447700900123"},
+                    {"sip:1234;phone-context=+1914@example.com;user=phone", "0019141234"},
+                    {"sip:alice@example.com", "-"},
+                    {"sip:alice@example.com;user=phone", "-"},
+                    {"sip:10.0.0.1@example.com", "-"},
+                    {"sip:10.0.0.1@example.com;user=phone", "004410001"},
+                    {"sip:1001;tag=1@example.com", "-"},
+                    {"sip:+44%@example.com", "-"},
+                    {"sip:07700900123", "-"}, // a host's name
+                    {"sip:@example.com", "-"},
+                    {"sip:", "-"},
+                    {"mailto:07700900123@example.com", "-"},
+                });
+}
+
+TEST(NumberFormTest, ObeysTheConfiguredCodes) {
+    expectForms("CountryCode = \"1\"\nNationalAccessCode = \"1\"\nInternationalAccessCode = \"011\"\n",
+                {{"1 (914) 555-1234", "01119145551234"},
+                 {"(914) 555-1234", "01119145551234"},
+                 {"+44 7700 900123", "011447700900123"},
+                 {"011 44 7700 900123", "011447700900123"},
+                 {"tel:5551234;phone-context=+1914", "01119145551234"},
+                 {"1", "-"}});
+    expectForms(
+        "CountryCode = \"39\"\nNationalAccessCode = \"\"\n",
+        {{"06 1234", "0039061234"}, {"+39 (0)6 1234", "0039061234"}, {"tel:061234;phone-context=+39", "0039061234"}});
+    expectForms("CountryCode = \"44\"\nNationalAccessCode = \"0\"\nInternationalAccessCodeSign = \"*\"\n",
+                {{"*44 7700 900123", "00447700900123"}, {"tel:+447700900123", "00447700900123"}, {"+33 1", "00331"}});
+}
+
+} // namespace
