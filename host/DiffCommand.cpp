@@ -14,6 +14,7 @@
 #include <string_view>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace nphost {
 
@@ -100,6 +101,8 @@ class TextReport : public Report {
   private:
     static constexpr std::size_t labelWidthCM = 24;
     static constexpr std::size_t columnWidthCM = 14;
+    static constexpr std::size_t mostColumnsCM = 7; // of the matrix; more networks are told pair by pair
+    static constexpr std::size_t mostListedCM = 40;
 
     void cell(std::string const& text) {
         outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, text.size()), ' ') + text);
@@ -137,17 +140,59 @@ class TextReport : public Report {
     }
 
     void moves(Totals const& totals) {
-        if (totals.result.count(Difference::MOVED) == 0)
+        ComparisonResult const& result = totals.result;
+        if (result.count(Difference::MOVED) == 0)
             return;
-        outM.append("\nMoved, numbers from network to network ('-' is nobody):\n");
-        for (Move const& move : totals.result.moves) {
+        std::vector<std::string> names;
+        for (Move const& move : result.moves)
+            for (auto const* const network : {&move.from, &move.to})
+                if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
+                    names.size() <= mostColumnsCM)
+                    names.push_back(nameOf(*network));
+        std::sort(names.begin(), names.end());
+        bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
+                          std::all_of(names.begin(), names.end(),
+                                      [](std::string const& name) { return name.size() < columnWidthCM; });
+        if (fits)
+            matrix(result, names);
+        else
+            list(result);
+    }
+
+    void matrix(ComparisonResult const& result, std::vector<std::string> const& names) {
+        std::map<std::pair<std::string, std::string>, std::uint64_t> cells;
+        for (Move const& move : result.moves)
+            cells[{nameOf(move.from), nameOf(move.to)}] += move.numbers;
+        outM.append("\nNumbers moved from network (left) to network (top); '-' is nobody:\n" +
+                    std::string(labelWidthCM, ' '));
+        for (std::string const& to : names)
+            cell(to);
+        for (std::string const& from : names) {
+            outM.append("\n" + from + std::string(labelWidthCM - from.size(), ' '));
+            for (std::string const& to : names) {
+                auto const found = cells.find({from, to});
+                cell(found == cells.end() ? "." : std::to_string(found->second));
+            }
+        }
+        outM.append('\n');
+    }
+
+    void list(ComparisonResult const& result) {
+        outM.append(std::string_view("\nNumbers moved from network to network, most first; '-' is nobody:\n"));
+        std::uint64_t rest = result.otherMoves;
+        for (std::size_t i = 0; i < result.moves.size(); ++i) {
+            Move const& move = result.moves[i];
+            if (i >= mostListedCM) {
+                rest += move.numbers;
+                continue;
+            }
             cell(std::to_string(move.numbers));
             outM.append("  " + nameOf(move.from) + " -> " + nameOf(move.to) + "\n");
         }
-        if (totals.result.otherMoves > 0) {
-            cell(std::to_string(totals.result.otherMoves));
-            outM.append(std::string_view("  between others\n"));
-        }
+        if (rest == 0)
+            return;
+        cell(std::to_string(rest));
+        outM.append(std::string_view("  between others (--json has more)\n"));
     }
 };
 

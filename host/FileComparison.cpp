@@ -76,6 +76,51 @@ class FileComparison::Held {
     bool inForceM = false;
 };
 
+// The two histories of one number, seen side by side.
+class FileComparison::Histories {
+  public:
+    explicit Histories(std::uint64_t at) : oldHeldM(at), newHeldM(at) {}
+
+    // The records of one valid-from, newest first; null for none.
+    void see(SortedRecord const* old, SortedRecord const* now) {
+        if (old != nullptr) {
+            oldHeldM.see(*old);
+            keepFirst(newestOldM, *old);
+        }
+        if (now != nullptr)
+            newHeldM.see(*now);
+        if (old == nullptr)
+            keepFirst(addedM, *now);
+        else if (now == nullptr || old->network != now->network || old->text != now->text)
+            seeChange(*old, now);
+    }
+
+    Kept const* fromNetwork() const { return oldHeldM.inForce(); }
+    Kept const* toNetwork() const { return newHeldM.inForce(); }
+    Kept const* newestOld() const { return pointer(newestOldM); }
+    Kept const* added() const { return pointer(addedM); }
+    Kept const* changed() const { return pointer(changedM); }
+    Kept const* changedTo() const { return pointer(changedToM); }
+
+  private:
+    static Kept const* pointer(std::optional<Kept> const& kept) { return kept ? &*kept : nullptr; }
+    static void keepFirst(std::optional<Kept>& kept, SortedRecord const& record) {
+        if (!kept)
+            kept.emplace().keep(record);
+    }
+    void seeChange(SortedRecord const& old, SortedRecord const* now) {
+        if (changedM)
+            return;
+        keepFirst(changedM, old);
+        if (now != nullptr)
+            keepFirst(changedToM, *now);
+    }
+
+    Held oldHeldM;
+    Held newHeldM;
+    std::optional<Kept> newestOldM, addedM, changedM, changedToM; // the newest of each
+};
+
 FileComparison::FileComparison(NetworkNames const& names, BAS::DateTime at, std::optional<Difference> shown,
                                Observer observer)
     : namesM(names), atM(at.seconds()), shownM(shown), observerM(std::move(observer)) {}
@@ -111,47 +156,25 @@ void FileComparison::takeOneSided(Difference what, Side& side) {
 }
 
 void FileComparison::takeCommon(Side& before, Side& after) {
-    Held oldHeld(atM);
-    Held newHeld(atM);
-    Kept newestOld;
-    std::optional<Kept> added;
-    std::optional<std::pair<Kept, std::optional<Kept>>> changed;
-    newestOld.keep(before.record());
+    Histories histories(atM);
     before.countNumber();
     after.countNumber();
-    auto const change = [&](SortedRecord const& old, SortedRecord const* now) {
-        if (changed)
-            return;
-        changed.emplace().first.keep(old);
-        if (now != nullptr)
-            changed->second.emplace().keep(*now);
-    };
     while (before.isAt(numberM) || after.isAt(numberM)) {
-        SortedRecord const* const old = before.isAt(numberM) ? &before.record() : nullptr;
-        SortedRecord const* const now = after.isAt(numberM) ? &after.record() : nullptr;
-        bool const takesOld = old != nullptr && (now == nullptr || old->seconds >= now->seconds);
-        bool const takesNew = now != nullptr && (old == nullptr || now->seconds >= old->seconds);
-        if (!takesNew)
-            change(*old, nullptr);
-        else if (takesOld && (old->network != now->network || old->text != now->text))
-            change(*old, now);
-        else if (!takesOld && !added)
-            added.emplace().keep(*now);
-        if (takesOld) {
-            oldHeld.see(*old);
+        SortedRecord const* old = before.isAt(numberM) ? &before.record() : nullptr;
+        SortedRecord const* now = after.isAt(numberM) ? &after.record() : nullptr;
+        if (old != nullptr && now != nullptr && old->seconds != now->seconds)
+            (old->seconds < now->seconds ? old : now) = nullptr; // its turn comes
+        histories.see(old, now);
+        if (old != nullptr)
             before.advance();
-        }
-        if (takesNew) {
-            newHeld.see(*now);
+        if (now != nullptr)
             after.advance();
-        }
     }
-    if (changed)
-        note(Difference::REWRITTEN, &changed->first, changed->second ? &*changed->second : nullptr);
-    else if (added)
-        note(Difference::LENGTHENED, &newestOld, &*added);
-    if (changed || added)
-        noteMove(oldHeld.inForce(), newHeld.inForce());
+    if (histories.changed() != nullptr)
+        note(Difference::REWRITTEN, histories.changed(), histories.changedTo());
+    else if (histories.added() != nullptr)
+        note(Difference::LENGTHENED, histories.newestOld(), histories.added());
+    noteMove(histories.fromNetwork(), histories.toNetwork());
 }
 
 void FileComparison::noteMove(Kept const* from, Kept const* to) {

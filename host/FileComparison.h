@@ -5,9 +5,9 @@
 //   LOST        it is in the old file only
 //   LENGTHENED  its old history is an unchanged part of the new one, which has more records
 //   REWRITTEN   a record of its old history has another network in the new one, or is not there
-//   MOVED       it is in both, and the network in force at a given instant differs; "nobody" counts as one. Such a number
-//               is lengthened or rewritten as well.
-// In force is the network of the number's latest record from that instant or before; prefixes of the number have no say.
+//   MOVED       it is in both, and the network in force at a given instant differs; "nobody" counts as one. Such a
+//               number is lengthened or rewritten as well.
+// In force is the network of the number's latest record from that instant or before; prefixes of it have no say.
 // Of records of one number with one valid-from the first of the file counts, the others are duplicates.
 // Ownership: borrows the names and the observer's target; owns its sources.
 // Threads: none inside.
@@ -86,6 +86,7 @@ class FileComparison {
   private:
     class Side;
     class Held;
+    class Histories;
 
     // A record that outlives its source's next step.
     struct Kept {
