@@ -15,28 +15,6 @@ namespace DAT::NumberPortability {
 
 namespace {
 
-void count(LineOutcome outcome, DataSummary& summary) {
-    switch (outcome) {
-    case LineOutcome::INSERTED:
-        break;
-    case LineOutcome::DUPLICATE:
-        ++summary.duplicates;
-        break;
-    case LineOutcome::WRONG_FIELD_COUNT:
-        ++summary.rejectedFields;
-        break;
-    case LineOutcome::INVALID_DATE_TIME:
-        ++summary.rejectedDateTimes;
-        break;
-    case LineOutcome::INVALID_NUMBER:
-        ++summary.rejectedNumbers;
-        break;
-    case LineOutcome::INVALID_NETWORK_ID:
-        ++summary.rejectedNetworks;
-        break;
-    }
-}
-
 void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
     std::unordered_map<std::string, unsigned long> networks;
     tree.visit([&](BAS::String const&, NumberPortabilityList const& history) {
@@ -205,7 +183,7 @@ bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject)
     NumberPortabilityTree tree;
     TreeFilling filling(*this, dataFileIoM, tree, nullptr,
                         [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
-                            count(outcome, summary);
+                            summary.count(outcome);
                             onReject(number, outcome, line);
                         });
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
@@ -216,6 +194,27 @@ bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject)
     if (end == ReadEnd::ERROR)
         return readError(dataFileIoM);
     return closeMainReader();
+}
+
+bool CacheManager::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
+    beginLoad();
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
+        return false;
+    STR::FileIoTurbo reader;
+    reopen(reader, fileName);
+    ParsedLine parsed;
+    FileLine shown;
+    ReadEnd const end = readLines(reader, [&](std::string_view line) {
+        shown = {shown.number + 1, parse(line, parsed), {}, {}, {}};
+        if (shown.outcome == LineOutcome::INSERTED) {
+            std::erase_if(parsed.number, [](char character) { return !PBC::Digits::isDecimal(character); });
+            shown.digits = parsed.number;
+            shown.validFrom = parsed.record.validFromM;
+            shown.network = parsed.record.networkIdM.view();
+        }
+        visit(shown);
+    });
+    return end != ReadEnd::ERROR || readError(reader);
 }
 
 // Reads into the standby tree and keeps the lines.

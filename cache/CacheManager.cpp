@@ -65,6 +65,13 @@ std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     return prefixes;
 }
 
+BAS::DateTime CacheManager::visitUpcoming(BAS::DateTime after, RecordVisitor const& visit) {
+    RWReadersWriterLock::LongReadGuard const guard(treeLockM);
+    if (activeTreeM != nullptr)
+        activeTreeM->visitLaterThan(after, visit);
+    return liveSinceM;
+}
+
 void CacheManager::describe(ServiceStatus& status) {
     status.dataFileName = dataFileNameM;
     status.lookUps = treeLockM.shortReads() - otherReadsM.fetch_add(1, std::memory_order_relaxed);

@@ -8,7 +8,7 @@
 // codes are borrowed: the plug-in owns the cache manager and outlives it, the codes never change after construction.
 //
 // Threads:
-// - load, cacheReload, cacheDeltaLoad and examine: one at a time, the caller sees to it. Only the thread that runs one
+// - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread that runs one
 //   of them touches the standby tree, the readers and the line parser.
 // - search, numOfEntries, print and printData: any thread, at any time after load, also during a reload.
 // - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
@@ -79,6 +79,10 @@ class CacheManager {
     // check fails or a read error ends the file early; the summary then covers what was read.
     bool examine(DataSummary& summary, RejectObserver const& onReject);
 
+    // Shows every line of the named file as a load would take it, in the file's order, and keeps nothing. False when the
+    // file check fails or a read error ends the file early. What `visit` throws travels.
+    bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
+
     // Parses one line into `tree` and reports what is wrong with it under the reader's file name. False when the line
     // was rejected for its form; true when it was inserted, and also when it was a duplicate.
     bool insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
@@ -112,6 +116,10 @@ class CacheManager {
 
     // The stored keys that are prefixes of the number, longest first, with their histories: what a look-up chooses from.
     std::vector<StoredPrefix> explain(BAS::String const& number);
+
+    // Shows the live records that are valid from later than `after`, in the listing's order, and returns since when the
+    // data are live. Holds the tree lock like a print: `visit` must not call back.
+    BAS::DateTime visitUpcoming(BAS::DateTime after, RecordVisitor const& visit);
 
     // Fills in what the cache manager knows: counts of the live data, when they went live, look-ups served. Holds the
     // tree lock like a look-up.

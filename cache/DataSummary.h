@@ -1,13 +1,15 @@
 // DAT::NumberPortability::DataSummary: what a data file holds, and what is wrong with it.
 //
 // Purpose: the result of examining a data file without serving it. Every line is counted once: as a record, or under
-// the one reason for which it was rejected.
+// the one reason for which it was rejected. FileLine shows the lines themselves, one by one.
 // Ownership: a value. Threads: none inside. Errors: none. Complexity: constant.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
 
+#include <cstdint>
 #include <functional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,10 +38,43 @@ struct DataSummary {
     BAS::DateTime latest;
     std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
 
+    // Counts a line that is no record under its reason.
+    void count(LineOutcome outcome) {
+        switch (outcome) {
+        case LineOutcome::INSERTED:
+            break;
+        case LineOutcome::DUPLICATE:
+            ++duplicates;
+            break;
+        case LineOutcome::WRONG_FIELD_COUNT:
+            ++rejectedFields;
+            break;
+        case LineOutcome::INVALID_DATE_TIME:
+            ++rejectedDateTimes;
+            break;
+        case LineOutcome::INVALID_NUMBER:
+            ++rejectedNumbers;
+            break;
+        case LineOutcome::INVALID_NETWORK_ID:
+            ++rejectedNetworks;
+            break;
+        }
+    }
+
     unsigned long rejected() const {
         return rejectedFields + rejectedDateTimes + rejectedNumbers + rejectedNetworks + duplicates;
     }
 };
+
+// One line of a data file as a load would take it. The texts are valid during the call that shows them.
+struct FileLine {
+    std::uint64_t number = 0;                    // from 1
+    LineOutcome outcome = LineOutcome::INSERTED; // never DUPLICATE: lines are looked at one by one
+    std::string_view digits;                     // of the number in stored form; this and the rest only of a record
+    BAS::DateTime validFrom;
+    std::string_view network;
+};
+using LineVisitor = std::function<void(FileLine const& line)>;
 
 // Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
 using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;

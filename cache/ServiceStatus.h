@@ -9,6 +9,7 @@
 #include "store/NumberPortabilityData.h"
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace DAT::NumberPortability {
@@ -43,5 +44,8 @@ struct StoredPrefix {
     BAS::String key;
     std::vector<NumberPortabilityData> history;
 };
+
+// Told of a record; both are valid during the call.
+using RecordVisitor = std::function<void(BAS::String const& number, NumberPortabilityData const& record)>;
 
 } // namespace DAT::NumberPortability

@@ -3,17 +3,21 @@
 #include "host/CheckCommand.h"
 #include "host/CtlCommand.h"
 #include "host/EnrichCommand.h"
+#include "host/DiffCommand.h"
 #include "host/ExitStatus.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
 #include "host/PrintCommand.h"
 #include "host/RunCommand.h"
 #include "host/StandardError.h"
+#include "host/UpcomingCommand.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -106,6 +110,49 @@ Example:
 
 )";
 
+constexpr char const* diffHelpCM =
+    R"(Reads both data files as a load would, by the dialling codes of the configuration; the
+data file that the configuration names is not touched and need not exist. Tells how
+many numbers are
+
+  gained      in the new file only
+  lost        in the old file only
+  moved       in both, and the network in force at the instant differs: that of the
+              number's latest record from then or before; '-' is nobody
+  lengthened  in both, and the old history is an unchanged part of the new one
+  rewritten   in both, and a record of the old history has another network, or is gone
+
+Without --list a summary with the moves from network to network. With it the numbers of
+one kind, one a line: number, old valid-from and network, new valid-from and network,
+separated by tabs. Those of gained and lost numbers are in force, or else the first to
+come; of moved ones, in force; of lengthened ones, the newest old record and the newest
+that has come; of rewritten ones, the newest record that changed or has gone, and what
+has its valid-from now.
+
+Records that do not fit into --memory go to temporary files (TMPDIR), 32 bytes each.
+
+Examples:
+  nphost diff --config examples/nphost.toml yesterday.dat today.dat
+  nphost diff --config examples/nphost.toml --list moved yesterday.dat today.dat
+
+Exit status:
+  0  both files hold the same records
+  1  they differ
+  2  a usage, configuration or file error; one line on standard error says which)";
+
+constexpr char const* upcomingHelpCM =
+    R"(Loads the data and prints one line for every record that is valid from later than the
+instant, by instant, then by number: instant, number, from which network and to which,
+separated by tabs. The network before is what a look-up by the configured search method
+answers for the second before; '-' is nobody.
+
+Example:
+  nphost upcoming --config examples/nphost.toml --from 20240615120000 --until 20251231235959
+
+Exit status:
+  0  fine, also when nothing is to come
+  2  a usage, configuration or file error; one line on standard error says which)";
+
 constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
 reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
@@ -139,16 +186,20 @@ struct Chosen {
     EnrichOptions enrich;
     PrintOptions print;
     CheckOptions check;
+    DiffOptions diff;
+    UpcomingOptions upcoming;
     RunOptions run;
     CtlOptions ctl;
     std::string method;
+    std::string list;
     std::function<int()> command;
 };
 
-CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help) {
+CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help,
+                     char const* exitStatus = exitStatusCM) {
     CLI::App* const command = app.add_subcommand(name, description);
     command->fallthrough(); // so that --verbose may also follow the command
-    command->footer(std::string(help) + exitStatusCM);
+    command->footer(std::string(help) + exitStatus);
     command->add_option("-c,--config", chosen.common.configuration, "The configuration file, TOML (required)")
         ->option_text("FILE")
         ->required();
@@ -264,6 +315,56 @@ void addCheck(CLI::App& app, Chosen& chosen) {
         chosen.command = [&chosen] {
             chosen.check.common = chosen.common;
             return check(chosen.check);
+        };
+    });
+}
+
+std::optional<Difference> differenceOf(std::string const& name) {
+    auto const* const found = std::find(differenceNamesCM.begin(), differenceNamesCM.end(), name);
+    return found == differenceNamesCM.end() ? std::nullopt
+                                            : std::optional(static_cast<Difference>(found - differenceNamesCM.begin()));
+}
+
+void addDiff(CLI::App& app, Chosen& chosen) {
+    DiffOptions& options = chosen.diff;
+    CLI::App* const command =
+        addCommand(app, chosen, "diff", "Say what has changed from one data file to another", diffHelpCM, "");
+    command->add_option("OLD", options.before, "The data file before")->option_text(" ")->required();
+    command->add_option("NEW", options.after, "The data file after")->option_text(" ")->required();
+    command
+        ->add_option("--at", options.at,
+                     "When numbers must be in force; YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
+        ->option_text("INSTANT");
+    command->add_option("--list", chosen.list, "List numbers: gained, lost, moved, lengthened or rewritten")
+        ->option_text("WHAT")
+        ->check(CLI::IsMember(std::vector<std::string>(differenceNamesCM.begin(), differenceNamesCM.end())));
+    command->add_option("--memory", options.memory, "Keep records in so much memory, in MiB; default: 512")
+        ->option_text("MIB")
+        ->check(CLI::Range(DiffOptions::leastMemoryCM, DiffOptions::mostMemoryCM));
+    command->add_flag("--json", options.json, "Write one JSON object; with --list it has the numbers, too");
+    command->callback([&chosen] {
+        chosen.command = [&chosen] {
+            chosen.diff.common = chosen.common;
+            chosen.diff.list = differenceOf(chosen.list);
+            return diff(chosen.diff);
+        };
+    });
+}
+
+void addUpcoming(CLI::App& app, Chosen& chosen) {
+    UpcomingOptions& options = chosen.upcoming;
+    CLI::App* const command =
+        addCommand(app, chosen, "upcoming", "List the assignments that are still to come", upcomingHelpCM, "");
+    command
+        ->add_option("--from", options.from,
+                     "What comes after it; YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
+        ->option_text("INSTANT");
+    command->add_option("--until", options.until, "What comes up to it; default: everything")->option_text("INSTANT");
+    command->add_flag("--json", options.json, "Write one JSON object");
+    command->callback([&chosen] {
+        chosen.command = [&chosen] {
+            chosen.upcoming.common = chosen.common;
+            return upcoming(chosen.upcoming);
         };
     });
 }
@@ -394,6 +495,8 @@ int runChecked(int argc, char const* const* argv) {
     addEnrich(app, chosen);
     addPrint(app, chosen);
     addCheck(app, chosen);
+    addDiff(app, chosen);
+    addUpcoming(app, chosen);
     addRun(app, chosen);
     addCtl(app, chosen);
     int const status = parse(app, argc, argv);

@@ -79,6 +79,8 @@ class Reader {
                 resultM.socket = path(key, node);
             else if (key.str() == "logFile")
                 resultM.logFile = path(key, node);
+            else if (key.str() == "announceChanges")
+                resultM.announceChanges = boolean(key, node);
             else
                 throw unknownKey(key, hostTableCM);
         }
@@ -92,6 +94,12 @@ class Reader {
         if (!node.is_string())
             throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a text in quotation marks");
         return node.as_string()->get();
+    }
+
+    bool boolean(toml::key const& key, toml::node const& node) const {
+        if (!node.is_boolean())
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be true or false, without quotation marks");
+        return node.as_boolean()->get();
     }
 
     std::string pathText(toml::key const& key, toml::node const& node) const {
@@ -121,6 +129,15 @@ std::string Configuration::dataFile() const {
     BAS::RegistryEntry const* const subtree = registry.find(plugInNameCM);
     BAS::RegistryEntry const* const fileName = subtree == nullptr ? nullptr : subtree->find(std::string(fileNameCM));
     return fileName == nullptr ? std::string() : fileName->value().str();
+}
+
+void Configuration::useDataFile(std::string const& file) {
+    BAS::RegistryEntry* const subtree = registry.find(plugInNameCM);
+    if (subtree == nullptr) // the plug-in will report that
+        return;
+    BAS::String const key{std::string(fileNameCM)};
+    BAS::RegistryEntry* const fileName = subtree->find(key);
+    (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry(key))).value(BAS::String(file));
 }
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file) {

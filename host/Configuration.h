@@ -17,6 +17,7 @@
 //     probeFolder = "lib"                       # where the probe definition file lies
 //     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
+//     announceChanges = true                    # the daemon tells when assignments take effect; false without it
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
@@ -52,9 +53,12 @@ struct Configuration {
     std::filesystem::path probeFolder;
     std::filesystem::path socket;
     std::filesystem::path logFile;
+    bool announceChanges = false;
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;
+    // Tells the plug-in another one.
+    void useDataFile(std::string const& file);
 };
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);

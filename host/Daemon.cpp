@@ -6,6 +6,7 @@
 #include "host/ServiceAnswers.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 #include <system_error>
@@ -54,6 +55,8 @@ void reportOwn(char const* identifier, BAS::Status::Severity severity, BAS::Stat
 
 Daemon::Daemon(Parts const& parts)
     : partsM(parts), plugInM(parts.host.plugIn()), probesM(plugInM, parts.hub), updatesM(plugInM, parts.hub.wakeUp()) {
+    if (parts.announceChanges)
+        noticesM.emplace(plugInM, parts.hub.wakeUp());
     if (parts.socket != nullptr)
         serverM.emplace(*parts.socket, static_cast<ControlServer::Handler&>(*this));
 }
@@ -62,6 +65,8 @@ void Daemon::run() {
     reportOwn("INF_HOST_READY", BAS::Status::NORMAL,
               {BAS::String(partsM.socket == nullptr ? "-" : partsM.socket->path().native())});
     partsM.notifier.ready(statusText());
+    if (noticesM)
+        noticesM->step();
     std::vector<pollfd> polled;
     while (!partsM.signals.takeStop()) {
         wait(polled);
@@ -75,16 +80,25 @@ void Daemon::run() {
 }
 
 void Daemon::wait(std::vector<pollfd>& polled) const {
-    constexpr int tickMilliseconds = 500; // where something may have to end for its time
     polled.clear();
     polled.push_back({partsM.signals.descriptor(), POLLIN, 0});
     polled.push_back({partsM.hub.wakeUp().descriptor(), POLLIN, 0});
     if (serverM)
         serverM->collect(polled);
-    bool const timed = probesM.length() > 0 || (serverM && serverM->hasTimes());
-    int const patience = serverM && serverM->hasReady() ? 0 : timed ? tickMilliseconds : -1;
-    if (poll(polled.data(), polled.size(), patience) < 0 && errno != EINTR)
+    if (poll(polled.data(), polled.size(), patience()) < 0 && errno != EINTR)
         throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
+}
+
+// Milliseconds; -1 is for ever.
+int Daemon::patience() const {
+    constexpr int tickMilliseconds = 500; // where something may have to end for its time
+    if (serverM && serverM->hasReady())
+        return 0;
+    bool const timed = probesM.length() > 0 || (serverM && serverM->hasTimes());
+    std::optional<int> const notice = noticesM ? noticesM->patience() : std::nullopt;
+    if (!timed)
+        return notice.value_or(-1);
+    return std::min(tickMilliseconds, notice.value_or(tickMilliseconds));
 }
 
 void Daemon::step() {
@@ -92,6 +106,8 @@ void Daemon::step() {
         reloadBySignal();
     finishProbes();
     finishUpdates();
+    if (noticesM)
+        noticesM->step();
     feedFollowers();
 }
 
@@ -115,6 +131,8 @@ void Daemon::reloadBySignal() {
 
 void Daemon::finishProbes() {
     while (auto const finished = probesM.takeFinished()) {
+        if (noticesM && finished->request.kind != ProbeKind::PRINT)
+            noticesM->dataChanged();
         Json answer = {{"ok", true},
                        {"command", nameOf(finished->request.kind)},
                        {"succeeded", finished->outcome.succeeded},
@@ -134,6 +152,8 @@ void Daemon::finishProbes() {
 
 void Daemon::finishUpdates() {
     for (UpdateRunner::Done const& done : updatesM.takeDone()) {
+        if (noticesM)
+            noticesM->dataChanged();
         Json answer = {{"ok", true},
                        {"command", "update"},
                        {"result", done.result},

@@ -1,15 +1,16 @@
 // nphost::Daemon: serves a plug-in until it is told to stop.
 //
 // Purpose: one event loop answers the clients of the control socket, obeys signals, passes requests to the plug-in's
-// probes and updates to their thread, sends the log to whoever follows it, and tells the service manager how things
-// stand.
+// probes and updates to their thread, sends the log to whoever follows it, tells the service manager how things stand,
+// and announces assignments that take effect, if it is to.
 // Ownership: borrows everything but its own queues. The hub must have been the log's observer from the start.
-// Threads: run by one thread, which is the loop's; the updates have a thread of their own.
+// Threads: run by one thread, which is the loop's; updates and the search for upcoming assignments have theirs.
 // Errors: construction as of its parts; run throws HostError when the system refuses to wait; std::bad_alloc. What goes
 // wrong with one request is that client's answer.
 // Complexity: that of the requests. A load never keeps the loop from its work.
 #pragma once
 
+#include "host/ChangeNotices.h"
 #include "host/ControlServer.h"
 #include "host/Host.h"
 #include "host/ProbeQueue.h"
@@ -36,6 +37,7 @@ class Daemon : private ControlServer::Handler {
         Signals& signals;
         ServiceNotifier& notifier;
         ListeningSocket* socket; // null: no control socket
+        bool announceChanges = false;
     };
 
     explicit Daemon(Parts const& parts);
@@ -50,6 +52,7 @@ class Daemon : private ControlServer::Handler {
     using Client = ControlServer::Client;
 
     void wait(std::vector<pollfd>& polled) const;
+    int patience() const;
     void step();
     void stop();
     void reloadBySignal();
@@ -73,6 +76,7 @@ class Daemon : private ControlServer::Handler {
     ReportHub::CollectingScope ownScopeM{ownReportsM}; // this thread's reports are not the worker's
     ProbeQueue probesM;
     UpdateRunner updatesM;
+    std::optional<ChangeNotices> noticesM;
     std::optional<ControlServer> serverM;
     std::map<Client, std::uint64_t> followersM; // and the number of the report that each gets next
     bool reloadingM = false;                    // the service manager waits for the end of a reload

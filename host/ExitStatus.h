@@ -5,7 +5,7 @@ namespace nphost {
 
 enum ExitStatus : int {
     FINE = 0,      // everything found, or the file is clean
-    NOT_FOUND = 1, // something not found, a bad question, or a file with rejected lines
+    NOT_FOUND = 1, // something not found, a bad question, a file with rejected lines, or files that differ
     FAILED = 2,    // usage, configuration or file errors; standard error has one line that says why
 };
 

@@ -6,6 +6,8 @@ void EventHandler::receiveMessage(BAS::Message const& message) {
     BAS::Status::Arguments arguments;
     if (!message.argument().empty())
         arguments.append(message.argument());
+    for (BAS::String const& argument : message.arguments())
+        arguments.append(argument);
     BAS::Status status;
     status.set(message.sender(), message.command(), BAS::Status::NORMAL, arguments);
     writeLog(status);

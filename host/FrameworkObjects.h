@@ -1,7 +1,7 @@
 // The framework's own registered objects: the root object and the event handler.
 //
 // Purpose: the root object answers a plug-in's request for the environment, REQ_EVENTHANDLER_NAME; the event handler
-// receives the plug-in's events and writes them to the log.
+// receives the plug-in's events, and the daemon's, and writes them to the log with their arguments.
 // Ownership: the host's; both must outlive every plug-in. The root borrows the handler.
 // Threads: called by any thread.
 // Errors: std::bad_alloc.
@@ -14,7 +14,9 @@ namespace nphost {
 
 class EventHandler : public BAS::RegisteredObject {
   public:
-    EventHandler() : BAS::RegisteredObject("EventHandler") {}
+    static constexpr char const* nameCM = "EventHandler";
+
+    EventHandler() : BAS::RegisteredObject(nameCM) {}
     void receiveMessage(BAS::Message const& message) override;
 };
 

@@ -36,7 +36,7 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
         throw HostError("the module cannot be loaded: " + loaderError());
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
     // DAT::NumberPortability::PlugIn::search of one and of many, each without and with a method, normalize, print,
-    // examine, progress, explain, serviceStatus
+    // examine, visitFile, visitUpcoming, progress, explain, serviceStatus
     find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                              "NumberPortabilityDataE");
     find(operationsM.searchBy, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
@@ -53,6 +53,10 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
     find(operationsM.print, "_ZN3DAT17NumberPortability6PlugIn5printERSob");
     find(operationsM.examine, "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
                               "LineOutcomeERKN3BAS6StringEEE");
+    find(operationsM.visitFile, "_ZN3DAT17NumberPortability6PlugIn9visitFileERKN3BAS6StringERKSt8functionIFvRKNS0_8"
+                                "FileLineEEE");
+    find(operationsM.visitUpcoming, "_ZN3DAT17NumberPortability6PlugIn13visitUpcomingERKN3BAS8DateTimeERS3_RKSt8"
+                                    "functionIFvRKNS2_6StringERKNS0_21NumberPortabilityDataEEE");
     find(operationsM.progress, "_ZNK3DAT17NumberPortability6PlugIn8progressEv");
     find(operationsM.explain, "_ZN3DAT17NumberPortability6PlugIn7explainERKN3BAS6StringE");
     find(operationsM.serviceStatus, "_ZN3DAT17NumberPortability6PlugIn13serviceStatusEv");
@@ -114,6 +118,15 @@ NP_CALLS_MEMBERS void LoadedPlugIn::print(std::ostream& out, bool header) {
 
 NP_CALLS_MEMBERS bool LoadedPlugIn::examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject) {
     return operationsM.examine(objectM, summary, onReject);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit) {
+    return operationsM.visitFile(objectM, fileName, visit);
+}
+
+NP_CALLS_MEMBERS bool LoadedPlugIn::visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince,
+                                                  LoadedModule::RecordVisitor const& visit) {
+    return operationsM.visitUpcoming(objectM, after, liveSince, visit);
 }
 
 NP_CALLS_MEMBERS LoadedModule::Progress const* LoadedPlugIn::progress() const {

@@ -47,6 +47,8 @@ class LoadedModule {
     using Progress = DAT::NumberPortability::LoadProgress;
     using Prefixes = std::vector<DAT::NumberPortability::StoredPrefix>;
     using ServiceStatus = DAT::NumberPortability::ServiceStatus;
+    using LineVisitor = DAT::NumberPortability::LineVisitor;
+    using RecordVisitor = DAT::NumberPortability::RecordVisitor;
     using Numbers = std::span<BAS::String const>;
     using Instants = std::span<BAS::DateTime const>;
     using Records = std::span<Record>;
@@ -62,6 +64,8 @@ class LoadedModule {
         void (*normalize)(void const*, BAS::String&);
         void (*print)(void*, std::ostream&, bool);
         bool (*examine)(void*, Summary&, Observer const&);
+        bool (*visitFile)(void*, BAS::String const&, LineVisitor const&);
+        bool (*visitUpcoming)(void*, BAS::DateTime const&, BAS::DateTime&, RecordVisitor const&);
         Progress const* (*progress)(void const*);
         // The place of a result that has a destructor goes before the object, for a member as for a function.
         Prefixes (*explain)(void*, BAS::String const&);
@@ -100,6 +104,8 @@ class LoadedPlugIn {
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
     bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);
+    bool visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit);
+    bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, LoadedModule::RecordVisitor const& visit);
     LoadedModule::Progress const* progress() const;
     LoadedModule::Prefixes explain(BAS::String const& number);
     LoadedModule::ServiceStatus serviceStatus();

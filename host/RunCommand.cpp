@@ -16,12 +16,13 @@ int runDaemon(RunOptions const& options) {
     std::optional<ListeningSocket> socket;
     if (!configuration.socket.empty())
         socket.emplace(configuration.socket);
+    bool const announceChanges = configuration.announceChanges;
     notifier.status("loading");
 
     ReportHub hub;
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     host.start();
-    Daemon({host, hub, target, signals, notifier, socket ? &*socket : nullptr}).run();
+    Daemon({host, hub, target, signals, notifier, socket ? &*socket : nullptr, announceChanges}).run();
     return FINE;
 }
 

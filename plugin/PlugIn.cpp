@@ -152,6 +152,22 @@ std::vector<StoredPrefix> PlugIn::explain(BAS::String const& number) {
     return prefixes;
 }
 
+bool PlugIn::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
+    return cacheManagerM != nullptr && guarded([&] {
+               BAS::MutexGuard const guard(loadLockM);
+               bool const complete = cacheManagerM->visitFile(fileName, visit);
+               closeCheckedFile();
+               return complete;
+           });
+}
+
+bool PlugIn::visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, RecordVisitor const& visit) {
+    return cacheManagerM != nullptr && guarded([&] {
+               liveSince = cacheManagerM->visitUpcoming(after, visit);
+               return true;
+           });
+}
+
 ServiceStatus PlugIn::serviceStatus() {
     ServiceStatus status;
     status.usable = isUsable();

@@ -118,6 +118,15 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // The stored keys that are prefixes of the number, longest first, with their histories. Empty when memory runs out.
     std::vector<StoredPrefix> explain(BAS::String const& number);
 
+    // Shows every line of the named file as a load would take it, without serving it. False when it cannot be read to
+    // its end. Waits for loads, as they wait for it.
+    bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
+
+    // Shows the live records that are valid from later than `after`, by number, then newest first, and since when the
+    // data are live. Look-ups go on, the exchange of a reload waits; `visit` must not call the plug-in. False when memory
+    // ran out or `visit` threw.
+    bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, RecordVisitor const& visit);
+
     // How the plug-in stands. Waits for no load and no print.
     ServiceStatus serviceStatus();
 

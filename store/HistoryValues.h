@@ -77,6 +77,13 @@ class HistoryValues {
     }
 
     std::uint32_t length(Value value) const;
+    // Valid-from of the newest record of an ordered history; the very first instant for a history without any.
+    BAS::DateTime newest(Value value) const {
+        if (isRecord(value.wordM))
+            return validFromOf(value.wordM);
+        NumberPortabilityList const& list = *listOf(value.wordM);
+        return list.length() == 0 ? BAS::DateTime::fromSeconds(0) : list.record(0).validFromM;
+    }
     // Calls visitor(NumberPortabilityList const&); the list is valid during the call.
     template <class Visitor>
     void visit(Value value, Visitor&& visitor) const {

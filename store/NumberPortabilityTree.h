@@ -89,6 +89,20 @@ class NumberPortabilityTree {
         });
     }
 
+    // Calls visitor(BAS::String const& number, NumberPortabilityData const& record) for every record that is valid from
+    // later than `after`, in the listing's order. Histories without such a record cost a glance.
+    template <class Visitor>
+    void visitLaterThan(BAS::DateTime after, Visitor&& visitor) const {
+        treeM.visit([&](BAS::String const& number, HistoryValues::Value value) {
+            if (histories().newest(value) <= after)
+                return;
+            histories().visit(value, [&](NumberPortabilityList const& history) {
+                for (std::uint32_t i = 0; i < history.length() && history.record(i).validFromM > after; ++i)
+                    visitor(number, history.record(i));
+            });
+        });
+    }
+
     // Whether the number has a decimal digit, so that it can be stored.
     bool isStorable(std::string_view number) const { return treeM.isSignificant(number); }
 

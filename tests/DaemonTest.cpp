@@ -341,6 +341,35 @@ TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
     EXPECT_EQ(identifiers.back(), "INF_HOST_STOPPING");
 }
 
+// Three numbers come to the network in every second from now on.
+std::string endlessChanges(char const* network) {
+    std::ostringstream data;
+    std::uint64_t const now = BAS::DateTime::now().seconds();
+    for (std::uint64_t i = 0; i < 3 * 600; ++i)
+        data << "0044" << 1000 + i << ' ' << BAS::DateTime::fromSeconds(now + i / 3) << ' ' << network << '\n';
+    return data.str();
+}
+
+TEST(DaemonLogTest, AnnouncesAssignmentsThatTakeEffect) {
+    Site site(endlessChanges("BEFORE"), "announceChanges = true\n");
+    auto const announced = [&](std::string const& network) {
+        std::istringstream lines(site.log());
+        std::vector<std::string> found;
+        for (std::string line; std::getline(lines, line);)
+            if (contains(line, "EVT::ASSIGNMENTS_IN_EFFECT") && contains(line, network))
+                found.push_back(line);
+        return found;
+    };
+    site.start();
+    ASSERT_TRUE(eventually([&] { return announced("BEFORE").size() >= 2; })) << site.log();
+    // The first may sum up several seconds; so may the others, where the machine is slow.
+    EXPECT_TRUE(contains(announced("BEFORE").back(), "assignments that have taken effect: ")) << site.log();
+    site.folder.write("data.dat", endlessChanges("AFTER"));
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return !announced("AFTER").empty(); })) << site.log();
+    EXPECT_EQ(site.stop(), 0);
+}
+
 TEST(DaemonLogTest, FollowersSeeAReloadInOrder) {
     Site site;
     site.start();

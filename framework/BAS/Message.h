@@ -1,6 +1,7 @@
 // BAS::Message: a request or an event from one registered object to another, by their names.
 //
-// Purpose: carries a command and one argument; whoever serves a request leaves its reply in arguments().
+// Purpose: carries a command and one argument; whoever serves a request leaves its reply in arguments(), whoever sends
+// an event may add further arguments there.
 // Ownership: a value that owns its texts.
 // Threads: none inside; concurrent const use is safe.
 // Errors: construction throws std::bad_alloc. Complexity: linear in the texts.
@@ -21,7 +22,7 @@ class Message {
     String const& command() const { return commandM; }
     String const& argument() const { return argumentM; }
 
-    // The reply's strings; empty until a receiver fills them.
+    // A request: the reply's strings, empty until a receiver fills them. An event: what its sender adds.
     RWTValOrderedVector<String>& arguments() { return argumentsM; }
     RWTValOrderedVector<String> const& arguments() const { return argumentsM; }
 

@@ -1,0 +1,67 @@
+// nphost::ChangeNotices: tells the event handler, and so the log, when assignments take effect.
+//
+// Purpose: for the daemon with announceChanges. A thread of its own looks through the live data for what is to come
+// next (UpcomingChanges.h), once after every load and when the list is used up; the event loop announces what is due
+// as the event EVT::ASSIGNMENTS_IN_EFFECT: how many, number, network and instant of the first.
+// Ownership: borrows the plug-in and the loop's wake-up. Destruction waits for a search that is under way.
+// Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
+// it, as for a print. The one clock is that of the constructor, called by the loop's thread.
+// Errors: construction throws std::system_error when there is no thread; std::bad_alloc. A search that memory did not
+// suffice for is reported by the plug-in, and the next load tries again.
+// Complexity: a search is linear in the numbers, a step in what is due; memory is that of UpcomingChanges.
+#pragma once
+
+#include "framework/BAS/Mutex.h"
+#include "framework/BAS/RegisteredObject.h"
+#include "host/LoadedModule.h"
+#include "host/UpcomingChanges.h"
+#include "host/WakeUp.h"
+
+#include <condition_variable>
+#include <optional>
+#include <thread>
+
+namespace nphost {
+
+class ChangeNotices {
+  public:
+    ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock = BAS::DateTime::now);
+    ChangeNotices(ChangeNotices const&) = delete;
+    ChangeNotices& operator=(ChangeNotices const&) = delete;
+    ~ChangeNotices();
+
+    // To be called when a load has ended, well or not.
+    void dataChanged();
+    // Takes what the search has found and announces what is due. The loop calls it whenever it is awake.
+    void step();
+    // After how many milliseconds to call step() again, if nothing else wakes the loop; none: no need.
+    std::optional<int> patience() const;
+
+  private:
+    struct Found {
+        UpcomingChanges changes;
+        BAS::DateTime liveSince;
+    };
+
+    void run();
+    bool nextRequest(BAS::DateTime& after);
+    void search(BAS::DateTime after);
+    void request();
+    std::optional<Found> takeFound();
+    void announce(DueChanges::Notice const& notice);
+
+    LoadedPlugIn& plugInM;
+    WakeUp const& wakeUpM;
+    BAS::RegisteredObject senderM; // has no name and needs none to send
+    DueChanges dueM;
+    bool askedM = false; // a search is under way, or has failed since the latest load
+
+    BAS::Mutex lockM;
+    std::condition_variable_any changedM;
+    bool stopM NP_GUARDED_BY(lockM) = false;
+    std::optional<BAS::DateTime> requestM NP_GUARDED_BY(lockM);
+    std::optional<Found> foundM NP_GUARDED_BY(lockM);
+    std::thread threadM;
+};
+
+} // namespace nphost

@@ -1,0 +1,227 @@
+// nphost upcoming, and the daemon's notices of assignments that take effect, by a clock that the tests set.
+#include "host/ChangeNotices.h"
+#include "host/Host.h"
+#include "host/ReportHub.h"
+#include "tests/ProgramRun.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <random>
+#include <vector>
+
+namespace {
+
+BAS::DateTime second(std::uint64_t seconds) {
+    return BAS::DateTime::fromSeconds(seconds);
+}
+
+struct Site {
+    explicit Site(std::string const& data) {
+        folder.write("data.dat", data);
+        configuration = folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n"
+                                                    "CountryCode = \"44\"\nNationalAccessCode = \"0\"\n");
+    }
+    TemporaryFolder folder;
+    std::string configuration;
+};
+
+// What is announced as "count first-number network instant", or "-".
+std::string taken(nphost::DueChanges& due, std::uint64_t liveSince) {
+    if (!due.isDue())
+        return "-";
+    auto const notice = due.take(second(liveSince));
+    return notice ? std::to_string(notice->changes.count) + " " + notice->changes.number + " " +
+                        notice->changes.network + " " + std::to_string(notice->at.seconds())
+                  : "-";
+}
+
+nphost::UpcomingChanges listOf(std::vector<std::pair<std::uint64_t, char const*>> const& records) {
+    nphost::UpcomingChanges list;
+    for (auto const& [at, number] : records)
+        list.add(second(at), number, "NET");
+    return list;
+}
+
+} // namespace
+
+TEST(UpcomingTest, ListsWhatIsToCome) {
+    Site const site("0770 20180101000000 ALPHA\n"
+                    "07700900124 20310301020000 CHARLIE\n" // of ALPHA's block until then
+                    "07700900123 20300101000000 BRAVO\n07700900123 20310301020000 DELTA\n"
+                    "07700900123 20200101000000 ALPHA\n07700900123 20300101000000 DUPLICATE\n"
+                    "+4930 20310101000000 EINS\n"); // nobody's until then
+    struct Case {
+        char const* options;
+        std::string out;
+    };
+    std::string const first = "20300101000000\t00447700900123\tALPHA\tBRAVO\n";
+    std::string const second = "20310101000000\t004930\t-\tEINS\n";
+    std::string const last = "20310301020000\t00447700900123\tBRAVO\tDELTA\n"
+                             "20310301020000\t00447700900124\tALPHA\tCHARLIE\n";
+    std::vector<Case> const cases = {
+        {"--from 20250101000000", first + second + last},
+        {"--from 20300101000000", second + last},
+        {"--from 20291231235959 --until 2030-01-01T00:00:00Z", first},
+        {"--from 20310301020000", ""},
+        {"--from 20291231235959 --until 20300101000000 --json",
+         R"({"from":"20291231235959","until":"20300101000000","count":1,"upcoming":[)"
+         "\n"
+         R"({"at":"20300101000000","from":"ALPHA","number":"00447700900123","to":"BRAVO"}]})"
+         "\n"},
+    };
+    for (Case const& test : cases) {
+        ProgramResult const result = runProgram("upcoming --config " + site.configuration + " " + test.options);
+        EXPECT_EQ(result.status, 0) << test.options << result.err;
+        EXPECT_EQ(result.out, test.out) << test.options;
+    }
+    EXPECT_EQ(runProgram("upcoming --config " + site.configuration + " --until 20300231000000").status, 2);
+}
+
+TEST(DueChangesTest, AnnouncesOnceWhatIsTrueAtItsInstant) {
+    std::uint64_t now = 0;
+    nphost::DueChanges due([&now] { return second(now); });
+    EXPECT_TRUE(due.wantsList());
+    due.renew(listOf({{3, "0"}, {10, "1"}, {10, "2"}, {20, "3"}, {21, "4"}, {40, "5"}}), second(5));
+    EXPECT_FALSE(due.wantsList());
+    struct Step {
+        char const* label;
+        std::uint64_t now;
+        char const* notice;
+    };
+    for (Step const& step : std::vector<Step>{
+             {"what was before the data went live is no news", 9, "-"},
+             {"two at once", 10, "2 1 NET 10"},
+             {"no second notice in a second", 10, "-"},
+             {"the clock is put back", 3, "-"},
+             {"several instants together", 25, "2 3 NET 20"},
+         }) {
+        now = step.now;
+        EXPECT_EQ(taken(due, 5), step.notice) << step.label;
+    }
+    EXPECT_EQ(due.secondsLeft(), 15U);
+
+    // Other data since 40: the list says nothing about 40 any more, the new one does not repeat 20.
+    now = 50;
+    EXPECT_EQ(taken(due, 40), "-");
+    EXPECT_TRUE(due.wantsList());
+    due.renew(listOf({{20, "3"}, {39, "6"}, {40, "7"}, {45, "8"}, {60, "9"}}), second(40));
+    EXPECT_EQ(taken(due, 40), "2 7 NET 40");
+    // Announced in the second of the exchange.
+    now = 60;
+    EXPECT_EQ(taken(due, 40), "1 9 NET 60");
+    due.renew(listOf({{60, "9"}, {61, "10"}}), second(60));
+    now = 70;
+    EXPECT_EQ(taken(due, 60), "1 10 NET 61");
+    EXPECT_EQ(due.secondsLeft(), std::nullopt);
+}
+
+TEST(DueChangesTest, KeepsTheNextInstantsOnly) {
+    constexpr std::uint64_t many = 3 * nphost::UpcomingChanges::mostInstantsCM;
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::vector<std::uint64_t> instants;
+    for (std::uint64_t i = 0; i < many; ++i)
+        instants.push_back(100 + i / 2); // each twice
+    std::shuffle(instants.begin(), instants.end(), std::mt19937(seed));
+    nphost::UpcomingChanges list;
+    for (std::uint64_t const at : instants)
+        list.add(second(at), "1", "NET");
+    EXPECT_TRUE(list.isCut());
+    ASSERT_EQ(list.groups().size(), nphost::UpcomingChanges::mostInstantsCM);
+    EXPECT_EQ(list.groups().begin()->first, second(100));
+    EXPECT_TRUE(std::all_of(list.groups().begin(), list.groups().end(),
+                            [](auto const& group) { return group.second.count == 2; }));
+
+    std::uint64_t now = 100 + many;
+    nphost::DueChanges due([&now] { return second(now); });
+    due.renew(list, second(5));
+    EXPECT_FALSE(due.wantsList());
+    EXPECT_EQ(taken(due, 5), std::to_string(2 * nphost::UpcomingChanges::mostInstantsCM) + " 1 NET 100");
+    EXPECT_TRUE(due.wantsList()) << "the list is used up, and there were more";
+    EXPECT_EQ(due.listAfter(second(5)), second(100 + nphost::UpcomingChanges::mostInstantsCM - 1));
+}
+
+namespace {
+
+// A plug-in that serves, with notices by a clock of the test's, which begins long after the load.
+class Served {
+  public:
+    explicit Served(Site const& site)
+        : targetM(site.folder.file("log")),
+          hostM(nphost::readConfiguration(site.configuration), {site.configuration, false},
+                nphost::LogSettings{true, false, &targetM, &hubM}) {
+        hostM.start();
+        noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), [this] { return now; });
+    }
+
+    void reload() {
+        BAS::RegistryEntry keys("DAT_NumberPortability");
+        keys.append(BAS::RegistryEntry("Reload", "TRUE"));
+        BAS::ProtectedBool handled;
+        EXPECT_TRUE(hostM.plugIn().update(keys, handled));
+        noticesM->dataChanged();
+    }
+    // Steps until there is a list whose first instant is that far away.
+    bool hasListIn(int milliseconds) {
+        for (noticesM->step(); noticesM->patience() != milliseconds; noticesM->step()) {
+            pollfd news = {hubM.wakeUp().descriptor(), POLLIN, 0};
+            if (poll(&news, 1, 60000) != 1)
+                return false;
+            hubM.wakeUp().clear();
+        }
+        return true;
+    }
+    std::vector<std::vector<std::string>> noticesAt(BAS::DateTime at) {
+        now = at;
+        std::uint64_t const next = hubM.last(0);
+        noticesM->step();
+        std::vector<std::vector<std::string>> notices;
+        for (nphost::LogReport const& report : hubM.since(next).reports)
+            if (report.identifier == "EVT::ASSIGNMENTS_IN_EFFECT")
+                notices.push_back(report.arguments);
+        return notices;
+    }
+
+    BAS::DateTime now = second(BAS::DateTime::now().seconds() + 100000);
+
+  private:
+    nphost::ReportHub hubM;
+    nphost::LogTarget targetM;
+    nphost::Host hostM;
+    std::unique_ptr<nphost::ChangeNotices> noticesM;
+};
+
+std::string digits(BAS::DateTime at) {
+    return at.asString("%Y%m%d%H%M%S").str();
+}
+
+} // namespace
+
+TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
+    using Notices = std::vector<std::vector<std::string>>;
+    Site const site("0171 20200101000000 A\n");
+    {
+        Served served(site); // nothing is to come
+        EXPECT_EQ(served.noticesAt(second(served.now.seconds() + 1)), Notices());
+    }
+    BAS::DateTime const begin = second(BAS::DateTime::now().seconds() + 200000);
+    auto const after = [&](std::uint64_t seconds) { return second(begin.seconds() + seconds); };
+    site.folder.write("data.dat", "0172 " + digits(after(11)) + " B\n0171 " + digits(after(11)) + " A\n0173 " +
+                                      digits(after(31)) + " C\n");
+    Served served(site);
+    served.now = begin;
+    ASSERT_TRUE(served.hasListIn(10000));
+    EXPECT_EQ(served.noticesAt(after(10)), Notices());
+    EXPECT_EQ(served.noticesAt(after(11)), (Notices{{"2", "0044171", "A", digits(after(11))}}));
+
+    site.folder.write("data.dat", "0174 " + digits(after(22)) + " D\n");
+    served.reload();
+    ASSERT_TRUE(served.hasListIn(10000));
+    EXPECT_EQ(served.noticesAt(after(31)), (Notices{{"1", "0044174", "D", digits(after(22))}}));
+    EXPECT_NE(contentOf(site.folder.file("log")).find("assignments that have taken effect: 2; the first: 0044171 to A"),
+              std::string::npos);
+}
