@@ -73,6 +73,7 @@ void CacheManager::describe(ServiceStatus& status) {
         return;
     status.records = activeTreeM->entries();
     status.numbers = activeTreeM->numbers();
+    status.treeBytes = activeTreeM->bytes();
     status.liveSince = liveSinceM;
 }
 

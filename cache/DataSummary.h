@@ -1,12 +1,16 @@
 // DAT::NumberPortability::DataSummary: what a data file holds, and what is wrong with it.
 //
 // Purpose: the result of examining a data file without serving it. Every line is counted once: as a record, or under
-// the one reason for which it was rejected.
+// the one reason for which it was rejected. What is to be known of a file before it is loaded is told as well: whether
+// it is whole, what it takes in memory, and which version of it was read.
+// Units and ranges: memory and lengths in bytes.
 // Ownership: a value. Threads: none inside. Errors: none. Complexity: constant.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
+#include "framework/STR/FileVersion.h"
 
+#include <cstdint>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -36,6 +40,14 @@ struct DataSummary {
     BAS::DateTime latest;
     std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
 
+    bool readToEnd = false;        // not ended before by whoever asked
+    bool changed = false;          // while it was read
+    STR::FileVersion version;      // when it was opened
+    bool lastLineComplete = true;  // it has its newline; true without lines
+    std::uint64_t lineBytes = 0;   // all lines, each with a newline
+    std::uint64_t longestLine = 0; // without its newline
+    std::uint64_t treeBytes = 0;   // a tree with the records
+
     unsigned long rejected() const {
         return rejectedFields + rejectedDateTimes + rejectedNumbers + rejectedNetworks + duplicates;
     }
@@ -43,5 +55,8 @@ struct DataSummary {
 
 // Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
 using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
+
+// Asked now and then during an examination, with what its tree takes so far: false ends it.
+using GoOn = std::function<bool(std::uint64_t treeBytes)>;
 
 } // namespace DAT::NumberPortability

@@ -18,6 +18,13 @@
 //     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
 //
+//     [host.guard]                     # what a data file must be like to be loaded by the daemon; GuardLimits.h
+//     maxLossPercent = 5               # percentages have at most three decimals
+//     maxRejectedPercent = 0.5
+//     minRecords = 1000000
+//     requireCompleteLastLine = true
+//     maxMemoryMiB = 2048
+//
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
 // Ownership: values.
@@ -28,6 +35,7 @@
 #pragma once
 
 #include "framework/BAS/RegistryEntry.h"
+#include "host/GuardLimits.h"
 
 #include <filesystem>
 #include <stdexcept>
@@ -52,6 +60,7 @@ struct Configuration {
     std::filesystem::path probeFolder;
     std::filesystem::path socket;
     std::filesystem::path logFile;
+    GuardLimits guard;
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;

@@ -44,6 +44,7 @@ class LoadedModule {
     using Record = DAT::NumberPortability::NumberPortabilityData;
     using Summary = DAT::NumberPortability::DataSummary;
     using Observer = DAT::NumberPortability::RejectObserver;
+    using GoOn = DAT::NumberPortability::GoOn;
     using Progress = DAT::NumberPortability::LoadProgress;
     using Prefixes = std::vector<DAT::NumberPortability::StoredPrefix>;
     using ServiceStatus = DAT::NumberPortability::ServiceStatus;
@@ -61,7 +62,9 @@ class LoadedModule {
         bool (*searchManyBy)(void*, Numbers, Instants, Records, Found, unsigned int);
         void (*normalize)(void const*, BAS::String&);
         void (*print)(void*, std::ostream&, bool);
-        bool (*examine)(void*, Summary&, Observer const&);
+        bool (*examine)(void*, BAS::String const&, Summary&, Observer const&, GoOn const&);
+        void (*expectFile)(void*, BAS::String const&, STR::FileVersion const&);
+        void (*expectAnyFile)(void*);
         Progress const* (*progress)(void const*);
         // The place of a result that has a destructor goes before the object, for a member as for a function.
         Prefixes (*explain)(void*, BAS::String const&);
@@ -99,7 +102,10 @@ class LoadedPlugIn {
                 LoadedModule::Found found, unsigned int method);
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
-    bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);
+    bool examine(BAS::String const& file, LoadedModule::Summary& summary, LoadedModule::Observer const& onReject,
+                 LoadedModule::GoOn const& goOn);
+    void expectFile(BAS::String const& file, STR::FileVersion const& version);
+    void expectAnyFile();
     LoadedModule::Progress const* progress() const;
     LoadedModule::Prefixes explain(BAS::String const& number);
     LoadedModule::ServiceStatus serviceStatus();
