@@ -66,6 +66,8 @@ bool CacheManager::load() {
     if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
         return false;
     reopen(dataFileIoM, dataFileNameM);
+    if (!isExpected(dataFileIoM))
+        return false;
     standbyCompleteM = false;
     TreeFilling filling(*this, dataFileIoM, active(), standbyTreeM.get());
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
@@ -74,7 +76,10 @@ bool CacheManager::load() {
     active().prepare();
     standbyCompleteM = true;
     markLive();
-    mainFileLoadedM = end != ReadEnd::ERROR;
+    bool const unchanged = end == ReadEnd::ERROR || isExpected(dataFileIoM);
+    mainFileLoadedM = end != ReadEnd::ERROR && unchanged;
+    if (!unchanged)
+        return false;
     switch (end) {
     case ReadEnd::ERROR:
         return readError(dataFileIoM);
@@ -104,13 +109,16 @@ bool CacheManager::cacheReload(bool const& reuseOnFailure) {
 
 bool CacheManager::reload(bool reuseOnFailure) {
     reopen(dataFileIoM, dataFileNameM);
+    if (!isExpected(dataFileIoM))
+        return false;
     standbyCompleteM = false;
     standbyTreeM->clearAndDestroy();
 
     LineStore lines;
     bool lastAccepted = false;
     ReadEnd const end = fillStandby(lines, dataFileIoM, lastAccepted);
-    if (end == ReadEnd::ERROR || (!lastAccepted && !reuseOnFailure)) {
+    bool const unchanged = end == ReadEnd::ERROR || isExpected(dataFileIoM);
+    if (end == ReadEnd::ERROR || !unchanged || (!lastAccepted && !reuseOnFailure)) {
         restoreStandby();
         return end == ReadEnd::ERROR && readError(dataFileIoM);
     }
@@ -120,7 +128,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     standbyTreeM->clearAndDestroy();
     refillStandby(lines, dataFileIoM);
 
-    if (!closeMainReader())
+    if (!closeReader(dataFileIoM))
         return false;
     report("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, OwnerServices::name(*plugInM));
     return true;
@@ -146,14 +154,16 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
     if (!standbyCompleteM) // an earlier load ran out of memory
         restoreStandby();
     reopen(deltaFileIoM, fileName);
+    if (!isExpected(deltaFileIoM))
+        return false;
     standbyCompleteM = false;
 
     LineStore lines;
     bool lastAccepted = false;
     ReadEnd const end = fillStandby(lines, deltaFileIoM, lastAccepted);
-    if (end == ReadEnd::ERROR) {
+    if (end == ReadEnd::ERROR || !isExpected(deltaFileIoM)) {
         restoreStandby();
-        return readError(deltaFileIoM);
+        return end == ReadEnd::ERROR && readError(deltaFileIoM);
     }
 
     exchangeTrees();
@@ -168,32 +178,71 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
     if (failure)
         std::rethrow_exception(failure);
 
-    if (!closeMainReader())
+    if (!closeReader(dataFileIoM))
         return false;
     deltaFileIoM.closeFile();
     return true;
 }
 
-bool CacheManager::examine(DataSummary& summary, RejectObserver const& onReject) {
+bool CacheManager::examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
+                           GoOn const& goOn) {
+    constexpr std::uint64_t linesBetween = 4096;
+    struct Ended {};
     summary = DataSummary();
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
+    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
         return false;
-    reopen(dataFileIoM, dataFileNameM);
+    STR::FileIoTurbo reader;
+    reopen(reader, fileName);
+    summary.version = reader.version();
     NumberPortabilityTree tree;
-    TreeFilling filling(*this, dataFileIoM, tree, nullptr,
+    TreeFilling filling(*this, reader, tree, nullptr,
                         [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
                             summary.count(outcome);
                             onReject(number, outcome, line);
                         });
-    ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
-    filling.finish();
+    ReadEnd end = ReadEnd::END_AT_READ;
+    try {
+        end = readLines(reader, [&](std::string_view line) {
+            summary.longestLine = std::max<std::uint64_t>(summary.longestLine, line.size());
+            filling.add(line);
+            if (goOn && progressM.lines() % linesBetween == 0 && !goOn(tree.bytes()))
+                throw Ended();
+        });
+        filling.finish();
+        summary.readToEnd = end != ReadEnd::ERROR;
+    } catch (Ended const&) { // what was read so far is told
+    }
+    summary.changed = summary.version != reader.version();
+    summary.lastLineComplete = reader.lastLineComplete();
     summary.lines = progressM.lines();
+    summary.lineBytes = progressM.bytes();
     summary.records = tree.entries();
+    summary.treeBytes = tree.bytes();
     summarise(tree, summary);
     if (end == ReadEnd::ERROR)
-        return readError(dataFileIoM);
-    return closeMainReader();
+        return readError(reader);
+    return closeReader(reader);
+}
+
+void CacheManager::expectFile(BAS::String const& fileName, STR::FileVersion const& version) {
+    BAS::MutexGuard const guard(expectedLockM);
+    expectedM = {fileName, version};
+}
+
+void CacheManager::expectAnyFile() {
+    BAS::MutexGuard const guard(expectedLockM);
+    expectedM.reset();
+}
+
+bool CacheManager::isExpected(STR::FileIoTurbo const& reader) {
+    {
+        BAS::MutexGuard const guard(expectedLockM);
+        if (!expectedM || expectedM->fileName != reader.fileName() || expectedM->version == reader.version())
+            return true;
+    }
+    report("ERR_FILE_CHANGED", BAS::Status::MAJOR, reader.fileName());
+    return false;
 }
 
 bool CacheManager::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
@@ -291,10 +340,10 @@ void CacheManager::rewriteMainFile() {
     file.closeFile();
 }
 
-bool CacheManager::closeMainReader() {
-    if (dataFileIoM.closeFile())
+bool CacheManager::closeReader(STR::FileIoTurbo& reader) {
+    if (reader.closeFile())
         return true;
-    report("ERR_CLOSE_NP_FILE", BAS::Status::CRITICAL, dataFileIoM.fileName());
+    report("ERR_CLOSE_NP_FILE", BAS::Status::CRITICAL, reader.fileName());
     return false;
 }
 

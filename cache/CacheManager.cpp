@@ -80,6 +80,7 @@ void CacheManager::describe(ServiceStatus& status) {
         return;
     status.records = activeTreeM->entries();
     status.numbers = activeTreeM->numbers();
+    status.treeBytes = activeTreeM->bytes();
     status.liveSince = liveSinceM;
 }
 

@@ -37,6 +37,7 @@
 #include <exception>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,9 +76,15 @@ class CacheManager {
     // not close.
     bool cacheDeltaLoad(BAS::String const& fileName);
 
-    // Reads the main data file as a load would, into a tree of its own that nobody searches. False when the file
-    // check fails or a read error ends the file early; the summary then covers what was read.
-    bool examine(DataSummary& summary, RejectObserver const& onReject);
+    // Reads a data file as a load would, into a tree of its own that nobody searches. False when the file check fails or
+    // a read error ends the file early; the summary then covers what was read. `goOn` may be empty.
+    bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject, GoOn const& goOn);
+
+    // From here on a load of the named file (as the load names it) takes place only while the file is of this version,
+    // from its opening to its last line; otherwise it fails with "ERR_FILE_CHANGED" and the live data stay. One file
+    // at a time, until expectAnyFile. Any thread.
+    void expectFile(BAS::String const& fileName, STR::FileVersion const& version);
+    void expectAnyFile();
 
     // Shows every line of the named file as a load would take it, in the file's order, and keeps nothing. False when the
     // file check fails or a read error ends the file early. What `visit` throws travels.
@@ -163,13 +170,14 @@ class CacheManager {
     bool deltaLoad(BAS::String const& fileName);
     void reopen(STR::FileIoTurbo& reader, BAS::String const& fileName);
     bool readError(STR::FileIoTurbo const& reader);
+    bool isExpected(STR::FileIoTurbo const& reader);
     void exchangeTrees();
     void markLive();
     void refillStandby(LineStore& lines, STR::FileIoTurbo& reader);
     void restoreStandby();
     void abandonStandby() noexcept;
     void rewriteMainFile();
-    bool closeMainReader();
+    bool closeReader(STR::FileIoTurbo& reader);
     void report(char const* identifier, BAS::Status::Severity severity, BAS::String const& argument);
 
     // For the loading thread, the only one that ever exchanges the trees.
@@ -194,6 +202,13 @@ class CacheManager {
     bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
     LoadProgress progressM;
     std::atomic<std::uint64_t> otherReadsM{0}; // short reads that were no look-ups
+
+    struct Expected {
+        BAS::String fileName;
+        STR::FileVersion version;
+    };
+    BAS::Mutex expectedLockM;
+    std::optional<Expected> expectedM NP_GUARDED_BY(expectedLockM);
 };
 
 } // namespace DAT::NumberPortability

@@ -1,11 +1,15 @@
 // DAT::NumberPortability::DataSummary: what a data file holds, and what is wrong with it.
 //
 // Purpose: the result of examining a data file without serving it. Every line is counted once: as a record, or under
-// the one reason for which it was rejected. FileLine shows the lines themselves, one by one.
+// the one reason for which it was rejected. What is to be known of a file before it is loaded is told as well: whether
+// it is whole, what it takes in memory, and which version of it was read.
+// FileLine shows the lines themselves, one by one.
+// Units and ranges: memory and lengths in bytes.
 // Ownership: a value. Threads: none inside. Errors: none. Complexity: constant.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
+#include "framework/STR/FileVersion.h"
 
 #include <cstdint>
 #include <functional>
@@ -37,6 +41,14 @@ struct DataSummary {
     BAS::DateTime earliest; // valid-from of the records; invalid when there is none
     BAS::DateTime latest;
     std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
+
+    bool readToEnd = false;        // not ended before by whoever asked
+    bool changed = false;          // while it was read
+    STR::FileVersion version;      // when it was opened
+    bool lastLineComplete = true;  // it has its newline; true without lines
+    std::uint64_t lineBytes = 0;   // all lines, each with a newline
+    std::uint64_t longestLine = 0; // without its newline
+    std::uint64_t treeBytes = 0;   // a tree with the records
 
     // Counts a line that is no record under its reason.
     void count(LineOutcome outcome) {
@@ -78,5 +90,8 @@ using LineVisitor = std::function<void(FileLine const& line)>;
 
 // Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
 using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
+
+// Asked now and then during an examination, with what its tree takes so far: false ends it.
+using GoOn = std::function<bool(std::uint64_t treeBytes)>;
 
 } // namespace DAT::NumberPortability

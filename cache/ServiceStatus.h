@@ -32,10 +32,11 @@ struct ServiceStatus {
     bool loading = false; // a load is going on
     BAS::String dataFileName;
     unsigned int searchMethod = 0;
-    std::uint32_t records = 0; // live
-    std::uint64_t numbers = 0; // live: different numbers and prefixes
-    std::uint64_t lookUps = 0; // served, found or not
-    BAS::DateTime liveSince;   // when the live data were put to work; invalid before
+    std::uint32_t records = 0;   // live
+    std::uint64_t numbers = 0;   // live: different numbers and prefixes
+    std::uint64_t treeBytes = 0; // live: memory of one of the two trees, bytes
+    std::uint64_t lookUps = 0;   // served, found or not
+    BAS::DateTime liveSince;     // when the live data were put to work; invalid before
     LoadOutcome lastLoad;
 };
 

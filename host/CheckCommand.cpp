@@ -1,17 +1,19 @@
 #include "host/CheckCommand.h"
 
+#include "host/Examination.h"
 #include "host/ExitStatus.h"
 #include "host/HostError.h"
 #include "host/Output.h"
 #include "host/Text.h"
 
 #include <algorithm>
-#include <exception>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace nphost {
@@ -21,11 +23,12 @@ namespace {
 using DAT::NumberPortability::DataSummary;
 using DAT::NumberPortability::LineOutcome;
 
-struct RejectedLine {
-    unsigned long number;
-    LineOutcome outcome;
-    Log::Reject reason;
-    std::string_view text;
+// What the guard would say.
+struct Trial {
+    LoadKind kind;
+    GuardLimits limits;
+    LoadFigures figures;
+    std::vector<std::string> reasons;
 };
 
 // How a check is told, line by line and at its end.
@@ -37,7 +40,7 @@ class Report {
     virtual ~Report() = default;
 
     virtual void reject(RejectedLine const& line) = 0;
-    virtual void finish(DataSummary const& summary) = 0;
+    virtual void finish(DataSummary const& summary, std::optional<Trial> const& trial) = 0;
 
   protected:
     Output outM;
@@ -56,7 +59,7 @@ class TextReport : public Report {
         }
     }
 
-    void finish(DataSummary const& summary) override {
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
         if (allM && summary.rejected() > 0)
             outM.append('\n');
         counts(summary);
@@ -67,6 +70,8 @@ class TextReport : public Report {
         networks(summary);
         if (!firstM.empty())
             outM.append("\nThe first rejected line of each kind (--all shows every one):\n" + firstM);
+        if (trial)
+            guard(*trial);
         outM.flush();
     }
 
@@ -104,6 +109,18 @@ class TextReport : public Report {
             count("  " + shortened(network.view()), records);
     }
 
+    void guard(Trial const& trial) {
+        bool const passes = trial.reasons.empty();
+        outM.append(std::string("\nThe guard would ") + (passes ? "let it pass" : "refuse it") + " as a " +
+                    nphost::nameOf(trial.kind));
+        if (trial.kind == LoadKind::RELOAD)
+            outM.append(" beside " + grouped(trial.figures.liveRecords) + " live records");
+        outM.append(":\n  limits: " + nphost::textOf(trial.limits) + "\n  memory: up to " +
+                    grouped(mebibytes(memoryAtPeak(trial.kind, trial.figures))) + " MiB\n");
+        for (std::string const& reason : trial.reasons)
+            outM.append("  refused: " + visible(reason) + "\n");
+    }
+
     bool allM;
     std::vector<LineOutcome> seenM;
     std::string firstM;
@@ -125,12 +142,15 @@ class JsonReport : public Report {
                           {"text", asUtf8(line.text)}}));
     }
 
-    void finish(DataSummary const& summary) override {
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
         if (startedM)
             outM.append("],\n");
         else
             outM.append(allM ? std::string_view("{\"rejects\":[],\n") : "{");
-        outM.append(std::string_view(dump(object(summary))).substr(1)); // without its opening brace
+        nlohmann::json result = object(summary);
+        if (trial)
+            result["guard"] = guard(*trial);
+        outM.append(std::string_view(dump(result)).substr(1)); // without its opening brace
         outM.append('\n');
         outM.flush();
     }
@@ -142,6 +162,14 @@ class JsonReport : public Report {
 
     static nlohmann::json instant(BAS::DateTime at) {
         return at.isValid() ? nlohmann::json(at.asString("%Y%m%d%H%M%S").str()) : nlohmann::json();
+    }
+
+    static nlohmann::json guard(Trial const& trial) {
+        return {{"kind", nameOf(trial.kind)},
+                {"passed", trial.reasons.empty()},
+                {"reasons", trial.reasons},
+                {"liveRecords", trial.figures.liveRecords},
+                {"memoryMiB", mebibytes(memoryAtPeak(trial.kind, trial.figures))}};
     }
 
     static nlohmann::json object(DataSummary const& summary) {
@@ -172,25 +200,42 @@ Configuration configurationFor(CheckOptions const& options) {
     return configuration;
 }
 
-DataSummary examine(Host& host, Report& report, bool wantsProgress) {
+// Reads the file and tells its rejected lines; `first` becomes the first of them in words.
+DataSummary readFile(Host& host, CheckOptions const& options, Report& report, std::string& first) {
     ProgressLine const progress(
-        "nphost: checking", [&host] { return host.loadProgress(); }, wantsProgress);
+        "nphost: checking", [&host] { return host.loadProgress(); }, !options.all || isatty(STDOUT_FILENO) != 1);
     DataSummary summary;
-    std::exception_ptr failure; // the module would report it as its own
-    bool const complete =
-        host.plugIn().examine(summary, [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
-            try {
-                report.reject({number, outcome, host.log().lastReject(), line.view()});
-            } catch (...) {
-                failure = std::current_exception();
-                throw; // ends the examination
-            }
-        });
-    if (failure)
-        std::rethrow_exception(failure);
-    if (!complete)
+    auto const onReject = [&](RejectedLine const& line) {
+        if (first.empty())
+            first = inWords(line);
+        report.reject(line);
+    };
+    if (!examine(host.plugIn(), host.log(), options.file, summary, onReject, {}))
         host.fail("the file could not be examined");
     return summary;
+}
+
+// Records that are not at hand are taken to be like those of the file.
+std::uint64_t treeBytesOf(std::uint64_t records, LoadFigures const& figures) {
+    constexpr double bytesARecord = 26;
+    double const each = figures.records == 0
+                            ? bytesARecord
+                            : static_cast<double>(figures.treeBytes) / static_cast<double>(figures.records);
+    return static_cast<std::uint64_t>(each * static_cast<double>(records));
+}
+
+Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSummary const& summary,
+               std::string const& first) {
+    Trial trial{options.delta  ? LoadKind::DELTA
+                : options.live ? LoadKind::RELOAD
+                               : LoadKind::FIRST_LOAD,
+                limits,
+                figuresOf(summary, first),
+                {}};
+    trial.figures.liveRecords = options.live.value_or(0);
+    trial.figures.liveTreeBytes = treeBytesOf(trial.figures.liveRecords, trial.figures);
+    trial.reasons = crossedLimits(limits, trial.kind, trial.figures);
+    return trial;
 }
 
 std::unique_ptr<Report> makeReport(CheckOptions const& options) {
@@ -202,12 +247,21 @@ std::unique_ptr<Report> makeReport(CheckOptions const& options) {
 } // namespace
 
 int check(CheckOptions const& options) {
-    Host host(configurationFor(options), options.common);
-    host.log().keepRejects();
+    Configuration configuration = configurationFor(options);
+    GuardLimits const limits = configuration.guard;
+    if (options.guard && !limits.any())
+        throw HostError(visible(options.common.configuration.native()) + ": there is no limit in [host.guard]");
+    Host host(std::move(configuration), options.common);
     std::unique_ptr<Report> const report = makeReport(options);
-    DataSummary const summary = examine(host, *report, !options.all || isatty(STDOUT_FILENO) != 1);
+    std::string first;
+    DataSummary const summary = readFile(host, options, *report, first);
     host.throwFailure();
-    report->finish(summary);
+    std::optional<Trial> trial;
+    if (options.guard)
+        trial = tryGuard(limits, options, summary, first);
+    report->finish(summary, trial);
+    if (trial && !trial->reasons.empty())
+        return REFUSED;
     return summary.rejected() == 0 ? FINE : NOT_FOUND;
 }
 

@@ -28,7 +28,8 @@ namespace {
 constexpr char const* exitStatusCM = R"(Exit status:
   0  fine: everything found, or the file is clean
   1  a number without a record, a line that is no question, or a file with rejected lines
-  2  a usage, configuration or file error; one line on standard error says which)";
+  2  a usage, configuration or file error; one line on standard error says which
+  3  'check --guard': the file crosses a limit; 'run': the first load does)";
 
 constexpr char const* programHelpCM = R"('nphost COMMAND --help' explains a command. To begin with:
   nphost check  --config examples/nphost.toml examples/portability.dat
@@ -105,8 +106,12 @@ constexpr char const* checkHelpCM =
 without serving it. The data file that the configuration names is not touched and
 need not exist.
 
-Example:
+With --guard it is also held against the limits in [host.guard]: as the file of a
+first load; of a reload, with --live; or of a delta, with --delta.
+
+Examples:
   nphost check --config examples/nphost.toml examples/portability.dat
+  nphost check --config /etc/nphost.toml --guard --live 10000000 new.dat
 
 )";
 
@@ -158,8 +163,11 @@ constexpr char const* runHelpCM =
 reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
 by 'nphost ctl'. Under systemd use Type=notify-reload.
 
-Exit status: 0 stopped by a signal; 2 it could not start, one line on standard error
-says why.
+With limits in [host.guard] the file is read before it is loaded, and refused if it
+crosses one; so is that of every reload and delta. --force lets the first load pass.
+
+Exit status: 0 stopped by a signal; 2 it could not start, 3 the guard refuses the data
+file; one line on standard error says why.
 
 Example:
   nphost run --config /etc/nphost.toml
@@ -311,6 +319,12 @@ void addCheck(CLI::App& app, Chosen& chosen) {
     command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required();
     command->add_flag("--all", chosen.check.all, "Show every rejected line, not just the first of each kind");
     command->add_flag("--json", chosen.check.json, "Write one JSON object; with --all it lists rejected lines");
+    CLI::Option* const guard =
+        command->add_flag("--guard", chosen.check.guard, "Hold the file against the limits in [host.guard]");
+    command->add_option("--live", chosen.check.live, "With --guard: as a reload beside so many live records")
+        ->option_text("N")
+        ->needs(guard);
+    command->add_flag("--delta", chosen.check.delta, "With --guard: as a delta")->needs(guard);
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.check.common = chosen.common;
@@ -382,6 +396,7 @@ void addRun(CLI::App& app, Chosen& chosen) {
             "text, or json: one object a line; default: text")
         ->option_text("FORMAT")
         ->check(CLI::IsMember({"text", "json"}));
+    command->add_flag("--force", chosen.run.force, "Load the data file whatever the guard would say of it");
     command
         ->add_option("--log-file", chosen.run.logFile, "The file of the log; default: as configured, or standard error")
         ->option_text("FILE");
@@ -441,10 +456,13 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     for (CLI::App* const command : {reload, delta, listing})
         command->add_flag("--wait,!--no-wait", options.wait,
                           "Wait for the outcome and show it, or not; default: wait on a terminal");
-    addCtlCommand(ctlApp, chosen, "update", "Carry out a registry update and show what it reports")
-        ->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
+    CLI::App* const update =
+        addCtlCommand(ctlApp, chosen, "update", "Carry out a registry update and show what it reports");
+    update->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
         ->option_text("...")
         ->required();
+    for (CLI::App* const command : {reload, delta, update})
+        command->add_flag("--force", options.force, "Load the file whatever the guard would say of it");
 }
 
 void addCtl(CLI::App& app, Chosen& chosen) {

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdint>
 #include <string>
 
 namespace nphost {
@@ -81,9 +83,59 @@ class Reader {
                 resultM.logFile = path(key, node);
             else if (key.str() == "announceChanges")
                 resultM.announceChanges = boolean(key, node);
+            else if (key.str() == "guard")
+                readGuard(table(key, node));
             else
                 throw unknownKey(key, hostTableCM);
         }
+    }
+
+    void readGuard(toml::table const& keys) {
+        constexpr std::int64_t mostRecords = 4'294'967'295;
+        constexpr std::int64_t mostMebibytes = 1'000'000'000;
+        GuardLimits& limits = resultM.guard;
+        for (auto&& [key, node] : keys) {
+            if (key.str() == "maxLossPercent")
+                limits.maxLossPercent = percent(key, node);
+            else if (key.str() == "maxRejectedPercent")
+                limits.maxRejectedPercent = percent(key, node);
+            else if (key.str() == "minRecords")
+                limits.minRecords = integer(key, node, 0, mostRecords);
+            else if (key.str() == "requireCompleteLastLine")
+                limits.requireCompleteLastLine = boolean(key, node);
+            else if (key.str() == "maxMemoryMiB")
+                limits.maxMemoryMiB = integer(key, node, 1, mostMebibytes);
+            else
+                throw unknownKey(key, "host.guard");
+        }
+    }
+
+    bool boolean(toml::key const& key, toml::node const& node) const {
+        if (!node.is_boolean())
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be true or false");
+        return node.as_boolean()->get();
+    }
+
+    std::uint64_t integer(toml::key const& key, toml::node const& node, std::int64_t least, std::int64_t most) const {
+        std::int64_t const value = node.is_integer() ? node.as_integer()->get() : least - 1;
+        if (value < least || value > most)
+            throw errorAt(fileM, key.source(),
+                          "'" + text(key) + "' must be a whole number from " + std::to_string(least) + " to " +
+                              std::to_string(most));
+        return static_cast<std::uint64_t>(value);
+    }
+
+    // In thousandths, so that a share is compared with it exactly.
+    std::uint32_t percent(toml::key const& key, toml::node const& node) const {
+        constexpr double noise = 1e-6; // of a decimal fraction in binary
+        double const value = node.value<double>().value_or(-1) * 1000;
+        double const thousandths = std::round(value);
+        bool const isNumber = node.is_integer() || node.is_floating_point();
+        if (!isNumber || !(thousandths >= 0 && thousandths <= GuardLimits::wholeCM) ||
+            std::abs(value - thousandths) > noise)
+            throw errorAt(fileM, key.source(),
+                          "'" + text(key) + "' must be a number from 0 to 100 with at most three decimals");
+        return static_cast<std::uint32_t>(thousandths);
     }
 
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {

@@ -19,6 +19,13 @@
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
 //     announceChanges = true                    # the daemon tells when assignments take effect; false without it
 //
+//     [host.guard]                     # what a data file must be like to be loaded by the daemon; GuardLimits.h
+//     maxLossPercent = 5               # percentages have at most three decimals
+//     maxRejectedPercent = 0.5
+//     minRecords = 1000000
+//     requireCompleteLastLine = true
+//     maxMemoryMiB = 2048
+//
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
 // Ownership: values.
@@ -29,6 +36,7 @@
 #pragma once
 
 #include "framework/BAS/RegistryEntry.h"
+#include "host/GuardLimits.h"
 
 #include <filesystem>
 #include <stdexcept>
@@ -54,6 +62,7 @@ struct Configuration {
     std::filesystem::path socket;
     std::filesystem::path logFile;
     bool announceChanges = false;
+    GuardLimits guard;
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;

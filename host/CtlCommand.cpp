@@ -130,9 +130,9 @@ class Ctl {
         if (name == "explain")
             return explain();
         if (name == "reload")
-            return request({{"command", name}, {"reuse", !optionsM.noReuse}});
+            return request({{"command", name}, {"reuse", !optionsM.noReuse}, {"force", optionsM.force}});
         if (name == "delta")
-            return request({{"command", name}, {"file", absolute(optionsM.file)}});
+            return request({{"command", name}, {"file", absolute(optionsM.file)}, {"force", optionsM.force}});
         if (name == "print")
             return optionsM.file.empty() ? request({{"command", name}})
                                          : request({{"command", name}, {"file", absolute(optionsM.file)}});
@@ -181,13 +181,35 @@ class Ctl {
         dataFile(answer.at("dataFile"));
         lastLoad(answer.at("lastLoad"));
         if (answer.at("loading").get<bool>())
-            field("Loading now:", answer.at("progress").at("lines").dump() + " lines, " +
-                                      answer.at("progress").at("bytes").dump() + " of " +
-                                      answer.at("progress").at("totalBytes").dump() + " bytes");
+            progress("Loading now:", answer.at("progress"));
+        guard(answer.value("guard", Json()));
         field("Look-ups:", answer.at("lookUps").dump());
         field("Memory:", std::to_string(answer.at("memoryBytes").get<std::uint64_t>() / 1024) + " KiB");
         field("Process:", answer.at("process").dump());
         return result;
+    }
+
+    void progress(char const* label, Json const& far) {
+        field(label, far.at("lines").dump() + " lines, " + far.at("bytes").dump() + " of " +
+                         far.at("totalBytes").dump() + " bytes");
+    }
+
+    void guard(Json const& guarding) {
+        if (guarding.is_null())
+            return;
+        std::string limits;
+        for (auto const& [key, value] : guarding.at("limits").items())
+            limits += (limits.empty() ? "" : ", ") + key + " = " + value.dump();
+        field("Guard:", limits);
+        if (Json const& checking = guarding.at("checking"); !checking.is_null())
+            progress("  checking now:", checking);
+        Json const& refusal = guarding.at("lastRefusal");
+        if (refusal.is_null())
+            return field("  last refusal:", "none");
+        field("  last refusal:", orDash(refusal.at("kind")) + " of " + orDash(refusal.at("file")));
+        field("  ended:", orDash(refusal.at("ended")) + " after " + seconds(refusal.at("seconds")));
+        for (Json const& reason : refusal.at("reasons"))
+            field("  because:", orDash(reason));
     }
 
     void dataFile(Json const& file) {
@@ -314,16 +336,30 @@ class Ctl {
 
     void outcome(Json const& answer) {
         bool const succeeded = answer.at("succeeded").get<bool>();
+        Json const check = answer.value("check", Json());
+        bool const refused = !check.is_null() && !check.at("passed").get<bool>();
         for (Json const& report : answer.at("reports")) {
             auto const identifier = report.at("identifier").get<std::string>();
+            if (identifier.starts_with("ERR_HOST_GUARD_"))
+                continue; // said below
             bool const counts = succeeded && identifier.starts_with("INF_NUM_");
             if (report.at("severity") != "NORMAL" || counts)
                 line((report.at("severity") == "NORMAL" ? "" : orDash(report.at("severity")) + " ") + identifier +
                      " : " + orDash(report.at("text")));
         }
         leftOut(answer);
-        line(optionsM.command + (succeeded ? ": done in " : ": FAILED after ") + seconds(answer.at("seconds")));
+        if (refused)
+            for (Json const& reason : check.at("reasons"))
+                line("refused: " + orDash(reason));
+        line(optionsM.command +
+             (succeeded ? ": done in "
+              : refused ? ": REFUSED after "
+                        : ": FAILED after ") +
+             seconds(answer.at("seconds")) + (isChecked(check) ? ", the check " + seconds(check.at("seconds")) : ""));
     }
+
+    // Whether there was a check, not only a guard.
+    static bool isChecked(Json const& check) { return !check.is_null() && !check.at("forced").get<bool>(); }
 
     void leftOut(Json const& answer) {
         if (auto const count = answer.at("reportsLeftOut").get<unsigned long>(); count > 0)
@@ -342,13 +378,15 @@ class Ctl {
             if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
                 throw HostError("the key '" + shortened(name) + "' is given twice");
         }
-        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}});
+        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}, {"force", optionsM.force}});
         if (!shownRaw(answer)) {
             field("Result:", answer.at("result").dump());
             field("Handled:", answer.at("handled").dump());
             for (Json const& report : answer.at("reports"))
                 showReport(report);
             leftOut(answer);
+            if (Json const check = answer.value("check", Json()); isChecked(check))
+                field("Check:", seconds(check.at("seconds")));
         }
         return answer.at("succeeded").get<bool>() ? FINE : NOT_FOUND;
     }

@@ -25,6 +25,7 @@ struct CtlOptions {
     std::optional<std::string> method;
     bool normalise = false;
     bool noReuse = false;
+    bool force = false;
     bool follow = false;
     std::optional<bool> wait; // none: when standard output is a terminal
     std::string file;

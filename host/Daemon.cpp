@@ -2,6 +2,7 @@
 
 #include "host/ControlProtocol.h"
 #include "host/HostError.h"
+#include "host/OwnReport.h"
 #include "host/SameFile.h"
 #include "host/ServiceAnswers.h"
 #include "host/Text.h"
@@ -17,11 +18,15 @@ namespace {
 
 using Json = nlohmann::json;
 
-Json reportsOf(ReportCollector const& collector) {
+// What was reported by the check of a request, and then by the request itself.
+void addReports(Json& answer, LoadCheck const& check, ReportCollector const& collector) {
     Json reports = Json::array();
-    for (LogReport const& report : collector.reports())
-        reports.push_back(toJson(report));
-    return reports;
+    for (ReportCollector const* const part : {&check.reports, &collector})
+        for (LogReport const& report : part->reports())
+            reports.push_back(toJson(report));
+    answer["reports"] = std::move(reports);
+    answer["reportsLeftOut"] = check.reports.leftOut() + collector.leftOut();
+    answer["check"] = toJson(check);
 }
 
 char const* nameOf(ProbeKind kind) {
@@ -47,14 +52,9 @@ void checkVersion(Json const& request) {
 
 } // namespace
 
-void reportOwn(char const* identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments) {
-    BAS::Status status;
-    status.set("nphost", identifier, severity, arguments);
-    BAS::RegisteredObject::writeLog(status);
-}
-
 Daemon::Daemon(Parts const& parts)
-    : partsM(parts), plugInM(parts.host.plugIn()), probesM(plugInM, parts.hub), updatesM(plugInM, parts.hub.wakeUp()) {
+    : partsM(parts), plugInM(parts.host.plugIn()), updatesM(plugInM, parts.guard, parts.hub.wakeUp()),
+      probesM(plugInM, parts.hub, updatesM) {
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
     if (parts.socket != nullptr)
@@ -112,6 +112,7 @@ void Daemon::step() {
 }
 
 void Daemon::stop() {
+    partsM.guard.stop();
     partsM.notifier.stopping("stopping");
     reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
     if (!serverM)
@@ -126,7 +127,7 @@ void Daemon::reloadBySignal() {
     partsM.notifier.reloading("reloading");
     reloadingM = true;
     if (!probesM.hasWaitingSignalRequest()) // one that has not begun will see the present file
-        probesM.push({ProbeKind::RELOAD, "TRUE", 0, true});
+        probesM.push({ProbeKind::RELOAD, "TRUE", 0, true, false});
 }
 
 void Daemon::finishProbes() {
@@ -136,9 +137,8 @@ void Daemon::finishProbes() {
         Json answer = {{"ok", true},
                        {"command", nameOf(finished->request.kind)},
                        {"succeeded", finished->outcome.succeeded},
-                       {"seconds", finished->seconds},
-                       {"reports", reportsOf(finished->outcome.reports)},
-                       {"reportsLeftOut", finished->outcome.reports.leftOut()}};
+                       {"seconds", finished->seconds}};
+        addReports(answer, finished->check, finished->outcome.reports);
         if (serverM && finished->request.client != 0)
             serverM->send(finished->request.client, lineOf(std::move(answer)));
         if (reloadingM && !probesM.hasSignalRequest()) {
@@ -159,9 +159,8 @@ void Daemon::finishUpdates() {
                        {"result", done.result},
                        {"handled", done.handled},
                        {"succeeded", done.result && done.handled && !done.reports.hasFailure()},
-                       {"seconds", done.seconds},
-                       {"reports", reportsOf(done.reports)},
-                       {"reportsLeftOut", done.reports.leftOut()}};
+                       {"seconds", done.seconds}};
+        addReports(answer, done.check, done.reports);
         if (serverM)
             serverM->send(done.client, lineOf(std::move(answer)));
         if (!reloadingM)
@@ -211,7 +210,7 @@ void Daemon::request(Client client, std::string_view line) {
 void Daemon::dispatch(Client client, Json const& request) {
     auto const command = request.at("command").get<std::string>();
     if (command == "status")
-        serverM->send(client, lineOf(answerStatus(plugInM)));
+        serverM->send(client, lineOf(answerStatus(plugInM, partsM.guard)));
     else if (command == "lookup")
         serverM->send(client, lineOf(answerLookup(plugInM, request)));
     else if (command == "explain")
@@ -236,7 +235,7 @@ void Daemon::probe(Client client, Json const& request, ProbeKind kind, std::stri
     bool const wait = request.value("wait", true);
     if (probesM.isFull())
         throw RequestError("too many requests are waiting");
-    probesM.push({kind, std::move(value), wait ? client : 0, false});
+    probesM.push({kind, std::move(value), wait ? client : 0, false, request.value("force", false)});
     if (!wait)
         serverM->send(client, lineOf({{"ok", true}, {"queued", probesM.length()}}));
 }
@@ -267,7 +266,7 @@ void Daemon::update(Client client, Json const& request) {
         if (print)
             refuseDataFile(keys.back().second);
     }
-    if (!updatesM.push(client, std::move(keys)))
+    if (!updatesM.push(client, std::move(keys), request.value("force", false)))
         throw RequestError("too many updates are waiting");
 }
 

@@ -13,6 +13,7 @@
 #include "host/ChangeNotices.h"
 #include "host/ControlServer.h"
 #include "host/Host.h"
+#include "host/LoadGuard.h"
 #include "host/ProbeQueue.h"
 #include "host/ReportHub.h"
 #include "host/ServiceNotifier.h"
@@ -25,9 +26,6 @@
 
 namespace nphost {
 
-// A report of the host's own; its text is in the message catalogue.
-void reportOwn(char const* identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments);
-
 class Daemon : private ControlServer::Handler {
   public:
     struct Parts {
@@ -36,6 +34,7 @@ class Daemon : private ControlServer::Handler {
         LogTarget& log;
         Signals& signals;
         ServiceNotifier& notifier;
+        LoadGuard& guard;
         ListeningSocket* socket; // null: no control socket
         bool announceChanges = false;
     };
@@ -74,9 +73,9 @@ class Daemon : private ControlServer::Handler {
     LoadedPlugIn& plugInM;
     ReportCollector ownReportsM;
     ReportHub::CollectingScope ownScopeM{ownReportsM}; // this thread's reports are not the worker's
-    ProbeQueue probesM;
     UpdateRunner updatesM;
     std::optional<ChangeNotices> noticesM;
+    ProbeQueue probesM;
     std::optional<ControlServer> serverM;
     std::map<Client, std::uint64_t> followersM; // and the number of the report that each gets next
     bool reloadingM = false;                    // the service manager waits for the end of a reload

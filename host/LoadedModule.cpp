@@ -36,7 +36,7 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
         throw HostError("the module cannot be loaded: " + loaderError());
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
     // DAT::NumberPortability::PlugIn::search of one and of many, each without and with a method, normalize, print,
-    // examine, visitFile, visitUpcoming, progress, explain, serviceStatus
+    // examine, expectFile, expectAnyFile, visitFile, visitUpcoming, progress, explain, serviceStatus
     find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                              "NumberPortabilityDataE");
     find(operationsM.searchBy, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
@@ -51,8 +51,11 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
          "EEj");
     find(operationsM.normalize, "_ZNK3DAT17NumberPortability6PlugIn9normalizeERN3BAS6StringE");
     find(operationsM.print, "_ZN3DAT17NumberPortability6PlugIn5printERSob");
-    find(operationsM.examine, "_ZN3DAT17NumberPortability6PlugIn7examineERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
-                              "LineOutcomeERKN3BAS6StringEEE");
+    find(operationsM.examine,
+         "_ZN3DAT17NumberPortability6PlugIn7examineERKN3BAS6StringERNS0_11DataSummaryERKSt8functionIFvmNS0_11"
+         "LineOutcomeES5_EERKS8_IFbmEE");
+    find(operationsM.expectFile, "_ZN3DAT17NumberPortability6PlugIn10expectFileERKN3BAS6StringERKN3STR11FileVersionE");
+    find(operationsM.expectAnyFile, "_ZN3DAT17NumberPortability6PlugIn13expectAnyFileEv");
     find(operationsM.visitFile, "_ZN3DAT17NumberPortability6PlugIn9visitFileERKN3BAS6StringERKSt8functionIFvRKNS0_8"
                                 "FileLineEEE");
     find(operationsM.visitUpcoming, "_ZN3DAT17NumberPortability6PlugIn13visitUpcomingERKN3BAS8DateTimeERS3_RKSt8"
@@ -116,8 +119,17 @@ NP_CALLS_MEMBERS void LoadedPlugIn::print(std::ostream& out, bool header) {
     operationsM.print(objectM, out, header);
 }
 
-NP_CALLS_MEMBERS bool LoadedPlugIn::examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject) {
-    return operationsM.examine(objectM, summary, onReject);
+NP_CALLS_MEMBERS bool LoadedPlugIn::examine(BAS::String const& file, LoadedModule::Summary& summary,
+                                            LoadedModule::Observer const& onReject, LoadedModule::GoOn const& goOn) {
+    return operationsM.examine(objectM, file, summary, onReject, goOn);
+}
+
+NP_CALLS_MEMBERS void LoadedPlugIn::expectFile(BAS::String const& file, STR::FileVersion const& version) {
+    operationsM.expectFile(objectM, file, version);
+}
+
+NP_CALLS_MEMBERS void LoadedPlugIn::expectAnyFile() {
+    operationsM.expectAnyFile(objectM);
 }
 
 NP_CALLS_MEMBERS bool LoadedPlugIn::visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit) {

@@ -44,6 +44,7 @@ class LoadedModule {
     using Record = DAT::NumberPortability::NumberPortabilityData;
     using Summary = DAT::NumberPortability::DataSummary;
     using Observer = DAT::NumberPortability::RejectObserver;
+    using GoOn = DAT::NumberPortability::GoOn;
     using Progress = DAT::NumberPortability::LoadProgress;
     using Prefixes = std::vector<DAT::NumberPortability::StoredPrefix>;
     using ServiceStatus = DAT::NumberPortability::ServiceStatus;
@@ -63,7 +64,9 @@ class LoadedModule {
         bool (*searchManyBy)(void*, Numbers, Instants, Records, Found, unsigned int);
         void (*normalize)(void const*, BAS::String&);
         void (*print)(void*, std::ostream&, bool);
-        bool (*examine)(void*, Summary&, Observer const&);
+        bool (*examine)(void*, BAS::String const&, Summary&, Observer const&, GoOn const&);
+        void (*expectFile)(void*, BAS::String const&, STR::FileVersion const&);
+        void (*expectAnyFile)(void*);
         bool (*visitFile)(void*, BAS::String const&, LineVisitor const&);
         bool (*visitUpcoming)(void*, BAS::DateTime const&, BAS::DateTime&, RecordVisitor const&);
         Progress const* (*progress)(void const*);
@@ -103,7 +106,10 @@ class LoadedPlugIn {
                 LoadedModule::Found found, unsigned int method);
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
-    bool examine(LoadedModule::Summary& summary, LoadedModule::Observer const& onReject);
+    bool examine(BAS::String const& file, LoadedModule::Summary& summary, LoadedModule::Observer const& onReject,
+                 LoadedModule::GoOn const& goOn);
+    void expectFile(BAS::String const& file, STR::FileVersion const& version);
+    void expectAnyFile();
     bool visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit);
     bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, LoadedModule::RecordVisitor const& visit);
     LoadedModule::Progress const* progress() const;

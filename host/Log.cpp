@@ -31,6 +31,8 @@ bool isReject(BAS::Status const& status) {
     return findReject(status) != rejectsCM.end();
 }
 
+thread_local bool keepsRejectsHere = false;
+
 } // namespace
 
 Log::Log(MessageCatalogue const& catalogue, LogSettings const& settings) : catalogueM(catalogue), settingsM(settings) {
@@ -43,29 +45,29 @@ Log::~Log() {
 
 void Log::write(BAS::Status const& status) noexcept {
     BAS::MutexGuard const guard(lockM);
-    bool shown = false;
+    Taken taken = Taken::HIDDEN;
     try {
-        shown = take(status);
+        taken = take(status);
     } catch (...) { // NOLINT(bugprone-empty-catch): a reporter must not fail for want of a log
     }
-    if (settingsM.observer != nullptr)
-        settingsM.observer->noticed(status, shown ? &reportM : nullptr);
+    if (settingsM.observer != nullptr && taken != Taken::KEPT)
+        settingsM.observer->noticed(status, taken == Taken::SHOWN ? &reportM : nullptr);
 }
 
-// Whether it is shown.
-bool Log::take(BAS::Status const& status) {
+Log::Taken Log::take(BAS::Status const& status) {
     if (status.severity() >= BAS::Status::MAJOR && !failureM) {
         failureM.emplace();
         failureM->identifier = status.identifier().str();
         catalogueM.append(failureM->text, status.identifier(), status.arguments());
     }
-    bool const kept = keepRejectsM && isReject(status);
-    bool const shown = !kept && isShown(status);
-    if (kept)
+    if (keepsRejectsHere && isReject(status)) {
         keep(status);
-    if (shown)
-        show(status);
-    return shown;
+        return Taken::KEPT;
+    }
+    if (!isShown(status))
+        return Taken::HIDDEN;
+    show(status);
+    return Taken::SHOWN;
 }
 
 void Log::keep(BAS::Status const& status) {
@@ -114,9 +116,12 @@ std::optional<Log::Failure> Log::failure() const {
     return failureM;
 }
 
-void Log::keepRejects() {
-    BAS::MutexGuard const guard(lockM);
-    keepRejectsM = true;
+Log::RejectScope::RejectScope() {
+    keepsRejectsHere = true;
+}
+
+Log::RejectScope::~RejectScope() {
+    keepsRejectsHere = false;
 }
 
 Log::Reject Log::lastReject() const {

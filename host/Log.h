@@ -62,15 +62,23 @@ class Log : public BAS::LogSinkIf {
     // The first failure that was reported.
     std::optional<Failure> failure() const;
 
-    // From now on reports of rejected lines are not shown: the latest is kept for lastReject.
-    void keepRejects();
+    // While it lives, reports of rejected lines that are made on its thread are not shown, and no observer is told of
+    // them: the latest is kept for lastReject. One thread at a time may have one.
+    class RejectScope {
+      public:
+        RejectScope();
+        RejectScope(RejectScope const&) = delete;
+        RejectScope& operator=(RejectScope const&) = delete;
+        ~RejectScope();
+    };
     Reject lastReject() const;
 
     // How many reports of rejected lines were not shown.
     unsigned long hiddenRejects() const;
 
   private:
-    bool take(BAS::Status const& status) NP_REQUIRES(lockM);
+    enum class Taken { KEPT, HIDDEN, SHOWN };
+    Taken take(BAS::Status const& status) NP_REQUIRES(lockM);
     void keep(BAS::Status const& status) NP_REQUIRES(lockM);
     bool isShown(BAS::Status const& status) NP_REQUIRES(lockM);
     void show(BAS::Status const& status) NP_REQUIRES(lockM);
@@ -80,7 +88,6 @@ class Log : public BAS::LogSinkIf {
 
     mutable BAS::Mutex lockM;
     std::optional<Failure> failureM NP_GUARDED_BY(lockM);
-    bool keepRejectsM NP_GUARDED_BY(lockM) = false;
     unsigned long rejectsM NP_GUARDED_BY(lockM) = 0;
     Reject lastRejectM NP_GUARDED_BY(lockM);
     LogReport reportM NP_GUARDED_BY(lockM); // this and the line are kept for their storage

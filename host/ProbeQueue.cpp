@@ -4,10 +4,12 @@
 #include "host/SameFile.h"
 
 #include <algorithm>
+#include <new>
 
 namespace nphost {
 
-ProbeQueue::ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub) : plugInM(plugIn), hubM(hub), probesM(plugIn.probes()) {
+ProbeQueue::ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updates)
+    : plugInM(plugIn), hubM(hub), updatesM(updates), probesM(plugIn.probes()) {
     constexpr std::size_t kinds = 3;
     if (probesM.size() != kinds)
         throw HostError("the plug-in has not the probes for reload, delta load and print");
@@ -25,6 +27,28 @@ void ProbeQueue::startNext() {
     currentM = std::move(waitingM.front());
     waitingM.pop_front();
     startedM = ReportHub::Clock::now();
+    checkM = LoadCheck();
+    checkingM = updatesM.isGuarding() && currentM->kind != ProbeKind::PRINT;
+    if (checkingM)
+        askForCheck();
+    else
+        writeProbe();
+}
+
+void ProbeQueue::askForCheck() {
+    try {
+        if (currentM->kind == ProbeKind::RELOAD)
+            updatesM.pushCheck(LoadKind::RELOAD, plugInM.serviceStatus().dataFileName.str(), currentM->force);
+        else
+            updatesM.pushCheck(LoadKind::DELTA, currentM->value, currentM->force);
+    } catch (std::bad_alloc const&) { // nobody will check it
+        checkingM = false;
+        hubM.expect(currentM->kind);
+        hubM.giveUp();
+    }
+}
+
+void ProbeQueue::writeProbe() {
     hubM.expect(currentM->kind);
     if (refusesTarget())
         return;
@@ -42,17 +66,34 @@ bool ProbeQueue::refusesTarget() {
 }
 
 std::optional<ProbeQueue::Finished> ProbeQueue::takeFinished() {
-    if (!currentM)
-        return std::nullopt;
-    checkTrouble();
-    std::optional<ProbeOutcome> outcome = hubM.takeOutcome();
+    std::optional<ProbeOutcome> outcome = takeOutcome();
     if (!outcome)
         return std::nullopt;
     std::chrono::duration<double> const seconds = ReportHub::Clock::now() - startedM;
-    Finished finished{std::move(*currentM), std::move(*outcome), seconds.count()};
+    Finished finished{std::move(*currentM), std::move(*outcome), seconds.count(), std::move(checkM)};
     currentM.reset();
     startNext();
     return finished;
+}
+
+std::optional<ProbeOutcome> ProbeQueue::takeOutcome() {
+    if (!currentM)
+        return std::nullopt;
+    if (checkingM) {
+        std::optional<LoadCheck> check = updatesM.takeCheck();
+        if (!check)
+            return std::nullopt;
+        checkingM = false;
+        checkM = std::move(*check);
+        if (!checkM.passed)
+            return ProbeOutcome();
+        writeProbe();
+    }
+    checkTrouble();
+    std::optional<ProbeOutcome> outcome = hubM.takeOutcome();
+    if (outcome)
+        updatesM.loadEnded();
+    return outcome;
 }
 
 // A worker without memory may never say how it ended.

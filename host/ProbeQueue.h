@@ -1,15 +1,18 @@
 // nphost::ProbeQueue: carries requests to the plug-in's probes, one after the other.
 //
 // Purpose: the plug-in keeps only the latest of several requests that come before its worker has time. So the next
-// probe is written only when the outcome of the one before has been seen.
-// Ownership: borrows the plug-in and the hub. The values of the requests are its own.
+// probe is written only when the outcome of the one before has been seen. Where the guard is on, a reload or delta is
+// written only when its file has passed the check.
+// Ownership: borrows the plug-in, the hub and the updates, whose thread makes the checks. The values of the requests are
+// its own.
 // Threads: the loop's thread.
 // Errors: construction throws HostError when the plug-in has not the three probes; std::bad_alloc.
-// Complexity: constant; nothing waits for a load.
+// Complexity: constant; nothing waits for a load or a check.
 #pragma once
 
 #include "host/LoadedModule.h"
 #include "host/ReportHub.h"
+#include "host/UpdateRunner.h"
 
 #include <cstdint>
 #include <deque>
@@ -23,6 +26,7 @@ struct ProbeRequest {
     std::string value;
     std::uint64_t client = 0; // who waits for the outcome; 0 nobody
     bool fromSignal = false;
+    bool force = false; // without a check
 };
 
 class ProbeQueue {
@@ -32,10 +36,11 @@ class ProbeQueue {
     struct Finished {
         ProbeRequest request;
         ProbeOutcome outcome;
-        double seconds = 0; // since the probe was written
+        double seconds = 0; // since its check, if there was one, or else the probe, was its turn
+        LoadCheck check;    // of a refused request nothing else was done
     };
 
-    ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub);
+    ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updates);
 
     bool isFull() const { return waitingM.size() >= mostWaitingCM; }
     // Requests that were pushed and are not finished.
@@ -53,15 +58,21 @@ class ProbeQueue {
 
   private:
     void startNext();
+    void askForCheck();
+    void writeProbe();
+    std::optional<ProbeOutcome> takeOutcome();
     bool refusesTarget();
     void checkTrouble();
 
     LoadedPlugIn& plugInM;
     ReportHub& hubM;
+    UpdateRunner& updatesM;
     std::vector<BAS::InstrumentationProbeAttribute*> probesM; // by ProbeKind
     std::deque<ProbeRequest> waitingM;
     std::optional<ProbeRequest> currentM;
     ReportHub::Clock::time_point startedM;
+    bool checkingM = false; // currentM waits for its check
+    LoadCheck checkM;       // currentM's, when it is over
 };
 
 } // namespace nphost

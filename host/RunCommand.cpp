@@ -3,9 +3,35 @@
 #include "host/Daemon.h"
 #include "host/ExitStatus.h"
 
+#include "host/StandardError.h"
+
 #include <optional>
+#include <utility>
 
 namespace nphost {
+
+namespace {
+
+// False when the guard refuses the first load; standard error then says why in one line.
+bool load(Host& host, LoadGuard& guard, bool force) {
+    LoadCheck check;
+    {
+        ProgressLine const progress(
+            "nphost: checking", [&host] { return host.loadProgress(); }, guard.isOn());
+        check = guard.check(LoadKind::FIRST_LOAD, host.plugIn().serviceStatus().dataFileName.str(), force);
+    }
+    if (check.guarded && !check.passed && !check.examined)
+        host.fail("the data file could not be checked");
+    if (!check.passed) {
+        complain("the first load is refused: " + joined(check.reasons) + " (ERR_HOST_GUARD_REFUSED)");
+        return false;
+    }
+    host.start();
+    guard.ended();
+    return true;
+}
+
+} // namespace
 
 int runDaemon(RunOptions const& options) {
     Signals signals;
@@ -20,9 +46,12 @@ int runDaemon(RunOptions const& options) {
     notifier.status("loading");
 
     ReportHub hub;
+    GuardLimits const limits = configuration.guard;
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
-    host.start();
-    Daemon({host, hub, target, signals, notifier, socket ? &*socket : nullptr, announceChanges}).run();
+    LoadGuard guard(limits, host.plugIn(), host.log());
+    if (!load(host, guard, options.force))
+        return REFUSED;
+    Daemon({host, hub, target, signals, notifier, guard, socket ? &*socket : nullptr, announceChanges}).run();
     return FINE;
 }
 

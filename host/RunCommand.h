@@ -1,7 +1,7 @@
 // nphost run: loads the plug-in and serves until it is told to stop.
 //
 // Purpose: brings up signals, log, control socket, framework, module and data in this order, runs the daemon, and takes
-// all of it down in the reverse order.
+// all of it down in the reverse order. Where the guard refuses the first load, nothing is loaded or served.
 // Threads: the main thread runs the event loop.
 // Errors: HostError, ConfigurationError, std::bad_alloc when it cannot start.
 // Complexity: a load, then what it is asked for.
@@ -17,6 +17,7 @@ struct RunOptions {
     CommonOptions common;
     std::filesystem::path logFile; // empty: as configured
     bool jsonLog = false;
+    bool force = false; // the first load is not checked
 };
 
 // The exit status.

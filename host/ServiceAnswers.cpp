@@ -148,24 +148,63 @@ Json historiesOf(Explanation::Prefixes const& prefixes) {
     return all;
 }
 
+Json limitsOf(GuardLimits const& limits) {
+    Json object = Json::object();
+    auto const set = [&object](char const* key, auto const& value) {
+        if (value)
+            object[key] = *value;
+    };
+    auto const setPercent = [&object](char const* key, std::optional<std::uint32_t> thousandths) {
+        if (thousandths)
+            object[key] = *thousandths / 1000.0;
+    };
+    setPercent("maxLossPercent", limits.maxLossPercent);
+    setPercent("maxRejectedPercent", limits.maxRejectedPercent);
+    set("minRecords", limits.minRecords);
+    if (limits.requireCompleteLastLine)
+        object["requireCompleteLastLine"] = true;
+    set("maxMemoryMiB", limits.maxMemoryMiB);
+    return object;
+}
+
+Json progressOf(LoadedPlugIn const& plugIn) {
+    DAT::NumberPortability::LoadProgress const* const progress = plugIn.progress();
+    return {{"lines", progress->lines()}, {"bytes", progress->bytes()}, {"totalBytes", progress->totalBytes()}};
+}
+
+Json guardOf(LoadedPlugIn const& plugIn, LoadGuard const& guard) {
+    if (!guard.isOn())
+        return nullptr;
+    LoadGuard::Standing const standing = guard.standing();
+    Json object = {{"limits", limitsOf(guard.limits())}, {"checking", nullptr}, {"lastRefusal", nullptr}};
+    if (standing.checking) {
+        object["checking"] = progressOf(plugIn);
+        object["checking"]["file"] = asUtf8(*standing.checking);
+    }
+    if (standing.lastRefusal) {
+        object["lastRefusal"] = toJson(*standing.lastRefusal);
+        object["lastRefusal"]["kind"] = nameOf(standing.lastRefusal->kind);
+        object["lastRefusal"]["file"] = asUtf8(standing.lastRefusal->file);
+        object["lastRefusal"]["ended"] = clock(standing.lastRefusal->ended);
+    }
+    return object;
+}
+
 } // namespace
 
-Json answerStatus(LoadedPlugIn& plugIn) {
+Json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard) {
     ServiceStatus const status = plugIn.serviceStatus();
-    DAT::NumberPortability::LoadProgress const* const progress = plugIn.progress();
     return {{"ok", true},
             {"usable", status.usable},
             {"loading", status.loading},
-            {"progress", status.loading ? Json{{"lines", progress->lines()},
-                                               {"bytes", progress->bytes()},
-                                               {"totalBytes", progress->totalBytes()}}
-                                        : Json()},
+            {"progress", status.loading ? progressOf(plugIn) : Json()},
             {"loadedSince", clock(status.liveSince)},
             {"records", status.records},
             {"numbers", status.numbers},
             {"searchMethod", nameOfSearchMethod(status.searchMethod)},
             {"dataFile", dataFile(status.dataFileName.str())},
             {"lastLoad", lastLoad(status.lastLoad)},
+            {"guard", guardOf(plugIn, guard)},
             {"lookUps", status.lookUps},
             {"memoryBytes", residentBytes()},
             {"process", getpid()},

@@ -8,13 +8,14 @@
 // Complexity: that of the look-ups.
 #pragma once
 
+#include "host/LoadGuard.h"
 #include "host/LoadedModule.h"
 
 #include <nlohmann/json_fwd.hpp>
 
 namespace nphost {
 
-nlohmann::json answerStatus(LoadedPlugIn& plugIn);
+nlohmann::json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard);
 nlohmann::json answerLookup(LoadedPlugIn& plugIn, nlohmann::json const& request);
 nlohmann::json answerExplain(LoadedPlugIn& plugIn, nlohmann::json const& request);
 

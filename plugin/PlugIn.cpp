@@ -135,11 +135,24 @@ void PlugIn::print(std::ostream& out, bool header) {
         cacheManagerM->print(out, header);
 }
 
-bool PlugIn::examine(DataSummary& summary, RejectObserver const& onReject) {
+bool PlugIn::examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
+                     GoOn const& goOn) {
     return cacheManagerM != nullptr && guarded([&] {
                BAS::MutexGuard const guard(loadLockM);
-               return cacheManagerM->examine(summary, onReject);
+               bool const examined = guarded([&] { return cacheManagerM->examine(fileName, summary, onReject, goOn); });
+               closeCheckedFile();
+               return examined;
            });
+}
+
+void PlugIn::expectFile(BAS::String const& fileName, STR::FileVersion const& version) {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->expectFile(fileName, version);
+}
+
+void PlugIn::expectAnyFile() {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->expectAnyFile();
 }
 
 std::vector<StoredPrefix> PlugIn::explain(BAS::String const& number) {

@@ -112,8 +112,15 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // Prints the live data, with or without the heading; what the stream throws travels.
     void print(std::ostream& out, bool header);
 
-    // Reads the data file as a load would, without serving it. False when it cannot be read to its end.
-    bool examine(DataSummary& summary, RejectObserver const& onReject);
+    // Reads a data file as a load would, without serving it. False when it cannot be read to its end. Loads wait for it,
+    // look-ups do not. `goOn` may be empty.
+    bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject, GoOn const& goOn);
+
+    // From here on a load of the named file takes place only while the file is of this version, from its opening to its
+    // last line; otherwise it fails with "ERR_FILE_CHANGED", and the live data stay. One file at a time, until
+    // expectAnyFile. The data file is named as in serviceStatus.
+    void expectFile(BAS::String const& fileName, STR::FileVersion const& version);
+    void expectAnyFile();
 
     // The stored keys that are prefixes of the number, longest first, with their histories. Empty when memory runs out.
     std::vector<StoredPrefix> explain(BAS::String const& number);

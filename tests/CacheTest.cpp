@@ -490,10 +490,11 @@ TEST_F(Cache, ExaminesAFileWithoutServingIt) {
           "0 20200101000000 N\0\n"s);
     DataSummary summary;
     std::vector<unsigned long> rejected;
-    EXPECT_TRUE(cache->examine(summary, [&](unsigned long number, LineOutcome, BAS::String const& line) {
+    auto const onReject = [&](unsigned long number, LineOutcome, BAS::String const& line) {
         rejected.push_back(number);
         EXPECT_FALSE(line.empty());
-    }));
+    };
+    EXPECT_TRUE(cache->examine(BAS::String(folder.file("main")), summary, onReject, {}));
     EXPECT_EQ(rejected, (std::vector<unsigned long>{4, 5, 6, 7}));
     EXPECT_EQ(summary.lines, 7U);
     EXPECT_EQ(summary.records, 3U);

@@ -25,6 +25,7 @@ bool FileIoTurbo::openFile(BAS::String const& fileName, long mode) {
     closeFile();
     fileNameM = fileName;
     fileSizeM = 0;
+    lastLineCompleteM = true;
     if (mode != readModeCM || fileName.view().find('\0') != std::string_view::npos)
         return false;
     // O_NONBLOCK: opening a pipe or a device must not wait before it can be refused.
@@ -62,6 +63,7 @@ bool FileIoTurbo::readLine(std::string_view& line) {
         if (length != std::string_view::npos) {
             line = ahead.substr(0, length);
             beginM += length + 1;
+            lastLineCompleteM = true;
             return true;
         }
         searched = ahead.size();
@@ -75,7 +77,17 @@ bool FileIoTurbo::takeRest(std::string_view& line) {
         return false;
     line = {bytesM + beginM, endM - beginM};
     beginM = endM;
+    lastLineCompleteM = false;
     return true;
+}
+
+FileVersion FileIoTurbo::version() const {
+    struct stat status = {};
+    if (streamM == nullptr || fstat(fileno(streamM), &status) != 0)
+        return {};
+    auto const nanoseconds = [](timespec const& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; };
+    return {status.st_dev, status.st_ino, static_cast<std::uint64_t>(status.st_size), nanoseconds(status.st_mtim),
+            nanoseconds(status.st_ctim)};
 }
 
 // Reads what comes next behind what is there; false at the end of the file and on an error.

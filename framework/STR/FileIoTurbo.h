@@ -18,6 +18,7 @@
 #pragma once
 
 #include "framework/BAS/String.h"
+#include "framework/STR/FileVersion.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -46,6 +47,9 @@ class FileIoTurbo {
     BAS::String const& fileName() const { return fileNameM; } // as given to the last openFile
     std::FILE* stream() const { return streamM; }             // null when nothing is open; only to be asked, not read
     unsigned long fileSize() const { return fileSizeM; }      // bytes, when it was last opened
+    FileVersion version() const;                              // of the open file, at this moment
+    // Whether what was read last was a line with its newline, or nothing yet.
+    bool lastLineComplete() const { return lastLineCompleteM; }
 
   private:
     bool takeRest(std::string_view& line);
@@ -61,6 +65,7 @@ class FileIoTurbo {
     std::size_t capacityM = 0;
     std::size_t beginM = 0, endM = 0; // of what was read and not yet returned
     bool endReachedM = false;         // the latest read found nothing more
+    bool lastLineCompleteM = true;
 };
 
 } // namespace STR

@@ -1,0 +1,88 @@
+// nphost::LoadGuard: keeps a broken data file from going live.
+//
+// Purpose: before a load is commanded, check reads the file as 'nphost check' does and holds it against the configured
+// limits. What crosses one is refused, and the load must not be commanded. What passes is bound to the version of the
+// file that was read: until ended, the module loads that file only as this version, from its opening to its last line
+// (PlugIn::expectFile), so that a file cannot be exchanged between check and load. A forced load is not checked and not
+// bound.
+// Use: check; if it passed, command the load and wait for its end; then ended. One check or load at a time.
+// Ownership: borrows the plug-in and its log; both must outlive it.
+// Threads: check and ended by any, one at a time; standing and stop by any.
+// Errors: std::bad_alloc, from check as an outcome that has not passed.
+// Complexity: a check is linear in the file and holds one tree of its records. Without limits a check does nothing.
+#pragma once
+
+#include "framework/BAS/DateTime.h"
+#include "framework/BAS/Mutex.h"
+#include "host/GuardLimits.h"
+#include "host/LoadedModule.h"
+#include "host/Log.h"
+#include "host/ReportHub.h"
+
+#include <atomic>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace nphost {
+
+// What became of one check.
+struct LoadCheck {
+    LoadKind kind = LoadKind::RELOAD;
+    std::string file;
+    bool guarded = false;  // there are limits
+    bool forced = false;   // they were not asked
+    bool examined = false; // the file could be read
+    bool passed = false;
+    std::vector<std::string> reasons; // why it has not passed
+    double seconds = 0;
+    BAS::DateTime ended;
+    LoadFigures figures;
+    ReportCollector reports;
+};
+
+// The keys passed, forced, reasons, seconds, lines, records, rejectedLines and memoryMiB; null where nothing is guarded.
+nlohmann::json toJson(LoadCheck const& check);
+
+class LoadGuard {
+  public:
+    LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const& log);
+    LoadGuard(LoadGuard const&) = delete;
+    LoadGuard& operator=(LoadGuard const&) = delete;
+    ~LoadGuard() { ended(); }
+
+    bool isOn() const { return limitsM.any(); }
+    GuardLimits const& limits() const { return limitsM; }
+
+    // Reports what became of it, on the caller's thread.
+    LoadCheck check(LoadKind kind, std::string const& file, bool force);
+    // The load that a check let pass is over.
+    void ended();
+
+    // Ends a check that is under way, and those to come, without passing.
+    void stop() { stopM.store(true); }
+
+    struct Standing {
+        std::optional<std::string> checking;  // the file
+        std::optional<LoadCheck> lastRefusal; // without reports
+    };
+    Standing standing() const;
+
+  private:
+    void carryOut(LoadCheck& check);
+    DAT::NumberPortability::DataSummary examineFile(LoadCheck& check);
+    bool mayGoOn(LoadCheck const& check, std::uint64_t treeBytes) const;
+    std::vector<std::string> faults(LoadCheck const& check, bool changed) const;
+    static void report(LoadCheck const& check);
+
+    GuardLimits const limitsM;
+    LoadedPlugIn& plugInM;
+    Log const& logM;
+    std::atomic<bool> stopM{false};
+
+    mutable BAS::Mutex lockM;
+    Standing standingM NP_GUARDED_BY(lockM);
+};
+
+} // namespace nphost
