@@ -79,9 +79,18 @@ class Reader {
                 resultM.socket = path(key, node);
             else if (key.str() == "logFile")
                 resultM.logFile = path(key, node);
+            else if (key.str() == "clients")
+                readClients(key, node);
             else
                 throw unknownKey(key, hostTableCM);
         }
+    }
+
+    void readClients(toml::key const& key, toml::node const& node) {
+        if (!node.is_array())
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a list: [\"FILE\", ...]");
+        for (toml::node const& client : *node.as_array())
+            resultM.clients.push_back(modulePath(key, client));
     }
 
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {
@@ -90,14 +99,14 @@ class Reader {
 
     std::string string(toml::key const& key, toml::node const& node) const {
         if (!node.is_string())
-            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a text in quotation marks");
+            throw errorAt(fileM, node.source(), "'" + text(key) + "' must be a text in quotation marks");
         return node.as_string()->get();
     }
 
     std::string pathText(toml::key const& key, toml::node const& node) const {
         std::string value = string(key, node);
         if (value.empty() || value.find('\0') != std::string::npos)
-            throw errorAt(fileM, key.source(), "'" + text(key) + "' must name a file or folder");
+            throw errorAt(fileM, node.source(), "'" + text(key) + "' must name a file or folder");
         return value;
     }
 

@@ -17,6 +17,7 @@
 //     probeFolder = "lib"                       # where the probe definition file lies
 //     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
+//     clients = ["lib/rating.so"]               # the daemon's client modules; names without a slash as for the module
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
@@ -33,6 +34,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nphost {
 
@@ -52,6 +54,7 @@ struct Configuration {
     std::filesystem::path probeFolder;
     std::filesystem::path socket;
     std::filesystem::path logFile;
+    std::vector<std::filesystem::path> clients;
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;

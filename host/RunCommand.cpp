@@ -1,9 +1,12 @@
 #include "host/RunCommand.h"
 
+#include "host/ClientModules.h"
 #include "host/Daemon.h"
 #include "host/ExitStatus.h"
 
 #include <optional>
+#include <utility>
+#include <vector>
 
 namespace nphost {
 
@@ -18,9 +21,11 @@ int runDaemon(RunOptions const& options) {
         socket.emplace(configuration.socket);
     notifier.status("loading");
 
+    std::vector<std::filesystem::path> const clientFiles = std::move(configuration.clients);
     ReportHub hub;
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     host.start();
+    ClientModules const clients(clientFiles, host.plugIn());
     Daemon({host, hub, target, signals, notifier, socket ? &*socket : nullptr}).run();
     return FINE;
 }

@@ -33,3 +33,4 @@ build() {
     cmake --preset "$1" >/dev/null
     cmake --build --preset "$@"
 }
+package_packages=(dpkg-dev file lintian pkg-config scdoc)
