@@ -25,7 +25,7 @@ need() {
 }
 
 build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev)
-test_packages=(libgtest-dev binutils)
+test_packages=(libgtest-dev binutils pkg-config scdoc)
 
 # Configures and builds one preset.
 build() {
@@ -33,4 +33,4 @@ build() {
     cmake --preset "$1" >/dev/null
     cmake --build --preset "$@"
 }
-package_packages=(dpkg-dev file lintian pkg-config scdoc)
+package_packages=(dpkg-dev file git lintian scdoc)
