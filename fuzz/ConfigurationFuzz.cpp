@@ -10,6 +10,7 @@
 #include <array>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -49,6 +50,10 @@ std::string written(Configuration const& configuration) {
           std::pair("probeFolder", configuration.probeFolder)})
         if (!value.empty())
             text += std::string(key) + " = " + tomlText(value.native()) + '\n';
+    text += "clients = [";
+    for (std::filesystem::path const& client : configuration.clients)
+        text += tomlText(client.native()) + ", ";
+    text += "]\n";
     return text;
 }
 
@@ -73,8 +78,12 @@ std::optional<Configuration> parsed(std::string_view text) {
 void checkPaths(std::string_view text, Configuration const& configuration) {
     for (std::filesystem::path const& path : {configuration.messages, configuration.probeFolder})
         checkEqual("a path's being absolute", text, path.empty() || path.is_absolute(), true);
-    bool const isName = configuration.module.native().find('/') == std::string::npos;
-    checkEqual("the module's being a name or absolute", text, isName || configuration.module.is_absolute(), true);
+    std::vector<std::filesystem::path> modules = configuration.clients;
+    modules.push_back(configuration.module);
+    for (std::filesystem::path const& module : modules) {
+        bool const isName = module.native().find('/') == std::string::npos;
+        checkEqual("a module's being a name or absolute", text, isName || module.is_absolute(), true);
+    }
 }
 
 } // namespace

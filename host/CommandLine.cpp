@@ -161,7 +161,7 @@ Exit status:
 constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
 reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
-by 'nphost ctl'. Under systemd use Type=notify-reload.
+by 'nphost ctl'; the key 'clients' names modules that look numbers up within the daemon.
 
 With limits in [host.guard] the file is read before it is loaded, and refused if it
 crosses one; so is that of every reload and delta. --force lets the first load pass.
@@ -170,7 +170,7 @@ Exit status: 0 stopped by a signal; 2 it could not start, 3 the guard refuses th
 file; one line on standard error says why.
 
 Example:
-  nphost run --config /etc/nphost.toml
+  nphost run --config /etc/numberportability/nphost.toml
 
 )";
 
@@ -179,8 +179,8 @@ constexpr char const* ctlHelpCM =
 the key 'socket' that --config names.
 
 Examples:
-  nphost ctl --config /etc/nphost.toml status
-  nphost ctl --socket /run/nphost/nphost.socket reload --wait
+  nphost ctl --config /etc/numberportability/nphost.toml status
+  nphost ctl --socket /run/numberportability/nphost.socket reload --wait
 
 Exit status:
   0  fine: found, usable, carried out

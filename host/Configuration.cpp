@@ -85,6 +85,8 @@ class Reader {
                 resultM.announceChanges = boolean(key, node);
             else if (key.str() == "guard")
                 readGuard(table(key, node));
+            else if (key.str() == "clients")
+                readClients(key, node);
             else
                 throw unknownKey(key, hostTableCM);
         }
@@ -138,13 +140,20 @@ class Reader {
         return static_cast<std::uint32_t>(thousandths);
     }
 
+    void readClients(toml::key const& key, toml::node const& node) {
+        if (!node.is_array())
+            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a list: [\"FILE\", ...]");
+        for (toml::node const& client : *node.as_array())
+            resultM.clients.push_back(modulePath(key, client));
+    }
+
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {
         return errorAt(fileM, key.source(), "unknown key '" + text(key) + "' in [" + std::string(tableName) + "]");
     }
 
     std::string string(toml::key const& key, toml::node const& node) const {
         if (!node.is_string())
-            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a text in quotation marks");
+            throw errorAt(fileM, node.source(), "'" + text(key) + "' must be a text in quotation marks");
         return node.as_string()->get();
     }
 
@@ -157,7 +166,7 @@ class Reader {
     std::string pathText(toml::key const& key, toml::node const& node) const {
         std::string value = string(key, node);
         if (value.empty() || value.find('\0') != std::string::npos)
-            throw errorAt(fileM, key.source(), "'" + text(key) + "' must name a file or folder");
+            throw errorAt(fileM, node.source(), "'" + text(key) + "' must name a file or folder");
         return value;
     }
 

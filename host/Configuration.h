@@ -18,6 +18,7 @@
 //     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
 //     announceChanges = true                    # the daemon tells when assignments take effect; false without it
+//     clients = ["lib/rating.so"]               # the daemon's client modules; names without a slash as for the module
 //
 //     [host.guard]                     # what a data file must be like to be loaded by the daemon; GuardLimits.h
 //     maxLossPercent = 5               # percentages have at most three decimals
@@ -42,6 +43,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nphost {
 
@@ -63,6 +65,7 @@ struct Configuration {
     std::filesystem::path logFile;
     bool announceChanges = false;
     GuardLimits guard;
+    std::vector<std::filesystem::path> clients;
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;

@@ -19,8 +19,14 @@ std::filesystem::path programFolder() {
     return program.parent_path();
 }
 
-std::filesystem::path orDefault(std::filesystem::path const& configured, char const* besideProgram) {
-    return configured.empty() ? (programFolder() / besideProgram).lexically_normal() : configured;
+// Both places are seen from the program's folder: the one when it is installed, the other in a build tree.
+std::filesystem::path orDefault(std::filesystem::path const& configured, char const* installed, char const* built) {
+    if (!configured.empty())
+        return configured;
+    std::filesystem::path const folder = programFolder();
+    std::error_code ignored;
+    bool const isBuildTree = std::filesystem::exists(folder / built, ignored);
+    return (folder / (isBuildTree ? built : installed)).lexically_normal();
 }
 
 } // namespace
@@ -30,9 +36,9 @@ Host::Host(Configuration configuration, CommonOptions const& options)
 
 Host::Host(Configuration configuration, CommonOptions const& options, LogSettings const& log)
     : configurationM(std::move(configuration)), configurationFileM(options.configuration),
-      catalogueM(orDefault(configurationM.messages, "../share/numberportability/messages.toml")), logM(catalogueM, log),
-      rootM(eventHandlerM), registryM(configurationM.registry),
-      moduleM(orDefault(configurationM.module, "../lib/DAT_NumberPortability.so")),
+      catalogueM(orDefault(configurationM.messages, NP_INSTALLED_MESSAGES, "../share/numberportability/messages.toml")),
+      logM(catalogueM, log), rootM(eventHandlerM), registryM(configurationM.registry),
+      moduleM(orDefault(configurationM.module, NP_INSTALLED_MODULE, "../lib/DAT_NumberPortability.so")),
       plugInM(withProbes(moduleM), plugInNameCM) {
     if (!plugInM.isValid())
         fail("the plug-in refuses to start");

@@ -2,8 +2,6 @@
 
 #include "host/HostError.h"
 
-#include <dlfcn.h>
-#include <link.h>
 #include <string>
 
 // The members are called through plain function pointers, as the header explains; clang's check that a
@@ -18,22 +16,17 @@ namespace nphost {
 
 namespace {
 
-// dlerror keeps its text for each thread of its own on this platform.
-std::string loaderError() {
-    char const* const text = dlerror(); // NOLINT(concurrency-mt-unsafe)
-    return text == nullptr ? "unknown reason" : text;
+SharedObject loaded(std::filesystem::path const& file) {
+    try {
+        return SharedObject(file);
+    } catch (HostError const& error) {
+        throw HostError(std::string("the module cannot be loaded: ") + error.what());
+    }
 }
 
 } // namespace
 
-void LoadedModule::Close::operator()(void* handle) const {
-    dlclose(handle);
-}
-
-LoadedModule::LoadedModule(std::filesystem::path const& file)
-    : fileM(file), handleM(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-    if (handleM == nullptr)
-        throw HostError("the module cannot be loaded: " + loaderError());
+LoadedModule::LoadedModule(std::filesystem::path const& file) : fileM(file), objectM(loaded(file)) {
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
     // DAT::NumberPortability::PlugIn::search of one and of many, each without and with a method, normalize, print,
     // examine, expectFile, expectAnyFile, visitFile, visitUpcoming, progress, explain, serviceStatus
@@ -67,16 +60,13 @@ LoadedModule::LoadedModule(std::filesystem::path const& file)
 
 template <class Function>
 void LoadedModule::find(Function*& function, char const* symbol) const {
-    function = reinterpret_cast<Function*>(dlsym(handleM.get(), symbol));
+    function = objectM.find<Function>(symbol);
     if (function == nullptr)
         throw HostError("the module " + fileM.string() + " does not fit this host: it has no " + symbol);
 }
 
 std::filesystem::path LoadedModule::folder() const {
-    link_map* map = nullptr;
-    if (dlinfo(handleM.get(), RTLD_DI_LINKMAP, static_cast<void*>(&map)) != 0)
-        return fileM.parent_path();
-    return std::filesystem::path(map->l_name).parent_path();
+    return objectM.place().parent_path();
 }
 
 LoadedPlugIn::LoadedPlugIn(LoadedModule const& module, BAS::String const& name)

@@ -20,6 +20,7 @@
 #include "cache/ServiceStatus.h"
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/PLG/DataPlugIn.h"
+#include "host/SharedObject.h"
 #include "store/NumberPortabilityData.h"
 
 #include <filesystem>
@@ -27,6 +28,10 @@
 #include <memory>
 #include <span>
 #include <vector>
+
+namespace DAT::NumberPortability {
+class PlugIn;
+}
 
 namespace nphost {
 
@@ -74,15 +79,12 @@ class LoadedModule {
         Prefixes (*explain)(void*, BAS::String const&);
         ServiceStatus (*serviceStatus)(void*);
     };
-    struct Close {
-        void operator()(void* handle) const;
-    };
 
     template <class Function>
     void find(Function*& function, char const* symbol) const;
 
     std::filesystem::path fileM;
-    std::unique_ptr<void, Close> handleM;
+    SharedObject objectM;
     Operations operationsM{};
 };
 
@@ -120,6 +122,9 @@ class LoadedPlugIn {
     bool update(BAS::RegistryEntry const& keys, BAS::ProtectedBool& handled) {
         return plugInM->registryUpdate(&keys, handled);
     }
+    // The plug-in as client modules call it: their members come from the module, the host has none of them.
+    DAT::NumberPortability::PlugIn& object() { return *static_cast<DAT::NumberPortability::PlugIn*>(objectM); }
+
     // The plug-in's probes in their order: reload, delta load, print. They live as long as the plug-in.
     std::vector<BAS::InstrumentationProbeAttribute*> probes() const;
 

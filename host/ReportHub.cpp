@@ -1,5 +1,7 @@
 #include "host/ReportHub.h"
 
+#include "host/Configuration.h"
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -25,6 +27,11 @@ constexpr std::array<Ending, 6> endingsCM = {{
     {ProbeKind::PRINT, "INF_NUM_PORT_PRINT_DATA", true},
     {ProbeKind::PRINT, "ERR_NUM_PORT_PRINT_DATA", false},
 }};
+
+// A client module may report on threads of its own, and by its own name.
+bool isWorkers(BAS::Status const& status) {
+    return status.name().view() == plugInNameCM || status.name().view() == "STR::FileIo";
+}
 
 bool isTrouble(std::string_view identifier) {
     return identifier == "ERR_OUT_OF_MEMORY" || identifier == "ERR_UNEXPECTED";
@@ -90,7 +97,7 @@ void ReportHub::keep(LogReport const& report) noexcept {
 }
 
 void ReportHub::noticeWorker(BAS::Status const& status, LogReport const* shown) {
-    if (!expectedM || endedM)
+    if (!expectedM || endedM || !isWorkers(status))
         return;
     workerM.add(status, shown);
     std::string_view const identifier = status.identifier().view();

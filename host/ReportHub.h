@@ -6,7 +6,8 @@
 // - What did this work report? While a CollectingScope lives on a thread, that thread's reports also go to its
 //   collector. The daemon's own threads all have one.
 // - How did the request end that was written to a probe? Whatever is reported on a thread without a collector was
-//   reported by the plug-in's worker, for the plug-in has no other thread. One request is under way at a time: expect()
+//   reported by the plug-in's worker, for the plug-in has no other thread, if it bears the plug-in's name or the file
+//   writer's: threads of client modules report by names of their own. One request is under way at a time: expect()
 //   names it before the probe is written, and its outcome is the report or event by which the worker ends such a
 //   request. A failed writing of a file before it makes the outcome a failure, whatever the worker says.
 // Should the worker run out of memory for the very report that ends a request, none comes; troubleTime() says since

@@ -1,5 +1,6 @@
 #include "host/RunCommand.h"
 
+#include "host/ClientModules.h"
 #include "host/Daemon.h"
 #include "host/ExitStatus.h"
 
@@ -7,6 +8,7 @@
 
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace nphost {
 
@@ -45,12 +47,14 @@ int runDaemon(RunOptions const& options) {
     bool const announceChanges = configuration.announceChanges;
     notifier.status("loading");
 
+    std::vector<std::filesystem::path> const clientFiles = std::move(configuration.clients);
     ReportHub hub;
     GuardLimits const limits = configuration.guard;
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     LoadGuard guard(limits, host.plugIn(), host.log());
     if (!load(host, guard, options.force))
         return REFUSED;
+    ClientModules const clients(clientFiles, host.plugIn());
     Daemon({host, hub, target, signals, notifier, guard, socket ? &*socket : nullptr, announceChanges}).run();
     return FINE;
 }

@@ -1,7 +1,8 @@
 // nphost run: loads the plug-in and serves until it is told to stop.
 //
-// Purpose: brings up signals, log, control socket, framework, module and data in this order, runs the daemon, and takes
-// all of it down in the reverse order. Where the guard refuses the first load, nothing is loaded or served.
+// Purpose: brings up signals, log, control socket, framework, module, data and client modules in this order, runs the
+// daemon, and takes all of it down in the reverse order. Where the guard refuses the first load, nothing is loaded or
+// served.
 // Threads: the main thread runs the event loop.
 // Errors: HostError, ConfigurationError, std::bad_alloc when it cannot start.
 // Complexity: a load, then what it is asked for.

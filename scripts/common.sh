@@ -26,7 +26,7 @@ need() {
 
 build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
     libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev)
-test_packages=(libgtest-dev binutils)
+test_packages=(libgtest-dev binutils pkg-config scdoc)
 
 # Configures and builds one preset.
 build() {
@@ -34,3 +34,4 @@ build() {
     cmake --preset "$1" >/dev/null
     cmake --build --preset "$@"
 }
+package_packages=(dpkg-dev file git lintian scdoc)

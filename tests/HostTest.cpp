@@ -514,6 +514,9 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
          "bad.toml:5: 'InternationalAccessCode' must be quoted"},
         {"wrong type", good + "SearchMethod = [0]\n", "bad.toml:5: 'SearchMethod' must be a text"},
         {"a number for a path", good + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
+        {"clients that are no list", good + "[host]\nclients = \"c.so\"\n", "bad.toml:6: 'clients' must be a list"},
+        {"a client that is no text", good + "[host]\nclients = [\"c.so\",\n1]\n",
+         "bad.toml:7: 'clients' must be a text"},
         {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n", "bad.toml:2: 'FileName' must name a file"},
         {"no TOML", good + "what is this\n", "bad.toml:5: "},
         {"no UTF-8", good + "# \xff\n", "bad.toml:5: "},
@@ -550,7 +553,8 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
 TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
     nphost::Configuration const read =
         nphost::parseConfiguration("[DAT_NumberPortability]\nFileName = 'data/x.dat'\nSearchMethod = 2\n"
-                                   "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n",
+                                   "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n"
+                                   "clients = ['c.so', 'd/e.so']\n",
                                    "conf/nphost.toml");
     BAS::RegistryEntry const* const subtree = read.registry.find("DAT_NumberPortability");
     ASSERT_NE(subtree, nullptr);
@@ -558,6 +562,7 @@ TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
     EXPECT_EQ(subtree->find("SearchMethod")->value(), "2");
     EXPECT_EQ(read.module, "conf/./m.so");
     EXPECT_EQ(read.messages, "/abs/m.toml");
+    EXPECT_EQ(read.clients, (std::vector<std::filesystem::path>{"c.so", "conf/d/e.so"}));
     EXPECT_EQ(read.probeFolder, "conf/..");
     // A bare name is for the system's search; with a slash it stays a path even where the file's folder is
     // "".

@@ -1,0 +1,64 @@
+# The Debian packages: numberportability from the component runtime, numberportability-dev from dev.
+# `scripts/build-packages` makes and checks them.
+set(NP_MAINTAINER "NumberPortability maintainers <maintainers@numberportability.example.org>" CACHE STRING
+    "Maintainer of the packages: whoever builds and hands them out")
+set(release 1)
+
+# zipped(SOURCE NAME): SOURCE, compressed as Debian wants it, in the document folders of both packages.
+function(zipped source name)
+  execute_process(COMMAND ${NP_GZIP} -9nc ${source} OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/${name}
+                  COMMAND_ERROR_IS_FATAL ANY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name} DESTINATION ${NP_INSTALL_DOCDIR} COMPONENT runtime)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name} DESTINATION ${NP_INSTALL_DEVDOCDIR} COMPONENT dev)
+endfunction()
+
+configure_file(debian/changelog.in debian/changelog @ONLY)
+configure_file(debian/copyright.in debian/copyright @ONLY)
+if(NP_GZIP)
+  zipped(${CMAKE_CURRENT_BINARY_DIR}/debian/changelog changelog.Debian.gz)
+  zipped(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog.gz)
+endif()
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian/copyright DESTINATION ${NP_INSTALL_DOCDIR} COMPONENT runtime)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian/copyright DESTINATION ${NP_INSTALL_DEVDOCDIR} COMPONENT dev)
+install(FILES debian/numberportability.lintian-overrides COMPONENT runtime
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME numberportability)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME numberportability)
+set(CPACK_PACKAGE_CONTACT ${NP_MAINTAINER})
+set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${release})
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME numberportability)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION comm)
+# systemd-sysusers makes the account; any package that has it will do.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "network operator of a telephone number at an instant
+ nphost says to which network operator a telephone number belonged at an
+ instant, from a text file of portings and number blocks, as rating, routing
+ and settlement ask it for every call record. It looks numbers up on the
+ command line, checks and prints data files, or serves as a daemon that is
+ reloaded while it answers.
+ .
+ The package also has the module for programs that ask from within their own
+ process; numberportability-dev has what they are built with.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles;${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst;${CMAKE_CURRENT_SOURCE_DIR}/debian/prerm;${CMAKE_CURRENT_SOURCE_DIR}/debian/postrm;${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME numberportability-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "numberportability (= ${PROJECT_VERSION}-${release})")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "network operator of a telephone number - client modules
+ Headers, CMake package, pkg-config file and an example for client modules of
+ numberportability: shared objects in C++20 that look numbers up within the
+ process of the daemon, without its socket.")
+include(CPack)

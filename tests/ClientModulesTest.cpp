@@ -1,0 +1,108 @@
+// Client modules of the daemon, in the framework that it builds around the real module.
+#include "host/ClientModules.h"
+#include "host/Host.h"
+#include "host/ReportHub.h"
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+#include <vector>
+
+namespace {
+
+std::string const workingCM = NP_CLIENT_FOLDER "WORKS.so";
+
+class ClientModulesTest : public testing::Test {
+  protected:
+    ClientModulesTest() {
+        folder.write("data.dat", "00447700900123 20210301020000 BRAVO\n");
+        std::string const file =
+            folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
+                                        "NationalAccessCode = \"0\"\n");
+        nphost::Configuration configuration = nphost::readConfiguration(file);
+        host = std::make_unique<nphost::Host>(std::move(configuration), nphost::CommonOptions{file},
+                                              nphost::LogSettings{true, false, &target, &hub});
+        host->start();
+        read = hub.last(0);
+    }
+
+    // The reports since the last call: "identifier: argument, argument".
+    std::vector<std::string> reports() {
+        std::vector<std::string> texts;
+        nphost::ReportHub::Recent const recent = hub.since(std::exchange(read, hub.last(0)));
+        for (nphost::LogReport const& report : recent.reports) {
+            texts.push_back(report.identifier + ":");
+            for (std::string const& argument : report.arguments)
+                texts.back() += " " + argument;
+        }
+        return texts;
+    }
+
+    TemporaryFolder folder;
+    nphost::LogTarget target{folder.file("log")};
+    nphost::ReportHub hub;
+    std::unique_ptr<nphost::Host> host;
+    std::uint64_t read = 0;
+};
+
+TEST_F(ClientModulesTest, WhatIsWrongWithOneIsReportedAndTheOthersGoOn) {
+    struct Case {
+        std::string file;
+        char const* report; // its beginning, and
+        char const* reason; // its end
+    };
+    std::vector<Case> const cases = {
+        {folder.file("none.so"), "ERR_HOST_CLIENT", "cannot open shared object file: No such file or directory"},
+        {folder.file("data.dat"), "ERR_HOST_CLIENT", "file too short"},
+        {NP_LIBRARY_FOLDER "/libnpframework.so", "ERR_HOST_CLIENT", "it has no NumberPortabilityClientStart"},
+        {NP_CLIENT_FOLDER "REFUSES.so", "ERR_HOST_CLIENT", "it refuses to start"},
+        {NP_CLIENT_FOLDER "THROWS.so", "ERR_HOST_CLIENT", "no licence"},
+        {NP_CLIENT_FOLDER "THROWS_FOREIGN.so", "ERR_HOST_CLIENT", "no exception of the standard library's"},
+        {workingCM, "INF_HOST_CLIENT", "WORKS.so"},
+    };
+    std::vector<std::filesystem::path> files;
+    for (Case const& test : cases)
+        files.emplace_back(test.file);
+    nphost::ClientModules const clients(files, host->plugIn());
+    std::vector<std::string> const said = reports();
+    ASSERT_EQ(said.size(), cases.size());
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_TRUE(said[i].starts_with(cases[i].report + (": " + cases[i].file))) << said[i];
+        EXPECT_TRUE(said[i].ends_with(cases[i].reason)) << said[i];
+    }
+}
+
+TEST_F(ClientModulesTest, WorkBesideReloadsAndAreStoppedInTheReverseOrder) {
+    std::string const second = folder.file("second.so");
+    std::filesystem::copy_file(workingCM, second);
+    {
+        nphost::ClientModules const clients({workingCM, second}, host->plugIn());
+        BAS::RegistryEntry reload{BAS::String(nphost::plugInNameCM)};
+        reload.append(BAS::RegistryEntry("Reload", "TRUE"));
+        BAS::ProtectedBool handled;
+        for (int i = 0; i < 20; ++i)
+            EXPECT_TRUE(host->plugIn().update(reload, handled));
+        for (std::string const& report : reports())
+            EXPECT_FALSE(report.starts_with("ERR_")) << report;
+    }
+    EXPECT_EQ(reports(), (std::vector<std::string>{"ERR_HOST_CLIENT: " + second + " stopping hurts",
+                                                   "ERR_HOST_CLIENT: " + workingCM + " stopping hurts"}));
+}
+
+// Their threads have no collector, as the plug-in's worker has none.
+TEST(ReportHubTest, OnlyTheWorkerEndsARequest) {
+    nphost::ReportHub hub;
+    hub.expect(nphost::ProbeKind::RELOAD);
+    BAS::Status status;
+    for (char const* const identifier : {"EVT::RELOAD_FAILED", "ERR_WRITE_FILE", "EVT::RELOAD_SUCCESSFUL"}) {
+        status.set("TestClient", identifier, BAS::Status::CRITICAL, "-");
+        hub.noticed(status, nullptr);
+    }
+    EXPECT_FALSE(hub.takeOutcome());
+    status.set(nphost::plugInNameCM, "EVT::RELOAD_SUCCESSFUL", BAS::Status::NORMAL, "-");
+    hub.noticed(status, nullptr);
+    EXPECT_TRUE(hub.takeOutcome().value().succeeded);
+}
+
+} // namespace
