@@ -12,13 +12,11 @@
 // Complexity: a look-up a question; nothing is allocated for one but what longer numbers and networks than before need.
 #pragma once
 
-#include "host/LoadedModule.h"
+#include "host/LookUpBatch.h"
 #include "host/Output.h"
 
-#include <array>
 #include <optional>
 #include <string_view>
-#include <vector>
 
 namespace nphost {
 
@@ -46,10 +44,6 @@ class QuestionBatch {
   private:
     static constexpr std::size_t longNumberCM = 1024;
 
-    void keep(std::string_view number, BAS::DateTime at);
-    void search();
-    bool searchTogether();
-    bool searchOne(std::size_t i);
     void write(std::size_t i);
     void writeInstant(BAS::DateTime at);
 
@@ -57,11 +51,7 @@ class QuestionBatch {
     Output& outM;
     bool normaliseM;
     std::optional<unsigned int> methodM; // of all questions of the batch
-    std::size_t countM = 0;
-    std::vector<BAS::String> numbersM; // these three of length sizeCM: their storage is used again
-    std::vector<BAS::DateTime> instantsM;
-    std::vector<DAT::NumberPortability::NumberPortabilityData> recordsM;
-    std::array<bool, sizeCM> foundM{};
+    LookUpBatch batchM;
     bool allFoundM = true;
 };
 

@@ -24,7 +24,8 @@ need() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}"
 }
 
-build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata)
+build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
+    libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev)
 test_packages=(libgtest-dev binutils)
 
 # Configures and builds one preset.

@@ -1,0 +1,40 @@
+#include "host/LookUpBatch.h"
+
+#include <span>
+
+namespace nphost {
+
+LookUpBatch::LookUpBatch(LoadedPlugIn& plugIn, std::size_t capacity)
+    : plugInM(plugIn), numbersM(capacity), instantsM(capacity), recordsM(capacity),
+      foundM(std::make_unique<bool[]>(capacity)) {}
+
+// Where memory does not suffice for all, it may for each: only what really failed is then not found.
+void LookUpBatch::search(std::optional<unsigned int> method) {
+    if (countM == 0 || searchTogether(method))
+        return;
+    for (std::size_t i = 0; i < countM; ++i)
+        foundM[i] = searchOne(i, method);
+}
+
+void LookUpBatch::clear() {
+    for (std::size_t i = 0; holdsLongM && i < countM; ++i)
+        numbersM[i] = BAS::String();
+    holdsLongM = false;
+    countM = 0;
+}
+
+bool LookUpBatch::searchTogether(std::optional<unsigned int> method) {
+    std::span const numbers(numbersM.cbegin(), countM);
+    std::span const instants(instantsM.cbegin(), countM);
+    std::span const records(recordsM.begin(), countM);
+    std::span const found(foundM.get(), countM);
+    return method ? plugInM.search(numbers, instants, records, found, *method)
+                  : plugInM.search(numbers, instants, records, found);
+}
+
+bool LookUpBatch::searchOne(std::size_t i, std::optional<unsigned int> method) {
+    return method ? plugInM.search(numbersM[i], instantsM[i], recordsM[i], *method)
+                  : plugInM.search(numbersM[i], instantsM[i], recordsM[i]);
+}
+
+} // namespace nphost

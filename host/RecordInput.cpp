@@ -1,0 +1,138 @@
+#include "host/RecordInput.h"
+
+#include "host/HostError.h"
+#include "host/JsonReader.h"
+#include "host/Text.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+namespace nphost {
+
+namespace {
+
+constexpr std::string_view byteOrderMarkCM = "\xef\xbb\xbf";
+
+std::unique_ptr<RecordReader> readerOf(RecordFormat const& format) {
+    if (format.kind == RecordFormat::Kind::JSON)
+        return std::make_unique<JsonReader>(std::vector<std::string>(), std::vector<std::string>());
+    return std::make_unique<CsvReader>(format.csv);
+}
+
+// 0 as soon as one is unknown.
+std::uint64_t sizeOf(std::vector<std::string> const& files) {
+    std::uint64_t total = 0;
+    for (std::string const& file : files) {
+        std::error_code error;
+        std::filesystem::path const path = file == "-" ? "/dev/stdin" : file;
+        std::uintmax_t const size = std::filesystem::file_size(path, error);
+        if (error)
+            return 0;
+        total += size;
+    }
+    return total;
+}
+
+} // namespace
+
+RecordInput::RecordInput(std::vector<std::string> files, RecordFormat const& format)
+    : filesM(std::move(files)), formatM(format), recordsM(readerOf(format)), totalM(sizeOf(filesM)) {
+    for (std::string const& file : filesM)
+        namesM.push_back(file == "-" ? "standard input" : visible(file));
+}
+
+void RecordInput::start() {
+    holdsFirstM = readBlock(firstM, nullptr);
+}
+
+bool RecordInput::next(InputBlock& block, std::atomic<bool> const& stop) {
+    if (!holdsFirstM)
+        return readBlock(block, &stop);
+    holdsFirstM = false;
+    std::swap(block, firstM);
+    return true;
+}
+
+bool RecordInput::openNext() {
+    if (sourceM != nullptr)
+        doneBeforeM += sourceM->done();
+    if (openedM == filesM.size())
+        return false;
+    blocksM.reset();
+    sourceM = std::make_unique<ByteSource>(filesM[openedM++]);
+    blocksM = std::make_unique<BlockReader>(*sourceM, *recordsM);
+    atFileStartM = true;
+    return true;
+}
+
+bool RecordInput::readBlock(InputBlock& block, std::atomic<bool> const* stop) {
+    for (;;) {
+        if (blocksM == nullptr && !openNext())
+            return false;
+        sourceM->stopWhen(stop);
+        bool const more = blocksM->next(block.block);
+        doneM.store(doneBeforeM + sourceM->done(), std::memory_order_relaxed);
+        if (more)
+            break;
+        blocksM.reset();
+    }
+    block.file = openedM - 1;
+    block.lacksNewline =
+        !block.block.text().ends_with('\n') && openedM < filesM.size() &&
+        (block.block.piece() == RecordBlock::Piece::NONE || block.block.piece() == RecordBlock::Piece::LAST);
+    if (std::exchange(atFileStartM, false))
+        takeFirst(block);
+    return true;
+}
+
+Record RecordInput::firstRecord(InputBlock const& block) {
+    Record record;
+    recordsM->begin(block.block.text(), block.block.firstLine());
+    recordsM->next(record);
+    return record;
+}
+
+// Looks at the beginning of a file, and takes the header from it.
+void RecordInput::takeFirst(InputBlock& block) {
+    bool const isFirst = !std::exchange(seenRecordM, true);
+    if (isFirst && blocksM->hadByteOrderMark())
+        headerM = byteOrderMarkCM;
+    if (isFirst)
+        firstFileM = block.file;
+    if (formatM.kind == RecordFormat::Kind::JSON)
+        return;
+    Record const record = firstRecord(block);
+    if (isFirst)
+        fieldCountM = record.text.empty() ? 1 : record.values.size();
+    if (!formatM.header)
+        return;
+    bool const broken = record.problem != Problem::NONE || block.block.piece() != RecordBlock::Piece::NONE;
+    if (broken)
+        throw HostError(nameOf(block.file) +
+                        ":1: the header cannot be read: its quotation marks do not match, or it is "
+                        "longer than a megabyte");
+    if (isFirst)
+        keepHeader(record);
+    else
+        checkHeader(record, block.file);
+    std::string_view const text = record.text;
+    auto const lines = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+    block.block.dropFront(text.size() + record.lineEnd.size(), lines);
+    block.lacksNewline = block.lacksNewline && !block.block.text().empty();
+}
+
+void RecordInput::keepHeader(Record const& record) {
+    headerTextM = record.text;
+    headerM += record.text;
+    headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
+    for (std::string_view const column : record.values)
+        columnsM.emplace_back(column);
+}
+
+void RecordInput::checkHeader(Record const& record, std::size_t file) const {
+    if (record.text != headerTextM)
+        throw HostError(nameOf(file) + ":1: the header is not the same as that of " + firstFile());
+}
+
+} // namespace nphost

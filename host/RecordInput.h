@@ -1,0 +1,96 @@
+// nphost::RecordInput: the records of several files of one format, one file after the other.
+//
+// Purpose: opens the files in turn, finds the header and the number of fields, and hands out blocks of whole records.
+// All files must have the same header, which is handed out once and is in no block. A byte order mark at the beginning
+// of the first file belongs to the header; those of further files are dropped.
+// Units: line numbers are those of the file.
+// Ownership: owns the open file.
+// Threads: one thread at a time; done and total are safe from any.
+// Errors: what ByteSource throws; HostError in one line that names the file: a header that differs or is broken.
+// Complexity: linear in the bytes.
+#pragma once
+
+#include "host/BlockReader.h"
+#include "host/CsvReader.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace nphost {
+
+struct RecordFormat {
+    enum class Kind { CSV, JSON };
+
+    Kind kind = Kind::CSV;
+    CsvDialect csv;
+    bool header = true; // the first record of a CSV file names the columns
+};
+
+// Blocks, and where they come from.
+struct InputBlock {
+    RecordBlock block{BlockReader::blockSizeCM};
+    std::size_t file = 0;      // which one of the files
+    bool lacksNewline = false; // its last record ends without one, and more files follow
+};
+
+class RecordInput {
+  public:
+    // "-" is standard input. Reading looks at `stop` where it waits.
+    RecordInput(std::vector<std::string> files, RecordFormat const& format);
+    RecordInput(RecordInput const&) = delete;
+    RecordInput& operator=(RecordInput const&) = delete;
+
+    // Reads as far as the first record, which says what is below. Before next.
+    void start();
+    std::vector<std::string> const& columns() const { return columnsM; } // of the header; empty without one
+    std::size_t fieldCount() const { return fieldCountM; }               // 0 when there is no record
+    std::string const& header() const { return headerM; } // with its byte order mark, without its line end
+    std::string const& headerEnd() const { return headerEndM; }
+    std::string const& firstFile() const { return nameOf(firstFileM); } // whose header it is
+
+    // The next block; false at the end of the last file. `block` may be swapped for another one.
+    bool next(InputBlock& block, std::atomic<bool> const& stop);
+
+    // As messages call the file.
+    std::string const& nameOf(std::size_t file) const { return namesM[file]; }
+
+    // Bytes of the files so far, and of all; 0 where it is unknown.
+    std::uint64_t done() const { return doneM.load(std::memory_order_relaxed); }
+    std::uint64_t total() const { return totalM; }
+
+  private:
+    bool readBlock(InputBlock& block, std::atomic<bool> const* stop);
+    bool openNext();
+    void takeFirst(InputBlock& block);
+    Record firstRecord(InputBlock const& block);
+    void checkHeader(Record const& record, std::size_t file) const;
+    void keepHeader(Record const& record);
+
+    std::vector<std::string> filesM;
+    std::vector<std::string> namesM;
+    RecordFormat formatM;
+    std::unique_ptr<RecordReader> recordsM; // finds where records end
+    std::size_t openedM = 0;                // files so far
+    std::unique_ptr<ByteSource> sourceM;
+    std::unique_ptr<BlockReader> blocksM;
+    bool atFileStartM = false;
+
+    InputBlock firstM; // read by start
+    bool holdsFirstM = false;
+    bool seenRecordM = false;
+    std::size_t firstFileM = 0;
+    std::vector<std::string> columnsM;
+    std::size_t fieldCountM = 0;
+    std::string headerM;
+    std::string headerTextM; // without its byte order mark
+    std::string headerEndM;
+
+    std::uint64_t totalM = 0;
+    std::uint64_t doneBeforeM = 0; // of files that are over
+    std::atomic<std::uint64_t> doneM{0};
+};
+
+} // namespace nphost
