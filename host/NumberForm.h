@@ -43,6 +43,10 @@ struct DiallingCodes {
 // As the module takes them: those that are not configured have its defaults.
 DiallingCodes diallingCodesOf(Configuration const& configuration);
 
+// A number whose form is to stay: its visual separators go, and digits that may follow a plus must be left. False, and
+// `out` means nothing, for any other text.
+bool readPlainNumber(std::string_view text, BAS::String& out);
+
 class NumberForm {
   public:
     // What the module does with numbers by the same codes: LoadedPlugIn::normalize.
