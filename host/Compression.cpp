@@ -70,14 +70,16 @@ class Compressor::Gzip : public Method {
     std::size_t compress(std::string_view text, std::string& out) override {
         if (out.size() > std::numeric_limits<uInt>::max())
             throw HostError("a block is too large for gzip");
-        deflateReset(&streamM);
         streamM.next_in = reinterpret_cast<Bytef const*>(text.data());
         streamM.avail_in = static_cast<uInt>(text.size());
         streamM.next_out = reinterpret_cast<Bytef*>(out.data());
         streamM.avail_out = static_cast<uInt>(out.size());
-        if (deflate(&streamM, Z_FINISH) != Z_STREAM_END)
+        bool const whole = deflate(&streamM, Z_FINISH) == Z_STREAM_END;
+        std::size_t const written = out.size() - streamM.avail_out;
+        deflateReset(&streamM); // now: until then the bound would lack the wrapper
+        if (!whole)
             throw HostError("gzip cannot compress a block");
-        return out.size() - streamM.avail_out;
+        return written;
     }
 
   private:

@@ -236,7 +236,7 @@ class EnrichRun {
     }
 
     void finishSummary(std::optional<std::string> const& rejects) {
-        summaryM.networks = pipelineM.networks();
+        pipelineM.addNetworks(summaryM.networks);
         summaryM.kept = optionsM.keep;
         if (optionsM.json)
             return StandardError::write(summaryM.json());

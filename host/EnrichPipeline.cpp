@@ -76,9 +76,9 @@ void EnrichPipeline::work() noexcept {
     }
 }
 
-NetworkCounts EnrichPipeline::networks() {
+void EnrichPipeline::addNetworks(NetworkCounts& to) {
     BAS::MutexGuard const guard(lockM);
-    return networksM;
+    to.add(networksM);
 }
 
 } // namespace nphost

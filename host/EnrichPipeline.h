@@ -28,8 +28,8 @@ class EnrichPipeline {
 
     void run(std::function<void(EnrichJob const&)> const& take);
 
-    // After run.
-    NetworkCounts networks();
+    // After run: adds to those.
+    void addNetworks(NetworkCounts& to);
 
   private:
     class Threads;

@@ -2,8 +2,8 @@
 //
 // Purpose: counts, added up over blocks and threads, and told at the end as text or as one JSON object.
 // Units: found, notFound and withoutNumber count numbers, of which a record may have several; the others records.
-// Ownership: a value. Threads: none inside. Errors: std::bad_alloc.
-// Complexity: a hash and a comparison a network that is counted.
+// Ownership: values. Threads: none inside. Errors: std::bad_alloc.
+// Complexity: a comparison a network that is counted, and a hash where several share a place.
 #pragma once
 
 #include "host/Record.h"
@@ -32,6 +32,10 @@ struct EnrichCounts {
 // How many numbers belong to each network.
 class NetworkCounts {
   public:
+    NetworkCounts() = default;
+    NetworkCounts(NetworkCounts const&) = delete;
+    NetworkCounts& operator=(NetworkCounts const&) = delete;
+
     void count(std::string_view network);
     void add(NetworkCounts const& other);
 
@@ -44,7 +48,11 @@ class NetworkCounts {
         std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
     };
 
-    std::unordered_map<std::string, std::uint64_t, Hash, std::equal_to<>> countsM;
+    using Counts = std::unordered_map<std::string, std::uint64_t, Hash, std::equal_to<>>;
+
+    Counts countsM;
+    // Networks are few and records many: where the one of the same beginning, end and length was found last.
+    std::array<Counts::value_type*, 256> recentM{};
 };
 
 struct EnrichSummary {

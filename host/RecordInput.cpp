@@ -102,11 +102,25 @@ void RecordInput::takeFirst(InputBlock& block) {
         firstFileM = block.file;
     if (formatM.kind == RecordFormat::Kind::JSON)
         return;
+    if (formatM.header)
+        takeHeader(block, isFirst);
+    else if (isFirst)
+        countFields(block);
+}
+
+// Of the first record that is one; those before it will be rejected.
+void RecordInput::countFields(InputBlock const& block) {
+    bool broken = block.block.piece() != RecordBlock::Piece::NONE;
+    recordsM->begin(block.block.text(), block.block.firstLine());
+    for (Record record; fieldCountM == 0 && !broken && recordsM->next(record);)
+        fieldCountM = record.values.size();
+    broken = broken || block.block.text().find_first_not_of("\r\n") != std::string_view::npos;
+    if (fieldCountM == 0 && broken)
+        throw HostError(nameOf(block.file) + ": no record at its beginning can be read");
+}
+
+void RecordInput::takeHeader(InputBlock& block, bool isFirst) {
     Record const record = firstRecord(block);
-    if (isFirst)
-        fieldCountM = record.text.empty() ? 1 : record.values.size();
-    if (!formatM.header)
-        return;
     bool const broken = record.problem != Problem::NONE || block.block.piece() != RecordBlock::Piece::NONE;
     if (broken)
         throw HostError(nameOf(block.file) +
@@ -123,6 +137,7 @@ void RecordInput::takeFirst(InputBlock& block) {
 }
 
 void RecordInput::keepHeader(Record const& record) {
+    fieldCountM = std::max<std::size_t>(1, record.values.size());
     headerTextM = record.text;
     headerM += record.text;
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;

@@ -65,6 +65,8 @@ class RecordInput {
     bool readBlock(InputBlock& block, std::atomic<bool> const* stop);
     bool openNext();
     void takeFirst(InputBlock& block);
+    void takeHeader(InputBlock& block, bool isFirst);
+    void countFields(InputBlock const& block);
     Record firstRecord(InputBlock const& block);
     void checkHeader(Record const& record, std::size_t file) const;
     void keepHeader(Record const& record);

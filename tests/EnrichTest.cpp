@@ -1,0 +1,545 @@
+// nphost enrich as its users meet it: against a brute-force reading of public data and generated records, and at the
+// edges of the formats.
+#include "host/ByteSource.h"
+#include "host/Compression.h"
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <optional>
+#include <random>
+#include <sys/wait.h>
+#include <vector>
+
+namespace {
+
+using namespace std::string_literals;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// A shell's command with 'nphost enrich --config ...' for ENRICH, run in the folder.
+Result shell(TemporaryFolder const& folder, std::string command, std::string const& configuration) {
+    std::string const enrich = std::string(NP_PROGRAM_FOLDER) + "/nphost enrich --config " + configuration;
+    for (std::size_t at = command.find("ENRICH"); at != std::string::npos; at = command.find("ENRICH", at + 1))
+        command.replace(at, 6, enrich);
+    TemporaryFolder const results;
+    std::string const whole = "cd " + folder.path().string() + " && { " + command + "; } </dev/null >" +
+                              results.file("out") + " 2>" + results.file("err");
+    int const status = std::system(whole.c_str()); // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), contentOf(results.file("out")),
+            contentOf(results.file("err"))};
+}
+
+bool contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+void writeConfiguration(TemporaryFolder const& folder, std::string const& data, std::string const& country) {
+    folder.write("data.dat", data);
+    folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"" + country +
+                                    "\"\nNationalAccessCode = \"0\"\n");
+}
+
+std::string decompressed(std::string const& file) {
+    nphost::ByteSource source(file);
+    std::string all;
+    std::array<char, 65536> buffer{};
+    while (std::size_t const count = source.read(buffer))
+        all.append(buffer.data(), count);
+    return all;
+}
+
+// ---- Against a brute-force reading
+
+// What the data say, by key and valid-from; shares no code with the product.
+class BruteForce {
+  public:
+    struct Answer {
+        std::string network;
+        std::string validFrom;
+        std::string prefix;
+        bool operator==(Answer const&) const = default;
+    };
+
+    explicit BruteForce(std::string const& file) {
+        std::ifstream in(file);
+        for (std::string number, from, network; in >> number >> from >> network;) {
+            std::string const key = number[0] == '+'                  ? "00" + number.substr(1)
+                                    : number.compare(0, 2, "00") == 0 ? number
+                                    : number[0] == '0'                ? "0033" + number.substr(1)
+                                                                      : "0033" + number;
+            historiesM[key].emplace(from, network);
+        }
+        for (auto const& [key, history] : historiesM)
+            keysM.push_back(key);
+    }
+
+    std::vector<std::string> const& keys() const { return keysM; }
+
+    Answer ask(std::string const& number, std::string const& at, std::string const& method) const {
+        std::vector<std::string> const asked = prefixes(number, method);
+        for (std::string const& prefix : asked) {
+            auto const& history = historiesM.at(prefix);
+            auto const after = history.upper_bound(at);
+            if (after != history.begin())
+                return {std::prev(after)->second, std::prev(after)->first, prefix};
+        }
+        return {};
+    }
+
+    std::string nextChange(std::string const& number, std::string const& at, std::string const& method) const {
+        std::map<std::string, int> instants;
+        for (std::string const& prefix : prefixes(number, method))
+            for (auto const& [from, network] : historiesM.at(prefix))
+                instants[from] = 1;
+        Answer const now = ask(number, at, method);
+        for (auto instant = instants.upper_bound(at); instant != instants.end(); ++instant)
+            if (ask(number, instant->first, method) != now)
+                return instant->first;
+        return "";
+    }
+
+  private:
+    std::vector<std::string> prefixes(std::string const& number, std::string const& method) const {
+        std::vector<std::string> all;
+        for (std::size_t length = number.size(); length > 0; --length)
+            if (historiesM.contains(number.substr(0, length)))
+                all.push_back(number.substr(0, length));
+        if (method == "exact" && !all.empty() && all.front() != number)
+            all.clear();
+        if (method == "exact" && !all.empty())
+            all.resize(1);
+        if (method == "shortest" && !all.empty())
+            all = {all.back()};
+        return all;
+    }
+
+    std::map<std::string, std::map<std::string, std::string>> historiesM;
+    std::vector<std::string> keysM;
+};
+
+struct Shape {
+    char const* file; // whose name says the format
+    char const* timeFormat;
+    char const* method;
+    bool normalise;
+    bool all; // everything that can be added
+    int records;
+};
+
+class RecordMaker {
+  public:
+    RecordMaker(BruteForce const& data, Shape const& run, std::mt19937& random)
+        : dataM(data), runM(run), randomM(random), nameM(run.file) {}
+
+    void add() {
+        std::string const number = someNumber();
+        std::time_t const seconds = 915148800 + static_cast<std::time_t>(random(888000000)); // 1999 to 2027
+        std::string const at = written(seconds, "%Y%m%d%H%M%S");
+        BruteForce::Answer const answer = dataM.ask(number, at, runM.method);
+        foundM += answer.network.empty() ? 0 : 1;
+        std::vector<std::string> added = {answer.network};
+        if (runM.all)
+            added.insert(added.end(), {answer.validFrom, answer.prefix, dataM.nextChange(number, at, runM.method),
+                                       answer.network.empty() ? "" : runM.method});
+        append(runM.normalise ? formOf(number) : number, timeOf(seconds), added);
+    }
+
+    std::string input;
+    std::string expected;
+    int found() const { return foundM; }
+
+  private:
+    std::uint64_t random(std::uint64_t below) { return randomM() % below; }
+    std::string digits(std::uint64_t count) {
+        std::string text;
+        while (text.size() < count)
+            text += static_cast<char>('0' + random(10));
+        return text;
+    }
+
+    std::string someNumber() {
+        std::string const& key = dataM.keys()[random(dataM.keys().size())];
+        return random(8) == 0 ? key.substr(0, key.size() - 1) + digits(2) : key + digits(random(2) * random(6));
+    }
+
+    // One of the ways in which people and switches write a number.
+    std::string formOf(std::string const& stored) {
+        bool const own = stored.compare(0, 4, "0033") == 0;
+        std::string const rest = stored.substr(2);
+        switch (random(own ? 6 : 4)) {
+        case 0:
+            return stored;
+        case 1:
+            return "+" + rest;
+        case 2:
+            return "+" + rest.substr(0, 3) + " " + rest.substr(3) + "-";
+        case 3:
+            return "tel:+" + rest;
+        case 4:
+            return "0" + stored.substr(4);
+        default:
+            return "(0) " + stored.substr(4);
+        }
+    }
+
+    static std::string written(std::time_t seconds, char const* pattern) {
+        std::tm parts{};
+        gmtime_r(&seconds, &parts);
+        std::array<char, 64> text{};
+        return {text.data(), std::strftime(text.data(), text.size(), pattern, &parts)};
+    }
+
+    std::string timeOf(std::time_t seconds) {
+        std::string const format = runM.timeFormat;
+        if (format == "digits")
+            return written(seconds, "%Y%m%d%H%M%S");
+        if (format == "seconds")
+            return std::to_string(seconds);
+        if (format == "milliseconds")
+            return std::to_string(seconds * 1000 + static_cast<std::time_t>(random(1000)));
+        if (format != "iso")
+            return written(seconds, runM.timeFormat);
+        return random(2) == 0 ? written(seconds, "%Y-%m-%dT%H:%M:%SZ")
+                              : written(seconds + 2 * 3600 + 1800, "%Y-%m-%d %H:%M:%S.5+02:30");
+    }
+
+    void append(std::string const& number, std::string const& time, std::vector<std::string> const& added) {
+        if (nameM.ends_with(".ndjson"))
+            return appendJson(number, time, added);
+        char const separator = nameM.ends_with(".tsv") ? '\t' : ',';
+        std::string const end = random(5) == 0 ? "\r\n" : "\n";
+        std::string record = std::to_string(random(100)) + separator;
+        record += random(4) == 0 ? "\"" + number + "\"" : number;
+        record += separator;
+        record += random(9) == 0 ? "\"a \"\"b\"\"" + std::string(1, separator) + "c\nd\"" : "plain";
+        record += separator;
+        record += random(4) == 0 ? "\"" + time + "\"" : time;
+        input += record + end;
+        expected += record;
+        for (std::string const& value : added)
+            expected += separator + (value.find(separator) == std::string::npos ? value : "\"" + value + "\"");
+        expected += end;
+    }
+
+    void appendJson(std::string const& number, std::string const& time, std::vector<std::string> const& added) {
+        bool const bare = std::string(runM.timeFormat).ends_with("seconds") && random(2) == 0;
+        std::string const record = "{\"number\": \"" + number + "\", \"x\": [1.5, {\"number\": null}], \"time\": " +
+                                   (bare ? time : "\"" + time + "\"");
+        input += record + " }\n";
+        expected += record;
+        std::array const names = {"network", "valid_from", "prefix", "next_change", "method"};
+        for (std::size_t i = 0; i < added.size(); ++i)
+            expected += (i == 0 ? " ,\"number_" : ",\"number_") + std::string(names[i]) +
+                        "\":" + (added[i].empty() ? "null" : "\"" + added[i] + "\"");
+        expected += "}\n";
+    }
+
+    BruteForce const& dataM;
+    Shape const& runM;
+    std::mt19937& randomM;
+    std::string nameM;
+    int foundM = 0;
+};
+
+TEST(EnrichDataTest, AgreesWithABruteForceReading) {
+    std::string const dataFolder = NP_SOURCE_FOLDER "/../shared/data/";
+    for (char const* const name : {"fr-blocks.dat", "carriers.dat"})
+        if (!std::filesystem::exists(dataFolder + name))
+            GTEST_SKIP() << "skipped: no ../shared/data/" << name << " beside this checkout";
+    TemporaryFolder const folder;
+    writeConfiguration(folder, contentOf(dataFolder + "fr-blocks.dat") + contentOf(dataFolder + "carriers.dat"), "33");
+    BruteForce const data(folder.file("data.dat"));
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+
+    char const* const pattern = "%d.%m.%Y %H:%M:%S";
+    for (Shape const& run : {Shape{"a.csv", "digits", "best", true, false, 60000},
+                             {"b.csv", "iso", "exact", false, true, 4000},
+                             {"c.csv", "seconds", "shortest", false, true, 4000},
+                             {"d.csv", pattern, "best", true, true, 4000},
+                             {"e.tsv", "milliseconds", "best", true, false, 8000},
+                             {"f.tsv", "iso", "best", false, true, 4000},
+                             {"g.ndjson", "iso", "best", true, false, 8000},
+                             {"h.ndjson", "seconds", "best", false, true, 4000},
+                             {"i.ndjson", "milliseconds", "shortest", true, false, 4000},
+                             {"j.ndjson", pattern, "exact", true, true, 4000}}) {
+        std::string const name = run.file;
+        RecordMaker maker(data, run, random);
+        if (!name.ends_with(".ndjson")) {
+            std::string const s = name.ends_with(".tsv") ? "\t" : ",";
+            maker.input = "id" + s + "number" + s + "note" + s + "time\n";
+            maker.expected = maker.input.substr(0, maker.input.size() - 1) + s + "number_network";
+            if (run.all)
+                for (char const* const added : {"valid_from", "prefix", "next_change", "method"})
+                    maker.expected += s + "number_" + added;
+            maker.expected += "\n";
+        }
+        for (int i = 0; i < run.records; ++i)
+            maker.add();
+        folder.write(name, maker.input);
+        Result const result =
+            shell(folder,
+                  "ENRICH --number number --time time --keep --threads 3 --json --time-format '" +
+                      std::string(run.timeFormat) + "' --method " + run.method + (run.normalise ? " --normalise" : "") +
+                      (run.all ? " --add valid-from,prefix,next-change,method " : " ") + name,
+                  "nphost.toml");
+        EXPECT_EQ(result.status, 0) << name << result.err;
+        EXPECT_TRUE(contains(result.err, "\"records\":" + std::to_string(run.records) + ",")) << result.err;
+        EXPECT_TRUE(contains(result.err, "\"found\":" + std::to_string(maker.found()) + ",")) << result.err;
+        EXPECT_GT(maker.found(), std::string(run.method) == "exact" ? run.records / 10 : run.records / 4);
+        if (result.out == maker.expected)
+            continue;
+        auto const [got, want] =
+            std::mismatch(result.out.begin(), result.out.end(), maker.expected.begin(), maker.expected.end());
+        auto const at = static_cast<std::size_t>(got - result.out.begin());
+        std::size_t const from = at - std::min<std::size_t>(at, 150);
+        ADD_FAILURE() << name << " at byte " << at << ":\n"
+                      << result.out.substr(from, 250) << "\ninstead of\n"
+                      << maker.expected.substr(from, 250);
+    }
+}
+
+// ---- At the edges
+
+class EnrichTest : public testing::Test {
+  protected:
+    EnrichTest() {
+        writeConfiguration(folder,
+                           "00441  20200101000000  A\n00441  20220101000000  B\n00442  20200101000000  x,\"y\n"
+                           "00443  20200101000000  \xc3\xa9\xff\n",
+                           "44");
+    }
+    // With the number in column n and the time in column t.
+    Result run(std::string const& arguments) const {
+        return shell(folder, "ENRICH --number n --time t " + arguments, "nphost.toml");
+    }
+    // No file but those of the test and these.
+    void expectFiles(std::vector<std::string> names) const {
+        names.insert(names.end(), {"data.dat", "nphost.toml"});
+        std::vector<std::string> found;
+        for (auto const& entry : std::filesystem::directory_iterator(folder.path()))
+            found.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, names);
+    }
+    TemporaryFolder folder;
+};
+
+std::string const headCM = "n,t\n";
+std::string const newHeadCM = "n,t,n_network\n";
+
+TEST_F(EnrichTest, FormatsToTheByte) {
+    std::string const t = "20210101000000";
+    std::string const nul("\0", 1);
+    struct Case {
+        char const* label;
+        std::string name;
+        std::string input;
+        std::string output;
+        std::string rejects; // without its header
+        char const* options = "";
+    };
+    for (Case const& test : {
+             Case{"nothing at all", "a.csv", "", "", ""},
+             Case{"a header alone, without a newline", "a.csv", "n,t", newHeadCM, ""},
+             Case{"byte order mark, CRLF, quoted names and a value that needs quoting", "a.csv",
+                  "\xef\xbb\xbf\"n\",t\r\n\"00442\"," + t + "\r\n",
+                  "\xef\xbb\xbf\"n\",t,n_network\r\n\"00442\"," + t + ",\"x,\"\"y\"\r\n", ""},
+             Case{"no final newline", "a.csv", headCM + "00441," + t, newHeadCM + "00441," + t + ",A", ""},
+             Case{"empty lines stay", "a.csv", headCM + "\n00441," + t + "\n\n", newHeadCM + "\n00441," + t + ",A\n\n",
+                  ""},
+             Case{"line breaks in fields, also of the header", "a.csv",
+                  "n,\"x\ny\",t\n00441,\"\r\n\"," + t + "\n00441,1\n",
+                  "n,\"x\ny\",t,n_network\n00441,\"\r\n\"," + t + ",A\n", "a.csv,5,field-count,\"00441,1\"\n"},
+             Case{"NUL and foreign bytes", "a.csv", headCM + "00441" + nul + "\xff," + t + "\n",
+                  newHeadCM + "00441" + nul + "\xff," + t + ",A\n", ""},
+             Case{"every reason", "a,b.csv",
+                  headCM + "00441,2021\n00441\n00441," + t + ",\n\"00441," + t + "\nx\n0044\"1," + t + "\n", newHeadCM,
+                  "\"a,b.csv\",2,unreadable-time,\"00441,2021\"\n\"a,b.csv\",3,field-count,\"00441\"\n"
+                  "\"a,b.csv\",4,field-count,\"00441," +
+                      t + ",\"\n\"a,b.csv\",5,broken-quotes,\"\"\"00441," + t +
+                      "\"\n\"a,b.csv\",6,field-count,\"x\"\n\"a,b.csv\",7,broken-quotes,\"0044\"\"1," + t + "\"\n"},
+             Case{"kept", "a.csv", headCM + "00441,2021\n00441\n\"00441\n00441," + t + "\n",
+                  newHeadCM + "00441,2021,\n00441,\n\"00441\n00441," + t + ",A\n",
+                  "a.csv,2,unreadable-time,\"00441,2021\"\na.csv,3,field-count,\"00441\"\na.csv,4,broken-quotes,"
+                  "\"\"\"00441\"\n",
+                  "--keep"},
+             Case{"no number is not a reject", "a.csv", headCM + "," + t + "\nanonymous," + t + "\n",
+                  newHeadCM + "," + t + ",\nanonymous," + t + ",\n", ""},
+             Case{"tabs", "a.tab", "n\tt\n00442\t" + t + "\n", "n\tt\tn_network\n00442\t" + t + "\t\"x,\"\"y\"\n", ""},
+             Case{"semicolons, no quoting", "a.txt", "n;t\n00442;" + t + ";\n\"00442;" + t + "\n",
+                  "n;t;n_network\n\"00442;" + t + ";x,\"y\n", "a.txt,2,field-count,\"00442;" + t + ";\"\n",
+                  "--separator ';' --no-quotes"},
+             Case{"a value that no field can hold", "a.csv", headCM + "00442," + t + "\n", newHeadCM,
+                  "a.csv,2,unwritable,\"00442," + t + "\"\n", "--no-quotes"},
+             Case{"JSON", "a.jsonl",
+                  "{\"n\":\"00442\",\"t\":" + t + "}\r\n\n{\"t\":\"" + t + "\",\"n\":\"00443\"} \n{\"n\":null,\"t\":" +
+                      t + "}\n{\"n\":1}\n{\n{\"n\":1,\"t\":1,\"n_network\":2}\n{\"n\":\"00441\",\"t\":" + t + "}",
+                  "{\"n\":\"00442\",\"t\":" + t + ",\"n_network\":\"x,\\\"y\"}\r\n\n{\"t\":\"" + t +
+                      "\",\"n\":\"00443\",\"n_network\":\"\xc3\xa9\xef\xbf\xbd\"} \n{\"n\":null,\"t\":" + t +
+                      ",\"n_network\":null}\n{\"n\":\"00441\",\"t\":" + t + ",\"n_network\":\"A\"}",
+                  "a.jsonl,5,missing-member,\"{\"\"n\"\":1}\"\na.jsonl,6,broken-json,\"{\"\n"
+                  "a.jsonl,7,name-taken,\"{\"\"n\"\":1,\"\"t\"\":1,\"\"n_network\"\":2}\"\n"},
+             Case{"JSON kept", "a.json", "{}\n[\n{ \"n\":\"00441\"}\n",
+                  "{\"n_network\":null}\n[\n{ \"n\":\"00441\",\"n_network\":null}\n",
+                  "a.json,1,missing-member,\"{}\"\na.json,2,broken-json,\"[\"\n"
+                  "a.json,3,missing-member,\"{ \"\"n\"\":\"\"00441\"\"}\"\n",
+                  "--keep"},
+         }) {
+        folder.write(test.name, test.input);
+        Result const result = run(std::string(test.options) + " --rejects rejects '" + test.name + "'");
+        EXPECT_EQ(result.status, test.rejects.empty() ? 0 : 1) << test.label << result.err;
+        EXPECT_EQ(result.out, test.output) << test.label;
+        EXPECT_EQ(contentOf(folder.file("rejects")), "file,line,reason,record\n" + test.rejects) << test.label;
+    }
+}
+
+TEST_F(EnrichTest, ColumnsByNumberAndWithoutAHeader) {
+    folder.write("a.csv", "n,n,t\n00441,00442,20220101000000\n");
+    Result const twice = shell(folder, "ENRICH --number 1 --number 2 --time t --keep a.csv", "nphost.toml");
+    EXPECT_TRUE(twice.status == 2 && contains(twice.err, "'n_network', is there already")) << twice.err;
+    EXPECT_EQ(shell(folder, "ENRICH --number 1 --time t --keep a.csv", "nphost.toml").out,
+              "n,n,t,n_network\n00441,00442,20220101000000,B\n");
+    EXPECT_EQ(
+        shell(folder, "tail -n 1 a.csv | ENRICH --no-header --number 2 --number 1 --time 3 --keep", "nphost.toml").out,
+        "00441,00442,20220101000000,\"x,\"\"y\",B\n");
+}
+
+TEST_F(EnrichTest, SeveralInputsCompressedOrNot) {
+    std::string place;
+    std::string const line = "00441,20210101000000";
+    folder.write("a.csv", headCM + line);
+    folder.write("b", std::string(nphost::Compressor(nphost::Compression::GZIP).compress(headCM + line + "\n", place)));
+    folder.write("c",
+                 std::string(nphost::Compressor(nphost::Compression::ZSTD).compress("\xef\xbb\xbf" + headCM, place)));
+    folder.write("d", headCM + line + "\nx\n");
+    std::string const expected = newHeadCM + line + ",A\n" + line + ",A\n" + line + ",A\n";
+    for (std::string const output : {"out.csv", "out.gz", "out.zst"}) {
+        Result const result = run("--output " + output + " a.csv b - c d < b");
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_EQ(decompressed(folder.file(output)), expected + line + ",A\n");
+        EXPECT_EQ(contentOf(folder.file(output + ".rejects")), "file,line,reason,record\nd,3,field-count,\"x\"\n");
+        EXPECT_EQ(run("--format ndjson --output " + output + " /dev/null").status, 0);
+        EXPECT_EQ(decompressed(folder.file(output)), "") << "a compressed file of nothing";
+    }
+}
+
+TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
+    std::string place;
+    std::string const gzip(
+        nphost::Compressor(nphost::Compression::GZIP).compress(headCM + "00441,20210101000000\n", place));
+    folder.write("good.csv", headCM + "00441,20210101000000\n");
+    folder.write("cut.gz", gzip.substr(0, gzip.size() - 3));
+    folder.write("other.csv", "t,n\n");
+    folder.write("utf16.csv", "\xff\xfen\0"s);
+    folder.write("open.csv", "\"n,t\n");
+    folder.write("out.csv", "old");
+    struct Case {
+        char const* arguments;
+        char const* reason;
+    };
+    for (Case const& test : {
+             Case{"cut.gz", "cut.gz: the compressed data end early"},
+             Case{"good.csv other.csv", "other.csv:1: the header is not the same as that of good.csv"},
+             Case{"utf16.csv", "UTF-16"},
+             Case{"open.csv", "open.csv:1: the header cannot be read"},
+             Case{"good.csv none.csv", "none.csv: cannot be opened: No such file"},
+             Case{"good.csv .", ".: cannot be read"},
+             Case{"out.csv", "the output out.csv is one of the inputs"},
+             Case{"- < out.csv", "is one of the inputs"},
+             Case{"good.csv --rejects out.csv", "the file of the rejects too"},
+             Case{"good.csv --rejects data.dat", "the data file itself"},
+             Case{"good.csv --number m", "there is no column 'm'; there are 'n', 't'"},
+             Case{"good.csv --number 3", "no column '3'"},
+             Case{"good.csv --number 2", "named twice"},
+             Case{"good.csv --add networks", "'networks' is not one of"},
+             Case{"good.csv --separator '\"'", "--separator"},
+             Case{"good.csv --time-format never", "never"},
+             Case{"good.csv --zone Nowhere", "Nowhere"},
+             Case{"good.csv --format ndjson --no-header", "no meaning"},
+         }) {
+        Result const result = run(std::string("--output out.csv ") + test.arguments);
+        EXPECT_EQ(result.status, 2) << test.arguments;
+        EXPECT_TRUE(contains(result.err, test.reason)) << test.arguments << "\n" << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << test.arguments << "\n" << result.err;
+        EXPECT_EQ(contentOf(folder.file("out.csv")), "old") << test.arguments;
+    }
+    Result const nowhere = run("good.csv");
+    EXPECT_TRUE(nowhere.status == 2 && contains(nowhere.err, "--rejects FILE, or --keep")) << nowhere.err;
+    Result const onto = run("--keep good.csv >> good.csv");
+    EXPECT_TRUE(onto.status == 2 && contains(onto.err, "standard output is one of the inputs")) << onto.err;
+    Result const full = run("--keep good.csv > /dev/full");
+    EXPECT_TRUE(full.status == 2 && contains(full.err, "No space left")) << full.err;
+    expectFiles({"good.csv", "cut.gz", "other.csv", "utf16.csv", "open.csv", "out.csv"});
+}
+
+TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
+    std::string const good = "00441,20210101000000";
+    std::string const huge = "00441,\"" + std::string(3500000, 'x') + "\"";
+    folder.write("a.csv", headCM + good + "\n" + huge + "\n" + good + "\n");
+    Result const result = run("--output out --rejects rejects.gz a.csv");
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_EQ(contentOf(folder.file("out")), newHeadCM + good + ",A\n" + good + ",A\n");
+    EXPECT_TRUE(decompressed(folder.file("rejects.gz")) ==
+                "file,line,reason,record\na.csv,3,too-long,\"00441,\"\"" + std::string(3500000, 'x') + "\"\"\"\n");
+    EXPECT_TRUE(run("--keep a.csv").out == newHeadCM + good + ",A\n" + huge + "\n" + good + ",A\n");
+
+    folder.write("out", "old");
+    EXPECT_EQ(run("--output out --max-rejects 1 a.csv").status, 1);
+    EXPECT_NE(contentOf(folder.file("out")), "old");
+    folder.write("out", "old");
+    Result const stopped = run("--output out --max-rejects 0 a.csv");
+    EXPECT_TRUE(stopped.status == 1 && contains(stopped.err, "out was not written")) << stopped.err;
+    EXPECT_EQ(contentOf(folder.file("out")), "old");
+    EXPECT_TRUE(contains(contentOf(folder.file("out.rejects")), "a.csv,3,too-long"));
+}
+
+TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
+    Result const head =
+        shell(folder,
+              "(yes 00441,20210101000000 | ENRICH --no-header --number 1 --time 2 --rejects rejects; echo $? "
+              ">status) | head -n 1",
+              "nphost.toml");
+    EXPECT_EQ(head.out, "00441,20210101000000,A\n");
+    EXPECT_EQ(head.err, "");
+    EXPECT_EQ(contentOf(folder.file("status")), "141\n") << "as a signal ends it";
+    // The second record is asked for only when the first answer has come.
+    Result const dialogue =
+        shell(folder,
+              "mkfifo in out; ENRICH --no-header --number 1 --time 2 --keep <in >out 2>err & exec 3>in 4<out; "
+              "echo 00441,20210101000000 >&3; read first <&4; echo 00441,20230101000000 >&3; read second <&4; "
+              "exec 3>&-; wait; echo $first $second",
+              "nphost.toml");
+    EXPECT_EQ(dialogue.out, "00441,20210101000000,A 00441,20230101000000,B\n") << dialogue.err;
+    expectFiles({"status", "in", "out", "err"});
+}
+
+TEST_F(EnrichTest, SummaryCounts) {
+    folder.write("a.csv",
+                 headCM + "00441,20211231235959\n00441,20220101000000\n00441,20200101000000\n0049,20210101000000\n-,"
+                          "20210101000000\n00441,20211031023000\n00442,20210328023000\nx\n00441,x\n");
+    Result const json = run("--zone Europe/Paris --rejects r --json a.csv");
+    for (char const* const part :
+         {"\"records\":9,", "\"found\":5,", "\"notFound\":1,", "\"withoutNumber\":1", "\"rejected\":2,",
+          "\"rejectedByReason\":{\"field-count\":1,\"unreadable-time\":1}", "\"ambiguousTimes\":1,",
+          "\"impossibleTimes\":1,", "\"networks\":3,",
+          "\"topNetworks\":[{\"network\":\"A\",\"numbers\":3},{\"network\":\"B\",\"numbers\":1},"})
+        EXPECT_TRUE(contains(json.err, part)) << part << "\n" << json.err;
+    EXPECT_EQ(json.status, 1);
+    Result const through = run("--pass-through --keep a.csv");
+    EXPECT_TRUE(contains(through.out, "\n00441,20211231235959,\n00441,20220101000000,\n")) << through.out;
+}
+
+} // namespace
