@@ -10,7 +10,7 @@
 // Threads:
 // - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread that runs one
 //   of them touches the standby tree, the readers and the line parser.
-// - search, numOfEntries, print and printData: any thread, at any time after load, also during a reload.
+// - search, numOfEntries, print, printData and visitUpcoming: any thread, at any time after load, also during a reload.
 // - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
 //   and the count as writers; RWReadersWriterLock.h says how long each can wait. No report is made and no tree is
 //   filled or freed under it.

@@ -192,7 +192,7 @@ class TextReport : public Report {
         if (rest == 0)
             return;
         cell(std::to_string(rest));
-        outM.append(std::string_view("  between others (--json has more)\n"));
+        outM.append(std::string_view("  between others (--json tells more)\n"));
     }
 };
 

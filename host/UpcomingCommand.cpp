@@ -115,13 +115,17 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
     out.append(object.dump());
 }
 
+void appendHeading(Output& out, Changes const& changes, Period const& period) {
+    out.append("{\"from\":" + Json(digits(period.from)).dump());
+    out.append(",\"until\":" + (period.until.isValid() ? Json(digits(period.until)) : Json()).dump());
+    out.append(",\"count\":" + std::to_string(changes.size()) + ",\"upcoming\":[");
+}
+
 void write(Host& host, Changes const& changes, Period const& period, bool json) {
     Output out(STDOUT_FILENO);
     OriginSearch search(host);
     if (json)
-        out.append("{\"from\":\"" + digits(period.from) + "\",\"until\":" +
-                   (period.until.isValid() ? "\"" + digits(period.until) + "\"" : std::string("null")) +
-                   ",\"count\":" + std::to_string(changes.size()) + ",\"upcoming\":[");
+        appendHeading(out, changes, period);
     for (std::size_t begin = 0; begin < changes.size(); begin += OriginSearch::mostCM) {
         auto const some = std::span(changes).subspan(begin, std::min(OriginSearch::mostCM, changes.size() - begin));
         Origins const origins = search.find(some);
