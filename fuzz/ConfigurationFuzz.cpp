@@ -49,6 +49,8 @@ std::string written(Configuration const& configuration) {
           std::pair("probeFolder", configuration.probeFolder)})
         if (!value.empty())
             text += std::string(key) + " = " + tomlText(value.native()) + '\n';
+    if (configuration.guard.any())
+        text += "guard = {" + textOf(configuration.guard) + "}\n";
     return text;
 }
 
