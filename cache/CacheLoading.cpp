@@ -16,12 +16,18 @@ namespace DAT::NumberPortability {
 namespace {
 
 void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
+    constexpr std::size_t inPlace = 7;    // a longer network of one among several records has a text of its own
+    constexpr std::size_t heapBytes = 32; // that the allocator adds at the most
+    summary.treeBytes = tree.bytes();
     std::unordered_map<std::string, unsigned long> networks;
     tree.visit([&](BAS::String const&, NumberPortabilityList const& history) {
         ++summary.numbers;
         std::uint32_t const length = history.length();
-        for (std::uint32_t i = 0; i < length; ++i)
-            ++networks[history.record(i).networkIdM.c_str()];
+        for (std::uint32_t i = 0; i < length; ++i) {
+            std::string const network = history.record(i).networkIdM.c_str();
+            summary.treeBytes += length > 1 && network.size() > inPlace ? network.size() + heapBytes : 0;
+            ++networks[network];
+        }
         BAS::DateTime const newest = history.record(0).validFromM;
         BAS::DateTime const oldest = history.record(length - 1).validFromM;
         if (summary.numbers == 1 || newest > summary.latest)
@@ -218,7 +224,6 @@ bool CacheManager::examine(BAS::String const& fileName, DataSummary& summary, Re
     summary.lines = progressM.lines();
     summary.lineBytes = progressM.bytes();
     summary.records = tree.entries();
-    summary.treeBytes = tree.bytes();
     summarise(tree, summary);
     if (end == ReadEnd::ERROR)
         return readError(reader);

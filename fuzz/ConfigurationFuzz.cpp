@@ -54,6 +54,8 @@ std::string written(Configuration const& configuration) {
     for (std::filesystem::path const& client : configuration.clients)
         text += tomlText(client.native()) + ", ";
     text += "]\n";
+    if (configuration.guard.any())
+        text += "guard = {" + textOf(configuration.guard) + "}\n";
     return text;
 }
 

@@ -215,10 +215,11 @@ DataSummary readFile(Host& host, CheckOptions const& options, Report& report, st
     return summary;
 }
 
-// Records that are not at hand are taken to be like those of the file.
+// Records that are not at hand are taken to be like those of the file, if that has enough of them.
 std::uint64_t treeBytesOf(std::uint64_t records, LoadFigures const& figures) {
     constexpr double bytesARecord = 26;
-    double const each = figures.records == 0
+    constexpr std::uint64_t enough = 100'000;
+    double const each = figures.records < enough
                             ? bytesARecord
                             : static_cast<double>(figures.treeBytes) / static_cast<double>(figures.records);
     return static_cast<std::uint64_t>(each * static_cast<double>(records));
@@ -232,6 +233,8 @@ Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSumma
                 limits,
                 figuresOf(summary, first),
                 {}};
+    constexpr std::uint64_t daemonBytes = 32UL * 1024 * 1024;
+    trial.figures.otherBytes = daemonBytes;
     trial.figures.liveRecords = options.live.value_or(0);
     trial.figures.liveTreeBytes = treeBytesOf(trial.figures.liveRecords, trial.figures);
     trial.reasons = crossedLimits(limits, trial.kind, trial.figures);

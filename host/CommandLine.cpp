@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <new>
@@ -351,6 +352,7 @@ void addCheck(CLI::App& app, Chosen& chosen) {
         command->add_flag("--guard", chosen.check.guard, "Hold the file against the limits in [host.guard]");
     command->add_option("--live", chosen.check.live, "With --guard: as a reload beside so many live records")
         ->option_text("N")
+        ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{4'294'967'295}, "0 to 4294967295"))
         ->needs(guard);
     command->add_flag("--delta", chosen.check.delta, "With --guard: as a delta")->needs(guard);
     command->callback([&chosen] {

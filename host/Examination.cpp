@@ -41,7 +41,10 @@ LoadFigures figuresOf(DAT::NumberPortability::DataSummary const& summary, std::s
 }
 
 std::string inWords(RejectedLine const& line) {
-    return "at line " + grouped(line.number) + ": " + line.reason.detail;
+    std::string text = "at line " + grouped(line.number) + ": " + line.reason.detail;
+    if (text.ends_with('.')) // it becomes part of a sentence
+        text.pop_back();
+    return text;
 }
 
 } // namespace nphost

@@ -119,7 +119,6 @@ char const* nameOf(LoadKind kind) {
 }
 
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
-    constexpr std::uint64_t program = 16 * mebibyteCM;
     constexpr std::uint64_t gatheredLines = 1UL << 18;
     constexpr std::uint64_t gatheredText = 32 * mebibyteCM; // grown by doubling to hold 16 MiB
     constexpr std::uint64_t bytesALine = 128;               // a gathered record with its place and its spare
@@ -128,7 +127,7 @@ std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
     std::uint64_t const live = figures.liveTreeBytes;
     std::uint64_t const fresh = figures.treeBytes;
     std::uint64_t const lines = figures.lineBytes;
-    std::uint64_t bytes = program + std::min(figures.lines, gatheredLines) * bytesALine +
+    std::uint64_t bytes = figures.otherBytes + std::min(figures.lines, gatheredLines) * bytesALine +
                           std::min(2 * lines, gatheredText) + figures.longestLine * copiesOfALine;
     switch (kind) {
     case LoadKind::FIRST_LOAD:

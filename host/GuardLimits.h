@@ -55,11 +55,12 @@ struct LoadFigures {
     std::uint64_t treeBytes = 0; // of a tree with the file's records
     std::uint64_t liveRecords = 0;
     std::uint64_t liveTreeBytes = 0; // of one of the two
+    std::uint64_t otherBytes = 0;    // what the process has besides these two
 };
 
 // What the process takes at the most while it checks the file and loads it, rather too much than too little: trees that
-// exist at once, the lines that a load keeps, what it gathers before it inserts it, the program itself, and an eighth for
-// what growing scatters (docs/operations.md).
+// exist at once, the lines that a load keeps, what it gathers before it inserts it, what the process has besides, and an
+// eighth for what growing scatters (docs/operations.md).
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures);
 
 // In words, each with figure and limit. Empty when the file passes.

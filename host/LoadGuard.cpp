@@ -2,8 +2,10 @@
 
 #include "host/Examination.h"
 #include "host/OwnReport.h"
+#include "host/ResidentMemory.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -120,6 +122,8 @@ DataSummary LoadGuard::examineFile(LoadCheck& check) {
     ServiceStatus const status = plugInM.serviceStatus(); // another load may have ended meanwhile
     check.figures.liveRecords = status.records;
     check.figures.liveTreeBytes = status.treeBytes;
+    std::uint64_t const resident = residentBytes();
+    check.figures.otherBytes = resident - std::min(resident, 2 * status.treeBytes);
     return summary;
 }
 

@@ -6,10 +6,10 @@
 #include "host/LogReport.h"
 #include "host/Numbers.h"
 #include "host/ReportHub.h"
+#include "host/ResidentMemory.h"
 #include "host/Text.h"
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -62,14 +62,6 @@ Json lastLoad(LoadOutcome const& load) {
     return {{"kind", nameOf(load.kind)},     {"succeeded", load.succeeded}, {"file", asUtf8(load.fileName.view())},
             {"ended", clock(load.ended)},    {"seconds", load.duration},    {"lines", load.lines},
             {"rejectedLines", load.rejected}};
-}
-
-std::uint64_t residentBytes() {
-    std::ifstream file("/proc/self/statm");
-    std::uint64_t all = 0;
-    std::uint64_t resident = 0;
-    file >> all >> resident;
-    return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 BAS::DateTime instantOf(Json const& request) {
@@ -156,7 +148,7 @@ Json limitsOf(GuardLimits const& limits) {
     };
     auto const setPercent = [&object](char const* key, std::optional<std::uint32_t> thousandths) {
         if (thousandths)
-            object[key] = *thousandths / 1000.0;
+            object[key] = *thousandths % 1000 == 0 ? Json(*thousandths / 1000) : Json(*thousandths / 1000.0);
     };
     setPercent("maxLossPercent", limits.maxLossPercent);
     setPercent("maxRejectedPercent", limits.maxRejectedPercent);

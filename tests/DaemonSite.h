@@ -1,0 +1,221 @@
+// A daemon as its operator meets it: in a folder of its own, with its configuration, its data and a control socket.
+#pragma once
+
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <poll.h>
+#include <spawn.h>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+using Json = nlohmann::json;
+using Arguments = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds patienceCM{60}; // an upper bound, not a time that is waited for
+
+inline bool contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+inline long lineCount(std::string const& text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
+
+inline bool eventually(std::function<bool()> const& condition) {
+    for (Clock::time_point const end = Clock::now() + patienceCM; Clock::now() < end;) {
+        if (condition())
+            return true;
+        poll(nullptr, 0, 5);
+    }
+    return false;
+}
+
+// A running nphost, killed with the object.
+class Process {
+  public:
+    Process(Arguments const& arguments, std::string const& out, std::string const& err,
+            std::string const& notify = {}) {
+        std::string const program = std::string(NP_PROGRAM_FOLDER) + "/nphost";
+        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+        for (std::string const& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        std::string const variable = "NOTIFY_SOCKET=" + notify;
+        std::vector<char*> environment;
+        for (char** entry = environ; *entry != nullptr; ++entry)
+            environment.push_back(*entry);
+        if (!notify.empty())
+            environment.push_back(const_cast<char*>(variable.c_str()));
+        environment.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), flags, 0600);
+        int const error = posix_spawn(&idM, program.c_str(), &actions, nullptr, argv.data(), environment.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (error != 0)
+            throw std::runtime_error("cannot start " + program);
+    }
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
+    ~Process() {
+        if (idM > 0 && !status()) {
+            kill(idM, SIGKILL);
+            waitpid(idM, nullptr, 0);
+        }
+    }
+
+    // Its exit status, or minus the signal that ended it; none while it runs.
+    std::optional<int> status() {
+        int raw = 0;
+        if (!statusM && waitpid(idM, &raw, WNOHANG) == idM)
+            statusM = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+        return statusM;
+    }
+    int wait() {
+        eventually([this] { return status().has_value(); });
+        return statusM.value_or(-1000);
+    }
+    void signal(int number) const { kill(idM, number); }
+
+  private:
+    pid_t idM = -1;
+    std::optional<int> statusM;
+};
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs the program to its end; what it writes goes to files of the folder that are named after the label.
+inline Result runProgram(TemporaryFolder const& folder, Arguments const& arguments, std::string const& label) {
+    Process process(arguments, folder.file(label + ".out"), folder.file(label + ".err"));
+    Result result;
+    result.status = process.wait();
+    result.out = contentOf(folder.file(label + ".out"));
+    result.err = contentOf(folder.file(label + ".err"));
+    return result;
+}
+
+// A connection to a control socket, for what nphost ctl would never send.
+class RawClient {
+  public:
+    explicit RawClient(std::string const& path) : descriptorM(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        connectedM = connect(descriptorM, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    RawClient(RawClient const&) = delete;
+    RawClient& operator=(RawClient const&) = delete;
+    ~RawClient() { close(descriptorM); }
+
+    bool connected() const { return connectedM; }
+    // False when the daemon takes no more.
+    bool send(std::string const& text, int flags = 0) const {
+        return ::send(descriptorM, text.data(), text.size(), flags | MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
+    void endSending() const { shutdown(descriptorM, SHUT_WR); }
+
+    // The next line without its newline; "<closed>" at the end.
+    std::string line() {
+        for (;;) {
+            std::size_t const end = inputM.find('\n');
+            if (end != std::string::npos) {
+                std::string line = inputM.substr(0, end);
+                inputM.erase(0, end + 1);
+                return line;
+            }
+            std::array<char, 4096> block;
+            pollfd ready = {descriptorM, POLLIN, 0};
+            if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patienceCM).count())) != 1)
+                return "<nothing>";
+            ssize_t const count = recv(descriptorM, block.data(), block.size(), 0);
+            if (count <= 0)
+                return "<closed>";
+            inputM.append(block.data(), static_cast<std::size_t>(count));
+        }
+    }
+    // Reads nothing; true once the other end has gone.
+    bool isDropped() const {
+        pollfd state = {descriptorM, 0, 0};
+        return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+    }
+
+  private:
+    int descriptorM;
+    bool connectedM = false;
+    std::string inputM;
+};
+
+inline std::string const dataCM = "0044770 20200101000000 ALPHA\n"
+                                  "00447700900123 20210301020000 BRAVO\n"
+                                  "00447700900123 20990915020000 CHARLIE\n"
+                                  "004477009 20980101000000 DELTA\n";
+
+// A configuration with its data in a folder, and the daemon that serves them.
+class Site {
+  public:
+    explicit Site(std::string const& data = dataCM, std::string const& more = {}) {
+        folder.write("data.dat", data);
+        folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
+                                    "NationalAccessCode = \"0\"\n[host]\nsocket = \"s\"\n" +
+                                        more);
+    }
+
+    void start(Arguments const& more = {}, std::string const& notify = {}) {
+        Arguments arguments = {"run", "--config", folder.file("nphost.toml")};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        daemon = std::make_unique<Process>(arguments, folder.file("out"), folder.file("log"), notify);
+        ASSERT_TRUE(eventually([&] { return contains(log(), "INF_HOST_READY") || daemon->status(); }));
+        ASSERT_FALSE(daemon->status()) << log();
+    }
+    int stop(int signal = SIGTERM) {
+        daemon->signal(signal);
+        return daemon->wait();
+    }
+
+    std::string log() const { return contentOf(folder.file(logName)); }
+    std::string socket() const { return folder.file("s"); }
+    std::string data() const { return folder.file("data.dat"); }
+
+    Result ctl(Arguments const& command, std::string const& label = "ctl") const {
+        Arguments arguments = {"ctl", "--socket", socket()};
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        return runProgram(folder, arguments, label);
+    }
+    Json status() const { return Json::parse(ctl({"--json", "status"}).out); }
+
+    TemporaryFolder folder;
+    std::string logName = "log";
+    std::unique_ptr<Process> daemon;
+};
+
+inline void expectResult(Result const& result, int status, std::string const& part, std::string const& label) {
+    EXPECT_EQ(result.status, status) << label << "\n" << result.out << result.err;
+    EXPECT_TRUE(contains(status == 2 ? result.err : result.out, part)) << label << "\n" << result.out << result.err;
+    EXPECT_EQ(lineCount(result.err), status == 2 ? 1 : 0) << label << "\n" << result.err;
+}
