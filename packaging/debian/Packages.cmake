@@ -23,10 +23,13 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian/copyright DESTINATION ${NP_INST
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian/copyright DESTINATION ${NP_INSTALL_DEVDOCDIR} COMPONENT dev)
 install(FILES debian/numberportability.lintian-overrides COMPONENT runtime
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME numberportability)
+install(FILES debian/numberportability-dev.lintian-overrides COMPONENT dev
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME numberportability-dev)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME numberportability)
 set(CPACK_PACKAGE_CONTACT ${NP_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 set(CPACK_COMPONENTS_ALL runtime dev)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
@@ -35,22 +38,22 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${release})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME numberportability)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION comm)
 # systemd-sysusers makes the account; any package that has it will do.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "network operator of a telephone number at an instant
- nphost says to which network operator a telephone number belonged at an
- instant, from a text file of portings and number blocks, as rating, routing
- and settlement ask it for every call record. It looks numbers up on the
- command line, checks and prints data files, or serves as a daemon that is
- reloaded while it answers.
- .
- The package also has the module for programs that ask from within their own
- process; numberportability-dev has what they are built with.")
+nphost says to which network operator a telephone number belonged at an
+instant, from a text file of portings and number blocks, as rating, routing
+and settlement ask it for every call record. It looks numbers up on the
+command line, checks and prints data files, or serves as a daemon that is
+reloaded while it answers.
+
+The package also has the module for programs that ask from within their own
+process; numberportability-dev has what they are built with.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles;${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst;${CMAKE_CURRENT_SOURCE_DIR}/debian/prerm;${CMAKE_CURRENT_SOURCE_DIR}/debian/postrm;${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
 
@@ -58,7 +61,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME numberportability-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "numberportability (= ${PROJECT_VERSION}-${release})")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "network operator of a telephone number - client modules
- Headers, CMake package, pkg-config file and an example for client modules of
- numberportability: shared objects in C++20 that look numbers up within the
- process of the daemon, without its socket.")
+Headers, CMake package, pkg-config file and an example for client modules of
+numberportability: shared objects in C++20 that look numbers up within the
+process of the daemon, without its socket.")
 include(CPack)
