@@ -1,7 +1,7 @@
 #include "host/ClientModules.h"
 
-#include "host/Daemon.h"
 #include "host/HostError.h"
+#include "host/OwnReport.h"
 #include "plugin/PlugInClient.h"
 
 #include <exception>

@@ -112,12 +112,6 @@ class Reader {
         }
     }
 
-    bool boolean(toml::key const& key, toml::node const& node) const {
-        if (!node.is_boolean())
-            throw errorAt(fileM, key.source(), "'" + text(key) + "' must be true or false");
-        return node.as_boolean()->get();
-    }
-
     std::uint64_t integer(toml::key const& key, toml::node const& node, std::int64_t least, std::int64_t most) const {
         std::int64_t const value = node.is_integer() ? node.as_integer()->get() : least - 1;
         if (value < least || value > most)
