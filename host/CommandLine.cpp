@@ -437,7 +437,9 @@ void addImport(CLI::App& app, Chosen& chosen) {
     command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, record")
         ->option_text("FILE");
     command->add_option("--max-rejects", options.maxRejects, "Write nothing when more are rejected")->option_text("N");
-    command->add_flag("--json", options.json, "Write what was done as one JSON object; needs --output");
+    command->add_flag(
+        "--json", options.json,
+        "Tell what was done as one JSON object, on standard output with --output, else on standard error");
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.feed.common = chosen.common;

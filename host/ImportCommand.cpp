@@ -57,24 +57,37 @@ class Target {
     std::string bufferM;
 };
 
-// Tells of rejected records: all in a file, or the first on standard error.
+// Appends one value of a line of comma-separated values.
+void appendQuoted(std::string& out, std::string_view value) {
+    if (value.find_first_of(",\"\r\n") == std::string_view::npos) {
+        out += value;
+        return;
+    }
+    out += '"';
+    for (char const c : value)
+        out.append(c == '"' ? 2 : 1, c);
+    out += '"';
+}
+
+// Tells of rejected records: all in a file of comma-separated values, or the first on standard error.
 class Rejects {
   public:
     Rejects(std::string file, std::string const& target)
-        : fileM(std::move(file)), targetM(target.empty() ? nullptr : std::make_unique<Target>(target)) {}
+        : fileM(std::move(file)), targetM(target.empty() ? nullptr : std::make_unique<Target>(target)) {
+        if (targetM)
+            targetM->append("file,line,reason,detail,record\n");
+    }
 
     void add(std::uint64_t line, Refusal refusal, std::string_view subject, std::string_view record) {
         ++countsM[static_cast<std::size_t>(refusal)];
         ++totalM;
-        std::string text = fileM + (targetM ? '\t' : ':') + std::to_string(line) + (targetM ? "\t" : ": ");
-        text += sentenceOf(refusal);
+        std::string detail = sentenceOf(refusal);
         if (!subject.empty())
-            text += ": '" + shortened(subject) + "'";
-        if (!targetM)
-            return show(text);
-        text += '\t';
-        appendVisible(text, record);
-        targetM->append(text += '\n');
+            detail += ": '" + shortened(subject) + "'";
+        if (targetM)
+            list(line, refusal, detail, record);
+        else if (totalM <= shownCM)
+            complain(fileM + ":" + std::to_string(line) + ": " + detail);
     }
 
     void close() {
@@ -90,9 +103,14 @@ class Rejects {
   private:
     static constexpr std::uint64_t shownCM = 20;
 
-    void show(std::string const& text) const {
-        if (totalM <= shownCM)
-            complain(text);
+    void list(std::uint64_t line, Refusal refusal, std::string_view detail, std::string_view record) {
+        std::string text;
+        appendQuoted(text, fileM);
+        text += "," + std::to_string(line) + "," + nameOf(refusal) + ",";
+        appendQuoted(text, detail);
+        text += ',';
+        appendQuoted(text, record);
+        targetM->append(text += '\n');
     }
 
     std::string fileM;
@@ -166,8 +184,7 @@ class Import {
                 convertBlock(block.block, reader, target);
         }
         if (conversionM.counts().converted == 0)
-            throw HostError(inputM.nameOf(0) + ": no record could be taken; " + visible(optionsM.output) +
-                            " is not written");
+            throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written");
         target.close();
     }
 
@@ -207,8 +224,13 @@ class Import {
         rejectsM.add(line, refusal, subject, record);
         if (optionsM.maxRejects && rejectsM.total() > *optionsM.maxRejects)
             throw HostError(inputM.nameOf(0) + ": more records are rejected than the " +
-                            std::to_string(*optionsM.maxRejects) + " allowed; " + visible(optionsM.output) +
-                            " is not written");
+                            std::to_string(*optionsM.maxRejects) + " allowed; " + fate());
+    }
+
+    // What the output has come to when an import breaks off.
+    std::string fate() const {
+        return optionsM.output == standardOutputCM ? "what was written is not all"
+                                                   : visible(optionsM.output) + " is not written";
     }
 
     void tellText() const {
@@ -233,7 +255,7 @@ class Import {
                                        {"repeated", counts.repeated},        {"emptyLines", emptyLinesM},
                                        {"ambiguousTimes", counts.ambiguous}, {"impossibleTimes", counts.impossible},
                                        {"rejected", rejectsM.total()},       {"rejectedBy", reasons}};
-        Output out(STDOUT_FILENO);
+        Output out(optionsM.output == standardOutputCM ? STDERR_FILENO : STDOUT_FILENO);
         out.append(object.dump() + "\n");
         out.flush();
     }
@@ -249,8 +271,6 @@ class Import {
 
 void checkFiles(ImportOptions const& options) {
     bool const fromFile = options.file != "-";
-    if (options.json && options.output == standardOutputCM)
-        throw HostError("--json needs --output FILE: standard output cannot hold both");
     if (fromFile && isSameFile(options.file, options.output))
         throw HostError("the output " + visible(options.output) + " is the feed itself");
     if (options.rejects.empty())

@@ -31,8 +31,8 @@ struct ImportOptions {
     std::string output = "/dev/stdout";
     std::string rejects;                     // empty: the first ones on standard error
     std::optional<std::uint64_t> maxRejects; // none: any number
-    bool json = false;
-    std::string file; // "-": standard input
+    bool json = false; // the summary, where the data do not go: standard output, else standard error
+    std::string file;  // "-": standard input
 };
 
 // The exit status.
