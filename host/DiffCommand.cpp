@@ -1,20 +1,15 @@
 #include "host/DiffCommand.h"
 
+#include "host/DiffReport.h"
 #include "host/ExitStatus.h"
 #include "host/HostError.h"
 #include "host/Instant.h"
-#include "host/Output.h"
 #include "host/Text.h"
 
 #include <algorithm>
 #include <exception>
-#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <string_view>
-#include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace nphost {
 
@@ -23,257 +18,6 @@ namespace {
 using DAT::NumberPortability::DataSummary;
 using DAT::NumberPortability::FileLine;
 using DAT::NumberPortability::LineOutcome;
-using Json = nlohmann::json;
-
-// Of one file: what its lines are, and, in the end, what its records are.
-struct FileTotals {
-    std::string name;
-    DataSummary lines;
-};
-
-struct Totals {
-    BAS::DateTime at;
-    FileTotals before;
-    FileTotals after;
-    ComparisonResult result;
-};
-
-constexpr std::array<std::pair<Difference, char const*>, 5> labelsCM = {{
-    {Difference::GAINED, "Numbers gained:"},
-    {Difference::LOST, "Numbers lost:"},
-    {Difference::MOVED, "Numbers moved:"},
-    {Difference::LENGTHENED, "Histories lengthened:"},
-    {Difference::REWRITTEN, "Histories rewritten:"},
-}};
-
-// How a comparison is told, number by number and at its end.
-class Report {
-  public:
-    Report() : outM(STDOUT_FILENO) {}
-    Report(Report const&) = delete;
-    Report& operator=(Report const&) = delete;
-    virtual ~Report() = default;
-
-    virtual void number(NumberChange const& change) = 0;
-    virtual void finish(Totals const& totals) = 0;
-    void flush() { outM.flush(); }
-
-  protected:
-    Output outM;
-};
-
-// The numbers that were asked for, and nothing else: five columns.
-class ListReport : public Report {
-  public:
-    void number(NumberChange const& change) override {
-        outM.append(change.number);
-        append(change.before);
-        append(change.after);
-        outM.append('\n');
-    }
-    void finish(Totals const& /*totals*/) override {}
-
-  private:
-    void append(std::optional<ShownRecord> const& record) {
-        if (!record)
-            return outM.append(std::string_view("\t-\t-"));
-        char digits[instantDigitsCM];
-        record->validFrom.toDigits(digits);
-        outM.append('\t');
-        outM.append({digits, sizeof digits});
-        outM.append('\t');
-        outM.append(record->network);
-    }
-};
-
-class TextReport : public Report {
-  public:
-    void number(NumberChange const& /*change*/) override {} // numbers are a list's
-
-    void finish(Totals const& totals) override {
-        files(totals);
-        outM.append('\n');
-        for (auto const& [what, label] : labelsCM)
-            row(label, {totals.result.count(what)});
-        moves(totals);
-    }
-
-  private:
-    static constexpr std::size_t labelWidthCM = 24;
-    static constexpr std::size_t columnWidthCM = 14;
-    static constexpr std::size_t mostColumnsCM = 7; // of the matrix; more networks are told pair by pair
-    static constexpr std::size_t mostListedCM = 40;
-
-    void cell(std::string const& text) {
-        outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, text.size()), ' ') + text);
-    }
-    void row(std::string label, std::initializer_list<unsigned long> numbers) {
-        label.resize(std::max(labelWidthCM, label.size()), ' ');
-        outM.append(label);
-        for (unsigned long const number : numbers)
-            cell(std::to_string(number));
-        outM.append('\n');
-    }
-
-    void files(Totals const& totals) {
-        DataSummary const& old = totals.before.lines;
-        DataSummary const& now = totals.after.lines;
-        outM.append("Old file:     " + shortened(totals.before.name) + "\nNew file:     " +
-                    shortened(totals.after.name) + "\nIn force at:  " + totals.at.asString("%Y-%m-%d %H:%M:%S").str() +
-                    "\n\n" + std::string(labelWidthCM, ' '));
-        cell("old");
-        cell("new");
-        outM.append('\n');
-        row("Lines:", {old.lines, now.lines});
-        row("Records:", {old.records, now.records});
-        row("Numbers:", {old.numbers, now.numbers});
-        row("Rejected lines:", {old.rejected(), now.rejected()});
-        row("  number of fields:", {old.rejectedFields, now.rejectedFields});
-        row("  valid-from:", {old.rejectedDateTimes, now.rejectedDateTimes});
-        row("  number:", {old.rejectedNumbers, now.rejectedNumbers});
-        row("  network identifier:", {old.rejectedNetworks, now.rejectedNetworks});
-        row("  duplicate:", {old.duplicates, now.duplicates});
-    }
-
-    static std::string nameOf(std::optional<std::string> const& network) {
-        return network ? shortened(*network) : std::string("-");
-    }
-
-    void moves(Totals const& totals) {
-        ComparisonResult const& result = totals.result;
-        if (result.count(Difference::MOVED) == 0)
-            return;
-        std::vector<std::string> names;
-        for (Move const& move : result.moves)
-            for (auto const* const network : {&move.from, &move.to})
-                if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
-                    names.size() <= mostColumnsCM)
-                    names.push_back(nameOf(*network));
-        std::sort(names.begin(), names.end());
-        bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
-                          std::all_of(names.begin(), names.end(),
-                                      [](std::string const& name) { return name.size() < columnWidthCM; });
-        if (fits)
-            matrix(result, names);
-        else
-            list(result);
-    }
-
-    void matrix(ComparisonResult const& result, std::vector<std::string> const& names) {
-        std::map<std::pair<std::string, std::string>, std::uint64_t> cells;
-        for (Move const& move : result.moves)
-            cells[{nameOf(move.from), nameOf(move.to)}] += move.numbers;
-        outM.append("\nNumbers moved from network (left) to network (top); '-' is nobody:\n" +
-                    std::string(labelWidthCM, ' '));
-        for (std::string const& to : names)
-            cell(to);
-        for (std::string const& from : names) {
-            outM.append("\n" + from + std::string(labelWidthCM - from.size(), ' '));
-            for (std::string const& to : names) {
-                auto const found = cells.find({from, to});
-                cell(found == cells.end() ? "." : std::to_string(found->second));
-            }
-        }
-        outM.append('\n');
-    }
-
-    void list(ComparisonResult const& result) {
-        outM.append(std::string_view("\nNumbers moved from network to network, most first; '-' is nobody:\n"));
-        std::uint64_t rest = result.otherMoves;
-        for (std::size_t i = 0; i < result.moves.size(); ++i) {
-            Move const& move = result.moves[i];
-            if (i >= mostListedCM) {
-                rest += move.numbers;
-                continue;
-            }
-            cell(std::to_string(move.numbers));
-            outM.append("  " + nameOf(move.from) + " -> " + nameOf(move.to) + "\n");
-        }
-        if (rest == 0)
-            return;
-        cell(std::to_string(rest));
-        outM.append(std::string_view("  between others (--json tells more)\n"));
-    }
-};
-
-// The object is written piece by piece, so that it may list millions of numbers.
-class JsonReport : public Report {
-  public:
-    explicit JsonReport(std::optional<Difference> listed) : listedM(listed) {}
-
-    void number(NumberChange const& change) override {
-        outM.append(startedM ? std::string_view(",\n") : "{\"changes\":[\n");
-        startedM = true;
-        outM.append(dump({{"number", change.number}, {"old", json(change.before)}, {"new", json(change.after)}}));
-    }
-
-    void finish(Totals const& totals) override {
-        if (startedM)
-            outM.append(std::string_view("],\n"));
-        else
-            outM.append(listedM ? std::string_view("{\"changes\":[],\n") : "{");
-        outM.append(std::string_view(dump(object(totals))).substr(1)); // without its opening brace
-        outM.append('\n');
-    }
-
-  private:
-    static std::string dump(Json const& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
-    static std::string digits(BAS::DateTime at) { return at.asString("%Y%m%d%H%M%S").str(); }
-
-    static Json json(std::optional<ShownRecord> const& record) {
-        return record ? Json{{"validFrom", digits(record->validFrom)}, {"network", asUtf8(record->network)}} : Json();
-    }
-
-    static Json json(FileTotals const& file) {
-        DataSummary const& lines = file.lines;
-        return {{"file", asUtf8(file.name)},
-                {"lines", lines.lines},
-                {"records", lines.records},
-                {"numbers", lines.numbers},
-                {"rejectedFields", lines.rejectedFields},
-                {"rejectedDateTimes", lines.rejectedDateTimes},
-                {"rejectedNumbers", lines.rejectedNumbers},
-                {"rejectedNetworks", lines.rejectedNetworks},
-                {"duplicates", lines.duplicates}};
-    }
-
-    static Json moves(ComparisonResult const& result) {
-        auto const name = [](std::optional<std::string> const& network) {
-            return network ? Json(asUtf8(*network)) : Json();
-        };
-        // Names that are no UTF-8 may become the same one.
-        std::map<std::pair<Json, Json>, std::uint64_t> summed;
-        for (Move const& move : result.moves)
-            summed[{name(move.from), name(move.to)}] += move.numbers;
-        Json list = Json::array();
-        for (auto const& [networks, numbers] : summed)
-            list.push_back({{"from", networks.first}, {"to", networks.second}, {"numbers", numbers}});
-        return list;
-    }
-
-    Json object(Totals const& totals) const {
-        Json all = {{"equal", totals.result.isEqual()}, {"at", digits(totals.at)},
-                    {"old", json(totals.before)},       {"new", json(totals.after)},
-                    {"moves", moves(totals.result)},    {"otherMoves", totals.result.otherMoves}};
-        for (std::size_t i = 0; i < differenceNamesCM.size(); ++i)
-            all[differenceNamesCM[i]] = totals.result.numbers[i];
-        if (listedM)
-            all["listed"] = differenceNamesCM[static_cast<std::size_t>(*listedM)];
-        return all;
-    }
-
-    std::optional<Difference> listedM;
-    bool startedM = false;
-};
-
-std::unique_ptr<Report> makeReport(DiffOptions const& options) {
-    if (options.json)
-        return std::make_unique<JsonReport>(options.list);
-    if (options.list)
-        return std::make_unique<ListReport>();
-    return std::make_unique<TextReport>();
-}
 
 // Takes the lines of one file to its sorter.
 class Reading {
@@ -360,11 +104,11 @@ void complete(FileTotals& file, SideCounts const& counts) {
 } // namespace
 
 int diff(DiffOptions const& options) {
-    Totals totals = {instantOf(options), {options.before, {}}, {options.after, {}}, {}};
+    DiffTotals totals = {instantOf(options), {options.before, {}}, {options.after, {}}, {}};
     Comparing comparing(options);
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
     std::unique_ptr<RecordSource> after = comparing.read(totals.after);
-    std::unique_ptr<Report> const report = makeReport(options);
+    std::unique_ptr<DiffReport> const report = makeDiffReport(options.list, options.json);
     FileComparison comparison(comparing.names(), totals.at, options.list,
                               [&](NumberChange const& change) { report->number(change); });
     totals.result = comparison.compare(std::move(before), std::move(after));

@@ -3,8 +3,6 @@
 // Purpose: gathers records in one block of memory of a fixed size. When it is full it is sorted and written to a
 // temporary file, a run; in the end the runs are merged as they are read. Records that come in order are not sorted,
 // and those that the block holds are never written.
-// Order: by the digits of the number, lexicographically, a number before its extensions; then newest first; then by
-// line. It is that of a listing.
 // Units and ranges: a record takes 32 bytes, and what its number has beyond sixteen digits. More than mostRunsCM runs
 // are merged into one before the next is written, so that few files are open.
 // Ownership: runs are files without a name in the folder for temporary files (TMPDIR): they vanish with the program. A
@@ -17,47 +15,14 @@
 #pragma once
 
 #include "host/FileDescriptor.h"
+#include "host/SortedRecord.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string_view>
 #include <vector>
 
 namespace nphost {
-
-struct SortedRecord {
-    std::uint64_t head = 0;    // the first sixteen digits, headOf
-    std::uint64_t seconds = 0; // of the valid-from
-    std::uint64_t line = 0;
-    std::uint32_t network = 0; // as NetworkNames has it
-    std::string_view tail;     // the digits after the sixteenth
-    std::string_view text;     // the name of a network without a number
-};
-
-// Up to sixteen digits in one word: four bits each, the digit and 1, the first highest, the rest 0. Words compare as
-// the digits do.
-constexpr std::size_t headDigitsCM = 16;
-std::uint64_t headOf(std::string_view digits) noexcept;
-void appendHead(std::string& digits, std::uint64_t head);
-
-// Below 0, 0 or above: the number of the one comes before, is or comes after that of the other.
-inline int compareNumbers(SortedRecord const& one, SortedRecord const& other) {
-    if (one.head != other.head)
-        return one.head < other.head ? -1 : 1;
-    return one.tail.compare(other.tail);
-}
-
-class RecordSource {
-  public:
-    RecordSource() = default;
-    RecordSource(RecordSource const&) = delete;
-    RecordSource& operator=(RecordSource const&) = delete;
-    virtual ~RecordSource() = default;
-
-    // False at the end.
-    virtual bool next(SortedRecord& record) = 0;
-};
 
 class RecordSorter {
   public:
