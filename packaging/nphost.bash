@@ -1,7 +1,7 @@
 # bash completion for nphost. Commands, options and arguments are taken from the help of the program that is there.
 
-# _nphost_help NPHOST COMMAND...: a line for each command ("command NAME"), option ("option -x --xxx VALUE") and argument
-# ("argument VALUE") that its help shows.
+# _nphost_help NPHOST COMMAND...: a line for each command ("command NAME"), option ("option -x --xxx VALUE") and
+# argument ("argument VALUE") that its help shows.
 _nphost_help() {
     "$@" --help 2>/dev/null | awk '
         /^$/ { part = "" }
@@ -27,7 +27,7 @@ _nphost_values() {
 
 _nphost() {
     local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local command=("${COMP_WORDS[0]}") help word value=
+    local command=("${COMP_WORDS[0]}") help word words value=
     help=$(_nphost_help "${command[@]}")
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if grep -qxF -- "command $word" <<<"$help"; then
@@ -36,16 +36,19 @@ _nphost() {
         fi
     done
     if [[ $before == -* ]]; then
-        value=$(awk -v option="$before" '{ for (i = 2; i < NF; ++i) if ($i == option && $NF != "-") print $NF }' <<<"$help")
+        value=$(awk -v option="$before" \
+            '{ for (i = 2; i < NF; ++i) if ($i == option && $NF != "-") print $NF }' <<<"$help")
     fi
     [[ -n $value || $current == -* ]] || value=$(awk '$1 == "argument" { print $2; exit }' <<<"$help")
     COMPREPLY=()
     if [[ -n $value ]]; then
         mapfile -t COMPREPLY < <(_nphost_values "$value")
     elif [[ $current == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(awk '$1 == "option" { $1 = $NF = ""; print }' <<<"$help")" -- "$current")
+        words=$(awk '$1 == "option" { $1 = $NF = ""; print }' <<<"$help")
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
     else
-        mapfile -t COMPREPLY < <(compgen -W "$(awk '$1 == "command" { print $2 }' <<<"$help")" -- "$current")
+        words=$(awk '$1 == "command" { print $2 }' <<<"$help")
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
     fi
     case $value in
         KEY=VALUE) compopt -o nospace ;;

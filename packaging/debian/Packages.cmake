@@ -55,7 +55,11 @@ reloaded while it answers.
 The package also has the module for programs that ask from within their own
 process; numberportability-dev has what they are built with.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles;${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst;${CMAKE_CURRENT_SOURCE_DIR}/debian/prerm;${CMAKE_CURRENT_SOURCE_DIR}/debian/postrm;${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/prerm
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/postrm
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME numberportability-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
