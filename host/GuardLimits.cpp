@@ -119,16 +119,18 @@ char const* nameOf(LoadKind kind) {
 }
 
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
+    // Of a batch of lines; what doubled while it grew may still lie in the heap beside it.
     constexpr std::uint64_t gatheredLines = 1UL << 18;
-    constexpr std::uint64_t gatheredText = 32 * mebibyteCM; // grown by doubling to hold 16 MiB
-    constexpr std::uint64_t bytesALine = 128;               // a gathered record with its place and its spare
+    constexpr std::uint64_t bytesALine = 192;
+    constexpr std::uint64_t gatheredText = 16 * mebibyteCM;
+    constexpr std::uint64_t copiesOfText = 3;
+    constexpr std::uint64_t copiesOfALine = 8; // a line of any length: read, gathered, kept, reported
     constexpr std::uint64_t historyBytes = 64; // a number's second record moves both from its word to a history
-    constexpr std::uint64_t copiesOfALine = 8; // what is read, gathered, kept and reported
     std::uint64_t const live = figures.liveTreeBytes;
     std::uint64_t const fresh = figures.treeBytes;
     std::uint64_t const lines = figures.lineBytes;
     std::uint64_t bytes = figures.otherBytes + std::min(figures.lines, gatheredLines) * bytesALine +
-                          std::min(2 * lines, gatheredText) + figures.longestLine * copiesOfALine;
+                          std::min(lines, gatheredText) * copiesOfText + figures.longestLine * copiesOfALine;
     switch (kind) {
     case LoadKind::FIRST_LOAD:
         bytes += 2 * fresh;

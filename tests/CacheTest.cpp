@@ -460,6 +460,46 @@ TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
     readError("main");
 }
 
+// The file is opened as it is expected to be, and something is written to it before its end.
+TEST_F(Cache, AdoptsNothingOfAnExpectedFileThatChangesWhileItIsRead) {
+    auto const expect = [&](std::string const& name, std::string const& lines) {
+        STR::FileIoTurbo reader;
+        ASSERT_TRUE(reader.openFile(BAS::String(folder.write(name, lines)), STR::FileIoTurbo::readModeCM));
+        cache->expectFile(reader.fileName(), reader.version());
+        plugIn.reports.clear();
+        plugIn.onReport = [this, name](PlugIn::Report const&) {
+            std::ofstream(folder.path() / name, std::ios::app) << "0171 20240101000000 LATE\n";
+            plugIn.onReport = nullptr;
+        };
+    };
+    auto const changed = [&](std::string const& name) {
+        EXPECT_EQ(plugIn.reports.back().identifier, "ERR_FILE_CHANGED");
+        EXPECT_EQ(plugIn.reports.back().arguments, Arguments{folder.file(name)});
+    };
+    expect("main", manyLines("OLD"));
+    EXPECT_FALSE(cache->load());
+    changed("main");
+    EXPECT_FALSE(delta("0049 20240101000000 N\n")) << "the main file has not been read";
+
+    use(codes);
+    ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
+    std::string const old = listing();
+    expect("main", manyLines("NEW"));
+    EXPECT_FALSE(cache->cacheReload(true));
+    changed("main");
+    EXPECT_EQ(listing(), old);
+    std::string const lines = manyLines("DELTA");
+    expect("delta", lines);
+    EXPECT_FALSE(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))));
+    changed("delta");
+    EXPECT_EQ(listing(), old);
+
+    EXPECT_FALSE(delta("0049 20240101000000 N\n")) << "another version still";
+    cache->expectAnyFile();
+    EXPECT_TRUE(delta("0049 20240101000000 N\n")) << "and into the old data";
+    EXPECT_EQ(listing(), old + "0049  20240101000000  N\n");
+}
+
 TEST_F(Cache, PrintsToTheConsoleOrAFile) {
     ASSERT_TRUE(loadLines("0171 20240101000000 A\n"));
     std::string const target = folder.write("target", "old");

@@ -140,11 +140,11 @@ TEST(GuardLimitsTest, MemoryIsNeverReckonedTooSmall) {
         std::string first, then, delta;
     };
     for (Case const& test :
-         {Case{"one record a number", lines(200'000, 1, "N"), lines(200'000, 1, "N"), lines(50'000, 1, "N")},
-          Case{"many records a number, long networks", lines(200'000, 400'000, "A-long-network-"),
-               lines(200'000, 400'000, "A-long-network-"), lines(50'000, 400'000, "A-long-network-")},
-          Case{"much smaller than before", lines(400'000, 1, "N"), lines(1'000, 1, "N"), lines(1'000, 1, "N")},
-          Case{"much larger", lines(1'000, 1, "N"), lines(300'000, 1, "N"), lines(300'000, 1, "N")}}) {
+         {Case{"one record a number", lines(100'000, 1, "N"), lines(100'000, 1, "N"), lines(25'000, 1, "N")},
+          Case{"many records a number, long networks", lines(50'000, 400'000, "A-long-network-"),
+               lines(50'000, 400'000, "A-long-network-"), lines(10'000, 400'000, "A-long-network-")},
+          Case{"much smaller than before", lines(200'000, 1, "N"), lines(1'000, 1, "N"), lines(1'000, 1, "N")},
+          Case{"much larger", lines(1'000, 1, "N"), lines(150'000, 1, "N"), lines(150'000, 1, "N")}}) {
         Site site(test.first, "[host.guard]\nmaxMemoryMiB = 4000\n");
         site.start();
         std::string const process = "/proc/" + site.status().at("process").dump();
