@@ -159,7 +159,7 @@ bool ByteSource::fill() {
 }
 
 void ByteSource::recognise() {
-    rawM = std::string_view(bufferM.data(), 0);
+    rawM = std::string_view(bufferM.data(), bufferM.size()).substr(0, 0); // not null: recognised
     while (rawM.size() < magicBytesCM && fill()) {
     }
     switch (compressionOfContent(rawM)) {
