@@ -22,6 +22,11 @@
 
 namespace nphost {
 
+enum class LoadKind { FIRST_LOAD, RELOAD, DELTA };
+
+// "first load", "reload", "delta"
+char const* nameOf(LoadKind kind);
+
 struct GuardLimits {
     static constexpr std::uint32_t wholeCM = 100'000; // a hundred percent
 
@@ -34,17 +39,17 @@ struct GuardLimits {
     bool any() const {
         return maxLossPercent || maxRejectedPercent || minRecords || requireCompleteLastLine || maxMemoryMiB;
     }
+    // Whether one of them is asked of such a load.
+    bool applyTo(LoadKind kind) const {
+        return maxRejectedPercent || requireCompleteLastLine || maxMemoryMiB ||
+               (maxLossPercent && kind == LoadKind::RELOAD) || (minRecords && kind != LoadKind::DELTA);
+    }
 };
-
-enum class LoadKind { FIRST_LOAD, RELOAD, DELTA };
-
-// "first load", "reload", "delta"
-char const* nameOf(LoadKind kind);
 
 // What a check has found: of the file, and of the live data.
 struct LoadFigures {
-    bool readToEnd =
-        false; // false: memory was at its limit before the file was at its end, and all figures are too small
+    // False: memory was at its limit before the file was at its end, and all figures are too small.
+    bool readToEnd = false;
     std::uint64_t lines = 0;
     std::uint64_t records = 0;
     std::uint64_t rejected = 0;

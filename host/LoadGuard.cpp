@@ -57,7 +57,7 @@ LoadGuard::LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const&
 LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
     LoadCheck check;
     check.kind = kind;
-    check.guarded = isOn();
+    check.guarded = limitsM.applyTo(kind);
     check.forced = check.guarded && force;
     check.passed = !check.guarded || check.forced;
     if (!check.guarded)

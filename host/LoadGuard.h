@@ -9,7 +9,8 @@
 // Ownership: borrows the plug-in and its log; both must outlive it.
 // Threads: check and ended by any, one at a time; standing and stop by any.
 // Errors: std::bad_alloc, from check as an outcome that has not passed.
-// Complexity: a check is linear in the file and holds one tree of its records. Without limits a check does nothing.
+// Complexity: a check is linear in the file and holds one tree of its records. Without limits for the kind of load it
+// does nothing, and passes.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
@@ -31,7 +32,7 @@ namespace nphost {
 struct LoadCheck {
     LoadKind kind = LoadKind::RELOAD;
     std::string file;
-    bool guarded = false;  // there are limits
+    bool guarded = false;  // there are limits for such a load
     bool forced = false;   // they were not asked
     bool examined = false; // the file could be read
     bool passed = false;
@@ -50,7 +51,7 @@ class LoadGuard {
     LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const& log);
     LoadGuard(LoadGuard const&) = delete;
     LoadGuard& operator=(LoadGuard const&) = delete;
-    ~LoadGuard() { ended(); }
+    ~LoadGuard() = default;
 
     bool isOn() const { return limitsM.any(); }
     GuardLimits const& limits() const { return limitsM; }

@@ -104,7 +104,8 @@ void UpdateRunner::check(Job const& job) {
     wakeUpM.wake();
     while (loadingM && !stopM)
         changedM.wait(lockM);
-    guardM.ended();
+    if (!loadingM) // otherwise the plug-in still ends it, and then ends itself
+        guardM.ended();
 }
 
 // The name was checked when the request came, but what it means may have changed while the request waited.

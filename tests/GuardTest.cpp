@@ -263,6 +263,17 @@ TEST(GuardDaemonTest, RefusesToStartWithABrokenFile) {
     }
 }
 
+TEST(GuardDaemonTest, ReadsNothingTwiceThatNoLimitIsAskedOf) {
+    Site site(dataCM, "[host.guard]\nmaxLossPercent = 0\n");
+    site.start();
+    Result const delta = site.ctl({"--json", "delta", site.folder.write("delta", "0033 20200101000000 E"), "--wait"});
+    EXPECT_TRUE(Json::parse(delta.out).at("check").is_null()) << delta.out;
+    EXPECT_EQ(site.status().at("records"), 5);
+    EXPECT_FALSE(contains(site.log(), "INF_HOST_GUARD_PASSED")) << "also the first load";
+    expectResult(site.ctl({"reload", "--wait"}), 0, ", the check ", "a reload is asked");
+    EXPECT_EQ(site.stop(), 0);
+}
+
 // A large file is checked again and again until a status has been answered meanwhile.
 TEST(GuardDaemonTest, AnswersDuringACheckAndEndsItWhenItStops) {
     Site site(dataCM, limitsCM);
@@ -314,7 +325,7 @@ TEST(GuardRaceTest, LoadsOnlyTheVersionThatWasChecked) {
     nphost::Host host(std::move(configuration), nphost::CommonOptions{site.folder.file("nphost.toml")});
     host.start();
     nphost::GuardLimits limits;
-    limits.minRecords = 1;
+    limits.maxRejectedPercent = nphost::GuardLimits::wholeCM;
     nphost::LoadGuard guard(limits, host.plugIn(), host.log());
     std::string const other = dataCM + "0033 20200101000000 ECHO\n";
     std::string const delta = site.folder.write("delta", other);
