@@ -168,10 +168,7 @@ class JsonReport : public Report {
 
 Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
-    if (BAS::RegistryEntry* const subtree = configuration.registry.find(plugInNameCM)) {
-        BAS::RegistryEntry* const fileName = subtree->find("FileName");
-        (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry("FileName"))).value(options.file);
-    }
+    configuration.dataFile(options.file);
     return configuration;
 }
 

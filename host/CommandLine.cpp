@@ -4,6 +4,7 @@
 #include "host/CtlCommand.h"
 #include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
+#include "host/ImportCommand.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
 #include "host/PrintCommand.h"
@@ -106,6 +107,32 @@ Example:
 
 )";
 
+constexpr char const* importHelpCM =
+    R"(Makes a data file of a feed: separated values, as they are or compressed by gzip or
+zstd. COLUMN is a name of the feed's header or a position from 1. The records keep their
+order. What cannot be a record is rejected with file, line and reason, and the rest is
+written; the output is replaced only when the whole feed has been read.
+
+Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601), seconds or milliseconds since 1970, or a
+pattern as strptime takes it, '%d/%m/%Y %H:%M'. Those with an offset are turned into the
+clock time of --zone, which is the data's; those without stay as they are.
+
+Blanks inside the name of a network become an underscore. A record that is repeated is
+written once. With --normalise numbers may be written as people do or as tel: and sip:
+addresses, and are brought into stored form; without, only visual separators go.
+
+Examples:
+  nphost import --map number=msisdn,valid-from=since,network=operator --time-format iso \
+      --zone Europe/Paris --normalise --config nphost.toml --output ported.dat feed.csv.gz
+  zcat feed.txt.gz | nphost import --map number=1,valid-from=3,network=2 --no-header \
+      --separator '|' --rejects rejects.txt - > ported.dat
+
+Exit status:
+  0  everything was taken
+  1  some records were rejected, the rest is written
+  2  a usage, configuration or file error, networks that would become one, more rejected
+     records than allowed, or none left: nothing is written; standard error says why)";
+
 constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
 reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
@@ -139,6 +166,7 @@ struct Chosen {
     EnrichOptions enrich;
     PrintOptions print;
     CheckOptions check;
+    ImportOptions feed;
     RunOptions run;
     CtlOptions ctl;
     std::string method;
@@ -264,6 +292,41 @@ void addCheck(CLI::App& app, Chosen& chosen) {
         chosen.command = [&chosen] {
             chosen.check.common = chosen.common;
             return check(chosen.check);
+        };
+    });
+}
+
+void addImport(CLI::App& app, Chosen& chosen) {
+    ImportOptions& options = chosen.feed;
+    CLI::App* const command = app.add_subcommand("import", "Make a data file of an operator's feed");
+    command->fallthrough();
+    command->footer(importHelpCM);
+    command->add_option("FILE", options.file, "The feed, or '-' for standard input")->option_text(" ")->required();
+    command->add_option("--map", options.map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)")
+        ->option_text("MAP")
+        ->required();
+    command->add_option("--separator", options.separator, "One character, or tab; default: a comma")->option_text("C");
+    command->add_flag("--no-quotes", options.noQuotes, "Take quotation marks as bytes like others");
+    command->add_flag("--no-header", options.noHeader, "The first line is a record, and columns are positions");
+    command->add_option("--time-format", options.timeFormat, "How valid-from is written; default: digits")
+        ->option_text("FORMAT");
+    command->add_option("--zone", options.zone, "The time zone of the data, Europe/Paris; default: UTC")
+        ->option_text("ZONE");
+    command->add_flag("--normalise", options.normalise, "Bring numbers into stored form; needs --config");
+    command->add_option("-c,--config", chosen.common.configuration, "The configuration file with the dialling codes")
+        ->option_text("FILE");
+    command->add_option("-o,--output", options.output, "The data file to write; default: standard output")
+        ->option_text("FILE");
+    command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, record")
+        ->option_text("FILE");
+    command->add_option("--max-rejects", options.maxRejects, "Write nothing when more are rejected")->option_text("N");
+    command->add_flag(
+        "--json", options.json,
+        "Tell what was done as one JSON object, on standard output with --output, else on standard error");
+    command->callback([&chosen] {
+        chosen.command = [&chosen] {
+            chosen.feed.common = chosen.common;
+            return importFeed(chosen.feed);
         };
     });
 }
@@ -394,6 +457,7 @@ int runChecked(int argc, char const* const* argv) {
     addEnrich(app, chosen);
     addPrint(app, chosen);
     addCheck(app, chosen);
+    addImport(app, chosen);
     addRun(app, chosen);
     addCtl(app, chosen);
     int const status = parse(app, argc, argv);

@@ -123,6 +123,14 @@ std::string Configuration::dataFile() const {
     return fileName == nullptr ? std::string() : fileName->value().str();
 }
 
+void Configuration::dataFile(std::string const& file) {
+    BAS::RegistryEntry* const subtree = registry.find(plugInNameCM);
+    if (subtree == nullptr)
+        return;
+    BAS::RegistryEntry* const fileName = subtree->find(std::string(fileNameCM));
+    (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry(std::string(fileNameCM)))).value(file);
+}
+
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file) {
     return Reader(file).read(parseToml(text, file));
 }

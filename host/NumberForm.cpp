@@ -92,6 +92,12 @@ DiallingCodes diallingCodesOf(Configuration const& configuration) {
             value("InternationalAccessCodeSign", "+")};
 }
 
+bool readPlainNumber(std::string_view text, BAS::String& out) {
+    std::string const number = withoutSeparators(text);
+    out.assign(number.data(), number.size());
+    return areDigits(std::string_view(number).substr(number.starts_with('+') ? 1 : 0));
+}
+
 NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
     : codesM(std::move(codes)), normaliseM(std::move(normalise)) {}
 

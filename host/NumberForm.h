@@ -1,9 +1,10 @@
 // nphost::NumberForm: brings numbers of foreign files into stored form.
 //
-// Purpose: feeds and call records write numbers in many forms; the data know one: international access code, country
-// code, national number. Which form a text has shows by itself:
+// Purpose: feeds and call records write numbers in many forms; the data know one: international access code,
+// country code, national number. Which form a text has shows by itself:
 //   tel:...            RFC 3966, RFC 4694
-//   sip:..., sips:...  RFC 3261: the user part, if it is a number; with user=phone as in tel:, else '+' and digits alone
+//   sip:..., sips:...  RFC 3261: the user part, if it is a number: with user=phone as in tel:, else digits alone that
+//                      may follow a plus
 //   anything else      a number as people write it
 // Blanks, tabs, '-', '.', '(' and ')' are visual separators everywhere but in a user part without user=phone. Percent
 // escapes of URIs are undone; parameters but phone-context (extensions, routing numbers), passwords and headers are
@@ -41,6 +42,10 @@ struct DiallingCodes {
 
 // As the module takes them: those that are not configured have its defaults.
 DiallingCodes diallingCodesOf(Configuration const& configuration);
+
+// A number whose form is to stay: its visual separators go, and digits that may follow a plus must be left. False, and
+// `out` means nothing, for any other text.
+bool readPlainNumber(std::string_view text, BAS::String& out);
 
 class NumberForm {
   public:

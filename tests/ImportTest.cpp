@@ -1,0 +1,304 @@
+// Operators' feeds made into data files.
+#include "host/Compression.h"
+#include "host/HostError.h"
+#include "host/ImportCommand.h"
+#include "tests/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <random>
+#include <vector>
+
+namespace {
+
+using nphost::ImportOptions;
+
+std::string const exampleCM = std::string(NP_SOURCE_FOLDER) + "/examples/nphost.toml";
+std::string const rejectsHeadCM = "file,line,reason,detail,record\n";
+using Change = std::function<void(ImportOptions&)>;
+
+// A folder with a feed, and the options that import it.
+struct Feed {
+    explicit Feed(std::string const& text, Change const& change = {}) {
+        options.map = "number=number,valid-from=since,network=operator";
+        options.file = folder.write("feed.csv", text);
+        options.output = folder.write("out.dat", before);
+        options.rejects = folder.file("rejects");
+        if (change)
+            change(options);
+    }
+
+    // The exit status and the data.
+    std::string imported() {
+        testing::internal::CaptureStderr();
+        int const status = importFeed(options);
+        told = testing::internal::GetCapturedStderr();
+        return std::to_string(status) + "\n" + contentOf(options.output);
+    }
+
+    // The error, or "none"; the data must be as they were.
+    std::string failure() {
+        testing::internal::CaptureStderr();
+        std::string reason = "none";
+        try {
+            importFeed(options);
+        } catch (nphost::HostError const& error) {
+            reason = error.what();
+        }
+        told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(contentOf(folder.file("out.dat")), before);
+        return reason;
+    }
+
+    static constexpr char const* before = "07700900999  20240101000000  OLD\n";
+    TemporaryFolder folder;
+    ImportOptions options;
+    std::string told;
+};
+
+std::string gzipped(std::string const& text) {
+    std::string place;
+    return std::string(nphost::Compressor(nphost::Compression::GZIP).compress(text, place));
+}
+
+void normalise(ImportOptions& options) {
+    options.normalise = true;
+    options.common.configuration = exampleCM;
+}
+
+TEST(ImportTest, MakesDataFilesOfFeeds) {
+    struct Case {
+        char const* label;
+        std::string feed;
+        Change change;
+        char const* result;
+    };
+    std::string const plain = "number,since,operator\n07700900123,20240101000000,ALPHA\n";
+    std::vector<Case> const cases = {
+        {"as it stands", plain, {}, "0\n07700900123  20240101000000  ALPHA\n"},
+        {"gzip", gzipped(plain), {}, "0\n07700900123  20240101000000  ALPHA\n"},
+        {"byte order mark, CRLF, no newline at the end",
+         "\xef\xbb\xbfnumber,since,operator\r\n1,20240101000000,ALPHA\r\n2,20240101000000,BETA",
+         {},
+         "0\n1  20240101000000  ALPHA\n2  20240101000000  BETA\n"},
+        {"other order, further columns, quoted names with commas",
+         "\"operator, to\",x,number,since\n\"AL\"\"PHA\",?,1,20240101000000\n",
+         [](ImportOptions& o) { o.map = "network=operator, to,valid-from=since,number=number"; },
+         "0\n1  20240101000000  AL\"PHA\n"},
+        {"positions, pipes, no header, bare quotation marks", "20240101000000|\"ALPHA|1\n",
+         [](ImportOptions& o) {
+             o.map = "number=3,valid-from=1,network=2";
+             o.separator = "|";
+             o.noHeader = o.noQuotes = true;
+         },
+         "0\n1  20240101000000  \"ALPHA\n"},
+        {"tabs", "number\tsince\toperator\n1\t20240101000000\tALPHA\n", [](ImportOptions& o) { o.separator = "tab"; },
+         "0\n1  20240101000000  ALPHA\n"},
+        {"visual separators go, the plus stays; the feed's order; repeated records once; empty lines",
+         "number,since,operator\n+44 (7700) 900-123,20240101000000,B\n\n1,20240101000000,A\n"
+         "+447700900123,20240101000000,B\n1,20230101000000,A\n",
+         {},
+         "0\n+447700900123  20240101000000  B\n1  20240101000000  A\n1  20230101000000  A\n"},
+        {"blanks around and in networks",
+         "number,since,operator\n1,20240101000000,  Big \t Blue  Phone \n2,20240101000000,Big \t Blue  Phone\n",
+         {},
+         "0\n1  20240101000000  Big_Blue_Phone\n2  20240101000000  Big_Blue_Phone\n"},
+        {"stored form: what becomes one number is repeated",
+         "number,since,operator\n07700 900123,20240101000000,A\ntel:+44-7700-900123,20240101000000,A\n", normalise,
+         "0\n00447700900123  20240101000000  A\n"},
+        {"clock changes",
+         "number,since,operator\n1,2024-03-31T02:30:00,A\n1,2024-10-27T00:30:00Z,A\n1,2024-10-27T01:30:00Z,A\n",
+         [](ImportOptions& o) {
+             o.timeFormat = "iso";
+             o.zone = "Europe/Berlin";
+         },
+         "0\n1  20240331033000  A\n1  20241027023000  A\n"},
+    };
+    for (Case const& test : cases) {
+        Feed feed(test.feed, test.change);
+        EXPECT_EQ(feed.imported(), test.result) << test.label << "\n" << feed.told;
+        EXPECT_EQ(contentOf(feed.options.rejects), rejectsHeadCM) << test.label;
+    }
+}
+
+TEST(ImportTest, RejectsWithLineAndReason) {
+    struct Case {
+        std::string record;
+        std::string reason; // as the file of rejects has it; empty for a good record
+        std::string listed; // the record there
+    };
+    std::vector<Case> const cases = {
+        {"1,20240101000000,ALPHA", "", ""},
+        {"1,20240101000000,BETA", "other-network,the number has a record of another network at this instant: 'ALPHA'",
+         "\"1,20240101000000,BETA\""},
+        {"1,20240101000000", "field-count,the record has more or fewer fields than the first", "\"1,20240101000000\""},
+        {"1,20240101000000,ALPHA,more", "field-count,the record has more or fewer fields than the first",
+         "\"1,20240101000000,ALPHA,more\""},
+        {",20240101000000,ALPHA", "no-number,there is no number", "\",20240101000000,ALPHA\""},
+        {"+,20240101000000,ALPHA", "no-number,there is no number: '+'", "\"+,20240101000000,ALPHA\""},
+        {"tel:+1,20240101000000,ALPHA",
+         "not-digits,\"the number has more than digits, and --normalise is not given: 'tel:+1'\"",
+         "\"tel:+1,20240101000000,ALPHA\""},
+        {std::string(41, '1') + ",20240101000000,ALPHA",
+         "long-number,the number is too long: '" + std::string(41, '1') + "'",
+         "\"" + std::string(41, '1') + ",20240101000000,ALPHA\""},
+        {"2,20240230000000,ALPHA", "bad-time,the time cannot be read: '20240230000000'", "\"2,20240230000000,ALPHA\""},
+        {"2,20240101000000, ", "no-network,there is no network", "\"2,20240101000000, \""},
+        {"2,20240101000000,AL\vPHA", "control-character,the network's name has a control character: 'AL\\x0bPHA'",
+         "\"2,20240101000000,AL\vPHA\""},
+        {"2,20240101000000," + std::string(201, 'N'),
+         "long-network,the network's name is too long: '" + std::string(200, 'N') + "... (201 bytes)'",
+         "\"2,20240101000000," + std::string(201, 'N') + "\""},
+        {"2,20240101000000,AL\"PHA", "broken-quotes,the quotation marks do not match",
+         "\"2,20240101000000,AL\"\"PHA\""},
+        {"2," + std::string(3'000'000, '0') + ",ALPHA", "long-record,the record is longer than a megabyte",
+         "\"2," + std::string(198, '0') + "\""},
+        {"2,20240101000000,\"AL\nPHA\"", "control-character,the network's name has a control character: 'AL\\nPHA'",
+         "\"2,20240101000000,\"\"AL\nPHA\"\"\""},
+        {"2,20240101000000,\"ALPHA", "broken-quotes,the quotation marks do not match",
+         "\"2,20240101000000,\"\"ALPHA\""},
+        {"2,20240101000000,ALPHA", "", ""},
+    };
+    std::string text = "number,since,operator\n";
+    std::string expected = rejectsHeadCM;
+    for (Case const& test : cases) {
+        auto const line = std::count(text.begin(), text.end(), '\n') + 1;
+        if (!test.reason.empty())
+            expected += "FEED," + std::to_string(line) + "," + test.reason + "," + test.listed + "\n";
+        text += test.record + "\n";
+    }
+    Feed feed(text);
+    EXPECT_EQ(feed.imported(), "1\n1  20240101000000  ALPHA\n2  20240101000000  ALPHA\n");
+    std::string rejects = contentOf(feed.options.rejects);
+    for (std::size_t at = 0; (at = rejects.find(feed.options.file, at)) != std::string::npos;)
+        rejects.replace(at, feed.options.file.size(), "FEED");
+    EXPECT_EQ(rejects, expected);
+
+    Feed shown(
+        "number,since,operator\n1,20240101000000,A\n" +
+            [] {
+                std::string bad;
+                for (int i = 0; i < 30; ++i)
+                    bad += "x,20240101000000,A\n";
+                return bad;
+            }(),
+        [](ImportOptions& o) { o.rejects.clear(); });
+    shown.imported();
+    EXPECT_EQ(std::count(shown.told.begin(), shown.told.end(), '\n'), 22) << shown.told;
+    EXPECT_NE(shown.told.find("feed.csv:3: there is no number: 'x'"), std::string::npos) << shown.told;
+    EXPECT_NE(shown.told.find("10 more"), std::string::npos) << shown.told;
+}
+
+TEST(ImportTest, LeavesTheOldDataWhenItFails) {
+    struct Case {
+        char const* label;
+        std::string feed;
+        Change change;
+        char const* reason;
+    };
+    std::string const header = "number,since,operator\n";
+    std::string const good = header + "1,20240101000000,A\n";
+    auto const mapped = [](char const* map) { return [map](ImportOptions& o) { o.map = map; }; };
+    std::vector<Case> const cases = {
+        {"networks that fall together",
+         good + "2,20240101000000,A B\n3,20240101000000,A_B\n",
+         {},
+         "the networks 'A B' and 'A_B' would become one, A_B"},
+        {"that differ in blanks",
+         good + "2,20240101000000,A B\n3,20240101000000,A  B\n",
+         {},
+         "the networks 'A B' and 'A  B' would become one, A_B"},
+        {"more rejects than allowed", good + "x,20240101000000,A\ny,20240101000000,A\n",
+         [](ImportOptions& o) { o.maxRejects = 1; }, "more records are rejected than the 1 allowed"},
+        {"nothing to take", header + "x,20240101000000,A\n", {}, "no record could be taken"},
+        {"an empty feed", "", {}, "the feed is empty"},
+        {"a damaged feed", gzipped(good).substr(0, 20), {}, "feed.csv"},
+        {"no such column", good, mapped("number=msisdn,valid-from=since,network=operator"),
+         "feed.csv:1: there is no column 'msisdn' for number among the 3 columns"},
+        {"a position beyond", good, mapped("number=1,valid-from=2,network=4"), "there is no column '4' for network"},
+        {"position 0", good, mapped("number=0,valid-from=2,network=3"), "there is no column '0' for number"},
+        {"a name twice", "number,number,since,operator\n", {}, "feed.csv:1: two columns are called 'number'"},
+        {"one column twice", good, mapped("number=1,valid-from=2,network=number"),
+         "number and network are mapped to one column"},
+        {"half a map", good, mapped("number=1,network=2"), "lacks valid-from=COLUMN"},
+        {"a field twice", good, mapped("number=1,number=2,network=3"), "maps no columns"},
+        {"no map", good, mapped("1,2,3"), "maps no columns"},
+        {"a long separator", good, [](ImportOptions& o) { o.separator = "||"; }, "is no separator"},
+        {"the feed as output", good, [](ImportOptions& o) { o.output = o.file; }, "is the feed itself"},
+        {"the output as rejects", good, [](ImportOptions& o) { o.rejects = o.output; }, "is the output or the feed"},
+        {"no codes", good, [](ImportOptions& o) { o.normalise = true; }, "--normalise needs --config"},
+    };
+    for (Case const& test : cases) {
+        Feed feed(test.feed, test.change);
+        std::string const reason = feed.failure();
+        EXPECT_NE(reason.find(test.reason), std::string::npos) << test.label << ": " << reason;
+    }
+    // But the rejects so far are told.
+    Feed feed(good + "x,20240101000000,A\ny,20240101000000,A\n", [](ImportOptions& o) { o.maxRejects = 1; });
+    feed.failure();
+    EXPECT_NE(contentOf(feed.options.rejects).find(",4,no-number,"), std::string::npos);
+}
+
+TEST(ImportTest, TellsWhatItDidAsJson) {
+    Feed feed(
+        "number,since,operator\n1,2021-10-31T01:30:00,A\n1,2021-10-31T01:30:00,A\nx,,A\n\n2,2021-03-28T01:30:00,B\n",
+        [](ImportOptions& o) {
+            o.json = true;
+            o.timeFormat = "iso";
+            o.zone = "Europe/London";
+        });
+    testing::internal::CaptureStdout();
+    feed.imported();
+    std::string const json = testing::internal::GetCapturedStdout();
+    for (char const* const part :
+         {"\"records\":2,", "\"networks\":2,", "\"repeated\":1}", "\"rejected\":1,", "\"no-number\":1,",
+          "\"emptyLines\":1,", "\"ambiguousTimes\":1,", "\"impossibleTimes\":1,"})
+        EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
+    EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1);
+    EXPECT_EQ(feed.told, "");
+}
+
+// Random records of few numbers, instants and networks, so that many fall together, against a naive model.
+TEST(ImportTest, KeepsEveryRecordOnce) {
+    std::uint64_t const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    // Some differ in a leading zero or a plus, some are too long for one machine word.
+    std::vector<std::string> const numbers = {"0",
+                                              "00",
+                                              "1",
+                                              "+1",
+                                              "10",
+                                              "+10",
+                                              "01",
+                                              "99999999999999999",
+                                              "+9999999999999999",
+                                              "999999999999999990",
+                                              "000000000000000000",
+                                              "00000000000000000",
+                                              "1234567890123456789012345",
+                                              "1234567890123456789012346"};
+    std::string feed = "number,since,operator\n";
+    std::map<std::pair<std::string, std::string>, std::string> kept;
+    std::string expected;
+    std::size_t conflicts = 0;
+    for (int i = 0; i < 3000; ++i) {
+        std::string const number = numbers[random() % numbers.size()];
+        std::string const since = std::to_string(20240101000000 + random() % 60);
+        std::string const network = "N" + std::to_string(random() % 3);
+        feed += number + "," + since + "," + network + "\n";
+        auto const [found, isNew] = kept.emplace(std::pair(number, since), network);
+        if (isNew)
+            expected += number + "  " + since + "  " + network + "\n";
+        conflicts += !isNew && found->second != network ? 1 : 0;
+    }
+    Feed import(feed);
+    EXPECT_EQ(import.imported(), "1\n" + expected);
+    std::string const rejects = contentOf(import.options.rejects);
+    EXPECT_EQ(static_cast<std::size_t>(std::count(rejects.begin(), rejects.end(), '\n')), conflicts + 1);
+}
+
+} // namespace
