@@ -35,9 +35,9 @@ constexpr std::size_t problemsCM = 10;
 
 // As reports and rejects call it: one word with hyphens.
 constexpr char const* nameOf(Problem problem) {
-    constexpr std::array<char const*, problemsCM> names = {"none",        "field-count",     "broken-quotes",
-                                                           "broken-json", "missing-member",  "name-taken",
-                                                           "too-long",    "unreadable-time", "unwritable"};
+    constexpr std::array<char const*, problemsCM> names = {"none",        "field-count",    "broken-quotes",
+                                                           "broken-json", "missing-member", "name-taken",
+                                                           "long-record", "bad-time",       "unwritable"};
     return names[static_cast<std::size_t>(problem)];
 }
 

@@ -367,13 +367,13 @@ TEST_F(EnrichTest, FormatsToTheByte) {
                   newHeadCM + "00441" + nul + "\xff," + t + ",A\n", ""},
              Case{"every reason", "a,b.csv",
                   headCM + "00441,2021\n00441\n00441," + t + ",\n\"00441," + t + "\nx\n0044\"1," + t + "\n", newHeadCM,
-                  "\"a,b.csv\",2,unreadable-time,\"00441,2021\"\n\"a,b.csv\",3,field-count,\"00441\"\n"
+                  "\"a,b.csv\",2,bad-time,\"00441,2021\"\n\"a,b.csv\",3,field-count,\"00441\"\n"
                   "\"a,b.csv\",4,field-count,\"00441," +
                       t + ",\"\n\"a,b.csv\",5,broken-quotes,\"\"\"00441," + t +
                       "\"\n\"a,b.csv\",6,field-count,\"x\"\n\"a,b.csv\",7,broken-quotes,\"0044\"\"1," + t + "\"\n"},
              Case{"kept", "a.csv", headCM + "00441,2021\n00441\n\"00441\n00441," + t + "\n",
                   newHeadCM + "00441,2021,\n00441,\n\"00441\n00441," + t + ",A\n",
-                  "a.csv,2,unreadable-time,\"00441,2021\"\na.csv,3,field-count,\"00441\"\na.csv,4,broken-quotes,"
+                  "a.csv,2,bad-time,\"00441,2021\"\na.csv,3,field-count,\"00441\"\na.csv,4,broken-quotes,"
                   "\"\"\"00441\"\n",
                   "--keep"},
              Case{"no number is not a reject", "a.csv", headCM + "," + t + "\nanonymous," + t + "\n",
@@ -493,7 +493,7 @@ TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
     EXPECT_EQ(result.status, 1) << result.err;
     EXPECT_EQ(contentOf(folder.file("out")), newHeadCM + good + ",A\n" + good + ",A\n");
     EXPECT_TRUE(decompressed(folder.file("rejects.gz")) ==
-                "file,line,reason,record\na.csv,3,too-long,\"00441,\"\"" + std::string(3500000, 'x') + "\"\"\"\n");
+                "file,line,reason,record\na.csv,3,long-record,\"00441,\"\"" + std::string(3500000, 'x') + "\"\"\"\n");
     EXPECT_TRUE(run("--keep a.csv").out == newHeadCM + good + ",A\n" + huge + "\n" + good + ",A\n");
 
     folder.write("out", "old");
@@ -503,7 +503,7 @@ TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
     Result const stopped = run("--output out --max-rejects 0 a.csv");
     EXPECT_TRUE(stopped.status == 1 && contains(stopped.err, "out was not written")) << stopped.err;
     EXPECT_EQ(contentOf(folder.file("out")), "old");
-    EXPECT_TRUE(contains(contentOf(folder.file("out.rejects")), "a.csv,3,too-long"));
+    EXPECT_TRUE(contains(contentOf(folder.file("out.rejects")), "a.csv,3,long-record"));
 }
 
 TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
@@ -533,9 +533,8 @@ TEST_F(EnrichTest, SummaryCounts) {
     Result const json = run("--zone Europe/Paris --rejects r --json a.csv");
     for (char const* const part :
          {"\"records\":9,", "\"found\":5,", "\"notFound\":1,", "\"withoutNumber\":1", "\"rejected\":2,",
-          "\"rejectedByReason\":{\"field-count\":1,\"unreadable-time\":1}", "\"ambiguousTimes\":1,",
-          "\"impossibleTimes\":1,", "\"networks\":3,",
-          "\"topNetworks\":[{\"network\":\"A\",\"numbers\":3},{\"network\":\"B\",\"numbers\":1},"})
+          "\"rejectedByReason\":{\"field-count\":1,\"bad-time\":1}", "\"ambiguousTimes\":1,", "\"impossibleTimes\":1,",
+          "\"networks\":3,", "\"topNetworks\":[{\"network\":\"A\",\"numbers\":3},{\"network\":\"B\",\"numbers\":1},"})
         EXPECT_TRUE(contains(json.err, part)) << part << "\n" << json.err;
     EXPECT_EQ(json.status, 1);
     Result const through = run("--pass-through --keep a.csv");
