@@ -1,4 +1,4 @@
-#include "host/NetworkNames.h"
+#include "host/FeedNetworks.h"
 
 #include "host/HostError.h"
 #include "host/Text.h"
@@ -23,7 +23,7 @@ std::string identifierOf(std::string_view name) {
 
 } // namespace
 
-std::uint32_t NetworkNames::numberOf(std::string_view name) {
+std::uint32_t FeedNetworks::numberOf(std::string_view name) {
     if (latestM < networksM.size() && networksM[latestM].written == name)
         return latestM;
     auto const found = byWrittenM.find(name);
@@ -31,7 +31,7 @@ std::uint32_t NetworkNames::numberOf(std::string_view name) {
     return latestM;
 }
 
-std::uint32_t NetworkNames::add(std::string_view name) {
+std::uint32_t FeedNetworks::add(std::string_view name) {
     auto const number = static_cast<std::uint32_t>(networksM.size());
     Network const& network = networksM.emplace_back(std::string(name), identifierOf(name));
     auto const [other, isNew] = byIdentifierM.emplace(network.identifier, number);
