@@ -29,7 +29,8 @@ namespace {
 
 constexpr char const* exitStatusCM = R"(Exit status:
   0  fine: everything found, or the file is clean
-  1  a number without a record, a line that is no question, or a file with rejected lines
+  1  a number without a record, a line that is no question, a file with rejected lines, or
+     files that differ
   2  a usage, configuration or file error; one line on standard error says which
   3  'check --guard': the file crosses a limit; 'run': the first load does)";
 
