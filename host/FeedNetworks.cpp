@@ -33,7 +33,8 @@ std::uint32_t FeedNetworks::numberOf(std::string_view name) {
 
 std::uint32_t FeedNetworks::add(std::string_view name) {
     auto const number = static_cast<std::uint32_t>(networksM.size());
-    Network const& network = networksM.emplace_back(std::string(name), identifierOf(name));
+    networksM.push_back({std::string(name), identifierOf(name)});
+    Network const& network = networksM.back();
     auto const [other, isNew] = byIdentifierM.emplace(network.identifier, number);
     if (!isNew)
         throw HostError("the networks '" + shortened(networksM[other->second].written) + "' and '" + shortened(name) +
