@@ -128,7 +128,7 @@ TEST(GuardLimitsTest, MemoryIsNeverReckonedTooSmall) {
     constexpr unsigned seed = 20261123;
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
-    auto const lines = [&random](int count, int histories, std::string const& network) {
+    auto const lines = [&random](int count, std::uint64_t histories, std::string const& network) {
         std::string text;
         for (int i = 0; i < count; ++i)
             text += "0044" + std::to_string(1'000'000'000 + random() % 9'000'000'000 / histories * histories) + " 20" +
