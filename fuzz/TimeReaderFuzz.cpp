@@ -1,4 +1,4 @@
-// Fuzz target: reading the times of foreign files, against models by regular expression and the standard library's
+// Fuzz target: reading the times of foreign files, against models by regular expressions and the standard library's
 // calendar.
 //
 // Input: the first line is a format, the second begins with a digit that chooses a zone, each further one is a time.
@@ -8,7 +8,7 @@
 #include "host/HostError.h"
 #include "host/TimeReader.h"
 
-#include <regex>
+#include <regex.h>
 #include <sstream>
 
 namespace {
@@ -50,41 +50,84 @@ std::string trimmed(std::string const& text) {
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
 }
 
+// A POSIX extended regular expression for whole texts.
+class Pattern {
+  public:
+    explicit Pattern(char const* expression) {
+        if (regcomp(&compiledM, expression, REG_EXTENDED) != 0)
+            std::abort();
+    }
+    Pattern(Pattern const&) = delete;
+    Pattern& operator=(Pattern const&) = delete;
+    ~Pattern() { regfree(&compiledM); }
+
+    // The whole and the parts in parentheses, empty where they are not there; nothing if the text does not match.
+    std::optional<std::vector<std::string>> parts(std::string const& text) const {
+        std::vector<regmatch_t> places(compiledM.re_nsub + 1);
+        places[0] = {0, static_cast<regoff_t>(text.size())}; // a NUL does not end the text
+        if (regexec(&compiledM, text.c_str(), places.size(), places.data(), REG_STARTEND) != 0)
+            return std::nullopt;
+        std::vector<std::string> result;
+        for (regmatch_t const& place : places)
+            result.push_back(place.rm_so < 0 ? std::string()
+                                             : text.substr(static_cast<std::size_t>(place.rm_so),
+                                                           static_cast<std::size_t>(place.rm_eo - place.rm_so)));
+        return result;
+    }
+
+  private:
+    regex_t compiledM;
+};
+
+bool hasOtherThanZeros(std::string const& fraction) {
+    return fraction.find_first_of("123456789") != std::string::npos;
+}
+
 std::string isoModel(std::string const& text) {
-    static std::regex const whole("(\\d{4})(-?)(\\d\\d)\\2(\\d\\d)[Tt ]"
-                                  "(\\d\\d)(:?)(\\d\\d)(?:\\6(\\d\\d)([.,]\\d+)?)?"
-                                  "(?:[Zz]| ?([-+])([01]\\d|2[0-3])(?::?([0-5]\\d))?)?");
-    std::smatch part;
-    if (!std::regex_match(text, part, whole))
+    enum : std::size_t {
+        YEAR = 1,
+        MONTH = 3,
+        DAY,
+        HOUR,
+        MINUTE = 7,
+        SECOND = 9,
+        FRACTION,
+        SIGN = 12,
+        HOURS,
+        MINUTES = 15
+    };
+    static Pattern const whole("^([0-9]{4})(-?)([0-9]{2})\\2([0-9]{2})[Tt ]"
+                               "([0-9]{2})(:?)([0-9]{2})(\\6([0-9]{2})([.,][0-9]+)?)?"
+                               "([Zz]| ?([-+])([01][0-9]|2[0-3])(:?([0-5][0-9]))?)?$");
+    std::optional<std::vector<std::string>> const parts = whole.parts(text);
+    if (!parts)
         return "-";
-    std::string const day = part.str(1) + part.str(3) + part.str(4);
-    std::string seconds = part[8].matched ? part.str(8) : "00";
-    bool const endOfDay =
-        part.str(5) + part.str(7) + seconds == "240000" && part.str(9).find_first_of("123456789") == std::string::npos;
-    if (seconds == "60" && std::stoi(part.str(7)) % 15 == 14)
+    std::vector<std::string> const& part = *parts;
+    std::string seconds = part[SECOND].empty() ? "00" : part[SECOND];
+    bool const endOfDay = part[HOUR] + part[MINUTE] + seconds == "240000" && !hasOtherThanZeros(part[FRACTION]);
+    if (seconds == "60" && std::stoi(part[MINUTE]) % 15 == 14)
         seconds = "59";
-    std::optional<std::uint64_t> const clock =
-        npfuzz::secondsOf(day + (endOfDay ? "000000" : part.str(5) + part.str(7) + seconds));
+    std::optional<std::uint64_t> const clock = npfuzz::secondsOf(
+        part[YEAR] + part[MONTH] + part[DAY] + (endOfDay ? "000000" : part[HOUR] + part[MINUTE] + seconds));
     if (!clock)
         return "-";
     std::int64_t const reached = static_cast<std::int64_t>(*clock) + (endOfDay ? 86400 : 0);
-    if (textOfSeconds(reached) == "-" || !part[10].matched)
+    if (textOfSeconds(reached) == "-" || part[SIGN].empty())
         return textOfSeconds(reached);
-    int const offset = std::stoi(part.str(11)) * 3600 + (part[12].matched ? std::stoi(part.str(12)) * 60 : 0);
-    return textOfSeconds(reached + (part.str(10) == "-" ? offset : -offset));
+    int const offset = std::stoi(part[HOURS]) * 3600 + (part[MINUTES].empty() ? 0 : std::stoi(part[MINUTES]) * 60);
+    return textOfSeconds(reached + (part[SIGN] == "-" ? offset : -offset));
 }
 
 // Up to 15 digits are far beyond the year 9999.
 std::string secondsModel(std::string const& text, std::int64_t unit) {
-    static std::regex const whole("(-?)(0*)(\\d{1,15})([.,](\\d+))?");
-    std::smatch part;
-    if (!std::regex_match(text, part, whole) || (unit > 1 && part[4].matched))
+    enum : std::size_t { MINUS = 1, NUMBER = 3, FRACTION };
+    static Pattern const whole("^(-?)(0*)([0-9]{1,15})([.,][0-9]+)?$");
+    std::optional<std::vector<std::string>> const parts = whole.parts(text);
+    if (!parts || (unit > 1 && !(*parts)[FRACTION].empty()))
         return "-";
-    std::int64_t const number = std::stoll(part.str(3));
-    bool const fraction = part.str(5).find_first_of("123456789") != std::string::npos;
-    bool const negative = part.str(1) == "-";
-    std::int64_t const downward = number / unit + (number % unit != 0 || fraction ? 1 : 0);
-    return textOfSeconds(UNIX_EPOCH + (negative ? -downward : number / unit));
+    std::int64_t const number = std::stoll((*parts)[NUMBER]);
+    std::int64_t const upward = number / unit + (number % unit != 0 || hasOtherThanZeros((*parts)[FRACTION]) ? 1 : 0);
+    return textOfSeconds(UNIX_EPOCH + ((*parts)[MINUS].empty() ? number / unit : -upward));
 }
 
 void checkInUtc(std::string const& text) {

@@ -168,7 +168,7 @@ class JsonReport : public Report {
 
 Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
-    configuration.dataFile(options.file);
+    configuration.useDataFile(options.file);
     return configuration;
 }
 

@@ -123,12 +123,13 @@ std::string Configuration::dataFile() const {
     return fileName == nullptr ? std::string() : fileName->value().str();
 }
 
-void Configuration::dataFile(std::string const& file) {
+void Configuration::useDataFile(std::string const& file) {
     BAS::RegistryEntry* const subtree = registry.find(plugInNameCM);
-    if (subtree == nullptr)
+    if (subtree == nullptr) // the plug-in will report that
         return;
-    BAS::RegistryEntry* const fileName = subtree->find(std::string(fileNameCM));
-    (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry(std::string(fileNameCM)))).value(file);
+    BAS::String const key{std::string(fileNameCM)};
+    BAS::RegistryEntry* const fileName = subtree->find(key);
+    (fileName != nullptr ? *fileName : subtree->append(BAS::RegistryEntry(key))).value(BAS::String(file));
 }
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file) {

@@ -55,8 +55,8 @@ struct Configuration {
 
     // What the plug-in is told is its data file; empty when it is told none.
     std::string dataFile() const;
-    // Tells it another one.
-    void dataFile(std::string const& file);
+    // Tells the plug-in another one.
+    void useDataFile(std::string const& file);
 };
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);

@@ -4,7 +4,7 @@
 // - A number is brought into stored form, or, without a NumberForm, must be digits that may follow a plus; visual
 //   separators go.
 // - A valid-from becomes the clock time of the data's zone; doubtful ones are counted.
-// - Blanks around a network's name go, those inside become underscores (NetworkNames.h).
+// - Blanks around a network's name go, those inside become underscores (FeedNetworks.h).
 // - A record whose number has one at the same instant already is REPEATED with the same network, and refused with
 //   another.
 // Units and ranges: numbers to longestNumberCM characters, network identifiers to longestNetworkCM bytes: the data know
@@ -15,7 +15,7 @@
 // Complexity: linear in the record.
 #pragma once
 
-#include "host/NetworkNames.h"
+#include "host/FeedNetworks.h"
 #include "host/NumberForm.h"
 #include "host/Record.h"
 #include "host/SeenRecords.h"
@@ -88,7 +88,7 @@ class FeedConversion {
 
     TimeReader timesM;
     std::optional<NumberForm> numbersM;
-    NetworkNames networksM;
+    FeedNetworks networksM;
     SeenRecords seenM;
     Counts countsM;
     std::vector<bool> usedM; // by the number of a network: it has a record

@@ -289,7 +289,7 @@ int importWith(ImportOptions const& options, std::optional<NumberForm> numbers) 
 // The module wants to open its data file, which may not be there yet: the configuration file is, and nothing is loaded.
 Configuration withoutData(std::filesystem::path const& file) {
     Configuration configuration = readConfiguration(file);
-    configuration.dataFile(file.string());
+    configuration.useDataFile(file.string());
     return configuration;
 }
 

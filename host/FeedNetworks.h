@@ -1,4 +1,4 @@
-// nphost::NetworkNames: the network identifiers of a feed, as the data write them.
+// nphost::FeedNetworks: the network identifiers of a feed, as the data write them.
 //
 // Purpose: an identifier of the data has no white space: each run of blanks and tabs inside a name becomes one
 // underscore. Two different names that become the same identifier would be one network afterwards: that is an error.
@@ -17,7 +17,7 @@
 
 namespace nphost {
 
-class NetworkNames {
+class FeedNetworks {
   public:
     // The number of the identifier that a name without blanks around it becomes.
     std::uint32_t numberOf(std::string_view name);

@@ -1,4 +1,4 @@
-#include "host/NetworkNames.h"
+#include "host/FeedNetworks.h"
 
 #include "host/HostError.h"
 #include "host/Text.h"
@@ -23,7 +23,7 @@ std::string identifierOf(std::string_view name) {
 
 } // namespace
 
-std::uint32_t NetworkNames::numberOf(std::string_view name) {
+std::uint32_t FeedNetworks::numberOf(std::string_view name) {
     if (latestM < networksM.size() && networksM[latestM].written == name)
         return latestM;
     auto const found = byWrittenM.find(name);
@@ -31,9 +31,10 @@ std::uint32_t NetworkNames::numberOf(std::string_view name) {
     return latestM;
 }
 
-std::uint32_t NetworkNames::add(std::string_view name) {
+std::uint32_t FeedNetworks::add(std::string_view name) {
     auto const number = static_cast<std::uint32_t>(networksM.size());
-    Network const& network = networksM.emplace_back(std::string(name), identifierOf(name));
+    networksM.push_back({std::string(name), identifierOf(name)});
+    Network const& network = networksM.back();
     auto const [other, isNew] = byIdentifierM.emplace(network.identifier, number);
     if (!isNew)
         throw HostError("the networks '" + shortened(networksM[other->second].written) + "' and '" + shortened(name) +
