@@ -1,11 +1,12 @@
 // nphost::BlockReader: cuts what a source gives into blocks of whole records.
 //
 // Purpose: blocks can be worked on by many threads, each on its own; one after the other they are the file, byte by
-// byte, but for a UTF-8 byte order mark at its beginning. A block is handed over when it is full, at the end of the file, and
-// when the source would wait: records of a pipe do not wait for those that are still to come.
+// byte, but for a UTF-8 byte order mark at its beginning. A block is handed over when it is full, at the end of the
+// file, and when the source would wait: records of a pipe do not wait for those that are still to come.
 // - A line that is longer than a block comes as pieces: blocks of one piece each, of no whole record.
 // Units: a block holds at most its capacity; line numbers count from 1.
-// Ownership: borrows source and reader of records, which finds where they end. A block owns its bytes and is used again.
+// Ownership: borrows source and reader of records, which finds where they end. A block owns its bytes and is used
+// again.
 // Threads: one thread at a time.
 // Errors: what the source throws; HostError for a file in UTF-16; std::bad_alloc.
 // Complexity: linear in the bytes; memory of one block besides those of the caller.

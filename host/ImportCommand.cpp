@@ -106,7 +106,7 @@ class Rejects {
     void list(std::uint64_t line, Refusal refusal, std::string_view detail, std::string_view record) {
         std::string text;
         appendQuoted(text, fileM);
-        text += "," + std::to_string(line) + "," + nameOf(refusal) + ",";
+        text.append(",").append(std::to_string(line)).append(",").append(nameOf(refusal)).append(",");
         appendQuoted(text, detail);
         text += ',';
         appendQuoted(text, record);

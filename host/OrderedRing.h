@@ -1,8 +1,8 @@
 // nphost::OrderedRing: jobs that one thread fills, many work on, and one takes away in their order.
 //
 // Purpose: the places of the ring are jobs that are used again and again. A job is free, then filled, then done, then
-// free; the filler waits for a free place, a worker for a filled one, and the last one for the next in order to be done.
-// So memory is bounded by the ring, and the order needs no sorting.
+// free; the filler waits for a free place, a worker for a filled one, and the last one for the next in order to be
+// done. So memory is bounded by the ring, and the order needs no sorting.
 // Ownership: owns the jobs; who got one from a start... has it alone until the finish... that follows.
 // Threads: one fills, one takes away, any number work. stop and fail by any.
 // Errors: fail keeps the first exception, and stop ends everybody's waiting with null; rethrow throws what was kept.

@@ -1,9 +1,9 @@
 // nphost::Record and RecordReader: records of a text file, one after the other, with every byte of theirs.
 //
 // Purpose: what the readers of the formats (CsvReader, JsonReader) have in common. A reader is given a text of whole
-// records and finds the records in it with the values that are wanted of each. text and lineEnd of all records one after
-// the other are the text that was given, byte by byte. A record that is broken is a record with a problem: reading goes
-// on with the next line.
+// records and finds the records in it with the values that are wanted of each. text and lineEnd of all records one
+// after the other are the text that was given, byte by byte. A record that is broken is a record with a
+// problem: reading goes on with the next line.
 // Units: line is the number of the record's first line, from 1 at the beginning of the file.
 // Ownership: a record's views refer to the text or to the reader, and are valid until the next call.
 // Threads: a reader a thread.

@@ -1,7 +1,7 @@
 // nphost::RecordWriter: writes records as they came, with values added.
 //
-// Purpose: the bytes of the record stay; what is added goes behind the last field of a CSV record, or before the closing
-// brace of a JSON object, written as the format needs it. A value that is not there is an empty field, or null.
+// Purpose: the bytes of the record stay; what is added goes behind the last field of a CSV record, or before the
+// closing brace of a JSON object, written as the format needs it. A value that is not there is an empty field, or null.
 // Ownership: appends to the caller's text. Threads: none inside.
 // Errors: std::bad_alloc. Complexity: linear in the record.
 // Source: RFC 4180, RFC 8259.
