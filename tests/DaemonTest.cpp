@@ -156,7 +156,7 @@ TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
 std::string endlessChanges(char const* network) {
     std::ostringstream data;
     std::uint64_t const now = BAS::DateTime::now().seconds();
-    for (std::uint64_t i = 0; i < 3 * 600; ++i)
+    for (std::uint64_t i = 0; i < 1800; ++i)
         data << "0044" << 1000 + i << ' ' << BAS::DateTime::fromSeconds(now + i / 3) << ' ' << network << '\n';
     return data.str();
 }

@@ -65,7 +65,9 @@ Generated fileOf(Records const& records, Random& random) {
     for (auto const& [number, history] : records)
         for (auto const& [validFrom, holder] : history) {
             auto const& gap = blanks[random() % blanks.size()];
-            lines.push_back(written(number, random) + gap + validFrom + gap + holder);
+            lines.push_back(written(number, random));
+            for (std::string const* const field : {&gap, &validFrom, &gap, &holder})
+                lines.back() += *field;
             ++file.records;
             if (random() % 30 == 0) {
                 late.push_back(written(number, random) + " " + validFrom + " DUPLICATE");
@@ -236,7 +238,7 @@ TEST(DiffTest, AgreesWithANaiveModel) {
         EXPECT_EQ(moved, model.counts.at("moved"));
         for (std::string const& kind : kindsCM) {
             EXPECT_EQ(json.at(kind), model.counts.at(kind)) << kind;
-            ProgramResult const list = site.diff("--list " + kind + " " + memory);
+            ProgramResult const list = site.diff(std::string(memory).append(" --list ").append(kind));
             EXPECT_EQ(list.status, 1);
             EXPECT_TRUE(list.out == model.lists.at(kind)) << kind;
             EXPECT_EQ(list.err, "");
