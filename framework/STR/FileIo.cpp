@@ -184,7 +184,7 @@ class FileIo::Buffer : public std::streambuf {
             writeBlock(bytesM.get(), end);
         }
         clear();
-        return errorM == 0;
+        return true; // an error shows when the next block is handed over, or at the end
     }
     // What was written starts on its way to the disk, so that the sync at the end finds little to do, and what has come
     // there leaves the system's cache: a long file would otherwise take it from those who need it, and every page of it
