@@ -23,6 +23,7 @@
 //   void destroy(Word word)      frees what the word's value owns
 //   bool ownsNothing()           destroy has nothing to do for any of them
 //   void clear()                 frees everything that values own together, after each was destroyed or owned nothing
+//   bool isApart(Value)          it lies elsewhere than in its word, so that fetching it ahead is worth while
 //   void print(Value, out, key), void prefetch(Value), void prefetchContent(Value)
 //
 // Ownership: owns all nodes and, through Values, all values. Threads: none inside; concurrent const use is safe.
@@ -135,7 +136,8 @@ class PackedLayout {
         cursor = end != 0 ? cursor : next;
         return ((differs & chain) | (lacks & ~chain) | end | digits.isOver()) == 0 ? 1 : 0;
     }
-    bool isApart(Cursor cursor) const { return valuesM.isApart(valuesM.at(*cursor)); }
+    // Not for a branch's value, which would have to be read to know.
+    bool isApart(Cursor cursor) const { return tagOf(*cursor) == VALUE && valuesM.isApart(valuesM.at(*cursor)); }
     Digits wayDown(Cursor cursor, int from, Cursor& child) const {
         Word const word = *cursor;
         if (tagOf(word) == CHAIN) {

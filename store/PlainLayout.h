@@ -146,6 +146,7 @@ class PlainLayout {
         digits.drop(1);
         return cursor != nullptr;
     }
+    // The same for Lanes: 1 or 0, and without a way down the cursor stays.
     unsigned step(Cursor& cursor, RemainingDigits& digits) const {
         unsigned const slot = digits.first();
         digits.dropBits(4);
@@ -153,6 +154,7 @@ class PlainLayout {
         cursor = child == nullptr ? cursor : child;
         return child == nullptr ? 0 : 1;
     }
+    // Whether the node's value is worth fetching ahead.
     static bool isApart(Cursor) { return true; }
     // The first way down at or after the slot `from`: its child and the digits that lead there; none when there is none.
     Digits wayDown(Cursor cursor, int from, Cursor& child) const {
