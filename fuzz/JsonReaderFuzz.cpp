@@ -25,7 +25,7 @@ json parsed(std::string_view text) {
 
 void checkAdded(Record const& record, json expected, std::string_view value) {
     std::string out;
-    std::vector<nphost::RecordWriter::Value> const values = {value, std::nullopt};
+    std::vector<nphost::RecordWriter::Value> const values = {value, {}};
     nphost::JsonWriter({"n \"1\"", "x"}).write(out, record, values);
     expected["n \"1\""] = nphost::asUtf8(value);
     expected["x"] = nullptr;

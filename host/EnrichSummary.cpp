@@ -45,18 +45,15 @@ EnrichCounts& EnrichCounts::operator+=(EnrichCounts const& other) {
     return *this;
 }
 
-void NetworkCounts::count(std::string_view network) {
-    unsigned const ends = network.empty() ? 0U
-                                          : static_cast<unsigned char>(network.front()) * 31U +
-                                                static_cast<unsigned char>(network.back()) * 7U;
-    Counts::value_type*& recent = recentM[(ends + network.size()) % recentM.size()];
-    if (recent == nullptr || recent->first != network) {
-        auto found = countsM.find(network);
-        if (found == countsM.end())
-            found = countsM.emplace(network, 0).first;
-        recent = &*found; // stays where it is when others are added
-    }
-    ++recent->second;
+void NetworkCounts::countLong(std::string_view network) {
+    ++placeOf(network);
+}
+
+std::uint64_t& NetworkCounts::placeOf(std::string_view network) {
+    auto found = countsM.find(network);
+    if (found == countsM.end())
+        found = countsM.emplace(network, 0).first;
+    return found->second;
 }
 
 void NetworkCounts::add(NetworkCounts const& other) {

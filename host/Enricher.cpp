@@ -36,8 +36,9 @@ std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
 
 Enricher::Enricher(EnrichContext const& context)
     : contextM(context), readerM(context.plan.makeReader()), writerM(writerOf(context.plan)),
-      compressorM(context.compression), batchM(context.plugIn, recordsCM * context.plan.numberCount()),
-      recordsM(recordsCM), questionsM(recordsCM * context.plan.numberCount()),
+      explainsM(context.plan.explains()), compressorM(context.compression),
+      batchM(context.plugIn, recordsCM * context.plan.numberCount()), recordsM(recordsCM),
+      questionsM(recordsCM * context.plan.numberCount()),
       valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()) {}
 
 void Enricher::process(EnrichJob& job) {
@@ -129,7 +130,7 @@ void Enricher::answer(std::uint32_t question, std::size_t value) {
     LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
     std::size_t at = value;
     for (Added const added : contextM.plan.added()) {
-        valuesM[at] = std::nullopt;
+        valuesM[at] = {};
         if (record != nullptr && added == Added::NETWORK)
             valuesM[at] = record->networkIdM.view();
         else if (record != nullptr && added == Added::VALID_FROM)
@@ -138,7 +139,7 @@ void Enricher::answer(std::uint32_t question, std::size_t value) {
             valuesM[at] = nameOfSearchMethod(contextM.methodInForce);
         ++at;
     }
-    if (asked && contextM.plan.explains())
+    if (asked && explainsM)
         explain(question, value);
 }
 
@@ -167,7 +168,7 @@ void Enricher::count(std::uint32_t question) {
     LookUpBatch::Record const* const record = contextM.passThrough ? nullptr : batchM.record(question);
     ++(record != nullptr ? jobM->counts.found : jobM->counts.notFound);
     if (record != nullptr)
-        networksM.count(record->networkIdM.view());
+        networksM.count(record->networkIdM);
 }
 
 void Enricher::reject(Record const& record) {
@@ -179,7 +180,7 @@ void Enricher::reject(Record const& record) {
     ++jobM->counts.problems[static_cast<std::size_t>(record.problem)];
     if (!contextM.keep)
         return;
-    std::fill(valuesM.begin(), valuesM.end(), std::nullopt);
+    std::fill(valuesM.begin(), valuesM.end(), std::string_view());
     if (canHoldValues(record.problem))
         writerM->write(jobM->result, record, valuesM);
     else

@@ -86,6 +86,7 @@ class Enricher {
     EnrichContext contextM;
     std::unique_ptr<RecordReader> readerM;
     std::unique_ptr<RecordWriter> writerM;
+    bool const explainsM; // some of what is added needs the number's histories
     Compressor compressorM;
     LookUpBatch batchM;
     NetworkCounts networksM;

@@ -14,6 +14,10 @@ bool isPlainJson(std::string_view text) {
                        [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
 }
 
+bool isPlainCsv(char c, CsvDialect dialect) {
+    return c != dialect.separator && c != '\n' && c != '\r' && (c != '"' || !dialect.quotes);
+}
+
 // As a JSON text, with U+FFFD for what is no UTF-8.
 void appendJson(std::string& out, std::string_view text) {
     if (!isPlainJson(text)) {
@@ -27,11 +31,13 @@ void appendJson(std::string& out, std::string_view text) {
 
 } // namespace
 
+CsvWriter::CsvWriter(CsvDialect dialect) : dialectM(dialect) {
+    for (std::size_t byte = 0; byte < plainM.size(); ++byte)
+        plainM[byte] = isPlainCsv(static_cast<char>(byte), dialect);
+}
+
 bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
-    bool const quoted = std::any_of(field.begin(), field.end(), [dialect](char c) {
-        return c == dialect.separator || c == '\n' || c == '\r' || (c == '"' && dialect.quotes);
-    });
-    if (!quoted) {
+    if (std::all_of(field.begin(), field.end(), [dialect](char c) { return isPlainCsv(c, dialect); })) {
         out += field;
         return true;
     }
@@ -47,12 +53,17 @@ bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect
 bool CsvWriter::write(std::string& out, Record const& record, std::span<Value const> values) {
     std::size_t const before = out.size();
     out += record.text;
-    for (Value const& value : values) {
+    for (Value const value : values) {
         out += dialectM.separator;
-        if (!value || appendField(out, *value, dialectM))
-            continue;
-        out.resize(before);
-        return false;
+        bool plain = true;
+        for (char const c : value)
+            plain &= plainM[static_cast<unsigned char>(c)];
+        if (plain) {
+            out += value;
+        } else if (!appendField(out, value, dialectM)) {
+            out.resize(before);
+            return false;
+        }
     }
     out += record.lineEnd;
     return true;
@@ -78,8 +89,8 @@ bool JsonWriter::write(std::string& out, Record const& record, std::span<Value c
             out += ',';
         separates = true;
         out += namesM[i];
-        if (values[i])
-            appendJson(out, *values[i]);
+        if (values[i].data() != nullptr)
+            appendJson(out, values[i]);
         else
             out += "null";
     }

@@ -9,8 +9,8 @@
 
 #include "host/CsvReader.h"
 
+#include <array>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,7 +20,7 @@ namespace nphost {
 
 class RecordWriter {
   public:
-    using Value = std::optional<std::string_view>;
+    using Value = std::string_view; // without data when it is not there
 
     RecordWriter() = default;
     RecordWriter(RecordWriter const&) = delete;
@@ -33,7 +33,7 @@ class RecordWriter {
 
 class CsvWriter : public RecordWriter {
   public:
-    explicit CsvWriter(CsvDialect dialect) : dialectM(dialect) {}
+    explicit CsvWriter(CsvDialect dialect);
 
     bool write(std::string& out, Record const& record, std::span<Value const> values) override;
 
@@ -42,6 +42,7 @@ class CsvWriter : public RecordWriter {
 
   private:
     CsvDialect dialectM;
+    std::array<bool, 256> plainM{}; // bytes that need no quotation marks
 };
 
 class JsonWriter : public RecordWriter {
