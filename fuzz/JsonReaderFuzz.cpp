@@ -25,8 +25,11 @@ json parsed(std::string_view text) {
 
 void checkAdded(Record const& record, json expected, std::string_view value) {
     std::string out;
-    std::vector<nphost::RecordWriter::Value> const values = {value, {}};
-    nphost::JsonWriter({"n \"1\"", "x"}).write(out, record, values);
+    std::string encoded;
+    nphost::JsonWriter const writer({"n \"1\"", "x"});
+    writer.encode(encoded, value);
+    std::vector<std::string_view> const values = {encoded, {}};
+    writer.write(out, record, values);
     expected["n \"1\""] = nphost::asUtf8(value);
     expected["x"] = nullptr;
     checkEqual("the object with a value added", out, parsed(out).dump(), expected.dump());

@@ -70,7 +70,7 @@ void EnrichPipeline::work() noexcept {
             ringM.finishWork(work);
         }
         BAS::MutexGuard const guard(lockM);
-        networksM.add(enricher.networks());
+        enricher.networks().addTo(networksM);
     } catch (...) {
         ringM.fail(std::current_exception());
     }

@@ -45,20 +45,9 @@ EnrichCounts& EnrichCounts::operator+=(EnrichCounts const& other) {
     return *this;
 }
 
-void NetworkCounts::countLong(std::string_view network) {
-    ++placeOf(network);
-}
-
-std::uint64_t& NetworkCounts::placeOf(std::string_view network) {
-    auto found = countsM.find(network);
-    if (found == countsM.end())
-        found = countsM.emplace(network, 0).first;
-    return found->second;
-}
-
 void NetworkCounts::add(NetworkCounts const& other) {
     for (auto const& [network, number] : other.countsM)
-        countsM[network] += number;
+        add(network, number);
 }
 
 std::vector<std::pair<std::string, std::uint64_t>> NetworkCounts::sorted() const {

@@ -20,12 +20,6 @@ bool canHoldValues(Problem problem) {
            problem == Problem::UNREADABLE_TIME || problem == Problem::UNWRITABLE;
 }
 
-std::string_view setDigits(std::string& text, BAS::DateTime at) {
-    text.resize(instantDigitsCM);
-    at.toDigits(text.data());
-    return text;
-}
-
 } // namespace
 
 std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
@@ -37,9 +31,10 @@ std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
 Enricher::Enricher(EnrichContext const& context)
     : contextM(context), readerM(context.plan.makeReader()), writerM(writerOf(context.plan)),
       explainsM(context.plan.explains()), compressorM(context.compression),
-      batchM(context.plugIn, recordsCM * context.plan.numberCount()), recordsM(recordsCM),
+      batchM(context.plugIn, recordsCM * context.plan.numberCount()), networksM(*writerM), recordsM(recordsCM),
       questionsM(recordsCM * context.plan.numberCount()),
-      valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()) {}
+      valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()),
+      foundM(context.plan.numberCount()) {}
 
 void Enricher::process(EnrichJob& job) {
     jobM = &job;
@@ -114,61 +109,80 @@ void Enricher::write(Record& record, std::uint32_t const* questions) {
     if (record.problem != Problem::NONE)
         return reject(record);
     std::size_t const numbers = contextM.plan.numberCount();
+    bool writable = true;
     for (std::size_t i = 0; i < numbers; ++i)
-        answer(questions[i], i * contextM.plan.added().size());
-    if (!writerM->write(jobM->result, record, valuesM)) {
+        writable = answer(i, questions[i]) && writable;
+    if (!writable) {
         record.problem = Problem::UNWRITABLE;
         return reject(record);
     }
+    writerM->write(jobM->result, record, valuesM);
     for (std::size_t i = 0; i < numbers; ++i)
-        count(questions[i]);
+        count(i, questions[i]);
 }
 
-// Sets the values of one number, the first of which is `value`.
-void Enricher::answer(std::uint32_t question, std::size_t value) {
+// Sets the values of one of the record's numbers; false when one cannot be written.
+bool Enricher::answer(std::size_t number, std::uint32_t question) {
     bool const asked = question != noneCM && !contextM.passThrough;
     LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
-    std::size_t at = value;
-    for (Added const added : contextM.plan.added()) {
-        valuesM[at] = {};
-        if (record != nullptr && added == Added::NETWORK)
-            valuesM[at] = record->networkIdM.view();
-        else if (record != nullptr && added == Added::VALID_FROM)
-            valuesM[at] = setDigits(textsM[at], record->validFromM);
-        else if (record != nullptr && added == Added::METHOD)
-            valuesM[at] = nameOfSearchMethod(contextM.methodInForce);
-        ++at;
+    NetworkFields::Network* const network = record != nullptr ? &networksM.at(record->networkIdM) : nullptr;
+    foundM[number] = network;
+    std::vector<Added> const& added = contextM.plan.added();
+    std::size_t const first = number * added.size();
+    bool writable = true;
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        valuesM[first + i] = {};
+        if (network != nullptr && added[i] == Added::NETWORK) {
+            valuesM[first + i] = network->field;
+            writable = network->writable && writable;
+        } else if (network != nullptr && added[i] == Added::VALID_FROM) {
+            writable = setInstant(first + i, record->validFromM) && writable;
+        } else if (network != nullptr && added[i] == Added::METHOD) {
+            writable = setValue(first + i, nameOfSearchMethod(contextM.methodInForce)) && writable;
+        }
     }
-    if (asked && explainsM)
-        explain(question, value);
+    return (!asked || !explainsM || explain(question, first)) && writable;
 }
 
-void Enricher::explain(std::uint32_t question, std::size_t value) {
+bool Enricher::explain(std::uint32_t question, std::size_t value) {
     BAS::String const& number = batchM.number(question);
     BAS::DateTime const at = batchM.instant(question);
     auto const prefixes = contextM.plugIn.explain(number);
     Explanation const explanation(prefixes, number);
+    bool writable = true;
     for (Added const added : contextM.plan.added()) {
         if (added == Added::PREFIX) {
             if (auto const choice = explanation.choose(contextM.methodInForce, at); choice.record != nullptr)
-                valuesM[value] = textsM[value] = choice.prefix->key.str();
+                writable = setValue(value, choice.prefix->key.view()) && writable;
         } else if (added == Added::NEXT_CHANGE) {
             if (auto const change = explanation.nextChange(contextM.methodInForce, at))
-                valuesM[value] = setDigits(textsM[value], change->at);
+                writable = setInstant(value, change->at) && writable;
         }
         ++value;
     }
+    return writable;
 }
 
-void Enricher::count(std::uint32_t question) {
-    if (question == noneCM) {
-        ++jobM->counts.withoutNumber;
-        return;
-    }
-    LookUpBatch::Record const* const record = contextM.passThrough ? nullptr : batchM.record(question);
-    ++(record != nullptr ? jobM->counts.found : jobM->counts.notFound);
-    if (record != nullptr)
-        networksM.count(record->networkIdM);
+bool Enricher::setValue(std::size_t value, std::string_view text) {
+    textsM[value].clear();
+    bool const writable = writerM->encode(textsM[value], text);
+    valuesM[value] = textsM[value];
+    return writable;
+}
+
+bool Enricher::setInstant(std::size_t value, BAS::DateTime at) {
+    std::array<char, instantDigitsCM> digits{};
+    at.toDigits(digits.data());
+    return setValue(value, {digits.data(), digits.size()});
+}
+
+void Enricher::count(std::size_t number, std::uint32_t question) {
+    NetworkFields::Network* const network = foundM[number];
+    ++(question == noneCM   ? jobM->counts.withoutNumber
+       : network != nullptr ? jobM->counts.found
+                            : jobM->counts.notFound);
+    if (network != nullptr)
+        ++network->numbers;
 }
 
 void Enricher::reject(Record const& record) {

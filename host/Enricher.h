@@ -13,6 +13,7 @@
 #include "host/EnrichPlan.h"
 #include "host/EnrichSummary.h"
 #include "host/LookUpBatch.h"
+#include "host/NetworkFields.h"
 #include "host/NumberForm.h"
 #include "host/RecordWriter.h"
 #include "host/TimeReader.h"
@@ -62,7 +63,7 @@ class Enricher {
 
     void process(EnrichJob& job);
 
-    NetworkCounts const& networks() const { return networksM; }
+    NetworkFields const& networks() const { return networksM; }
 
   private:
     static constexpr std::size_t recordsCM = 256; // looked up together
@@ -76,9 +77,11 @@ class Enricher {
     void take(Record& record, std::uint32_t* questions);
     std::uint32_t ask(std::string_view number, BAS::DateTime at);
     void write(Record& record, std::uint32_t const* questions);
-    void answer(std::uint32_t question, std::size_t value);
-    void explain(std::uint32_t question, std::size_t value);
-    void count(std::uint32_t question);
+    bool answer(std::size_t number, std::uint32_t question);
+    bool explain(std::uint32_t question, std::size_t value);
+    bool setValue(std::size_t value, std::string_view text);
+    bool setInstant(std::size_t value, BAS::DateTime at);
+    void count(std::size_t number, std::uint32_t question);
     void reject(Record const& record);
     void beginReject(std::uint64_t line, Problem problem);
     void appendQuoted(std::string_view text);
@@ -89,7 +92,7 @@ class Enricher {
     bool const explainsM; // some of what is added needs the number's histories
     Compressor compressorM;
     LookUpBatch batchM;
-    NetworkCounts networksM;
+    NetworkFields networksM;
     EnrichJob* jobM = nullptr; // the one that is being processed
 
     // The records that are looked up together, and where in the batch their numbers are.
@@ -98,8 +101,9 @@ class Enricher {
     std::vector<std::uint32_t> questionsM;
 
     // What is added to one record, and the texts that are not elsewhere.
-    std::vector<RecordWriter::Value> valuesM;
+    std::vector<std::string_view> valuesM;
     std::vector<std::string> textsM;
+    std::vector<NetworkFields::Network*> foundM; // of each number; null: not found
 };
 
 } // namespace nphost

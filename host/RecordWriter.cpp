@@ -14,10 +14,6 @@ bool isPlainJson(std::string_view text) {
                        [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
 }
 
-bool isPlainCsv(char c, CsvDialect dialect) {
-    return c != dialect.separator && c != '\n' && c != '\r' && (c != '"' || !dialect.quotes);
-}
-
 // As a JSON text, with U+FFFD for what is no UTF-8.
 void appendJson(std::string& out, std::string_view text) {
     if (!isPlainJson(text)) {
@@ -31,13 +27,11 @@ void appendJson(std::string& out, std::string_view text) {
 
 } // namespace
 
-CsvWriter::CsvWriter(CsvDialect dialect) : dialectM(dialect) {
-    for (std::size_t byte = 0; byte < plainM.size(); ++byte)
-        plainM[byte] = isPlainCsv(static_cast<char>(byte), dialect);
-}
-
 bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
-    if (std::all_of(field.begin(), field.end(), [dialect](char c) { return isPlainCsv(c, dialect); })) {
+    bool const quoted = std::any_of(field.begin(), field.end(), [dialect](char c) {
+        return c == dialect.separator || c == '\n' || c == '\r' || (c == '"' && dialect.quotes);
+    });
+    if (!quoted) {
         out += field;
         return true;
     }
@@ -50,23 +44,13 @@ bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect
     return true;
 }
 
-bool CsvWriter::write(std::string& out, Record const& record, std::span<Value const> values) {
-    std::size_t const before = out.size();
+void CsvWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
     out += record.text;
-    for (Value const value : values) {
+    for (std::string_view const value : values) {
         out += dialectM.separator;
-        bool plain = true;
-        for (char const c : value)
-            plain &= plainM[static_cast<unsigned char>(c)];
-        if (plain) {
-            out += value;
-        } else if (!appendField(out, value, dialectM)) {
-            out.resize(before);
-            return false;
-        }
+        out += value;
     }
     out += record.lineEnd;
-    return true;
 }
 
 JsonWriter::JsonWriter(std::vector<std::string> const& names) {
@@ -77,8 +61,13 @@ JsonWriter::JsonWriter(std::vector<std::string> const& names) {
     }
 }
 
+bool JsonWriter::encode(std::string& out, std::string_view value) const {
+    appendJson(out, value);
+    return true;
+}
+
 // The last brace of the text closes the object; only an empty object has an opening one before it.
-bool JsonWriter::write(std::string& out, Record const& record, std::span<Value const> values) {
+void JsonWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
     std::size_t const brace = record.text.rfind('}');
     std::string_view const members = record.text.substr(0, brace);
     std::size_t const last = members.find_last_not_of(" \t\r");
@@ -89,14 +78,10 @@ bool JsonWriter::write(std::string& out, Record const& record, std::span<Value c
             out += ',';
         separates = true;
         out += namesM[i];
-        if (values[i].data() != nullptr)
-            appendJson(out, values[i]);
-        else
-            out += "null";
+        out += values[i].data() != nullptr ? values[i] : "null";
     }
     out += record.text.substr(brace);
     out += record.lineEnd;
-    return true;
 }
 
 } // namespace nphost

@@ -9,7 +9,6 @@
 
 #include "host/CsvReader.h"
 
-#include <array>
 #include <memory>
 #include <span>
 #include <string>
@@ -20,29 +19,31 @@ namespace nphost {
 
 class RecordWriter {
   public:
-    using Value = std::string_view; // without data when it is not there
-
     RecordWriter() = default;
     RecordWriter(RecordWriter const&) = delete;
     RecordWriter& operator=(RecordWriter const&) = delete;
     virtual ~RecordWriter() = default;
 
-    // False, and nothing appended, when a value cannot be written: it holds the separator, and quoting is switched off.
-    virtual bool write(std::string& out, Record const& record, std::span<Value const> values) = 0;
+    // Appends a value as it stands in a record. False, and nothing appended, when it cannot: it holds the separator, and
+    // quoting is switched off.
+    virtual bool encode(std::string& out, std::string_view value) const = 0;
+
+    // Appends a record with values that encode made. One without data is not there.
+    virtual void write(std::string& out, Record const& record, std::span<std::string_view const> values) const = 0;
 };
 
 class CsvWriter : public RecordWriter {
   public:
-    explicit CsvWriter(CsvDialect dialect);
+    explicit CsvWriter(CsvDialect dialect) : dialectM(dialect) {}
 
-    bool write(std::string& out, Record const& record, std::span<Value const> values) override;
+    bool encode(std::string& out, std::string_view value) const override { return appendField(out, value, dialectM); }
+    void write(std::string& out, Record const& record, std::span<std::string_view const> values) const override;
 
     // One field as it must stand in a record; false when it cannot.
     static bool appendField(std::string& out, std::string_view field, CsvDialect dialect);
 
   private:
     CsvDialect dialectM;
-    std::array<bool, 256> plainM{}; // bytes that need no quotation marks
 };
 
 class JsonWriter : public RecordWriter {
@@ -50,7 +51,8 @@ class JsonWriter : public RecordWriter {
     // The names of the values.
     explicit JsonWriter(std::vector<std::string> const& names);
 
-    bool write(std::string& out, Record const& record, std::span<Value const> values) override;
+    bool encode(std::string& out, std::string_view value) const override;
+    void write(std::string& out, Record const& record, std::span<std::string_view const> values) const override;
 
   private:
     std::vector<std::string> namesM; // as they stand in the object, with what surrounds them
