@@ -35,9 +35,11 @@ class NetworkFields {
             return find(network.view());
         std::uint64_t const text = network.shortText();
         Recent& recent = recentM[(text * 0x9e3779b97f4a7c15) >> (64 - recentBitsCM)];
-        if (recent.network == nullptr || recent.text != text)
-            recent = {text, &find(network.view())};
-        return *recent.network;
+        if (recent.network != nullptr && recent.text == text)
+            return *recent.network;
+        Network& found = find(network.view());
+        recent = {text, &found};
+        return found;
     }
 
     void addTo(NetworkCounts& counts) const;
