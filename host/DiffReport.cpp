@@ -69,7 +69,9 @@ class MatrixReport : public DiffReport {
         outM.append(from);
         outM.append('\t');
         outM.append(to);
-        outM.append("\t" + std::to_string(numbers) + "\n");
+        outM.append('\t');
+        outM.append(std::to_string(numbers));
+        outM.append('\n');
     }
 };
 
