@@ -70,6 +70,7 @@ TEST_F(ClientModulesTest, WhatIsWrongWithOneIsReportedAndTheOthersGoOn) {
     for (std::size_t i = 0; i < cases.size(); ++i) {
         EXPECT_TRUE(said[i].starts_with(cases[i].report + (": " + cases[i].file))) << said[i];
         EXPECT_TRUE(said[i].ends_with(cases[i].reason)) << said[i];
+        EXPECT_EQ(said[i].find(cases[i].file), said[i].rfind(cases[i].file)) << said[i];
     }
 }
 
