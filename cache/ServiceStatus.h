@@ -38,6 +38,7 @@ struct ServiceStatus {
     std::uint64_t lookUps = 0;   // served, found or not
     BAS::DateTime liveSince;     // when the live data were put to work; invalid before
     LoadOutcome lastLoad;
+    std::uint64_t loads = 0; // that have ended, well or not, whoever commanded them
 };
 
 // A stored key that is a prefix of a number, or the number itself, with its history, newest record first.

@@ -1,7 +1,6 @@
 #include "host/ChangeNotices.h"
 
 #include "host/FrameworkObjects.h"
-#include "host/ReportHub.h"
 
 #include <algorithm>
 #include <new>
@@ -21,20 +20,17 @@ ChangeNotices::~ChangeNotices() {
     threadM.join();
 }
 
-void ChangeNotices::dataChanged() {
-    request();
-}
-
 void ChangeNotices::step() {
     if (auto const found = takeFound()) {
         dueM.renew(found->changes, found->liveSince);
         askedM = false;
     }
+    DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     if (dueM.isDue())
-        if (auto const notice = dueM.take(plugInM.serviceStatus().liveSince))
+        if (auto const notice = dueM.take(status.liveSince))
             announce(*notice);
-    if (dueM.wantsList() && !askedM)
-        request();
+    if (status.loads != loadsM || (dueM.wantsList() && !askedM))
+        request(status);
 }
 
 // The clock counts whole seconds, so the last one is watched more closely. It may also be put forward while the loop
@@ -57,9 +53,10 @@ void ChangeNotices::announce(DueChanges::Notice const& notice) {
     senderM.sendMessage(message);
 }
 
-void ChangeNotices::request() {
+void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status) {
     askedM = true;
-    BAS::DateTime const after = dueM.listAfter(plugInM.serviceStatus().liveSince);
+    loadsM = status.loads;
+    BAS::DateTime const after = dueM.listAfter(status.liveSince);
     {
         BAS::MutexGuard const guard(lockM);
         requestM = after;
@@ -83,8 +80,6 @@ bool ChangeNotices::nextRequest(BAS::DateTime& after) {
 }
 
 void ChangeNotices::run() {
-    ReportCollector reports; // what this thread makes the plug-in report is not its worker's
-    ReportHub::CollectingScope const scope(reports);
     for (BAS::DateTime after; nextRequest(after);)
         search(after);
 }

@@ -1,7 +1,7 @@
 // nphost::ChangeNotices: tells the event handler, and so the log, when assignments take effect.
 //
 // Purpose: for the daemon with announceChanges. A thread of its own looks through the live data for what is to come
-// next (UpcomingChanges.h), once after every load and when the list is used up; the event loop announces what is due
+// next (UpcomingChanges.h), once after every load, whoever commanded it, and when the list is used up; the event loop announces what is due
 // as the event EVT::ASSIGNMENTS_IN_EFFECT: how many, number, network and instant of the first.
 // Ownership: borrows the plug-in and the loop's wake-up. Destruction waits for a search that is under way.
 // Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
@@ -18,6 +18,7 @@
 #include "host/WakeUp.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <optional>
 #include <thread>
 
@@ -30,9 +31,8 @@ class ChangeNotices {
     ChangeNotices& operator=(ChangeNotices const&) = delete;
     ~ChangeNotices();
 
-    // To be called when a load has ended, well or not.
-    void dataChanged();
-    // Takes what the search has found and announces what is due. The loop calls it whenever it is awake.
+    // Takes what the search has found, asks for another one after a load, and announces what is due. The loop calls it
+    // whenever it is awake, as after every report.
     void step();
     // After how many milliseconds to call step() again, if nothing else wakes the loop; none: no need.
     std::optional<int> patience() const;
@@ -46,7 +46,7 @@ class ChangeNotices {
     void run();
     bool nextRequest(BAS::DateTime& after);
     void search(BAS::DateTime after);
-    void request();
+    void request(DAT::NumberPortability::ServiceStatus const& status);
     std::optional<Found> takeFound();
     void announce(DueChanges::Notice const& notice);
 
@@ -54,7 +54,8 @@ class ChangeNotices {
     WakeUp const& wakeUpM;
     BAS::RegisteredObject senderM; // has no name and needs none to send
     DueChanges dueM;
-    bool askedM = false; // a search is under way, or has failed since the latest load
+    std::uint64_t loadsM = 0; // that had ended when the latest search was asked for
+    bool askedM = false;      // a search is under way, or has failed since the latest load
 
     BAS::Mutex lockM;
     std::condition_variable_any changedM;

@@ -85,7 +85,8 @@ class TextReport : public Report {
     void count(std::string label, unsigned long number) {
         constexpr std::size_t width = 30;
         std::string const digits = std::to_string(number);
-        label.resize(std::max(label.size() + 1, width - std::min(width, digits.size())), ' ');
+        std::size_t const used = characters(label) + digits.size();
+        label.append(used < width ? width - used : 1, ' ');
         outM.append(label + digits + "\n");
     }
 

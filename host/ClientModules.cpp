@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace nphost {
 
@@ -13,7 +14,11 @@ namespace {
 
 using Start = decltype(NumberPortabilityClientStart);
 
-void complainOf(std::filesystem::path const& client, std::string const& reason) {
+// The system's loader begins its reasons with the file, as the report does.
+void complainOf(std::filesystem::path const& client, std::string_view reason) {
+    std::string const file = client.native() + ": ";
+    if (reason.starts_with(file))
+        reason.remove_prefix(file.size());
     reportOwn("ERR_HOST_CLIENT", BAS::Status::MAJOR, {BAS::String(client.native()), BAS::String(reason)});
 }
 

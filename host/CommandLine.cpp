@@ -28,11 +28,11 @@ namespace nphost {
 namespace {
 
 constexpr char const* exitStatusCM = R"(Exit status:
-  0  fine: everything found, or the file is clean
-  1  a number without a record, a line that is no question, a file with rejected lines, or
-     files that differ
+  0  fine: everything found, the file is clean, or (enrich) every record could be used
+  1  a number without a record, a line that is no question, a file with rejected lines,
+     rejected records (enrich, import), files that differ, a ctl command that failed
   2  a usage, configuration or file error; one line on standard error says which
-  3  'check --guard': the file crosses a limit; 'run': the first load does)";
+  3  'check --guard': the guard would refuse the file; 'run': it refuses the first load)";
 
 constexpr char const* programHelpCM = R"('nphost COMMAND --help' explains a command. To begin with:
   nphost check  --config examples/nphost.toml examples/portability.dat
@@ -135,13 +135,15 @@ one kind, one a line: number, old valid-from and network, new valid-from and net
 separated by tabs. Those of gained and lost numbers are in force, or else the first to
 come; of moved ones, in force; of lengthened ones, the newest old record and the newest
 that has come; of rewritten ones, the newest record that changed or has gone, and what
-has its valid-from now.
+has its valid-from now. With --matrix the moves, most first, one pair of networks a line:
+from, to, numbers, separated by tabs; '*' for both is the rest, after 65536 pairs.
 
 Records that do not fit into --memory go to temporary files (TMPDIR), 32 bytes each.
 
 Examples:
   nphost diff --config examples/nphost.toml yesterday.dat today.dat
   nphost diff --config examples/nphost.toml --list moved yesterday.dat today.dat
+  nphost diff --config examples/nphost.toml --matrix yesterday.dat today.dat
 
 Exit status:
   0  both files hold the same records
@@ -279,7 +281,7 @@ void addEnrichInput(CLI::App& command, EnrichOptions& options) {
     command
         .add_option("--time-format", options.timeFormat,
                     "digits, iso, seconds, milliseconds or a pattern; default: digits")
-        ->option_text("FORMAT");
+        ->option_text("TIME");
     command.add_option("--zone", options.zone, "The time zone of the data; default: UTC")->option_text("ZONE");
     command.add_option("--format", options.format, "csv, tsv or ndjson; default: by the first input's name, or csv")
         ->option_text("FORMAT")
@@ -380,13 +382,18 @@ void addDiff(CLI::App& app, Chosen& chosen) {
         ->add_option("--at", options.at,
                      "When numbers must be in force; YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
         ->option_text("INSTANT");
-    command->add_option("--list", chosen.list, "List numbers: gained, lost, moved, lengthened or rewritten")
-        ->option_text("WHAT")
-        ->check(CLI::IsMember(std::vector<std::string>(differenceNamesCM.begin(), differenceNamesCM.end())));
+    CLI::Option* const list =
+        command->add_option("--list", chosen.list, "List numbers: gained, lost, moved, lengthened or rewritten")
+            ->option_text("WHAT");
+    list->check(CLI::IsMember(std::vector<std::string>(differenceNamesCM.begin(), differenceNamesCM.end())));
     command->add_option("--memory", options.memory, "Keep records in so much memory, in MiB; default: 512")
         ->option_text("MIB")
         ->check(CLI::Range(DiffOptions::leastMemoryCM, DiffOptions::mostMemoryCM));
-    command->add_flag("--json", options.json, "Write one JSON object; with --list it has the numbers, too");
+    CLI::Option* const json =
+        command->add_flag("--json", options.json, "Write one JSON object; with --list it has the numbers, too");
+    command->add_flag("--matrix", options.matrix, "Write how many numbers moved from which network to which")
+        ->excludes(list)
+        ->excludes(json);
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.diff.common = chosen.common;
@@ -427,7 +434,7 @@ void addImport(CLI::App& app, Chosen& chosen) {
     command->add_flag("--no-quotes", options.noQuotes, "Take quotation marks as bytes like others");
     command->add_flag("--no-header", options.noHeader, "The first line is a record, and columns are positions");
     command->add_option("--time-format", options.timeFormat, "How valid-from is written; default: digits")
-        ->option_text("FORMAT");
+        ->option_text("TIME");
     command->add_option("--zone", options.zone, "The time zone of the data, Europe/Paris; default: UTC")
         ->option_text("ZONE");
     command->add_flag("--normalise", options.normalise, "Bring numbers into stored form; needs --config");
@@ -460,7 +467,7 @@ void addRun(CLI::App& app, Chosen& chosen) {
         ->add_option_function<std::string>(
             "--log-format", [&chosen](std::string const& format) { chosen.run.jsonLog = format == "json"; },
             "text, or json: one object a line; default: text")
-        ->option_text("FORMAT")
+        ->option_text("STYLE")
         ->check(CLI::IsMember({"text", "json"}));
     command->add_flag("--force", chosen.run.force, "Load the data file whatever the guard would say of it");
     command

@@ -137,8 +137,11 @@ class Reader {
     void readClients(toml::key const& key, toml::node const& node) {
         if (!node.is_array())
             throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a list: [\"FILE\", ...]");
-        for (toml::node const& client : *node.as_array())
+        for (toml::node const& client : *node.as_array()) {
+            if (!client.is_string())
+                throw errorAt(fileM, client.source(), "each of '" + text(key) + "' must be a text in quotation marks");
             resultM.clients.push_back(modulePath(key, client));
+        }
     }
 
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {

@@ -180,6 +180,7 @@ class Ctl {
         field("Search method:", orDash(answer.at("searchMethod")));
         dataFile(answer.at("dataFile"));
         lastLoad(answer.at("lastLoad"));
+        refusedSince(answer.value("guard", Json()));
         if (answer.at("loading").get<bool>())
             progress("Loading now:", answer.at("progress"));
         guard(answer.value("guard", Json()));
@@ -223,6 +224,14 @@ class Ctl {
         field("  of:", orDash(load.at("file")));
         field("  ended:", orDash(load.at("ended")) + " after " + seconds(load.at("seconds")));
         field("  lines:", load.at("lines").dump() + ", " + load.at("rejectedLines").dump() + " rejected");
+    }
+
+    // The guard's refusal of a load after the last one: what is in the file is not what is served.
+    void refusedSince(Json const& guarding) {
+        Json const refusal = guarding.is_null() ? Json() : guarding.at("lastRefusal");
+        if (!refusal.is_null() && !refusal.value("superseded", true))
+            field("Refused since:",
+                  "a " + orDash(refusal.at("kind")) + ", at " + orDash(refusal.at("ended")) + ": the old data serve");
     }
 
     // What look-ups and explanations have in common.

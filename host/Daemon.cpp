@@ -132,8 +132,6 @@ void Daemon::reloadBySignal() {
 
 void Daemon::finishProbes() {
     while (auto const finished = probesM.takeFinished()) {
-        if (noticesM && finished->request.kind != ProbeKind::PRINT)
-            noticesM->dataChanged();
         Json answer = {{"ok", true},
                        {"command", nameOf(finished->request.kind)},
                        {"succeeded", finished->outcome.succeeded},
@@ -152,8 +150,6 @@ void Daemon::finishProbes() {
 
 void Daemon::finishUpdates() {
     for (UpdateRunner::Done const& done : updatesM.takeDone()) {
-        if (noticesM)
-            noticesM->dataChanged();
         Json answer = {{"ok", true},
                        {"command", "update"},
                        {"result", done.result},
@@ -187,8 +183,14 @@ void Daemon::feedFollowers() {
 
 std::string Daemon::statusText() {
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
-    return std::to_string(status.records) + " records of " + std::to_string(status.numbers) + " numbers, loaded " +
-           clockTime(status.liveSince) + (status.usable ? "" : "; not usable: the data file cannot be read");
+    std::string text = std::to_string(status.records) + " records of " + std::to_string(status.numbers) +
+                       " numbers, loaded " + clockTime(status.liveSince);
+    if (!status.usable)
+        text += "; not usable: the data file cannot be read";
+    LoadGuard::Standing const standing = partsM.guard.standing();
+    if (standing.isRefused(status.loads))
+        text += std::string("; the last ") + nameOf(standing.lastRefusal->kind) + " was refused";
+    return text;
 }
 
 void Daemon::request(Client client, std::string_view line) {

@@ -71,8 +71,6 @@ class Daemon : private ControlServer::Handler {
 
     Parts partsM;
     LoadedPlugIn& plugInM;
-    ReportCollector ownReportsM;
-    ReportHub::CollectingScope ownScopeM{ownReportsM}; // this thread's reports are not the worker's
     UpdateRunner updatesM;
     std::optional<ChangeNotices> noticesM;
     ProbeQueue probesM;

@@ -108,7 +108,7 @@ int diff(DiffOptions const& options) {
     Comparing comparing(options);
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
     std::unique_ptr<RecordSource> after = comparing.read(totals.after);
-    std::unique_ptr<DiffReport> const report = makeDiffReport(options.list, options.json);
+    std::unique_ptr<DiffReport> const report = makeDiffReport(options.list, options.matrix, options.json);
     FileComparison comparison(comparing.names(), totals.at, options.list,
                               [&](NumberChange const& change) { report->number(change); });
     totals.result = comparison.compare(std::move(before), std::move(after));

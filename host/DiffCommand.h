@@ -2,7 +2,8 @@
 //
 // Purpose: reads two data files as a load would, by the configured dialling codes, without serving them, and tells the
 // numbers gained, lost, moved from network to network, and whose histories were lengthened or rewritten
-// (FileComparison.h says what each means), as text, as one JSON object, or as a list of numbers.
+// (FileComparison.h says what each means), as text, as one JSON object, as a list of numbers, or as the
+// matrix of moves.
 // Units: memory is given in MiB; it bounds what the records take of it, whatever the files' sizes. What does not fit
 // goes to the folder for temporary files (TMPDIR), 32 bytes a record.
 // Threads: one thread, and that of the progress line.
@@ -28,6 +29,7 @@ struct DiffOptions {
     std::string after;
     std::string at; // empty: now
     std::optional<Difference> list;
+    bool matrix = false; // neither list nor json
     unsigned memory = 512;
     bool json = false;
 };

@@ -52,6 +52,29 @@ class ListReport : public DiffReport {
     }
 };
 
+// The moves, and nothing else: one line for each pair of networks.
+class MatrixReport : public DiffReport {
+  public:
+    void number(NumberChange const& /*change*/) override {}
+
+    void finish(DiffTotals const& totals) override {
+        for (Move const& move : totals.result.moves)
+            row(move.from.value_or("-"), move.to.value_or("-"), move.numbers);
+        if (totals.result.otherMoves > 0)
+            row("*", "*", totals.result.otherMoves);
+    }
+
+  private:
+    void row(std::string_view from, std::string_view to, std::uint64_t numbers) {
+        outM.append(from);
+        outM.append('\t');
+        outM.append(to);
+        outM.append('\t');
+        outM.append(std::to_string(numbers));
+        outM.append('\n');
+    }
+};
+
 class TextReport : public DiffReport {
   public:
     void number(NumberChange const& /*change*/) override {} // numbers are a list's
@@ -71,7 +94,7 @@ class TextReport : public DiffReport {
     static constexpr std::size_t mostListedCM = 40;
 
     void cell(std::string const& text) {
-        outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, text.size()), ' ') + text);
+        outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, characters(text)), ' ') + text);
     }
     void row(std::string label, std::initializer_list<unsigned long> numbers) {
         label.resize(std::max(labelWidthCM, label.size()), ' ');
@@ -118,7 +141,7 @@ class TextReport : public DiffReport {
         std::sort(names.begin(), names.end());
         bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
                           std::all_of(names.begin(), names.end(),
-                                      [](std::string const& name) { return name.size() < columnWidthCM; });
+                                      [](std::string const& name) { return characters(name) < columnWidthCM; });
         if (fits)
             matrix(result, names);
         else
@@ -134,7 +157,7 @@ class TextReport : public DiffReport {
         for (std::string const& to : names)
             cell(to);
         for (std::string const& from : names) {
-            outM.append("\n" + from + std::string(labelWidthCM - from.size(), ' '));
+            outM.append("\n" + from + std::string(labelWidthCM - characters(from), ' '));
             for (std::string const& to : names) {
                 auto const found = cells.find({from, to});
                 cell(found == cells.end() ? "." : std::to_string(found->second));
@@ -158,7 +181,7 @@ class TextReport : public DiffReport {
         if (rest == 0)
             return;
         cell(std::to_string(rest));
-        outM.append(std::string_view("  between others (--json tells more)\n"));
+        outM.append(std::string_view("  between others (--matrix tells more)\n"));
     }
 };
 
@@ -237,7 +260,9 @@ class JsonReport : public DiffReport {
 
 DiffReport::DiffReport() : outM(STDOUT_FILENO) {}
 
-std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool json) {
+std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool matrix, bool json) {
+    if (matrix)
+        return std::make_unique<MatrixReport>();
     if (json)
         return std::make_unique<JsonReport>(listed);
     if (listed)

@@ -1,6 +1,7 @@
 // nphost::DiffReport: how nphost diff tells what it has found.
 //
-// Purpose: as text for people, as a list of numbers in columns, or as one JSON object, on standard output.
+// Purpose: as text for people, as a list of numbers or the matrix of moves in columns, or as one JSON object, on standard
+// output.
 // Ownership: owns its output's buffer. Destruction discards what was not flushed.
 // Threads: one thread.
 // Errors: HostError when standard output cannot be written; std::bad_alloc.
@@ -46,6 +47,6 @@ class DiffReport {
     Output outM;
 };
 
-std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool json);
+std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool matrix, bool json);
 
 } // namespace nphost

@@ -4,10 +4,11 @@
 namespace nphost {
 
 enum ExitStatus : int {
-    FINE = 0,      // everything found, or the file is clean
-    NOT_FOUND = 1, // something not found, a bad question, a file with rejected lines, or files that differ
-    FAILED = 2,    // usage, configuration or file errors; standard error has one line that says why
-    REFUSED = 3,   // the data file crosses a limit of the guard: 'run' does not start, 'check --guard' has said why
+    FINE = 0, // everything found, the file is clean, or every record could be used ('enrich')
+    NOT_FOUND =
+        1,       // not found, a bad question, rejected lines or records, files that differ, a 'ctl' command that failed
+    FAILED = 2,  // usage, configuration or file errors; standard error has one line that says why
+    REFUSED = 3, // the data file crosses a limit of the guard: 'run' does not start, 'check --guard' says so
 };
 
 } // namespace nphost

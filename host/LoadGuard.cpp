@@ -68,7 +68,8 @@ LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
         carryOut(check);
     check.ended = BAS::DateTime::now();
     report(check);
-    if (!check.passed) {
+    if (!check.passed && !check.stopped) {
+        check.loads = plugInM.serviceStatus().loads;
         LoadCheck refusal = check;
         refusal.reports = ReportCollector();
         BAS::MutexGuard const guard(lockM);
@@ -94,6 +95,7 @@ void LoadGuard::carryOut(LoadCheck& check) {
     auto const begin = ReportHub::Clock::now();
     try {
         DataSummary const summary = examineFile(check);
+        check.stopped = check.examined && stopM.load();
         check.reasons = faults(check, summary.changed);
         check.passed = check.reasons.empty();
         if (check.passed)
@@ -139,7 +141,7 @@ bool LoadGuard::mayGoOn(LoadCheck const& check, std::uint64_t treeBytes) const {
 std::vector<std::string> LoadGuard::faults(LoadCheck const& check, bool changed) const {
     if (!check.examined)
         return {"the file could not be read to its end"};
-    if (stopM.load())
+    if (check.stopped)
         return {"the daemon stops"};
     if (changed)
         return {"the file changed while it was checked"};
@@ -157,6 +159,8 @@ void LoadGuard::report(LoadCheck const& check) {
                          {kind, file, secondsText(check.seconds), countText(check.figures.records),
                           countText(check.figures.lines), countText(check.figures.rejected),
                           countText(mebibytes(memoryAtPeak(check.kind, check.figures)))});
+    if (check.stopped)
+        return reportOwn("INF_HOST_GUARD_STOPPED", BAS::Status::NORMAL, {kind, file});
     for (std::string const& reason : check.reasons)
         reportOwn("ERR_HOST_GUARD_REFUSED", BAS::Status::MAJOR,
                   {kind, file, BAS::String(reason), secondsText(check.seconds)});

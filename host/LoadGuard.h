@@ -21,6 +21,7 @@
 #include "host/ReportHub.h"
 
 #include <atomic>
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -36,6 +37,8 @@ struct LoadCheck {
     bool forced = false;   // they were not asked
     bool examined = false; // the file could be read
     bool passed = false;
+    bool stopped = false;             // cut short because the daemon ends: no refusal
+    std::uint64_t loads = 0;          // that the plug-in had ended by then
     std::vector<std::string> reasons; // why it has not passed
     double seconds = 0;
     BAS::DateTime ended;
@@ -67,6 +70,9 @@ class LoadGuard {
     struct Standing {
         std::optional<std::string> checking;  // the file
         std::optional<LoadCheck> lastRefusal; // without reports
+
+        // A load was refused, and none has ended since of the plug-in's `loads`.
+        bool isRefused(std::uint64_t loads) const { return lastRefusal && lastRefusal->loads == loads; }
     };
     Standing standing() const;
 

@@ -74,6 +74,7 @@ class LoadedModule {
         void (*expectAnyFile)(void*);
         bool (*visitFile)(void*, BAS::String const&, LineVisitor const&);
         bool (*visitUpcoming)(void*, BAS::DateTime const&, BAS::DateTime&, RecordVisitor const&);
+        bool (*isWorker)(void const*);
         Progress const* (*progress)(void const*);
         // The place of a result that has a destructor goes before the object, for a member as for a function.
         Prefixes (*explain)(void*, BAS::String const&);
@@ -114,6 +115,7 @@ class LoadedPlugIn {
     void expectAnyFile();
     bool visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit);
     bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, LoadedModule::RecordVisitor const& visit);
+    bool isWorker() const;
     LoadedModule::Progress const* progress() const;
     LoadedModule::Prefixes explain(BAS::String const& number);
     LoadedModule::ServiceStatus serviceStatus();

@@ -27,7 +27,7 @@ void Output::writeAll(std::string_view text) const {
         if (written >= 0)
             text.remove_prefix(static_cast<std::size_t>(written));
         else if (errno != EINTR)
-            throw HostError("cannot write the answers: " + std::system_category().message(errno));
+            throw HostError("cannot write the output: " + std::system_category().message(errno));
     }
 }
 

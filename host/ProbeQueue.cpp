@@ -13,6 +13,12 @@ ProbeQueue::ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updat
     constexpr std::size_t kinds = 3;
     if (probesM.size() != kinds)
         throw HostError("the plug-in has not the probes for reload, delta load and print");
+    hubM.recogniseWorker([this] { return plugInM.isWorker(); });
+}
+
+// The worker may go on with a request after the daemon has ended.
+ProbeQueue::~ProbeQueue() {
+    hubM.recogniseWorker(nullptr);
 }
 
 void ProbeQueue::push(ProbeRequest request) {

@@ -41,6 +41,9 @@ class ProbeQueue {
     };
 
     ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updates);
+    ProbeQueue(ProbeQueue const&) = delete;
+    ProbeQueue& operator=(ProbeQueue const&) = delete;
+    ~ProbeQueue();
 
     bool isFull() const { return waitingM.size() >= mostWaitingCM; }
     // Requests that were pushed and are not finished.

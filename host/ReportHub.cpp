@@ -1,7 +1,5 @@
 #include "host/ReportHub.h"
 
-#include "host/Configuration.h"
-
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -27,11 +25,6 @@ constexpr std::array<Ending, 6> endingsCM = {{
     {ProbeKind::PRINT, "INF_NUM_PORT_PRINT_DATA", true},
     {ProbeKind::PRINT, "ERR_NUM_PORT_PRINT_DATA", false},
 }};
-
-// A client module may report on threads of its own, and by its own name.
-bool isWorkers(BAS::Status const& status) {
-    return status.name().view() == plugInNameCM || status.name().view() == "STR::FileIo";
-}
 
 bool isTrouble(std::string_view identifier) {
     return identifier == "ERR_OUT_OF_MEMORY" || identifier == "ERR_UNEXPECTED";
@@ -79,7 +72,7 @@ void ReportHub::noticed(BAS::Status const& status, LogReport const* whole) noexc
         BAS::MutexGuard const guard(lockM);
         if (shown != nullptr)
             keep(*shown);
-        if (collectorHere == nullptr)
+        if (expectedM && !endedM && isWorkerM && isWorkerM())
             noticeWorker(status, shown);
     }
     wakeUpM.wake();
@@ -97,8 +90,6 @@ void ReportHub::keep(LogReport const& report) noexcept {
 }
 
 void ReportHub::noticeWorker(BAS::Status const& status, LogReport const* shown) {
-    if (!expectedM || endedM || !isWorkers(status))
-        return;
     workerM.add(status, shown);
     std::string_view const identifier = status.identifier().view();
     if (isTrouble(identifier))
@@ -122,6 +113,11 @@ ReportHub::Recent ReportHub::since(std::uint64_t number) const {
 std::uint64_t ReportHub::last(std::size_t count) const {
     BAS::MutexGuard const guard(lockM);
     return nextM - std::min(count, recentM.size());
+}
+
+void ReportHub::recogniseWorker(std::function<bool()> isWorker) {
+    BAS::MutexGuard const guard(lockM);
+    isWorkerM = std::move(isWorker);
 }
 
 void ReportHub::expect(ProbeKind kind) {

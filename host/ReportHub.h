@@ -4,12 +4,11 @@
 // - What has been reported lately? The latest recentCM are kept, numbered in their order; since() gives those from a
 //   number on, so that each follower of the log needs to remember nothing but a number.
 // - What did this work report? While a CollectingScope lives on a thread, that thread's reports also go to its
-//   collector. The daemon's own threads all have one.
-// - How did the request end that was written to a probe? Whatever is reported on a thread without a collector was
-//   reported by the plug-in's worker, for the plug-in has no other thread, if it bears the plug-in's name or the file
-//   writer's: threads of client modules report by names of their own. One request is under way at a time: expect()
-//   names it before the probe is written, and its outcome is the report or event by which the worker ends such a
-//   request. A failed writing of a file before it makes the outcome a failure, whatever the worker says.
+//   collector.
+// - How did the request end that was written to a probe? One is under way at a time: expect() names it before the probe
+//   is written, and its outcome is the report or event by which the plug-in's worker ends such a request. The worker is
+//   known by its thread, for a client module's thread, too, may load and so make the plug-in send the same events. A
+//   failed writing of a file before it makes the outcome a failure, whatever the worker says.
 // Should the worker run out of memory for the very report that ends a request, none comes; troubleTime() says since
 // when there is that suspicion, and giveUp() ends the request as failed.
 // Ownership: values; it must outlive the log.
@@ -25,6 +24,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -91,6 +91,8 @@ class ReportHub : public ReportObserver {
     // The number from which on the last `count` are kept.
     std::uint64_t last(std::size_t count) const;
 
+    // Says of the calling thread whether it is the worker; called under the hub's lock. None: no thread is.
+    void recogniseWorker(std::function<bool()> isWorker);
     void expect(ProbeKind kind);
     std::optional<ProbeOutcome> takeOutcome();
     std::optional<Clock::time_point> troubleTime() const;
@@ -104,6 +106,7 @@ class ReportHub : public ReportObserver {
     mutable BAS::Mutex lockM;
     std::deque<LogReport> recentM NP_GUARDED_BY(lockM);
     std::uint64_t nextM NP_GUARDED_BY(lockM) = 0;
+    std::function<bool()> isWorkerM NP_GUARDED_BY(lockM);
     std::optional<ProbeKind> expectedM NP_GUARDED_BY(lockM);
     std::optional<bool> endedM NP_GUARDED_BY(lockM); // with success or not
     std::optional<Clock::time_point> troubleM NP_GUARDED_BY(lockM);

@@ -164,7 +164,7 @@ Json progressOf(LoadedPlugIn const& plugIn) {
     return {{"lines", progress->lines()}, {"bytes", progress->bytes()}, {"totalBytes", progress->totalBytes()}};
 }
 
-Json guardOf(LoadedPlugIn const& plugIn, LoadGuard const& guard) {
+Json guardOf(LoadedPlugIn const& plugIn, LoadGuard const& guard, std::uint64_t loads) {
     if (!guard.isOn())
         return nullptr;
     LoadGuard::Standing const standing = guard.standing();
@@ -178,6 +178,7 @@ Json guardOf(LoadedPlugIn const& plugIn, LoadGuard const& guard) {
         object["lastRefusal"]["kind"] = nameOf(standing.lastRefusal->kind);
         object["lastRefusal"]["file"] = asUtf8(standing.lastRefusal->file);
         object["lastRefusal"]["ended"] = clock(standing.lastRefusal->ended);
+        object["lastRefusal"]["superseded"] = !standing.isRefused(loads);
     }
     return object;
 }
@@ -196,7 +197,7 @@ Json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard) {
             {"searchMethod", nameOfSearchMethod(status.searchMethod)},
             {"dataFile", dataFile(status.dataFileName.str())},
             {"lastLoad", lastLoad(status.lastLoad)},
-            {"guard", guardOf(plugIn, guard)},
+            {"guard", guardOf(plugIn, guard, status.loads)},
             {"lookUps", status.lookUps},
             {"memoryBytes", residentBytes()},
             {"process", getpid()},

@@ -108,6 +108,13 @@ std::string shortened(std::string_view text) {
     return out;
 }
 
+std::size_t characters(std::string_view text) {
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        count += isContinuation(text, i) ? 0 : 1;
+    return count;
+}
+
 std::string asUtf8(std::string_view text) {
     std::string out;
     while (!text.empty()) {

@@ -24,6 +24,9 @@ void appendVisible(std::string& out, std::string_view text, std::string_view als
 void appendShortened(std::string& out, std::string_view text, std::string_view alsoEscaped = {});
 
 std::string visible(std::string_view text);
+
+// How many characters the text has, which must be UTF-8: what is lined up in columns is not counted in bytes.
+std::size_t characters(std::string_view text);
 std::string shortened(std::string_view text);
 
 // The text with each byte that is not UTF-8 replaced by U+FFFD, for formats that must be UTF-8.

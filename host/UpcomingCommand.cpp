@@ -144,6 +144,10 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
 
 int upcoming(UpcomingOptions const& options) {
     Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
+    if (period.until < period.from) // false of an invalid one
+        throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
+                        (options.from.empty() ? " (now)" : "") + " is later than " + digits(period.until) +
+                        " of --until");
     Host host(readConfiguration(options.common.configuration), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);

@@ -19,9 +19,17 @@ _nphost_help() {
 _nphost_values() {
     case $1 in
         METHOD) compgen -W "best exact shortest" -- "$current" ;;
-        FORMAT) compgen -W "text json" -- "$current" ;;
+        STYLE) compgen -W "text json" -- "$current" ;;
+        FORMAT) compgen -W "csv tsv ndjson" -- "$current" ;;
+        TIME) compgen -W "digits iso seconds milliseconds" -- "$current" ;;
+        WHAT) compgen -W "gained lost moved lengthened rewritten" -- "$current" ;;
+        LIST) # the last of those that commas separate
+            local before=
+            [[ $current != *,* ]] || before=${current%,*},
+            compgen -P "$before" -W "valid-from prefix next-change method" -- "${current##*,}"
+            ;;
         KEY=VALUE) compgen -W "Reload= ReuseOnFailure= AdditionalNumPortData= PrintData=" -- "$current" ;;
-        FILE | PATH) compgen -f -- "$current" ;;
+        FILE | PATH | OLD | NEW | INPUT) compgen -f -- "$current" ;;
     esac
 }
 
@@ -51,8 +59,8 @@ _nphost() {
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
     fi
     case $value in
-        KEY=VALUE) compopt -o nospace ;;
-        FILE | PATH) compopt -o filenames ;;
+        KEY=VALUE | LIST) compopt -o nospace ;;
+        FILE | PATH | OLD | NEW | INPUT) compopt -o filenames ;;
     esac
 }
 complete -F _nphost nphost

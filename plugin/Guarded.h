@@ -51,6 +51,7 @@ bool PlugIn::recorded(LoadOutcome::Kind kind, BAS::String const& fileName, Load&
     });
     BAS::MutexGuard const guard(outcomeLockM);
     loadingM = false;
+    ++loadsM;
     lastLoadM = std::move(outcome);
     return succeeded;
 }

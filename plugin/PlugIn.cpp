@@ -57,9 +57,11 @@ bool PlugIn::init() {
 void PlugIn::startWorker() {
     auto worker = std::make_unique<BAS::Thread>(nullptr);
     lock();
+    workerM.store(worker.get());
     try {
         worker->start([this] { run(); });
     } catch (...) {
+        workerM.store(nullptr);
         unLock(); // for the next init
         throw;
     }
@@ -191,9 +193,15 @@ ServiceStatus PlugIn::serviceStatus() {
         BAS::MutexGuard const guard(outcomeLockM);
         status.loading = loadingM;
         status.lastLoad = lastLoadM;
+        status.loads = loadsM;
         return true;
     });
     return status;
+}
+
+bool PlugIn::isWorker() const {
+    BAS::Thread const* const current = BAS::Thread::current();
+    return current != nullptr && current == workerM.load();
 }
 
 LoadProgress const* PlugIn::progress() const {

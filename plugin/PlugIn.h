@@ -137,6 +137,10 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // How the plug-in stands. Waits for no load and no print.
     ServiceStatus serviceStatus();
 
+    // Whether the calling thread is the worker, which carries out what the probes ask for. From any thread, until the
+    // plug-in's destruction begins.
+    bool isWorker() const;
+
     // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
     LoadProgress const* progress() const;
 
@@ -228,10 +232,12 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
 
     RequestGate requestLockM;
     std::unique_ptr<BAS::Thread> workerThreadM;
+    std::atomic<BAS::Thread const*> workerM{nullptr}; // the same, for whoever asks while it is being started
     std::atomic<bool> stopRequestedM{false};
 
     bool loadingM NP_GUARDED_BY(outcomeLockM) = false;
     LoadOutcome lastLoadM NP_GUARDED_BY(outcomeLockM);
+    std::uint64_t loadsM NP_GUARDED_BY(outcomeLockM) = 0;
     bool loadTriedM NP_GUARDED_BY(loadLockM) = false;   // there has been a load, with or without success
     bool initialisedM NP_GUARDED_BY(loadLockM) = false; // init has loaded the data
     // Taken in this order, the later ones for a moment each.

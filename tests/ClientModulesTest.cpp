@@ -2,7 +2,7 @@
 #include "host/ClientModules.h"
 #include "host/Host.h"
 #include "host/ReportHub.h"
-#include "tests/TemporaryFolder.h"
+#include "tests/DaemonSite.h"
 
 #include <gtest/gtest.h>
 
@@ -70,6 +70,7 @@ TEST_F(ClientModulesTest, WhatIsWrongWithOneIsReportedAndTheOthersGoOn) {
     for (std::size_t i = 0; i < cases.size(); ++i) {
         EXPECT_TRUE(said[i].starts_with(cases[i].report + (": " + cases[i].file))) << said[i];
         EXPECT_TRUE(said[i].ends_with(cases[i].reason)) << said[i];
+        EXPECT_EQ(said[i].find(cases[i].file), said[i].rfind(cases[i].file)) << said[i];
     }
 }
 
@@ -90,19 +91,31 @@ TEST_F(ClientModulesTest, WorkBesideReloadsAndAreStoppedInTheReverseOrder) {
                                                    "ERR_HOST_CLIENT: " + workingCM + " stopping hurts"}));
 }
 
-// Their threads have no collector, as the plug-in's worker has none.
-TEST(ReportHubTest, OnlyTheWorkerEndsARequest) {
-    nphost::ReportHub hub;
-    hub.expect(nphost::ProbeKind::RELOAD);
-    BAS::Status status;
-    for (char const* const identifier : {"EVT::RELOAD_FAILED", "ERR_WRITE_FILE", "EVT::RELOAD_SUCCESSFUL"}) {
-        status.set("TestClient", identifier, BAS::Status::CRITICAL, "-");
-        hub.noticed(status, nullptr);
+// The client's loads end with the same events as the requests', which wait one behind the other, one way after the
+// other: no request may be taken to have ended by them, for the next would then displace it.
+TEST(ClientModulesDaemonTest, LoadsOfAClientEndNobodyElsesRequest) {
+    for (char const* const guard : {"", "[host.guard]\nmaxRejectedPercent = 50\n"}) {
+        Site site(dataCM, "clients = [\"" NP_CLIENT_FOLDER "LOADS.so\"]\n" + std::string(guard));
+        site.folder.write("data.dat.client", "0035 20200101000000 CLIENT\n");
+        site.start();
+        RawClient sender(site.socket());
+        constexpr int rounds = 10;
+        for (int round = 0; round < rounds; ++round) {
+            std::string const number = "00469000" + std::to_string(round);
+            std::string const queued =
+                site.folder.write("queued" + std::to_string(round), number + "1 20200101000000 A\n");
+            sender.send("{\"version\":1,\"command\":\"reload\",\"wait\":false}\n"
+                        "{\"version\":1,\"command\":\"delta\",\"wait\":false,\"file\":\"" +
+                        queued + "\"}\n");
+            EXPECT_TRUE(contains(sender.line() + sender.line(), "queued"));
+            std::string const last = site.folder.write("last", number + "2 20200101000000 A\n");
+            Json const answer = Json::parse(site.ctl({"--json", "delta", last, "--wait"}).out);
+            EXPECT_EQ(answer.at("succeeded"), true) << guard << answer;
+            EXPECT_TRUE(contains(answer.at("reports").dump(), "1 : " + last)) << guard << answer;
+        }
+        EXPECT_EQ(site.status().at("records"), 4 + 1 + 2 * rounds) << guard;
+        EXPECT_EQ(site.stop(), 0) << guard;
     }
-    EXPECT_FALSE(hub.takeOutcome());
-    status.set(nphost::plugInNameCM, "EVT::RELOAD_SUCCESSFUL", BAS::Status::NORMAL, "-");
-    hub.noticed(status, nullptr);
-    EXPECT_TRUE(hub.takeOutcome().value().succeeded);
 }
 
 } // namespace

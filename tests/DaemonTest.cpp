@@ -90,7 +90,7 @@ TEST(DaemonLifeTest, CannotStart) {
 
 TEST(DaemonLifeTest, TellsTheServiceManager) {
     for (bool const abstract : {false, true}) {
-        Site site;
+        Site site(dataCM, "[host.guard]\nminRecords = 3\n");
         std::string const name = abstract ? "@" + site.folder.file("notify") : site.folder.file("notify");
         int const listener = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
@@ -116,10 +116,15 @@ TEST(DaemonLifeTest, TellsTheServiceManager) {
         };
         site.start({}, name);
         EXPECT_TRUE(next().starts_with("READY=1\nSTATUS=4 records"));
-        site.daemon->signal(SIGHUP);
-        std::string const reloading = next();
-        EXPECT_TRUE(reloading.starts_with("RELOADING=1\nMONOTONIC_USEC=")) << reloading;
-        EXPECT_TRUE(next().starts_with("READY=1\n"));
+        for (bool const refused : {false, true, false}) {
+            site.folder.write("data.dat", refused ? "00441 20200101000000 A\n" : dataCM);
+            site.daemon->signal(SIGHUP);
+            std::string const reloading = next();
+            EXPECT_TRUE(reloading.starts_with("RELOADING=1\nMONOTONIC_USEC=")) << reloading;
+            std::string const ready = next();
+            EXPECT_TRUE(ready.starts_with("READY=1\nSTATUS=4 records")) << ready;
+            EXPECT_EQ(contains(ready, "; the last reload was refused"), refused) << ready;
+        }
         EXPECT_EQ(site.stop(), 0);
         EXPECT_TRUE(next().starts_with("STOPPING=1\n"));
         close(listener);

@@ -236,6 +236,14 @@ TEST(DiffTest, AgreesWithANaiveModel) {
             moved += move.at("numbers").get<unsigned long>();
         }
         EXPECT_EQ(moved, model.counts.at("moved"));
+        std::istringstream matrix(site.diff(memory + " --matrix").out);
+        std::map<std::pair<std::string, std::string>, unsigned long> moves;
+        for (std::string from, to, numbers; matrix >> from >> to >> numbers;)
+            moves[{from, to}] += std::stoul(numbers);
+        if (memory.empty())
+            EXPECT_EQ(moves, model.moves);
+        else // names without room in memory are among the rest
+            EXPECT_EQ((moves[{"*", "*"}]), json.at("otherMoves"));
         for (std::string const& kind : kindsCM) {
             EXPECT_EQ(json.at(kind), model.counts.at(kind)) << kind;
             ProgramResult const list = site.diff(std::string(memory).append(" --list ").append(kind));
@@ -265,6 +273,11 @@ TEST(DiffTest, TellsEqualDifferentAndFailed) {
          "{\"changes\":[],"},
         {"a move", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20200202000000 B\n", "", 1,
          "A             B\nA                                    .             1\nB "},
+        {"columns by characters", "0171 20200101000000 Ärger\n",
+         "0171 20200101000000 Ärger\n0171 20200202000000 Zöllü\n", "", 1,
+         "         Ärger\nZöllü                                .             .\nÄrger                                "
+         "1 "},
+        {"either a matrix or a list", "", "", "--matrix --list moved", 2, "excludes"},
         {"a move still to come is none", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20300202000000 B\n",
          "--list moved", 1, ""},
         {"a move into nobody's hands", "0171 20200101000000 A\n", "0171 20300101000000 A\n", "--list moved", 1,

@@ -205,6 +205,7 @@ TEST(GuardDaemonTest, RefusesEveryWayToLoadABrokenFile) {
         Json const refusal = site.status().at("guard").at("lastRefusal");
         EXPECT_TRUE(contains(refusal.at("reasons").dump(), test.reason)) << label << refusal;
         EXPECT_TRUE(contains(site.ctl({"status"}).out, test.reason)) << label;
+        EXPECT_TRUE(contains(site.ctl({"status"}).out, "Refused since:    a " + refusal.at("kind").get<std::string>()));
     }
     auto const refusals = [&] {
         std::string const log = site.log();
@@ -221,6 +222,7 @@ TEST(GuardDaemonTest, RefusesEveryWayToLoadABrokenFile) {
 
     expectResult(site.ctl({"reload", "--wait", "--force"}), 0, "INF_HOST_GUARD_FORCED", "forced reload");
     EXPECT_EQ(site.status().at("records"), 2);
+    EXPECT_FALSE(contains(site.ctl({"status"}).out, "Refused since:"));
     expectResult(site.ctl({"delta", bad, "--wait", "--force"}), 0, "records added: 1", "forced delta");
     expectResult(site.ctl({"update", "--force", "AdditionalNumPortData=" + cut}), 0, "INF_NUM_NPORT_ADDED",
                  "forced update");
@@ -291,6 +293,7 @@ TEST(GuardDaemonTest, AnswersDuringACheckAndEndsItWhenItStops) {
     EXPECT_TRUE(eventually(isChecking));
     EXPECT_EQ(site.stop(), 0);
     EXPECT_FALSE(contains(site.log(), "EVT::RELOAD")) << site.log();
+    EXPECT_FALSE(contains(site.log(), "\"the daemon stops\"")) << "no refusal: " << site.log();
 }
 
 // Loads by probes and by updates at once, sound and broken: each gets its own outcome, and nothing broken is served.
@@ -370,6 +373,7 @@ TEST(GuardRaceTest, LoadsOnlyTheVersionThatWasChecked) {
     EXPECT_EQ(host.plugIn().serviceStatus().records, 5U);
     guard.stop();
     EXPECT_FALSE(guard.check(nphost::LoadKind::RELOAD, site.data(), false).passed) << "the daemon ends";
+    EXPECT_FALSE(guard.standing().lastRefusal) << "which is no fault of the file's";
 }
 
 } // namespace

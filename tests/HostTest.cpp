@@ -516,7 +516,7 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
         {"a number for a path", good + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
         {"clients that are no list", good + "[host]\nclients = \"c.so\"\n", "bad.toml:6: 'clients' must be a list"},
         {"a client that is no text", good + "[host]\nclients = [\"c.so\",\n1]\n",
-         "bad.toml:7: 'clients' must be a text"},
+         "bad.toml:7: each of 'clients' must be a text"},
         {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n", "bad.toml:2: 'FileName' must name a file"},
         {"no TOML", good + "what is this\n", "bad.toml:5: "},
         {"no UTF-8", good + "# \xff\n", "bad.toml:5: "},

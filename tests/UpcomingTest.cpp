@@ -78,7 +78,9 @@ TEST(UpcomingTest, ListsWhatIsToCome) {
         EXPECT_EQ(result.status, 0) << test.options << result.err;
         EXPECT_EQ(result.out, test.out) << test.options;
     }
-    EXPECT_EQ(runProgram("upcoming --config " + site.configuration + " --until 20300231000000").status, 2);
+    for (char const* const wrong :
+         {"--until 20300231000000", "--until 20200101000000", "--from 20310101000000 --until 20301231235959"})
+        EXPECT_EQ(runProgram("upcoming --config " + site.configuration + " " + wrong).status, 2) << wrong;
 }
 
 TEST(DueChangesTest, AnnouncesOnceWhatIsTrueAtItsInstant) {
@@ -163,7 +165,6 @@ class Served {
         keys.append(BAS::RegistryEntry("Reload", "TRUE"));
         BAS::ProtectedBool handled;
         EXPECT_TRUE(hostM.plugIn().update(keys, handled));
-        noticesM->dataChanged();
     }
     // Steps until there is a list whose first instant is that far away.
     bool hasListIn(int milliseconds) {

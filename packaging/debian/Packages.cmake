@@ -43,14 +43,17 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME numberportability)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION comm)
-# systemd-sysusers makes the account; any package that has it will do.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
+# systemd-sysusers makes the account; any package that has it will do. Zones are read from tzdata at run time.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
+    "systemd | systemd-standalone-sysusers | systemd-sysusers, tzdata")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "network operator of a telephone number at an instant
 nphost says to which network operator a telephone number belonged at an
 instant, from a text file of portings and number blocks, as rating, routing
 and settlement ask it for every call record. It looks numbers up on the
-command line, checks and prints data files, or serves as a daemon that is
-reloaded while it answers.
+command line, enriches files of call records with networks, imports
+operators' feeds, checks, prints and compares data files (check, print,
+diff), or serves as a daemon that is reloaded while it answers, behind a
+guard that refuses broken data files.
 
 The package also has the module for programs that ask from within their own
 process; numberportability-dev has what they are built with.")

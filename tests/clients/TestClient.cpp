@@ -7,7 +7,7 @@
 
 namespace {
 
-enum Behaviour { WORKS, REFUSES, THROWS, THROWS_FOREIGN };
+enum Behaviour { WORKS, LOADS, REFUSES, THROWS, THROWS_FOREIGN };
 
 std::thread worker;
 std::atomic<bool> stopped{false};
@@ -24,6 +24,20 @@ void work(DAT::NumberPortability::PlugIn& plugIn) {
     }
 }
 
+// Loads until it is stopped: the data file, and as a delta the file beside it.
+void load(DAT::NumberPortability::PlugIn& plugIn) {
+    BAS::RegistryEntry reload{BAS::String("DAT_NumberPortability")};
+    reload.append(BAS::RegistryEntry("Reload", "TRUE"));
+    BAS::RegistryEntry delta{BAS::String("DAT_NumberPortability")};
+    delta.append(BAS::RegistryEntry("AdditionalNumPortData", plugIn.serviceStatus().dataFileName + ".client"));
+    BAS::ProtectedBool handled;
+    while (!stopped) {
+        plugIn.registryUpdate(&reload, handled);
+        plugIn.registryUpdate(&delta, handled);
+        std::this_thread::yield();
+    }
+}
+
 } // namespace
 
 bool NumberPortabilityClientStart(DAT::NumberPortability::PlugIn& plugIn) {
@@ -34,6 +48,9 @@ bool NumberPortabilityClientStart(DAT::NumberPortability::PlugIn& plugIn) {
         throw std::runtime_error("no licence");
     case THROWS_FOREIGN:
         throw 5;
+    case LOADS:
+        worker = std::thread([&plugIn] { load(plugIn); });
+        return true;
     default:
         worker = std::thread([&plugIn] { work(plugIn); });
         return true;
@@ -43,5 +60,6 @@ bool NumberPortabilityClientStart(DAT::NumberPortability::PlugIn& plugIn) {
 void NumberPortabilityClientStop() {
     stopped = true;
     worker.join();
-    throw std::runtime_error("stopping hurts");
+    if (NP_BEHAVES == WORKS)
+        throw std::runtime_error("stopping hurts");
 }
