@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -233,6 +234,17 @@ struct Chosen {
     std::function<int()> command;
 };
 
+// A number in digits alone: the library would take -1 for the largest one.
+CLI::Validator isCount() {
+    auto const check = [](std::string const& text) {
+        std::uint64_t number = 0;
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        bool const whole = error == std::errc() && end == text.data() + text.size();
+        return whole ? std::string() : "'" + text + "' is not a number from 0 to 18446744073709551615";
+    };
+    return {check, "", "count"};
+}
+
 CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help,
                      char const* exitStatus = exitStatusCM) {
     CLI::App* const command = app.add_subcommand(name, description);
@@ -300,7 +312,9 @@ void addEnrichOutput(CLI::App& command, EnrichOptions& options) {
         ->allow_extra_args(false);
     command.add_option("--rejects", options.rejects, "Where records go that cannot be used")->option_text("FILE");
     command.add_flag("--keep", options.keep, "Leave records that cannot be used in the output");
-    command.add_option("--max-rejects", options.maxRejects, "Stop after more of them than this")->option_text("N");
+    command.add_option("--max-rejects", options.maxRejects, "Stop after more of them than this")
+        ->option_text("N")
+        ->check(isCount());
     command.add_option("--threads", options.threads, "Threads that look up; default: one a processor")
         ->option_text("N")
         ->check(CLI::Range(1, 1024));
@@ -437,7 +451,9 @@ void addImport(CLI::App& app, Chosen& chosen) {
         ->option_text("FILE");
     command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, record")
         ->option_text("FILE");
-    command->add_option("--max-rejects", options.maxRejects, "Write nothing when more are rejected")->option_text("N");
+    command->add_option("--max-rejects", options.maxRejects, "Stop, and write no data, when more are rejected")
+        ->option_text("N")
+        ->check(isCount());
     command->add_flag(
         "--json", options.json,
         "Tell what was done as one JSON object, on standard output with --output, else on standard error");
