@@ -2,7 +2,7 @@
 #include "host/Compression.h"
 #include "host/HostError.h"
 #include "host/ImportCommand.h"
-#include "tests/TemporaryFolder.h"
+#include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>
 
@@ -254,6 +254,93 @@ TEST(ImportTest, TellsWhatItDidAsJson) {
         EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
     EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1);
     EXPECT_EQ(feed.told, "");
+}
+
+// As its users meet it: where data, rejects and summary go, and how it ends.
+TEST(ImportTest, CommandLine) {
+    std::string const data = "1  20240101000000  A\n";
+    std::string const good = "number,since,operator\n1,20240101000000,A\n";
+    struct Case {
+        char const* label;
+        std::string commands; // IMPORT stands for the program and the map of columns
+        int status;
+        std::string out;
+        std::string err;     // a part of it
+        std::string written; // data.dat afterwards
+        std::string rejects = {};
+    };
+    std::string const row = "file,line,reason,detail,record\nbad.csv,2,no-number,there is no number,\",,\"\n";
+    for (Case const& test : {
+             Case{"to standard output", "IMPORT good.csv", 0, data, "records 1, written 1, networks 1; rejected 0",
+                  "old"},
+             Case{"by its names", "IMPORT good.csv -o - && IMPORT -o /dev/stdout good.csv", 0, data + data, "", "old"},
+             Case{"the object where the data do not go", "IMPORT --json good.csv 2>&1 >/dev/null | cut -c 1-18", 0,
+                  "{\"ambiguousTimes\":\n", "", "old"},
+             Case{"on standard output", "IMPORT --json -o data.dat good.csv | cut -c 1-18", 0, "{\"ambiguousTimes\":\n",
+                  "", data},
+             Case{"rejects", "IMPORT -o data.dat --rejects rejects bad.csv", 1, "", "rejected 1", data, row},
+             Case{"tabs by the name, both compressed",
+                  "IMPORT -o o.gz --rejects r.gz tabs.tsv; s=$?; zcat o.gz r.gz; exit $s", 1,
+                  data +
+                      "file,line,reason,detail,record\ntabs.tsv,3,field-count,the record has more or fewer fields than "
+                      "the first,\"x\"\n",
+                  "", "old"},
+             Case{"too many rejects", "IMPORT -o data.dat --max-rejects 0 --rejects rejects bad.csv", 1, "",
+                  "stopped: more than 0 rejected records, most often no-number: there is no number; data.dat is not "
+                  "written",
+                  "old", row},
+             Case{"told as JSON", "IMPORT -o data.dat --max-rejects 0 --json bad.csv | grep -o '\"records.*'", 0,
+                  "\"records\":1,\"rejected\":1,\"rejectedByReason\":{\"no-number\":1},\"repeated\":0,\"stopped\":"
+                  "\"more than "
+                  "0 rejected records, most often no-number: there is no number\",\"written\":0}\n",
+                  "", "old"},
+             Case{"nothing but rejects", "grep -v A bad.csv | IMPORT -o data.dat --rejects rejects -", 2, "",
+                  "no record could be taken", "old"},
+             Case{"a full disk for the data", "IMPORT -o /dev/full --rejects rejects bad.csv", 2, "", "No space left",
+                  "old"},
+             Case{"a full disk for the rejects", "IMPORT -o data.dat --rejects /dev/full bad.csv", 2, "",
+                  "No space left", "old"},
+             Case{"a reader that goes",
+                  "(trap '' PIPE; (cat good.csv; seq -f %.0f,20240101000000,A 2 9000000 2>/dev/null) | IMPORT - 2>&1; "
+                  "echo $? >&2) | "
+                  "head -n 1",
+                  0, data, "141\n", "old"},
+             Case{"a signal",
+                  "mkfifo in; IMPORT -o data.dat --rejects rejects - <in 2>err & exec 3>in; cat good.csv >&3; until ls "
+                  ".data.dat.*; do "
+                  ":; done >err 2>&1; kill $!; wait $!",
+                  128 + SIGTERM, "", "", "old"},
+             Case{"no configuration", "IMPORT -c none.toml good.csv", 2, "", "none.toml", "old"},
+             Case{"onto the configuration", "IMPORT -c nphost.toml -o nphost.toml good.csv", 2, "",
+                  "is the configuration file", "old"},
+             Case{"rejects onto the data", "IMPORT -c nphost.toml --rejects data.dat good.csv", 2, "",
+                  "is the data file", "old"},
+             Case{"the data may be written", "IMPORT -c nphost.toml -o data.dat good.csv", 0, "", "", data},
+             Case{"rejects to standard output", "IMPORT --rejects - good.csv", 2, "", "name a file", "old"},
+             Case{"a count", "IMPORT --max-rejects -1 good.csv", 2, "", "'-1' is not a number", "old"},
+             Case{"an empty header", "(echo; cat good.csv) | IMPORT -", 2, "", "standard input:1: the header is empty",
+                  "old"},
+             Case{"another separator", "tr , ';' <good.csv | IMPORT -", 2, "", "is the separator right?", "old"},
+             Case{"no separator", "IMPORT --separator '' good.csv", 2, "", "one byte (ASCII)", "old"},
+         }) {
+        TemporaryFolder const folder;
+        folder.write("good.csv", good);
+        folder.write("bad.csv", "number,since,operator\n,,\n1,20240101000000,A\n");
+        folder.write("tabs.tsv", "number\tsince\toperator\n1\t20240101000000\tA\nx\n");
+        folder.write("data.dat", "old");
+        folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n");
+        std::string commands = test.commands;
+        for (std::size_t at = 0; (at = commands.find("IMPORT")) != std::string::npos;)
+            commands.replace(at, 6, "nphost import --map number=number,valid-from=since,network=operator");
+        ProgramResult const result = runShell(folder, commands);
+        EXPECT_EQ(result.status, test.status) << test.label << "\n" << result.err;
+        EXPECT_EQ(result.out, test.out) << test.label;
+        EXPECT_NE(result.err.find(test.err), std::string::npos) << test.label << "\n" << result.err;
+        EXPECT_EQ(contentOf(folder.file("data.dat")), test.written) << test.label;
+        EXPECT_EQ(contentOf(folder.file("rejects")), test.rejects) << test.label;
+        for (auto const& entry : std::filesystem::directory_iterator(folder.path()))
+            EXPECT_FALSE(entry.path().filename().string().starts_with('.')) << test.label << entry.path();
+    }
 }
 
 // Random records of few numbers, instants and networks, so that many fall together, against a naive model.
