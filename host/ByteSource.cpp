@@ -202,7 +202,8 @@ std::size_t ByteSource::readDecoded(std::span<char> to) {
             return to.size() - out.size();
         if (!rawM.empty() || fill())
             continue;
-        if (decoderM->isOpen())
+        bool const isStopped = stopM != nullptr && stopM->load(std::memory_order_relaxed);
+        if (decoderM->isOpen() && !isStopped)
             fail("the compressed data end early");
         return 0;
     }

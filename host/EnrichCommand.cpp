@@ -60,10 +60,10 @@ WantedColumns wantedOf(EnrichOptions const& options) {
     return wanted;
 }
 
-bool isNoRegularFile(std::string const& file) {
+bool isPipeOrDevice(std::string const& file) {
     std::error_code error;
     auto const status = std::filesystem::status(file, error);
-    return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+    return std::filesystem::is_other(status); // a folder is refused in any case
 }
 
 // With what follows from the options: records that cannot be used stay in the output, or go to a file beside it.
@@ -75,7 +75,7 @@ EnrichOptions completed(EnrichOptions options) {
         options.keep = true; // else they would be lost
         return options;
     }
-    if (isNoRegularFile(*options.output))
+    if (isPipeOrDevice(*options.output))
         throw HostError(visible(*options.output) + " is no regular file: say where records go that cannot be used, by "
                                                    "--rejects FILE, or by --keep to leave them in the output");
     options.rejects = *options.output + ".rejects";

@@ -120,8 +120,10 @@ void RecordInput::takeFirst(InputBlock& block) {
     bool const isFirst = !std::exchange(seenRecordM, true);
     if (isFirst && blocksM->hadByteOrderMark())
         headerM = byteOrderMarkCM;
-    if (isFirst)
-        firstFileM = block.file, hintM = hint(block.block.text());
+    if (isFirst) {
+        firstFileM = block.file;
+        hintM = hint(block.block.text());
+    }
     if (formatM.kind == RecordFormat::Kind::JSON)
         return;
     if (formatM.header)
