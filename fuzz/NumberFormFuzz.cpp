@@ -1,7 +1,8 @@
 // Fuzz target: bringing numbers into stored form.
 //
 // Input: the first line chooses the dialling codes by its first byte, each further line is a text. What is accepted
-// must be digits in stored form, and stay the same when it is read again, as a number, as a global one, and in URIs.
+// must be digits in stored form, and stay the same when it is read again, as a number, as a global one, in URIs, and in a
+// name-addr.
 #include "fuzz/Fuzz.h"
 #include "host/NumberForm.h"
 
@@ -44,6 +45,7 @@ void check(NumberForm const& form, DiallingCodes const& codes, std::string const
     std::string const number = stored->substr(codes.internationalAccess.size());
     checkEqual("having a number in the stored form", text, number.empty(), false);
     for (std::string const& again : {*stored, "+" + number, "tel:+" + number + ";ext=1", "sips:%2b" + number + "@host",
+                                     "<tel:+" + number + ">;tag=1", "\"\\\"<\" <sip:+" + number + "@h>",
                                      "sip:" + number.substr(1) + ";phone-context=+" + number[0] + "@h;user=phone"})
         if (!again.starts_with("sip:") || (number.size() > 1 && codes.country != number.substr(0, 1)))
             checkEqual("the stored form, read again", again, storedForm(form, again).value_or("-"), *stored);

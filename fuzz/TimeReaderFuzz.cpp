@@ -105,7 +105,7 @@ std::string isoModel(std::string const& text) {
     std::vector<std::string> const& part = *parts;
     std::string seconds = part[SECOND].empty() ? "00" : part[SECOND];
     bool const endOfDay = part[HOUR] + part[MINUTE] + seconds == "240000" && !hasOtherThanZeros(part[FRACTION]);
-    if (seconds == "60" && std::stoi(part[MINUTE]) % 15 == 14)
+    if (seconds == "60")
         seconds = "59";
     std::optional<std::uint64_t> const clock = npfuzz::secondsOf(
         part[YEAR] + part[MONTH] + part[DAY] + (endOfDay ? "000000" : part[HOUR] + part[MINUTE] + seconds));

@@ -7,6 +7,15 @@
 
 namespace nphost {
 
+namespace {
+
+// The length of a piece: a carriage return at its end stays with what follows, which may be its newline.
+std::size_t withoutReturn(std::string_view text) {
+    return text.size() - (text.ends_with('\r') ? 1 : 0);
+}
+
+} // namespace
+
 bool BlockReader::next(RecordBlock& block) {
     std::memcpy(block.bytesM.get(), restM.data(), restM.size());
     block.beginM = 0;
@@ -34,7 +43,7 @@ void BlockReader::fill(RecordBlock& block) {
         if (block.endM == block.capacityM) {
             inPiecesM = true;
             block.pieceM = RecordBlock::Piece::FIRST;
-            return;
+            return keepRest(block, withoutReturn(text));
         }
     }
 }
@@ -70,7 +79,9 @@ std::size_t BlockReader::pieceLength(std::string_view text, RecordBlock& block) 
     std::size_t const line = lineLength(text);
     inPiecesM = line == 0 && !atEndM;
     block.pieceM = inPiecesM ? RecordBlock::Piece::MIDDLE : RecordBlock::Piece::LAST;
-    return line == 0 ? text.size() : line;
+    if (line > 0)
+        return line;
+    return atEndM ? text.size() : withoutReturn(text);
 }
 
 void BlockReader::keepRest(RecordBlock& block, std::size_t length) {

@@ -124,10 +124,13 @@ void ByteSource::fail(std::string const& reason) const {
 bool ByteSource::waitForInput() const {
     constexpr int pollMilliseconds = 100;
     pollfd state = {descriptorM, POLLIN, 0};
-    while (poll(&state, 1, pollMilliseconds) == 0)
+    for (;;) {
+        int const ready = poll(&state, 1, pollMilliseconds);
+        if (ready > 0 || (ready < 0 && errno != EINTR)) // what is wrong, reading says
+            return true;
         if (stopM->load(std::memory_order_relaxed))
             return false;
-    return true;
+    }
 }
 
 std::size_t ByteSource::readSome(std::span<char> to) {
@@ -199,7 +202,8 @@ std::size_t ByteSource::readDecoded(std::span<char> to) {
             return to.size() - out.size();
         if (!rawM.empty() || fill())
             continue;
-        if (decoderM->isOpen())
+        bool const isStopped = stopM != nullptr && stopM->load(std::memory_order_relaxed);
+        if (decoderM->isOpen() && !isStopped)
             fail("the compressed data end early");
         return 0;
     }

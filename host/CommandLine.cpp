@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -70,18 +71,19 @@ constexpr char const* enrichHelpCM =
 number: the network that it belonged to at the record's time; empty (in NDJSON null)
 when no record of the data holds, or there is no number.
 
-Formats: CSV with quoting as in RFC 4180, any one-character separator, NDJSON; by the
+Formats: CSV with quoting as in RFC 4180, any separator of one byte, NDJSON; by the
 name of the first input unless --format says otherwise. Inputs may be gzip or zstd,
 whatever their names; the output is compressed if its name ends in .gz or .zst.
 COLUMN is a name of the header, or a number from 1; of NDJSON a member's name.
 
-Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601, with or without an offset), seconds or
-milliseconds since 1970, or a pattern as for strptime. --zone is the zone of the data;
-times without an offset are taken to be in it.
+Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601, date and time, with or without an offset),
+seconds or milliseconds since 1970, or a pattern as for strptime. --zone is the zone of
+the data; times without an offset are taken to be in it.
 
 Records that cannot be used go whole to the rejects, a CSV file with the columns file,
-line, reason and record; with --output FILE to FILE.rejects. With --keep they stay in
-the output, with empty fields.
+line, reason and record: that of --rejects, or with --output FILE to FILE.rejects.
+Without either, or with --keep, they stay in the output: in CSV with empty fields, in
+NDJSON with nulls, but what is no object, or has a name to be added, as it is.
 
 Examples:
   nphost enrich --config examples/nphost.toml --number caller --number called
@@ -91,7 +93,8 @@ Examples:
 
 Exit status:
   0  every record could be used; numbers that were not found are counted, no more
-  1  records were rejected, or stayed unused in the output
+  1  records were rejected, or stayed unused in the output; or there were more than
+     --max-rejects, and the output file is as it was
   2  a usage, configuration or file error; one line on standard error says which)";
 
 constexpr char const* printHelpCM =
@@ -167,7 +170,8 @@ constexpr char const* importHelpCM =
     R"(Makes a data file of a feed: separated values, as they are or compressed by gzip or
 zstd. COLUMN is a name of the feed's header or a position from 1. The records keep their
 order. What cannot be a record is rejected with file, line and reason, and the rest is
-written; the output is replaced only when the whole feed has been read.
+written; the output is replaced only when the whole feed has been read. Output and
+rejects are compressed if their names end in .gz or .zst.
 
 Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601), seconds or milliseconds since 1970, or a
 pattern as strptime takes it, '%d/%m/%Y %H:%M'. Those with an offset are turned into the
@@ -181,13 +185,14 @@ Examples:
   nphost import --map number=msisdn,valid-from=since,network=operator --time-format iso \
       --zone Europe/Paris --normalise --config nphost.toml --output ported.dat feed.csv.gz
   zcat feed.txt.gz | nphost import --map number=1,valid-from=3,network=2 --no-header \
-      --separator '|' --rejects rejects.txt - > ported.dat
+      --separator '|' --rejects rejects.csv - > ported.dat
 
 Exit status:
   0  everything was taken
-  1  some records were rejected, the rest is written
-  2  a usage, configuration or file error, networks that would become one, more rejected
-     records than allowed, or none left: nothing is written; standard error says why)";
+  1  some records were rejected, the rest is written; or more than --max-rejects, and no
+     file but that of the rejects
+  2  a usage, configuration or file error, networks that would become one, or no record
+     left: no file is written; standard error says why)";
 
 constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
@@ -234,6 +239,17 @@ struct Chosen {
     std::string list;
     std::function<int()> command;
 };
+
+// A number in digits alone: the library would take -1 for the largest one.
+CLI::Validator isCount() {
+    auto const check = [](std::string const& text) {
+        std::uint64_t number = 0;
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        bool const whole = error == std::errc() && end == text.data() + text.size();
+        return whole ? std::string() : "'" + text + "' is not a number from 0 to 18446744073709551615";
+    };
+    return {check, "", "count"};
+}
 
 CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help,
                      char const* exitStatus = exitStatusCM) {
@@ -286,7 +302,10 @@ void addEnrichInput(CLI::App& command, EnrichOptions& options) {
     command.add_option("--format", options.format, "csv, tsv or ndjson; default: by the first input's name, or csv")
         ->option_text("FORMAT")
         ->check(CLI::IsMember({"csv", "tsv", "ndjson"}));
-    command.add_option("--separator", options.separator, "What separates fields; 'tab' for the tab")->option_text("C");
+    command
+        .add_option("--separator", options.separator,
+                    "What separates fields, one byte; 'tab' for the tab; default: by the name, or a comma")
+        ->option_text("C");
     command.add_flag("--no-header", options.noHeader, "The first record names no columns");
     command.add_flag("--no-quotes", options.noQuotes, "Quotation marks are bytes like others");
     command.add_flag("--normalise", options.normalise,
@@ -300,13 +319,21 @@ void addEnrichOutput(CLI::App& command, EnrichOptions& options) {
         ->option_text("LIST")
         ->delimiter(',')
         ->allow_extra_args(false);
-    command.add_option("--rejects", options.rejects, "Where records go that cannot be used")->option_text("FILE");
-    command.add_flag("--keep", options.keep, "Leave records that cannot be used in the output");
-    command.add_option("--max-rejects", options.maxRejects, "Stop after more of them than this")->option_text("N");
+    command
+        .add_option("--rejects", options.rejects,
+                    "Where records go that cannot be used; with --output, its name and .rejects")
+        ->option_text("FILE");
+    command.add_flag("--keep", options.keep,
+                     "Leave records that cannot be used in the output; with --rejects list them, too");
+    command
+        .add_option("--max-rejects", options.maxRejects, "Stop after more of them than this, and write no output file")
+        ->option_text("N")
+        ->check(isCount());
     command.add_option("--threads", options.threads, "Threads that look up; default: one a processor")
         ->option_text("N")
         ->check(CLI::Range(1, 1024));
-    command.add_flag("--json", options.json, "The summary on standard error as one JSON object");
+    command.add_flag("--json", options.json,
+                     "The summary as one JSON object, on standard output with --output, else on standard error");
     command.add_flag("--pass-through", options.passThrough, "Everything but the look-up, to measure what it costs");
 }
 
@@ -430,24 +457,29 @@ void addImport(CLI::App& app, Chosen& chosen) {
     command->add_option("--map", options.map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)")
         ->option_text("MAP")
         ->required();
-    command->add_option("--separator", options.separator, "One character, or tab; default: a comma")->option_text("C");
+    command
+        ->add_option("--separator", options.separator,
+                     "What separates fields, one byte; 'tab' for the tab; default: by the name, or a comma")
+        ->option_text("C");
     command->add_flag("--no-quotes", options.noQuotes, "Take quotation marks as bytes like others");
     command->add_flag("--no-header", options.noHeader, "The first line is a record, and columns are positions");
     command->add_option("--time-format", options.timeFormat, "How valid-from is written; default: digits")
         ->option_text("TIME");
     command->add_option("--zone", options.zone, "The time zone of the data, Europe/Paris; default: UTC")
         ->option_text("ZONE");
-    command->add_flag("--normalise", options.normalise, "Bring numbers into stored form; needs --config");
+    command->add_flag("--normalise", options.normalise,
+                      "Take numbers in any form: national, +44..., tel: and sip: URIs; needs --config");
     command->add_option("-c,--config", chosen.common.configuration, "The configuration file with the dialling codes")
         ->option_text("FILE");
     command->add_option("-o,--output", options.output, "The data file to write; default: standard output")
         ->option_text("FILE");
-    command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, record")
+    command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, detail, record")
         ->option_text("FILE");
-    command->add_option("--max-rejects", options.maxRejects, "Write nothing when more are rejected")->option_text("N");
-    command->add_flag(
-        "--json", options.json,
-        "Tell what was done as one JSON object, on standard output with --output, else on standard error");
+    command->add_option("--max-rejects", options.maxRejects, "Stop, and write no data, when more are rejected")
+        ->option_text("N")
+        ->check(isCount());
+    command->add_flag("--json", options.json,
+                      "The summary as one JSON object, on standard output with --output, else on standard error");
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.feed.common = chosen.common;

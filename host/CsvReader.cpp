@@ -1,5 +1,8 @@
 #include "host/CsvReader.h"
 
+#include "host/HostError.h"
+#include "host/Text.h"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -18,6 +21,18 @@ int isSpace(unsigned char byte) {
 }
 
 } // namespace
+
+char separatorOf(std::string_view text) {
+    if (text == "tab" || text == "\\t")
+        return '\t';
+    constexpr std::string_view impossible = "\"\r\n";
+    bool const isOne = text.size() == 1 && static_cast<unsigned char>(text[0]) < 0x80;
+    if (!isOne || impossible.find(text) != std::string_view::npos)
+        throw HostError(
+            "--separator: '" + shortened(text) +
+            "' does not separate; write one byte (ASCII) that is neither quotation mark nor line end, or tab");
+    return text.front();
+}
 
 CsvReader::CsvReader(CsvDialect dialect) : dialectM(dialect) {
     restart();

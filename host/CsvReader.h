@@ -22,6 +22,9 @@ struct CsvDialect {
     bool quotes = true;
 };
 
+// What separates fields: one byte of ASCII, neither quotation mark nor line end; or "tab". HostError for any other text.
+char separatorOf(std::string_view text);
+
 class CsvReader : public RecordReader {
   public:
     // All fields are wanted; records may have any number of them.

@@ -5,7 +5,7 @@
 // to a file of rejects, or stays without answers.
 // Threads: one that reads, one that writes, as many as wanted between, and that of the progress line.
 // Errors: HostError, ConfigurationError, std::bad_alloc. A file that is written is replaced as a whole, or not at all.
-// A closed standard output ends the process as the signal for it does.
+// A closed standard output, or a signal, ends the process by that signal when temporary files are gone.
 // Complexity: linear in the records; memory does not grow with them.
 #pragma once
 
@@ -26,18 +26,18 @@ struct EnrichOptions {
     std::string timeFormat = "digits";
     std::string zone = "UTC";
     std::string format; // csv, tsv, ndjson; empty: by the first input's name
-    std::string separator;
+    std::optional<std::string> separator;
     std::vector<std::string> added; // empty: the network
     std::optional<unsigned int> method;
-    std::optional<std::string> output; // none: standard output
-    std::optional<std::string> rejects;
+    std::optional<std::string> output;  // none, and its names: standard output
+    std::optional<std::string> rejects; // none: OUTPUT.rejects, or none if they stay in the output
     std::optional<std::uint64_t> maxRejects;
     unsigned int threads = 0; // 0: one a processor
     bool noHeader = false;
     bool noQuotes = false;
     bool normalise = false;
     bool keep = false;
-    bool json = false;
+    bool json = false;        // the summary, where the records do not go: standard output, else standard error
     bool passThrough = false; // everything but the look-up, to measure what it costs
 };
 

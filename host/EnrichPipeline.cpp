@@ -24,6 +24,7 @@ class EnrichPipeline::Threads {
             threadsM.emplace_back([this] { pipelineM.work(); });
     }
     void join() {
+        pipelineM.stopReadingM = true; // of input that nobody waits for any more
         for (std::thread& thread : threadsM)
             thread.join();
         threadsM.clear();
@@ -38,11 +39,12 @@ EnrichPipeline::EnrichPipeline(EnrichContext const& context, RecordInput& input,
                                unsigned int threads)
     : contextM(context), inputM(input), prefixM(std::move(prefix)), threadsM(threads), ringM(2UL * threads + 2) {}
 
-void EnrichPipeline::run(std::function<void(EnrichJob const&)> const& take) {
+void EnrichPipeline::run(std::function<bool(EnrichJob const&)> const& take) {
     Threads threads(*this);
     threads.start();
     while (EnrichJob const* const job = ringM.startTaking()) {
-        take(*job);
+        if (!take(*job))
+            ringM.stop();
         ringM.finishTaking();
     }
     threads.join();
@@ -53,8 +55,8 @@ void EnrichPipeline::readAll() noexcept {
     try {
         while (EnrichJob* const job = ringM.startFilling()) {
             job->prefix = std::exchange(prefixM, {});
-            if (!inputM.next(job->input, ringM.stopped()))
-                return ringM.endFilling();
+            if (!inputM.next(job->input, stopReadingM))
+                return stopReadingM ? ringM.stop() : ringM.endFilling();
             ringM.finishFilling();
         }
     } catch (...) {

@@ -5,8 +5,8 @@
 // Units: up to two blocks a thread and two more are under way, a few MiB each.
 // Ownership: borrows context and input; owns its threads, which have ended when run returns or throws.
 // Threads: one run by one thread; the context's plug-in is called by several.
-// Errors: run throws what a thread or the taker threw first. A reader that waits for input sees the end of a run within
-// a tenth of a second.
+// Errors: run throws what a thread or the taker threw first. A reader that waits for input sees the end of a run, or
+// stopReading, within a tenth of a second.
 // Complexity: that of the input.
 #pragma once
 
@@ -14,6 +14,7 @@
 #include "host/Enricher.h"
 #include "host/OrderedRing.h"
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -26,7 +27,11 @@ class EnrichPipeline {
     EnrichPipeline(EnrichPipeline const&) = delete;
     EnrichPipeline& operator=(EnrichPipeline const&) = delete;
 
-    void run(std::function<void(EnrichJob const&)> const& take);
+    // Until the input ends, or `take` returns false.
+    void run(std::function<bool(EnrichJob const&)> const& take);
+
+    // Ends the reading as soon as may be when it becomes true; may be set at any time, as by a signal handler.
+    std::atomic<bool>& stopReading() { return stopReadingM; }
 
     // After run: adds to those.
     void addNetworks(NetworkCounts& to);
@@ -42,6 +47,7 @@ class EnrichPipeline {
     std::string prefixM;
     unsigned int threadsM;
     OrderedRing<EnrichJob> ringM;
+    std::atomic<bool> stopReadingM{false};
     BAS::Mutex lockM;
     NetworkCounts networksM NP_GUARDED_BY(lockM);
 };

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <set>
 
 namespace nphost {
@@ -23,36 +22,6 @@ constexpr std::array<AddedName, 5> addedNamesCM = {{{"network", "_network"},
                                                     {"next-change", "_next_change"},
                                                     {"method", "_method"}}};
 
-std::string listOf(std::vector<std::string> const& names) {
-    std::string text;
-    for (std::string const& name : names)
-        text += (text.empty() ? "'" : ", '") + name + "'";
-    return shortened(text);
-}
-
-// A column by its number, from 1; none for any other text.
-std::optional<std::size_t> columnNumber(std::string const& text, std::size_t count) {
-    std::size_t number = 0;
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    bool const whole = error == std::errc() && end == text.data() + text.size();
-    return whole && number >= 1 && number <= count ? std::optional(number - 1) : std::nullopt;
-}
-
-// The header's names come first: a column may be called "3".
-std::size_t columnOf(std::string const& wanted, RecordInput const& input) {
-    std::vector<std::string> const& names = input.columns();
-    auto const named = std::count(names.begin(), names.end(), wanted);
-    if (named > 1)
-        throw HostError(input.firstFile() + ":1: the column '" + shortened(wanted) +
-                        "' is there twice; give its number, from 1");
-    if (named == 1)
-        return static_cast<std::size_t>(std::find(names.begin(), names.end(), wanted) - names.begin());
-    if (std::optional<std::size_t> const number = columnNumber(wanted, input.fieldCount()))
-        return *number;
-    throw HostError(input.firstFile() + ":1: there is no column '" + shortened(wanted) + "'; there are " +
-                    (names.empty() ? "columns 1 to " + std::to_string(input.fieldCount()) : listOf(names)));
-}
-
 } // namespace
 
 std::optional<Added> addedOf(std::string_view name) {
@@ -67,23 +36,31 @@ EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, 
     if (format.kind == RecordFormat::Kind::JSON)
         nameAdded(wanted.numbers);
     else if (input.fieldCount() > 0) // else there is no record
-        resolveColumns(wanted, input);
+        resolveColumns(input);
     if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||
         std::set<std::size_t>(columnsM.begin(), columnsM.end()).size() != columnsM.size())
         throw HostError("a column is named twice by --time and --number");
     checkNames(input);
 }
 
-void EnrichPlan::resolveColumns(WantedColumns const& wanted, RecordInput const& input) {
+void EnrichPlan::resolveColumns(RecordInput const& input) {
     fieldCountM = input.fieldCount();
     for (std::string const& column : membersM)
-        columnsM.push_back(columnOf(column, input));
+        columnsM.push_back(input.positionOf(column));
     if (!formatM.header)
         return;
     std::vector<std::string> names;
-    for (std::size_t i = 0; i < wanted.numbers.size(); ++i)
-        names.push_back(input.columns()[columnsM[i + 1]]);
+    for (std::size_t i = 1; i < columnsM.size(); ++i)
+        names.push_back(nameOf(i, input));
     nameAdded(names);
+}
+
+// Of a number's column, with its position where another number's column has the same name.
+std::string EnrichPlan::nameOf(std::size_t i, RecordInput const& input) const {
+    std::string const& name = input.columns()[columnsM[i]];
+    bool const isAlone = std::count_if(columnsM.begin() + 1, columnsM.end(),
+                                       [&](std::size_t column) { return input.columns()[column] == name; }) == 1;
+    return isAlone ? name : name + "_" + std::to_string(columnsM[i] + 1);
 }
 
 void EnrichPlan::nameAdded(std::vector<std::string> const& numbers) {
@@ -97,7 +74,8 @@ void EnrichPlan::checkNames(RecordInput const& input) const {
     taken.insert(membersM.begin(), membersM.end());
     for (std::string const& name : namesM)
         if (!taken.insert(name).second)
-            throw HostError("the column to be added, '" + shortened(name) + "', is there already");
+            throw HostError("the column to be added, '" + shortened(name) +
+                            "', is there already: give it another name in the header, or enrich the file without it");
 }
 
 bool EnrichPlan::explains() const {

@@ -3,7 +3,7 @@
 // Purpose: which columns or members are the time and the numbers, and what is added for each number under which name.
 // Units: columns count from 0; the first wanted value is the time, the others are the numbers, in the order of the
 // options. Names of what is added: for each number all of `added`, COLUMN_network, COLUMN_valid_from, COLUMN_prefix,
-// COLUMN_next_change, COLUMN_method.
+// COLUMN_next_change, COLUMN_method; where two numbers' columns have one name, COLUMN_1_network and so on, by position.
 // Ownership: a value. Threads: none inside.
 // Errors: HostError in one line: a column is not there, or its name is there twice, or a name to be added is taken.
 // Complexity: linear in the header.
@@ -48,7 +48,8 @@ class EnrichPlan {
     std::unique_ptr<RecordReader> makeReader() const;
 
   private:
-    void resolveColumns(WantedColumns const& wanted, RecordInput const& input);
+    void resolveColumns(RecordInput const& input);
+    std::string nameOf(std::size_t i, RecordInput const& input) const;
     void nameAdded(std::vector<std::string> const& numbers);
     void checkNames(RecordInput const& input) const;
 

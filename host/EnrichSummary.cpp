@@ -93,22 +93,23 @@ std::string EnrichSummary::json() const {
     auto const all = networks.sorted();
     for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
         top.push_back({{"network", asUtf8(all[i].first)}, {"numbers", all[i].second}});
-    return nlohmann::json({{"records", counts.records},
-                           {"found", counts.found},
-                           {"notFound", counts.notFound},
-                           {"withoutNumber", counts.withoutNumber},
-                           {"rejected", counts.rejected()},
-                           {"rejectedByReason", reasons},
-                           {"kept", kept},
-                           {"complete", complete},
-                           {"ambiguousTimes", counts.ambiguous},
-                           {"impossibleTimes", counts.impossible},
-                           {"networks", all.size()},
-                           {"topNetworks", top},
-                           {"seconds", std::round(seconds * 1000) / 1000},
-                           {"recordsPerSecond", rateOf(*this)}})
-               .dump() +
-           "\n";
+    nlohmann::json object = {{"records", counts.records},
+                             {"found", counts.found},
+                             {"notFound", counts.notFound},
+                             {"withoutNumber", counts.withoutNumber},
+                             {"rejected", counts.rejected()},
+                             {"rejectedByReason", reasons},
+                             {"kept", kept},
+                             {"complete", stopped.empty()},
+                             {"ambiguousTimes", counts.ambiguous},
+                             {"impossibleTimes", counts.impossible},
+                             {"networks", all.size()},
+                             {"topNetworks", top},
+                             {"seconds", std::round(seconds * 1000) / 1000},
+                             {"recordsPerSecond", rateOf(*this)}};
+    if (!stopped.empty())
+        object["stopped"] = stopped;
+    return object.dump() + "\n";
 }
 
 } // namespace nphost

@@ -46,8 +46,8 @@ struct EnrichSummary {
     EnrichCounts counts;
     NetworkCounts networks;
     double seconds = 0;
-    bool kept = false;    // rejected records stand in the output
-    bool complete = true; // the input was read to its end
+    bool kept = false;   // rejected records stand in the output
+    std::string stopped; // why the input was not read to its end; empty: it was
 
     std::string text() const;
     std::string json() const;

@@ -14,10 +14,9 @@ bool isBlank(Record const& record) {
     return record.problem == Problem::NONE && record.values.empty();
 }
 
-// Whether values can be added to a record that cannot be used.
-bool canHoldValues(Problem problem) {
-    return problem == Problem::FIELD_COUNT || problem == Problem::MISSING_MEMBER ||
-           problem == Problem::UNREADABLE_TIME || problem == Problem::UNWRITABLE;
+// Whether values can be added to an object that cannot be used.
+bool canHoldMembers(Problem problem) {
+    return problem == Problem::MISSING_MEMBER || problem == Problem::UNREADABLE_TIME;
 }
 
 } // namespace
@@ -188,49 +187,47 @@ void Enricher::count(std::size_t number, std::uint32_t question) {
 void Enricher::reject(Record const& record) {
     if (contextM.listRejects) {
         beginReject(record.line, record.problem);
-        appendQuoted(record.text);
+        CsvWriter::appendInQuotes(jobM->rejects, record.text);
         jobM->rejects += "\"\n";
     }
     ++jobM->counts.problems[static_cast<std::size_t>(record.problem)];
-    if (!contextM.keep)
-        return;
+    if (contextM.keep)
+        keepUnused(record);
+}
+
+void Enricher::keepUnused(Record const& record) {
     std::fill(valuesM.begin(), valuesM.end(), std::string_view());
-    if (canHoldValues(record.problem))
+    if (contextM.plan.format().kind == RecordFormat::Kind::CSV || canHoldMembers(record.problem))
         writerM->write(jobM->result, record, valuesM);
     else
         jobM->result.append(record.text).append(record.lineEnd);
 }
 
 void Enricher::beginReject(std::uint64_t line, Problem problem) {
-    std::string& out = jobM->rejects;
-    CsvWriter::appendField(out, contextM.input.nameOf(jobM->input.file), {});
-    out.append(",").append(std::to_string(line)).append(",").append(nameOf(problem)).append(",\"");
+    beginRejectRow(jobM->rejects, contextM.input.nameOf(jobM->input.file), line, nameOf(problem));
+    jobM->rejects += '"';
 }
 
-void Enricher::appendQuoted(std::string_view text) {
-    for (std::size_t quote = text.find('"'); quote != std::string_view::npos; quote = text.find('"')) {
-        jobM->rejects.append(text.substr(0, quote + 1)).append("\"");
-        text.remove_prefix(quote + 1);
-    }
-    jobM->rejects += text;
-}
-
-// A line that is longer than a block is rejected as it comes; the blocks before and after this one have the rest.
+// A line that is longer than a block is rejected as it comes; the blocks before and after this one have the rest. It
+// counts when it is over, so that its row is whole when the run stops for it.
 void Enricher::processPiece() {
     RecordBlock const& block = jobM->input.block;
-    bool const isFirst = block.piece() == RecordBlock::Piece::FIRST;
     bool const isLast = block.piece() == RecordBlock::Piece::LAST;
-    jobM->counts.records += isFirst ? 1 : 0;
-    jobM->counts.problems[static_cast<std::size_t>(Problem::TOO_LONG)] += isFirst ? 1 : 0;
+    Record piece;
+    piece.problem = Problem::TOO_LONG;
+    piece.text = block.text();
+    if (isLast) {
+        setText(piece, block.text());
+        ++jobM->counts.records;
+        ++jobM->counts.problems[static_cast<std::size_t>(Problem::TOO_LONG)];
+    }
     if (contextM.keep)
-        jobM->result += block.text();
+        isLast ? keepUnused(piece) : void(jobM->result += block.text());
     if (!contextM.listRejects)
         return;
-    if (isFirst)
+    if (block.piece() == RecordBlock::Piece::FIRST)
         beginReject(block.firstLine(), Problem::TOO_LONG);
-    Record piece;
-    setText(piece, block.text());
-    appendQuoted(isLast ? piece.text : block.text());
+    CsvWriter::appendInQuotes(jobM->rejects, piece.text);
     if (isLast)
         jobM->rejects += "\"\n";
 }

@@ -84,7 +84,7 @@ class Enricher {
     void count(std::size_t number, std::uint32_t question);
     void reject(Record const& record);
     void beginReject(std::uint64_t line, Problem problem);
-    void appendQuoted(std::string_view text);
+    void keepUnused(Record const& record);
 
     EnrichContext contextM;
     std::unique_ptr<RecordReader> readerM;

@@ -3,8 +3,6 @@
 #include "host/HostError.h"
 #include "host/Text.h"
 
-#include <algorithm>
-#include <charconv>
 #include <optional>
 #include <utility>
 
@@ -39,13 +37,6 @@ std::string_view takeColumn(std::string_view& text) {
     return std::exchange(text, std::string_view());
 }
 
-std::optional<std::size_t> asPosition(std::string const& text) {
-    std::size_t position = 0;
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), position);
-    bool const whole = error == std::errc() && end == text.data() + text.size() && position > 0;
-    return whole ? std::optional(position - 1) : std::nullopt;
-}
-
 } // namespace
 
 char const* FeedColumns::nameOf(Field field) {
@@ -66,34 +57,16 @@ FeedColumns::FeedColumns(std::string_view map) {
             throw HostError("the map of columns lacks " + std::string(namesCM[field]) + "=COLUMN");
 }
 
-std::vector<std::size_t> FeedColumns::positions(std::vector<std::string> const& header, std::size_t count,
-                                                std::string const& file) const {
+std::vector<std::size_t> FeedColumns::positions(RecordInput const& input) const {
     std::vector<std::size_t> result;
     for (Field const field : {NUMBER, VALID_FROM, NETWORK}) {
-        result.push_back(position(field, header, count, file));
+        result.push_back(input.positionOf(columnsM[field]));
         for (std::size_t before = 0; before < field; ++before)
             if (result[before] == result[field])
                 throw HostError(std::string(namesCM[before]) + " and " + nameOf(field) +
                                 " are mapped to one column, '" + shortened(columnsM[field]) + "'");
     }
     return result;
-}
-
-std::size_t FeedColumns::position(Field field, std::vector<std::string> const& header, std::size_t count,
-                                  std::string const& file) const {
-    std::string const& column = columnsM[field];
-    auto const found = std::find(header.begin(), header.end(), column);
-    if (found != header.end()) {
-        if (std::find(found + 1, header.end(), column) != header.end())
-            throw HostError(file + ":1: two columns are called '" + shortened(column) + "'; give a position instead");
-        return static_cast<std::size_t>(found - header.begin());
-    }
-    std::optional<std::size_t> const position = asPosition(column);
-    if (position && *position < count)
-        return *position;
-    std::string const counted = std::to_string(count) + (count == 1 ? " column" : " columns");
-    throw HostError(file + ":1: there is no column '" + shortened(column) + "' for " + nameOf(field) + " among the " +
-                    counted + (count == 1 ? "; is the separator right?" : ""));
 }
 
 } // namespace nphost

@@ -9,6 +9,8 @@
 // Complexity: linear in the columns.
 #pragma once
 
+#include "host/RecordInput.h"
+
 #include <array>
 #include <cstddef>
 #include <string>
@@ -25,15 +27,10 @@ class FeedColumns {
 
     explicit FeedColumns(std::string_view map);
 
-    // The positions from 0 of number, valid-from and network among `count` columns, all different; `header` is empty
-    // where the feed has none.
-    std::vector<std::size_t> positions(std::vector<std::string> const& header, std::size_t count,
-                                       std::string const& file) const;
+    // The positions from 0 of number, valid-from and network in the input, which was started; all different.
+    std::vector<std::size_t> positions(RecordInput const& input) const;
 
   private:
-    std::size_t position(Field field, std::vector<std::string> const& header, std::size_t count,
-                         std::string const& file) const;
-
     std::array<std::string, fieldsCM> columnsM;
 };
 

@@ -2,6 +2,7 @@
 
 #include "host/Instant.h"
 #include "host/Numbers.h"
+#include "host/Text.h"
 
 #include <utility>
 
@@ -26,13 +27,6 @@ constexpr std::array<Words, refusalsCM> wordsCM = {{
     {"control-character", "the network's name has a control character"},
     {"other-network", "the number has a record of another network at this instant"},
 }};
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t";
-    std::size_t const begin = text.find_first_not_of(blanks);
-    return begin == std::string_view::npos ? std::string_view()
-                                           : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
 
 // A tab is none: it becomes an underscore, as a blank does.
 bool isControl(char c) {

@@ -1,19 +1,20 @@
 #include "host/ImportCommand.h"
 
-#include "framework/STR/FileIo.h"
 #include "host/ExitStatus.h"
 #include "host/FeedColumns.h"
 #include "host/FeedConversion.h"
+#include "host/FileRoles.h"
 #include "host/HostError.h"
-#include "host/Output.h"
+#include "host/Interruption.h"
 #include "host/RecordInput.h"
-#include "host/SameFile.h"
+#include "host/RecordWriter.h"
+#include "host/ResultTarget.h"
 #include "host/StandardError.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
@@ -21,117 +22,85 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* standardOutputCM = "/dev/stdout";
-
-// A file that is written in large pieces, and replaced only by close.
-class Target {
-  public:
-    explicit Target(std::string const& name) : nameM(name), fileM(name, std::ios_base::out) { check(fileM.isOpen()); }
-
-    void append(std::string_view text) {
-        bufferM += text;
-        if (bufferM.size() > sizeCM)
-            flush();
-    }
-    std::string& buffer() { return bufferM; }
-    void flush() {
-        check(static_cast<bool>(fileM.stream().write(bufferM.data(), static_cast<std::streamsize>(bufferM.size()))));
-        bufferM.clear();
-    }
-    void close() {
-        flush();
-        check(fileM.closeFile());
-    }
-
-  private:
-    static constexpr std::size_t sizeCM = 256UL * 1024;
-
-    void check(bool done) {
-        if (!done)
-            throw HostError(visible(nameM) + " cannot be written: " +
-                            (fileM.closeFile(), fileM.failure().str())); // the reason is complete after closeFile
-    }
-
-    std::string nameM;
-    STR::FileIo fileM;
-    std::string bufferM;
-};
-
-// Appends one value of a line of comma-separated values.
-void appendQuoted(std::string& out, std::string_view value) {
-    if (value.find_first_of(",\"\r\n") == std::string_view::npos) {
-        out += value;
-        return;
-    }
-    out += '"';
-    for (char const c : value)
-        out.append(c == '"' ? 2 : 1, c);
-    out += '"';
-}
-
 // Tells of rejected records: all in a file of comma-separated values, or the first on standard error.
 class Rejects {
   public:
-    Rejects(std::string file, std::string const& target)
-        : fileM(std::move(file)), targetM(target.empty() ? nullptr : std::make_unique<Target>(target)) {
-        if (targetM)
-            targetM->append("file,line,reason,detail,record\n");
+    Rejects(std::string file, std::optional<std::string> const& target) : fileM(std::move(file)) {
+        if (target)
+            targetM.emplace(*target).buffer() = "file,line,reason,detail,record\n";
     }
 
     void add(std::uint64_t line, Refusal refusal, std::string_view subject, std::string_view record) {
-        ++countsM[static_cast<std::size_t>(refusal)];
-        ++totalM;
+        begin(line, refusal, subject);
+        addPart(record);
+        end(refusal);
+    }
+
+    // The same for a record in parts.
+    void begin(std::uint64_t line, Refusal refusal, std::string_view subject) {
         std::string detail = sentenceOf(refusal);
         if (!subject.empty())
             detail += ": '" + shortened(subject) + "'";
         if (targetM)
-            list(line, refusal, detail, record);
-        else if (totalM <= shownCM)
+            beginRow(line, refusal, detail);
+        else if (totalM < shownCM)
             complain(fileM + ":" + std::to_string(line) + ": " + detail);
     }
-
-    void close() {
+    void addPart(std::string_view part) {
+        if (!targetM)
+            return;
+        CsvWriter::appendInQuotes(targetM->buffer(), part);
+        targetM->writeLarge();
+    }
+    void end(Refusal refusal) {
         if (targetM)
-            targetM->close();
+            targetM->buffer() += "\"\n";
+        ++countsM[static_cast<std::size_t>(refusal)];
+        ++totalM;
+    }
+
+    void sync() {
+        if (targetM)
+            targetM->sync();
         else if (totalM > shownCM)
             complain(fileM + ": " + std::to_string(totalM - shownCM) + " more rejected records; --rejects lists all");
+    }
+    void finish() {
+        if (targetM)
+            targetM->finish();
     }
 
     std::uint64_t total() const { return totalM; }
     std::array<std::uint64_t, refusalsCM> const& counts() const { return countsM; }
 
+    // "most often bad-time: the time cannot be read"
+    std::string mostFrequent() const {
+        auto const most = static_cast<Refusal>(std::max_element(countsM.begin(), countsM.end()) - countsM.begin());
+        return std::string("most often ") + nameOf(most) + ": " + sentenceOf(most);
+    }
+
   private:
     static constexpr std::uint64_t shownCM = 20;
 
-    void list(std::uint64_t line, Refusal refusal, std::string_view detail, std::string_view record) {
-        std::string text;
-        appendQuoted(text, fileM);
-        text.append(",").append(std::to_string(line)).append(",").append(nameOf(refusal)).append(",");
-        appendQuoted(text, detail);
-        text += ',';
-        appendQuoted(text, record);
-        targetM->append(text += '\n');
+    void beginRow(std::uint64_t line, Refusal refusal, std::string_view detail) {
+        std::string& row = targetM->buffer();
+        beginRejectRow(row, fileM, line, nameOf(refusal));
+        CsvWriter::appendField(row, detail, {});
+        row += ",\"";
     }
 
     std::string fileM;
-    std::unique_ptr<Target> targetM; // null: standard error
+    std::optional<PieceTarget> targetM; // none: standard error
     std::array<std::uint64_t, refusalsCM> countsM{};
     std::uint64_t totalM = 0;
 };
 
-char separatorOf(std::string const& text) {
-    if (text == "tab" || text == "\\t")
-        return '\t';
-    if (text.size() != 1 || std::string_view("\"\r\n").find(text) != std::string_view::npos)
-        throw HostError("'" + shortened(text) + "' is no separator; write one character, or tab");
-    return text.front();
-}
-
 RecordFormat formatOf(ImportOptions const& options) {
     RecordFormat format;
-    format.csv.separator = separatorOf(options.separator);
+    format.csv.separator = options.separator ? separatorOf(*options.separator) : separatorByName(options.file);
     format.csv.quotes = !options.noQuotes;
     format.header = !options.noHeader;
+    format.jsonHint = " (JSON lines? a feed has separated values)";
     return format;
 }
 
@@ -139,172 +108,191 @@ RecordFormat formatOf(ImportOptions const& options) {
 class Import {
   public:
     Import(ImportOptions const& options, std::optional<NumberForm> numbers)
-        : optionsM(options), columnsM(options.map), inputM({options.file}, formatOf(options)),
-          conversionM(TimeReader(options.timeFormat, options.zone), std::move(numbers)),
-          rejectsM(inputM.nameOf(0), options.rejects) {}
+        : optionsM(options), columnsM(options.map), formatM(formatOf(options)), inputM({options.file}, formatM),
+          conversionM(TimeReader(options.timeFormat, options.zone), std::move(numbers)) {}
 
-    void run() {
-        try {
-            convertAll();
-        } catch (...) {
-            closeAfterFailure();
-            throw;
-        }
-        rejectsM.close();
-    }
-
-    void tell() const { optionsM.json ? tellJson() : tellText(); }
-    bool isClean() const { return rejectsM.total() == 0; }
-
-  private:
-    // What was rejected so far may say why. Without any, a list of an earlier feed stays.
-    void closeAfterFailure() {
-        try {
-            if (rejectsM.total() > 0)
-                rejectsM.close();
-        } catch (HostError const& error) {
-            complain(error.what());
-        }
-    }
-
-    void convertAll() {
+    int run() {
         inputM.start();
         if (inputM.fieldCount() == 0)
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
-        CsvReader reader(formatOf(optionsM).csv,
-                         columnsM.positions(inputM.columns(), inputM.fieldCount(), inputM.nameOf(0)),
-                         inputM.fieldCount());
-        Target target(optionsM.output);
-        {
-            bool const onTerminal = optionsM.output == standardOutputCM && isatty(STDOUT_FILENO) == 1;
-            ProgressLine const progress(
-                "nphost: importing", [this] { return reading(); }, !onTerminal);
-            std::atomic<bool> const never{false};
-            for (InputBlock block; inputM.next(block, never);)
-                convertBlock(block.block, reader, target);
+        CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
+        Interruption const interruption(stopReadingM);
+        Rejects rejects(inputM.nameOf(0), optionsM.rejects);
+        writeAll(reader, rejects);
+        optionsM.json ? tellJson(rejects) : tellText(rejects);
+        return rejects.total() == 0 ? FINE : NOT_FOUND;
+    }
+
+  private:
+    // All files are seen to the disk before the first is put in place.
+    void writeAll(CsvReader& reader, Rejects& rejects) {
+        PieceTarget target(optionsM.output);
+        convertAll(reader, target, rejects);
+        bool const whole = stoppedM.empty();
+        if (whole && conversionM.counts().converted == 0)
+            throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written" +
+                            (rejects.total() > 0
+                                 ? "; rejected: " + std::to_string(rejects.total()) + ", " + rejects.mostFrequent()
+                                 : ""));
+        if (whole)
+            target.sync();
+        rejects.sync();
+        Interruption::check();
+        rejects.finish();
+        if (whole)
+            target.finish();
+    }
+
+    void convertAll(CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        bool const onTerminal = !optionsM.output && isatty(STDOUT_FILENO) == 1;
+        ProgressLine const progress(
+            "nphost: importing", [this] { return reading(); }, !onTerminal);
+        for (InputBlock block; stoppedM.empty() && inputM.next(block, stopReadingM);) {
+            Interruption::check();
+            if (block.block.piece() == RecordBlock::Piece::NONE)
+                convertBlock(block.block, reader, target, rejects);
+            else
+                rejectPiece(block.block, rejects);
+            target.write();
         }
-        if (conversionM.counts().converted == 0)
-            throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written");
-        target.close();
+        Interruption::check();
     }
 
     ProgressLine::Reading reading() const { return {linesM.load(), inputM.done(), inputM.total()}; }
 
-    void convertBlock(RecordBlock const& block, CsvReader& reader, Target& target) {
-        if (block.piece() != RecordBlock::Piece::NONE)
-            return takePiece(block);
+    void convertBlock(RecordBlock const& block, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
         reader.begin(block.text(), block.firstLine());
-        for (Record record; reader.next(record);) {
-            convert(record, target);
+        for (Record record; stoppedM.empty() && reader.next(record);) {
+            if (record.text.empty() && record.problem == Problem::NONE)
+                ++emptyLinesM;
+            else
+                convert(record, target, rejects);
             linesM.store(record.line, std::memory_order_relaxed);
         }
-        target.flush();
     }
 
-    void takePiece(RecordBlock const& block) {
-        if (block.piece() == RecordBlock::Piece::FIRST)
-            reject(block.firstLine(), Refusal::LONG_RECORD, {}, block.text().substr(0, shownBytesCM));
-    }
-
-    void convert(Record const& record, Target& target) {
+    void convert(Record const& record, PieceTarget& target, Rejects& rejects) {
+        ++recordsM;
         if (record.problem != Problem::NONE)
-            return reject(record.line, refusalOf(record.problem), {}, record.text);
-        if (record.text.empty()) {
-            ++emptyLinesM;
-            return;
+            rejects.add(record.line, refusalOf(record.problem), {}, record.text);
+        else if (outcomeOf(record, target) == FeedConversion::Outcome::REFUSED)
+            rejects.add(record.line, conversionM.refusal(), conversionM.subject(), record.text);
+        checkRejects(rejects);
+    }
+
+    FeedConversion::Outcome outcomeOf(Record const& record, PieceTarget& target) {
+        try {
+            return conversionM.convert(record.values[FeedColumns::NUMBER], record.values[FeedColumns::VALID_FROM],
+                                       record.values[FeedColumns::NETWORK], target.buffer());
+        } catch (HostError const& error) {
+            throw HostError(inputM.nameOf(0) + ":" + std::to_string(record.line) + ": " + error.what());
         }
-        FeedConversion::Outcome const outcome =
-            conversionM.convert(record.values[FeedColumns::NUMBER], record.values[FeedColumns::VALID_FROM],
-                                record.values[FeedColumns::NETWORK], target.buffer());
-        if (outcome == FeedConversion::Outcome::REFUSED)
-            reject(record.line, conversionM.refusal(), conversionM.subject(), record.text);
     }
 
-    void reject(std::uint64_t line, Refusal refusal, std::string_view subject, std::string_view record) {
-        rejectsM.add(line, refusal, subject, record);
-        if (optionsM.maxRejects && rejectsM.total() > *optionsM.maxRejects)
-            throw HostError(inputM.nameOf(0) + ": more records are rejected than the " +
-                            std::to_string(*optionsM.maxRejects) + " allowed; " + fate());
+    // A line that is longer than a block is rejected as it comes, and counts when it is over.
+    void rejectPiece(RecordBlock const& block, Rejects& rejects) {
+        if (block.piece() == RecordBlock::Piece::FIRST)
+            rejects.begin(block.firstLine(), Refusal::LONG_RECORD, {});
+        Record piece;
+        piece.text = block.text();
+        if (block.piece() == RecordBlock::Piece::LAST)
+            setText(piece, block.text());
+        rejects.addPart(piece.text);
+        if (block.piece() != RecordBlock::Piece::LAST)
+            return;
+        ++recordsM;
+        rejects.end(Refusal::LONG_RECORD);
+        checkRejects(rejects);
     }
 
-    // What the output has come to when an import breaks off.
-    std::string fate() const {
-        return optionsM.output == standardOutputCM ? "what was written is not all"
-                                                   : visible(optionsM.output) + " is not written";
+    void checkRejects(Rejects const& rejects) {
+        if (optionsM.maxRejects && rejects.total() > *optionsM.maxRejects)
+            stoppedM =
+                "more than " + std::to_string(*optionsM.maxRejects) + " rejected records, " + rejects.mostFrequent();
     }
 
-    void tellText() const {
+    void tellText(Rejects const& rejects) const {
         FeedConversion::Counts const& counts = conversionM.counts();
-        std::string text = inputM.nameOf(0) + ": records " + std::to_string(counts.converted);
+        std::string text = inputM.nameOf(0) + ": records " + std::to_string(recordsM);
         for (auto const& [what, count] :
-             {std::pair(", networks ", static_cast<std::uint64_t>(conversionM.networks())),
-              std::pair("; rejected ", rejectsM.total()), std::pair(", repeated ", counts.repeated),
+             {std::pair(", written ", written()), std::pair(", networks ", std::uint64_t(conversionM.networks())),
+              std::pair("; rejected ", rejects.total()), std::pair(", repeated ", counts.repeated),
               std::pair(", empty lines ", emptyLinesM), std::pair(", ambiguous times ", counts.ambiguous),
               std::pair(", impossible times ", counts.impossible)})
             text += what + std::to_string(count);
         complain(text);
+        if (!stoppedM.empty())
+            complain(inputM.nameOf(0) + ": stopped: " + stoppedM + "; " +
+                     (optionsM.output ? visible(*optionsM.output) + " is not written" : "what was written is not all"));
     }
 
-    void tellJson() const {
+    // An output that is not put in place has none.
+    std::uint64_t written() const { return optionsM.output && !stoppedM.empty() ? 0 : conversionM.counts().converted; }
+
+    void tellJson(Rejects const& rejects) const {
         FeedConversion::Counts const& counts = conversionM.counts();
         nlohmann::json reasons = nlohmann::json::object();
         for (std::size_t i = 0; i < refusalsCM; ++i)
-            reasons[nameOf(static_cast<Refusal>(i))] = rejectsM.counts()[i];
-        nlohmann::json const object = {{"file", asUtf8(optionsM.file)},      {"output", asUtf8(optionsM.output)},
-                                       {"records", counts.converted},        {"networks", conversionM.networks()},
-                                       {"repeated", counts.repeated},        {"emptyLines", emptyLinesM},
-                                       {"ambiguousTimes", counts.ambiguous}, {"impossibleTimes", counts.impossible},
-                                       {"rejected", rejectsM.total()},       {"rejectedBy", reasons}};
-        Output out(optionsM.output == standardOutputCM ? STDERR_FILENO : STDOUT_FILENO);
-        out.append(object.dump() + "\n");
-        out.flush();
+            if (rejects.counts()[i] > 0)
+                reasons[nameOf(static_cast<Refusal>(i))] = rejects.counts()[i];
+        nlohmann::json object = {{"file", asUtf8(optionsM.file)},
+                                 {"output", asUtf8(optionsM.output.value_or("-"))},
+                                 {"records", recordsM},
+                                 {"written", written()},
+                                 {"networks", conversionM.networks()},
+                                 {"repeated", counts.repeated},
+                                 {"emptyLines", emptyLinesM},
+                                 {"ambiguousTimes", counts.ambiguous},
+                                 {"impossibleTimes", counts.impossible},
+                                 {"rejected", rejects.total()},
+                                 {"rejectedByReason", reasons},
+                                 {"complete", stoppedM.empty()}};
+        if (!stoppedM.empty())
+            object["stopped"] = stoppedM;
+        writeSummary(object.dump() + "\n", !optionsM.output);
     }
 
     ImportOptions const& optionsM;
     FeedColumns columnsM;
+    RecordFormat formatM;
     RecordInput inputM;
     FeedConversion conversionM;
-    Rejects rejectsM;
+    std::atomic<bool> stopReadingM{false};
+    std::string stoppedM; // why, before the end of the feed
+    std::uint64_t recordsM = 0;
     std::uint64_t emptyLinesM = 0;
     std::atomic<std::uint64_t> linesM{0};
 };
 
-void checkFiles(ImportOptions const& options) {
-    bool const fromFile = options.file != "-";
-    if (fromFile && isSameFile(options.file, options.output))
-        throw HostError("the output " + visible(options.output) + " is the feed itself");
-    if (options.rejects.empty())
-        return;
-    if (isSameFile(options.rejects, options.output) || (fromFile && isSameFile(options.rejects, options.file)))
-        throw HostError("the file of rejects " + visible(options.rejects) + " is the output or the feed");
+void checkFiles(ImportOptions const& options, std::string const& dataFile) {
+    FileRoles{{options.file},
+              options.output,
+              options.rejects,
+              {{options.common.configuration, "the configuration file"}, {dataFile, "the data file", true}}}
+        .check();
 }
 
-int importWith(ImportOptions const& options, std::optional<NumberForm> numbers) {
-    Import feed(options, std::move(numbers));
-    feed.run();
-    feed.tell();
-    return feed.isClean() ? FINE : NOT_FOUND;
-}
-
-// The module wants to open its data file, which may not be there yet: the configuration file is, and nothing is loaded.
-Configuration withoutData(std::filesystem::path const& file) {
-    Configuration configuration = readConfiguration(file);
-    configuration.useDataFile(file.string());
-    return configuration;
+int importChecked(ImportOptions options) {
+    options.output = fileOf(options.output);
+    bool const isConfigured = !options.common.configuration.empty();
+    if (options.normalise && !isConfigured)
+        throw HostError("--normalise needs --config FILE, for the dialling codes");
+    Configuration configuration = isConfigured ? readConfiguration(options.common.configuration) : Configuration();
+    checkFiles(options, configuration.dataFile());
+    if (!options.normalise)
+        return Import(options, std::nullopt).run();
+    // The module wants to open its data file, which may not be there yet: the configuration file is, and nothing is
+    // loaded.
+    configuration.useDataFile(options.common.configuration.string());
+    DiallingCodes const codes = diallingCodesOf(configuration);
+    Host host(std::move(configuration), options.common);
+    return Import(options, NumberForm(codes, [&host](BAS::String& number) { host.plugIn().normalize(number); })).run();
 }
 
 } // namespace
 
 int importFeed(ImportOptions const& options) {
-    checkFiles(options);
-    if (!options.normalise)
-        return importWith(options, std::nullopt);
-    if (options.common.configuration.empty())
-        throw HostError("--normalise needs --config FILE, for the dialling codes");
-    Configuration configuration = withoutData(options.common.configuration);
-    DiallingCodes const codes = diallingCodesOf(configuration);
-    Host host(std::move(configuration), options.common);
-    return importWith(options, NumberForm(codes, [&host](BAS::String& number) { host.plugIn().normalize(number); }));
+    return unlessInterrupted([&options] { return importChecked(options); });
 }
 
 } // namespace nphost

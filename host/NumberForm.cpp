@@ -1,5 +1,7 @@
 #include "host/NumberForm.h"
 
+#include "host/Text.h"
+
 #include <algorithm>
 #include <charconv>
 #include <optional>
@@ -9,7 +11,6 @@ namespace nphost {
 
 namespace {
 
-constexpr std::string_view blanksCM = " \t";
 constexpr std::string_view separatorsCM = " \t-.()";
 
 bool areDigits(std::string_view text) {
@@ -39,12 +40,6 @@ std::string_view takeUntil(std::string_view& text, char separator) {
     std::string_view const part = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
     return part;
-}
-
-std::string_view trimmed(std::string_view text) {
-    std::size_t const begin = text.find_first_not_of(blanksCM);
-    return begin == std::string_view::npos ? std::string_view()
-                                           : text.substr(begin, text.find_last_not_of(blanksCM) - begin + 1);
 }
 
 std::string withoutSeparators(std::string_view text) {
@@ -80,6 +75,30 @@ std::string_view parameter(std::string_view parameters, std::string_view name) {
     return {};
 }
 
+// Removes a quoted text from the front; false when it has no end.
+bool skipQuoted(std::string_view& text) {
+    for (std::size_t i = 1; i < text.size(); i += text[i] == '\\' ? 2 : 1) {
+        if (text[i] == '"') {
+            text.remove_prefix(i + 1);
+            return true;
+        }
+    }
+    return false;
+}
+
+// What stands between the angle brackets of a name-addr: a name, quoted or not, may stand before, parameters behind.
+std::optional<std::string_view> addressOf(std::string_view text) {
+    if (text.starts_with('"') && !skipQuoted(text))
+        return std::nullopt;
+    std::size_t const begin = text.find('<');
+    std::size_t const end = text.find('>', begin);
+    if (begin == std::string_view::npos || end == std::string_view::npos)
+        return std::nullopt;
+    std::string_view const behind = trimmed(text.substr(end + 1));
+    return behind.empty() || behind.starts_with(';') ? std::optional(text.substr(begin + 1, end - begin - 1))
+                                                     : std::nullopt;
+}
+
 } // namespace
 
 DiallingCodes diallingCodesOf(Configuration const& configuration) {
@@ -103,6 +122,14 @@ NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
 
 bool NumberForm::toStored(std::string_view text, BAS::String& out) const {
     text = trimmed(text);
+    if (text.find('<') != std::string_view::npos) {
+        std::optional<std::string_view> const address = addressOf(text);
+        return address && fromAddress(*address, out);
+    }
+    return fromAddress(text, out);
+}
+
+bool NumberForm::fromAddress(std::string_view text, BAS::String& out) const {
     if (takePrefix(text, "tel:"))
         return fromSubscriber(text, out);
     if (takePrefix(text, "sip:") || takePrefix(text, "sips:"))

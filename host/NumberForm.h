@@ -5,6 +5,7 @@
 //   tel:...            RFC 3966, RFC 4694
 //   sip:..., sips:...  RFC 3261: the user part, if it is a number: with user=phone as in tel:, else digits alone that
 //                      may follow a plus
+//   name-addr          RFC 3261, section 20.10: "Bob" <sip:...>;tag=1; what is between the angle brackets, as above
 //   anything else      a number as people write it
 // Blanks, tabs, '-', '.', '(' and ')' are visual separators everywhere but in a user part without user=phone. Percent
 // escapes of URIs are undone; parameters but phone-context (extensions, routing numbers), passwords and headers are
@@ -58,6 +59,7 @@ class NumberForm {
     bool toStored(std::string_view text, BAS::String& out) const;
 
   private:
+    bool fromAddress(std::string_view text, BAS::String& out) const;
     bool fromSip(std::string_view uri, BAS::String& out) const;
     bool fromSubscriber(std::string_view subscriber, BAS::String& out) const;
     bool fromContext(std::string_view context, std::string_view digits, BAS::String& out) const;

@@ -11,7 +11,6 @@
 
 #include "framework/BAS/Mutex.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
@@ -97,9 +96,6 @@ class OrderedRing {
             std::rethrow_exception(failureM);
     }
 
-    // True once the ring was stopped; as long as the ring.
-    std::atomic<bool> const& stopped() const { return stoppedM; }
-
   private:
     enum State : unsigned char { FREE, FILLED, DONE };
 
@@ -117,7 +113,7 @@ class OrderedRing {
     std::size_t startedM NP_GUARDED_BY(lockM) = 0;
     std::size_t takenM NP_GUARDED_BY(lockM) = 0;
     bool endedM NP_GUARDED_BY(lockM) = false;
-    std::atomic<bool> stoppedM{false}; // written under the lock
+    bool stoppedM NP_GUARDED_BY(lockM) = false;
     std::exception_ptr failureM NP_GUARDED_BY(lockM);
 };
 

@@ -1,10 +1,12 @@
 #include "host/RecordInput.h"
 
+#include "host/Compression.h"
 #include "host/HostError.h"
 #include "host/JsonReader.h"
 #include "host/Text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <utility>
 
@@ -34,7 +36,27 @@ std::uint64_t sizeOf(std::vector<std::string> const& files) {
     return total;
 }
 
+// A position from 1; none for any other text.
+std::optional<std::size_t> asPosition(std::string const& text, std::size_t count) {
+    std::size_t position = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), position);
+    bool const whole = error == std::errc() && end == text.data() + text.size();
+    return whole && position >= 1 && position <= count ? std::optional(position - 1) : std::nullopt;
+}
+
+std::string listOf(std::vector<std::string> const& names, std::size_t count) {
+    std::string text;
+    for (std::string const& name : names)
+        text += (text.empty() ? "'" : ", '") + name + "'";
+    return names.empty() ? "columns 1 to " + std::to_string(count) : shortened(text);
+}
+
 } // namespace
+
+char separatorByName(std::string_view name) {
+    name = withoutSuffix(name);
+    return name.ends_with(".tsv") || name.ends_with(".tab") ? '\t' : ',';
+}
 
 RecordInput::RecordInput(std::vector<std::string> files, RecordFormat const& format)
     : filesM(std::move(files)), formatM(format), recordsM(readerOf(format)), totalM(sizeOf(filesM)) {
@@ -98,8 +120,10 @@ void RecordInput::takeFirst(InputBlock& block) {
     bool const isFirst = !std::exchange(seenRecordM, true);
     if (isFirst && blocksM->hadByteOrderMark())
         headerM = byteOrderMarkCM;
-    if (isFirst)
+    if (isFirst) {
         firstFileM = block.file;
+        hintM = hint(block.block.text());
+    }
     if (formatM.kind == RecordFormat::Kind::JSON)
         return;
     if (formatM.header)
@@ -116,7 +140,7 @@ void RecordInput::countFields(InputBlock const& block) {
         fieldCountM = record.values.size();
     broken = broken || block.block.text().find_first_not_of("\r\n") != std::string_view::npos;
     if (fieldCountM == 0 && broken)
-        throw HostError(nameOf(block.file) + ": no record at its beginning can be read");
+        throw HostError(nameOf(block.file) + ": no record at its beginning can be read" + hintM);
 }
 
 void RecordInput::takeHeader(InputBlock& block, bool isFirst) {
@@ -125,9 +149,10 @@ void RecordInput::takeHeader(InputBlock& block, bool isFirst) {
     if (broken)
         throw HostError(nameOf(block.file) +
                         ":1: the header cannot be read: its quotation marks do not match, or it is "
-                        "longer than a megabyte");
+                        "longer than a megabyte" +
+                        hint(block.block.text()));
     if (isFirst)
-        keepHeader(record);
+        keepHeader(record, block.file);
     else
         checkHeader(record, block.file);
     std::string_view const text = record.text;
@@ -136,13 +161,33 @@ void RecordInput::takeHeader(InputBlock& block, bool isFirst) {
     block.lacksNewline = block.lacksNewline && !block.block.text().empty();
 }
 
-void RecordInput::keepHeader(Record const& record) {
-    fieldCountM = std::max<std::size_t>(1, record.values.size());
+void RecordInput::keepHeader(Record const& record, std::size_t file) {
+    if (record.values.empty())
+        throw HostError(nameOf(file) + ":1: the header is empty");
+    fieldCountM = record.values.size();
     headerTextM = record.text;
     headerM += record.text;
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
     for (std::string_view const column : record.values)
         columnsM.emplace_back(column);
+}
+
+std::string RecordInput::hint(std::string_view text) const {
+    return trimmed(text.substr(0, shownBytesCM)).starts_with('{') ? std::string(formatM.jsonHint) : std::string();
+}
+
+// The header's names come first: a column may be called "3".
+std::size_t RecordInput::positionOf(std::string const& column) const {
+    auto const named = std::find(columnsM.begin(), columnsM.end(), column);
+    if (named != columnsM.end() && std::find(named + 1, columnsM.end(), column) != columnsM.end())
+        throw HostError(firstFile() + ":1: two columns are called '" + shortened(column) +
+                        "'; give the position, from 1, instead");
+    if (named != columnsM.end())
+        return static_cast<std::size_t>(named - columnsM.begin());
+    if (std::optional<std::size_t> const position = asPosition(column, fieldCountM))
+        return *position;
+    throw HostError(firstFile() + ":1: there is no column '" + shortened(column) + "'; there are " +
+                    listOf(columnsM, fieldCountM) + (fieldCountM == 1 ? "; is the separator right?" : "") + hintM);
 }
 
 void RecordInput::checkHeader(Record const& record, std::size_t file) const {

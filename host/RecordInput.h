@@ -6,7 +6,8 @@
 // Units: line numbers are those of the file.
 // Ownership: owns the open file.
 // Threads: one thread at a time; done and total are safe from any.
-// Errors: what ByteSource throws; HostError in one line that names the file: a header that differs or is broken.
+// Errors: what ByteSource throws; HostError in one line that names the file: a header that differs, is empty or broken, or
+// a column that is not there, or there twice.
 // Complexity: linear in the bytes.
 #pragma once
 
@@ -27,7 +28,12 @@ struct RecordFormat {
     Kind kind = Kind::CSV;
     CsvDialect csv;
     bool header = true; // the first record of a CSV file names the columns
+    // Behind messages when the first line begins as a JSON object does, and is not read as one.
+    std::string_view jsonHint = {};
 };
+
+// By the first file's name: a tab for .tsv and .tab, compressed or not, else a comma.
+char separatorByName(std::string_view name);
 
 // Blocks, and where they come from.
 struct InputBlock {
@@ -51,6 +57,9 @@ class RecordInput {
     std::string const& headerEnd() const { return headerEndM; }
     std::string const& firstFile() const { return nameOf(firstFileM); } // whose header it is
 
+    // The position from 0 of a column, which is called by its name in the header or else by its position from 1.
+    std::size_t positionOf(std::string const& column) const;
+
     // The next block; false at the end of the last file. `block` may be swapped for another one.
     bool next(InputBlock& block, std::atomic<bool> const& stop);
 
@@ -69,7 +78,8 @@ class RecordInput {
     void countFields(InputBlock const& block);
     Record firstRecord(InputBlock const& block);
     void checkHeader(Record const& record, std::size_t file) const;
-    void keepHeader(Record const& record);
+    void keepHeader(Record const& record, std::size_t file);
+    std::string hint(std::string_view text) const;
 
     std::vector<std::string> filesM;
     std::vector<std::string> namesM;
@@ -89,6 +99,7 @@ class RecordInput {
     std::string headerM;
     std::string headerTextM; // without its byte order mark
     std::string headerEndM;
+    std::string hintM; // of the first line
 
     std::uint64_t totalM = 0;
     std::uint64_t doneBeforeM = 0; // of files that are over

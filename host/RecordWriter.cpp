@@ -38,10 +38,17 @@ bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect
     if (!dialect.quotes)
         return false;
     out += '"';
-    for (char const c : field)
-        out.append(c == '"' ? 2 : 1, c);
+    appendInQuotes(out, field);
     out += '"';
     return true;
+}
+
+void CsvWriter::appendInQuotes(std::string& out, std::string_view text) {
+    for (std::size_t quote = text.find('"'); quote != std::string_view::npos; quote = text.find('"')) {
+        out.append(text.substr(0, quote + 1)).append("\"");
+        text.remove_prefix(quote + 1);
+    }
+    out += text;
 }
 
 void CsvWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
@@ -51,6 +58,11 @@ void CsvWriter::write(std::string& out, Record const& record, std::span<std::str
         out += value;
     }
     out += record.lineEnd;
+}
+
+void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line, char const* reason) {
+    CsvWriter::appendField(out, file, {});
+    out.append(",").append(std::to_string(line)).append(",").append(reason).append(",");
 }
 
 JsonWriter::JsonWriter(std::vector<std::string> const& names) {

@@ -42,9 +42,15 @@ class CsvWriter : public RecordWriter {
     // One field as it must stand in a record; false when it cannot.
     static bool appendField(std::string& out, std::string_view field, CsvDialect dialect);
 
+    // A text, or a part of one, as it must stand between quotation marks.
+    static void appendInQuotes(std::string& out, std::string_view text);
+
   private:
     CsvDialect dialectM;
 };
+
+// The beginning of a row that lists a rejected record: file, line and reason, and a comma.
+void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line, char const* reason);
 
 class JsonWriter : public RecordWriter {
   public:

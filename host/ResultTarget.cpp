@@ -1,13 +1,26 @@
 #include "host/ResultTarget.h"
 
 #include "host/HostError.h"
+#include "host/Interruption.h"
+#include "host/StandardError.h"
 #include "host/Text.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <system_error>
 #include <unistd.h>
 
 namespace nphost {
+
+bool isStandardOutput(std::string_view name) {
+    constexpr std::array<std::string_view, 4> names = {"-", "/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"};
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+std::optional<std::string> fileOf(std::optional<std::string> const& name) {
+    return name && !isStandardOutput(*name) ? name : std::nullopt;
+}
 
 ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file ? visible(*file) : "standard output") {
     if (!file)
@@ -15,6 +28,11 @@ ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file 
     fileM = std::make_unique<STR::FileIo>(BAS::String(*file), std::ios_base::out);
     if (!fileM->isOpen())
         fail();
+}
+
+ResultTarget::~ResultTarget() {
+    if (fileM != nullptr)
+        fileM->discardFile();
 }
 
 void ResultTarget::fail() const {
@@ -33,15 +51,39 @@ void ResultTarget::write(std::string_view text) {
         if (written >= 0)
             text.remove_prefix(static_cast<std::size_t>(written));
         else if (errno == EPIPE)
-            throw OutputClosed();
+            throw Interrupted{SIGPIPE};
         else if (errno != EINTR)
             throw HostError(nameM + " cannot be written: " + std::system_category().message(errno));
+        Interruption::check();
     }
+}
+
+void ResultTarget::sync() {
+    if (fileM != nullptr && !fileM->syncFile() && !fileM->closeFile())
+        fail();
 }
 
 void ResultTarget::finish() {
     if (fileM != nullptr && !fileM->closeFile())
         fail();
+}
+
+void PieceTarget::write() {
+    if (!bufferM.empty())
+        targetM.write(compressorM.compress(bufferM, placeM));
+    bufferM.clear();
+}
+
+void PieceTarget::sync() {
+    write();
+    targetM.sync();
+}
+
+void writeSummary(std::string const& object, bool outputHasRecords) {
+    if (outputHasRecords)
+        return StandardError::write(object);
+    ResultTarget standardOutput(std::nullopt);
+    standardOutput.write(object);
 }
 
 } // namespace nphost

@@ -96,6 +96,13 @@ void appendShortened(std::string& out, std::string_view text, std::string_view a
     out += "... (" + std::to_string(text.size()) + " bytes)";
 }
 
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t";
+    std::size_t const begin = text.find_first_not_of(blanks);
+    return begin == std::string_view::npos ? std::string_view()
+                                           : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
 std::string visible(std::string_view text) {
     std::string out;
     appendVisible(out, text);

@@ -23,6 +23,9 @@ void appendVisible(std::string& out, std::string_view text, std::string_view als
 // As appendVisible, but of a longer text only the first bytes, followed by how long it was.
 void appendShortened(std::string& out, std::string_view text, std::string_view alsoEscaped = {});
 
+// The text without blanks and tabs around it.
+std::string_view trimmed(std::string_view text);
+
 std::string visible(std::string_view text);
 
 // How many characters the text has, which must be UTF-8: what is lined up in columns is not counted in bytes.

@@ -19,13 +19,6 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t";
-    std::size_t const begin = text.find_first_not_of(blanks);
-    return begin == std::string_view::npos ? std::string_view()
-                                           : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
-
 // A text of which one part after the other is taken.
 class Rest {
   public:
@@ -136,17 +129,12 @@ class IsoTime {
     bool is(std::size_t position, char const* pair) const { return std::memcmp(&digitsM[position], pair, 2) == 0; }
     void put(std::size_t position, char const* pair) { std::memcpy(&digitsM[position], pair, 2); }
 
-    // Zones lie quarters of an hour apart, so a leap second may end any.
-    bool endsQuarter() const {
-        return is(minuteCM, "59") || is(minuteCM, "44") || is(minuteCM, "29") || is(minuteCM, "14");
-    }
-
     // Finds out what the digits name.
     bool settle() {
         bool const endOfDay = is(hourCM, "24") && is(minuteCM, "00") && is(secondCM, "00") && !fractionM;
         if (endOfDay)
             put(hourCM, "00");
-        else if (is(secondCM, "60") && endsQuarter())
+        else if (is(secondCM, "60"))
             put(secondCM, "59");
         clockM = BAS::DateTime(std::string_view(digitsM.data(), digitsM.size()));
         if (endOfDay && clockM.isValid())
@@ -219,6 +207,20 @@ std::optional<absl::Time> parse(std::string const& pattern, std::string_view tex
     return time;
 }
 
+// The library reads second 60 as the next minute's first. A text that says one second less with 59 in place of some 60
+// meant that one.
+absl::Time withoutLeapSecond(std::string const& pattern, std::string_view text, absl::Time time) {
+    std::string other(text);
+    for (std::size_t at = other.find("60"); at != std::string::npos; at = other.find("60", at + 1)) {
+        other.replace(at, 2, "59");
+        std::optional<absl::Time> const earlier = parse(pattern, other);
+        if (earlier && absl::ToUnixSeconds(*earlier) == absl::ToUnixSeconds(time) - 1)
+            return *earlier;
+        other.replace(at, 2, "60");
+    }
+    return time;
+}
+
 // Whether the day of `time` comes back when the pattern has written it, and as much of the time of day as it writes.
 bool tells(std::string const& pattern, absl::CivilSecond time) {
     std::string const text = absl::FormatTime(pattern, absl::FromCivil(time, absl::UTCTimeZone()), absl::UTCTimeZone());
@@ -244,7 +246,8 @@ void checkPattern(std::string const& pattern, std::string const& shown) {
 } // namespace
 
 TimeReader::TimeReader(std::string const& format, std::string const& zone)
-    : formM(formOf(format)), patternM(withYearsOfFourDigits(format)), zoneM(zone) {
+    : formM(formOf(format)), patternM(withYearsOfFourDigits(format)), hasLeapSecondsM(!hasConversion(format, "s")),
+      zoneM(zone) {
     if (formM == Form::CLOCK_PATTERN || formM == Form::ABSOLUTE_PATTERN)
         checkPattern(patternM, format);
 }
@@ -301,7 +304,8 @@ std::optional<TimeReader::Reading> TimeReader::readPattern(std::string_view text
     std::optional<absl::Time> const time = parse(patternM, text);
     if (!time)
         return std::nullopt;
-    std::int64_t const seconds = absl::ToUnixSeconds(*time); // the ends of 64 bits for "infinite-future" and its like
+    absl::Time const meant = hasLeapSecondsM ? withoutLeapSecond(patternM, text, *time) : *time;
+    std::int64_t const seconds = absl::ToUnixSeconds(meant); // the ends of 64 bits for "infinite-future" and its like
     if (formM == Form::ABSOLUTE_PATTERN)
         return zoneM.clockAt(seconds);
     constexpr auto last = static_cast<std::int64_t>(BAS::DateTime::invalidSecsCM) - TimeZone::secondsTo1970CM - 1;

@@ -93,6 +93,17 @@ TEST(NumberFormTest, BringsEveryFormIntoStoredForm) {
                     {"sip:@example.com", "-"},
                     {"sip:", "-"},
                     {"mailto:07700900123@example.com", "-"},
+                    // name-addr
+                    {"<sip:+447700900123@example.com;user=phone>;tag=1", "00447700900123"},
+                    {" \"B. \\\"<1>\" <tel:+44-7700-900123> ; tag=1 ", "00447700900123"},
+                    {"Bob <SIPS:07700900123@example.com>", "00447700900123"},
+                    {"<+447700900123>", "00447700900123"},
+                    {"07700900123 <sip:alice@example.com>", "-"},
+                    {"\"<07700900123>\"", "-"},
+                    {"\"Bob <sip:07700900123@example.com>", "-"},
+                    {"Bob <sip:07700900123@example.com", "-"},
+                    {"<sip:07700900123@example.com>1", "-"},
+                    {"<>", "-"},
                 });
 }
 

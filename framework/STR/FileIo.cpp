@@ -343,16 +343,24 @@ bool FileIo::closeFile() {
     return false;
 }
 
-bool FileIo::commit() {
+bool FileIo::syncFile() {
+    if (!isOpen())
+        return false;
     if (!bufferM->writeOut())
         return fail(bufferM->error(), "write"), false;
+    if (!temporaryM.empty() && fsync(bufferM->descriptor()) != 0)
+        return fail(errno, "sync"), false;
+    return true;
+}
+
+bool FileIo::commit() {
+    if (!syncFile())
+        return false;
     if (temporaryM.empty()) {
         if (!bufferM->closeDescriptor())
             return fail(errno, "close"), false;
         return true;
     }
-    if (fsync(bufferM->descriptor()) != 0)
-        return fail(errno, "sync"), false;
     if (!bufferM->closeDescriptor())
         return fail(errno, "close"), false;
     if (rename(temporaryM.c_str(), targetM.c_str()) != 0)

@@ -38,9 +38,16 @@ class FileIo {
     bool isOpen() const;
     std::ostream& stream() { return streamM; }
 
+    // Writes what is left and sees a regular file to the disk, so that closeFile has only to put it in place; false, with
+    // failure(), when that is impossible. Nothing is written afterwards.
+    bool syncFile();
+
     // Writes what is left and closes; true when the whole text stands where it should. True when closed before, with
     // success.
     bool closeFile();
+
+    // Closes and leaves an old file as it was; what a device or a pipe has got stays. Not after closeFile.
+    void discardFile() noexcept { giveUp(); }
 
     // Why it failed, as the system puts it; empty while nothing has. Complete after closeFile.
     BAS::String const& failure() const { return failureM; }
