@@ -43,9 +43,13 @@ class NetworkCounts {
             return countLong(network.view());
         std::uint64_t const text = network.shortText();
         Recent& recent = recentM[(text * 0x9e3779b97f4a7c15) >> (64 - recentBitsCM)];
-        if (recent.count == nullptr || recent.text != text)
-            recent = {text, &placeOf(network.view())};
-        ++*recent.count;
+        if (recent.count != nullptr && recent.text == text) {
+            ++*recent.count;
+            return;
+        }
+        std::uint64_t& place = placeOf(network.view());
+        ++place;
+        recent = {text, &place};
     }
     void add(NetworkCounts const& other);
 
