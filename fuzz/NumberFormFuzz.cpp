@@ -1,8 +1,8 @@
 // Fuzz target: bringing numbers into stored form.
 //
 // Input: the first line chooses the dialling codes by its first byte, each further line is a text. What is accepted
-// must be digits in stored form, and stay the same when it is read again, as a number, as a global one, in URIs, and in a
-// name-addr.
+// must be digits in stored form, and stay the same when it is read again, as a number, as a global one, in URIs, and in
+// a name-addr.
 #include "fuzz/Fuzz.h"
 #include "host/NumberForm.h"
 

@@ -22,7 +22,8 @@ struct CsvDialect {
     bool quotes = true;
 };
 
-// What separates fields: one byte of ASCII, neither quotation mark nor line end; or "tab". HostError for any other text.
+// What separates fields: one byte of ASCII, neither quotation mark nor line end; or "tab". HostError for any other
+// text.
 char separatorOf(std::string_view text);
 
 class CsvReader : public RecordReader {

@@ -3,12 +3,12 @@
 // Purpose: a feed is a file of separated values, compressed or not, whose columns are mapped to number, valid-from and
 // network. Each record becomes a line of the data file, in the order of the feed (FeedConversion.h), or is rejected
 // with file, line and reason. The data file is written beside the old one and takes its place only when the whole feed
-// has been read, no more records were rejected than allowed, and there is at least one record: an empty file would
-// take all data away. The file of rejects takes its place with it, or, when there were too many, without it, to say why.
+// has been read, no more records were rejected than allowed, and there is at least one record: an empty file would take
+// all data away. The file of rejects takes its place with it, or, when there were too many, without it, to say why.
 // Units: lines of the feed count from 1, its header among them.
 // Threads: one thread, and that of the progress line.
-// Errors: HostError, ConfigurationError, std::bad_alloc; no file is replaced then. A closed standard output, or a signal,
-// ends the process by that signal when temporary files are gone.
+// Errors: HostError, ConfigurationError, std::bad_alloc; no file is replaced then. A closed standard output, or a
+// signal, ends the process by that signal when temporary files are gone.
 // Complexity: linear in the feed; memory of some 30 bytes a record, to find repeated ones.
 #pragma once
 

@@ -6,8 +6,8 @@
 // second signal of the kind ends it at once. One that was ignored before stays ignored (nohup). SIGPIPE is ignored:
 // writing without a reader is an error, and no signal. SIGALRM is the object's own.
 // Ownership: borrows the flag; there is one object in a process at a time. Destruction puts the handlers back.
-// Threads: construction and destruction by one thread, best the main one, whose blocked writes a signal then breaks off;
-// check by any.
+// Threads: construction and destruction by one thread, best the main one, whose blocked writes a signal then breaks
+// off; check by any.
 // Errors: none of its own.
 // Complexity: constant.
 #pragma once

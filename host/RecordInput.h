@@ -6,8 +6,8 @@
 // Units: line numbers are those of the file.
 // Ownership: owns the open file.
 // Threads: one thread at a time; done and total are safe from any.
-// Errors: what ByteSource throws; HostError in one line that names the file: a header that differs, is empty or broken, or
-// a column that is not there, or there twice.
+// Errors: what ByteSource throws; HostError in one line that names the file: a header that differs, is empty or broken,
+// or a column that is not there, or there twice.
 // Complexity: linear in the bytes.
 #pragma once
 

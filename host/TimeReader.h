@@ -10,10 +10,9 @@
 //                 with a fraction. %z, %Ez and %s make the time absolute. A pattern must tell the day; what it leaves
 //                 out of the time of day is zero.
 // iso: basic or extended. Seconds may be missing; a fraction of a second may follow '.' or ','. The offset is Z, +hh,
-// +hhmm or +hh:mm, and a blank may stand before it. 24:00:00 is the next day's beginning. Week dates, ordinal dates and dates without a time are not read;
-// %Y-%m-%d serves for the last.
-// Second 60 is read as 59 by iso and by patterns, because the data have no leap seconds; to digits, which are the data's
-// own form, it is no time.
+// +hhmm or +hh:mm, and a blank may stand before it. 24:00:00 is the next day's beginning. Week dates, ordinal dates and
+// dates without a time are not read; %Y-%m-%d serves for the last. Second 60 is read as 59 by iso and by patterns,
+// because the data have no leap seconds; to digits, which are the data's own form, it is no time.
 // Blanks and tabs around a time are passed over. A fraction of a second is dropped: the second that has begun counts.
 // Zones: a time without an offset is the clock time of the zone, which is the data's; an absolute time is turned into
 // it. TimeZone.h says what becomes of times that a change of the clocks makes doubtful: they are marked, so that

@@ -368,13 +368,13 @@ TEST(ImportTest, KeepsEveryRecordOnce) {
     std::string expected;
     std::size_t conflicts = 0;
     for (int i = 0; i < 3000; ++i) {
-        std::string const number = numbers[random() % numbers.size()];
+        std::string const& number = numbers[random() % numbers.size()];
         std::string const since = std::to_string(20240101000000 + random() % 60);
         std::string const network = "N" + std::to_string(random() % 3);
-        feed += number + "," + since + "," + network + "\n";
+        feed.append(number).append(",").append(since).append(",").append(network).append("\n");
         auto const [found, isNew] = kept.emplace(std::pair(number, since), network);
         if (isNew)
-            expected += number + "  " + since + "  " + network + "\n";
+            expected.append(number).append("  ").append(since).append("  ").append(network).append("\n");
         conflicts += !isNew && found->second != network ? 1 : 0;
     }
     Feed import(feed);

@@ -38,8 +38,8 @@ class FileIo {
     bool isOpen() const;
     std::ostream& stream() { return streamM; }
 
-    // Writes what is left and sees a regular file to the disk, so that closeFile has only to put it in place; false, with
-    // failure(), when that is impossible. Nothing is written afterwards.
+    // Writes what is left and sees a regular file to the disk, so that closeFile has only to put it in place; false,
+    // with failure(), when that is impossible. Nothing is written afterwards.
     bool syncFile();
 
     // Writes what is left and closes; true when the whole text stands where it should. True when closed before, with
