@@ -1,8 +1,8 @@
 // nphost::ChangeNotices: tells the event handler, and so the log, when assignments take effect.
 //
 // Purpose: for the daemon with announceChanges. A thread of its own looks through the live data for what is to come
-// next (UpcomingChanges.h), once after every load, whoever commanded it, and when the list is used up; the event loop announces what is due
-// as the event EVT::ASSIGNMENTS_IN_EFFECT: how many, number, network and instant of the first.
+// next (UpcomingChanges.h), once after every load, whoever commanded it, and when the list is used up; the event loop
+// announces what is due as the event EVT::ASSIGNMENTS_IN_EFFECT: how many, number, network and instant of the first.
 // Ownership: borrows the plug-in and the loop's wake-up. Destruction waits for a search that is under way.
 // Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
 // it, as for a print. The one clock is that of the constructor, called by the loop's thread.

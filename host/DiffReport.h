@@ -1,7 +1,7 @@
 // nphost::DiffReport: how nphost diff tells what it has found.
 //
-// Purpose: as text for people, as a list of numbers or the matrix of moves in columns, or as one JSON object, on standard
-// output.
+// Purpose: as text for people, as a list of numbers or the matrix of moves in columns, or as one JSON object, on
+// standard output.
 // Ownership: owns its output's buffer. Destruction discards what was not flushed.
 // Threads: one thread.
 // Errors: HostError when standard output cannot be written; std::bad_alloc.
