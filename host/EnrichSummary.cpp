@@ -15,11 +15,11 @@ namespace {
 
 constexpr std::size_t shownNetworksCM = 20;
 
-void appendCount(std::string& text, std::string label, std::uint64_t number) {
+void appendCount(std::string& text, std::string const& label, std::uint64_t number) {
     constexpr std::size_t width = 36;
     std::string const digits = std::to_string(number);
-    label.resize(std::max(label.size() + 1, width - std::min(width, digits.size())), ' ');
-    text += label + digits + "\n";
+    std::size_t const used = std::min(width - 1, characters(label) + digits.size());
+    text += label + std::string(width - used, ' ') + digits + "\n";
 }
 
 std::uint64_t rateOf(EnrichSummary const& summary) {
