@@ -18,7 +18,7 @@ using nphost::Problem;
 using nphost::Record;
 
 json parsed(std::string_view text) {
-    json const value = json::parse(text, nullptr, false);
+    json value = json::parse(text, nullptr, false);
     checkEqual("being an object", text, value.is_object(), true);
     return value;
 }
