@@ -212,7 +212,7 @@ BAS::DateTime fromUnix(std::int64_t seconds) {
 
 // The first change of the offset within 400 days, or the time itself.
 std::int64_t nextChange(std::int64_t time) {
-    constexpr std::int64_t step = 10 * 86400;
+    constexpr std::int64_t step = std::int64_t{10} * 86400;
     std::int64_t after = time;
     do
         after += step;
