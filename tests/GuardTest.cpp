@@ -122,7 +122,7 @@ TEST(GuardLimitsTest, FilesAgainstLimits) {
 
 // The reckoning must not fall behind what a load really takes, whatever the histories look like.
 TEST(GuardLimitsTest, MemoryIsNeverReckonedTooSmall) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef NP_SANITIZED
     GTEST_SKIP() << "a sanitizer's own memory is in the measurement";
 #endif
     constexpr unsigned seed = 20261123;
