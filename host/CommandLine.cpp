@@ -6,6 +6,7 @@
 #include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
 #include "host/ImportCommand.h"
+#include "host/Interruption.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
 #include "host/PrintCommand.h"
@@ -624,7 +625,7 @@ int runChecked(int argc, char const* const* argv) {
     addRun(app, chosen);
     addCtl(app, chosen);
     int const status = parse(app, argc, argv);
-    return status == FINE && chosen.command ? chosen.command() : status;
+    return status == FINE && chosen.command ? unlessInterrupted(chosen.command) : status;
 }
 
 } // namespace

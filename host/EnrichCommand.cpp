@@ -240,7 +240,7 @@ int enrichCompleted(EnrichOptions const& options) {
 } // namespace
 
 int enrich(EnrichOptions const& options) {
-    return unlessInterrupted([&options] { return enrichCompleted(completed(options)); });
+    return enrichCompleted(completed(options));
 }
 
 } // namespace nphost

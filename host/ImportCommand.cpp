@@ -292,7 +292,7 @@ int importChecked(ImportOptions options) {
 } // namespace
 
 int importFeed(ImportOptions const& options) {
-    return unlessInterrupted([&options] { return importChecked(options); });
+    return importChecked(options);
 }
 
 } // namespace nphost
