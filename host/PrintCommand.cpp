@@ -86,8 +86,9 @@ void printTo(Host& host, ResultTarget& target, PrintOptions const& options) {
 
 int print(PrintOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
-    if (isSameFile(configuration.dataFile(), fileOf(options.output).value_or("/dev/stdout")))
-        throw HostError("the output " + options.output + " is the data file itself");
+    KeptFiles const files{configuration.dataFile(), options.common.configuration};
+    if (char const* const kept = files.nameOf(fileOf(options.output).value_or("/dev/stdout")))
+        throw HostError("the output " + options.output + " is " + kept);
     Host host(std::move(configuration), options.common);
     host.start();
     std::atomic<bool> stop{false};
