@@ -3,6 +3,7 @@
 #include "host/Compression.h"
 #include "host/HostError.h"
 #include "host/Text.h"
+#include "host/Waiting.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -101,9 +102,19 @@ class ByteSource::Zstd : public Decoder {
     ZSTD_DStream* streamM;
 };
 
+namespace {
+
+// A pipe opens without its writer, for whom reading waits: there it can be told to stop.
+int flagOf(std::string const& name) {
+    struct stat status = {};
+    return ::stat(name.c_str(), &status) == 0 && S_ISFIFO(status.st_mode) ? O_NONBLOCK : 0;
+}
+
+} // namespace
+
 ByteSource::ByteSource(std::string const& name)
     : nameM(name == "-" ? "standard input" : visible(name)),
-      ownM(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)),
+      ownM(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | flagOf(name))),
       descriptorM(name == "-" ? STDIN_FILENO : ownM.get()), bufferM(bufferSizeCM) {
     struct stat status = {};
     if (descriptorM < 0 || fstat(descriptorM, &status) != 0)
@@ -120,27 +131,23 @@ void ByteSource::fail(std::string const& reason) const {
     throw HostError(nameM + ": " + reason);
 }
 
-// False when it was told to stop before there was anything.
+// False when it was told to stop before there was anything. A named pipe that has had no writer yet is not at its end:
+// reading would say so, poll waits.
 bool ByteSource::waitForInput() const {
-    constexpr int pollMilliseconds = 100;
-    pollfd state = {descriptorM, POLLIN, 0};
-    for (;;) {
-        int const ready = poll(&state, 1, pollMilliseconds);
-        if (ready > 0 || (ready < 0 && errno != EINTR)) // what is wrong, reading says
-            return true;
-        if (stopM->load(std::memory_order_relaxed))
+    while (!becomesReady(descriptorM, POLLIN))
+        if (stopM != nullptr && stopM->load(std::memory_order_relaxed))
             return false;
-    }
+    return true;
 }
 
 std::size_t ByteSource::readSome(std::span<char> to) {
-    if (stopM != nullptr && sizeM == 0 && !waitForInput()) {
-        atEndM = true;
-        return 0;
-    }
     for (;;) {
+        if (sizeM == 0 && !waitForInput()) {
+            atEndM = true;
+            return 0;
+        }
         ssize_t const count = ::read(descriptorM, to.data(), to.size());
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) // another reader of the pipe was faster
             continue;
         if (count < 0)
             fail("cannot be read: " + std::system_category().message(errno));

@@ -4,6 +4,7 @@
 // after the other are read as one.
 // Units: bytes. done() counts those of the file itself, compressed or not, of size(), which is 0 where it is unknown.
 // Ownership: owns the descriptor, but for standard input's, and a buffer of 256 KiB.
+// Waiting: opening never waits for whoever writes into a pipe, reading does, whether the descriptor blocks or not.
 // Threads: one thread at a time; done() and size() are safe from any.
 // Errors: HostError in one line that names the file: it cannot be opened or read, or what was compressed is damaged or
 // ends early. std::bad_alloc.

@@ -9,7 +9,7 @@
 namespace nphost {
 
 ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock)
-    : plugInM(plugIn), wakeUpM(wakeUp), dueM(std::move(clock)), threadM([this] { run(); }) {}
+    : plugInM(plugIn), wakeUpM(wakeUp), clockM(std::move(clock)), dueM(clockM), threadM([this] { run(); }) {}
 
 ChangeNotices::~ChangeNotices() {
     {
@@ -22,15 +22,28 @@ ChangeNotices::~ChangeNotices() {
 
 void ChangeNotices::step() {
     if (auto const found = takeFound()) {
-        dueM.renew(found->changes, found->liveSince);
         askedM = false;
+        if (found->complete)
+            dueM.renew(found->changes, found->liveSince);
+        else
+            failedAtM = clockM();
     }
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     if (dueM.isDue())
         if (auto const notice = dueM.take(status.liveSince))
             announce(*notice);
-    if (status.loads != loadsM || (dueM.wantsList() && !askedM))
+    if (status.loads != loadsM || ((dueM.wantsList() || failedAtM) && !askedM && pauseLeft() == 0))
         request(status);
+}
+
+// In seconds; 0 also when the clock was put back.
+std::uint64_t ChangeNotices::pauseLeft() const {
+    constexpr std::uint64_t pauseSeconds = 60; // when memory is short, a search in a loop would not mend it
+    if (!failedAtM)
+        return 0;
+    std::uint64_t const now = clockM().seconds();
+    std::uint64_t const failed = failedAtM->seconds();
+    return now < failed ? 0 : failed + pauseSeconds - std::min(now, failed + pauseSeconds);
 }
 
 // The clock counts whole seconds, so the last one is watched more closely. It may also be put forward while the loop
@@ -38,7 +51,9 @@ void ChangeNotices::step() {
 std::optional<int> ChangeNotices::patience() const {
     constexpr std::uint64_t longestSeconds = 60;
     constexpr int lastSecondMilliseconds = 100;
-    std::optional<std::uint64_t> const left = dueM.secondsLeft();
+    std::optional<std::uint64_t> left = dueM.secondsLeft();
+    if (failedAtM && !askedM)
+        left = std::min(left.value_or(longestSeconds), pauseLeft());
     if (!left)
         return std::nullopt;
     return *left <= 1 ? lastSecondMilliseconds : static_cast<int>(1000 * std::min(*left - 1, longestSeconds));
@@ -55,6 +70,7 @@ void ChangeNotices::announce(DueChanges::Notice const& notice) {
 
 void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status) {
     askedM = true;
+    failedAtM.reset();
     loadsM = status.loads;
     BAS::DateTime const after = dueM.listAfter(status.liveSince);
     {
@@ -86,13 +102,11 @@ void ChangeNotices::run() {
 
 void ChangeNotices::search(BAS::DateTime after) {
     Found found;
-    bool const complete = plugInM.visitUpcoming(
+    found.complete = plugInM.visitUpcoming(
         after, found.liveSince,
         [&](BAS::String const& number, DAT::NumberPortability::NumberPortabilityData const& record) {
             found.changes.add(record.validFromM, number.view(), record.networkIdM.view());
         });
-    if (!complete)
-        return;
     {
         BAS::MutexGuard const guard(lockM);
         foundM = std::move(found);

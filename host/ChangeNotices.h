@@ -7,7 +7,7 @@
 // Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
 // it, as for a print. The one clock is that of the constructor, called by the loop's thread.
 // Errors: construction throws std::system_error when there is no thread; std::bad_alloc. A search that memory did not
-// suffice for is reported by the plug-in, and the next load tries again.
+// suffice for is reported by the plug-in, and tried again after a minute, or after the next load.
 // Complexity: a search is linear in the numbers, a step in what is due; memory is that of UpcomingChanges.
 #pragma once
 
@@ -41,6 +41,7 @@ class ChangeNotices {
     struct Found {
         UpcomingChanges changes;
         BAS::DateTime liveSince;
+        bool complete = false; // else there is no list
     };
 
     void run();
@@ -48,14 +49,18 @@ class ChangeNotices {
     void search(BAS::DateTime after);
     void request(DAT::NumberPortability::ServiceStatus const& status);
     std::optional<Found> takeFound();
+    // Until a search that failed is tried again.
+    std::uint64_t pauseLeft() const;
     void announce(DueChanges::Notice const& notice);
 
     LoadedPlugIn& plugInM;
     WakeUp const& wakeUpM;
     BAS::RegisteredObject senderM; // has no name and needs none to send
+    DueChanges::Clock const clockM;
     DueChanges dueM;
-    std::uint64_t loadsM = 0; // that had ended when the latest search was asked for
-    bool askedM = false;      // a search is under way, or has failed since the latest load
+    std::uint64_t loadsM = 0;               // that had ended when the latest search was asked for
+    bool askedM = false;                    // a search is under way
+    std::optional<BAS::DateTime> failedAtM; // the latest search
 
     BAS::Mutex lockM;
     std::condition_variable_any changedM;

@@ -114,10 +114,11 @@ class TextReport : public Report {
         bool const passes = trial.reasons.empty();
         outM.append(std::string("\nThe guard would ") + (passes ? "let it pass" : "refuse it") + " as a " +
                     nphost::nameOf(trial.kind));
-        if (trial.kind == LoadKind::RELOAD)
+        if (trial.kind == LoadKind::RELOAD || trial.figures.liveRecords > 0)
             outM.append(" beside " + grouped(trial.figures.liveRecords) + " live records");
-        outM.append(":\n  limits: " + nphost::textOf(trial.limits) + "\n  memory: up to " +
-                    grouped(mebibytes(memoryAtPeak(trial.kind, trial.figures))) + " MiB\n");
+        GuardLimits const asked = trial.limits.askedOf(trial.kind);
+        outM.append(":\n  limits: " + (asked.any() ? nphost::textOf(asked) : "none is asked of this kind of load") +
+                    "\n  memory: up to " + grouped(mebibytes(memoryAtPeak(trial.kind, trial.figures))) + " MiB\n");
         for (std::string const& reason : trial.reasons)
             outM.append("  refused: " + visible(reason) + "\n");
     }

@@ -6,6 +6,7 @@
 #include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
 #include "host/ImportCommand.h"
+#include "host/Interruption.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
 #include "host/PrintCommand.h"
@@ -78,7 +79,9 @@ COLUMN is a name of the header, or a number from 1; of NDJSON a member's name.
 
 Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601, date and time, with or without an offset),
 seconds or milliseconds since 1970, or a pattern as for strptime. --zone is the zone of
-the data; times without an offset are taken to be in it.
+the data; times without an offset are taken to be in it: one that came twice when
+clocks were put back holds for both, one that they left out is moved forward. The
+summary counts them.
 
 Records that cannot be used go whole to the rejects, a CSV file with the columns file,
 line, reason and record: that of --rejects, or with --output FILE to FILE.rejects.
@@ -95,7 +98,8 @@ Exit status:
   0  every record could be used; numbers that were not found are counted, no more
   1  records were rejected, or stayed unused in the output; or there were more than
      --max-rejects, and the output file is as it was
-  2  a usage, configuration or file error; one line on standard error says which)";
+  2  a usage, configuration or file error; one line on standard error says which. A
+     summary (--json) that cannot be written is one, too, but the files are in place)";
 
 constexpr char const* printHelpCM =
     R"(Without the heading the listing is a data file again: sorted, in stored form and
@@ -113,7 +117,8 @@ without serving it. The data file that the configuration names is not touched an
 need not exist.
 
 With --guard it is also held against the limits in [host.guard]: as the file of a
-first load; of a reload, with --live; or of a delta, with --delta.
+first load; of a reload, with --live; or of a delta, with --delta, for whose memory
+--live counts, too.
 
 Examples:
   nphost check --config examples/nphost.toml examples/portability.dat
@@ -175,7 +180,9 @@ rejects are compressed if their names end in .gz or .zst.
 
 Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601), seconds or milliseconds since 1970, or a
 pattern as strptime takes it, '%d/%m/%Y %H:%M'. Those with an offset are turned into the
-clock time of --zone, which is the data's; those without stay as they are.
+clock time of --zone, which is the data's; those without stay as they are: one that
+came twice when clocks were put back holds for both, one that they left out is moved
+forward. The summary counts them.
 
 Blanks inside the name of a network become an underscore. A record that is repeated is
 written once. With --normalise numbers may be written as people do or as tel: and sip:
@@ -192,7 +199,8 @@ Exit status:
   1  some records were rejected, the rest is written; or more than --max-rejects, and no
      file but that of the rejects
   2  a usage, configuration or file error, networks that would become one, or no record
-     left: no file is written; standard error says why)";
+     left: no file is written; standard error says why. A summary (--json) that
+     cannot be written is an error, too, but the files are in place)";
 
 constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
@@ -298,7 +306,8 @@ void addEnrichInput(CLI::App& command, EnrichOptions& options) {
         .add_option("--time-format", options.timeFormat,
                     "digits, iso, seconds, milliseconds or a pattern; default: digits")
         ->option_text("TIME");
-    command.add_option("--zone", options.zone, "The time zone of the data; default: UTC")->option_text("ZONE");
+    command.add_option("--zone", options.zone, "The time zone of the data; clock changes: below; default: UTC")
+        ->option_text("ZONE");
     command.add_option("--format", options.format, "csv, tsv or ndjson; default: by the first input's name, or csv")
         ->option_text("FORMAT")
         ->check(CLI::IsMember({"csv", "tsv", "ndjson"}));
@@ -380,7 +389,8 @@ void addCheck(CLI::App& app, Chosen& chosen) {
     command->add_flag("--json", chosen.check.json, "Write one JSON object; with --all it lists rejected lines");
     CLI::Option* const guard =
         command->add_flag("--guard", chosen.check.guard, "Hold the file against the limits in [host.guard]");
-    command->add_option("--live", chosen.check.live, "With --guard: as a reload beside so many live records")
+    command
+        ->add_option("--live", chosen.check.live, "With --guard: as a reload, or a delta, beside so many live records")
         ->option_text("N")
         ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{4'294'967'295}, "0 to 4294967295"))
         ->needs(guard);
@@ -465,7 +475,9 @@ void addImport(CLI::App& app, Chosen& chosen) {
     command->add_flag("--no-header", options.noHeader, "The first line is a record, and columns are positions");
     command->add_option("--time-format", options.timeFormat, "How valid-from is written; default: digits")
         ->option_text("TIME");
-    command->add_option("--zone", options.zone, "The time zone of the data, Europe/Paris; default: UTC")
+    command
+        ->add_option("--zone", options.zone,
+                     "The time zone of the data, Europe/Paris; clock changes: below; default: UTC")
         ->option_text("ZONE");
     command->add_flag("--normalise", options.normalise,
                       "Take numbers in any form: national, +44..., tel: and sip: URIs; needs --config");
@@ -624,7 +636,7 @@ int runChecked(int argc, char const* const* argv) {
     addRun(app, chosen);
     addCtl(app, chosen);
     int const status = parse(app, argc, argv);
-    return status == FINE && chosen.command ? chosen.command() : status;
+    return status == FINE && chosen.command ? unlessInterrupted(chosen.command) : status;
 }
 
 } // namespace

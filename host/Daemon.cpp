@@ -53,8 +53,9 @@ void checkVersion(Json const& request) {
 } // namespace
 
 Daemon::Daemon(Parts const& parts)
-    : partsM(parts), plugInM(parts.host.plugIn()), updatesM(plugInM, parts.guard, parts.hub.wakeUp()),
-      probesM(plugInM, parts.hub, updatesM) {
+    : partsM(parts), plugInM(parts.host.plugIn()),
+      updatesM(plugInM, parts.configuration, parts.guard, parts.hub.wakeUp()),
+      probesM(plugInM, parts.configuration, parts.hub, updatesM) {
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
     if (parts.socket != nullptr)
@@ -245,14 +246,15 @@ void Daemon::probe(Client client, Json const& request, ProbeKind kind, std::stri
 void Daemon::print(Client client, Json const& request) {
     bool const toFile = request.contains("file");
     if (toFile)
-        refuseDataFile(textOf(request, "file"));
+        refuseKeptFile(textOf(request, "file"));
     probe(client, request, ProbeKind::PRINT, toFile ? textOf(request, "file") : "NULL");
 }
 
 // A listing with its heading would be no data file any more.
-void Daemon::refuseDataFile(std::string const& target) {
-    if (isSameFile(plugInM.serviceStatus().dataFileName.str(), target))
-        throw RequestError("the output " + target + " is the data file itself");
+void Daemon::refuseKeptFile(std::string const& target) {
+    KeptFiles const files{plugInM.serviceStatus().dataFileName.str(), partsM.configuration};
+    if (char const* const kept = files.nameOf(target))
+        throw RequestError("the output " + target + " is " + kept);
 }
 
 void Daemon::update(Client client, Json const& request) {
@@ -266,7 +268,7 @@ void Daemon::update(Client client, Json const& request) {
         if (print || key == "AdditionalNumPortData")
             textOf(given, key);
         if (print)
-            refuseDataFile(keys.back().second);
+            refuseKeptFile(keys.back().second);
     }
     if (!updatesM.push(client, std::move(keys), request.value("force", false)))
         throw RequestError("too many updates are waiting");

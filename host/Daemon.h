@@ -30,6 +30,7 @@ class Daemon : private ControlServer::Handler {
   public:
     struct Parts {
         Host& host;
+        std::filesystem::path configuration; // its file
         ReportHub& hub;
         LogTarget& log;
         Signals& signals;
@@ -67,7 +68,7 @@ class Daemon : private ControlServer::Handler {
     void update(Client client, nlohmann::json const& request);
     void listProbes(Client client);
     void showLog(Client client, nlohmann::json const& request);
-    void refuseDataFile(std::string const& target);
+    void refuseKeptFile(std::string const& target);
 
     Parts partsM;
     LoadedPlugIn& plugInM;

@@ -110,7 +110,7 @@ class EnrichRun {
             writeAll();
         }
         pipelineM.addNetworks(summaryM.networks);
-        optionsM.json ? writeSummary(summaryM.json(), !optionsM.output) : tellText();
+        optionsM.json ? writeSummaryOf(optionsM.output, summaryM.stopped.empty(), summaryM.json()) : tellText();
         return summaryM.counts.rejected() == 0 ? FINE : NOT_FOUND;
     }
 
@@ -240,7 +240,7 @@ int enrichCompleted(EnrichOptions const& options) {
 } // namespace
 
 int enrich(EnrichOptions const& options) {
-    return unlessInterrupted([&options] { return enrichCompleted(completed(options)); });
+    return enrichCompleted(completed(options));
 }
 
 } // namespace nphost

@@ -78,6 +78,18 @@ void FileRoles::check() const {
     for (std::string const& input : inputs)
         if (isStandardOutputFile(input))
             throw HostError("standard output is one of the inputs");
+    for (Kept const& other : kept)
+        if (!other.mayBeOutput && isStandardOutputFile(other.file))
+            throw HostError(std::string("standard output is ") + other.what);
+}
+
+void writeSummaryOf(std::optional<std::string> const& output, bool whole, std::string const& object) {
+    try {
+        writeSummary(object, !output);
+    } catch (HostError const& error) {
+        throw HostError(std::string(error.what()) + (whole ? "; the files are written, only the summary is not"
+                                                           : "; the work was stopped: the output is not written"));
+    }
 }
 
 } // namespace nphost

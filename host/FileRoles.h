@@ -34,4 +34,8 @@ struct FileRoles {
     void checkResult(std::string const& written, bool isOutput) const;
 };
 
+// writeSummary for a command whose files are in place by then. Its HostError says so: the status alone, a failure's,
+// would have them taken for what they were before. `whole`: the output is written; else at most the rejects are.
+void writeSummaryOf(std::optional<std::string> const& output, bool whole, std::string const& object);
+
 } // namespace nphost

@@ -39,10 +39,14 @@ struct GuardLimits {
     bool any() const {
         return maxLossPercent || maxRejectedPercent || minRecords || requireCompleteLastLine || maxMemoryMiB;
     }
-    // Whether one of them is asked of such a load.
-    bool applyTo(LoadKind kind) const {
-        return maxRejectedPercent || requireCompleteLastLine || maxMemoryMiB ||
-               (maxLossPercent && kind == LoadKind::RELOAD) || (minRecords && kind != LoadKind::DELTA);
+    // Those that are asked of such a load.
+    GuardLimits askedOf(LoadKind kind) const {
+        GuardLimits asked = *this;
+        if (kind != LoadKind::RELOAD)
+            asked.maxLossPercent.reset();
+        if (kind == LoadKind::DELTA)
+            asked.minRecords.reset();
+        return asked;
     }
 };
 

@@ -235,8 +235,8 @@ class Import {
         for (std::size_t i = 0; i < refusalsCM; ++i)
             if (rejects.counts()[i] > 0)
                 reasons[nameOf(static_cast<Refusal>(i))] = rejects.counts()[i];
-        nlohmann::json object = {{"file", asUtf8(optionsM.file)},
-                                 {"output", asUtf8(optionsM.output.value_or("-"))},
+        nlohmann::json object = {{"file", asUtf8(optionsM.file == "-" ? "standard input" : optionsM.file)},
+                                 {"output", asUtf8(optionsM.output.value_or("standard output"))},
                                  {"records", recordsM},
                                  {"written", written()},
                                  {"networks", conversionM.networks()},
@@ -249,7 +249,7 @@ class Import {
                                  {"complete", stoppedM.empty()}};
         if (!stoppedM.empty())
             object["stopped"] = stoppedM;
-        writeSummary(object.dump() + "\n", !optionsM.output);
+        writeSummaryOf(optionsM.output, stoppedM.empty(), object.dump() + "\n");
     }
 
     ImportOptions const& optionsM;
@@ -292,7 +292,7 @@ int importChecked(ImportOptions options) {
 } // namespace
 
 int importFeed(ImportOptions const& options) {
-    return unlessInterrupted([&options] { return importChecked(options); });
+    return importChecked(options);
 }
 
 } // namespace nphost

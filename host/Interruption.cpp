@@ -14,8 +14,11 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<std::atomic<b
 // A write that began to wait just after the signal must be broken off, too: so there is another one every second.
 extern "C" void noteEnd(int number) {
     int none = 0;
-    if (number != SIGALRM)
-        noted.compare_exchange_strong(none, number);
+    if (number != SIGALRM && !noted.compare_exchange_strong(none, number)) {
+        std::signal(number, SIG_DFL);
+        std::raise(number); // takes effect when this handler returns
+        return;
+    }
     if (std::atomic<bool>* const stop = target.load())
         stop->store(true);
     alarm(1);
@@ -28,9 +31,8 @@ Interruption::Interruption(std::atomic<bool>& stop) {
     target.store(&stop);
     for (std::size_t i = 0; i < numbersCM.size(); ++i) {
         struct sigaction action = {};
-        action.sa_handler = numbersCM[i] == SIGPIPE ? SIG_IGN : noteEnd;
         // Without SA_RESTART: a write that waits for a reader ends.
-        action.sa_flags = numbersCM[i] == SIGALRM ? 0 : static_cast<int>(SA_RESETHAND);
+        action.sa_handler = numbersCM[i] == SIGPIPE || numbersCM[i] == SIGXFSZ ? SIG_IGN : noteEnd;
         sigaction(numbersCM[i], nullptr, &beforeM[i]);
         if (beforeM[i].sa_handler != SIG_IGN || numbersCM[i] == SIGALRM)
             sigaction(numbersCM[i], &action, nullptr);
@@ -48,6 +50,10 @@ Interruption::~Interruption() {
 void Interruption::check() {
     if (int const signal = noted.load(std::memory_order_relaxed); signal != 0)
         throw Interrupted{signal};
+}
+
+bool Interruption::isNoted() noexcept {
+    return noted.load(std::memory_order_relaxed) != 0;
 }
 
 void dieOf(int signal) {

@@ -3,8 +3,9 @@
 // Purpose: while the object lives, SIGINT, SIGTERM and SIGHUP end the process no more: the handler notes the first one
 // and sets the flag of whoever reads input; check throws Interrupted where work can stop. The stack unwinds, which
 // removes temporary files, and dieOf ends the process by the same signal, so that its parent sees what happened. A
-// second signal of the kind ends it at once. One that was ignored before stays ignored (nohup). SIGPIPE is ignored:
-// writing without a reader is an error, and no signal. SIGALRM is the object's own.
+// second one of the three, whichever, ends it at once. One that was ignored before stays ignored (nohup). SIGPIPE and
+// SIGXFSZ are ignored: writing without a reader, or beyond the limit of a file's size, is an error and no signal.
+// SIGALRM is the object's own. A signal behind the last check is lost: the work is done by then.
 // Ownership: borrows the flag; there is one object in a process at a time. Destruction puts the handlers back.
 // Threads: construction and destruction by one thread, best the main one, whose blocked writes a signal then breaks
 // off; check by any.
@@ -34,9 +35,10 @@ class Interruption {
 
     // Throws Interrupted when a signal was noted; without an object never.
     static void check();
+    static bool isNoted() noexcept;
 
   private:
-    static constexpr std::array<int, 5> numbersCM = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGALRM};
+    static constexpr std::array<int, 6> numbersCM = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ, SIGALRM};
 
     std::array<struct sigaction, numbersCM.size()> beforeM{};
 };

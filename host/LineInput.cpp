@@ -1,9 +1,11 @@
 #include "host/LineInput.h"
 
 #include "host/HostError.h"
+#include "host/Waiting.h"
 
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -52,6 +54,10 @@ bool LineInput::fill() {
         ssize_t const count = ::read(descriptorM, bufferM.data() + endM, bufferM.size() - endM);
         if (count < 0 && errno == EINTR)
             continue;
+        if (count < 0 && errno == EAGAIN) {
+            becomesReady(descriptorM, POLLIN);
+            continue;
+        }
         if (count < 0)
             throw HostError("cannot read standard input: " + std::system_category().message(errno));
         endM += static_cast<std::size_t>(count);

@@ -57,7 +57,7 @@ LoadGuard::LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const&
 LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
     LoadCheck check;
     check.kind = kind;
-    check.guarded = limitsM.applyTo(kind);
+    check.guarded = limitsM.askedOf(kind).any();
     check.forced = check.guarded && force;
     check.passed = !check.guarded || check.forced;
     if (!check.guarded)

@@ -65,6 +65,13 @@ std::optional<std::string> unescaped(std::string_view text) {
     return result;
 }
 
+// Whether a user part reads as a telephone number, whatever its parameters (RFC 3966: visual separators, no blanks).
+bool isSubscriber(std::string_view user) {
+    std::optional<std::string> const number = unescaped(takeUntil(user, ';'));
+    std::string_view const digits = number ? std::string_view(*number) : std::string_view();
+    return digits.find_first_not_of("0123456789-.()", digits.starts_with('+') ? 1 : 0) == std::string_view::npos;
+}
+
 // The value of a parameter, escapes and all; empty when it is not there.
 std::string_view parameter(std::string_view parameters, std::string_view name) {
     while (!parameters.empty()) {
@@ -146,12 +153,8 @@ bool NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
     std::string_view rest = uri.substr(at + 1);
     std::string_view parameters = takeUntil(rest, '?');
     takeUntil(parameters, ';'); // the host
-    if (isSame(parameter(parameters, "user"), "phone"))
-        return fromSubscriber(user, out);
-    std::optional<std::string> const name = unescaped(user);
-    std::string_view digits = name ? std::string_view(*name) : std::string_view();
-    digits.remove_prefix(digits.starts_with('+') ? 1 : 0);
-    return areDigits(digits) && fromWritten(*name, out);
+    bool const isPhone = isSame(parameter(parameters, "user"), "phone") || isSubscriber(user);
+    return isPhone && fromSubscriber(user, out);
 }
 
 bool NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& out) const {

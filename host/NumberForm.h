@@ -3,11 +3,11 @@
 // Purpose: feeds and call records write numbers in many forms; the data know one: international access code,
 // country code, national number. Which form a text has shows by itself:
 //   tel:...            RFC 3966, RFC 4694
-//   sip:..., sips:...  RFC 3261: the user part, if it is a number: with user=phone as in tel:, else digits alone that
-//                      may follow a plus
+//   sip:..., sips:...  RFC 3261: the user part as in tel:, with user=phone, or if it reads as a number by itself: digits
+//                      and visual separators without blanks, behind a plus or not, parameters behind ';'
 //   name-addr          RFC 3261, section 20.10: "Bob" <sip:...>;tag=1; what is between the angle brackets, as above
 //   anything else      a number as people write it
-// Blanks, tabs, '-', '.', '(' and ')' are visual separators everywhere but in a user part without user=phone. Percent
+// Blanks, tabs, '-', '.', '(' and ')' are visual separators. Percent
 // escapes of URIs are undone; parameters but phone-context (extensions, routing numbers), passwords and headers are
 // passed over. The rules, by the configured dialling codes:
 // - '+', or the configured sign, begins a global number: access code and its digits.

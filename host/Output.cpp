@@ -1,10 +1,9 @@
 #include "host/Output.h"
 
 #include "host/HostError.h"
+#include "host/Waiting.h"
 
-#include <cerrno>
 #include <system_error>
-#include <unistd.h>
 
 namespace nphost {
 
@@ -22,13 +21,8 @@ void Output::appendLarge(std::string_view text) {
 }
 
 void Output::writeAll(std::string_view text) const {
-    while (!text.empty()) {
-        ssize_t const written = ::write(descriptorM, text.data(), text.size());
-        if (written >= 0)
-            text.remove_prefix(static_cast<std::size_t>(written));
-        else if (errno != EINTR)
-            throw HostError("cannot write the output: " + std::system_category().message(errno));
-    }
+    if (int const error = writeWaiting(descriptorM, text); error != 0)
+        throw HostError("cannot write the output: " + std::system_category().message(error));
 }
 
 } // namespace nphost

@@ -4,7 +4,8 @@
 // Ownership: borrows the descriptor, which stays open. Destruction discards what was not flushed: whoever wants it
 // written flushes, and so learns of errors.
 // Threads: one thread at a time.
-// Errors: HostError with the system's reason when a write fails; construction throws std::bad_alloc.
+// Errors: HostError with the system's reason when a write fails; Interrupted when nobody reads any more and SIGPIPE is
+// ignored; construction throws std::bad_alloc.
 // Complexity: linear in the bytes; one system call a buffer.
 #pragma once
 

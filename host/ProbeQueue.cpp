@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace nphost {
 
-ProbeQueue::ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updates)
-    : plugInM(plugIn), hubM(hub), updatesM(updates), probesM(plugIn.probes()) {
+ProbeQueue::ProbeQueue(LoadedPlugIn& plugIn, std::filesystem::path configuration, ReportHub& hub, UpdateRunner& updates)
+    : plugInM(plugIn), configurationM(std::move(configuration)), hubM(hub), updatesM(updates),
+      probesM(plugIn.probes()) {
     constexpr std::size_t kinds = 3;
     if (probesM.size() != kinds)
         throw HostError("the plug-in has not the probes for reload, delta load and print");
@@ -64,9 +66,11 @@ void ProbeQueue::writeProbe() {
 
 // The name was checked when the request came, but what it means may have changed while the request waited.
 bool ProbeQueue::refusesTarget() {
-    if (currentM->kind != ProbeKind::PRINT || !isSameFile(plugInM.serviceStatus().dataFileName.str(), currentM->value))
+    KeptFiles const files{plugInM.serviceStatus().dataFileName.str(), configurationM};
+    char const* const kept = currentM->kind == ProbeKind::PRINT ? files.nameOf(currentM->value) : nullptr;
+    if (kept == nullptr)
         return false;
-    reportPrintRefused(currentM->value);
+    reportPrintRefused(currentM->value, kept);
     hubM.giveUp();
     return true;
 }

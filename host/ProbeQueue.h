@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -40,7 +41,8 @@ class ProbeQueue {
         LoadCheck check;    // of a refused request nothing else was done
     };
 
-    ProbeQueue(LoadedPlugIn& plugIn, ReportHub& hub, UpdateRunner& updates);
+    // No listing may replace the data file or the file of the configuration.
+    ProbeQueue(LoadedPlugIn& plugIn, std::filesystem::path configuration, ReportHub& hub, UpdateRunner& updates);
     ProbeQueue(ProbeQueue const&) = delete;
     ProbeQueue& operator=(ProbeQueue const&) = delete;
     ~ProbeQueue();
@@ -68,6 +70,7 @@ class ProbeQueue {
     void checkTrouble();
 
     LoadedPlugIn& plugInM;
+    std::filesystem::path const configurationM;
     ReportHub& hubM;
     UpdateRunner& updatesM;
     std::vector<BAS::InstrumentationProbeAttribute*> probesM; // by ProbeKind

@@ -31,13 +31,13 @@ enum class Problem : std::uint8_t {
     UNREADABLE_TIME, // the instant cannot be read
     UNWRITABLE,      // a value holds the separator, and quoting is switched off
 };
-constexpr std::size_t problemsCM = 10;
+constexpr std::size_t problemsCM = static_cast<std::size_t>(Problem::UNWRITABLE) + 1;
 
 // As reports and rejects call it: one word with hyphens.
 constexpr char const* nameOf(Problem problem) {
-    constexpr std::array<char const*, problemsCM> names = {"none",        "field-count",    "broken-quotes",
-                                                           "broken-json", "missing-member", "name-taken",
-                                                           "long-record", "bad-time",       "unwritable"};
+    constexpr std::array names = {"none",       "field-count", "broken-quotes", "broken-json", "missing-member",
+                                  "name-taken", "long-record", "bad-time",      "unwritable"};
+    static_assert(names.size() == problemsCM);
     return names[static_cast<std::size_t>(problem)];
 }
 

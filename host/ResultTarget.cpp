@@ -1,15 +1,13 @@
 #include "host/ResultTarget.h"
 
 #include "host/HostError.h"
-#include "host/Interruption.h"
 #include "host/StandardError.h"
 #include "host/Text.h"
+#include "host/Waiting.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <system_error>
-#include <unistd.h>
 
 namespace nphost {
 
@@ -28,6 +26,7 @@ ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file 
     fileM = std::make_unique<STR::FileIo>(BAS::String(*file), std::ios_base::out);
     if (!fileM->isOpen())
         fail();
+    descriptorM = fileM->descriptorInPlace();
 }
 
 ResultTarget::~ResultTarget() {
@@ -40,22 +39,14 @@ void ResultTarget::fail() const {
 }
 
 void ResultTarget::write(std::string_view text) {
-    if (fileM != nullptr) {
-        fileM->stream().write(text.data(), static_cast<std::streamsize>(text.size()));
-        if (!fileM->stream().good() && !fileM->closeFile())
-            fail();
+    if (descriptorM >= 0) {
+        if (int const error = writeWaiting(descriptorM, text); error != 0)
+            throw HostError(nameM + " cannot be written: " + std::system_category().message(error));
         return;
     }
-    while (!text.empty()) {
-        ssize_t const written = ::write(STDOUT_FILENO, text.data(), text.size());
-        if (written >= 0)
-            text.remove_prefix(static_cast<std::size_t>(written));
-        else if (errno == EPIPE)
-            throw Interrupted{SIGPIPE};
-        else if (errno != EINTR)
-            throw HostError(nameM + " cannot be written: " + std::system_category().message(errno));
-        Interruption::check();
-    }
+    fileM->stream().write(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!fileM->stream().good() && !fileM->closeFile())
+        fail();
 }
 
 void ResultTarget::sync() {

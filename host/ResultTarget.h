@@ -1,12 +1,12 @@
-// nphost::ResultTarget: where results go: a file that is replaced as a whole, or standard output.
+// nphost::ResultTarget: where results go: a file that is replaced as a whole, or standard output, a pipe or a device.
 //
-// Purpose: a file is written beside its name and takes it in finish, so that nobody reads half of one; standard output
-// is written as it comes. Where several files belong together, all are synced before the first is put in place.
+// Purpose: a file is written beside its name and takes it in finish, so that nobody reads half of one; all else is
+// written as it comes. Where several files belong together, all are synced before the first is put in place.
 // PieceTarget gathers small texts, and compresses where the name asks for it.
 // Ownership: owns the file; borrows standard output. Destruction before finish leaves a file of that name as it was.
 // Threads: one thread at a time.
-// Errors: HostError in one line that names the file; Interrupted when nobody reads standard output any more, or a
-// signal came while it waited for a reader.
+// Errors: HostError in one line that names the file; Interrupted when nobody reads standard output or the pipe any more,
+// or a signal came while it waited for a reader.
 // Complexity: linear in the bytes.
 #pragma once
 
@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 namespace nphost {
 
@@ -45,6 +46,7 @@ class ResultTarget {
 
     std::string nameM;
     std::unique_ptr<STR::FileIo> fileM; // null: standard output
+    int descriptorM = STDOUT_FILENO;    // written as it comes; -1: by the file's stream
 };
 
 // Texts in large pieces, each compressed by the suffix of the file's name.

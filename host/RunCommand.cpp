@@ -3,8 +3,10 @@
 #include "host/ClientModules.h"
 #include "host/Daemon.h"
 #include "host/ExitStatus.h"
-
+#include "host/HostError.h"
+#include "host/SameFile.h"
 #include "host/StandardError.h"
+#include "host/Text.h"
 
 #include <optional>
 #include <utility>
@@ -33,12 +35,21 @@ bool load(Host& host, LoadGuard& guard, bool force) {
     return true;
 }
 
+// Lines of the log would break the data or the configuration.
+std::filesystem::path checkedLogFile(RunOptions const& options, Configuration const& configuration) {
+    std::filesystem::path const file = options.logFile.empty() ? configuration.logFile : options.logFile;
+    char const* const kept = KeptFiles{configuration.dataFile(), options.common.configuration}.nameOf(file);
+    if (!file.empty() && kept != nullptr)
+        throw HostError("the log file " + visible(file.native()) + " is " + kept);
+    return file;
+}
+
 } // namespace
 
 int runDaemon(RunOptions const& options) {
     Signals signals;
     Configuration configuration = readConfiguration(options.common.configuration);
-    LogTarget target(options.logFile.empty() ? configuration.logFile : options.logFile);
+    LogTarget target(checkedLogFile(options, configuration));
     ServiceNotifier notifier;
     // Before the load: two daemons must not both work on one data file for as long as a load takes.
     std::optional<ListeningSocket> socket;
@@ -55,7 +66,9 @@ int runDaemon(RunOptions const& options) {
     if (!load(host, guard, options.force))
         return REFUSED;
     ClientModules const clients(clientFiles, host.plugIn());
-    Daemon({host, hub, target, signals, notifier, guard, socket ? &*socket : nullptr, announceChanges}).run();
+    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, socket ? &*socket : nullptr,
+            announceChanges})
+        .run();
     return FINE;
 }
 

@@ -1,7 +1,8 @@
-// nphost::isSameFile: whether two names mean one file, and the report of a listing that would replace the data file.
+// nphost::isSameFile and KeptFiles: whether two names mean one file, and which files a listing or a log must not destroy.
 //
-// Purpose: a listing must not replace the data file: whatever it leaves out would be lost.
-// Threads: no state.
+// Purpose: a listing must not replace the data file, since whatever it leaves out would be lost, nor the configuration.
+// Ownership: KeptFiles owns its names; plain functions otherwise.
+// Threads: no state that changes.
 // Errors: std::bad_alloc; names that cannot be examined are compared as texts.
 // Complexity: a few system calls.
 #pragma once
@@ -11,10 +12,18 @@
 
 namespace nphost {
 
-// The same file by hard or symbolic links, or, while it is not there, the same place.
+// The same file by hard or symbolic links, or, while it is not there, the same place: also by a link to it.
 bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& other);
 
-// Reports that a listing onto the data file was refused.
-void reportPrintRefused(std::string const& target);
+struct KeptFiles {
+    std::filesystem::path dataFile; // empty: none
+    std::filesystem::path configuration;
+
+    // What the target is of the two, in words: "the data file itself"; null when it is neither.
+    char const* nameOf(std::filesystem::path const& target) const;
+};
+
+// Reports that a listing onto such a file was refused.
+void reportPrintRefused(std::string const& target, char const* what);
 
 } // namespace nphost

@@ -1,8 +1,11 @@
 #include "host/StandardError.h"
 
+#include "host/Interruption.h"
 #include "host/Text.h"
+#include "host/Waiting.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <string>
 #include <unistd.h>
 
@@ -10,8 +13,18 @@ namespace nphost {
 
 namespace {
 
+// A command that is to end waits no more for somebody who reads.
 void writeAll(std::string_view text) noexcept {
-    writeWhole(STDERR_FILENO, text);
+    while (!text.empty()) {
+        ssize_t const written = ::write(STDERR_FILENO, text.data(), text.size());
+        if (written > 0)
+            text.remove_prefix(static_cast<std::size_t>(written));
+        bool const waits = written < 0 && (errno == EAGAIN || errno == EINTR);
+        if (written < 0 && (!waits || Interruption::isNoted()))
+            return;
+        if (waits)
+            becomesReady(STDERR_FILENO, POLLOUT);
+    }
 }
 
 } // namespace

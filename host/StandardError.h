@@ -31,7 +31,7 @@ class StandardError {
     static bool progressShownM NP_GUARDED_BY(lockM);
 };
 
-// Writes all of it, or what can be written.
+// Writes all of it, or what can be written without waiting where the descriptor does not block.
 void writeWhole(int descriptor, std::string_view text) noexcept;
 
 // "nphost: ", the text on one line, and a newline.

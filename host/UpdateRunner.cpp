@@ -4,11 +4,14 @@
 #include "host/SameFile.h"
 
 #include <new>
+#include <utility>
 
 namespace nphost {
 
-UpdateRunner::UpdateRunner(LoadedPlugIn& plugIn, LoadGuard& guard, WakeUp const& wakeUp)
-    : plugInM(plugIn), guardM(guard), wakeUpM(wakeUp), threadM([this] { run(); }) {}
+UpdateRunner::UpdateRunner(LoadedPlugIn& plugIn, std::filesystem::path configuration, LoadGuard& guard,
+                           WakeUp const& wakeUp)
+    : plugInM(plugIn), configurationM(std::move(configuration)), guardM(guard), wakeUpM(wakeUp),
+      threadM([this] { run(); }) {}
 
 UpdateRunner::~UpdateRunner() {
     {
@@ -111,10 +114,13 @@ void UpdateRunner::check(Job const& job) {
 // The name was checked when the request came, but what it means may have changed while the request waited.
 bool UpdateRunner::refusesTarget(BAS::RegistryEntry const& keys) {
     BAS::RegistryEntry const* const target = keys.find("PrintData");
-    if (target == nullptr || target->value().empty() ||
-        !isSameFile(plugInM.serviceStatus().dataFileName.str(), target->value().str()))
+    if (target == nullptr || target->value().empty())
         return false;
-    reportPrintRefused(target->value().str());
+    KeptFiles const files{plugInM.serviceStatus().dataFileName.str(), configurationM};
+    char const* const kept = files.nameOf(target->value().str());
+    if (kept == nullptr)
+        return false;
+    reportPrintRefused(target->value().str(), kept);
     return true;
 }
 

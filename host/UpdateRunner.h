@@ -18,6 +18,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
@@ -40,7 +41,8 @@ class UpdateRunner {
         LoadCheck check; // of the file that it was to load
     };
 
-    UpdateRunner(LoadedPlugIn& plugIn, LoadGuard& guard, WakeUp const& wakeUp);
+    // No listing may replace the data file or the file of the configuration.
+    UpdateRunner(LoadedPlugIn& plugIn, std::filesystem::path configuration, LoadGuard& guard, WakeUp const& wakeUp);
     UpdateRunner(UpdateRunner const&) = delete;
     UpdateRunner& operator=(UpdateRunner const&) = delete;
     ~UpdateRunner();
@@ -75,6 +77,7 @@ class UpdateRunner {
     void carryOut(Job const& job, Done& done);
 
     LoadedPlugIn& plugInM;
+    std::filesystem::path const configurationM;
     LoadGuard& guardM;
     WakeUp const& wakeUpM;
     BAS::Mutex lockM;

@@ -409,7 +409,9 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
           Case{{"print"}, 0, "(Console)"}, Case{{"print", file("none/x")}, 1, "ERR_WRITE_FILE"},
           Case{{"print", "/dev/full"}, 1, "ERR_WRITE_FILE"}, Case{{"print", file("fifo")}, 1, "FAILED"},
           Case{{"print", site.data()}, 2, "is the data file itself"}, Case{{"print", file("link")}, 2, "itself"},
-          Case{{"update", "PrintData=" + file("link")}, 2, "is the data file itself"}}) {
+          Case{{"update", "PrintData=" + file("link")}, 2, "is the data file itself"},
+          Case{{"print", file("nphost.toml")}, 2, "is the configuration file"},
+          Case{{"update", "PrintData=" + file("sub/../../nphost.toml")}, 2, "is the configuration file"}}) {
         Arguments command = test.command;
         if (command[0] != "update")
             command.emplace_back("--wait");

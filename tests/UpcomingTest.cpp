@@ -7,11 +7,50 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <random>
+#include <thread>
 #include <vector>
+
+namespace {
+
+// Refuses the next request for memory that comes from another thread than the tests'.
+std::atomic<bool> refusesOthers = false;
+std::thread::id const ownThread = std::this_thread::get_id();
+
+void* allocate(std::size_t size) {
+    if (refusesOthers && std::this_thread::get_id() != ownThread && refusesOthers.exchange(false))
+        throw std::bad_alloc();
+    void* const memory = std::malloc(size == 0 ? 1 : size); // NOLINT(cppcoreguidelines-no-malloc)
+    return memory == nullptr ? throw std::bad_alloc() : memory;
+}
+
+} // namespace
+
+// Not inlined: the compiler would take them for the library's own and warn of a mismatch with free.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    return allocate(size);
+}
+[[gnu::noinline]] void* operator new[](std::size_t size) {
+    return allocate(size);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
+}
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
+}
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
+}
 
 namespace {
 
@@ -166,7 +205,7 @@ class Served {
         BAS::ProtectedBool handled;
         EXPECT_TRUE(hostM.plugIn().update(keys, handled));
     }
-    // Steps until there is a list whose first instant is that far away.
+    // Steps until there is a list whose first instant is that far away, or a search is to be made by then.
     bool hasListIn(int milliseconds) {
         for (noticesM->step(); noticesM->patience() != milliseconds; noticesM->step()) {
             pollfd news = {hubM.wakeUp().descriptor(), POLLIN, 0};
@@ -201,6 +240,20 @@ std::string digits(BAS::DateTime at) {
 }
 
 } // namespace
+
+TEST(ChangeNoticesTest, SearchesAgainAMinuteAfterMemoryDidNotSuffice) {
+    BAS::DateTime const later = second(BAS::DateTime::now().seconds() + 300000);
+    Site const site("0171 " + digits(later) + " A\n");
+    Served served(site);
+    for (int i = 0; i < 2; ++i) {
+        refusesOthers = true;
+        EXPECT_TRUE(served.hasListIn(59'000)) << "no list, and no busy loop";
+        EXPECT_FALSE(refusesOthers) << "memory was asked for";
+        served.now = second(served.now.seconds() + 60);
+    }
+    ASSERT_TRUE(served.hasListIn(60'000));
+    EXPECT_EQ(served.noticesAt(later).size(), 1);
+}
 
 TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
     using Notices = std::vector<std::vector<std::string>>;

@@ -272,6 +272,10 @@ bool FileIo::isOpen() const {
     return bufferM->descriptor() >= 0 && failureM.empty();
 }
 
+int FileIo::descriptorInPlace() const {
+    return isOpen() && temporaryM.empty() ? bufferM->descriptor() : -1;
+}
+
 void FileIo::openInPlace(int descriptor) {
     if (descriptor < 0)
         fail(errno, "open");

@@ -38,6 +38,10 @@ class FileIo {
     bool isOpen() const;
     std::ostream& stream() { return streamM; }
 
+    // What a device, a pipe or an own descriptor is written through, for those who wait for it in their own way and
+    // leave the stream alone; -1 when a file is replaced, or nothing is open.
+    int descriptorInPlace() const;
+
     // Writes what is left and sees a regular file to the disk, so that closeFile has only to put it in place; false,
     // with failure(), when that is impossible. Nothing is written afterwards.
     bool syncFile();
