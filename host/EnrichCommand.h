@@ -5,7 +5,7 @@
 // to a file of rejects, or stays without answers.
 // Threads: one that reads, one that writes, as many as wanted between, and that of the progress line.
 // Errors: HostError, ConfigurationError, std::bad_alloc. A file that is written is replaced as a whole, or not at all.
-// A closed standard output, or a signal, ends the process by that signal when temporary files are gone.
+// Interrupted for a closed output, or a signal.
 // Complexity: linear in the records; memory does not grow with them.
 #pragma once
 

@@ -7,8 +7,8 @@
 // all data away. The file of rejects takes its place with it, or, when there were too many, without it, to say why.
 // Units: lines of the feed count from 1, its header among them.
 // Threads: one thread, and that of the progress line.
-// Errors: HostError, ConfigurationError, std::bad_alloc; no file is replaced then. A closed standard output, or a
-// signal, ends the process by that signal when temporary files are gone.
+// Errors: HostError, ConfigurationError, std::bad_alloc, Interrupted for a closed output or a signal; no file is
+// replaced then.
 // Complexity: linear in the feed; memory of some 30 bytes a record, to find repeated ones.
 #pragma once
 

@@ -2,7 +2,8 @@
 //
 // Purpose: loads the data and prints them, number by number; without the heading the listing is a data file again.
 // Threads: one thread, and that of the progress line.
-// Errors: HostError when the output cannot be written or is the data file itself; ConfigurationError; std::bad_alloc.
+// Errors: HostError when the output cannot be written or is the data file itself; Interrupted; ConfigurationError;
+// std::bad_alloc.
 // Complexity: linear in the records.
 #pragma once
 

@@ -3,16 +3,20 @@
 #include "host/BlockReader.h"
 #include "host/ByteSource.h"
 #include "host/Compression.h"
+#include "host/Interruption.h"
 #include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <csignal>
 #include <ctime>
 #include <map>
 #include <optional>
 #include <random>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -498,6 +502,13 @@ TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
         EXPECT_TRUE(result.status == 2 && contains(result.err, test.reason)) << test.arguments << "\n" << result.err;
         EXPECT_EQ(contentOf(folder.file("out.csv")), "old") << test.arguments;
     }
+    Result const limited =
+        shell(folder,
+              "yes 00441,20210101000000 | head -n 100 | (ulimit -f 1; ENRICH --no-header --number 1 --time 2 "
+              "--output out.csv)",
+              "nphost.toml");
+    EXPECT_TRUE(limited.status == 2 && contains(limited.err, "File too large")) << limited.status << limited.err;
+    EXPECT_EQ(contentOf(folder.file("out.csv")), "old");
     expectFiles(
         {"good.csv", "cut.gz", "other.csv", "utf16.csv", "open.csv", "empty.csv", "one.csv", "lines.csv", "out.csv"});
 }
@@ -563,7 +574,48 @@ TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
                       "nphost.toml");
             EXPECT_EQ(ended.status, 128 + number) << feed << ended.err;
         }
-    expectFiles({"status", "in", "out", "err"});
+    // A named pipe as output, whose reader goes, or stays and reads no more while a signal comes.
+    for (auto const& [end, status] :
+         {std::pair("exec 4<&-", 128 + SIGPIPE), std::pair("kill -TERM $run", 128 + SIGTERM)}) {
+        Result const ended = shell(
+            folder,
+            "exec 4<>out; yes 00441,20210101000000 2>/dev/null 4<&- | "
+            "ENRICH --no-header --number 1 --time 2 --rejects rejects --output out 4<&- & run=$!; read first <&4; "s +
+                end + "; wait $run",
+            "nphost.toml");
+        EXPECT_EQ(ended.status, status) << end;
+        EXPECT_FALSE(contains(ended.err, "nphost:")) << ended.err;
+    }
+    // A named pipe as a further input, whose writer never comes; and one whose writer comes late.
+    folder.write("a.csv", "00441,20210101000000\n");
+    std::string const untilOpened =
+        "timeout 20 sh -c 'until ls -l /proc/$0/fd | grep -q /in$; do :; done 2>/dev/null' $run; ";
+    Result const waiting = shell(folder,
+                                 "ENRICH --no-header --number 1 --time 2 --output result a.csv in & run=$!; " +
+                                     untilOpened + "kill $run; wait $run",
+                                 "nphost.toml");
+    EXPECT_EQ(waiting.status, 128 + SIGTERM) << waiting.err;
+    Result const late =
+        shell(folder,
+              "ENRICH --no-header --number 1 --time 2 --keep in & run=$!; " + untilOpened + "cat a.csv >in; wait $run",
+              "nphost.toml");
+    EXPECT_EQ(late.out, "00441,20210101000000,A\n") << late.err;
+    expectFiles({"status", "in", "out", "err", "a.csv"});
+}
+
+TEST(InterruptionDeathTest, ASecondSignalOfAnyKindEndsAtOnce) {
+    for (int const second : {SIGTERM, SIGHUP}) {
+        auto const signalTwice = [second] {
+            std::atomic<bool> stop{false};
+            nphost::Interruption const interruption(stop);
+            std::raise(SIGTERM);
+            if (!stop)
+                _exit(1);
+            std::raise(second);
+            _exit(2);
+        };
+        EXPECT_EXIT(signalTwice(), testing::KilledBySignal(second), "");
+    }
 }
 
 TEST_F(EnrichTest, SummaryCounts) {

@@ -11,12 +11,15 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <random>
 #include <set>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -76,6 +79,12 @@ int statusOf(pid_t process) {
     int status = 0;
     waitpid(process, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+bool hasEnded(pid_t process) {
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT);
+    return info.si_pid == process;
 }
 
 Result run(Arguments const& arguments, std::string const& input = {}) {
@@ -360,6 +369,85 @@ TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
     EXPECT_EQ(statusOf(process), 0);
 }
 
+bool isAsleep(pid_t process) {
+    return contains(contentOf("/proc/" + std::to_string(process) + "/status"), "State:\tS");
+}
+
+std::string readAll(int descriptor) {
+    std::string all;
+    std::array<char, 5000> piece{};
+    for (ssize_t length = 1; length > 0; all.append(piece.data(), static_cast<std::size_t>(length)))
+        length = std::max<ssize_t>(0, read(descriptor, piece.data(), piece.size()));
+    return all;
+}
+
+// Whoever started the program may have made its pipes non-blocking. Nothing is written before it waits, and nothing read
+// before its output is full.
+TEST(HostPipeTest, NonBlockingPipesAreWaitedFor) {
+    std::string data;
+    std::string questions;
+    std::string records;
+    for (int i = 0; i < 3000; ++i) {
+        std::string const number = "00" + std::to_string(100000000 + i);
+        data += number + "  20200101000000  A\n";
+        questions += number + "\t20240615120000\n";
+        records += number + ",20240615120000,A\n";
+    }
+    Site const site(data);
+    auto* const before = std::signal(SIGPIPE, SIG_IGN); // a program that ends early is an error of this test
+    for (auto const& [arguments, input] :
+         {std::pair(Arguments{"lookup", "--config", site.configuration, "-"}, questions),
+          std::pair(Arguments{"enrich", "--config", site.configuration, "--no-header", "--number", "1", "--time", "2"},
+                    records),
+          std::pair(Arguments{"import", "--no-header", "--map", "number=1,valid-from=2,network=3", "-"}, records),
+          std::pair(Arguments{"print", "--no-heading", "--config", site.configuration}, std::string())}) {
+        Pipe in;
+        Pipe out;
+        Pipe err;
+        for (int const end : {in.ends[0], out.ends[1], err.ends[1]})
+            fcntl(end, F_SETFL, O_NONBLOCK);
+        pid_t const process = start(arguments, in.ends[0], out.ends[1], err.ends[1]);
+        in.closeEnd(0);
+        err.closeEnd(1);
+        while (!input.empty() && !hasEnded(process) && !isAsleep(process)) {
+        }
+        std::thread asker([&in, &text = input] {
+            EXPECT_EQ(write(in.ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+            in.closeEnd(1);
+        });
+        pollfd room = {out.ends[1], POLLOUT, 0};
+        while (!hasEnded(process) && poll(&room, 1, 0) == 1) {
+        }
+        out.closeEnd(1);
+        EXPECT_EQ(lineCount(readAll(out.ends[0])), 3000) << arguments[0];
+        asker.join();
+        EXPECT_EQ(statusOf(process), 0) << arguments[0] << readAll(err.ends[0]);
+    }
+    std::signal(SIGPIPE, before);
+}
+
+TEST(HostPipeTest, AClosedStandardOutputEndsEveryCommandAlike) {
+    TemporaryFolder const folder;
+    std::string lines;
+    for (int i = 0; i < 20000; ++i)
+        lines += "00" + std::to_string(100000000 + i) + "  20200101000000  A\n";
+    Site const site(lines);
+    std::string const none = folder.write("none.dat", "");
+    int const in = open(site.data.c_str(), O_RDONLY | O_CLOEXEC);
+    for (Arguments arguments :
+         {Arguments{"lookup", "-"}, Arguments{"print"}, Arguments{"diff", "--list", "gained", none, site.data},
+          Arguments{"check", site.data}}) {
+        arguments.insert(arguments.begin() + 1, {"--config", site.configuration});
+        Pipe out;
+        out.closeEnd(0);
+        auto* const before = std::signal(SIGPIPE, SIG_IGN); // what the program inherits
+        lseek(in, 0, SEEK_SET);
+        EXPECT_EQ(statusOf(start(arguments, in, out.ends[1], STDERR_FILENO)), -SIGPIPE) << arguments[0];
+        std::signal(SIGPIPE, before);
+    }
+    close(in);
+}
+
 TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
     std::string data = "00441  20200101000000  A\n";
     Site const few(data + "forged\x1b[31m\n2026-01-01T00:00:00Z\n");
@@ -475,6 +563,31 @@ TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
         expectOneLine(run({"print", "--output", test.output, "--config", setup.configuration}), test.reason,
                       test.output);
     EXPECT_EQ(contentOf(setup.data), before);
+}
+
+TEST(HostPrintTest, ASignalLeavesNoFile) {
+    std::string data;
+    for (int i = 0; i < 100000; ++i)
+        data += "00" + std::to_string(100000000 + i) + "  20200101000000  A\n";
+    Site const site(data);
+    auto const files = [&site] {
+        std::filesystem::directory_iterator const all(site.folder.path());
+        return std::distance(begin(all), end(all));
+    };
+    Arguments const arguments = {"print", "--output", site.folder.file("listing"), "--config", site.configuration};
+    for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
+        int status = 0;
+        for (int tries = 0; status == 0 && tries < 50; ++tries) { // it may have ended before the signal
+            std::filesystem::remove(site.folder.file("listing"));
+            pid_t const process = start(arguments, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO);
+            while (files() == 2 && !hasEnded(process)) {
+            }
+            kill(process, signal);
+            status = statusOf(process);
+        }
+        EXPECT_EQ(status, -signal);
+        EXPECT_EQ(files(), 2) << "data and configuration";
+    }
 }
 
 TEST(HostPrintTest, FullDeviceIsAnErrorForEveryCommand) {
