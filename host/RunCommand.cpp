@@ -37,7 +37,7 @@ bool load(Host& host, LoadGuard& guard, bool force) {
 
 // Lines of the log would break the data or the configuration.
 std::filesystem::path checkedLogFile(RunOptions const& options, Configuration const& configuration) {
-    std::filesystem::path const file = options.logFile.empty() ? configuration.logFile : options.logFile;
+    std::filesystem::path file = options.logFile.empty() ? configuration.logFile : options.logFile;
     char const* const kept = KeptFiles{configuration.dataFile(), options.common.configuration}.nameOf(file);
     if (!file.empty() && kept != nullptr)
         throw HostError("the log file " + visible(file.native()) + " is " + kept);
