@@ -6,7 +6,10 @@
 // separator, or a quotation mark that is never closed makes that line, and no further one, a record with
 // BROKEN_QUOTES. Without quoting a quotation mark is a byte like others. An empty line is a record without values.
 // Units: columns count from 0.
+// Ownership, threads: as RecordReader's; values that were in quotation marks lie in the reader.
+// Errors: std::bad_alloc; what is wrong with a record is its problem, and no error.
 // Complexity: a record without quotation marks is split where it lies; others go through the library libcsv.
+// Source: RFC 4180.
 #pragma once
 
 #include "host/Record.h"

@@ -5,8 +5,8 @@ namespace nphost {
 
 enum ExitStatus : int {
     FINE = 0, // everything found, the file is clean, or every record could be used ('enrich')
-    NOT_FOUND =
-        1,       // not found, a bad question, rejected lines or records, files that differ, a 'ctl' command that failed
+    // Not found, a bad question, rejected lines or records, files that differ, a 'ctl' command that failed.
+    NOT_FOUND = 1,
     FAILED = 2,  // usage, configuration or file errors; standard error has one line that says why
     REFUSED = 3, // the data file crosses a limit of the guard: 'run' does not start, 'check --guard' says so
 };

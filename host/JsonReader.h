@@ -5,6 +5,8 @@
 // BROKEN_JSON; one that lacks a wanted member, or has it twice, one with MISSING_MEMBER; one that has a member of a
 // forbidden name already, one with NAME_TAKEN. An empty line, or one of blanks, is a record without values.
 // Units: integers beyond 64 bits count as broken.
+// Ownership, threads: as RecordReader's; the values lie in the text or in the reader.
+// Errors: std::bad_alloc; what is wrong with a record is its problem, and no error.
 // Complexity: linear in the line, which is parsed once by the library simdjson.
 // Source: RFC 8259 (JSON).
 #pragma once
