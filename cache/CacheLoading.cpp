@@ -10,29 +10,32 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace DAT::NumberPortability {
 
 namespace {
 
-void summarise(NumberPortabilityTree const& tree, DataSummary& summary) {
+template <class Between>
+void summarise(NumberPortabilityTree const& tree, DataSummary& summary, Between&& between) {
     constexpr std::size_t inPlace = 7;    // a longer network of one among several records has a text of its own
     constexpr std::size_t heapBytes = 32; // that the allocator adds at the most
     summary.treeBytes = tree.bytes();
     std::unordered_map<std::string, unsigned long> networks;
-    tree.visit([&](BAS::String const&, NumberPortabilityList const& history) {
-        ++summary.numbers;
+    tree.visit([&](BAS::String const&, NumberPortabilityTree::History const& history) {
+        between();
+        bool isFirst = ++summary.numbers == 1;
         std::uint32_t const length = history.length();
-        for (std::uint32_t i = 0; i < length; ++i) {
-            std::string const network = history.record(i).networkIdM.c_str();
+        history.each([&](NumberPortabilityData const& record) {
+            std::string const network = record.networkIdM.c_str();
             summary.treeBytes += length > 1 && network.size() > inPlace ? network.size() + heapBytes : 0;
             ++networks[network];
-        }
-        BAS::DateTime const newest = history.record(0).validFromM;
-        BAS::DateTime const oldest = history.record(length - 1).validFromM;
-        if (summary.numbers == 1 || newest > summary.latest)
-            summary.latest = newest;
-        summary.earliest = std::min(summary.earliest, oldest); // an invalid instant is later than every valid one
+            if (std::exchange(isFirst, false) || record.validFromM > summary.latest)
+                summary.latest = record.validFromM;
+            // An invalid instant is later than every valid one.
+            summary.earliest = std::min(summary.earliest, record.validFromM);
+            return true;
+        });
     });
     for (auto const& [network, records] : networks)
         summary.networks.emplace_back(BAS::String(network), records);
@@ -56,6 +59,7 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
         if (!read)
             return ReadEnd::ERROR;
         progressM.addLine(line.length() + 1);
+        goOn();
         take(line);
     }
     return ReadEnd::END_BEFORE_READ;
@@ -64,28 +68,62 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
 // What the latest load read and rejected is nothing yet, also when its file check fails.
 void CacheManager::beginLoad() {
     progressM.start(0);
-    rejectedM = 0;
+    countsM = {};
+}
+
+template <class Load>
+bool CacheManager::unlessStopped(BAS::String const& fileName, Load&& load) {
+    try {
+        goOn();
+        return load();
+    } catch (LoadStopped const&) {
+        report("ERR_LOADS_STOPPED", BAS::Status::MAJOR, fileName);
+        return false;
+    }
+}
+
+template <class Load>
+bool CacheManager::usingStandby(Load&& load) {
+    try {
+        return load();
+    } catch (...) {
+        abandonStandby();
+        throw;
+    }
 }
 
 bool CacheManager::load() {
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
-        return false;
+    return standbyTreeM != nullptr && unlessStopped(dataFileNameM, [this] {
+               return OwnerServices::checkFile(*plugInM) && usingStandby([this] { return firstLoad(); });
+           });
+}
+
+// Neither tree that is being filled is the active one, which other threads may read from the beginning.
+bool CacheManager::firstLoad() {
     reopen(dataFileIoM, dataFileNameM);
     if (!isExpected(dataFileIoM))
         return false;
+    STR::FileVersion const version = dataFileIoM.version();
     standbyCompleteM = false;
-    TreeFilling filling(*this, dataFileIoM, active(), standbyTreeM.get());
+    standbyTreeM->clearAndDestroy();
+    auto loaded = std::make_unique<NumberPortabilityTree>();
+    TreeFilling filling(*this, dataFileIoM, *loaded, standbyTreeM.get());
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
     filling.finish();
-    rejectedM = filling.rejected();
-    active().prepare();
-    standbyCompleteM = true;
-    markLive();
-    bool const unchanged = end == ReadEnd::ERROR || isExpected(dataFileIoM);
-    mainFileLoadedM = end != ReadEnd::ERROR && unchanged;
-    if (!unchanged)
+    noteCounts(filling.counts(), dataFileIoM);
+    if (end != ReadEnd::ERROR && !isExpected(dataFileIoM)) {
+        restoreStandby();
         return false;
+    }
+    putLive(loaded);
+    noteMainFile(true, version);
+    standbyCompleteM = true;
+    mainFileLoadedM = end != ReadEnd::ERROR;
+    return endLoad(end);
+}
+
+bool CacheManager::endLoad(ReadEnd end) {
     switch (end) {
     case ReadEnd::ERROR:
         return readError(dataFileIoM);
@@ -103,20 +141,16 @@ bool CacheManager::load() {
 
 bool CacheManager::cacheReload(bool const& reuseOnFailure) {
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM))
-        return false;
-    try {
-        return reload(reuseOnFailure);
-    } catch (...) {
-        abandonStandby();
-        throw;
-    }
+    return standbyTreeM != nullptr && unlessStopped(dataFileNameM, [&] {
+               return OwnerServices::checkFile(*plugInM) && usingStandby([&] { return reload(reuseOnFailure); });
+           });
 }
 
 bool CacheManager::reload(bool reuseOnFailure) {
     reopen(dataFileIoM, dataFileNameM);
     if (!isExpected(dataFileIoM))
         return false;
+    STR::FileVersion const version = dataFileIoM.version();
     standbyCompleteM = false;
     standbyTreeM->clearAndDestroy();
 
@@ -129,8 +163,9 @@ bool CacheManager::reload(bool reuseOnFailure) {
         return end == ReadEnd::ERROR && readError(dataFileIoM);
     }
 
-    exchangeTrees();
+    putLive(standbyTreeM);
     mainFileLoadedM = true;
+    noteMainFile(true, version);
     standbyTreeM->clearAndDestroy();
     refillStandby(lines, dataFileIoM);
 
@@ -142,18 +177,16 @@ bool CacheManager::reload(bool reuseOnFailure) {
 
 bool CacheManager::cacheDeltaLoad(BAS::String const& fileName) {
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
-        return false;
-    if (!mainFileLoadedM) { // the rewritten main file would lack what was never read from it
+    return standbyTreeM != nullptr && unlessStopped(fileName, [&] {
+               return OwnerServices::checkFile(*plugInM, fileName) && isMainFileLoaded() &&
+                      usingStandby([&] { return deltaLoad(fileName); });
+           });
+}
+
+bool CacheManager::isMainFileLoaded() {
+    if (!mainFileLoadedM) // the rewritten main file would lack what was never read from it
         report("ERR_MAIN_DATA_NOT_LOADED", BAS::Status::CRITICAL, dataFileNameM);
-        return false;
-    }
-    try {
-        return deltaLoad(fileName);
-    } catch (...) {
-        abandonStandby();
-        throw;
-    }
+    return mainFileLoadedM;
 }
 
 bool CacheManager::deltaLoad(BAS::String const& fileName) {
@@ -172,7 +205,7 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
         return end == ReadEnd::ERROR && readError(deltaFileIoM);
     }
 
-    exchangeTrees();
+    putLive(standbyTreeM);
     std::exception_ptr failure;
     try {
         refillStandby(lines, deltaFileIoM);
@@ -191,15 +224,22 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
 }
 
 bool CacheManager::examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
-                           GoOn const& goOn) {
-    constexpr std::uint64_t linesBetween = 4096;
-    struct Ended {};
+                           GoOn const& mayGoOn) {
     summary = DataSummary();
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
-        return false;
+    return standbyTreeM != nullptr && unlessStopped(fileName, [&] {
+               return OwnerServices::checkFile(*plugInM, fileName) && examineFile(fileName, summary, onReject, mayGoOn);
+           });
+}
+
+bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
+                               GoOn const& mayGoOn) {
+    constexpr std::uint64_t linesBetween = 4096;
+    struct Ended {};
     STR::FileIoTurbo reader;
     reopen(reader, fileName);
+    if (!isExpected(reader))
+        return false;
     summary.version = reader.version();
     NumberPortabilityTree tree;
     TreeFilling filling(*this, reader, tree, nullptr,
@@ -212,19 +252,25 @@ bool CacheManager::examine(BAS::String const& fileName, DataSummary& summary, Re
         end = readLines(reader, [&](std::string_view line) {
             summary.longestLine = std::max<std::uint64_t>(summary.longestLine, line.size());
             filling.add(line);
-            if (goOn && progressM.lines() % linesBetween == 0 && !goOn(tree.bytes()))
+            if (!mayGoOn || progressM.lines() % linesBetween != 0)
+                return;
+            summary.lines = progressM.lines();
+            summary.records = filling.accepted();
+            if (!mayGoOn(tree.bytes()))
                 throw Ended();
         });
-        filling.finish();
         summary.readToEnd = end != ReadEnd::ERROR;
     } catch (Ended const&) { // what was read so far is told
     }
+    filling.finish(); // so that the counts belong together
     summary.changed = summary.version != reader.version();
     summary.lastLineComplete = reader.lastLineComplete();
     summary.lines = progressM.lines();
     summary.lineBytes = progressM.bytes();
     summary.records = tree.entries();
-    summarise(tree, summary);
+    summary.withoutDigits = filling.counts().withoutDigits;
+    summary.firstWithoutDigits = filling.counts().firstWithoutDigits;
+    summarise(tree, summary, [this] { goOn(); });
     if (end == ReadEnd::ERROR)
         return readError(reader);
     return closeReader(reader);
@@ -252,8 +298,12 @@ bool CacheManager::isExpected(STR::FileIoTurbo const& reader) {
 
 bool CacheManager::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
     beginLoad();
-    if (standbyTreeM == nullptr || !OwnerServices::checkFile(*plugInM, fileName))
-        return false;
+    return standbyTreeM != nullptr && unlessStopped(fileName, [&] {
+               return OwnerServices::checkFile(*plugInM, fileName) && visitLines(fileName, visit);
+           });
+}
+
+bool CacheManager::visitLines(BAS::String const& fileName, LineVisitor const& visit) {
     STR::FileIoTurbo reader;
     reopen(reader, fileName);
     ParsedLine parsed;
@@ -271,6 +321,14 @@ bool CacheManager::visitFile(BAS::String const& fileName, LineVisitor const& vis
     return end != ReadEnd::ERROR || readError(reader);
 }
 
+void CacheManager::noteCounts(LineCounts const& counts, STR::FileIoTurbo const& reader) {
+    countsM = counts;
+    if (counts.withoutDigits > 0)
+        OwnerServices::report(*plugInM, "ERR_NUMBERS_WITHOUT_DIGITS", BAS::Status::WARNING,
+                              {BAS::String::convert(counts.withoutDigits),
+                               BAS::String::convert(counts.firstWithoutDigits), reader.fileName()});
+}
+
 // Reads into the standby tree and keeps the lines.
 CacheManager::ReadEnd CacheManager::fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted) {
     TreeFilling filling(*this, reader, *standbyTreeM);
@@ -279,15 +337,9 @@ CacheManager::ReadEnd CacheManager::fillStandby(LineStore& lines, STR::FileIoTur
         lines.append(line);
     });
     filling.finish();
-    rejectedM = filling.rejected();
+    noteCounts(filling.counts(), reader);
     lastAccepted = filling.lastAccepted();
     return end;
-}
-
-void CacheManager::markLive() {
-    BAS::DateTime const now = BAS::DateTime::now();
-    RWReadersWriterLock::WriteGuard const guard(treeLockM);
-    liveSinceM = now;
 }
 
 void CacheManager::reopen(STR::FileIoTurbo& reader, BAS::String const& fileName) {
@@ -301,29 +353,37 @@ bool CacheManager::readError(STR::FileIoTurbo const& reader) {
     return false;
 }
 
-void CacheManager::exchangeTrees() {
-    standbyTreeM->prepare();
+// Exchanges the tree and the active one.
+void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
+    tree->prepare();
+    goOn();
     BAS::DateTime const now = BAS::DateTime::now();
-    RWReadersWriterLock::WriteGuard const guard(treeLockM);
-    activeTreeM.swap(standbyTreeM);
+    if (!treeLockM.acquireWriteUnless(loadsStoppedM)) // a print may last
+        throw LoadStopped();
+    activeTreeM.swap(tree);
     liveSinceM = now;
+    treeLockM.releaseWrite();
 }
 
 // Feeds the former active tree the lines that the now active one was given, and drops them.
 void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
-    TreeFilling filling(*this, reader, *standbyTreeM);
-    lines.consume([&](std::string_view line, unsigned long) { filling.add(line); });
-    filling.finish();
-    standbyCompleteM = true;
+    try {
+        TreeFilling filling(*this, reader, *standbyTreeM);
+        lines.consume([&](std::string_view line, unsigned long) { filling.add(line); });
+        filling.finish();
+        standbyCompleteM = true;
+    } catch (LoadStopped const&) { // the new data are live; no load comes that would use the standby tree
+        standbyTreeM->clearAndDestroy();
+    }
 }
 
 void CacheManager::restoreStandby() {
-    standbyTreeM->copyFrom(active());
+    standbyTreeM->copyFrom(active(), [this] { goOn(); });
     standbyCompleteM = true;
 }
 
-// After a load that ran out of memory: frees what the standby tree holds and tries to restore it. If even that fails,
-// the next delta load tries again before it uses the tree.
+// After a load that ran out of memory or was stopped: frees what the standby tree holds and tries to restore it. If even
+// that fails, the next delta load tries again before it uses the tree; after a stop there is none.
 void CacheManager::abandonStandby() noexcept {
     if (standbyCompleteM)
         return;
@@ -339,10 +399,28 @@ void CacheManager::abandonStandby() noexcept {
 
 // Whether this succeeds does not decide the delta load; a failure is told to the framework's log by the writer.
 void CacheManager::rewriteMainFile() {
-    STR::FileIo file(dataFileNameM, std::ios_base::out);
-    NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
-    merged.printTree(file.stream(), false);
-    file.closeFile();
+    BAS::String inPlaceReason;
+    try {
+        STR::FileIo file(dataFileNameM, std::ios_base::out, STR::FileIo::IF_NEEDED);
+        NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
+        merged.printTree(file.stream(), false);
+        noteMainFile(file.closeFile(), file.version());
+        inPlaceReason = file.inPlaceReason();
+    } catch (...) {
+        noteMainFile(false, {});
+        throw;
+    }
+    if (!inPlaceReason.empty())
+        OwnerServices::report(*plugInM, "INF_FILE_WRITTEN_IN_PLACE", BAS::Status::WARNING,
+                              BAS::Status::Arguments{dataFileNameM, inPlaceReason});
+}
+
+// Without a version the file is as it was before.
+void CacheManager::noteMainFile(bool saved, STR::FileVersion const& version) {
+    BAS::MutexGuard const guard(mainFileLockM);
+    unsavedM = !saved;
+    if (version != STR::FileVersion())
+        mainFileM = version;
 }
 
 bool CacheManager::closeReader(STR::FileIoTurbo& reader) {

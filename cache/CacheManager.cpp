@@ -51,16 +51,19 @@ void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::D
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     std::vector<StoredPrefix> prefixes;
-    otherReadsM.fetch_add(1, std::memory_order_relaxed);
+    BAS::MutexGuard const one(otherReadsLockM);
+    ++otherReadsM;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return prefixes;
-    activeTreeM->visitPrefixes(number, [&](BAS::String const& key, NumberPortabilityList const& history) {
+    activeTreeM->visitPrefixes(number, [&](BAS::String const& key, NumberPortabilityTree::History const& history) {
         StoredPrefix& prefix = prefixes.emplace_back();
         prefix.key = key;
-        std::uint32_t const length = history.length();
-        for (std::uint32_t i = 0; i < length; ++i)
-            prefix.history.push_back(history.record(i));
+        prefix.history.reserve(history.length());
+        history.each([&](NumberPortabilityData const& record) {
+            prefix.history.push_back(record);
+            return true;
+        });
     });
     return prefixes;
 }
@@ -74,7 +77,13 @@ BAS::DateTime CacheManager::visitUpcoming(BAS::DateTime after, RecordVisitor con
 
 void CacheManager::describe(ServiceStatus& status) {
     status.dataFileName = dataFileNameM;
-    status.lookUps = treeLockM.shortReads() - otherReadsM.fetch_add(1, std::memory_order_relaxed);
+    {
+        BAS::MutexGuard const guard(mainFileLockM);
+        status.dataFileVersion = mainFileM;
+        status.unsaved = unsavedM;
+    }
+    BAS::MutexGuard const one(otherReadsLockM);
+    status.lookUps = treeLockM.shortReads() - otherReadsM++;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return;
@@ -85,8 +94,18 @@ void CacheManager::describe(ServiceStatus& status) {
 }
 
 std::uint32_t CacheManager::numOfEntries() {
-    RWReadersWriterLock::WriteGuard const guard(treeLockM);
-    return activeTreeM == nullptr ? 0 : activeTreeM->entries();
+    auto const entries = [this]() NP_REQUIRES_SHARED(treeLockM) {
+        return activeTreeM == nullptr ? 0 : activeTreeM->entries();
+    };
+    if (treeLockM.acquireWriteUnless(loadsStoppedM)) {
+        std::uint32_t const count = entries();
+        treeLockM.releaseWrite();
+        return count;
+    }
+    BAS::MutexGuard const one(otherReadsLockM);
+    ++otherReadsM;
+    RWReadersWriterLock::ReadGuard const guard(treeLockM);
+    return entries();
 }
 
 void CacheManager::print(std::ostream& out, bool header) {

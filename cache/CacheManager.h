@@ -2,7 +2,8 @@
 //
 // Purpose: owns two trees that hold the same records between operations. Look-ups, counts and prints read the active
 // one. A reload or a delta load fills the standby one, exchanges the two, and brings the other to the same state by
-// parsing the same lines again; after a delta load the merged data replace the main data file.
+// parsing the same lines again; after a delta load the merged data replace the main data file, or its content where it
+// cannot be replaced.
 //
 // Ownership: owns both trees (always two distinct objects), the readers and the lock. The plug-in and the four dialling
 // codes are borrowed: the plug-in owns the cache manager and outlives it, the codes never change after construction.
@@ -10,7 +11,9 @@
 // Threads:
 // - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread that runs one
 //   of them touches the standby tree, the readers and the line parser.
-// - search, numOfEntries, print, printData and visitUpcoming: any thread, at any time after load, also during a reload.
+// - search, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the first
+//   load has ended they find nothing.
+// - stopLoads: any thread, at any time, and signal handlers.
 // - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
 //   and the count as writers; RWReadersWriterLock.h says how long each can wait. No report is made and no tree is
 //   filled or freed under it.
@@ -20,11 +23,16 @@
 // then still serves what it served, or the new data if the exchange was done, and the standby tree is repaired before
 // it is used again.
 //
+// After stopLoads a load ends within some thousand lines or records with "ERR_LOADS_STOPPED" (severity 4, the file) and
+// false, and changes nothing that is live; later ones end so at once. Only what is live already goes on: a delta load
+// finishes the main file, and either kind leaves the standby tree empty and ends with success.
+//
 // Complexity: loads are linear in the file and hold every record twice and, for the time of a reload, every line once.
 #pragma once
 
 #include "cache/DataSummary.h"
 #include "cache/LoadProgress.h"
+#include "cache/RecordBatch.h"
 #include "cache/ServiceStatus.h"
 #include "framework/BAS/Status.h"
 #include "framework/RW/RWReadersWriterLock.h"
@@ -60,8 +68,8 @@ class CacheManager {
     CacheManager& operator=(CacheManager const&) = delete;
     virtual ~CacheManager();
 
-    // First load of the main data file, into both trees, before look-ups begin. False when the file check fails or a
-    // read error ends the file early ("ERR_FILE_READ_ERR"); what was read then stays.
+    // First load of the main data file, into both trees. Look-ups find nothing until it ends. False when the file check
+    // fails or a read error ends the file early ("ERR_FILE_READ_ERR"); what was read then is served.
     bool load();
 
     // Full reload of the main data file. False, with the old data still active, when the file check fails, when a
@@ -73,12 +81,15 @@ class CacheManager {
     // Adds the named file's records and replaces the main data file by the merged data. False when the file check
     // fails or a read error ends the file early (nothing is then adopted or written), when the main file has never been
     // read to its end ("ERR_MAIN_DATA_NOT_LOADED": rewriting would lose what is in it), and when the main reader does
-    // not close.
+    // not close. That the main file could not be written is told to the framework's log and by describe, and not by the
+    // result; that it had to be overwritten in place is reported ("INF_FILE_WRITTEN_IN_PLACE").
     bool cacheDeltaLoad(BAS::String const& fileName);
 
     // Reads a data file as a load would, into a tree of its own that nobody searches. False when the file check fails or
-    // a read error ends the file early; the summary then covers what was read. `goOn` may be empty.
-    bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject, GoOn const& goOn);
+    // a read error ends the file early; the summary then covers what was read, and after a stop it means nothing.
+    // `mayGoOn` may be empty; when it ends the examination, the summary covers what was read, too.
+    bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
+                 GoOn const& mayGoOn);
 
     // From here on a load of the named file (as the load names it) takes place only while the file is of this version,
     // from its opening to its last line; otherwise it fails with "ERR_FILE_CHANGED" and the live data stay. One file
@@ -90,10 +101,16 @@ class CacheManager {
     // file check fails or a read error ends the file early. What `visit` throws travels.
     bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
 
+    // Ends the load under way and refuses every later one, examine and visitFile included; waits for nothing.
+    void stopLoads() noexcept { loadsStoppedM.store(true, std::memory_order_relaxed); }
+
     // Parses one line into `tree` and reports what is wrong with it under the reader's file name. False when the line
     // was rejected for its form; true when it was inserted, and also when it was a duplicate.
     bool insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
                      STR::FileIoTurbo& reader);
+
+    // How many lines a load gathers before it inserts them, RecordBatch::mostLinesCM at first. Before a load.
+    void gatherLines(std::uint32_t most) { linesGatheredM = most; }
 
     // Rewrites a number into stored form: international access code, country code, national number. The first rule
     // that applies decides: an empty number becomes international access code and country code; the international
@@ -111,7 +128,7 @@ class CacheManager {
     void search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
 
-    // Records in the active tree.
+    // Records in the active tree. Waits for the prints of that moment, but not after stopLoads.
     std::uint32_t numOfEntries();
 
     // Prints the active tree with the heading to the console (empty target) or to the named file. Always true; a file
@@ -132,9 +149,12 @@ class CacheManager {
     // tree lock like a look-up.
     void describe(ServiceStatus& status);
 
-    // Lines read by the latest load, and how many of them were rejected (each once). For the loading thread.
+    // Forgets what the latest load read and rejected. For the loading thread.
+    void beginLoad();
+
+    // Lines read by the latest load, and what they were. For the loading thread.
     std::uint64_t linesRead() const { return progressM.lines(); }
-    std::uint64_t linesRejected() const { return rejectedM; }
+    LineCounts const& lineCounts() const { return countsM; }
 
     LoadProgress const& progress() const { return progressM; }
 
@@ -148,6 +168,7 @@ class CacheManager {
         std::string number;                    // in stored form
         PBC::Digits key;                       // its first digits
         bool isLong = false;                   // it has more than those
+        bool hasDigit = false;                 // the number as it is written has one
         NumberPortabilityData record;
     };
 
@@ -161,22 +182,43 @@ class CacheManager {
     // INSERTED when the line is a record; nothing is inserted.
     LineOutcome parse(std::string_view line, ParsedLine& parsed) const;
     void storedForm(std::string_view number, std::string& stored) const;
+    unsigned long expectedFields(std::size_t found) const;
     // Reports what is wrong with a line, as parse or a tree has found it.
     void reportLine(LineOutcome outcome, std::string_view line, unsigned long number, STR::FileIoTurbo const& reader);
 
+    struct LoadStopped {};
+
+    // Runs a load, with the report that is due when it was stopped.
+    template <class Load>
+    bool unlessStopped(BAS::String const& fileName, Load&& load);
+    // Where a load may end; throws LoadStopped.
+    void goOn() const {
+        if (loadsStoppedM.load(std::memory_order_relaxed)) [[unlikely]]
+            throw LoadStopped();
+    }
+    // Runs what fills the standby tree, which it leaves as the active one or marked as incomplete.
+    template <class Load>
+    bool usingStandby(Load&& load);
+
+    bool firstLoad();
+    bool endLoad(ReadEnd end);
+    void noteCounts(LineCounts const& counts, STR::FileIoTurbo const& reader);
     ReadEnd fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted);
-    void beginLoad();
     bool reload(bool reuseOnFailure);
     bool deltaLoad(BAS::String const& fileName);
     void reopen(STR::FileIoTurbo& reader, BAS::String const& fileName);
     bool readError(STR::FileIoTurbo const& reader);
+    bool isMainFileLoaded();
     bool isExpected(STR::FileIoTurbo const& reader);
-    void exchangeTrees();
-    void markLive();
+    bool examineFile(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
+                     GoOn const& mayGoOn);
+    bool visitLines(BAS::String const& fileName, LineVisitor const& visit);
+    void putLive(std::unique_ptr<NumberPortabilityTree>& tree);
     void refillStandby(LineStore& lines, STR::FileIoTurbo& reader);
     void restoreStandby();
     void abandonStandby() noexcept;
     void rewriteMainFile();
+    void noteMainFile(bool saved, STR::FileVersion const& version);
     bool closeReader(STR::FileIoTurbo& reader);
     void report(char const* identifier, BAS::Status::Severity severity, BAS::String const& argument);
 
@@ -197,11 +239,18 @@ class CacheManager {
     PlugIn* plugInM;
 
     bool standbyCompleteM = true; // the loading thread's: the standby tree holds the active tree's records
-    std::uint64_t rejectedM = 0;  // the loading thread's: lines rejected by the first parse of the latest load
+    std::uint32_t linesGatheredM = RecordBatch::mostLinesCM;
+    LineCounts countsM; // the loading thread's: of the first parse of the latest load's lines
     BAS::DateTime liveSinceM NP_GUARDED_BY(treeLockM);
     bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
+    BAS::Mutex mainFileLockM;
+    STR::FileVersion mainFileM NP_GUARDED_BY(mainFileLockM); // as it was loaded or last written
+    bool unsavedM NP_GUARDED_BY(mainFileLockM) = false;      // records are served that are not in it
     LoadProgress progressM;
-    std::atomic<std::uint64_t> otherReadsM{0}; // short reads that were no look-ups
+    std::atomic<bool> loadsStoppedM{false};
+    // Short reads that are no look-ups: one at a time and held for its length, so that every one counted has ended.
+    BAS::Mutex otherReadsLockM;
+    std::uint64_t otherReadsM NP_GUARDED_BY(otherReadsLockM) = 0;
 
     struct Expected {
         BAS::String fileName;

@@ -29,6 +29,16 @@ enum class LineOutcome {
     INVALID_NETWORK_ID, // holds a NUL, which would cut it off
 };
 
+// What a load's lines were, each counted once, however many trees they went into.
+struct LineCounts {
+    std::uint64_t rejected = 0;   // duplicates included
+    std::uint64_t duplicates = 0; // of one another, or of what was there before
+    // Records, duplicates among them, whose number field has no digit: normalising makes the country's own prefix of
+    // such a field, and so they answer for all of the country.
+    std::uint64_t withoutDigits = 0;
+    std::uint64_t firstWithoutDigits = 0; // its line; 0 when there is none
+};
+
 struct DataSummary {
     unsigned long lines = 0;
     unsigned long records = 0;
@@ -38,7 +48,9 @@ struct DataSummary {
     unsigned long rejectedNumbers = 0;
     unsigned long rejectedNetworks = 0;
     unsigned long duplicates = 0;
-    BAS::DateTime earliest; // valid-from of the records; invalid when there is none
+    unsigned long withoutDigits = 0;      // as in LineCounts
+    unsigned long firstWithoutDigits = 0; // as in LineCounts
+    BAS::DateTime earliest;               // valid-from of the records; invalid when there is none
     BAS::DateTime latest;
     std::vector<std::pair<BAS::String, unsigned long>> networks; // records by network, most first, then by name
 
@@ -91,7 +103,8 @@ using LineVisitor = std::function<void(FileLine const& line)>;
 // Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
 using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
 
-// Asked now and then during an examination, with what its tree takes so far: false ends it.
+// Asked now and then during an examination, with what its tree takes so far: false ends it. Meanwhile the summary tells of
+// lines and records so far, duplicates among the records.
 using GoOn = std::function<bool(std::uint64_t treeBytes)>;
 
 } // namespace DAT::NumberPortability

@@ -3,8 +3,8 @@
 // Purpose: records that enter a tree in the order of their numbers find what they need in the processor's caches, and
 // most data files are in no order. So a load gathers some hundred thousand lines, sorts their records by number and
 // inserts those; the lines stay at hand for what is to be reported of them, in their own order.
-// Units and ranges: positions of lines within the batch, from 0. A batch is full at mostLinesCM lines or mostBytesCM
-// bytes; one line more always fits.
+// Units and ranges: positions of lines within the batch, from 0. A batch is full at mostLinesCM lines, or as
+// many as its maker says, or mostBytesCM bytes; one line more always fits.
 // Ownership: owns everything. Views and references stay valid until the next append or clear.
 // Threads: none inside. Errors: std::bad_alloc. Complexity: appending is amortised constant, sorting linear.
 #pragma once
@@ -23,6 +23,8 @@ class RecordBatch {
   public:
     static constexpr std::uint32_t mostLinesCM = 1U << 18;
     static constexpr std::size_t mostBytesCM = 16UL * 1024 * 1024;
+
+    explicit RecordBatch(std::uint32_t mostLines = mostLinesCM) : mostLinesM(mostLines) {}
 
     struct Record {
         PBC::Digits key; // the number's first digits
@@ -43,7 +45,7 @@ class RecordBatch {
     void addFault(LineOutcome outcome) { faultsM.push_back({lines() - 1, outcome}); }
 
     std::uint32_t lines() const { return static_cast<std::uint32_t>(endsM.size()); }
-    bool isFull() const { return lines() >= mostLinesCM || textM.size() >= mostBytesCM; }
+    bool isFull() const { return lines() >= mostLinesM || textM.size() >= mostBytesCM; }
     std::string_view line(std::uint32_t position) const {
         std::size_t const begin = position == 0 ? 0 : endsM[position - 1];
         return {textM.data() + begin, endsM[position] - begin};
@@ -74,6 +76,7 @@ class RecordBatch {
     void sort();
     void sortByByte(unsigned shift);
 
+    std::uint32_t mostLinesM;
     std::vector<char> textM;
     std::vector<std::size_t> endsM; // of the lines in textM
     std::vector<Record> recordsM;

@@ -45,10 +45,11 @@ bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& l
 
 LineOutcome CacheManager::parse(std::string_view line, ParsedLine& parsed) const {
     parsed.found = BAS::String::splitViews(line, parsed.words);
-    if (parsed.found != numberOfColumnsM || parsed.found != parsed.words.size())
+    if (parsed.found != numberOfColumnsM || parsed.found < parsed.words.size())
         return LineOutcome::WRONG_FIELD_COUNT;
     auto const& [number, validFrom, network] = parsed.words; // words have no blanks around them to strip
     storedForm(number, parsed.number);
+    parsed.hasDigit = std::any_of(number.begin(), number.end(), PBC::Digits::isDecimal);
     parsed.record.validFromM = BAS::DateTime(validFrom);
     if (!parsed.record.validFromM.isValid())
         return LineOutcome::INVALID_DATE_TIME;
@@ -64,6 +65,11 @@ LineOutcome CacheManager::parse(std::string_view line, ParsedLine& parsed) const
     return LineOutcome::INSERTED;
 }
 
+// A column count that is too small for a record is not what a line of so many words lacks.
+unsigned long CacheManager::expectedFields(std::size_t found) const {
+    return found == numberOfColumnsM ? std::tuple_size_v<decltype(ParsedLine::words)> : numberOfColumnsM;
+}
+
 void CacheManager::reportLine(LineOutcome outcome, std::string_view line, unsigned long number,
                               STR::FileIoTurbo const& reader) {
     ParsedLine parsed;
@@ -73,8 +79,8 @@ void CacheManager::reportLine(LineOutcome outcome, std::string_view line, unsign
     auto const& [numberWord, validFrom, network] = parsed.words;
     switch (outcome) {
     case LineOutcome::WRONG_FIELD_COUNT:
-        arguments = {BAS::String::convert(parsed.found), BAS::String::convert(numberOfColumnsM), BAS::String(line),
-                     atLine("At Line# ", number, reader)};
+        arguments = {BAS::String::convert(parsed.found), BAS::String::convert(expectedFields(parsed.found)),
+                     BAS::String(line), atLine("At Line# ", number, reader)};
         break;
     case LineOutcome::INVALID_DATE_TIME:
         arguments = {place, BAS::String(validFrom), BAS::String(parsed.number)};

@@ -6,6 +6,8 @@
 // std::bad_alloc. Complexity: linear in the texts and records.
 #pragma once
 
+#include "cache/DataSummary.h"
+#include "framework/STR/FileVersion.h"
 #include "store/NumberPortabilityData.h"
 
 #include <cstdint>
@@ -24,7 +26,7 @@ struct LoadOutcome {
     BAS::DateTime ended;
     double duration = 0;
     std::uint64_t lines = 0;
-    std::uint64_t rejected = 0; // duplicates included, each line once
+    LineCounts counts = {};
 };
 
 struct ServiceStatus {
@@ -39,6 +41,10 @@ struct ServiceStatus {
     BAS::DateTime liveSince;     // when the live data were put to work; invalid before
     LoadOutcome lastLoad;
     std::uint64_t loads = 0; // that have ended, well or not, whoever commanded them
+    // The data file as it was opened for the latest load that was adopted, or as the latest delta load left it; all 0
+    // before. A file of other content (hasContentOf) was put there by somebody else.
+    STR::FileVersion dataFileVersion;
+    bool unsaved = false; // records of a delta load are served that could not be written to the data file
 };
 
 // A stored key that is a prefix of a number, or the number itself, with its history, newest record first.

@@ -8,9 +8,12 @@ void TreeFilling::add(std::string_view line) {
     batchM.appendLine(line);
     LineOutcome const outcome = cacheManagerM.parse(line, parsedM);
     lastAcceptedM = outcome == LineOutcome::INSERTED;
-    if (lastAcceptedM)
+    if (lastAcceptedM) {
+        ++acceptedM;
+        if (!parsedM.hasDigit && countsM.withoutDigits++ == 0)
+            countsM.firstWithoutDigits = linesBeforeM + batchM.lines();
         batchM.addRecord(parsedM.key, parsedM.isLong, parsedM.record);
-    else
+    } else
         batchM.addFault(outcome);
     if (batchM.isFull())
         insertBatch();
@@ -23,7 +26,9 @@ void TreeFilling::finish() {
 void TreeFilling::insertBatch() {
     Faults const first = insertInto(*treesM[0]);
     report(first, treesM[1] == nullptr ? Faults() : insertInto(*treesM[1]));
-    rejectedM += first.size();
+    countsM.rejected += first.size();
+    for (RecordBatch::Fault const& fault : first)
+        countsM.duplicates += fault.outcome == LineOutcome::DUPLICATE ? 1U : 0U;
     linesBeforeM += batchM.lines();
     batchM.clear();
 }
@@ -33,6 +38,7 @@ TreeFilling::Faults TreeFilling::insertInto(NumberPortabilityTree& tree) {
     Faults faults = batchM.faults();
     NumberPortabilityTree::Filler filler(tree);
     batchM.visitSorted([&](RecordBatch::Record const& record) {
+        cacheManagerM.goOn();
         bool inserted = false;
         if (record.isLong) {
             cacheManagerM.parse(batchM.line(record.line), parsedM);
@@ -50,6 +56,7 @@ TreeFilling::Faults TreeFilling::insertInto(NumberPortabilityTree& tree) {
 void TreeFilling::report(Faults const& first, Faults const& second) {
     auto other = second.begin();
     for (RecordBatch::Fault const& fault : first) {
+        cacheManagerM.goOn();
         std::string_view const line = batchM.line(fault.line);
         unsigned long const number = linesBeforeM + fault.line + 1;
         cacheManagerM.reportLine(fault.outcome, line, number, readerM);

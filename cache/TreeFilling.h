@@ -3,7 +3,8 @@
 // Purpose: the one way of every load from lines to trees: gathers lines in a batch, inserts its records in the order of
 // their numbers, and reports what is wrong with lines in the order of the lines, once for every tree.
 // Ownership: borrows the cache manager, the reader (for its name) and the trees. Threads: the loading thread.
-// Errors: std::bad_alloc; lines of the batch under way may then be in one tree and not in another, and unreported.
+// Errors: std::bad_alloc, and what says that loads are stopped; lines of the batch under way may then be in one tree and
+// not in another, and unreported.
 // Complexity: linear in the lines; holds up to a batch of them.
 #pragma once
 
@@ -19,7 +20,8 @@ class TreeFilling {
     // Without a second tree `second` is null. `onReject` may be empty; it is told of every line that is not stored.
     TreeFilling(CacheManager& cacheManager, STR::FileIoTurbo const& reader, NumberPortabilityTree& first,
                 NumberPortabilityTree* second = nullptr, RejectObserver onReject = {})
-        : cacheManagerM(cacheManager), readerM(reader), treesM{&first, second}, onRejectM(std::move(onReject)) {}
+        : cacheManagerM(cacheManager), readerM(reader), treesM{&first, second}, onRejectM(std::move(onReject)),
+          batchM(cacheManager.linesGatheredM) {}
     TreeFilling(TreeFilling const&) = delete;
     TreeFilling& operator=(TreeFilling const&) = delete;
 
@@ -27,10 +29,11 @@ class TreeFilling {
     // To be called after the last line.
     void finish();
 
-    // Complete after finish: lines that were not stored, duplicates included, each once; and whether the last line was
-    // a record or a duplicate (false without lines).
-    std::uint64_t rejected() const { return rejectedM; }
+    // Complete after finish; and whether the last line was a record or a duplicate (false without lines).
+    LineCounts const& counts() const { return countsM; }
     bool lastAccepted() const { return lastAcceptedM; }
+    // Lines so far that are records or duplicates.
+    std::uint64_t accepted() const { return acceptedM; }
 
   private:
     using Faults = std::vector<RecordBatch::Fault>;
@@ -46,7 +49,8 @@ class TreeFilling {
     RecordBatch batchM;
     CacheManager::ParsedLine parsedM;
     unsigned long linesBeforeM = 0; // the batch
-    std::uint64_t rejectedM = 0;
+    LineCounts countsM;
+    std::uint64_t acceptedM = 0;
     bool lastAcceptedM = false;
 };
 

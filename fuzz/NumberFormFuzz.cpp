@@ -32,7 +32,7 @@ void normalise(DiallingCodes const& codes, BAS::String& number) {
 
 std::optional<std::string> storedForm(NumberForm const& form, std::string const& text) {
     BAS::String stored;
-    return form.toStored(text, stored) ? std::optional(stored.str()) : std::nullopt;
+    return form.toStored(text, stored) == nphost::NumberKind::NUMBER ? std::optional(stored.str()) : std::nullopt;
 }
 
 void check(NumberForm const& form, DiallingCodes const& codes, std::string const& text) {

@@ -172,6 +172,8 @@ void ByteSource::recognise() {
     rawM = std::string_view(bufferM.data(), bufferM.size()).substr(0, 0); // not null: recognised
     while (rawM.size() < magicBytesCM && fill()) {
     }
+    if (rawM.empty() && compressionOfName(nameM) != Compression::NONE)
+        fail("the compressed data end early: the file is empty");
     switch (compressionOfContent(rawM)) {
     case Compression::GZIP:
         decoderM = std::make_unique<Gzip>();

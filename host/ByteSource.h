@@ -7,7 +7,7 @@
 // Waiting: opening never waits for whoever writes into a pipe, reading does, whether the descriptor blocks or not.
 // Threads: one thread at a time; done() and size() are safe from any.
 // Errors: HostError in one line that names the file: it cannot be opened or read, or what was compressed is damaged or
-// ends early. std::bad_alloc.
+// ends early, as that of an empty file whose name says that it is compressed. std::bad_alloc.
 // Complexity: linear in the bytes.
 // Source: RFC 1952 (gzip), RFC 8878 (zstd).
 #pragma once

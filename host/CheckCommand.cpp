@@ -4,9 +4,12 @@
 #include "host/ExitStatus.h"
 #include "host/HostError.h"
 #include "host/Output.h"
+#include "host/StandardError.h"
 #include "host/Text.h"
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -63,6 +66,7 @@ class TextReport : public Report {
         if (allM && summary.rejected() > 0)
             outM.append('\n');
         counts(summary);
+        withoutDigits(summary);
         outM.append("Valid from:       ");
         outM.append(summary.earliest.isValid() ? instant(summary.earliest) + " to " + instant(summary.latest)
                                                : std::string("-"));
@@ -100,6 +104,15 @@ class TextReport : public Report {
         count("  number:", summary.rejectedNumbers);
         count("  network identifier:", summary.rejectedNetworks);
         count("  duplicate:", summary.duplicates);
+    }
+
+    void withoutDigits(DataSummary const& summary) {
+        if (summary.withoutDigits == 0)
+            return;
+        count("Numbers without digits:", summary.withoutDigits);
+        outM.append(
+            "  a warning: in the country's stored form they answer for all of the country; the first is in line " +
+            std::to_string(summary.firstWithoutDigits) + "\n");
     }
 
     void networks(DataSummary const& summary) {
@@ -187,6 +200,7 @@ class JsonReport : public Report {
                 {"rejectedNumbers", summary.rejectedNumbers},
                 {"rejectedNetworks", summary.rejectedNetworks},
                 {"duplicates", summary.duplicates},
+                {"numbersWithoutDigits", summary.withoutDigits},
                 {"earliest", instant(summary.earliest)},
                 {"latest", instant(summary.latest)},
                 {"networks", networks}};
@@ -198,6 +212,7 @@ class JsonReport : public Report {
 
 Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
+    StandardError::keepOff(options.file, "the file itself");
     configuration.useDataFile(options.file);
     return configuration;
 }
@@ -215,6 +230,16 @@ DataSummary readFile(Host& host, CheckOptions const& options, Report& report, st
     if (!examine(host.plugIn(), host.log(), options.file, summary, onReject, {}))
         host.fail("the file could not be examined");
     return summary;
+}
+
+// The module reads a mark as it reads any other byte before a number: no code begins there.
+void warnOfByteOrderMark(std::string const& file) {
+    std::array<char, 3> bytes{};
+    if (std::ifstream(file, std::ios::binary).read(bytes.data(), bytes.size()) &&
+        std::string_view(bytes.data(), bytes.size()) == "\xef\xbb\xbf")
+        complain(visible(file) +
+                 ": a warning: the file begins with a byte order mark, so the number in line 1 is taken "
+                 "for one without any access code; remove the mark");
 }
 
 // Records that are not at hand are taken to be like those of the file, if that has enough of them.
@@ -261,6 +286,7 @@ int check(CheckOptions const& options) {
     std::string first;
     DataSummary const summary = readFile(host, options, *report, first);
     host.throwFailure();
+    warnOfByteOrderMark(options.file);
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);

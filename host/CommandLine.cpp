@@ -9,6 +9,7 @@
 #include "host/Interruption.h"
 #include "host/LookupCommand.h"
 #include "host/Numbers.h"
+#include "host/Output.h"
 #include "host/PrintCommand.h"
 #include "host/RunCommand.h"
 #include "host/StandardError.h"
@@ -22,7 +23,9 @@
 #include <functional>
 #include <new>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace nphost {
@@ -48,17 +51,18 @@ tabs; '-' for the last two when no record holds.
 
 Numbers are taken in stored form: international access code, country code and
 national number, as 00447700900123. With --normalise they may be written as people
-do, '07700 900-123' or '+44 7700 900123' (without the zero of '+44 (0)7700'): blanks,
-hyphens, dots and parentheses are removed and the configured dialling codes applied;
-the answer shows the stored form.
+do, '07700 900-123' or '+44 (0)7700 900123', or as tel: or sip: addresses: visual
+separators and extensions go, and the configured dialling codes are applied; the answer
+shows the stored form.
 
 Methods: 'best' takes the longest stored prefix that has a record for the instant,
 'exact' the number itself, 'shortest' the shortest stored prefix and no other.
 
 With '-' in place of the numbers, questions are read from standard input, one a line:
-number and, if wanted, instant and method (0 best, 1 exact, 2 shortest), separated by
-tabs; further columns are ignored. Answers keep the order of the questions and are
-written at the latest when the input pauses.
+number and, if wanted, instant and method (best, exact, shortest, or 0, 1, 2), separated
+by white space; further columns are ignored. A line that is no question is answered with
+'-', and reported. Answers keep the order of the questions and are written at the latest
+when the input pauses.
 
 Examples:
   nphost lookup --config examples/nphost.toml --at 20240615120000 00447700900123
@@ -570,9 +574,14 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     CLI::App* const listing = addCtlCommand(ctlApp, chosen, "print", "Print the records with their heading");
     listing->add_option("FILE", options.file, "The file to write; default: the daemon's standard output")
         ->option_text(" ");
-    for (CLI::App* const command : {reload, delta, listing})
-        command->add_flag("--wait,!--no-wait", options.wait,
-                          "Wait for the outcome and show it, or not; default: wait on a terminal");
+    for (CLI::App* const command : {reload, delta, listing}) {
+        CLI::Option* const wait = command->add_flag_callback(
+            "--wait", [&options] { options.wait = true; }, "Wait for the outcome and show it; default on a terminal");
+        command
+            ->add_flag_callback(
+                "--no-wait", [&options] { options.wait = false; }, "Do not wait; default where there is no terminal")
+            ->excludes(wait);
+    }
     CLI::App* const update =
         addCtlCommand(ctlApp, chosen, "update", "Carry out a registry update and show what it reports");
     update->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
@@ -607,13 +616,23 @@ std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
     return rest.empty() ? "a command is required" : "there is no command or option '" + rest.front() + "'";
 }
 
+// Help and version. What cannot be written is an error, as a result is.
+int show(CLI::App const& app, CLI::ParseError const& error) {
+    std::ostringstream text;
+    app.exit(error, text, text);
+    Output out(STDOUT_FILENO);
+    out.append(text.view());
+    out.flush();
+    return FINE;
+}
+
 int parse(CLI::App& app, int argc, char const* const* argv) {
     try {
         app.parse(argc, argv);
         return FINE;
     } catch (CLI::ParseError const& error) {
-        if (error.get_exit_code() == 0) // help and version
-            return app.exit(error);
+        if (error.get_exit_code() == 0)
+            return show(app, error);
         complain(reasonOf(app, error) + " (see 'nphost --help')");
         return FAILED;
     }

@@ -1,5 +1,6 @@
 #include "host/Configuration.h"
 
+#include "host/StandardError.h"
 #include "host/Text.h"
 #include "host/TomlFile.h"
 
@@ -85,8 +86,10 @@ class Reader {
                 resultM.announceChanges = boolean(key, node);
             else if (key.str() == "guard")
                 readGuard(table(key, node));
+            else if (key.str() == "deltaFolders")
+                resultM.deltaFolders = list(key, node, &Reader::path);
             else if (key.str() == "clients")
-                readClients(key, node);
+                resultM.clients = list(key, node, &Reader::modulePath);
             else
                 throw unknownKey(key, hostTableCM);
         }
@@ -101,6 +104,8 @@ class Reader {
                 limits.maxLossPercent = percent(key, node);
             else if (key.str() == "maxRejectedPercent")
                 limits.maxRejectedPercent = percent(key, node);
+            else if (key.str() == "maxNumbersWithoutDigits")
+                limits.maxNumbersWithoutDigits = integer(key, node, 0, mostRecords);
             else if (key.str() == "minRecords")
                 limits.minRecords = integer(key, node, 0, mostRecords);
             else if (key.str() == "requireCompleteLastLine")
@@ -134,14 +139,18 @@ class Reader {
         return static_cast<std::uint32_t>(thousandths);
     }
 
-    void readClients(toml::key const& key, toml::node const& node) {
+    using Paths = std::vector<std::filesystem::path>;
+    Paths list(toml::key const& key, toml::node const& node,
+               std::filesystem::path (Reader::*entry)(toml::key const&, toml::node const&) const) const {
         if (!node.is_array())
             throw errorAt(fileM, key.source(), "'" + text(key) + "' must be a list: [\"FILE\", ...]");
-        for (toml::node const& client : *node.as_array()) {
-            if (!client.is_string())
-                throw errorAt(fileM, client.source(), "each of '" + text(key) + "' must be a text in quotation marks");
-            resultM.clients.push_back(modulePath(key, client));
+        Paths paths;
+        for (toml::node const& member : *node.as_array()) {
+            if (!member.is_string())
+                throw errorAt(fileM, member.source(), "each of '" + text(key) + "' must be a text in quotation marks");
+            paths.push_back((this->*entry)(key, member));
         }
+        return paths;
     }
 
     ConfigurationError unknownKey(toml::key const& key, std::string_view tableName) const {
@@ -203,7 +212,10 @@ Configuration parseConfiguration(std::string_view text, std::filesystem::path co
 }
 
 Configuration readConfiguration(std::filesystem::path const& file) {
-    return parseConfiguration(readWhole(file), file);
+    StandardError::keepOff(file, "the configuration file");
+    Configuration configuration = parseConfiguration(readWhole(file), file);
+    StandardError::keepOff(configuration.dataFile(), "the data file itself");
+    return configuration;
 }
 
 } // namespace nphost

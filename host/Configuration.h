@@ -18,12 +18,14 @@
 //     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
 //     logFile = "nphost.log"                    # the daemon's log; without it standard error
 //     announceChanges = true                    # the daemon tells when assignments take effect; false without it
+//     deltaFolders = ["deltas"]                 # below which a delta may lie; the data file's folder without it
 //     clients = ["lib/rating.so"]               # the daemon's client modules; names without a slash as for the module
 //
 //     [host.guard]                     # what a data file must be like to be loaded by the daemon; GuardLimits.h
 //     maxLossPercent = 5               # percentages have at most three decimals
 //     maxRejectedPercent = 0.5
-//     minRecords = 1000000
+//     maxNumbersWithoutDigits = 0
+//     minRecords = 1000000             # 1 when it is not given; 0 asks for none
 //     requireCompleteLastLine = true
 //     maxMemoryMiB = 2048
 //
@@ -40,6 +42,7 @@
 #include "host/GuardLimits.h"
 
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -64,6 +67,7 @@ struct Configuration {
     std::filesystem::path socket;
     std::filesystem::path logFile;
     bool announceChanges = false;
+    std::optional<std::vector<std::filesystem::path>> deltaFolders; // none: the data file's folder
     GuardLimits guard;
     std::vector<std::filesystem::path> clients;
 
@@ -74,6 +78,7 @@ struct Configuration {
 };
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);
+// Also HostError when standard error is the configuration or the data file that it names: messages would go into it.
 Configuration readConfiguration(std::filesystem::path const& file);
 
 } // namespace nphost

@@ -3,6 +3,7 @@
 #include "host/Text.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace nphost {
 
@@ -11,8 +12,11 @@ std::string lineOf(nlohmann::json object) {
     return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string errorLine(std::string const& reason) {
-    return lineOf({{"ok", false}, {"error", visible(reason)}});
+std::string errorLine(std::string const& reason, bool tooLong) {
+    nlohmann::json refusal = {{"ok", false}, {"error", visible(reason)}};
+    if (tooLong)
+        refusal["tooLong"] = true;
+    return lineOf(std::move(refusal));
 }
 
 } // namespace nphost

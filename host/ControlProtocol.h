@@ -6,28 +6,61 @@
 // Complexity: linear in the object.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 namespace nphost {
 
 constexpr int protocolVersionCM = 1;
-constexpr std::size_t mostRequestBytesCM = 64UL * 1024; // with its newline
-constexpr std::size_t mostLookupNumbersCM = 1000;       // in one request
-constexpr std::size_t mostExplainBytesCM = 1000;        // of a number
-constexpr std::size_t recentReportsCM = 100;            // that a client of the log gets first
+constexpr std::size_t mostRequestBytesCM = 64UL * 1024;      // with its newline
+constexpr std::size_t mostLookupNumbersCM = 1000;            // in one request
+constexpr std::size_t mostExplainBytesCM = 1000;             // of a number
+constexpr std::size_t mostAnswerBytesCM = 4UL * 1024 * 1024; // of the texts of a look-up's or an explanation's answer
+constexpr std::size_t recentReportsCM = 100;                 // that a client of the log gets first
 
 // Why a request is refused; the client gets what() in an error object.
 class RequestError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
+// The answer would be longer than mostAnswerBytesCM: whoever asks for less in a request may get it.
+class AnswerTooLong : public RequestError {
+  public:
+    using RequestError::RequestError;
+};
+
+// What a value of that type is called: "a text", "true or false".
+template <class Value>
+constexpr char const* nameOfType() {
+    return std::is_same_v<Value, bool> ? "true or false" : "a text";
+}
+
+// The value of the request's key. RequestError names the key if it is not there or of another type.
+template <class Value>
+Value valueOf(nlohmann::json const& request, std::string const& key) {
+    auto const found = request.find(key);
+    if (found == request.end())
+        throw RequestError("the key '" + key + "' is missing");
+    auto const* const value = found->template get_ptr<Value const*>();
+    if (value == nullptr)
+        throw RequestError("'" + key + "' must be " + nameOfType<Value>());
+    return *value;
+}
+// The same, or `otherwise` if it is not there.
+template <class Value>
+Value valueOf(nlohmann::json const& request, std::string const& key, Value const& otherwise) {
+    return request.contains(key) ? valueOf<Value>(request, key) : otherwise;
+}
 
 // Adds the version, writes the object on one line and ends it; bytes that are not UTF-8 are replaced.
 std::string lineOf(nlohmann::json object);
 
-// {"ok": false, "error": reason}
-std::string errorLine(std::string const& reason);
+// {"ok": false, "error": reason}, and "tooLong": true where the answer is
+std::string errorLine(std::string const& reason, bool tooLong = false);
+// The same where there is no memory to make one.
+constexpr std::string_view outOfMemoryLineCM = "{\"error\":\"out of memory\",\"ok\":false,\"version\":1}\n";
 
 } // namespace nphost

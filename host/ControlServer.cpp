@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <sys/socket.h>
 #include <utility>
 
@@ -32,26 +33,32 @@ void ControlServer::collect(std::vector<pollfd>& polled) const {
 
 void ControlServer::serve(std::vector<pollfd> const& polled) {
     acceptPausedM = false;
-    std::map<int, short> events;
-    for (pollfd const& entry : polled)
-        if (entry.revents != 0)
-            events[entry.fd] = entry.revents;
-    Clock::time_point const now = Clock::now();
-    for (auto& [client, connection] : connectionsM) {
-        auto const found = events.find(connection.descriptor.get());
-        int const happened = found == events.end() ? 0 : found->second;
-        if ((happened & (POLLERR | POLLNVAL)) != 0)
+    auto const happened = [&polled](int descriptor) {
+        auto const found = std::find_if(polled.begin(), polled.end(),
+                                        [descriptor](pollfd const& entry) { return entry.fd == descriptor; });
+        return found == polled.end() ? 0 : found->revents;
+    };
+    Clock::time_point const now = nowM();
+    for (auto& [client, connection] : connectionsM)
+        try {
+            serveOne(client, connection, happened(connection.descriptor.get()), now);
+        } catch (std::exception const&) { // for want of memory, for one
             connection.dropped = true;
-        if ((happened & (POLLIN | POLLHUP)) != 0 && isReading(connection))
-            read(connection);
-        else if ((happened & POLLHUP) != 0)
-            connection.dropped = true; // nobody is there to read any more
-        answer(client, connection);
-        checkTime(connection, now);
-    }
+        }
     std::erase_if(connectionsM, [](auto const& entry) { return entry.second.dropped; });
-    if (events.count(socketM.descriptor()) > 0)
+    if (happened(socketM.descriptor()) != 0)
         acceptAll();
+}
+
+void ControlServer::serveOne(Client client, Connection& connection, int happened, Clock::time_point now) {
+    if ((happened & (POLLERR | POLLNVAL)) != 0)
+        connection.dropped = true;
+    if ((happened & (POLLIN | POLLHUP)) != 0 && isReading(connection))
+        read(connection);
+    else if ((happened & POLLHUP) != 0)
+        connection.dropped = true; // nobody is there to read any more
+    answer(client, connection);
+    checkTime(connection, now);
 }
 
 void ControlServer::acceptAll() {
@@ -61,17 +68,22 @@ void ControlServer::acceptAll() {
             acceptPausedM = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
             return;
         }
-        if (connectionsM.size() >= mostClientsCM) {
-            turnAway(std::move(accepted));
-            continue;
+        try {
+            take(std::move(accepted));
+        } catch (std::bad_alloc const&) { // NOLINT(bugprone-empty-catch): it is closed, as the client sees
         }
-        Connection& connection = connectionsM[nextM++];
-        connection.descriptor = std::move(accepted);
-        connection.lastMove = Clock::now();
     }
 }
 
-void ControlServer::turnAway(FileDescriptor descriptor) const {
+void ControlServer::take(FileDescriptor descriptor) {
+    if (connectionsM.size() >= mostClientsCM)
+        return turnAway(std::move(descriptor));
+    Connection& connection = connectionsM[nextM++];
+    connection.descriptor = std::move(descriptor);
+    connection.lastMove = nowM();
+}
+
+void ControlServer::turnAway(FileDescriptor descriptor) {
     std::string const line = errorLine("too many clients");
     ::send(descriptor.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
@@ -82,7 +94,7 @@ void ControlServer::read(Connection& connection) {
     if (count > 0) {
         // The time of an unfinished line runs from its first byte, however slowly the others come.
         if (connection.input.empty())
-            connection.lastMove = Clock::now();
+            connection.lastMove = nowM();
         connection.input.append(block.data(), static_cast<std::size_t>(count));
     } else if (count == 0) {
         connection.inputEnded = true;
@@ -91,18 +103,13 @@ void ControlServer::read(Connection& connection) {
     }
 }
 
-// What fails for one connection, for want of memory for one, is the end of that connection alone.
 void ControlServer::answer(Client client, Connection& connection) {
     constexpr int mostTurns = 4; // then the others get theirs
-    try {
-        int turn = 0;
-        do {
-            takeRequests(client, connection);
-            write(connection);
-        } while (++turn < mostTurns && isReady(connection));
-    } catch (std::exception const&) {
-        connection.dropped = true;
-    }
+    int turn = 0;
+    do {
+        takeRequests(client, connection);
+        write(connection);
+    } while (++turn < mostTurns && isReady(connection));
 }
 
 bool ControlServer::isReady(Connection const& connection) {
@@ -112,7 +119,7 @@ bool ControlServer::isReady(Connection const& connection) {
 
 bool ControlServer::hasReady() const {
     return std::any_of(connectionsM.begin(), connectionsM.end(),
-                       [](auto const& entry) { return isReady(entry.second); });
+                       [](auto const& entry) { return entry.second.dropped || isReady(entry.second); });
 }
 
 void ControlServer::takeRequests(Client client, Connection& connection) {
@@ -125,7 +132,7 @@ void ControlServer::takeRequests(Client client, Connection& connection) {
         taken = end + 1;
         connection.awaited = true;
         handlerM.request(client, line);
-        connection.lastMove = Clock::now();
+        connection.lastMove = nowM();
     }
     connection.input.erase(0, taken);
     if (connection.closing || connection.awaited)
@@ -152,7 +159,7 @@ void ControlServer::write(Connection& connection) {
                                      unread(connection), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count > 0) {
             connection.written += static_cast<std::size_t>(count);
-            connection.lastMove = Clock::now();
+            connection.lastMove = nowM();
         } else if (errno == EAGAIN) {
             break;
         } else if (errno != EINTR) {
@@ -181,7 +188,7 @@ void ControlServer::checkTime(Connection& connection, Clock::time_point now) {
     }
 }
 
-void ControlServer::send(Client client, std::string const& line, bool more) {
+void ControlServer::send(Client client, std::string_view line, bool more) noexcept {
     auto const found = connectionsM.find(client);
     if (found == connectionsM.end())
         return;
@@ -189,11 +196,15 @@ void ControlServer::send(Client client, std::string const& line, bool more) {
     connection.awaited = false;
     connection.following = connection.following || more;
     if (unread(connection) == 0)
-        connection.lastMove = Clock::now(); // from here on the client owes its reading
+        connection.lastMove = nowM(); // from here on the client owes its reading
     if (connection.following && unread(connection) > mostUnreadCM)
         connection.dropped = true;
-    else
-        connection.output += line;
+    try {
+        if (!connection.dropped)
+            connection.output += line;
+    } catch (std::exception const&) {
+        connection.dropped = true;
+    }
 }
 
 void ControlServer::close() {

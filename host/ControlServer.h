@@ -10,7 +10,8 @@
 // A client that has ended its sending still gets the answers to what it sent.
 // Ownership: borrows the listening socket and the handler; owns the connections.
 // Threads: the loop's thread.
-// Errors: std::bad_alloc; a connection that fails is closed.
+// Errors: none but of construction, which throws std::bad_alloc: a connection that fails, or that memory does not suffice
+// for, is closed.
 // Complexity: linear in the bytes and the clients.
 #pragma once
 
@@ -18,10 +19,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <poll.h>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace nphost {
@@ -32,6 +35,7 @@ class ControlServer {
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::size_t mostClientsCM = 32;
+    static constexpr std::size_t mostPolledCM = mostClientsCM + 1; // that collect appends
     static constexpr std::size_t mostUnreadCM = 1024UL * 1024;
     static constexpr std::chrono::seconds stallTimeCM{5};
     static constexpr std::chrono::minutes idleTimeCM{10};
@@ -43,19 +47,21 @@ class ControlServer {
         virtual void request(Client client, std::string_view line) = 0;
     };
 
-    ControlServer(ListeningSocket& socket, Handler& handler) : socketM(socket), handlerM(handler) {}
+    using TimeSource = std::function<Clock::time_point()>;
+    ControlServer(ListeningSocket& socket, Handler& handler, TimeSource now = Clock::now)
+        : socketM(socket), handlerM(handler), nowM(std::move(now)) {}
 
     // Appends what to wait for.
     void collect(std::vector<pollfd>& polled) const;
     // Serves what poll found, and closes connections whose time is over.
     void serve(std::vector<pollfd> const& polled);
-    // Whether a request is waiting that could be taken at once, so that poll must not wait at all.
+    // Whether a request could be taken or a connection closed at once, so that poll must not wait at all.
     bool hasReady() const;
     // Whether a connection may be closed for its time, so that poll must not wait for ever.
     bool hasTimes() const { return !connectionsM.empty() || acceptPausedM; }
 
     // Ignored when the client has gone. `more`: further lines will come without a request for each.
-    void send(Client client, std::string const& line, bool more = false);
+    void send(Client client, std::string_view line, bool more = false) noexcept;
 
     bool has(Client client) const {
         auto const found = connectionsM.find(client);
@@ -80,19 +86,22 @@ class ControlServer {
     };
 
     void acceptAll();
-    void turnAway(FileDescriptor descriptor) const;
+    void take(FileDescriptor descriptor);
+    static void turnAway(FileDescriptor descriptor);
+    void serveOne(Client client, Connection& connection, int happened, Clock::time_point now);
     void read(Connection& connection);
     void answer(Client client, Connection& connection);
     static bool isReady(Connection const& connection);
     void takeRequests(Client client, Connection& connection);
     void refuse(Connection& connection, char const* reason);
-    static void write(Connection& connection);
+    void write(Connection& connection);
     void checkTime(Connection& connection, Clock::time_point now);
     static std::size_t unread(Connection const& connection) { return connection.output.size() - connection.written; }
     static bool isReading(Connection const& connection);
 
     ListeningSocket& socketM;
     Handler& handlerM;
+    TimeSource const nowM;
     std::map<Client, Connection> connectionsM;
     Client nextM = 1;
     bool acceptPausedM = false; // the system had no descriptor left

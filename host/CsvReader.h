@@ -34,11 +34,12 @@ class CsvReader : public RecordReader {
     // All fields are wanted; records may have any number of them.
     explicit CsvReader(CsvDialect dialect);
     // These different columns are wanted; a record that has not `fields` fields, more than any of them, is one with
-    // FIELD_COUNT.
+    // FIELD_COUNT. 0 fields: they are not known yet, and must be when a record is not broken.
     CsvReader(CsvDialect dialect, std::vector<std::size_t> const& wanted, std::size_t fields);
     ~CsvReader() override;
 
     std::size_t wholeRecords(std::string_view text) override;
+    void expectFields(std::size_t fields) override { fieldsM = fields; }
     void begin(std::string_view text, std::uint64_t firstLine) override;
     bool next(Record& record) override;
 

@@ -16,6 +16,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
@@ -35,13 +37,9 @@ class Conversation {
     explicit Conversation(std::filesystem::path const& socket) : descriptorM(connectTo(socket)) {}
 
     // The answer to a request; throws when the daemon refuses it.
-    Json ask(Json request) {
-        sendAll(lineOf(std::move(request)));
-        Json answer = next();
-        if (!answer.value("ok", false))
-            throw HostError("the daemon refuses: " + answer.value("error", std::string("for no reason")));
-        return answer;
-    }
+    Json ask(Json request) { return *answerTo(std::move(request), false); }
+    // The same; none when the answer would be too long.
+    std::optional<Json> askAtOnce(Json request) { return answerTo(std::move(request), true); }
 
     Json next() {
         std::size_t end = 0;
@@ -58,6 +56,16 @@ class Conversation {
     }
 
   private:
+    std::optional<Json> answerTo(Json request, bool mayBeTooLong) {
+        sendAll(lineOf(std::move(request)));
+        Json answer = next();
+        if (answer.value("ok", false))
+            return answer;
+        if (mayBeTooLong && answer.value("tooLong", false))
+            return std::nullopt;
+        throw HostError("the daemon refuses: " + answer.value("error", std::string("for no reason")));
+    }
+
     void sendAll(std::string_view text) const {
         while (!text.empty()) {
             ssize_t const count = ::send(descriptorM.get(), text.data(), text.size(), MSG_NOSIGNAL);
@@ -176,6 +184,8 @@ class Ctl {
         field("Usable:", answer.at("usable").get<bool>() ? "yes" : "no: the data file cannot be read");
         field("Loaded since:", orDash(answer.at("loadedSince")));
         field("Records:", answer.at("records").dump());
+        if (answer.value("unsaved", false))
+            field("NOT SAVED:", "records of a delta are served, but are not in the data file: repeat the delta");
         field("Numbers:", answer.at("numbers").dump());
         field("Search method:", orDash(answer.at("searchMethod")));
         dataFile(answer.at("dataFile"));
@@ -185,6 +195,8 @@ class Ctl {
             progress("Loading now:", answer.at("progress"));
         guard(answer.value("guard", Json()));
         field("Look-ups:", answer.at("lookUps").dump());
+        if (auto const lost = answer.value("reportsLost", 0UL); lost > 0)
+            field("Log:", std::to_string(lost) + " reports could not be written and are lost");
         field("Memory:", std::to_string(answer.at("memoryBytes").get<std::uint64_t>() / 1024) + " KiB");
         field("Process:", answer.at("process").dump());
         return result;
@@ -217,6 +229,17 @@ class Ctl {
         field("Data file:", orDash(file.at("name")));
         field("  size:", bytes(file.at("size")));
         field("  modified:", orDash(file.at("modified")));
+        if (!file.contains("rewrite"))
+            return;
+        std::string const way = file.at("rewrite");
+        std::string const reason = orDash(file.at("rewriteReason"));
+        field("  a delta:", way == "replace"   ? "replaces it"
+                            : way == "inPlace" ? "overwrites it in place; a crash in that moment can lose it: " + reason
+                                               : "cannot write it: " + reason);
+        if (file.at("changed").get<bool>())
+            field("  changed:", "since it was loaded or last written; reload it");
+        if (Json const& holder = file.at("lockedBy"); !holder.is_null())
+            field("  no deltas:", orDash(holder));
     }
 
     void lastLoad(Json const& load) {
@@ -224,6 +247,8 @@ class Ctl {
         field("  of:", orDash(load.at("file")));
         field("  ended:", orDash(load.at("ended")) + " after " + seconds(load.at("seconds")));
         field("  lines:", load.at("lines").dump() + ", " + load.at("rejectedLines").dump() + " rejected");
+        if (auto const count = load.value("numbersWithoutDigits", 0UL); count > 0)
+            field("  warning:", std::to_string(count) + " numbers without digits: they answer for all of the country");
     }
 
     // The guard's refusal of a load after the last one: what is in the file is not what is served.
@@ -246,24 +271,38 @@ class Ctl {
 
     int lookup() {
         for (std::string const& number : optionsM.numbers)
-            if (!hasDigit(number))
+            if (!optionsM.normalise && !hasDigit(number)) // else the daemon knows
                 throw HostError("'" + shortened(number) + "' is not a number");
         Json request = question("lookup");
+        std::size_t most = numbersARequestCM;
         bool allFound = true;
-        for (auto next = optionsM.numbers.begin(); next != optionsM.numbers.end();) {
-            Json numbers = Json::array();
-            for (std::size_t size = 0; next != optionsM.numbers.end() && numbers.size() < numbersARequestCM &&
-                                       (numbers.empty() || size + next->size() < numberBytesARequestCM);
-                 ++next) {
-                size += next->size();
-                numbers.push_back(checked(*next));
-            }
+        for (std::size_t next = 0; next < optionsM.numbers.size();) {
+            Json numbers = numbersFrom(next, most);
+            std::size_t const count = numbers.size();
             request["numbers"] = std::move(numbers);
-            Json const answer = daemonM.ask(request);
-            request["at"] = answer.at("at"); // one instant for all, also when it is now
-            allFound = showAnswers(answer) && allFound;
+            std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
+            if (!answer) {
+                most = count / 2;
+                continue;
+            }
+            next += count;
+            request["at"] = answer->at("at"); // one instant for all, also when it is now
+            allFound = showAnswers(*answer) && allFound;
         }
         return allFound ? FINE : NOT_FOUND;
+    }
+
+    // As many of the numbers from that one on as go into a request, and `most` at the most.
+    Json numbersFrom(std::size_t next, std::size_t most) const {
+        Json numbers = Json::array();
+        for (std::size_t size = 0; next < optionsM.numbers.size() && numbers.size() < most; ++next) {
+            std::string const& number = optionsM.numbers[next];
+            size += number.size();
+            if (!numbers.empty() && size >= numberBytesARequestCM)
+                break;
+            numbers.push_back(checked(number));
+        }
+        return numbers;
     }
 
     bool showAnswers(Json const& answer) {
@@ -347,7 +386,7 @@ class Ctl {
         bool const succeeded = answer.at("succeeded").get<bool>();
         Json const check = answer.value("check", Json());
         bool const refused = !check.is_null() && !check.at("passed").get<bool>();
-        for (Json const& report : answer.at("reports")) {
+        for (Json const& report : eachOnce(answer.at("reports"))) {
             auto const identifier = report.at("identifier").get<std::string>();
             if (identifier.starts_with("ERR_HOST_GUARD_"))
                 continue; // said below
@@ -357,6 +396,8 @@ class Ctl {
                      " : " + orDash(report.at("text")));
         }
         leftOut(answer);
+        if (answer.contains("added"))
+            line(answer.at("added").dump() + " records added, " + answer.at("known").dump() + " known already");
         if (refused)
             for (Json const& reason : check.at("reasons"))
                 line("refused: " + orDash(reason));
@@ -365,6 +406,17 @@ class Ctl {
               : refused ? ": REFUSED after "
                         : ": FAILED after ") +
              seconds(answer.at("seconds")) + (isChecked(check) ? ", the check " + seconds(check.at("seconds")) : ""));
+    }
+
+    // A line that is rejected is reported for each of the two trees that a load fills.
+    static std::vector<Json> eachOnce(Json const& reports) {
+        std::set<std::string> rejected;
+        std::vector<Json> shown;
+        for (Json const& report : reports)
+            if (report.at("severity") != "WARNING" ||
+                rejected.insert(report.at("identifier").dump() + report.at("arguments").dump()).second)
+                shown.push_back(report);
+        return shown;
     }
 
     // Whether there was a check, not only a guard.
@@ -391,7 +443,7 @@ class Ctl {
         if (!shownRaw(answer)) {
             field("Result:", answer.at("result").dump());
             field("Handled:", answer.at("handled").dump());
-            for (Json const& report : answer.at("reports"))
+            for (Json const& report : eachOnce(answer.at("reports")))
                 showReport(report);
             leftOut(answer);
             if (Json const check = answer.value("check", Json()); isChecked(check))

@@ -3,12 +3,13 @@
 #include "host/ControlProtocol.h"
 #include "host/HostError.h"
 #include "host/OwnReport.h"
-#include "host/SameFile.h"
 #include "host/ServiceAnswers.h"
 #include "host/Text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -18,28 +19,64 @@ namespace {
 
 using Json = nlohmann::json;
 
-// What was reported by the check of a request, and then by the request itself.
-void addReports(Json& answer, LoadCheck const& check, ReportCollector const& collector) {
+// With what was reported by the check of a request, and then by the request itself.
+Json toJson(LoadLane::Job const& job) {
     Json reports = Json::array();
-    for (ReportCollector const* const part : {&check.reports, &collector})
+    for (ReportCollector const* const part : {&job.check.reports, &job.reports})
         for (LogReport const& report : part->reports())
             reports.push_back(toJson(report));
-    answer["reports"] = std::move(reports);
-    answer["reportsLeftOut"] = check.reports.leftOut() + collector.leftOut();
-    answer["check"] = toJson(check);
+    Json answer = {{"ok", true},
+                   {"command", nameOf(job.request.kind)},
+                   {"succeeded", job.succeeded},
+                   {"seconds", job.seconds},
+                   {"reports", std::move(reports)},
+                   {"reportsLeftOut", job.check.reports.leftOut() + job.reports.leftOut()},
+                   {"check", toJson(job.check)}};
+    if (job.request.kind == LoadLane::UPDATE) {
+        answer["result"] = job.result;
+        answer["handled"] = job.handled;
+    }
+    if (job.isDelta) {
+        answer["added"] = job.added;
+        answer["known"] = job.known;
+    }
+    return answer;
 }
 
-char const* nameOf(ProbeKind kind) {
-    return kind == ProbeKind::RELOAD ? "reload" : kind == ProbeKind::DELTA_LOAD ? "delta" : "print";
+// The same without what memory does not suffice for.
+using ShortLine = std::array<char, 256>;
+std::string_view shortLine(LoadLane::Job const& job, ShortLine& line) {
+    auto const text = [](bool value) { return value ? "true" : "false"; };
+    bool const isUpdate = job.request.kind == LoadLane::UPDATE;
+    int const length = std::snprintf(
+        line.data(), line.size(),
+        "{\"check\":null,\"command\":\"%s\",%s%s%s%s\"ok\":true,\"reports\":[],\"reportsLeftOut\":%zu,\"seconds\":%.6f,"
+        "\"succeeded\":%s,\"version\":%d}\n",
+        nameOf(job.request.kind), isUpdate ? "\"handled\":" : "", isUpdate ? text(job.handled) : "",
+        isUpdate ? ",\"result\":" : "", isUpdate ? (job.result ? "true," : "false,") : "",
+        job.check.reports.reports().size() + job.check.reports.leftOut() + job.reports.reports().size() +
+            job.reports.leftOut(),
+        job.seconds, text(job.succeeded), protocolVersionCM);
+    return {line.data(), static_cast<std::size_t>(length)};
 }
 
 std::string textOf(Json const& request, std::string const& key) {
-    auto text = request.at(key).get<std::string>();
+    auto text = valueOf<std::string>(request, key);
     if (text.empty() || text.find('\0') != std::string::npos)
         throw RequestError("'" + key + "' must name a file");
     if (text.front() != '/') // the daemon's own folder means nothing to its clients
         throw RequestError("'" + key + "' must be an absolute path");
     return text;
+}
+
+constexpr std::array<std::string_view, 4> updateKeysCM = {"Reload", "ReuseOnFailure", "AdditionalNumPortData",
+                                                          "PrintData"};
+
+std::string updateKeys() {
+    std::string names;
+    for (std::string_view const key : updateKeysCM)
+        names.append(names.empty() ? "" : ", ").append(key);
+    return names;
 }
 
 void checkVersion(Json const& request) {
@@ -54,8 +91,10 @@ void checkVersion(Json const& request) {
 
 Daemon::Daemon(Parts const& parts)
     : partsM(parts), plugInM(parts.host.plugIn()),
-      updatesM(plugInM, parts.configuration, parts.guard, parts.hub.wakeUp()),
-      probesM(plugInM, parts.configuration, parts.hub, updatesM) {
+      laneM(plugInM,
+            {plugInM.serviceStatus().dataFileName.str(), parts.configuration, parts.logFile,
+             parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
+            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.hub.wakeUp()) {
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
     if (parts.socket != nullptr)
@@ -69,13 +108,14 @@ void Daemon::run() {
     if (noticesM)
         noticesM->step();
     std::vector<pollfd> polled;
+    polled.reserve(2 + ControlServer::mostPolledCM);
     while (!partsM.signals.takeStop()) {
+        step(); // signals may have come before
         wait(polled);
         partsM.signals.clear();
         partsM.hub.wakeUp().clear();
         if (serverM)
             serverM->serve(polled);
-        step();
     }
     stop();
 }
@@ -95,7 +135,7 @@ int Daemon::patience() const {
     constexpr int tickMilliseconds = 500; // where something may have to end for its time
     if (serverM && serverM->hasReady())
         return 0;
-    bool const timed = probesM.length() > 0 || (serverM && serverM->hasTimes());
+    bool const timed = shortM || (serverM && serverM->hasTimes());
     std::optional<int> const notice = noticesM ? noticesM->patience() : std::nullopt;
     if (!timed)
         return notice.value_or(-1);
@@ -103,82 +143,98 @@ int Daemon::patience() const {
 }
 
 void Daemon::step() {
-    if (partsM.signals.takeReload())
-        reloadBySignal();
-    finishProbes();
-    finishUpdates();
-    if (noticesM)
-        noticesM->step();
-    feedFollowers();
+    shortM = false;
+    reloadWantedM = partsM.signals.takeReload() || reloadWantedM;
+    for (auto const part : {&Daemon::reloadBySignal, &Daemon::finishJobs, &Daemon::tellManager, &Daemon::announce,
+                            &Daemon::feedFollowers})
+        attempt(part);
+}
+
+// Each part leaves undone what memory did not suffice for, and finds it again at its next turn.
+void Daemon::attempt(void (Daemon::*part)()) noexcept {
+    try {
+        (this->*part)();
+    } catch (std::exception const&) {
+        shortM = true;
+    }
 }
 
 void Daemon::stop() {
-    partsM.guard.stop();
-    partsM.notifier.stopping("stopping");
-    reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
+    attempt(&Daemon::tellStopping);
+    laneM.stop();
+    attempt(&Daemon::finishJobs);
     if (!serverM)
         return;
-    feedFollowers();
+    attempt(&Daemon::feedFollowers);
     serverM->close();
 }
 
+void Daemon::tellStopping() {
+    partsM.notifier.stopping("stopping");
+    reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
+}
+
 void Daemon::reloadBySignal() {
+    if (!reloadWantedM)
+        return;
     if (std::string const reason = partsM.log.reopen(); !reason.empty())
         reportOwn("ERR_HOST_LOG_FILE", BAS::Status::MAJOR, {BAS::String(reason)});
     partsM.notifier.reloading("reloading");
     reloadingM = true;
-    if (!probesM.hasWaitingSignalRequest()) // one that has not begun will see the present file
-        probesM.push({ProbeKind::RELOAD, "TRUE", 0, true, false});
+    if (!laneM.hasWaitingSignalRequest()) // one that has not begun will see the present file
+        laneM.push({LoadLane::RELOAD, "TRUE", {}, 0, true, false});
+    reloadWantedM = false;
 }
 
-void Daemon::finishProbes() {
-    while (auto const finished = probesM.takeFinished()) {
-        Json answer = {{"ok", true},
-                       {"command", nameOf(finished->request.kind)},
-                       {"succeeded", finished->outcome.succeeded},
-                       {"seconds", finished->seconds}};
-        addReports(answer, finished->check, finished->outcome.reports);
-        if (serverM && finished->request.client != 0)
-            serverM->send(finished->request.client, lineOf(std::move(answer)));
-        if (reloadingM && !probesM.hasSignalRequest()) {
-            reloadingM = false;
-            partsM.notifier.ready(statusText());
-        } else if (!reloadingM) {
-            partsM.notifier.status(statusText());
-        }
+void Daemon::finishJobs() {
+    for (LoadLane::Job const& job : laneM.takeFinished()) {
+        statusDueM = true;
+        if (serverM && job.request.client != 0)
+            answer(job);
     }
 }
 
-void Daemon::finishUpdates() {
-    for (UpdateRunner::Done const& done : updatesM.takeDone()) {
-        Json answer = {{"ok", true},
-                       {"command", "update"},
-                       {"result", done.result},
-                       {"handled", done.handled},
-                       {"succeeded", done.result && done.handled && !done.reports.hasFailure()},
-                       {"seconds", done.seconds}};
-        addReports(answer, done.check, done.reports);
-        if (serverM)
-            serverM->send(done.client, lineOf(std::move(answer)));
-        if (!reloadingM)
-            partsM.notifier.status(statusText());
+void Daemon::answer(LoadLane::Job const& job) {
+    try {
+        if (reserveM.isWhole())
+            return serverM->send(job.request.client, lineOf(toJson(job)));
+    } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
+    ShortLine line;
+    serverM->send(job.request.client, shortLine(job, line));
+}
+
+// While a reload of a signal's is to come or under way, the service manager waits for its end.
+void Daemon::tellManager() {
+    if (!statusDueM || reloadWantedM || (reloadingM && laneM.hasSignalRequest()))
+        return;
+    std::string const text = statusText();
+    reloadingM ? partsM.notifier.ready(text) : partsM.notifier.status(text);
+    reloadingM = false;
+    statusDueM = false;
+}
+
+void Daemon::announce() {
+    if (noticesM)
+        noticesM->step();
 }
 
 void Daemon::feedFollowers() {
-    if (!serverM)
+    shortM = shortM || !reserveM.isWhole();
+    if (!serverM || shortM)
         return;
     for (auto follower = followersM.begin(); follower != followersM.end();) {
         ReportHub::Recent const recent = partsM.hub.since(follower->second);
-        follower->second = recent.next;
-        bool present = serverM->has(follower->first);
+        bool const present = serverM->has(follower->first);
         if (present && recent.lost > 0)
             serverM->send(follower->first, lineOf({{"lost", recent.lost}}), true);
-        for (LogReport const& report : recent.reports)
+        follower->second = recent.next - recent.reports.size();
+        for (LogReport const& report : recent.reports) {
             if (present)
                 serverM->send(follower->first, lineOf({{"report", toJson(report)}}), true);
-        present = serverM->has(follower->first);
-        follower = present ? std::next(follower) : followersM.erase(follower);
+            ++follower->second;
+        }
+        follower = serverM->has(follower->first) ? std::next(follower) : followersM.erase(follower);
     }
 }
 
@@ -188,6 +244,8 @@ std::string Daemon::statusText() {
                        " numbers, loaded " + clockTime(status.liveSince);
     if (!status.usable)
         text += "; not usable: the data file cannot be read";
+    if (status.unsaved)
+        text += "; records of a delta are not in the data file";
     LoadGuard::Standing const standing = partsM.guard.standing();
     if (standing.isRefused(status.loads))
         text += std::string("; the last ") + nameOf(standing.lastRefusal->kind) + " was refused";
@@ -195,33 +253,37 @@ std::string Daemon::statusText() {
 }
 
 void Daemon::request(Client client, std::string_view line) {
+    if (!reserveM.isWhole())
+        return serverM->send(client, outOfMemoryLineCM);
     try {
         Json const request = Json::parse(line);
         checkVersion(request);
         dispatch(client, request);
+    } catch (AnswerTooLong const& error) {
+        serverM->send(client, errorLine(error.what(), true));
     } catch (RequestError const& error) {
         serverM->send(client, errorLine(error.what()));
     } catch (Json::exception const& error) {
         serverM->send(client, errorLine("the request cannot be understood: " + shortened(error.what())));
     } catch (std::bad_alloc const&) {
-        serverM->send(client, errorLine("out of memory"));
+        serverM->send(client, outOfMemoryLineCM);
     } catch (std::exception const& error) {
         serverM->send(client, errorLine(shortened(error.what())));
     }
 }
 
 void Daemon::dispatch(Client client, Json const& request) {
-    auto const command = request.at("command").get<std::string>();
+    auto const command = valueOf<std::string>(request, "command");
     if (command == "status")
-        serverM->send(client, lineOf(answerStatus(plugInM, partsM.guard)));
+        serverM->send(client, lineOf(answerStatus(plugInM, partsM.guard, partsM.dataFile, partsM.host.log())));
     else if (command == "lookup")
-        serverM->send(client, lineOf(answerLookup(plugInM, request)));
+        serverM->send(client, lineOf(answerLookup(plugInM, partsM.host.numbers(), request)));
     else if (command == "explain")
-        serverM->send(client, lineOf(answerExplain(plugInM, request)));
+        serverM->send(client, lineOf(answerExplain(plugInM, partsM.host.numbers(), request)));
     else if (command == "reload")
-        probe(client, request, ProbeKind::RELOAD, request.value("reuse", true) ? "TRUE" : "FALSE");
+        load(client, request, LoadLane::RELOAD, valueOf(request, "reuse", true) ? "TRUE" : "FALSE");
     else if (command == "delta")
-        probe(client, request, ProbeKind::DELTA_LOAD, textOf(request, "file"));
+        delta(client, request);
     else if (command == "print")
         print(client, request);
     else if (command == "update")
@@ -234,43 +296,56 @@ void Daemon::dispatch(Client client, Json const& request) {
         throw RequestError("there is no command '" + shortened(command) + "'");
 }
 
-void Daemon::probe(Client client, Json const& request, ProbeKind kind, std::string value) {
-    bool const wait = request.value("wait", true);
-    if (probesM.isFull())
+void Daemon::load(Client client, Json const& request, LoadLane::Kind kind, std::string value) {
+    bool const wait = valueOf(request, "wait", true);
+    // Made before, so that memory cannot run out between taking the request and saying so.
+    std::string const taken = wait ? std::string() : lineOf({{"ok", true}, {"queued", laneM.length() + 1}});
+    if (!laneM.push({kind, std::move(value), {}, wait ? client : 0, false, valueOf(request, "force", false)}))
         throw RequestError("too many requests are waiting");
-    probesM.push({kind, std::move(value), wait ? client : 0, false, request.value("force", false)});
     if (!wait)
-        serverM->send(client, lineOf({{"ok", true}, {"queued", probesM.length()}}));
+        serverM->send(client, taken);
+}
+
+void Daemon::delta(Client client, Json const& request) {
+    std::string file = textOf(request, "file");
+    refuseDelta(file);
+    load(client, request, LoadLane::DELTA_LOAD, std::move(file));
+}
+
+// Its rejected lines would be in the answer.
+void Daemon::refuseDelta(std::string const& file) {
+    if (std::string const reason = laneM.deltaFolders().find(file).refusal; !reason.empty())
+        throw RequestError(reason);
 }
 
 void Daemon::print(Client client, Json const& request) {
     bool const toFile = request.contains("file");
     if (toFile)
         refuseKeptFile(textOf(request, "file"));
-    probe(client, request, ProbeKind::PRINT, toFile ? textOf(request, "file") : "NULL");
+    load(client, request, LoadLane::PRINT, toFile ? textOf(request, "file") : "NULL");
 }
 
 // A listing with its heading would be no data file any more.
 void Daemon::refuseKeptFile(std::string const& target) {
-    KeptFiles const files{plugInM.serviceStatus().dataFileName.str(), partsM.configuration};
-    if (char const* const kept = files.nameOf(target))
+    if (char const* const kept = laneM.keptFiles().nameOf(target))
         throw RequestError("the output " + target + " is " + kept);
 }
 
 void Daemon::update(Client client, Json const& request) {
-    UpdateRunner::Keys keys;
-    Json const& given = request.at("keys");
+    LoadLane::Keys keys;
+    Json const given = request.value("keys", Json());
     if (!given.is_object())
         throw RequestError("'keys' must be an object");
     for (auto const& [key, value] : given.items()) {
-        keys.emplace_back(key, value.get<std::string>());
-        bool const print = key == "PrintData" && !keys.back().second.empty();
-        if (print || key == "AdditionalNumPortData")
-            textOf(given, key);
-        if (print)
-            refuseKeptFile(keys.back().second);
+        if (std::find(updateKeysCM.begin(), updateKeysCM.end(), key) == updateKeysCM.end())
+            throw RequestError("there is no key '" + shortened(key) + "' of an update; the keys are " + updateKeys());
+        keys.emplace_back(key, valueOf<std::string>(given, key));
+        if (key == "AdditionalNumPortData")
+            refuseDelta(textOf(given, key));
+        if (key == "PrintData" && !keys.back().second.empty())
+            refuseKeptFile(textOf(given, key));
     }
-    if (!updatesM.push(client, std::move(keys), request.value("force", false)))
+    if (!laneM.push({LoadLane::UPDATE, {}, std::move(keys), client, false, valueOf(request, "force", false)}))
         throw RequestError("too many updates are waiting");
 }
 
@@ -283,7 +358,7 @@ void Daemon::listProbes(Client client) {
 }
 
 void Daemon::showLog(Client client, Json const& request) {
-    bool const follow = request.value("follow", false);
+    bool const follow = valueOf(request, "follow", false);
     ReportHub::Recent const recent = partsM.hub.since(partsM.hub.last(recentReportsCM));
     Json reports = Json::array();
     for (LogReport const& report : recent.reports)

@@ -4,6 +4,7 @@
 #include "host/ExitStatus.h"
 #include "host/HostError.h"
 #include "host/Instant.h"
+#include "host/StandardError.h"
 #include "host/Text.h"
 
 #include <algorithm>
@@ -79,6 +80,8 @@ class Comparing {
     // The plug-in wants a data file that it can open; the configured one is not touched.
     static Configuration configurationFor(DiffOptions const& options) {
         Configuration configuration = readConfiguration(options.common.configuration);
+        for (std::string const& file : {options.before, options.after})
+            StandardError::keepOff(file, "one of the files");
         configuration.useDataFile(options.before);
         return configuration;
     }
@@ -87,13 +90,6 @@ class Comparing {
     std::size_t memoryM;
     NetworkNames namesM;
 };
-
-BAS::DateTime instantOf(DiffOptions const& options) {
-    BAS::DateTime const at = options.at.empty() ? BAS::DateTime::now() : parseInstant(options.at);
-    if (!at.isValid())
-        throw HostError("the instant '" + shortened(options.at) + "' is not valid");
-    return at;
-}
 
 void complete(FileTotals& file, SideCounts const& counts) {
     file.lines.records = counts.records;
@@ -104,7 +100,7 @@ void complete(FileTotals& file, SideCounts const& counts) {
 } // namespace
 
 int diff(DiffOptions const& options) {
-    DiffTotals totals = {instantOf(options), {options.before, {}}, {options.after, {}}, {}};
+    DiffTotals totals = {instantOf(options.at, BAS::DateTime::now()), {options.before, {}}, {options.after, {}}, {}};
     Comparing comparing(options);
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
     std::unique_ptr<RecordSource> after = comparing.read(totals.after);

@@ -27,7 +27,7 @@ struct DiffOptions {
     CommonOptions common;
     std::string before;
     std::string after;
-    std::string at; // empty: now
+    std::optional<std::string> at; // none: now
     std::optional<Difference> list;
     bool matrix = false; // neither list nor json
     unsigned memory = 512;

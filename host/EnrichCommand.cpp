@@ -53,6 +53,8 @@ WantedColumns wantedOf(EnrichOptions const& options) {
         if (!added)
             throw HostError("--add: '" + shortened(name) +
                             "' is not one of network, valid-from, prefix, next-change and method");
+        if (std::find(wanted.added.begin(), wanted.added.end(), *added) != wanted.added.end())
+            throw HostError("--add names '" + name + "' twice");
         wanted.added.push_back(*added);
     }
     if (std::find(wanted.added.begin(), wanted.added.end(), Added::NETWORK) == wanted.added.end())
@@ -163,6 +165,7 @@ class EnrichRun {
             writtenM = true;
         }
         summaryM.counts += job.counts;
+        summaryM.addUnreadable(job.unreadable);
         recordsM.store(summaryM.counts.records, std::memory_order_relaxed);
         foundM.store(summaryM.counts.found, std::memory_order_relaxed);
         rejectedM.store(summaryM.counts.rejected(), std::memory_order_relaxed);
@@ -211,15 +214,14 @@ int enrichCompleted(EnrichOptions const& options) {
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);
     Configuration configuration = readConfiguration(options.common.configuration);
-    FileRoles{
-        options.inputs,
-        options.output,
-        options.rejects,
-        {{configuration.dataFile(), "the data file itself"}, {options.common.configuration, "the configuration file"}}}
+    FileRoles{options.inputs,
+              options.output,
+              options.rejects,
+              {{configuration.dataFile(), "the data file itself"},
+               {options.common.configuration, "the configuration file"},
+               {configuration.logFile, "the daemon's log"}}}
         .check();
-    DiallingCodes const codes = diallingCodesOf(configuration);
     Host host(std::move(configuration), options.common);
-    NumberForm const form(codes, [&host](BAS::String& number) { host.plugIn().normalize(number); });
     RecordInput input(options.inputs, format);
     input.start();
     EnrichPlan const plan(wanted, format, input);
@@ -227,7 +229,7 @@ int enrichCompleted(EnrichOptions const& options) {
                                 plan,
                                 input,
                                 times,
-                                options.normalise ? &form : nullptr,
+                                options.normalise ? &host.numbers() : nullptr,
                                 options.method,
                                 options.method.value_or(host.plugIn().serviceStatus().searchMethod),
                                 options.output ? compressionOfName(*options.output) : Compression::NONE,

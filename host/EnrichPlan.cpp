@@ -30,12 +30,12 @@ std::optional<Added> addedOf(std::string_view name) {
     return found == addedNamesCM.end() ? std::nullopt : std::optional(static_cast<Added>(found - addedNamesCM.begin()));
 }
 
-EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput const& input)
+EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input)
     : formatM(format), addedM(wanted.added), numberCountM(wanted.numbers.size()), membersM({wanted.time}) {
     membersM.insert(membersM.end(), wanted.numbers.begin(), wanted.numbers.end());
     if (format.kind == RecordFormat::Kind::JSON)
         nameAdded(wanted.numbers);
-    else if (input.fieldCount() > 0) // else there is no record
+    else if (!input.isEmpty())
         resolveColumns(input);
     if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||
         std::set<std::size_t>(columnsM.begin(), columnsM.end()).size() != columnsM.size())
@@ -43,7 +43,7 @@ EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, 
     checkNames(input);
 }
 
-void EnrichPlan::resolveColumns(RecordInput const& input) {
+void EnrichPlan::resolveColumns(RecordInput& input) {
     fieldCountM = input.fieldCount();
     for (std::string const& column : membersM)
         columnsM.push_back(input.positionOf(column));

@@ -33,7 +33,7 @@ struct WantedColumns {
 class EnrichPlan {
   public:
     // The input was started.
-    EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput const& input);
+    EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input);
 
     RecordFormat const& format() const { return formatM; }
     std::vector<Added> const& added() const { return addedM; }
@@ -48,7 +48,7 @@ class EnrichPlan {
     std::unique_ptr<RecordReader> makeReader() const;
 
   private:
-    void resolveColumns(RecordInput const& input);
+    void resolveColumns(RecordInput& input);
     std::string nameOf(std::size_t i, RecordInput const& input) const;
     void nameAdded(std::vector<std::string> const& numbers);
     void checkNames(RecordInput const& input) const;

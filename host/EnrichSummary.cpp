@@ -39,6 +39,7 @@ EnrichCounts& EnrichCounts::operator+=(EnrichCounts const& other) {
     found += other.found;
     notFound += other.notFound;
     withoutNumber += other.withoutNumber;
+    unreadable += other.unreadable;
     ambiguous += other.ambiguous;
     impossible += other.impossible;
     std::transform(problems.begin(), problems.end(), other.problems.begin(), problems.begin(), std::plus<>());
@@ -58,12 +59,21 @@ std::vector<std::pair<std::string, std::uint64_t>> NetworkCounts::sorted() const
     return all;
 }
 
+void EnrichSummary::addUnreadable(std::vector<UnreadableNumber> const& more) {
+    std::size_t const count = std::min(more.size(), shownUnreadableCM - unreadable.size());
+    unreadable.insert(unreadable.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
 std::string EnrichSummary::text() const {
     std::string text;
     appendCount(text, "Records:", counts.records);
     appendCount(text, "Numbers found:", counts.found);
     appendCount(text, "Numbers not found:", counts.notFound);
     appendCount(text, "Fields without a number:", counts.withoutNumber);
+    if (counts.unreadable > 0)
+        appendCount(text, "Unreadable numbers:", counts.unreadable);
+    for (UnreadableNumber const& number : unreadable)
+        text += "  " + number.file + ":" + std::to_string(number.line) + ": '" + shortened(number.text) + "'\n";
     appendCount(text, kept ? "Unusable records, kept:" : "Rejected records:", counts.rejected());
     for (std::size_t i = 1; i < problemsCM; ++i)
         if (counts.problems[i] > 0)
@@ -93,10 +103,15 @@ std::string EnrichSummary::json() const {
     auto const all = networks.sorted();
     for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
         top.push_back({{"network", asUtf8(all[i].first)}, {"numbers", all[i].second}});
+    nlohmann::json first = nlohmann::json::array();
+    for (UnreadableNumber const& number : unreadable)
+        first.push_back({{"file", asUtf8(number.file)}, {"line", number.line}, {"text", asUtf8(number.text)}});
     nlohmann::json object = {{"records", counts.records},
                              {"found", counts.found},
                              {"notFound", counts.notFound},
                              {"withoutNumber", counts.withoutNumber},
+                             {"unreadable", counts.unreadable},
+                             {"firstUnreadable", first},
                              {"rejected", counts.rejected()},
                              {"rejectedByReason", reasons},
                              {"kept", kept},

@@ -1,7 +1,7 @@
 // nphost::EnrichSummary: what became of the records of an enrichment.
 //
 // Purpose: counts, added up over blocks and threads, and told at the end as text or as one JSON object.
-// Units: found, notFound and withoutNumber count numbers, of which a record may have several; the others records.
+// Units: found, notFound, withoutNumber and unreadable count numbers, of which a record may have several; the others records.
 // Ownership: values. Threads: none inside. Errors: std::bad_alloc.
 // Complexity: a hash a network that is added.
 #pragma once
@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace nphost {
 
@@ -21,6 +22,7 @@ struct EnrichCounts {
     std::uint64_t found = 0;
     std::uint64_t notFound = 0;
     std::uint64_t withoutNumber = 0; // there was none to look up
+    std::uint64_t unreadable = 0;    // what there was could not be read as one
     std::uint64_t ambiguous = 0;     // times that came twice
     std::uint64_t impossible = 0;    // times that were left out
     std::array<std::uint64_t, problemsCM> problems{};
@@ -28,6 +30,14 @@ struct EnrichCounts {
     std::uint64_t rejected() const;
     EnrichCounts& operator+=(EnrichCounts const& other);
 };
+
+// A number that could not be read, as it stands in a record.
+struct UnreadableNumber {
+    std::string file;
+    std::uint64_t line = 0; // of the record's first line
+    std::string text;
+};
+constexpr std::size_t shownUnreadableCM = 5;
 
 // How many numbers belong to each network.
 class NetworkCounts {
@@ -45,9 +55,13 @@ class NetworkCounts {
 struct EnrichSummary {
     EnrichCounts counts;
     NetworkCounts networks;
+    std::vector<UnreadableNumber> unreadable; // up to shownUnreadableCM, the first ones
     double seconds = 0;
     bool kept = false;   // rejected records stand in the output
     std::string stopped; // why the input was not read to its end; empty: it was
+
+    // Adds those of a further part of the input.
+    void addUnreadable(std::vector<UnreadableNumber> const& more);
 
     std::string text() const;
     std::string json() const;

@@ -40,6 +40,7 @@ void Enricher::process(EnrichJob& job) {
     job.result = job.prefix;
     job.rejects.clear();
     job.counts = {};
+    job.unreadable.clear();
     if (job.input.block.piece() == RecordBlock::Piece::NONE)
         processRecords();
     else
@@ -51,6 +52,7 @@ void Enricher::process(EnrichJob& job) {
 
 void Enricher::processRecords() {
     RecordBlock const& block = jobM->input.block;
+    readerM->expectFields(jobM->input.fields);
     readerM->begin(block.text(), block.firstLine());
     while (fill()) {
         if (!contextM.passThrough)
@@ -84,20 +86,20 @@ void Enricher::take(Record& record, std::uint32_t* questions) {
     jobM->counts.ambiguous += reading->doubt == TimeReader::Doubt::AMBIGUOUS ? 1 : 0;
     jobM->counts.impossible += reading->doubt == TimeReader::Doubt::IMPOSSIBLE ? 1 : 0;
     for (std::size_t i = 0; i < contextM.plan.numberCount(); ++i)
-        questions[i] = ask(record.values[i + 1], reading->instant);
+        questions[i] = ask(record.line, record.values[i + 1], reading->instant);
 }
 
-std::uint32_t Enricher::ask(std::string_view number, BAS::DateTime at) {
-    BAS::String& place = batchM.nextNumber();
-    if (contextM.form != nullptr) {
-        if (!contextM.form->toStored(number, place))
-            return noneCM;
-    } else {
-        if (!hasDigit(number))
-            return noneCM;
-        place.assign(number.data(), number.size());
+std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::DateTime at) {
+    switch (readNumber(number, contextM.form, batchM.nextNumber())) {
+    case NumberKind::NUMBER:
+        return static_cast<std::uint32_t>(batchM.add(at));
+    case NumberKind::NONE:
+        return noneCM;
+    default:
+        if (jobM->unreadable.size() < shownUnreadableCM)
+            jobM->unreadable.push_back({contextM.input.nameOf(jobM->input.file), line, std::string(number)});
+        return unreadableCM;
     }
-    return static_cast<std::uint32_t>(batchM.add(at));
 }
 
 void Enricher::write(Record& record, std::uint32_t const* questions) {
@@ -122,7 +124,7 @@ void Enricher::write(Record& record, std::uint32_t const* questions) {
 
 // Sets the values of one of the record's numbers; false when one cannot be written.
 bool Enricher::answer(std::size_t number, std::uint32_t question) {
-    bool const asked = question != noneCM && !contextM.passThrough;
+    bool const asked = question != noneCM && question != unreadableCM && !contextM.passThrough;
     LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
     NetworkFields::Network* const network = record != nullptr ? &networksM.at(record->networkIdM) : nullptr;
     foundM[number] = network;
@@ -177,9 +179,10 @@ bool Enricher::setInstant(std::size_t value, BAS::DateTime at) {
 
 void Enricher::count(std::size_t number, std::uint32_t question) {
     NetworkFields::Network* const network = foundM[number];
-    ++(question == noneCM   ? jobM->counts.withoutNumber
-       : network != nullptr ? jobM->counts.found
-                            : jobM->counts.notFound);
+    ++(question == noneCM         ? jobM->counts.withoutNumber
+       : question == unreadableCM ? jobM->counts.unreadable
+       : network != nullptr       ? jobM->counts.found
+                                  : jobM->counts.notFound);
     if (network != nullptr)
         ++network->numbers;
 }

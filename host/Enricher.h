@@ -51,6 +51,7 @@ struct EnrichJob {
     std::string_view output; // the one of the two that is to be written
     std::string rejects;
     EnrichCounts counts;
+    std::vector<UnreadableNumber> unreadable; // the first ones
 };
 
 constexpr std::string_view rejectsHeaderCM = "file,line,reason,record\n";
@@ -66,8 +67,9 @@ class Enricher {
     NetworkFields const& networks() const { return networksM; }
 
   private:
-    static constexpr std::size_t recordsCM = 256; // looked up together
-    static constexpr std::uint32_t noneCM = UINT32_MAX;
+    static constexpr std::size_t recordsCM = 256;       // looked up together
+    static constexpr std::uint32_t noneCM = UINT32_MAX; // no question: no number; one that cannot be read
+    static constexpr std::uint32_t unreadableCM = noneCM - 1;
 
     static std::unique_ptr<RecordWriter> writerOf(EnrichPlan const& plan);
 
@@ -75,7 +77,7 @@ class Enricher {
     void processPiece();
     bool fill();
     void take(Record& record, std::uint32_t* questions);
-    std::uint32_t ask(std::string_view number, BAS::DateTime at);
+    std::uint32_t ask(std::uint64_t line, std::string_view number, BAS::DateTime at);
     void write(Record& record, std::uint32_t const* questions);
     bool answer(std::size_t number, std::uint32_t question);
     bool explain(std::uint32_t question, std::size_t value);

@@ -33,6 +33,8 @@ LoadFigures figuresOf(DAT::NumberPortability::DataSummary const& summary, std::s
     figures.records = summary.records;
     figures.rejected = summary.rejected();
     figures.firstReject = std::move(first);
+    figures.withoutDigits = summary.withoutDigits;
+    figures.firstWithoutDigits = summary.firstWithoutDigits;
     figures.lastLineComplete = summary.lastLineComplete;
     figures.lineBytes = summary.lineBytes;
     figures.longestLine = summary.longestLine;

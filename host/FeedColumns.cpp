@@ -3,6 +3,7 @@
 #include "host/HostError.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -12,8 +13,10 @@ namespace {
 
 constexpr std::array<std::string_view, FeedColumns::fieldsCM> namesCM = {"number", "valid-from", "network"};
 
-// The field that the text names with a '=' behind, which goes.
+// The field that the text names with a '=' behind, which goes, as blanks before it do.
 std::optional<std::size_t> takeField(std::string_view& text) {
+    std::string_view const whole = text;
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
     for (std::size_t field = 0; field < namesCM.size(); ++field) {
         std::string_view const name = namesCM[field];
         if (text.starts_with(name) && text.substr(name.size()).starts_with('=')) {
@@ -21,6 +24,7 @@ std::optional<std::size_t> takeField(std::string_view& text) {
             return field;
         }
     }
+    text = whole;
     return std::nullopt;
 }
 
@@ -57,7 +61,7 @@ FeedColumns::FeedColumns(std::string_view map) {
             throw HostError("the map of columns lacks " + std::string(namesCM[field]) + "=COLUMN");
 }
 
-std::vector<std::size_t> FeedColumns::positions(RecordInput const& input) const {
+std::vector<std::size_t> FeedColumns::positions(RecordInput& input) const {
     std::vector<std::size_t> result;
     for (Field const field : {NUMBER, VALID_FROM, NETWORK}) {
         result.push_back(input.positionOf(columnsM[field]));

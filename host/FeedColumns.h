@@ -28,7 +28,7 @@ class FeedColumns {
     explicit FeedColumns(std::string_view map);
 
     // The positions from 0 of number, valid-from and network in the input, which was started; all different.
-    std::vector<std::size_t> positions(RecordInput const& input) const;
+    std::vector<std::size_t> positions(RecordInput& input) const;
 
   private:
     std::array<std::string, fieldsCM> columnsM;

@@ -1,7 +1,6 @@
 #include "host/FeedConversion.h"
 
 #include "host/Instant.h"
-#include "host/Numbers.h"
 #include "host/Text.h"
 
 #include <utility>
@@ -19,6 +18,8 @@ constexpr std::array<Words, refusalsCM> wordsCM = {{
     {"broken-quotes", "the quotation marks do not match"},
     {"long-record", "the record is longer than a megabyte"},
     {"no-number", "there is no number"},
+    {"unreadable-number", "the number cannot be read"},
+    {"decimal-number", "the number has a decimal point, as spreadsheets write quantities"},
     {"not-digits", "the number has more than digits, and --normalise is not given"},
     {"long-number", "the number is too long"},
     {"bad-time", "the time cannot be read"},
@@ -55,8 +56,7 @@ Refusal refusalOf(Problem problem) {
     }
 }
 
-FeedConversion::FeedConversion(TimeReader times, std::optional<NumberForm> numbers)
-    : timesM(std::move(times)), numbersM(std::move(numbers)) {}
+FeedConversion::FeedConversion(TimeReader times, NumberForm const* form) : timesM(std::move(times)), formM(form) {}
 
 FeedConversion::Outcome FeedConversion::convert(std::string_view number, std::string_view validFrom,
                                                 std::string_view network, std::string& out) {
@@ -77,10 +77,16 @@ bool FeedConversion::refuse(Refusal refusal, std::string_view subject) {
 }
 
 bool FeedConversion::readNumber(std::string_view text) {
-    bool const read = numbersM ? numbersM->toStored(text, numberM) : readPlainNumber(text, numberM);
-    if (!read)
-        return refuse(numbersM || !hasDigit(text) ? Refusal::NO_NUMBER : Refusal::NOT_DIGITS, text);
-    return numberM.length() <= longestNumberCM || refuse(Refusal::LONG_NUMBER, text);
+    switch (formM != nullptr ? formM->toStored(text, numberM) : readPlainNumber(text, numberM)) {
+    case NumberKind::NUMBER:
+        return numberM.length() <= longestNumberCM || refuse(Refusal::LONG_NUMBER, text);
+    case NumberKind::DECIMAL:
+        return refuse(Refusal::DECIMAL_NUMBER, text);
+    case NumberKind::UNREADABLE:
+        return refuse(formM != nullptr ? Refusal::UNREADABLE_NUMBER : Refusal::NOT_DIGITS, text);
+    default:
+        return refuse(Refusal::NO_NUMBER, text);
+    }
 }
 
 bool FeedConversion::readNetwork(std::string_view text) {

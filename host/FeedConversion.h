@@ -9,7 +9,7 @@
 //   another.
 // Units and ranges: numbers to longestNumberCM characters, network identifiers to longestNetworkCM bytes: the data know
 // no bounds, but what is longer is no number and no name.
-// Ownership: owns its parts; remembers every record (SeenRecords.h).
+// Ownership: owns its parts but the NumberForm; remembers every record (SeenRecords.h).
 // Threads: one at a time.
 // Errors: HostError when two networks would become one; std::bad_alloc.
 // Complexity: linear in the record.
@@ -37,6 +37,8 @@ enum class Refusal : std::uint8_t {
     BROKEN_QUOTES,
     LONG_RECORD,
     NO_NUMBER,
+    UNREADABLE_NUMBER,
+    DECIMAL_NUMBER,
     NOT_DIGITS,
     LONG_NUMBER,
     BAD_TIME,
@@ -45,7 +47,7 @@ enum class Refusal : std::uint8_t {
     CONTROL_CHARACTER,
     OTHER_NETWORK,
 };
-constexpr std::size_t refusalsCM = 11;
+constexpr std::size_t refusalsCM = 13;
 
 // One word with hyphens, and a sentence without its full stop.
 char const* nameOf(Refusal refusal);
@@ -66,7 +68,8 @@ class FeedConversion {
         std::uint64_t impossible = 0;
     };
 
-    FeedConversion(TimeReader times, std::optional<NumberForm> numbers);
+    // Without a form, which is borrowed, numbers are taken as they stand.
+    FeedConversion(TimeReader times, NumberForm const* form);
 
     // Appends the data line with its newline to `out`, if the record is CONVERTED.
     Outcome convert(std::string_view number, std::string_view validFrom, std::string_view network, std::string& out);
@@ -87,7 +90,7 @@ class FeedConversion {
     void append(BAS::DateTime validFrom, std::string& out) const;
 
     TimeReader timesM;
-    std::optional<NumberForm> numbersM;
+    NumberForm const* formM;
     FeedNetworks networksM;
     SeenRecords seenM;
     Counts countsM;

@@ -3,6 +3,7 @@
 #include "host/HostError.h"
 #include "host/ResultTarget.h"
 #include "host/SameFile.h"
+#include "host/StandardError.h"
 #include "host/Text.h"
 
 #include <cerrno>
@@ -62,6 +63,8 @@ void FileRoles::checkResult(std::string const& written, bool isOutput) const {
 void FileRoles::check() const {
     if (rejects && isStandardOutput(*rejects))
         throw HostError("--rejects: standard output has the records or the summary; name a file");
+    for (std::string const& input : inputs)
+        StandardError::keepOff(input == "-" ? "/dev/stdin" : input, "one of the inputs");
     for (std::string const& input : inputs)
         if (input != "-" && access(input.c_str(), R_OK) != 0)
             failWith(input, ": cannot be opened: ", errno);

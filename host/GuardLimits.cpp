@@ -56,6 +56,7 @@ class Verdict {
         if (kindM == LoadKind::RELOAD)
             loss();
         rejects();
+        withoutDigits();
         if (kindM != LoadKind::DELTA)
             fewRecords();
         if (limitsM.requireCompleteLastLine && !figuresM.lastLineComplete)
@@ -79,9 +80,16 @@ class Verdict {
     }
 
     void fewRecords() {
-        if (limitsM.minRecords && figuresM.records < *limitsM.minRecords)
+        if (figuresM.records < limitsM.minRecords)
             add("the file has " + grouped(figuresM.records) +
-                " records, fewer than minRecords = " + std::to_string(*limitsM.minRecords));
+                " records, fewer than minRecords = " + std::to_string(limitsM.minRecords));
+    }
+
+    void withoutDigits() {
+        if (limitsM.maxNumbersWithoutDigits && figuresM.withoutDigits > *limitsM.maxNumbersWithoutDigits)
+            add(grouped(figuresM.withoutDigits) + " records have no digit in their number field, the first at line " +
+                grouped(figuresM.firstWithoutDigits) +
+                ", more than maxNumbersWithoutDigits = " + std::to_string(*limitsM.maxNumbersWithoutDigits));
     }
 
     void memory() {
@@ -162,8 +170,10 @@ std::string textOf(GuardLimits const& limits) {
         add("maxLossPercent", percent(*limits.maxLossPercent));
     if (limits.maxRejectedPercent)
         add("maxRejectedPercent", percent(*limits.maxRejectedPercent));
-    if (limits.minRecords)
-        add("minRecords", std::to_string(*limits.minRecords));
+    if (limits.maxNumbersWithoutDigits)
+        add("maxNumbersWithoutDigits", std::to_string(*limits.maxNumbersWithoutDigits));
+    if (limits.minRecords > 0)
+        add("minRecords", std::to_string(limits.minRecords));
     if (limits.requireCompleteLastLine)
         add("requireCompleteLastLine", "true");
     if (limits.maxMemoryMiB)

@@ -1,12 +1,14 @@
 // nphost::GuardLimits: the limits that a data file must keep to be loaded, and the verdict on one.
 //
 // Purpose: the table [host.guard] says what a sound file looks like, a check says what a file holds, and crossedLimits
-// says in words which limits it crosses. Every limit is off unless it is configured; a file exactly at one passes.
+// says in words which limits it crosses. Every limit but minRecords is off unless it is configured; a file exactly at one
+// passes.
 //
 //     maxLossPercent            of the live records, that a reload would lose: live records less those of the file. Not
 //                               for a delta, which loses none; of no live records none are lost
 //     maxRejectedPercent        of the file's lines, that are rejected, duplicates included; of no lines none are
-//     minRecords                that the file holds; not for a delta
+//     maxNumbersWithoutDigits   records whose number field has no digit, so that they answer for all of the country
+//     minRecords                that the file holds; 1 unless it is configured, 0 is off; not for a delta
 //     requireCompleteLastLine   the last line has its newline; a file without lines has none that lacks it
 //     maxMemoryMiB              that the process takes at the load's peak, as memoryAtPeak reckons it
 //
@@ -32,12 +34,20 @@ struct GuardLimits {
 
     std::optional<std::uint32_t> maxLossPercent;     // in thousandths
     std::optional<std::uint32_t> maxRejectedPercent; // in thousandths
-    std::optional<std::uint64_t> minRecords;
+    std::optional<std::uint64_t> maxNumbersWithoutDigits;
+    std::uint64_t minRecords = 1; // a file without records takes all numbers out of service
     bool requireCompleteLastLine = false;
     std::optional<std::uint64_t> maxMemoryMiB;
 
     bool any() const {
-        return maxLossPercent || maxRejectedPercent || minRecords || requireCompleteLastLine || maxMemoryMiB;
+        return maxLossPercent || maxRejectedPercent || maxNumbersWithoutDigits || minRecords > 0 ||
+               requireCompleteLastLine || maxMemoryMiB;
+    }
+    // Nothing is asked but that there is a record: no need to read further than to the first.
+    bool onlyAnyRecord() const {
+        GuardLimits others = *this;
+        others.minRecords = 0;
+        return minRecords == 1 && !others.any();
     }
     // Those that are asked of such a load.
     GuardLimits askedOf(LoadKind kind) const {
@@ -45,7 +55,7 @@ struct GuardLimits {
         if (kind != LoadKind::RELOAD)
             asked.maxLossPercent.reset();
         if (kind == LoadKind::DELTA)
-            asked.minRecords.reset();
+            asked.minRecords = 0;
         return asked;
     }
 };
@@ -58,6 +68,8 @@ struct LoadFigures {
     std::uint64_t records = 0;
     std::uint64_t rejected = 0;
     std::string firstReject; // where and why; empty when there is none
+    std::uint64_t withoutDigits = 0;
+    std::uint64_t firstWithoutDigits = 0; // its line
     bool lastLineComplete = true;
     std::uint64_t lineBytes = 0;
     std::uint64_t longestLine = 0;

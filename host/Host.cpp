@@ -39,7 +39,8 @@ Host::Host(Configuration configuration, CommonOptions const& options, LogSetting
       catalogueM(orDefault(configurationM.messages, NP_INSTALLED_MESSAGES, "../share/numberportability/messages.toml")),
       logM(catalogueM, log), rootM(eventHandlerM), registryM(configurationM.registry),
       moduleM(orDefault(configurationM.module, NP_INSTALLED_MODULE, "../lib/DAT_NumberPortability.so")),
-      plugInM(withProbes(moduleM), plugInNameCM) {
+      plugInM(withProbes(moduleM), plugInNameCM),
+      numbersM(diallingCodesOf(configurationM), [this](BAS::String& number) { plugInM.normalize(number); }) {
     if (!plugInM.isValid())
         fail("the plug-in refuses to start");
 }
@@ -59,8 +60,7 @@ void Host::start() {
         started = plugInM.init();
     }
     if (unsigned long const hidden = logM.hiddenRejects(); hidden > 0)
-        complain(std::to_string(hidden) +
-                 " more reports of rejected lines are not shown; 'nphost check' lists every such line once");
+        complain(std::to_string(hidden) + " more rejected lines are not shown; 'nphost check --all' lists every one");
     if (!started)
         fail("the data could not be loaded");
     throwFailure();

@@ -13,6 +13,7 @@
 #include "host/FrameworkObjects.h"
 #include "host/LoadedModule.h"
 #include "host/Log.h"
+#include "host/NumberForm.h"
 #include "host/ProgressLine.h"
 
 #include <filesystem>
@@ -39,6 +40,9 @@ class Host {
 
     LoadedPlugIn& plugIn() { return plugInM; }
     Log& log() { return logM; }
+
+    // What brings numbers into stored form by the configured dialling codes.
+    NumberForm const& numbers() const { return numbersM; }
 
     // How far the present load or examination has come.
     ProgressLine::Reading loadProgress() const;
@@ -71,6 +75,7 @@ class Host {
     InstalledRegistry registryM;
     LoadedModule moduleM;
     LoadedPlugIn plugInM;
+    NumberForm numbersM;
 };
 
 } // namespace nphost

@@ -107,13 +107,13 @@ RecordFormat formatOf(ImportOptions const& options) {
 // One feed on its way into a data file.
 class Import {
   public:
-    Import(ImportOptions const& options, std::optional<NumberForm> numbers)
+    Import(ImportOptions const& options, NumberForm const* form)
         : optionsM(options), columnsM(options.map), formatM(formatOf(options)), inputM({options.file}, formatM),
-          conversionM(TimeReader(options.timeFormat, options.zone), std::move(numbers)) {}
+          conversionM(TimeReader(options.timeFormat, options.zone), form) {}
 
     int run() {
         inputM.start();
-        if (inputM.fieldCount() == 0)
+        if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
         Interruption const interruption(stopReadingM);
@@ -133,7 +133,8 @@ class Import {
             throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written" +
                             (rejects.total() > 0
                                  ? "; rejected: " + std::to_string(rejects.total()) + ", " + rejects.mostFrequent()
-                                 : ""));
+                                 : "") +
+                            inputM.hint());
         if (whole)
             target.sync();
         rejects.sync();
@@ -150,7 +151,7 @@ class Import {
         for (InputBlock block; stoppedM.empty() && inputM.next(block, stopReadingM);) {
             Interruption::check();
             if (block.block.piece() == RecordBlock::Piece::NONE)
-                convertBlock(block.block, reader, target, rejects);
+                convertBlock(block, reader, target, rejects);
             else
                 rejectPiece(block.block, rejects);
             target.write();
@@ -160,8 +161,9 @@ class Import {
 
     ProgressLine::Reading reading() const { return {linesM.load(), inputM.done(), inputM.total()}; }
 
-    void convertBlock(RecordBlock const& block, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
-        reader.begin(block.text(), block.firstLine());
+    void convertBlock(InputBlock const& input, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        reader.expectFields(input.fields);
+        reader.begin(input.block.text(), input.block.firstLine());
         for (Record record; stoppedM.empty() && reader.next(record);) {
             if (record.text.empty() && record.problem == Problem::NONE)
                 ++emptyLinesM;
@@ -264,11 +266,13 @@ class Import {
     std::atomic<std::uint64_t> linesM{0};
 };
 
-void checkFiles(ImportOptions const& options, std::string const& dataFile) {
+void checkFiles(ImportOptions const& options, Configuration const& configuration) {
     FileRoles{{options.file},
               options.output,
               options.rejects,
-              {{options.common.configuration, "the configuration file"}, {dataFile, "the data file", true}}}
+              {{options.common.configuration, "the configuration file"},
+               {configuration.logFile, "the daemon's log"},
+               {configuration.dataFile(), "the data file", true}}}
         .check();
 }
 
@@ -278,15 +282,14 @@ int importChecked(ImportOptions options) {
     if (options.normalise && !isConfigured)
         throw HostError("--normalise needs --config FILE, for the dialling codes");
     Configuration configuration = isConfigured ? readConfiguration(options.common.configuration) : Configuration();
-    checkFiles(options, configuration.dataFile());
+    checkFiles(options, configuration);
     if (!options.normalise)
-        return Import(options, std::nullopt).run();
+        return Import(options, nullptr).run();
     // The module wants to open its data file, which may not be there yet: the configuration file is, and nothing is
     // loaded.
     configuration.useDataFile(options.common.configuration.string());
-    DiallingCodes const codes = diallingCodesOf(configuration);
-    Host host(std::move(configuration), options.common);
-    return Import(options, NumberForm(codes, [&host](BAS::String& number) { host.plugIn().normalize(number); })).run();
+    Host const host(std::move(configuration), options.common);
+    return Import(options, &host.numbers()).run();
 }
 
 } // namespace

@@ -1,5 +1,8 @@
 #include "host/Instant.h"
 
+#include "host/HostError.h"
+#include "host/Text.h"
+
 namespace nphost {
 
 BAS::DateTime parseInstant(std::string_view text) noexcept {
@@ -19,6 +22,14 @@ BAS::DateTime parseInstant(std::string_view text) noexcept {
             return {};
     }
     return BAS::DateTime(std::string_view(digits, count));
+}
+
+BAS::DateTime instantOf(std::optional<std::string> const& option, BAS::DateTime otherwise) {
+    BAS::DateTime const at = option ? parseInstant(*option) : otherwise;
+    if (option && !at.isValid())
+        throw HostError("'" + shortened(*option) +
+                        "' is not a valid instant; write YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS");
+    return at;
 }
 
 } // namespace nphost

@@ -20,7 +20,7 @@ struct JsonReader::Library {
     }
 
     // What a member says, as a text.
-    static std::string_view textOf(Element value, std::array<char, numberLengthCM>& place) {
+    static std::string_view textOf(Element value, std::array<char, numberLengthCM>& place, std::string& list) {
         switch (value.type()) {
         case simdjson::dom::element_type::STRING:
             return value.get_string().value_unsafe();
@@ -30,6 +30,9 @@ struct JsonReader::Library {
             return digits(value.get_uint64().value_unsafe(), place);
         case simdjson::dom::element_type::DOUBLE:
             return digits(value.get_double().value_unsafe(), place, std::chars_format::fixed);
+        case simdjson::dom::element_type::ARRAY:
+        case simdjson::dom::element_type::OBJECT:
+            return list = simdjson::minify(value);
         default:
             return {};
         }
@@ -40,7 +43,7 @@ struct JsonReader::Library {
 
 JsonReader::JsonReader(std::vector<std::string> wanted, std::vector<std::string> forbidden)
     : wantedM(std::move(wanted)), forbiddenM(std::move(forbidden)), libraryM(std::make_unique<Library>()),
-      numbersM(wantedM.size()) {}
+      numbersM(wantedM.size()), listsM(wantedM.size()) {}
 
 JsonReader::~JsonReader() = default;
 
@@ -83,7 +86,7 @@ Problem JsonReader::read(Record& record) {
             auto const i = static_cast<std::size_t>(wanted - wantedM.begin());
             if (record.values[i].data() != nullptr)
                 return Problem::MISSING_MEMBER;
-            std::string_view const text = Library::textOf(value, numbersM[i]);
+            std::string_view const text = Library::textOf(value, numbersM[i], listsM[i]);
             record.values[i] = text.empty() ? std::string_view("") : text; // not null: it is there
             ++found;
         } else if (std::find(forbiddenM.begin(), forbiddenM.end(), name) != forbiddenM.end()) {

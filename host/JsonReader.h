@@ -1,7 +1,7 @@
 // nphost::JsonReader: records of newline-delimited JSON, an object a line.
 //
 // Purpose: finds the values of named members of each object: texts unescaped, integers and other numbers in digits;
-// null, true and false are empty, as are objects and arrays. A line that is no JSON object in UTF-8 is a record with
+// null, true and false are empty; objects and arrays are their own text, without blanks. A line that is no JSON object in UTF-8 is a record with
 // BROKEN_JSON; one that lacks a wanted member, or has it twice, one with MISSING_MEMBER; one that has a member of a
 // forbidden name already, one with NAME_TAKEN. An empty line, or one of blanks, is a record without values.
 // Units: integers beyond 64 bits count as broken.
@@ -39,6 +39,7 @@ class JsonReader : public RecordReader {
     std::vector<std::string> forbiddenM;
     std::unique_ptr<Library> libraryM;
     std::vector<std::array<char, numberLengthCM>> numbersM; // of each wanted member, if it is one
+    std::vector<std::string> listsM;                        // the same of objects and arrays
     std::string_view restM;
     std::uint64_t lineM = 0;
 };

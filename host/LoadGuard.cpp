@@ -42,7 +42,7 @@ nlohmann::json toJson(LoadCheck const& check) {
                              {"forced", check.forced},
                              {"reasons", std::move(reasons)},
                              {"seconds", check.seconds}};
-    if (check.examined) {
+    if (check.examined && !check.cursory) {
         result["lines"] = check.figures.lines;
         result["records"] = check.figures.records;
         result["rejectedLines"] = check.figures.rejected;
@@ -59,6 +59,7 @@ LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
     check.kind = kind;
     check.guarded = limitsM.askedOf(kind).any();
     check.forced = check.guarded && force;
+    check.cursory = limitsM.askedOf(kind).onlyAnyRecord();
     check.passed = !check.guarded || check.forced;
     if (!check.guarded)
         return check;
@@ -82,20 +83,22 @@ void LoadGuard::ended() {
     plugInM.expectAnyFile();
 }
 
+void LoadGuard::stop() {
+    stopM.store(true); // first: a check that the plug-in breaks off asks why
+    plugInM.stopLoads();
+}
+
 LoadGuard::Standing LoadGuard::standing() const {
     BAS::MutexGuard const guard(lockM);
     return standingM;
 }
 
 void LoadGuard::carryOut(LoadCheck& check) {
-    {
-        BAS::MutexGuard const guard(lockM);
-        standingM.checking = check.file;
-    }
+    Checking const shown(*this, check.file);
     auto const begin = ReportHub::Clock::now();
     try {
         DataSummary const summary = examineFile(check);
-        check.stopped = check.examined && stopM.load();
+        check.stopped = stopM.load();
         check.reasons = faults(check, summary.changed);
         check.passed = check.reasons.empty();
         if (check.passed)
@@ -105,8 +108,16 @@ void LoadGuard::carryOut(LoadCheck& check) {
         check.reasons = {"memory did not suffice for the check"};
     }
     check.seconds = std::chrono::duration<double>(ReportHub::Clock::now() - begin).count();
-    BAS::MutexGuard const guard(lockM);
-    standingM.checking.reset();
+}
+
+LoadGuard::Checking::Checking(LoadGuard& owner, std::string const& file) : ownerM(owner) {
+    BAS::MutexGuard const guard(ownerM.lockM);
+    ownerM.standingM.checking = file;
+}
+
+LoadGuard::Checking::~Checking() {
+    BAS::MutexGuard const guard(ownerM.lockM);
+    ownerM.standingM.checking.reset();
 }
 
 DataSummary LoadGuard::examineFile(LoadCheck& check) {
@@ -119,7 +130,10 @@ DataSummary LoadGuard::examineFile(LoadCheck& check) {
             if (first.empty())
                 first = inWords(line);
         },
-        [&](std::uint64_t treeBytes) { return mayGoOn(check, treeBytes); });
+        [&](std::uint64_t treeBytes) {
+            bool const suffices = check.cursory && summary.records > 0;
+            return !suffices && mayGoOn(check, treeBytes);
+        });
     check.figures = figuresOf(summary, std::move(first));
     ServiceStatus const status = plugInM.serviceStatus(); // another load may have ended meanwhile
     check.figures.liveRecords = status.records;
@@ -135,14 +149,14 @@ bool LoadGuard::mayGoOn(LoadCheck const& check, std::uint64_t treeBytes) const {
     soFar.liveTreeBytes = check.figures.liveTreeBytes;
     soFar.treeBytes = treeBytes;
     soFar.lineBytes = plugInM.progress()->totalBytes();
-    return !stopM.load() && hasRoom(limitsM, check.kind, soFar);
+    return hasRoom(limitsM, check.kind, soFar);
 }
 
 std::vector<std::string> LoadGuard::faults(LoadCheck const& check, bool changed) const {
-    if (!check.examined)
-        return {"the file could not be read to its end"};
     if (check.stopped)
         return {"the daemon stops"};
+    if (!check.examined)
+        return {"the file could not be read to its end"};
     if (changed)
         return {"the file changed while it was checked"};
     return crossedLimits(limitsM, check.kind, check.figures);
@@ -154,6 +168,8 @@ void LoadGuard::report(LoadCheck const& check) {
     BAS::String const file(check.file);
     if (check.forced)
         return reportOwn("INF_HOST_GUARD_FORCED", BAS::Status::WARNING, {kind, file});
+    if (check.passed && check.cursory)
+        return; // nobody asked for it
     if (check.passed)
         return reportOwn("INF_HOST_GUARD_PASSED", BAS::Status::NORMAL,
                          {kind, file, secondsText(check.seconds), countText(check.figures.records),

@@ -9,8 +9,8 @@
 // Ownership: borrows the plug-in and its log; both must outlive it.
 // Threads: check and ended by any, one at a time; standing and stop by any.
 // Errors: std::bad_alloc, from check as an outcome that has not passed.
-// Complexity: a check is linear in the file and holds one tree of its records. Without limits for the kind of load it
-// does nothing, and passes.
+// Complexity: a check is linear in the file and holds one tree of its records. Where nothing is asked but that there is a
+// record it ends soon after the first one. Without limits for the kind of load it does nothing, and passes.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
@@ -36,6 +36,7 @@ struct LoadCheck {
     bool guarded = false;  // there are limits for such a load
     bool forced = false;   // they were not asked
     bool examined = false; // the file could be read
+    bool cursory = false;  // only to its first record, because nothing else is asked; the figures then mean nothing
     bool passed = false;
     bool stopped = false;             // cut short because the daemon ends: no refusal
     std::uint64_t loads = 0;          // that the plug-in had ended by then
@@ -46,7 +47,8 @@ struct LoadCheck {
     ReportCollector reports;
 };
 
-// The keys passed, forced, reasons, seconds, lines, records, rejectedLines and memoryMiB; null where nothing is guarded.
+// The keys passed, forced, reasons and seconds, and lines, records, rejectedLines and memoryMiB of a file that was read
+// whole; null where nothing is guarded.
 nlohmann::json toJson(LoadCheck const& check);
 
 class LoadGuard {
@@ -64,8 +66,8 @@ class LoadGuard {
     // The load that a check let pass is over.
     void ended();
 
-    // Ends a check that is under way, and those to come, without passing.
-    void stop() { stopM.store(true); }
+    // Ends the check or load under way, and all to come: a check does not pass, and counts as stopped.
+    void stop();
 
     struct Standing {
         std::optional<std::string> checking;  // the file
@@ -77,6 +79,18 @@ class LoadGuard {
     Standing standing() const;
 
   private:
+    // The file is shown as being checked while it lives.
+    class Checking {
+      public:
+        Checking(LoadGuard& owner, std::string const& file);
+        Checking(Checking const&) = delete;
+        Checking& operator=(Checking const&) = delete;
+        ~Checking();
+
+      private:
+        LoadGuard& ownerM;
+    };
+
     void carryOut(LoadCheck& check);
     DAT::NumberPortability::DataSummary examineFile(LoadCheck& check);
     bool mayGoOn(LoadCheck const& check, std::uint64_t treeBytes) const;

@@ -29,7 +29,7 @@ SharedObject loaded(std::filesystem::path const& file) {
 LoadedModule::LoadedModule(std::filesystem::path const& file) : fileM(file), objectM(loaded(file)) {
     find(operationsM.create, "DAT_NumberPortabilityModuleStart");
     // DAT::NumberPortability::PlugIn::search of one and of many, each without and with a method, normalize, print,
-    // examine, expectFile, expectAnyFile, visitFile, visitUpcoming, isWorker, progress, explain, serviceStatus
+    // examine, expectFile, expectAnyFile, visitFile, visitUpcoming, carryOut, stopLoads, progress, explain, serviceStatus
     find(operationsM.search, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
                              "NumberPortabilityDataE");
     find(operationsM.searchBy, "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21"
@@ -53,7 +53,8 @@ LoadedModule::LoadedModule(std::filesystem::path const& file) : fileM(file), obj
                                 "FileLineEEE");
     find(operationsM.visitUpcoming, "_ZN3DAT17NumberPortability6PlugIn13visitUpcomingERKN3BAS8DateTimeERS3_RKSt8"
                                     "functionIFvRKNS2_6StringERKNS0_21NumberPortabilityDataEEE");
-    find(operationsM.isWorker, "_ZNK3DAT17NumberPortability6PlugIn8isWorkerEv");
+    find(operationsM.carryOut, "_ZN3DAT17NumberPortability6PlugIn8carryOutENS1_9ProbeModeERKN3BAS6StringE");
+    find(operationsM.stopLoads, "_ZN3DAT17NumberPortability6PlugIn9stopLoadsEv");
     find(operationsM.progress, "_ZNK3DAT17NumberPortability6PlugIn8progressEv");
     find(operationsM.explain, "_ZN3DAT17NumberPortability6PlugIn7explainERKN3BAS6StringE");
     find(operationsM.serviceStatus, "_ZN3DAT17NumberPortability6PlugIn13serviceStatusEv");
@@ -132,8 +133,12 @@ NP_CALLS_MEMBERS bool LoadedPlugIn::visitUpcoming(BAS::DateTime const& after, BA
     return operationsM.visitUpcoming(objectM, after, liveSince, visit);
 }
 
-NP_CALLS_MEMBERS bool LoadedPlugIn::isWorker() const {
-    return operationsM.isWorker(objectM);
+NP_CALLS_MEMBERS bool LoadedPlugIn::carryOut(LoadedModule::PlugIn::ProbeMode mode, BAS::String const& value) {
+    return operationsM.carryOut(objectM, mode, value);
+}
+
+NP_CALLS_MEMBERS void LoadedPlugIn::stopLoads() {
+    operationsM.stopLoads(objectM);
 }
 
 NP_CALLS_MEMBERS LoadedModule::Progress const* LoadedPlugIn::progress() const {

@@ -21,6 +21,7 @@
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/PLG/DataPlugIn.h"
 #include "host/SharedObject.h"
+#include "plugin/PlugIn.h"
 #include "store/NumberPortabilityData.h"
 
 #include <filesystem>
@@ -28,10 +29,6 @@
 #include <memory>
 #include <span>
 #include <vector>
-
-namespace DAT::NumberPortability {
-class PlugIn;
-}
 
 namespace nphost {
 
@@ -46,6 +43,7 @@ class LoadedModule {
   private:
     friend class LoadedPlugIn;
 
+    using PlugIn = DAT::NumberPortability::PlugIn;
     using Record = DAT::NumberPortability::NumberPortabilityData;
     using Summary = DAT::NumberPortability::DataSummary;
     using Observer = DAT::NumberPortability::RejectObserver;
@@ -74,7 +72,8 @@ class LoadedModule {
         void (*expectAnyFile)(void*);
         bool (*visitFile)(void*, BAS::String const&, LineVisitor const&);
         bool (*visitUpcoming)(void*, BAS::DateTime const&, BAS::DateTime&, RecordVisitor const&);
-        bool (*isWorker)(void const*);
+        bool (*carryOut)(void*, PlugIn::ProbeMode, BAS::String const&);
+        void (*stopLoads)(void*);
         Progress const* (*progress)(void const*);
         // The place of a result that has a destructor goes before the object, for a member as for a function.
         Prefixes (*explain)(void*, BAS::String const&);
@@ -115,7 +114,8 @@ class LoadedPlugIn {
     void expectAnyFile();
     bool visitFile(BAS::String const& fileName, LoadedModule::LineVisitor const& visit);
     bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, LoadedModule::RecordVisitor const& visit);
-    bool isWorker() const;
+    bool carryOut(LoadedModule::PlugIn::ProbeMode mode, BAS::String const& value);
+    void stopLoads();
     LoadedModule::Progress const* progress() const;
     LoadedModule::Prefixes explain(BAS::String const& number);
     LoadedModule::ServiceStatus serviceStatus();

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
@@ -14,7 +13,8 @@ namespace nphost {
 namespace {
 
 // The reports of rejected lines, and which of their arguments says where the line is.
-constexpr std::array<std::pair<std::string_view, std::size_t>, 5> rejectsCM = {{
+constexpr std::size_t rejectKindsCM = 5;
+constexpr std::array<std::pair<std::string_view, std::size_t>, rejectKindsCM> rejectsCM = {{
     {"ERR_NUMBER_OF_FIELDS_IN_RECORD", 3},
     {"ERR_INVALID_DATETIME", 0},
     {"ERR_INVALID_NUMBER", 0},
@@ -29,6 +29,24 @@ auto findReject(BAS::Status const& status) {
 
 bool isReject(BAS::Status const& status) {
     return findReject(status) != rejectsCM.end();
+}
+
+LogReport reportOf(BAS::Status const& status, MessageCatalogue const& catalogue) {
+    LogReport report;
+    report.at = BAS::DateTime::now();
+    report.severity = status.severity();
+    report.object = status.name().str();
+    report.identifier = status.identifier().str();
+    for (BAS::String const& argument : status.arguments())
+        report.arguments.push_back(argument.str());
+    catalogue.append(report.text, status.identifier(), status.arguments());
+    return report;
+}
+
+BAS::Status ownStatus(char const* identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments) {
+    BAS::Status status;
+    status.set("nphost", identifier, severity, arguments);
+    return status;
 }
 
 thread_local bool keepsRejectsHere = false;
@@ -47,8 +65,10 @@ void Log::write(BAS::Status const& status) noexcept {
     BAS::MutexGuard const guard(lockM);
     Taken taken = Taken::HIDDEN;
     try {
+        endLoad(status);
         taken = take(status);
-    } catch (...) { // NOLINT(bugprone-empty-catch): a reporter must not fail for want of a log
+    } catch (...) { // a reporter must not fail for want of a log
+        lose();
     }
     if (settingsM.observer != nullptr && taken != Taken::KEPT)
         settingsM.observer->noticed(status, taken == Taken::SHOWN ? &reportM : nullptr);
@@ -81,34 +101,81 @@ void Log::keep(BAS::Status const& status) {
 }
 
 bool Log::isShown(BAS::Status const& status) {
+    auto const* const reject = findReject(status);
+    bool const isReject = reject != rejectsCM.end();
     if (settingsM.verbose)
-        return true;
+        return !isReject || isAmongFirst(static_cast<std::size_t>(reject - rejectsCM.begin()));
     if (status.severity() < BAS::Status::WARNING || status.severity() >= BAS::Status::MAJOR)
         return false;
-    return !isReject(status) || ++rejectsM <= rejectLimitCM;
+    return !isReject || (!isRepeated(status) && ++rejectsM <= rejectLimitCM);
+}
+
+bool Log::isAmongFirst(std::size_t kind) {
+    loaderM = std::this_thread::get_id();
+    if (++loadRejectsM <= loadRejectLimitCM)
+        return true;
+    ++loadHiddenM[kind];
+    return false;
+}
+
+// A line's place is among the arguments, so that equal reports are of one line.
+bool Log::isRepeated(BAS::Status const& status) {
+    BAS::Status::Arguments const& before = previousRejectM.arguments();
+    BAS::Status::Arguments const& now = status.arguments();
+    bool const repeated = previousRejectM.identifier() == status.identifier() &&
+                          std::equal(before.begin(), before.end(), now.begin(), now.end());
+    previousRejectM = status;
+    return repeated;
+}
+
+// Loads do not overlap: whoever else reports a rejected line has begun the next one.
+void Log::endLoad(BAS::Status const& status) {
+    bool const sameThread = loaderM == std::this_thread::get_id();
+    bool const ends = sameThread ? status.severity() != BAS::Status::WARNING : isReject(status);
+    if (loadRejectsM == 0 || keepsRejectsHere || !ends)
+        return;
+    loadRejectsM = 0;
+    auto const hidden = std::exchange(loadHiddenM, {});
+    unsigned long sum = 0;
+    std::string kinds;
+    for (std::size_t kind = 0; kind < hidden.size(); ++kind)
+        if (hidden[kind] > 0) {
+            sum += hidden[kind];
+            kinds +=
+                (kinds.empty() ? "" : ", ") + std::string(rejectsCM[kind].first) + " " + std::to_string(hidden[kind]);
+        }
+    if (sum == 0)
+        return;
+    BAS::Status const own = ownStatus("ERR_HOST_REJECTS_NOT_LOGGED", BAS::Status::WARNING,
+                                      {BAS::String(std::to_string(sum)), BAS::String(kinds)});
+    show(own);
+    if (settingsM.observer != nullptr)
+        settingsM.observer->noticed(own, &reportM);
 }
 
 void Log::show(BAS::Status const& status) {
-    reportM.at = BAS::DateTime::now();
-    reportM.severity = status.severity();
-    reportM.object = status.name().str();
-    reportM.identifier = status.identifier().str();
-    reportM.arguments.clear();
-    for (BAS::String const& argument : status.arguments())
-        reportM.arguments.push_back(argument.str());
-    reportM.text.clear();
-    catalogueM.append(reportM.text, status.identifier(), status.arguments());
+    if (unsaidM > 0 &&
+        put(reportOf(ownStatus("ERR_HOST_LOG_LOST", BAS::Status::MAJOR, {BAS::String(std::to_string(unsaidM))}),
+                     catalogueM)))
+        unsaidM = 0;
+    reportM = reportOf(status, catalogueM);
+    if (!put(reportM))
+        lose();
+}
 
+bool Log::put(LogReport const& report) {
     lineM.clear();
     if (settingsM.json)
-        lineM = toJson(reportM).dump();
+        appendJson(lineM, report);
     else
-        appendText(lineM, reportM);
+        appendText(lineM, report);
     lineM += '\n';
-    if (settingsM.target != nullptr)
-        settingsM.target->write(lineM);
-    else
-        StandardError::write(lineM);
+    return settingsM.target != nullptr ? settingsM.target->write(lineM) : StandardError::write(lineM);
+}
+
+void Log::lose() {
+    ++lostM;
+    ++unsaidM;
 }
 
 std::optional<Log::Failure> Log::failure() const {

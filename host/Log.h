@@ -4,11 +4,16 @@
 // A command that answers at once does not show everything. Unless it is verbose:
 // - information (severity below 2) is not shown;
 // - of the reports of rejected lines the first rejectLimitCM are shown, the rest is counted;
+//   each line once, although two trees are filled and the plug-in reports it for each;
 // - failures (severity 4 and up) are kept for the one line in which the command says why it ended.
+// A verbose log shows the first loadRejectLimitCM reports of rejected lines of a load, and then how many more there
+// were, by kind: a file that is wrong throughout must not fill the disk. A load is known by its thread, and ends with
+// the thread's next report that is no warning.
+// What the target cannot take is counted; the log says how many reports are missing as soon as it can be written again.
 // Ownership: borrows the catalogue, the target and the observer; installs itself as the framework's sink while it
 // lives.
 // Threads: write by any thread, one at a time; the rest by the thread that owns the log.
-// Errors: write never throws: a report that memory does not suffice for is lost.
+// Errors: write never throws: a report that memory does not suffice for is lost, and counted.
 // Complexity: linear in the report, constant for one that is not shown.
 #pragma once
 
@@ -18,8 +23,11 @@
 #include "host/LogTarget.h"
 #include "host/MessageCatalogue.h"
 
+#include <array>
+#include <atomic>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace nphost {
 
@@ -41,6 +49,7 @@ struct LogSettings {
 class Log : public BAS::LogSinkIf {
   public:
     static constexpr unsigned long rejectLimitCM = 20;
+    static constexpr unsigned long loadRejectLimitCM = 1000;
 
     struct Failure {
         std::string identifier;
@@ -73,15 +82,24 @@ class Log : public BAS::LogSinkIf {
     };
     Reject lastReject() const;
 
-    // How many reports of rejected lines were not shown.
+    // How many rejected lines were not shown.
     unsigned long hiddenRejects() const;
+
+    // How many reports could not be written. Waits for nobody.
+    unsigned long lost() const { return lostM.load(); }
 
   private:
     enum class Taken { KEPT, HIDDEN, SHOWN };
+    static constexpr std::size_t rejectKindsCM = 5;
     Taken take(BAS::Status const& status) NP_REQUIRES(lockM);
     void keep(BAS::Status const& status) NP_REQUIRES(lockM);
     bool isShown(BAS::Status const& status) NP_REQUIRES(lockM);
+    bool isAmongFirst(std::size_t kind) NP_REQUIRES(lockM);
+    bool isRepeated(BAS::Status const& status) NP_REQUIRES(lockM);
+    void endLoad(BAS::Status const& status) NP_REQUIRES(lockM);
     void show(BAS::Status const& status) NP_REQUIRES(lockM);
+    bool put(LogReport const& report) NP_REQUIRES(lockM);
+    void lose() NP_REQUIRES(lockM);
 
     MessageCatalogue const& catalogueM;
     LogSettings const settingsM;
@@ -89,8 +107,14 @@ class Log : public BAS::LogSinkIf {
     mutable BAS::Mutex lockM;
     std::optional<Failure> failureM NP_GUARDED_BY(lockM);
     unsigned long rejectsM NP_GUARDED_BY(lockM) = 0;
+    BAS::Status previousRejectM NP_GUARDED_BY(lockM); // that was reported, shown or not
+    std::thread::id loaderM NP_GUARDED_BY(lockM);     // of whose load the two below are
+    unsigned long loadRejectsM NP_GUARDED_BY(lockM) = 0;
+    std::array<unsigned long, rejectKindsCM> loadHiddenM NP_GUARDED_BY(lockM){};
+    std::atomic<unsigned long> lostM{0};
+    unsigned long unsaidM NP_GUARDED_BY(lockM) = 0; // of the lost ones, that the log does not say yet
     Reject lastRejectM NP_GUARDED_BY(lockM);
-    LogReport reportM NP_GUARDED_BY(lockM); // this and the line are kept for their storage
+    LogReport reportM NP_GUARDED_BY(lockM); // the latest that was shown
     std::string lineM NP_GUARDED_BY(lockM);
 };
 

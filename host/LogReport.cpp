@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace nphost {
 
@@ -54,6 +55,25 @@ LogReport abridged(LogReport const& report) {
         shorter.arguments.push_back(cut(argument));
     shorter.text = cut(report.text);
     return shorter;
+}
+
+// Written by hand from single texts: the library ends the process where memory runs out as an object of its own goes.
+void appendJson(std::string& out, LogReport const& report) {
+    auto const quoted = [](std::string_view text) { return nlohmann::json(asUtf8(text)).dump(); };
+    out += R"({"arguments":[)";
+    for (std::string const& argument : report.arguments) {
+        out += &argument == report.arguments.data() ? "" : ",";
+        out += quoted(argument);
+    }
+    for (auto const& [key, text] : {std::pair<char const*, std::string>{R"(],"identifier":)", report.identifier},
+                                    {R"(,"object":)", report.object},
+                                    {R"(,"severity":)", std::string(nameOf(report.severity))},
+                                    {R"(,"text":)", report.text},
+                                    {R"(,"time":)", clockTime(report.at)}}) {
+        out += key;
+        out += quoted(text);
+    }
+    out += '}';
 }
 
 nlohmann::json toJson(LogReport const& report) {

@@ -36,8 +36,9 @@ std::string_view nameOf(BAS::Status::Severity severity);
 // "2026-01-31T12:00:00Z", or "-" for an invalid instant.
 std::string clockTime(BAS::DateTime at);
 
-// Appends the text form without a newline.
+// Appends the text form, or the JSON form, without a newline. Running out of memory is no more than a std::bad_alloc.
 void appendText(std::string& out, LogReport const& report);
+void appendJson(std::string& out, LogReport const& report);
 
 // The report with texts of at most mostKeptBytesCM each, followed by how long they were: for whoever keeps many.
 constexpr std::size_t mostKeptBytesCM = 500;

@@ -22,11 +22,15 @@ FileDescriptor LogTarget::open() const {
         ::open(fileM.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode));
 }
 
-void LogTarget::write(std::string_view line) noexcept {
+bool LogTarget::write(std::string_view line) noexcept {
     BAS::MutexGuard const guard(lockM);
     if (!descriptorM)
         return StandardError::write(line);
-    writeWhole(descriptorM.get(), line);
+    if (halfM && writeWhole(descriptorM.get(), "\n") == 0)
+        return false;
+    std::size_t const written = writeWhole(descriptorM.get(), line);
+    halfM = written > 0 && written < line.size();
+    return written == line.size();
 }
 
 std::string LogTarget::reopen() {
@@ -37,6 +41,7 @@ std::string LogTarget::reopen() {
         return std::system_category().message(errno);
     BAS::MutexGuard const guard(lockM);
     descriptorM = std::move(fresh);
+    halfM = false;
     return {};
 }
 

@@ -4,7 +4,7 @@
 // Ownership: owns the open file.
 // Threads: all operations are safe from any thread; one at a time writes.
 // Errors: construction throws HostError when the file cannot be opened. A reopening that fails leaves the old file in
-// use and says why. What cannot be written is lost.
+// use and says why. What cannot be written is lost, and write says so; the line after a half one begins anew.
 // Complexity: one system call a line.
 #pragma once
 
@@ -25,7 +25,8 @@ class LogTarget {
     LogTarget& operator=(LogTarget const&) = delete;
 
     // `line` brings its newline.
-    void write(std::string_view line) noexcept;
+    // False when it could not be written whole.
+    bool write(std::string_view line) noexcept;
 
     // Empty, or why the file could not be opened anew. Nothing to do for standard error.
     std::string reopen();
@@ -36,6 +37,7 @@ class LogTarget {
     std::filesystem::path const fileM;
     BAS::Mutex lockM;
     FileDescriptor descriptorM NP_GUARDED_BY(lockM);
+    bool halfM NP_GUARDED_BY(lockM) = false; // the file ends in a line without its newline
 };
 
 } // namespace nphost

@@ -1,5 +1,6 @@
 #include "host/LookUpBatch.h"
 
+#include <new>
 #include <span>
 
 namespace nphost {
@@ -8,12 +9,14 @@ LookUpBatch::LookUpBatch(LoadedPlugIn& plugIn, std::size_t capacity)
     : plugInM(plugIn), numbersM(capacity), instantsM(capacity), recordsM(capacity),
       foundM(std::make_unique<bool[]>(capacity)) {}
 
-// Where memory does not suffice for all, it may for each: only what really failed is then not found.
+// Where memory does not suffice for all, it may for each. What cannot be looked up even so is not "not found".
 void LookUpBatch::search(std::optional<unsigned int> method) {
-    if (countM == 0 || searchTogether(method))
-        return;
-    for (std::size_t i = 0; i < countM; ++i)
-        foundM[i] = searchOne(i, method);
+    try {
+        searchTogether(method);
+    } catch (std::bad_alloc const&) {
+        for (std::size_t i = 0; i < countM; ++i)
+            foundM[i] = searchOne(i, method);
+    }
 }
 
 void LookUpBatch::clear() {
@@ -23,13 +26,15 @@ void LookUpBatch::clear() {
     countM = 0;
 }
 
-bool LookUpBatch::searchTogether(std::optional<unsigned int> method) {
+void LookUpBatch::searchTogether(std::optional<unsigned int> method) {
     std::span const numbers(numbersM.cbegin(), countM);
     std::span const instants(instantsM.cbegin(), countM);
     std::span const records(recordsM.begin(), countM);
     std::span const found(foundM.get(), countM);
-    return method ? plugInM.search(numbers, instants, records, found, *method)
-                  : plugInM.search(numbers, instants, records, found);
+    if (method)
+        plugInM.search(numbers, instants, records, found, *method);
+    else
+        plugInM.search(numbers, instants, records, found);
 }
 
 bool LookUpBatch::searchOne(std::size_t i, std::optional<unsigned int> method) {

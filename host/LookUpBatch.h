@@ -5,8 +5,7 @@
 // Units and ranges: up to `capacity` look-ups, all by one search method; without one by the configured one.
 // Ownership: borrows the plug-in; numbers and records are the batch's, valid until clear, their storage used again.
 // Threads: a batch a thread; several may use one plug-in.
-// Errors: std::bad_alloc. When the plug-in runs out of memory, its log tells, and what could not be looked up is not
-// found.
+// Errors: std::bad_alloc, also from the plug-in; what a search then found means nothing.
 // Complexity: a look-up each; nothing is allocated but what longer numbers and networks than before need.
 #pragma once
 
@@ -46,7 +45,7 @@ class LookUpBatch {
   private:
     static constexpr std::size_t longNumberCM = 1024; // the storage of longer ones is not kept
 
-    bool searchTogether(std::optional<unsigned int> method);
+    void searchTogether(std::optional<unsigned int> method);
     bool searchOne(std::size_t i, std::optional<unsigned int> method);
 
     LoadedPlugIn& plugInM;

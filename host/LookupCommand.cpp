@@ -7,10 +7,10 @@
 #include "host/Numbers.h"
 #include "host/Output.h"
 #include "host/QuestionBatch.h"
+#include "host/QuestionLine.h"
 #include "host/StandardError.h"
 #include "host/Text.h"
 
-#include <algorithm>
 #include <atomic>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,29 +19,23 @@ namespace nphost {
 
 namespace {
 
-// One line of standard input, in its columns.
-struct Question {
-    std::string_view number;
-    std::string_view instant;
-    std::string_view method;
-
-    explicit Question(std::string_view line)
-        : number(takeColumn(line)), instant(takeColumn(line)), method(takeColumn(line)) {}
-
-  private:
-    static std::string_view takeColumn(std::string_view& line) {
-        std::size_t const end = std::min(line.find('\t'), line.size());
-        std::string_view const column = line.substr(0, end);
-        line.remove_prefix(std::min(end + 1, line.size()));
-        return column;
-    }
-};
+// One line more, if numbers that were not found are not in stored form: they may be a person's.
+void hintAtNormalise(QuestionBatch const& batch) {
+    if (batch.notStored() == 0)
+        return;
+    std::string const others =
+        batch.notStored() > 1 ? " and " + std::to_string(batch.notStored() - 1) + " more are not" : " is not";
+    auto const first = shortened(batch.firstNotStored());
+    complain("'" + first + "'" + others +
+             " in stored form, which begins with the international access code; --normalise takes numbers as people "
+             "write them");
+}
 
 class StreamLookup {
   public:
     StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
-        : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, options.normalise),
-          inM(STDIN_FILENO, [this] { answerAll(); }), atM(at), methodM(options.method) {}
+        : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, host.numbers(), options.normalise),
+          inM(STDIN_FILENO, [this] { answerAll(); }), atM(at), methodM(options.method), normaliseM(options.normalise) {}
 
     bool run() {
         {
@@ -54,6 +48,7 @@ class StreamLookup {
         }
         if (badLinesM > shownBadLinesCM)
             complain("standard input: " + std::to_string(badLinesM - shownBadLinesCM) + " more bad lines");
+        hintAtNormalise(batchM);
         return badLinesM == 0 && batchM.allFound();
     }
 
@@ -66,30 +61,29 @@ class StreamLookup {
         outM.flush();
     }
 
+    // Not counting those at its end.
+    static bool holdsReturn(std::string_view line) {
+        return line.find('\r') < line.find_last_not_of('\r') && !trimmed(line).empty();
+    }
+
     void take(std::string_view line) {
-        Question const question(line);
+        QuestionLine const question(line, normaliseM);
         BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
-        std::optional<unsigned int> method = methodM;
-        if (!hasDigit(question.number))
-            reject(question, line.empty() ? "the line is empty" : "there is no number", question.number);
-        else if (!at.isValid())
-            reject(question, "the instant is not valid", question.instant);
-        else if (!readMethod(question.method, method))
-            reject(question, "the method is not 0, 1 or 2", question.method);
-        else
-            batchM.add(question.number, at, method);
+        std::optional<unsigned int> const method = question.method.empty() ? methodM : methodOfColumn(question.method);
+        if (holdsReturn(line))
+            return reject(question, "a carriage return is in the line", line);
+        if (question.number.empty())
+            return reject(question, trimmed(line).empty() ? "the line is empty" : sentenceOf(NumberKind::NONE), {});
+        if (!at.isValid())
+            return reject(question, "the instant is not valid", question.instant);
+        if (!question.method.empty() && !method)
+            return reject(question, "the method is not best, exact or shortest, nor 0, 1 or 2", question.method);
+        NumberKind const kind = batchM.add(question.number, at, method);
+        if (kind != NumberKind::NUMBER)
+            reject(question, sentenceOf(kind), question.number);
     }
 
-    static bool readMethod(std::string_view text, std::optional<unsigned int>& method) {
-        if (text.empty())
-            return true;
-        if (text.size() != 1 || text[0] < '0' || text[0] > '2')
-            return false;
-        method = static_cast<unsigned int>(text[0] - '0');
-        return true;
-    }
-
-    void reject(Question const& question, char const* reason, std::string_view what) {
+    void reject(QuestionLine const& question, char const* reason, std::string_view what) {
         batchM.answer(); // the answers keep the order of the lines
         outM.append(question.number);
         outM.append('\t');
@@ -118,46 +112,44 @@ class StreamLookup {
     LineInput inM;
     BAS::DateTime atM;
     std::optional<unsigned int> methodM;
+    bool normaliseM;
     std::atomic<std::uint64_t> linesM{0};
     std::atomic<std::uint64_t> bytesM{0};
     unsigned long badLinesM = 0;
 };
 
-BAS::DateTime instantOf(LookupOptions const& options) {
-    if (!options.at)
-        return BAS::DateTime::now();
-    BAS::DateTime const at = parseInstant(*options.at);
-    if (!at.isValid())
-        throw HostError("'" + shortened(*options.at) +
-                        "' is not a valid instant; write YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS");
-    return at;
-}
-
-void checkNumbers(std::vector<std::string> const& numbers) {
-    for (std::string const& number : numbers)
-        if (!hasDigit(number))
-            throw HostError("'" + shortened(number) + "' is not a number" +
-                            (number == "-" ? ": '-' stands alone, for standard input" : ""));
+// Before the data are loaded.
+void checkNumbers(std::vector<std::string> const& numbers, NumberForm const* form) {
+    BAS::String read;
+    for (std::string const& number : numbers) {
+        if (form == nullptr && holdsColumns(number))
+            throw HostError(notOneNumber(number));
+        if (NumberKind const kind = readNumber(number, form, read); kind != NumberKind::NUMBER)
+            throw HostError(notANumber(number, kind) + (number == "-" ? ": '-' stands alone, for standard input" : ""));
+    }
 }
 
 bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at) {
     Output out(STDOUT_FILENO);
-    QuestionBatch batch(host.plugIn(), out, options.normalise);
+    QuestionBatch batch(host.plugIn(), out, host.numbers(), options.normalise);
     for (std::string const& number : options.numbers)
         batch.add(number, at, options.method);
     batch.answer();
     out.flush();
+    hintAtNormalise(batch);
     return batch.allFound();
 }
 
 } // namespace
 
 int lookup(LookupOptions const& options) {
-    BAS::DateTime const at = instantOf(options);
+    BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
-    if (!fromInput)
-        checkNumbers(options.numbers);
+    if (!fromInput && !options.normalise)
+        checkNumbers(options.numbers, nullptr);
     Host host(readConfiguration(options.common.configuration), options.common);
+    if (!fromInput && options.normalise)
+        checkNumbers(options.numbers, &host.numbers());
     host.start();
     bool const allFound = fromInput ? StreamLookup(host, options, at).run() : lookupArguments(host, options, at);
     host.throwFailure(); // a look-up that ran out of memory is not "not found"

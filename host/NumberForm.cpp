@@ -1,5 +1,7 @@
 #include "host/NumberForm.h"
 
+#include "host/NumberText.h"
+#include "host/Numbers.h"
 #include "host/Text.h"
 
 #include <algorithm>
@@ -11,7 +13,14 @@ namespace nphost {
 
 namespace {
 
-constexpr std::string_view separatorsCM = " \t-.()";
+bool isSeparator(char c) {
+    return c == ' ' || c == '\t' || c == '-' || c == '.' || c == '(' || c == ')' || c == '/';
+}
+
+// A number has at most 15 digits (E.164), with an access code before them. More, with a blank or a slash, are two
+// numbers, or a number and something else.
+constexpr std::size_t mostDigitsCM = 15;
+constexpr std::size_t longAccessCodeCM = 4;
 
 bool areDigits(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -19,6 +28,14 @@ bool areDigits(std::string_view text) {
 
 char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool holdsTwoNumbers(std::string_view text, std::size_t accessCode) {
+    if (text.size() <= mostDigitsCM + accessCode)
+        return false;
+    auto const digits = std::count_if(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return text.find_first_of("/ \t") != std::string_view::npos &&
+           static_cast<std::size_t>(digits) > mostDigitsCM + accessCode;
 }
 
 // Of ASCII letters, in any case.
@@ -44,7 +61,7 @@ std::string_view takeUntil(std::string_view& text, char separator) {
 
 std::string withoutSeparators(std::string_view text) {
     std::string result(text);
-    std::erase_if(result, [](char c) { return separatorsCM.find(c) != std::string_view::npos; });
+    std::erase_if(result, isSeparator);
     return result;
 }
 
@@ -106,6 +123,13 @@ std::optional<std::string_view> addressOf(std::string_view text) {
                                                      : std::nullopt;
 }
 
+// Whether there was no number to write: a field without a digit. Of a sip: address the host's digits say nothing, and
+// what is a list or an object in JSON is none that was withheld.
+bool isWithheld(std::string_view text) {
+    bool const isSip = takePrefix(text, "sip:") || takePrefix(text, "sips:");
+    return !hasDigit(isSip ? text.substr(0, text.find('@')) : text) && !text.starts_with('[') && !text.starts_with('{');
+}
+
 } // namespace
 
 DiallingCodes diallingCodesOf(Configuration const& configuration) {
@@ -118,22 +142,42 @@ DiallingCodes diallingCodesOf(Configuration const& configuration) {
             value("InternationalAccessCodeSign", "+")};
 }
 
-bool readPlainNumber(std::string_view text, BAS::String& out) {
-    std::string const number = withoutSeparators(text);
+NumberKind readPlainNumber(std::string_view text, BAS::String& out) {
+    std::string place;
+    std::string_view const plain = plainNumberText(text, place);
+    if (isDecimal(trimmed(plain)))
+        return NumberKind::DECIMAL;
+    std::string const number = withoutSeparators(plain);
     out.assign(number.data(), number.size());
-    return areDigits(std::string_view(number).substr(number.starts_with('+') ? 1 : 0));
+    if (areDigits(std::string_view(number).substr(number.starts_with('+') ? 1 : 0)) &&
+        !holdsTwoNumbers(trimmed(plain), longAccessCodeCM))
+        return NumberKind::NUMBER;
+    return hasDigit(plain) ? NumberKind::UNREADABLE : NumberKind::NONE;
 }
 
 NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
     : codesM(std::move(codes)), normaliseM(std::move(normalise)) {}
 
-bool NumberForm::toStored(std::string_view text, BAS::String& out) const {
-    text = trimmed(text);
-    if (text.find('<') != std::string_view::npos) {
-        std::optional<std::string_view> const address = addressOf(text);
-        return address && fromAddress(*address, out);
+NumberKind NumberForm::toStored(std::string_view text, BAS::String& out) const {
+    std::string place;
+    text = trimmed(plainNumberText(text, place));
+    if (isDecimal(text))
+        return NumberKind::DECIMAL;
+    if (text.find('<') != std::string_view::npos)
+        text = addressOf(text).value_or(text);
+    if (text.find('<') == std::string_view::npos && fromAddress(text, out))
+        return NumberKind::NUMBER;
+    return isWithheld(text) ? NumberKind::NONE : NumberKind::UNREADABLE;
+}
+
+bool NumberForm::beginsAsStored(std::string_view number) const {
+    for (char const wanted : codesM.internationalAccess) {
+        number.remove_prefix(std::min(number.find_first_of("0123456789"), number.size()));
+        if (wanted >= '0' && wanted <= '9' && !number.starts_with(wanted))
+            return false;
+        number.remove_prefix(wanted >= '0' && wanted <= '9' ? 1 : 0);
     }
-    return fromAddress(text, out);
+    return true;
 }
 
 bool NumberForm::fromAddress(std::string_view text, BAS::String& out) const {
@@ -163,7 +207,7 @@ bool NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& out) c
     std::optional<std::string> const context = unescaped(parameter(parameters, "phone-context"));
     if (!escapedNumber || !context)
         return false;
-    std::string const number = withoutSeparators(*escapedNumber);
+    std::string const number = digitsOf(*escapedNumber);
     if (number.starts_with('+'))
         return global(std::string_view(number).substr(1), out);
     if (!areDigits(number))
@@ -181,10 +225,13 @@ bool NumberForm::fromContext(std::string_view context, std::string_view digits, 
 
 bool NumberForm::fromWritten(std::string_view text, BAS::String& out) const {
     text.remove_prefix(std::min(text.find_first_not_of("( \t"), text.size())); // as in "(+44) 7700 900123"
+    text = withoutExtension(text);
     std::string_view const number = withoutSign(text);
+    if (holdsTwoNumbers(trimmed(text), codesM.internationalAccess.size()))
+        return false;
     if (number.size() < text.size())
         return global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out);
-    return dialled(withoutSeparators(withoutTrunkCode(text, codesM.internationalAccess + codesM.country)), out);
+    return dialled(digitsOf(text), out);
 }
 
 bool NumberForm::global(std::string_view digits, BAS::String& out) const {
@@ -219,8 +266,19 @@ std::string_view NumberForm::withoutAccessCode(std::string_view number) const {
     return number;
 }
 
+// Without visual separators, and without a "(0)" behind the own country's code.
+std::string NumberForm::digitsOf(std::string_view text) const {
+    if (text.starts_with('+'))
+        return "+" + withoutSeparators(withoutTrunkCode(text.substr(1), codesM.country));
+    return text.find('(') == std::string_view::npos
+               ? withoutSeparators(text)
+               : withoutSeparators(withoutTrunkCode(text, codesM.internationalAccess + codesM.country));
+}
+
 // "44 (0)7700 900123" without its "(0)", which must follow `head`.
 std::string NumberForm::withoutTrunkCode(std::string_view text, std::string_view head) const {
+    if (text.find('(') == std::string_view::npos)
+        return std::string(text);
     std::string const trunkCode = "(" + codesM.nationalAccess + ")";
     std::size_t const at = text.find(trunkCode);
     if (codesM.nationalAccess.empty() || at == std::string_view::npos || withoutSeparators(text.substr(0, at)) != head)

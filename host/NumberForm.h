@@ -6,19 +6,23 @@
 //   sip:..., sips:...  RFC 3261: the user part as in tel:, with user=phone, or if it reads as a number by itself: digits
 //                      and visual separators without blanks, behind a plus or not, parameters behind ';'
 //   name-addr          RFC 3261, section 20.10: "Bob" <sip:...>;tag=1; what is between the angle brackets, as above
-//   anything else      a number as people write it
-// Blanks, tabs, '-', '.', '(' and ')' are visual separators. Percent
-// escapes of URIs are undone; parameters but phone-context (extensions, routing numbers), passwords and headers are
-// passed over. The rules, by the configured dialling codes:
+//   anything else      a number as people write it, with an extension behind ("ext. 5", "x5"), which is dropped
+// Blanks, tabs, '-', '.', '/', '(' and ')' are visual separators, and so are Unicode's blanks and dashes; its digits and
+// its invisible marks are read as host/NumberText.h says. Percent escapes of URIs are undone; parameters but
+// phone-context (extensions, routing numbers), passwords and headers are passed over. The rules, by the configured
+// dialling codes:
 // - '+', or the configured sign, begins a global number: access code and its digits.
-// - "(0)" after the own country's code, with the national access code for the 0, is left out.
+// - "(0)" after the own country's code, with the national access code for the 0, is left out, in URIs too.
 // - What begins otherwise is dialled in the own country: the module's rules of normalisation, docs/data-format.md.
 // - phone-context=+DIGITS supplies the country code: access code, DIGITS and the local number as it stands. But a local
 //   number that begins with the own national or international access code, in a context that begins with the own
 //   country code, is dialled in the own country: its codes are replaced as above. Other countries' national access
 //   codes are not known and stay.
 // - phone-context=DOMAIN, or none, says nothing: the number is dialled in the own country.
-// There is no number in a text without a digit, with letters, '*' or '#' in it, or with nothing behind an access code.
+// A text without a digit holds no number: empty, "anonymous"; of a sip: address only the user part is asked. A text with
+// one that is no number cannot be read: it has letters, '*' or '#' in it, nothing behind an access code, or, with a
+// blank or a slash, more digits than a number can have. "447700900123.0" is a number that a spreadsheet took for a quantity: its
+// last 0 is no digit of it. It is told apart, because it would be read as a longer number.
 // Ownership: owns its codes; what the normalisation refers to must outlive it.
 // Threads: none inside; concurrent use is safe if the normalisation is.
 // Errors: std::bad_alloc.
@@ -44,9 +48,11 @@ struct DiallingCodes {
 // As the module takes them: those that are not configured have its defaults.
 DiallingCodes diallingCodesOf(Configuration const& configuration);
 
-// A number whose form is to stay: its visual separators go, and digits that may follow a plus must be left. False, and
-// `out` means nothing, for any other text.
-bool readPlainNumber(std::string_view text, BAS::String& out);
+// What a text is. Only of a NUMBER does the function that tells leave something in its `out`.
+enum class NumberKind { NUMBER, NONE, UNREADABLE, DECIMAL };
+
+// A number whose form is to stay: its visual separators go, and digits that may follow a plus must be left.
+NumberKind readPlainNumber(std::string_view text, BAS::String& out);
 
 class NumberForm {
   public:
@@ -55,8 +61,10 @@ class NumberForm {
 
     NumberForm(DiallingCodes codes, Normalise normalise);
 
-    // False, and `out` means nothing, when there is no number in the text.
-    bool toStored(std::string_view text, BAS::String& out) const;
+    NumberKind toStored(std::string_view text, BAS::String& out) const;
+
+    // Whether the digits begin with the international access code's, as those of numbers in stored form do.
+    bool beginsAsStored(std::string_view number) const;
 
   private:
     bool fromAddress(std::string_view text, BAS::String& out) const;
@@ -69,6 +77,7 @@ class NumberForm {
     std::string_view withoutSign(std::string_view text) const;
     std::string_view withoutAccessCode(std::string_view number) const;
     std::string withoutTrunkCode(std::string_view text, std::string_view head) const;
+    std::string digitsOf(std::string_view text) const;
 
     DiallingCodes codesM;
     Normalise normaliseM;

@@ -1,10 +1,9 @@
 #include "host/Numbers.h"
 
-#include "host/LoadedModule.h"
+#include "host/Text.h"
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 
 namespace nphost {
 
@@ -18,14 +17,33 @@ bool hasDigit(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-void readNumber(std::string_view number, bool normalise, LoadedPlugIn const& plugIn, BAS::String& out) {
-    if (!normalise)
-        return out.assign(number.data(), number.size());
-    std::string stripped;
-    std::copy_if(number.begin(), number.end(), std::back_inserter(stripped),
-                 [](char c) { return std::string_view(" -.()").find(c) == std::string_view::npos; });
-    out.assign(stripped.data(), stripped.size());
-    plugIn.normalize(out);
+NumberKind readNumber(std::string_view number, NumberForm const* form, BAS::String& out) {
+    if (form != nullptr)
+        return form->toStored(number, out);
+    if (number.starts_with('[') || number.starts_with('{'))
+        return NumberKind::UNREADABLE;
+    out.assign(number.data(), number.size());
+    return hasDigit(number) ? NumberKind::NUMBER : NumberKind::NONE;
+}
+
+char const* sentenceOf(NumberKind kind) {
+    switch (kind) {
+    case NumberKind::UNREADABLE:
+        return "the number cannot be read";
+    case NumberKind::DECIMAL:
+        return "the number has a decimal point, as spreadsheets write quantities";
+    default:
+        return "there is no number";
+    }
+}
+
+std::string notANumber(std::string_view text, NumberKind kind) {
+    return "'" + shortened(text) + "' is not a number" +
+           (kind == NumberKind::DECIMAL ? std::string(": ") + sentenceOf(kind) : "");
+}
+
+std::string notOneNumber(std::string_view text) {
+    return "'" + shortened(text) + "' is not one number: a line break, a tab or an instant is in it";
 }
 
 std::optional<unsigned int> searchMethodOf(std::string_view name) {

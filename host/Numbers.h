@@ -7,6 +7,7 @@
 #pragma once
 
 #include "framework/BAS/String.h"
+#include "host/NumberForm.h"
 
 #include <optional>
 #include <string>
@@ -14,13 +15,20 @@
 
 namespace nphost {
 
-class LoadedPlugIn;
-
 bool hasDigit(std::string_view text);
 
-// The number for a look-up: as it stands, or in stored form, without the blanks, hyphens, dots and parentheses that
-// people write. `out` keeps its storage.
-void readNumber(std::string_view number, bool normalise, LoadedPlugIn const& plugIn, BAS::String& out);
+// The number for a look-up, whatever command makes it: brought into stored form, or, without a form, as it stands if it
+// has a digit and is no list or object of JSON. `out` keeps its storage.
+NumberKind readNumber(std::string_view number, NumberForm const* form, BAS::String& out);
+
+// Why a text that is no NUMBER cannot be looked up: a sentence without its full stop.
+char const* sentenceOf(NumberKind kind);
+
+// The same of a text that somebody gave as an argument.
+std::string notANumber(std::string_view text, NumberKind kind);
+
+// Of one that holds columns (host/QuestionLine.h).
+std::string notOneNumber(std::string_view text);
 
 // "best" 0, "exact" 1, "shortest" 2.
 constexpr unsigned int searchMethodsCM = 3;

@@ -86,7 +86,8 @@ void printTo(Host& host, ResultTarget& target, PrintOptions const& options) {
 
 int print(PrintOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
-    KeptFiles const files{configuration.dataFile(), options.common.configuration};
+    KeptFiles const files{configuration.dataFile(), options.common.configuration, configuration.logFile,
+                          configuration.socket};
     if (char const* const kept = files.nameOf(fileOf(options.output).value_or("/dev/stdout")))
         throw HostError("the output " + options.output + " is " + kept);
     Host host(std::move(configuration), options.common);

@@ -1,25 +1,27 @@
 #include "host/QuestionBatch.h"
 
 #include "host/Instant.h"
-#include "host/Numbers.h"
 
 #include <array>
 
 namespace nphost {
 
-QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, bool normalise)
-    : plugInM(plugIn), outM(out), normaliseM(normalise), batchM(plugIn, sizeCM) {}
+QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, bool normalise)
+    : outM(out), formM(form), normaliseM(normalise), batchM(plugIn, sizeCM) {}
 
-void QuestionBatch::add(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
+NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
     // A very long number stands alone, so that the first place's storage is the only one that grows to hold such.
     bool const isLong = number.size() > longNumberCM;
     if (method != methodM || isLong)
         answer();
     methodM = method;
-    readNumber(number, normaliseM, plugInM, batchM.nextNumber());
+    NumberKind const kind = readNumber(number, normaliseM ? &formM : nullptr, batchM.nextNumber());
+    if (kind != NumberKind::NUMBER)
+        return kind;
     batchM.add(at);
     if (batchM.isFull() || isLong)
         answer();
+    return kind;
 }
 
 void QuestionBatch::answer() {
@@ -29,13 +31,19 @@ void QuestionBatch::answer() {
     batchM.clear();
 }
 
+void QuestionBatch::countNotFound(std::string_view number) {
+    allFoundM = false;
+    if (!formM.beginsAsStored(number) && notStoredM++ == 0)
+        firstNotStoredM = number;
+}
+
 void QuestionBatch::write(std::size_t i) {
     outM.append(batchM.number(i).view());
     outM.append('\t');
     writeInstant(batchM.instant(i));
     LookUpBatch::Record const* const record = batchM.record(i);
     if (record == nullptr) {
-        allFoundM = false;
+        countNotFound(batchM.number(i).view());
         return outM.append(nothingFoundCM);
     }
     outM.append('\t');

@@ -59,6 +59,9 @@ class RecordReader {
     // How many bytes at the front of the text are whole records, as next would find them if more text followed.
     virtual std::size_t wholeRecords(std::string_view text) = 0;
 
+    // From now on records have that many fields, where they have fields at all; others have FIELD_COUNT.
+    virtual void expectFields(std::size_t) {}
+
     // From now on records of this text, which must be followed by paddingCM readable bytes of any value.
     static constexpr std::size_t paddingCM = 64;
     virtual void begin(std::string_view text, std::uint64_t firstLine) = 0;

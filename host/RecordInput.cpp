@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 namespace nphost {
@@ -48,7 +49,8 @@ std::string listOf(std::vector<std::string> const& names, std::size_t count) {
     std::string text;
     for (std::string const& name : names)
         text += (text.empty() ? "'" : ", '") + name + "'";
-    return names.empty() ? "columns 1 to " + std::to_string(count) : shortened(text);
+    std::string const positions = count == 0 ? "columns from 1 on" : "columns 1 to " + std::to_string(count);
+    return names.empty() ? positions : shortened(text);
 }
 
 } // namespace
@@ -77,6 +79,8 @@ bool RecordInput::next(InputBlock& block, std::atomic<bool> const& stop) {
 }
 
 bool RecordInput::openNext() {
+    if (!seenRecordM)
+        headerM.clear(); // of a file of blank lines
     if (sourceM != nullptr)
         doneBeforeM += sourceM->done();
     if (openedM == filesM.size())
@@ -89,22 +93,25 @@ bool RecordInput::openNext() {
 }
 
 bool RecordInput::readBlock(InputBlock& block, std::atomic<bool> const* stop) {
-    for (;;) {
+    for (bool taken = false; !taken;) {
         if (blocksM == nullptr && !openNext())
             return false;
         sourceM->stopWhen(stop);
         bool const more = blocksM->next(block.block);
         doneM.store(doneBeforeM + sourceM->done(), std::memory_order_relaxed);
-        if (more)
-            break;
-        blocksM.reset();
+        block.file = openedM - 1;
+        if (!more)
+            blocksM.reset();
+        else
+            taken = !atFileStartM || takeFirst(block);
     }
-    block.file = openedM - 1;
-    block.lacksNewline =
-        !block.block.text().ends_with('\n') && openedM < filesM.size() &&
-        (block.block.piece() == RecordBlock::Piece::NONE || block.block.piece() == RecordBlock::Piece::LAST);
-    if (std::exchange(atFileStartM, false))
-        takeFirst(block);
+    RecordBlock::Piece const piece = block.block.piece();
+    bool const endsRecord =
+        piece == RecordBlock::Piece::LAST || (piece == RecordBlock::Piece::NONE && !block.block.text().empty());
+    block.lacksNewline = endsRecord && !block.block.text().ends_with('\n') && openedM < filesM.size();
+    if (fieldCountM == 0 && formatM.kind == RecordFormat::Kind::CSV)
+        countFields(block);
+    block.fields = fieldCountM;
     return true;
 }
 
@@ -115,57 +122,92 @@ Record RecordInput::firstRecord(InputBlock const& block) {
     return record;
 }
 
-// Looks at the beginning of a file, and takes the header from it.
-void RecordInput::takeFirst(InputBlock& block) {
-    bool const isFirst = !std::exchange(seenRecordM, true);
-    if (isFirst && blocksM->hadByteOrderMark())
+// Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines before
+// the header.
+bool RecordInput::takeFirst(InputBlock& block) {
+    bool const isFirst = !seenRecordM;
+    bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
+    if (isFirst && blocksM->hadByteOrderMark() && headerM.empty())
         headerM = byteOrderMarkCM;
+    checkLineEnds(block);
+    if (!isJson && formatM.header && !skipBlankLines(block))
+        return false;
+    atFileStartM = false;
+    seenRecordM = true;
     if (isFirst) {
         firstFileM = block.file;
         hintM = hint(block.block.text());
     }
-    if (formatM.kind == RecordFormat::Kind::JSON)
-        return;
-    if (formatM.header)
+    if (!isJson && formatM.header)
         takeHeader(block, isFirst);
-    else if (isFirst)
-        countFields(block);
+    return true;
+}
+
+// A file whose lines end in carriage returns alone would be one record, whatever its length.
+void RecordInput::checkLineEnds(InputBlock const& block) const {
+    std::string_view const text = block.block.text();
+    if (text.find('\n') != std::string_view::npos)
+        return;
+    bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
+    bool quoted = false;
+    for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+        quoted ^= text[i] == '"' && formatM.csv.quotes && !isJson;
+        bool const endsLine = text[i] == '\r' && (isJson ? i > 0 && text[i - 1] == '}' && text[i + 1] == '{' : !quoted);
+        if (endsLine)
+            throw HostError(nameOf(block.file) +
+                            ": its lines end in carriage returns alone; make them newlines first (tr '\\r' '\\n')");
+    }
+}
+
+// Those before a header stay before it. False when the block has no other.
+bool RecordInput::skipBlankLines(InputBlock& block) {
+    for (;;) {
+        std::string_view const text = block.block.text();
+        std::size_t const length = lineLength(text);
+        std::string_view const line = text.substr(0, length == 0 ? text.size() : length);
+        if (line.find_first_not_of(" \t\r\n") != std::string_view::npos)
+            return true;
+        if (!seenRecordM)
+            headerM += line;
+        block.block.dropFront(line.size(), 1);
+        if (headerM.size() > BlockReader::blockSizeCM)
+            throw HostError(nameOf(block.file) + ": there is no header in its first megabyte");
+        if (block.block.text().empty())
+            return false;
+    }
 }
 
 // Of the first record that is one; those before it will be rejected.
 void RecordInput::countFields(InputBlock const& block) {
-    bool broken = block.block.piece() != RecordBlock::Piece::NONE;
+    if (block.block.piece() != RecordBlock::Piece::NONE)
+        return;
     recordsM->begin(block.block.text(), block.block.firstLine());
-    for (Record record; fieldCountM == 0 && !broken && recordsM->next(record);)
+    for (Record record; fieldCountM == 0 && recordsM->next(record);)
         fieldCountM = record.values.size();
-    broken = broken || block.block.text().find_first_not_of("\r\n") != std::string_view::npos;
-    if (fieldCountM == 0 && broken)
-        throw HostError(nameOf(block.file) + ": no record at its beginning can be read" + hintM);
+    if (fieldCountM > 0 && !farthestM.empty() && positionM >= fieldCountM)
+        failColumn(farthestM);
 }
 
 void RecordInput::takeHeader(InputBlock& block, bool isFirst) {
     Record const record = firstRecord(block);
     bool const broken = record.problem != Problem::NONE || block.block.piece() != RecordBlock::Piece::NONE;
     if (broken)
-        throw HostError(nameOf(block.file) +
-                        ":1: the header cannot be read: its quotation marks do not match, or it is "
+        throw HostError(nameOf(block.file) + ":" + std::to_string(record.line) +
+                        ": the header cannot be read: its quotation marks do not match, or it is "
                         "longer than a megabyte" +
                         hint(block.block.text()));
     if (isFirst)
-        keepHeader(record, block.file);
+        keepHeader(record);
     else
         checkHeader(record, block.file);
     std::string_view const text = record.text;
     auto const lines = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n')) + 1;
     block.block.dropFront(text.size() + record.lineEnd.size(), lines);
-    block.lacksNewline = block.lacksNewline && !block.block.text().empty();
 }
 
-void RecordInput::keepHeader(Record const& record, std::size_t file) {
-    if (record.values.empty())
-        throw HostError(nameOf(file) + ":1: the header is empty");
+void RecordInput::keepHeader(Record const& record) {
     fieldCountM = record.values.size();
-    headerTextM = record.text;
+    headerLineM = record.line;
     headerM += record.text;
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
     for (std::string_view const column : record.values)
@@ -177,22 +219,37 @@ std::string RecordInput::hint(std::string_view text) const {
 }
 
 // The header's names come first: a column may be called "3".
-std::size_t RecordInput::positionOf(std::string const& column) const {
+std::size_t RecordInput::positionOf(std::string const& column) {
     auto const named = std::find(columnsM.begin(), columnsM.end(), column);
     if (named != columnsM.end() && std::find(named + 1, columnsM.end(), column) != columnsM.end())
-        throw HostError(firstFile() + ":1: two columns are called '" + shortened(column) +
+        throw HostError(headerPlace() + ": two columns are called '" + shortened(column) +
                         "'; give the position, from 1, instead");
     if (named != columnsM.end())
         return static_cast<std::size_t>(named - columnsM.begin());
-    if (std::optional<std::size_t> const position = asPosition(column, fieldCountM))
-        return *position;
-    throw HostError(firstFile() + ":1: there is no column '" + shortened(column) + "'; there are " +
+    constexpr std::size_t any = std::numeric_limits<std::size_t>::max();
+    std::optional<std::size_t> const position = asPosition(column, fieldCountM > 0 ? fieldCountM : any);
+    if (!position)
+        failColumn(column);
+    if (farthestM.empty() || *position > positionM) {
+        farthestM = column;
+        positionM = *position;
+    }
+    return *position;
+}
+
+std::string RecordInput::headerPlace() const {
+    return firstFile() + ":" + std::to_string(headerLineM);
+}
+
+void RecordInput::failColumn(std::string const& column) const {
+    throw HostError(headerPlace() + ": there is no column '" + shortened(column) + "'; there are " +
                     listOf(columnsM, fieldCountM) + (fieldCountM == 1 ? "; is the separator right?" : "") + hintM);
 }
 
 void RecordInput::checkHeader(Record const& record, std::size_t file) const {
-    if (record.text != headerTextM)
-        throw HostError(nameOf(file) + ":1: the header is not the same as that of " + firstFile());
+    if (!std::equal(record.values.begin(), record.values.end(), columnsM.begin(), columnsM.end()))
+        throw HostError(nameOf(file) + ":" + std::to_string(record.line) + ": the header is not the same as that of " +
+                        firstFile());
 }
 
 } // namespace nphost

@@ -1,18 +1,13 @@
 // nphost::ReportHub: sorts the reports of the log by the thread that made them, for the daemon.
 //
-// Purpose: three questions are asked about reports:
+// Purpose: two questions are asked about reports:
 // - What has been reported lately? The latest recentCM are kept, numbered in their order; since() gives those from a
 //   number on, so that each follower of the log needs to remember nothing but a number.
 // - What did this work report? While a CollectingScope lives on a thread, that thread's reports also go to its
-//   collector.
-// - How did the request end that was written to a probe? One is under way at a time: expect() names it before the probe
-//   is written, and its outcome is the report or event by which the plug-in's worker ends such a request. The worker is
-//   known by its thread, for a client module's thread, too, may load and so make the plug-in send the same events. A
-//   failed writing of a file before it makes the outcome a failure, whatever the worker says.
-// Should the worker run out of memory for the very report that ends a request, none comes; troubleTime() says since
-// when there is that suspicion, and giveUp() ends the request as failed.
+//   collector. They are for people to read: how the work ended is what it returned.
 // Ownership: values; it must outlive the log.
-// Threads: noticed by any thread, collectors by the thread that they were set for, everything else by the loop's.
+// Threads: noticed by any thread, collectors by the thread that they were set for, everything else by the
+// loop's.
 // Errors: std::bad_alloc; noticed never throws: what memory does not suffice for is not kept.
 // Complexity: linear in the report; since() in the reports that it gives.
 #pragma once
@@ -24,14 +19,9 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
-#include <optional>
-#include <string_view>
 #include <vector>
 
 namespace nphost {
-
-enum class ProbeKind { RELOAD, DELTA_LOAD, PRINT };
 
 // The reports of one piece of work: all that matter and the first few of rejected lines.
 class ReportCollector {
@@ -52,11 +42,6 @@ class ReportCollector {
     unsigned long leftOutM = 0;
     bool failureM = false;
     bool writeFailureM = false;
-};
-
-struct ProbeOutcome {
-    bool succeeded = false;
-    ReportCollector reports;
 };
 
 class ReportHub : public ReportObserver {
@@ -91,26 +76,13 @@ class ReportHub : public ReportObserver {
     // The number from which on the last `count` are kept.
     std::uint64_t last(std::size_t count) const;
 
-    // Says of the calling thread whether it is the worker; called under the hub's lock. None: no thread is.
-    void recogniseWorker(std::function<bool()> isWorker);
-    void expect(ProbeKind kind);
-    std::optional<ProbeOutcome> takeOutcome();
-    std::optional<Clock::time_point> troubleTime() const;
-    void giveUp();
-
   private:
-    void noticeWorker(BAS::Status const& status, LogReport const* shown) NP_REQUIRES(lockM);
     void keep(LogReport const& report) noexcept NP_REQUIRES(lockM);
 
     WakeUp wakeUpM;
     mutable BAS::Mutex lockM;
     std::deque<LogReport> recentM NP_GUARDED_BY(lockM);
     std::uint64_t nextM NP_GUARDED_BY(lockM) = 0;
-    std::function<bool()> isWorkerM NP_GUARDED_BY(lockM);
-    std::optional<ProbeKind> expectedM NP_GUARDED_BY(lockM);
-    std::optional<bool> endedM NP_GUARDED_BY(lockM); // with success or not
-    std::optional<Clock::time_point> troubleM NP_GUARDED_BY(lockM);
-    ReportCollector workerM NP_GUARDED_BY(lockM);
 };
 
 } // namespace nphost

@@ -71,10 +71,10 @@ void PieceTarget::sync() {
 }
 
 void writeSummary(std::string const& object, bool outputHasRecords) {
-    if (outputHasRecords)
-        return StandardError::write(object);
-    ResultTarget standardOutput(std::nullopt);
-    standardOutput.write(object);
+    if (!outputHasRecords)
+        ResultTarget(std::nullopt).write(object);
+    else if (!StandardError::write(object))
+        throw HostError("standard error cannot be written");
 }
 
 } // namespace nphost

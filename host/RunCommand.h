@@ -2,8 +2,8 @@
 //
 // Purpose: brings up signals, log, control socket, framework, module, data and client modules in this order, runs the
 // daemon, and takes all of it down in the reverse order. Where the guard refuses the first load, nothing is loaded or
-// served.
-// Threads: the main thread runs the event loop.
+// served. A signal to stop breaks the first load off.
+// Threads: the main thread runs the event loop; the first load has one of its own, for which the main thread waits.
 // Errors: HostError, ConfigurationError, std::bad_alloc when it cannot start.
 // Complexity: a load, then what it is asked for.
 #pragma once

@@ -1,34 +1,18 @@
 #include "host/SameFile.h"
 
 #include "framework/BAS/RegisteredObject.h"
+#include "framework/STR/FilePlace.h"
 
 #include <system_error>
 
 namespace nphost {
-
-namespace {
-
-// As who writes a file follows them: the last link may name a file that is not there yet.
-std::filesystem::path followLinks(std::filesystem::path path) {
-    constexpr int mostLinks = 40; // as the kernel's own limit
-    std::error_code error;
-    for (int i = 0; i < mostLinks; ++i) {
-        std::filesystem::path const target = std::filesystem::read_symlink(path, error);
-        if (error)
-            break;
-        path = path.parent_path() / target; // an absolute one stands for itself
-    }
-    return path;
-}
-
-} // namespace
 
 bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& other) {
     std::error_code error;
     if (std::filesystem::equivalent(one, other, error))
         return true;
     auto const place = [&error](std::filesystem::path const& path) {
-        std::filesystem::path const whole = std::filesystem::absolute(followLinks(path), error);
+        std::filesystem::path const whole = std::filesystem::absolute(STR::followLinks(path.native()), error);
         return error ? path : std::filesystem::weakly_canonical(whole, error);
     };
     return place(one) == place(other);
@@ -37,7 +21,16 @@ bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& o
 char const* KeptFiles::nameOf(std::filesystem::path const& target) const {
     if (!dataFile.empty() && isSameFile(dataFile, target))
         return "the data file itself";
-    return isSameFile(configuration, target) ? "the configuration file" : nullptr;
+    if (isSameFile(configuration, target))
+        return "the configuration file";
+    if (!logFile.empty() && isSameFile(logFile, target))
+        return "the log file";
+    if (!socket.empty() && isSameFile(socket, target))
+        return "the control socket";
+    std::error_code error;
+    char const* const shown = "/dev/stderr";
+    bool const isLog = standardError && std::filesystem::is_regular_file(shown, error) && isSameFile(shown, target);
+    return isLog ? "standard error, the log" : nullptr;
 }
 
 void reportPrintRefused(std::string const& target, char const* what) {

@@ -1,6 +1,7 @@
 // nphost::isSameFile and KeptFiles: whether two names mean one file, and which files a listing or a log must not destroy.
 //
-// Purpose: a listing must not replace the data file, since whatever it leaves out would be lost, nor the configuration.
+// Purpose: a listing must not replace the data file, since whatever it leaves out would be lost, nor the configuration,
+// the log or the control socket.
 // Ownership: KeptFiles owns its names; plain functions otherwise.
 // Threads: no state that changes.
 // Errors: std::bad_alloc; names that cannot be examined are compared as texts.
@@ -16,10 +17,13 @@ namespace nphost {
 bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& other);
 
 struct KeptFiles {
-    std::filesystem::path dataFile; // empty: none
+    std::filesystem::path dataFile; // these are empty: none
     std::filesystem::path configuration;
+    std::filesystem::path logFile = {};
+    std::filesystem::path socket = {};
+    bool standardError = false; // the file behind it, too, for a program whose log it is
 
-    // What the target is of the two, in words: "the data file itself"; null when it is neither.
+    // What the target is of these, in words: "the data file itself"; null when it is none of them.
     char const* nameOf(std::filesystem::path const& target) const;
 };
 

@@ -4,14 +4,14 @@
 #include "host/Explanation.h"
 #include "host/Instant.h"
 #include "host/LogReport.h"
+#include "host/LookUpBatch.h"
 #include "host/Numbers.h"
-#include "host/ReportHub.h"
+#include "host/QuestionLine.h"
 #include "host/ResidentMemory.h"
 #include "host/Text.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace nphost {
@@ -30,20 +30,6 @@ Json digits(BAS::DateTime at) {
     return at.isValid() ? Json(at.asString("%Y%m%d%H%M%S").str()) : Json();
 }
 
-Json dataFile(std::string const& name) {
-    Json file = {{"name", asUtf8(name)}, {"size", nullptr}, {"modified", nullptr}};
-    struct stat status = {};
-    if (stat(name.c_str(), &status) != 0)
-        return file;
-    tm parts = {};
-    gmtime_r(&status.st_mtim.tv_sec, &parts);
-    char text[sizeof "2026-01-31T12:00:00Z"] = {};
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    file["size"] = status.st_size;
-    file["modified"] = text;
-    return file;
-}
-
 char const* nameOf(LoadOutcome::Kind kind) {
     switch (kind) {
     case LoadOutcome::LOAD:
@@ -59,15 +45,20 @@ char const* nameOf(LoadOutcome::Kind kind) {
 }
 
 Json lastLoad(LoadOutcome const& load) {
-    return {{"kind", nameOf(load.kind)},     {"succeeded", load.succeeded}, {"file", asUtf8(load.fileName.view())},
-            {"ended", clock(load.ended)},    {"seconds", load.duration},    {"lines", load.lines},
-            {"rejectedLines", load.rejected}};
+    return {{"kind", nameOf(load.kind)},
+            {"succeeded", load.succeeded},
+            {"file", asUtf8(load.fileName.view())},
+            {"ended", clock(load.ended)},
+            {"seconds", load.duration},
+            {"lines", load.lines},
+            {"rejectedLines", load.counts.rejected},
+            {"numbersWithoutDigits", load.counts.withoutDigits}};
 }
 
 BAS::DateTime instantOf(Json const& request) {
     if (!request.contains("at"))
         return BAS::DateTime::now();
-    auto const text = request.at("at").get<std::string>();
+    auto const text = valueOf<std::string>(request, "at");
     BAS::DateTime const at = parseInstant(text);
     if (!at.isValid())
         throw RequestError("'" + shortened(text) + "' is not a valid instant");
@@ -77,40 +68,53 @@ BAS::DateTime instantOf(Json const& request) {
 std::optional<unsigned int> methodOf(Json const& request) {
     if (!request.contains("method"))
         return std::nullopt;
-    auto const name = request.at("method").get<std::string>();
+    auto const name = valueOf<std::string>(request, "method");
     std::optional<unsigned int> const method = searchMethodOf(name);
     if (!method)
         throw RequestError("the method '" + shortened(name) + "' is not best, exact or shortest");
     return method;
 }
 
-BAS::String numberOf(LoadedPlugIn const& plugIn, Json const& request, std::string const& written) {
-    if (!hasDigit(written))
-        throw RequestError("'" + shortened(written) + "' is not a number");
+BAS::String numberOf(NumberForm const& form, Json const& request, std::string const& written) {
     BAS::String number;
-    readNumber(written, request.value("normalise", false), plugIn, number);
+    bool const normalise = valueOf(request, "normalise", false);
+    if (!normalise && holdsColumns(written))
+        throw RequestError(notOneNumber(written));
+    NumberKind const kind = readNumber(written, normalise ? &form : nullptr, number);
+    if (kind != NumberKind::NUMBER)
+        throw RequestError(notANumber(written, kind));
     return number;
 }
 
-// A question that memory did not suffice for is not "not found". The plug-in says so in a report.
-template <class Question>
-auto asked(Question&& question) {
-    ReportCollector reports;
-    ReportHub::CollectingScope const scope(reports);
-    auto answer = question();
-    if (reports.hasFailure())
-        throw RequestError("the plug-in could not answer; its log says why");
-    return answer;
-}
+// The bytes that an answer's texts take, so that a client is told rather than kept waiting: the event loop writes the
+// answer, and holds all of it.
+class AnswerSize {
+  public:
+    void add(std::size_t bytes) {
+        bytesM += bytes;
+        if (bytesM > mostAnswerBytesCM)
+            throw AnswerTooLong("the answer would be longer than " + std::to_string(mostAnswerBytesCM) + " bytes");
+    }
 
-Json answerOf(LoadedPlugIn& plugIn, BAS::String const& number, BAS::DateTime at, std::optional<unsigned int> method) {
-    DAT::NumberPortability::NumberPortabilityData record;
-    bool const found =
-        asked([&] { return method ? plugIn.search(number, at, record, *method) : plugIn.search(number, at, record); });
-    return {{"number", asUtf8(number.view())},
-            {"found", found},
-            {"validFrom", found ? digits(record.validFromM) : Json()},
-            {"network", found ? Json(asUtf8(record.networkIdM.view())) : Json()}};
+  private:
+    std::size_t bytesM = 0;
+};
+
+constexpr std::size_t lookUpsAtOnceCM = 32; // few, because each may bring a network's name of any length
+
+void answerBatch(LookUpBatch& batch, std::optional<unsigned int> method, AnswerSize& size, Json& answers) {
+    batch.search(method);
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        LookUpBatch::Record const* const record = batch.record(i);
+        std::string number = asUtf8(batch.number(i).view());
+        std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());
+        size.add(number.size() + network.size());
+        answers.push_back({{"number", std::move(number)},
+                           {"found", record != nullptr},
+                           {"validFrom", record != nullptr ? digits(record->validFromM) : Json()},
+                           {"network", record != nullptr ? Json(std::move(network)) : Json()}});
+    }
+    batch.clear();
 }
 
 Json recordOf(Explanation::Choice const& choice) {
@@ -125,14 +129,18 @@ Json recordOf(Explanation::Choice const& choice) {
 constexpr std::size_t mostHistoryCM = 1000;
 
 Json historiesOf(Explanation::Prefixes const& prefixes) {
+    constexpr std::size_t bytesARecord = 64; // besides its network
     Json all = Json::array();
+    AnswerSize size;
     for (auto const& prefix : prefixes) {
         // The newest: an answer must stay of a size that the event loop can send beside others.
         std::size_t const shown = std::min(prefix.history.size(), mostHistoryCM);
         Json history = Json::array();
-        for (std::size_t i = 0; i < shown; ++i)
-            history.push_back({{"validFrom", digits(prefix.history[i].validFromM)},
-                               {"network", asUtf8(prefix.history[i].networkIdM.view())}});
+        for (std::size_t i = 0; i < shown; ++i) {
+            std::string network = asUtf8(prefix.history[i].networkIdM.view());
+            size.add(bytesARecord + network.size());
+            history.push_back({{"validFrom", digits(prefix.history[i].validFromM)}, {"network", std::move(network)}});
+        }
         all.push_back({{"key", prefix.key.str()},
                        {"history", std::move(history)},
                        {"olderLeftOut", prefix.history.size() - shown}});
@@ -152,7 +160,9 @@ Json limitsOf(GuardLimits const& limits) {
     };
     setPercent("maxLossPercent", limits.maxLossPercent);
     setPercent("maxRejectedPercent", limits.maxRejectedPercent);
-    set("minRecords", limits.minRecords);
+    set("maxNumbersWithoutDigits", limits.maxNumbersWithoutDigits);
+    if (limits.minRecords > 0)
+        object["minRecords"] = limits.minRecords;
     if (limits.requireCompleteLastLine)
         object["requireCompleteLastLine"] = true;
     set("maxMemoryMiB", limits.maxMemoryMiB);
@@ -185,7 +195,7 @@ Json guardOf(LoadedPlugIn const& plugIn, LoadGuard const& guard, std::uint64_t l
 
 } // namespace
 
-Json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard) {
+Json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard, DataFileState& file, Log const& log) {
     ServiceStatus const status = plugIn.serviceStatus();
     return {{"ok", true},
             {"usable", status.usable},
@@ -195,34 +205,45 @@ Json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard) {
             {"records", status.records},
             {"numbers", status.numbers},
             {"searchMethod", nameOfSearchMethod(status.searchMethod)},
-            {"dataFile", dataFile(status.dataFileName.str())},
+            {"dataFile", file.toJson(status)},
+            {"unsaved", status.unsaved},
             {"lastLoad", lastLoad(status.lastLoad)},
             {"guard", guardOf(plugIn, guard, status.loads)},
             {"lookUps", status.lookUps},
+            {"reportsLost", log.lost()},
             {"memoryBytes", residentBytes()},
             {"process", getpid()},
             {"program", NP_VERSION}};
 }
 
-Json answerLookup(LoadedPlugIn& plugIn, Json const& request) {
-    Json const& numbers = request.at("numbers");
-    if (!numbers.is_array() || numbers.empty() || numbers.size() > mostLookupNumbersCM)
+Json answerLookup(LoadedPlugIn& plugIn, NumberForm const& form, Json const& request) {
+    auto const numbers = request.find("numbers");
+    if (numbers == request.end() || !numbers->is_array() || numbers->empty() || numbers->size() > mostLookupNumbersCM)
         throw RequestError("'numbers' must be a list of 1 to " + std::to_string(mostLookupNumbersCM) + " numbers");
     BAS::DateTime const at = instantOf(request);
     std::optional<unsigned int> const method = methodOf(request);
     Json answers = Json::array();
-    for (Json const& number : numbers)
-        answers.push_back(answerOf(plugIn, numberOf(plugIn, request, number.get<std::string>()), at, method));
+    AnswerSize size;
+    LookUpBatch batch(plugIn, std::min(lookUpsAtOnceCM, numbers->size()));
+    for (Json const& number : *numbers) {
+        if (!number.is_string())
+            throw RequestError("each of 'numbers' must be a text");
+        batch.nextNumber() = numberOf(form, request, number.get<std::string>());
+        batch.add(at);
+        if (batch.isFull())
+            answerBatch(batch, method, size, answers);
+    }
+    answerBatch(batch, method, size, answers);
     return {{"ok", true}, {"at", digits(at)}, {"answers", std::move(answers)}};
 }
 
-Json answerExplain(LoadedPlugIn& plugIn, Json const& request) {
-    BAS::String const number = numberOf(plugIn, request, request.at("number").get<std::string>());
+Json answerExplain(LoadedPlugIn& plugIn, NumberForm const& form, Json const& request) {
+    BAS::String const number = numberOf(form, request, valueOf<std::string>(request, "number"));
     if (number.length() > mostExplainBytesCM)
         throw RequestError("the number is longer than " + std::to_string(mostExplainBytesCM) + " characters");
     BAS::DateTime const at = instantOf(request);
     unsigned int const configured = plugIn.serviceStatus().searchMethod;
-    Explanation::Prefixes const prefixes = asked([&] { return plugIn.explain(number); });
+    Explanation::Prefixes const prefixes = plugIn.explain(number);
     Explanation const explanation(prefixes, number);
 
     Json methods;

@@ -8,15 +8,18 @@
 // Complexity: that of the look-ups.
 #pragma once
 
+#include "host/DataFileState.h"
 #include "host/LoadGuard.h"
 #include "host/LoadedModule.h"
+#include "host/NumberForm.h"
 
 #include <nlohmann/json_fwd.hpp>
 
 namespace nphost {
 
-nlohmann::json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard);
-nlohmann::json answerLookup(LoadedPlugIn& plugIn, nlohmann::json const& request);
-nlohmann::json answerExplain(LoadedPlugIn& plugIn, nlohmann::json const& request);
+nlohmann::json answerStatus(LoadedPlugIn& plugIn, LoadGuard const& guard, DataFileState& file, Log const& log);
+// Numbers are brought into stored form, where the request asks for it, by `form`.
+nlohmann::json answerLookup(LoadedPlugIn& plugIn, NumberForm const& form, nlohmann::json const& request);
+nlohmann::json answerExplain(LoadedPlugIn& plugIn, NumberForm const& form, nlohmann::json const& request);
 
 } // namespace nphost

@@ -1,6 +1,7 @@
 #include "host/Signals.h"
 
 #include <atomic>
+#include <poll.h>
 
 namespace nphost {
 
@@ -24,7 +25,7 @@ Signals::Signals() {
     target.store(&wakeUpM);
     for (std::size_t i = 0; i < numbersCM.size(); ++i) {
         struct sigaction action = {};
-        action.sa_handler = numbersCM[i] == SIGPIPE ? SIG_IGN : noteSignal;
+        action.sa_handler = numbersCM[i] == SIGPIPE || numbersCM[i] == SIGXFSZ ? SIG_IGN : noteSignal;
         action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
         sigaction(numbersCM[i], &action, &beforeM[i]);
@@ -43,6 +44,17 @@ bool Signals::takeStop() noexcept {
 
 bool Signals::takeReload() noexcept {
     return reloadNoted.exchange(false);
+}
+
+bool Signals::awaitStop(WakeUp const& other) const noexcept {
+    std::array<pollfd, 2> polled = {{{descriptor(), POLLIN, 0}, {other.descriptor(), POLLIN, 0}}};
+    do {
+        poll(polled.data(), polled.size(), -1);
+        clear();
+        if (stopNoted.load())
+            return true;
+    } while (polled[1].revents == 0);
+    return false;
 }
 
 } // namespace nphost

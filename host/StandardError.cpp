@@ -1,55 +1,92 @@
 #include "host/StandardError.h"
 
+#include "host/HostError.h"
 #include "host/Interruption.h"
 #include "host/Text.h"
 #include "host/Waiting.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <fcntl.h>
 #include <poll.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace nphost {
 
 namespace {
 
-// A command that is to end waits no more for somebody who reads.
-void writeAll(std::string_view text) noexcept {
-    while (!text.empty()) {
-        ssize_t const written = ::write(STDERR_FILENO, text.data(), text.size());
-        if (written > 0)
-            text.remove_prefix(static_cast<std::size_t>(written));
-        bool const waits = written < 0 && (errno == EAGAIN || errno == EINTR);
-        if (written < 0 && (!waits || Interruption::isNoted()))
-            return;
-        if (waits)
-            becomesReady(STDERR_FILENO, POLLOUT);
-    }
+bool hasRoom(int milliseconds) noexcept {
+    pollfd room = {STDERR_FILENO, POLLOUT, 0};
+    int ready = 0;
+    do
+        ready = poll(&room, 1, milliseconds);
+    while (ready < 0 && errno == EINTR);
+    return ready > 0;
 }
 
 } // namespace
 
-void writeWhole(int descriptor, std::string_view text) noexcept {
-    while (!text.empty()) {
-        ssize_t const written = ::write(descriptor, text.data(), text.size());
+std::size_t writeWhole(int descriptor, std::string_view text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t const written = ::write(descriptor, text.data() + done, text.size() - done);
         if (written < 0 && errno != EINTR)
-            return;
+            break;
         if (written > 0)
-            text.remove_prefix(static_cast<std::size_t>(written));
+            done += static_cast<std::size_t>(written);
     }
+    return done;
 }
 
 BAS::Mutex StandardError::lockM;
 bool StandardError::progressShownM = false;
+bool StandardError::serviceM = false;
+bool StandardError::stuckM = false;
+bool StandardError::halfM = false;
 
 bool StandardError::isTerminal() noexcept {
     return isatty(STDERR_FILENO) == 1;
 }
 
-void StandardError::write(std::string_view text) noexcept {
+bool StandardError::write(std::string_view text) noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
-    writeAll(text);
+    if (halfM && writeAll("\n") == 0)
+        return false;
+    std::size_t const written = writeAll(text);
+    halfM = serviceM && written > 0 && written < text.size();
+    return written == text.size();
+}
+
+void StandardError::beOfService() noexcept {
+    BAS::MutexGuard const guard(lockM);
+    serviceM = true;
+}
+
+// A command that is to end waits no more for somebody who reads. A service writes no more at once than there surely is
+// room for, because the descriptor may block.
+std::size_t StandardError::writeAll(std::string_view text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size() && !isStuck()) {
+        std::size_t const most = serviceM ? std::size_t{PIPE_BUF} : text.size();
+        ssize_t const written = ::write(STDERR_FILENO, text.data() + done, std::min(most, text.size() - done));
+        if (written > 0)
+            done += static_cast<std::size_t>(written);
+        bool const waits = written < 0 && (errno == EAGAIN || errno == EINTR);
+        if (written < 0 && (!waits || Interruption::isNoted()))
+            break;
+        if (waits)
+            becomesReady(STDERR_FILENO, POLLOUT);
+    }
+    return done;
+}
+
+bool StandardError::isStuck() noexcept {
+    stuckM = serviceM && !hasRoom(stuckM ? 0 : patienceMillisecondsCM);
+    return stuckM;
 }
 
 void StandardError::showProgress(std::string_view text) noexcept {
@@ -62,6 +99,19 @@ void StandardError::showProgress(std::string_view text) noexcept {
 void StandardError::eraseProgress() noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
+}
+
+void StandardError::keepOff(std::filesystem::path const& file, char const* what) {
+    struct stat named = {};
+    struct stat opened = {};
+    if (file.empty() || stat(file.c_str(), &named) != 0 || fstat(STDERR_FILENO, &opened) != 0 ||
+        !S_ISREG(named.st_mode) || named.st_dev != opened.st_dev || named.st_ino != opened.st_ino)
+        return;
+    if (int const nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC); nowhere >= 0) {
+        dup2(nowhere, STDERR_FILENO);
+        close(nowhere);
+    }
+    throw HostError(std::string("standard error is ") + what);
 }
 
 void StandardError::eraseShown() noexcept {

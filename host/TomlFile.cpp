@@ -1,5 +1,6 @@
 #include "host/TomlFile.h"
 
+#include "framework/OMF/TomlLimits.h"
 #include "host/Text.h"
 
 #include <cerrno>
@@ -15,6 +16,10 @@ struct Close {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
+ConfigurationError atLine(std::filesystem::path const& file, std::size_t line, std::string_view reason) {
+    return ConfigurationError(visible(file.native()) + ":" + std::to_string(line) + ": " + visible(reason));
+}
+
 ConfigurationError unreadable(std::filesystem::path const& file, int error) {
     return ConfigurationError(visible(file.native()) + ": cannot be read: " + std::system_category().message(error));
 }
@@ -27,14 +32,19 @@ std::string readWhole(std::filesystem::path const& file) {
         throw unreadable(file, errno);
     std::string text;
     char block[4096];
-    for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, stream.get())) > 0;)
+    for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, stream.get())) > 0;) {
         text.append(block, count);
+        if (text.size() > OMF::TomlLimits::mostBytesCM) // which parseToml refuses
+            return text;
+    }
     if (std::ferror(stream.get()) != 0)
         throw unreadable(file, errno);
     return text;
 }
 
 toml::table parseToml(std::string_view text, std::filesystem::path const& file) {
+    if (auto const excess = OMF::TomlLimits::excessOf(text))
+        throw atLine(file, excess->line, excess->reason);
     try {
         return toml::parse(text);
     } catch (toml::parse_error const& error) {
@@ -44,7 +54,7 @@ toml::table parseToml(std::string_view text, std::filesystem::path const& file) 
 
 ConfigurationError errorAt(std::filesystem::path const& file, toml::source_region const& where,
                            std::string_view reason) {
-    return ConfigurationError(visible(file.native()) + ":" + std::to_string(where.begin.line) + ": " + visible(reason));
+    return atLine(file, where.begin.line, reason);
 }
 
 } // namespace nphost

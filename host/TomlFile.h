@@ -15,7 +15,9 @@
 
 namespace nphost {
 
+// Of a file that is too large to be parsed, its beginning, which is too large as well.
 std::string readWhole(std::filesystem::path const& file);
+// Text beyond OMF::TomlLimits is refused before the parser sees it.
 toml::table parseToml(std::string_view text, std::filesystem::path const& file);
 
 // "file:line: reason"

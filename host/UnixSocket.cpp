@@ -42,29 +42,54 @@ bool connects(int descriptor, sockaddr_un const& address) {
     return connect(descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
 }
 
-// Two daemons that start at once must not each take the other's socket for a stale one.
-FileDescriptor lockFolder(std::filesystem::path const& path) {
-    std::filesystem::path const folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-    FileDescriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!opened)
-        fail(path, "cannot be made", errno);
-    // Another daemon holds it for a moment only; whoever else may hold it must not keep this one waiting for ever.
-    constexpr int attempts = 50;
-    constexpr useconds_t pauseMicroseconds = 100'000;
-    for (int attempt = 0; flock(opened.get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
-        if (attempt >= attempts)
-            fail(path, "cannot be made: another process keeps its folder locked", errno);
-        usleep(pauseMicroseconds);
+// The lock of a file of the daemon's own, which is gone with it. Two daemons that start at once must not each take the
+// other's socket for a stale one. The folder itself would not do: whoever may read it may lock it.
+class StartLock {
+  public:
+    explicit StartLock(std::filesystem::path const& socket)
+        : socketM(socket), fileM(socket.parent_path() / ("." + socket.filename().native() + ".lock")) {
+        // Another daemon holds it for a moment only; nobody must keep this one waiting for ever.
+        constexpr int attempts = 50;
+        constexpr useconds_t pauseMicroseconds = 100'000;
+        for (int attempt = 0; !take(); ++attempt) {
+            if (attempt >= attempts)
+                fail(socketM, "cannot be made: another daemon that starts keeps " + visible(fileM.native()) + " locked",
+                     0);
+            usleep(pauseMicroseconds);
+        }
     }
-    return opened;
-}
+    StartLock(StartLock const&) = delete;
+    StartLock& operator=(StartLock const&) = delete;
+    ~StartLock() {
+        unlink(fileM.c_str());
+    } // before the lock goes, so that whoever waits for it sees a file without name
+
+  private:
+    bool take() {
+        constexpr mode_t ownerOnly = 0600;
+        descriptorM = FileDescriptor(
+            open(fileM.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, ownerOnly));
+        struct stat opened = {};
+        if (!descriptorM || fstat(descriptorM.get(), &opened) != 0)
+            fail(socketM, "cannot be made: its lock file " + visible(fileM.native()), errno);
+        if (!S_ISREG(opened.st_mode) || opened.st_uid != geteuid())
+            fail(socketM, "cannot be made: its lock file " + visible(fileM.native()) + " is not this user's", 0);
+        struct stat named = {};
+        return flock(descriptorM.get(), LOCK_EX | LOCK_NB) == 0 && lstat(fileM.c_str(), &named) == 0 &&
+               named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+    }
+
+    std::filesystem::path const& socketM;
+    std::filesystem::path fileM;
+    FileDescriptor descriptorM;
+};
 
 } // namespace
 
 ListeningSocket::ListeningSocket(std::filesystem::path path)
     : pathM(std::move(path)), descriptorM(makeSocket(pathM, SOCK_NONBLOCK)) {
     sockaddr_un const address = addressOf(pathM);
-    FileDescriptor const lock = lockFolder(pathM);
+    StartLock const lock(pathM);
     removeStale();
     constexpr mode_t allButOwnerAndGroup = 0117;
     mode_t const before = umask(allButOwnerAndGroup);

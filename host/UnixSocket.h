@@ -2,7 +2,8 @@
 //
 // Purpose: ListeningSocket makes it, so that there is no moment at which others than owner and group may use it (mode
 // 0660 from the first), replaces one that a killed daemon left behind, and refuses to when a daemon answers there or
-// when something else has the name. connectTo is the client's side.
+// when something else has the name. Meanwhile it holds the lock of a file of its own beside the socket (.NAME.lock),
+// which nobody else may open: who may only read the folder cannot hold up a start. connectTo is the client's side.
 // Ownership: ListeningSocket owns the socket and its name; close and destruction remove the name if it is still the
 // socket's.
 // Threads: one thread; construction changes the process's umask for a moment, so before other threads make files.

@@ -35,13 +35,6 @@ std::string digits(BAS::DateTime at) {
     return at.asString("%Y%m%d%H%M%S").str();
 }
 
-BAS::DateTime instantOf(std::string const& text, BAS::DateTime otherwise) {
-    BAS::DateTime const at = text.empty() ? otherwise : parseInstant(text);
-    if (!text.empty() && !at.isValid())
-        throw HostError("the instant '" + shortened(text) + "' is not valid");
-    return at;
-}
-
 struct Period {
     BAS::DateTime from;  // after it
     BAS::DateTime until; // up to it; invalid, and so later than all, for ever
@@ -146,8 +139,7 @@ int upcoming(UpcomingOptions const& options) {
     Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
     if (period.until < period.from) // false of an invalid one
         throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
-                        (options.from.empty() ? " (now)" : "") + " is later than " + digits(period.until) +
-                        " of --until");
+                        (options.from ? "" : " (now)") + " is later than " + digits(period.until) + " of --until");
     Host host(readConfiguration(options.common.configuration), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);

@@ -10,14 +10,15 @@
 
 #include "host/Host.h"
 
+#include <optional>
 #include <string>
 
 namespace nphost {
 
 struct UpcomingOptions {
     CommonOptions common;
-    std::string from;  // empty: now
-    std::string until; // empty: for ever
+    std::optional<std::string> from;  // none: now
+    std::optional<std::string> until; // none: for ever
     bool json = false;
 };
 

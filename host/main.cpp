@@ -2,6 +2,7 @@
 #include "host/CommandLine.h"
 #include "host/ExitStatus.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <initializer_list>
 #include <unistd.h>
@@ -22,5 +23,6 @@ bool holdStandardDescriptors() {
 } // namespace
 
 int main(int argc, char** argv) {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size is an error, as on a full disk
     return holdStandardDescriptors() ? nphost::run(argc, argv) : nphost::FAILED;
 }

@@ -17,11 +17,11 @@ PlugIn::PlugIn() {
 PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPlugIn(name, second) {
     setValid(isRegistered());
     if (isValid())
-        setValid(PlugIn::readRegistry());
+        setValid(shielded([this] { return configure(); }));
     cacheManagerM = std::make_unique<CacheManager>(this, nationalAccessCodeM, internationalAccessCodeM, countryCodeM,
                                                    internationalAccessCodeSignM, numberOfColumnsCM, fileNameM);
     if (isValid())
-        setValid(PlugIn::evalEnvironment());
+        setValid(askForEventHandler());
     if (isValid())
         setValid(initInstrumentationProbe());
 }
@@ -29,7 +29,10 @@ PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPl
 PlugIn::~PlugIn() {
     // A worker that was never shut down must have ended before anything that it uses goes.
     PlugIn::shutdown();
-    workerThreadM.reset();
+    {
+        BAS::MutexGuard const guard(workerLockM);
+        workerThreadM.reset();
+    }
     guarded([this] {
         closeCheckedFile();
         return true;
@@ -48,20 +51,20 @@ bool PlugIn::init() {
         report("INF_LOAD_DATA", BAS::Status::NORMAL, {name()});
         if (cacheManagerM == nullptr)
             return false;
-        if (workerThreadM == nullptr) // a repeated init finds it waiting at the gate
-            startWorker();
+        startWorker();
         return loadData();
     });
 }
 
 void PlugIn::startWorker() {
+    BAS::MutexGuard const guard(workerLockM);
+    if (workerThreadM != nullptr) // a repeated init finds it waiting at the gate
+        return;
     auto worker = std::make_unique<BAS::Thread>(nullptr);
     lock();
-    workerM.store(worker.get());
     try {
         worker->start([this] { run(); });
     } catch (...) {
-        workerM.store(nullptr);
         unLock(); // for the next init
         throw;
     }
@@ -78,7 +81,7 @@ bool PlugIn::loadData() {
                   [&](CacheManager& cache) { return first ? cache.load() : cache.cacheReload(true); }))
         return false;
     initialisedM = true;
-    report("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+    reported([this] { report("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())}); });
     return true;
 }
 
@@ -92,9 +95,14 @@ bool PlugIn::shutdown() {
 
 void PlugIn::stopWorker() {
     stopRequestedM.store(true);
-    unLock();
-    if (workerThreadM != nullptr)
-        workerThreadM->stop();
+    BAS::Thread* worker = nullptr;
+    {
+        BAS::MutexGuard const guard(workerLockM); // an init that makes the worker closes the gate under it
+        unLock();
+        worker = workerThreadM.get();
+    }
+    if (worker != nullptr)
+        worker->stop();
 }
 
 void PlugIn::lock() {
@@ -111,7 +119,7 @@ bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPo
 
 bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                     unsigned int method) {
-    return cacheManagerM != nullptr && guarded([&] { return cacheManagerM->search(number, at, out, method); });
+    return cacheManagerM != nullptr && shielded([&] { return cacheManagerM->search(number, at, out, method); });
 }
 
 bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
@@ -121,7 +129,7 @@ bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTim
 
 bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                     std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) {
-    return cacheManagerM != nullptr && guarded([&] {
+    return cacheManagerM != nullptr && shielded([&] {
                cacheManagerM->search(numbers, instants, records, found, method);
                return true;
            });
@@ -157,9 +165,14 @@ void PlugIn::expectAnyFile() {
         cacheManagerM->expectAnyFile();
 }
 
+void PlugIn::stopLoads() {
+    if (cacheManagerM != nullptr)
+        cacheManagerM->stopLoads();
+}
+
 std::vector<StoredPrefix> PlugIn::explain(BAS::String const& number) {
     std::vector<StoredPrefix> prefixes;
-    guarded([&] {
+    shielded([&] {
         if (cacheManagerM != nullptr)
             prefixes = cacheManagerM->explain(number);
         return true;
@@ -170,7 +183,7 @@ std::vector<StoredPrefix> PlugIn::explain(BAS::String const& number) {
 bool PlugIn::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
     return cacheManagerM != nullptr && guarded([&] {
                BAS::MutexGuard const guard(loadLockM);
-               bool const complete = cacheManagerM->visitFile(fileName, visit);
+               bool const complete = guarded([&] { return cacheManagerM->visitFile(fileName, visit); });
                closeCheckedFile();
                return complete;
            });
@@ -197,11 +210,6 @@ ServiceStatus PlugIn::serviceStatus() {
         return true;
     });
     return status;
-}
-
-bool PlugIn::isWorker() const {
-    BAS::Thread const* const current = BAS::Thread::current();
-    return current != nullptr && current == workerM.load();
 }
 
 LoadProgress const* PlugIn::progress() const {

@@ -7,24 +7,29 @@
 // State against operation:
 //   default-constructed   not valid, no data: init and search return false, nothing is touched
 //   constructed, invalid  has reported why; init still tries to load, look-ups find what it loaded
-//   constructed, valid    look-ups find nothing before init, and must not run during the first init
+//   constructed, valid    look-ups, prints and all that tells of the data find nothing, until the first load has ended
 //   initialised           everything is served; a second init returns false and changes nothing (after a load that
 //                         failed, or a reload before it, init loads by a reload)
-//   shut down             look-ups and registry updates go on, probe writes have no effect; shutdown may be repeated
+//   shut down             look-ups, registry updates and carryOut go on, probe writes have no effect; shutdown may be
+//                         repeated
+//   loads stopped         besides one of these: every load fails, init too; the rest goes on
 // Destruction without shutdown stops the worker first.
 //
 // Ownership: the framework owns the plug-in. The plug-in owns its cache manager, its worker thread and its probe group
 // with all it holds: the group and the values are classes of this module or refer to it, so nobody could free them
 // later. getInstrumentationProbe lends the group until the plug-in's destruction.
 //
-// Threads: construction, init, shutdown and destruction by one thread at a time. registryUpdate, probe writes, search
-// and isUsable from any thread. Loads (of init, of updates and of the worker) are serialised by loadLockM, which is
-// held for a whole load with its file check, its reports and its counts; search, isUsable and probe writes never wait
-// for it. Events are sent after it is released, on the thread that carried out the load; their receiver may command
-// loads, but must not shut down or destroy the plug-in.
+// Threads: construction, init and destruction by one thread at a time; readRegistry and evalEnvironment belong to the
+// construction and may not be called beside anything else; everything else from any thread, also during init. Loads
+// (of init, of updates and of the worker), examine and visitFile are serialised by loadLockM, which is held for a whole
+// load with its file check, its reports and its counts; search, isUsable and probe writes never wait for it. Events are
+// sent after it is released, on the thread that carried out the load; their receiver may command loads, but must not
+// shut down or destroy the plug-in. What examine and visitFile call back, and the log, must not load.
 //
-// Errors: nothing is thrown to the caller by a virtual operation, search or the entry functions. Failures are reported
-// to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and leaves the data that were live.
+// Errors: nothing is thrown to the caller by a virtual operation, a load or the entry functions, which return null when
+// memory runs out. Failures are reported to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and
+// leaves the data that were live. From search and explain std::bad_alloc travels, without a report: false and an empty
+// list mean that nothing is stored, and the caller, who has that memory to give, must be able to tell.
 //
 // Complexity: search as in NumberPortabilityTree.h, plus reading under the cache manager's lock.
 //
@@ -89,14 +94,15 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool shutdown() override;
 
     // The record valid at `at` by the configured search method. The number must be in stored form. False, and `out`
-    // unchanged, when there is none.
+    // unchanged, when there is none. Throws std::bad_alloc, with `out` unchanged; a number of up to 32 digits and a
+    // network of up to seven characters need no memory.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out);
     // The same by a search method of the caller's: 0 best match, 1 exact, any other shortest prefix.
     bool search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out, unsigned int method);
 
     // Many look-ups at once, of any number, with the same answers as one at a time: found[i] tells whether records[i]
-    // was filled in. The four spans are of one length. Up to 256 look-ups in a row see the same data. False when not
-    // all could be made (memory ran out, spans of different lengths; the log tells): what is in records and found then
+    // was filled in. The four spans are of one length. Up to 256 look-ups in a row see the same data. Throws
+    // std::bad_alloc, and is false ("ERR_UNEXPECTED") for spans of different lengths: what is in records and found then
     // means nothing.
     bool search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found);
@@ -122,7 +128,18 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     void expectFile(BAS::String const& fileName, STR::FileVersion const& version);
     void expectAnyFile();
 
-    // The stored keys that are prefixes of the number, longest first, with their histories. Empty when memory runs out.
+    // Does at once, on the calling thread, what a write of `value` to the mode's probe has the worker do, with the same
+    // reports, events and locks, and returns whether it succeeded. What is posted to the worker stays posted.
+    bool carryOut(ProbeMode mode, BAS::String const& value);
+
+    // Ends the load under way, if there is one, and refuses every later one: loads, reloads, delta loads, examine and
+    // visitFile then fail with "ERR_LOADS_STOPPED" (severity 4, the file), whoever commands them. From any thread and
+    // from signal handlers, until the plug-in's destruction begins; it waits for nothing, and there is no way back. A
+    // load that is broken off leaves what is live as it is, after a first load nothing. One whose data are live already
+    // succeeds, and a delta load finishes the main data file. Look-ups and prints go on.
+    void stopLoads();
+
+    // The stored keys that are prefixes of the number, longest first, with their histories. Throws std::bad_alloc.
     std::vector<StoredPrefix> explain(BAS::String const& number);
 
     // Shows every line of the named file as a load would take it, without serving it. False when it cannot be read to
@@ -136,10 +153,6 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
 
     // How the plug-in stands. Waits for no load and no print.
     ServiceStatus serviceStatus();
-
-    // Whether the calling thread is the worker, which carries out what the probes ask for. From any thread, until the
-    // plug-in's destruction begins.
-    bool isWorker() const;
 
     // How far the present load has come; null for a default-constructed plug-in. Valid as long as the plug-in.
     LoadProgress const* progress() const;
@@ -166,18 +179,26 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
         BAS::String value;
     };
 
-    // A load under loadLockM: runs it and keeps its outcome for serviceStatus.
+    // A load under loadLockM, with its file check: runs it and keeps its outcome for serviceStatus.
     template <class Load>
     bool recorded(LoadOutcome::Kind kind, BAS::String const& fileName, Load&& load) NP_REQUIRES(loadLockM);
 
-    // Runs an action and turns whatever it throws into a report and false.
+    // Runs an action and turns whatever it throws, but std::bad_alloc, into a report and false.
+    template <class Action>
+    bool shielded(Action&& action);
+    // The same, without exception.
     template <class Action>
     bool guarded(Action&& action) noexcept;
+    // Makes a report, whose failing does not change the outcome that it tells.
+    template <class Report>
+    void reported(Report&& make) noexcept;
     void report(BAS::String const& identifier, BAS::Status::Severity severity, BAS::Status::Arguments const& arguments);
     void sendEvent(char const* event);
     BAS::String keyPath(BAS::String const& key) const;
     std::uint32_t entries();
 
+    bool configure();
+    bool askForEventHandler();
     bool readKeys();
     bool readMandatory(BAS::RegistryEntry const& subtree, BAS::String const& key, BAS::String& value);
     bool readSearchMethod(BAS::RegistryEntry const& subtree);
@@ -188,7 +209,6 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     Opening tryOpen(BAS::String const& fileName, bool keepOpen);
     bool reportOpening(Opening const& opening, BAS::String const& fileName);
     void closeCheckedFile();
-    BAS::String checkedFileName();
 
     void startWorker();
     bool loadData();
@@ -206,10 +226,9 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool takeRequest(Request& request);
     void run();
     void stopWorker();
-    void carryOut(Request const& request);
-    void probeReload(BAS::String const& value);
-    void probeDeltaLoad(BAS::String const& fileName);
-    void probePrint(BAS::String const& value);
+    bool probeReload(BAS::String const& value);
+    bool probeDeltaLoad(BAS::String const& fileName);
+    bool probePrint(BAS::String const& value);
 
     // Set during construction only.
     BAS::String fileNameM;
@@ -231,8 +250,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     std::unique_ptr<BAS::InstrumentationProbeGroup> probeGroupM;
 
     RequestGate requestLockM;
-    std::unique_ptr<BAS::Thread> workerThreadM;
-    std::atomic<BAS::Thread const*> workerM{nullptr}; // the same, for whoever asks while it is being started
+    std::unique_ptr<BAS::Thread> workerThreadM NP_GUARDED_BY(workerLockM); // once made it stays until destruction
     std::atomic<bool> stopRequestedM{false};
 
     bool loadingM NP_GUARDED_BY(outcomeLockM) = false;
@@ -240,6 +258,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     std::uint64_t loadsM NP_GUARDED_BY(outcomeLockM) = 0;
     bool loadTriedM NP_GUARDED_BY(loadLockM) = false;   // there has been a load, with or without success
     bool initialisedM NP_GUARDED_BY(loadLockM) = false; // init has loaded the data
+    BAS::Mutex workerLockM;                             // held for a moment, with no other but the gate's
     // Taken in this order, the later ones for a moment each.
     BAS::Mutex loadLockM;
     BAS::Mutex fileLockM;

@@ -91,7 +91,7 @@ void PlugIn::run() {
         guarded([this] {
             Request request{RELOAD_PROBE, BAS::NULL_STRING};
             if (takeRequest(request))
-                carryOut(request);
+                carryOut(request.mode, request.value);
             return true;
         });
     }
@@ -102,33 +102,39 @@ void PlugIn::run() {
     }
 }
 
-void PlugIn::carryOut(Request const& request) {
-    switch (request.mode) {
-    case RELOAD_PROBE:
-        return probeReload(request.value);
-    case DELTA_LOAD_PROBE:
-        return probeDeltaLoad(request.value);
-    case PRINT_DATA_PROBE:
-        return probePrint(request.value);
-    }
+bool PlugIn::carryOut(ProbeMode mode, BAS::String const& value) {
+    return guarded([&] {
+        switch (mode) {
+        case RELOAD_PROBE:
+            return probeReload(value);
+        case DELTA_LOAD_PROBE:
+            return probeDeltaLoad(value);
+        case PRINT_DATA_PROBE:
+            return probePrint(value);
+        }
+        return false;
+    });
 }
 
-void PlugIn::probeReload(BAS::String const& value) {
+bool PlugIn::probeReload(BAS::String const& value) {
     bool const reuse = value.upper() != "FALSE";
     bool reloaded = false;
     {
         BAS::MutexGuard const guard(loadLockM);
         reloaded =
             recorded(LoadOutcome::RELOAD, fileNameM, [&](CacheManager& cache) { return cache.cacheReload(reuse); });
-        if (reloaded)
-            report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
-        else
-            report("ERR_NUM_PORT_RELOAD", BAS::Status::MAJOR, {checkedFileName()});
+        reported([&] {
+            if (reloaded)
+                report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+            else
+                report("ERR_NUM_PORT_RELOAD", BAS::Status::MAJOR, {fileNameM});
+        });
     }
     sendEvent(reloaded ? "EVT::RELOAD_SUCCESSFUL" : "EVT::RELOAD_FAILED");
+    return reloaded;
 }
 
-void PlugIn::probeDeltaLoad(BAS::String const& fileName) {
+bool PlugIn::probeDeltaLoad(BAS::String const& fileName) {
     bool loaded = false;
     {
         BAS::MutexGuard const guard(loadLockM);
@@ -136,23 +142,31 @@ void PlugIn::probeDeltaLoad(BAS::String const& fileName) {
         loaded = recorded(LoadOutcome::DELTA_LOAD, fileName,
                           [&](CacheManager& cache) { return cache.cacheDeltaLoad(fileName); });
         std::uint32_t const after = entries();
-        if (!loaded)
-            report("ERR_NUM_PORT_DELTALOAD", BAS::Status::MAJOR, {fileName});
-        else if (after != before)
-            report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL,
-                   {BAS::String::convert(after - before) + " : " + fileName});
+        reported([&] {
+            if (!loaded)
+                report("ERR_NUM_PORT_DELTALOAD", BAS::Status::MAJOR, {fileName});
+            else if (after != before)
+                report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL,
+                       {BAS::String::convert(after - before) + " : " + fileName});
+        });
     }
     sendEvent(loaded ? "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL" : "EVT::ADD_NUM_PORT_DATA_FAILED");
+    return loaded;
 }
 
-void PlugIn::probePrint(BAS::String const& value) {
+bool PlugIn::probePrint(BAS::String const& value) {
     bool const console = value.empty() || value.upper() == "NULL";
-    if (!guarded([&] { return cacheManagerM->printData(console ? BAS::NULL_STRING : value); })) {
-        report("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, {value});
-        return;
-    }
-    report("INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
-           {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
+    bool const printed = guarded(
+        [&] { return cacheManagerM != nullptr && cacheManagerM->printData(console ? BAS::NULL_STRING : value); });
+    reported([&] {
+        if (printed)
+            report(
+                "INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
+                {BAS::String::convert(entries()), console ? BAS::String("Console") : BAS::String("File : ") + value});
+        else
+            report("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, {value});
+    });
+    return printed;
 }
 
 } // namespace DAT::NumberPortability

@@ -28,7 +28,11 @@ BAS::String valueOr(BAS::RegistryEntry const& subtree, BAS::String const& key, B
 } // namespace
 
 bool PlugIn::readRegistry() {
-    return guarded([this] { return isValid() ? readKeys() && checkFile() : checkFile(); });
+    return guarded([this] { return configure(); });
+}
+
+bool PlugIn::configure() {
+    return isValid() ? readKeys() && checkFile() : checkFile();
 }
 
 bool PlugIn::readKeys() {
@@ -114,18 +118,20 @@ void PlugIn::closeCheckedFile() {
     report("INF_FILE_CLOSED", BAS::Status::NORMAL, {fileName});
 }
 
-BAS::String PlugIn::checkedFileName() {
-    BAS::MutexGuard const guard(fileLockM);
-    return fileIoM.fileName();
+bool PlugIn::evalEnvironment() {
+    guarded([this] { return askForEventHandler(); });
+    return true;
 }
 
-bool PlugIn::evalEnvironment() {
-    return guarded([this] {
+// Whatever becomes of the request, and whatever the root object throws, the plug-in does without the name.
+bool PlugIn::askForEventHandler() {
+    shielded([this] {
         BAS::Message request(name(), rootNameCM, "REQ_EVENTHANDLER_NAME", BAS::NULL_STRING);
         if (sendRequest(request) && request.arguments().length() == 1)
             eventHandlerNameM = request.arguments()[0];
         return true;
     });
+    return true;
 }
 
 } // namespace DAT::NumberPortability

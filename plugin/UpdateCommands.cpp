@@ -44,16 +44,13 @@ bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& 
 bool PlugIn::reloadForUpdate(bool reuse) {
     BAS::MutexGuard const guard(loadLockM);
     report("INF_RELOAD_DATA", BAS::Status::NORMAL, {name()});
-    bool reloaded = false;
-    if (checkFile()) {
-        reloaded =
-            recorded(LoadOutcome::RELOAD, fileNameM, [&](CacheManager& cache) { return cache.cacheReload(reuse); });
-        closeCheckedFile();
-    }
+    bool const reloaded = recorded(LoadOutcome::RELOAD, fileNameM,
+                                   [&](CacheManager& cache) { return checkFile() && cache.cacheReload(reuse); });
+    reported([&] { closeCheckedFile(); });
     if (reloaded)
-        report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())});
+        reported([&] { report("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, {BAS::String::convert(entries())}); });
     else
-        fileOkM.store(reuse);
+        fileOkM.store(reuse); // before the event: its receiver may ask isUsable, or command the next reload
     return reloaded;
 }
 
@@ -81,16 +78,17 @@ bool PlugIn::deltaLoadForUpdate(BAS::String const& fileName) {
     report("INF_ADD_DATA", BAS::Status::NORMAL, {name()});
     std::uint32_t before = 0;
     std::uint32_t after = 0;
-    bool loaded = false;
-    if (checkFile(fileName)) {
-        before = entries();
-        loaded = recorded(LoadOutcome::DELTA_LOAD, fileName,
-                          [&](CacheManager& cache) { return cache.cacheDeltaLoad(fileName); });
+    bool const loaded = recorded(LoadOutcome::DELTA_LOAD, fileName, [&](CacheManager& cache) {
+        if (!checkFile(fileName))
+            return false;
+        before = after = entries();
+        bool const added = cache.cacheDeltaLoad(fileName);
         after = entries();
-        closeCheckedFile();
-    }
+        return added;
+    });
+    reported([&] { closeCheckedFile(); });
     if (loaded || after != before)
-        report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, {BAS::String::convert(after - before)});
+        reported([&] { report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, {BAS::String::convert(after - before)}); });
     return loaded;
 }
 

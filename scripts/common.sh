@@ -27,6 +27,11 @@ need() {
 build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
     libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev)
 test_packages=(libgtest-dev binutils pkg-config scdoc)
+lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
+fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
+package_packages=(dpkg-dev file git lintian scdoc)
+root_packages=(debootstrap git procps)
+boot_packages=(systemd-container pkg-config)
 
 # Configures and builds one preset.
 build() {
@@ -34,4 +39,3 @@ build() {
     cmake --preset "$1" >/dev/null
     cmake --build --preset "$@"
 }
-package_packages=(dpkg-dev file git lintian scdoc)

@@ -15,6 +15,7 @@
 
 #include "store/BlockPool.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -37,12 +38,18 @@ class ExactVector {
     ExactVector() noexcept = default;
     // POOL: the vector lies in a block of a pool, and stays there.
     explicit ExactVector(Memory memory) noexcept : memoryM(memory) {}
-    ExactVector(ExactVector const& other) {
-        std::unique_ptr<T[]> copy(other.lengthM == 0 ? nullptr : new T[other.lengthM]);
-        for (std::uint32_t i = 0; i < other.lengthM; ++i)
-            copy[i] = other.elementsM[i];
-        elementsM = copy.release();
+    ExactVector(ExactVector const& other) : ExactVector(other, Memory::HEAP) {}
+    ExactVector(ExactVector const& other, Memory memory) : memoryM(memory) {
+        if (other.lengthM == 0)
+            return;
+        elementsM = allocate(other.lengthM);
         lengthM = other.lengthM;
+        try {
+            std::copy_n(other.elementsM, lengthM, elementsM);
+        } catch (...) {
+            freeElements();
+            throw;
+        }
     }
     ExactVector& operator=(ExactVector const&) = delete;
     ~ExactVector() { freeElements(); }
@@ -57,11 +64,11 @@ class ExactVector {
         return elementsM[position];
     }
 
-    void prefetch() const noexcept { __builtin_prefetch(elementsM); }
+    [[gnu::always_inline]] void prefetch() const noexcept { __builtin_prefetch(elementsM); }
 
     // Adds one default-constructed element at the end.
     void grow() {
-        T* const grown = memoryM == Memory::HEAP ? new T[lengthM + 1ULL] : pooled(lengthM + 1ULL);
+        T* const grown = allocate(lengthM + 1ULL);
         for (std::uint32_t i = 0; i < lengthM; ++i)
             grown[i] = std::move(elementsM[i]);
         freeElements();
@@ -74,7 +81,9 @@ class ExactVector {
         if (position >= lengthM)
             throw std::out_of_range("ExactVector: position beyond the length");
     }
-    T* pooled(std::size_t length) {
+    T* allocate(std::size_t length) {
+        if (memoryM == Memory::HEAP)
+            return new T[length];
         T* const elements = static_cast<T*>(BlockPool::of(this).allocate(length * sizeof(T)));
         std::uninitialized_default_construct_n(elements, length);
         return elements;

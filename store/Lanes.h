@@ -60,7 +60,7 @@ class Lanes {
     }
 
     // Fetches the values of the last nodes of the first `count` lanes, and what they refer to.
-    void fetchValues(unsigned count) {
+    [[gnu::always_inline]] void fetchValues(unsigned count) {
         unsigned apart = 0;
         for (unsigned lane = 0; lane < count; ++lane) {
             goingM[apart] = lane;

@@ -4,7 +4,7 @@
 // Invariant of a list built by insertAt alone, which is how the system builds every list: records stand newest first,
 // no two with the same valid-from. insert does not keep it; the two must not be mixed on one list.
 // Ownership: owns its records. The number tree creates one, in a block of its pool, for every history that its trie does
-// not hold in a node itself; copies are made when a whole tree is copied, and for whoever visits histories.
+// not hold in a node itself and that is not long (LongHistory.h); copies are made when a whole tree is copied, and for whoever visits histories.
 // Threads: no locking inside. search, printTree, length and record only read and may run at once; insert, insertAt
 // and destruction need exclusive access.
 // Errors: insert and insertAt throw when memory runs out and leave the list as it was; record throws
@@ -29,6 +29,7 @@ class NumberPortabilityList {
     // POOL: the list lies in a block of a BlockPool, and takes its array from there too.
     explicit NumberPortabilityList(Memory memory) noexcept : recordsM(memory) {}
     NumberPortabilityList(NumberPortabilityList const&) = default;
+    NumberPortabilityList(NumberPortabilityList const& other, Memory memory) : recordsM(other.recordsM, memory) {}
     NumberPortabilityList& operator=(NumberPortabilityList const&) = delete;
 
     // Appends at the end, whatever the date.
@@ -45,7 +46,7 @@ class NumberPortabilityList {
     void printTree(std::ostream& out, BAS::String const& number) const;
 
     // Fetches the first records into the processor's cache.
-    void prefetch() const noexcept { recordsM.prefetch(); }
+    [[gnu::always_inline]] void prefetch() const noexcept { recordsM.prefetch(); }
 
     std::uint32_t length() const noexcept { return recordsM.length(); }
     NumberPortabilityData const& record(std::uint32_t position) const { return recordsM[position]; }

@@ -80,11 +80,13 @@ void NumberPortabilityTree::clearAndDestroy() {
     numbersM = 0;
 }
 
-void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other) {
+void NumberPortabilityTree::copyFrom(NumberPortabilityTree const& other, std::function<void()> const& between) {
     if (this == &other)
         return;
     clearAndDestroy();
     other.treeM.visit([&](BAS::String const& number, HistoryValues::Value history) {
+        if (between)
+            between();
         Trie::Place place = treeM.reach(number);
         storeNew(place, histories().copy(other.histories(), history));
         entriesM += histories().length(treeM.layout().value(place));

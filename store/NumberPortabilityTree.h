@@ -16,7 +16,11 @@
 #include "store/PackedLayout.h"
 #include "store/PtrTree.h"
 
+#include <functional>
 #include <span>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
@@ -73,19 +77,37 @@ class NumberPortabilityTree {
     // Frees everything and leaves an empty, usable tree.
     void clearAndDestroy();
 
-    // Replaces the content by a copy of `other`'s.
-    void copyFrom(NumberPortabilityTree const& other);
+    // Replaces the content by a copy of `other`'s. `between` is called before each number; what it throws travels, and
+    // what was copied before stays.
+    void copyFrom(NumberPortabilityTree const& other, std::function<void()> const& between = {});
 
     // The listing: with `header` three heading lines, then the lines of every history in lexicographic order of the
     // numbers' digits. Without it the listing is a data file.
     void printTree(std::ostream& out, bool header) const;
 
-    // Calls visitor(BAS::String const& number, NumberPortabilityList const& history) in the listing's order. The history
-    // is valid during the call.
+    // The records of one number, as they are shown to visitors; valid during the call.
+    class History {
+      public:
+        std::uint32_t length() const { return valuesM.length(valueM); }
+        // Calls take(NumberPortabilityData const&) for each record, the newest first, until it returns false.
+        template <class Take>
+        void each(Take&& take) const {
+            valuesM.each(valueM, take);
+        }
+
+      private:
+        friend class NumberPortabilityTree;
+        History(HistoryValues const& values, HistoryValues::Value value) : valuesM(values), valueM(value) {}
+
+        HistoryValues const& valuesM;
+        HistoryValues::Value valueM;
+    };
+
+    // Calls visitor(BAS::String const& number, History const& history) in the listing's order.
     template <class Visitor>
     void visit(Visitor&& visitor) const {
         treeM.visit([&](BAS::String const& number, HistoryValues::Value value) {
-            histories().visit(value, [&](NumberPortabilityList const& history) { visitor(number, history); });
+            visitor(number, History(histories(), value));
         });
     }
 
@@ -96,9 +118,11 @@ class NumberPortabilityTree {
         treeM.visit([&](BAS::String const& number, HistoryValues::Value value) {
             if (histories().newest(value) <= after)
                 return;
-            histories().visit(value, [&](NumberPortabilityList const& history) {
-                for (std::uint32_t i = 0; i < history.length() && history.record(i).validFromM > after; ++i)
-                    visitor(number, history.record(i));
+            histories().each(value, [&](NumberPortabilityData const& record) {
+                bool const isLater = record.validFromM > after;
+                if (isLater)
+                    visitor(number, record);
+                return isLater;
             });
         });
     }
@@ -106,17 +130,21 @@ class NumberPortabilityTree {
     // Whether the number has a decimal digit, so that it can be stored.
     bool isStorable(std::string_view number) const { return treeM.isSignificant(number); }
 
-    // Calls visitor(BAS::String const& key, NumberPortabilityList const& history) for every stored key that is a prefix
-    // of the number's digits, the whole number included, the longest first.
+    // Calls visitor(BAS::String const& key, History const& history) for every stored key that is a prefix of the number's
+    // digits, the whole number included, the longest first. Linear in the number and in the keys found.
     template <class Visitor>
     void visitPrefixes(BAS::String const& number, Visitor&& visitor) const {
+        std::vector<std::pair<std::size_t, HistoryValues::Value>> found;
+        treeM.visitPrefixes(number,
+                            [&](std::size_t length, HistoryValues::Value value) { found.emplace_back(length, value); });
         std::string digits;
         for (char const character : number.view())
-            if (character >= '0' && character <= '9')
+            if (PBC::Digits::isDecimal(character))
                 digits += character;
-        for (; !digits.empty(); digits.pop_back())
-            if (HistoryValues::Value const value = treeM.search(BAS::String(digits), true))
-                histories().visit(value, [&](auto const& history) { visitor(BAS::String(digits), history); });
+        for (; !found.empty(); found.pop_back()) {
+            digits.resize(found.back().first);
+            visitor(BAS::String(digits), History(histories(), found.back().second));
+        }
     }
 
     // Records, not numbers.

@@ -25,6 +25,7 @@
 //   void clear()                 frees everything that values own together, after each was destroyed or owned nothing
 //   bool isApart(Value)          it lies elsewhere than in its word, so that fetching it ahead is worth while
 //   void print(Value, out, key), void prefetch(Value), void prefetchContent(Value)
+// What only prefetches is always inline: the compiler takes a call of it for one without effect and drops it.
 //
 // Ownership: owns all nodes and, through Values, all values. Threads: none inside; concurrent const use is safe.
 // Errors: std::bad_alloc, after which everything is as before.
@@ -56,7 +57,7 @@ class PointerValues {
     void clear() {}
     void print(Value value, std::ostream& out, std::string_view key) const { value->printTree(out, BAS::String(key)); }
     bool isApart(Value) const { return true; }
-    void prefetch(Value value) const { __builtin_prefetch(value); }
+    [[gnu::always_inline]] void prefetch(Value value) const { __builtin_prefetch(value); }
     void prefetchContent(Value) const {}
 
   private:
@@ -152,9 +153,9 @@ class PackedLayout {
         return Digits::of(slot);
     }
     static bool isLeaf(Cursor cursor) { return tagOf(*cursor) == VALUE; }
-    static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    [[gnu::always_inline]] static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
     // Fetches what lies below a node's children, for whoever will go through all of it.
-    void prefetchBelow(Cursor cursor) const {
+    [[gnu::always_inline]] void prefetchBelow(Cursor cursor) const {
         Word const word = *cursor;
         if (tagOf(word) != BRANCH)
             return;
@@ -169,8 +170,8 @@ class PackedLayout {
     using Copy = Word;
     static Copy copyOf(Cursor cursor) { return *cursor; }
     static Cursor at(Copy const& copy) { return &copy; }
-    void prefetch(Value value) const { valuesM.prefetch(value); }
-    void prefetchContent(Value value) const { valuesM.prefetchContent(value); }
+    [[gnu::always_inline]] void prefetch(Value value) const { valuesM.prefetch(value); }
+    [[gnu::always_inline]] void prefetchContent(Value value) const { valuesM.prefetchContent(value); }
     void print(Value value, std::ostream& out, std::string_view key) const { valuesM.print(value, out, key); }
 
     Place rootPlace() { return {0, 0, noneCM}; }

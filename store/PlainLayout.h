@@ -167,14 +167,14 @@ class PlainLayout {
     }
     // Whether it surely has no children, so that nothing is below.
     static bool isLeaf(Cursor) { return false; }
-    static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
+    [[gnu::always_inline]] static void prefetch(Cursor cursor) { __builtin_prefetch(cursor); }
     static void prefetchBelow(Cursor) {}
     // What stands for a node in a table of them, and a cursor at it.
     using Copy = Cursor;
     static Copy copyOf(Cursor cursor) { return cursor; }
     static Cursor at(Copy const& copy) { return copy; }
     // Fetches a value, and then what it refers to.
-    static void prefetch(Value value) { __builtin_prefetch(value); }
+    [[gnu::always_inline]] static void prefetch(Value value) { __builtin_prefetch(value); }
     static void prefetchContent(Value) {}
     void print(Value value, std::ostream& out, std::string_view key) const { value->printTree(out, BAS::String(key)); }
 

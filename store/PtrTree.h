@@ -209,6 +209,25 @@ class PtrTree {
         return walk.value();
     }
 
+    // Calls visitor(std::size_t digits, Value value) for every prefix of the key's digits that carries a value, the
+    // shortest first, with the count of its digits; not for the empty one.
+    template <class Visitor>
+    void visitPrefixes(BAS::String const& key, Visitor&& visitor) const {
+        std::string_view rest = key.view();
+        Digits digits;
+        Cursor node = rootM.root();
+        for (std::size_t taken = 0;;) {
+            if (digits.length() < Layout::mostAtOnceCM && !rest.empty())
+                takeDigits(rest, digits);
+            unsigned const before = digits.length();
+            if (before == 0 || !rootM.descend(node, digits))
+                return;
+            taken += before - digits.length();
+            if (Value const value = rootM.value(node))
+                visitor(taken, value);
+        }
+    }
+
     // Pushes the values of all prefixes of the key's digits that carry one, the shortest first, upon what `found`
     // holds already. A key without a digit pushes nothing.
     void search(BAS::String const& key, FoundStack& found) const {

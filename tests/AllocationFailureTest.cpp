@@ -1,5 +1,6 @@
 // Memory that runs out at any point of a load leaves the old data serving and the next load working, and nothing leaks:
 // that of the general allocator, and that which the trees take from the system themselves.
+#include "tests/LimitedMemory.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
 
@@ -19,28 +20,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::atomic<long> liveBlocks = 0; // of operator new; a thread may free what another has made
-
-// Allocations of this thread that still succeed; negative: all do.
-thread_local long allowed = -1;
-
-void* allocate(std::size_t size) {
-    if (allowed == 0)
-        throw std::bad_alloc();
-    if (allowed > 0)
-        --allowed;
-    void* const memory = std::malloc(size == 0 ? 1 : size); // NOLINT(cppcoreguidelines-no-malloc)
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    ++liveBlocks;
-    return memory;
-}
-
-void release(void* memory) noexcept {
-    liveBlocks -= memory == nullptr ? 0 : 1;
-    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
-}
 
 // What this thread asks of the system. The allocator's and the sanitizers' own calls do not come by here.
 struct Mappings {
@@ -109,26 +88,6 @@ extern "C" int munmap(void* range, std::size_t bytes) noexcept {
 }
 #endif
 
-// Not inlined: the compiler would take them for the library's own and warn of a mismatch with free.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    return allocate(size);
-}
-[[gnu::noinline]] void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    release(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory) noexcept {
-    release(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    release(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
-    release(memory);
-}
-
 using namespace DAT::NumberPortability;
 
 namespace {
@@ -151,9 +110,13 @@ struct NothingLeaks {
 class OutOfMemory : public testing::Test {
   protected:
     OutOfMemory() {
-        folder.write("main", "0171 20200101000000 OLD\n0171 20100101000000 OLDER-THAN-OLD\n0172 20200101000000 OLD\n"
-                             "0171 20000101000000 OLDEST-OF-ALL\n0171 19900101000000 BEFORE-ALL-OTHERS\n");
-        folder.write("delta", "0171 20240101000000 A-LONG-NETWORK\n0173123456 20240101000000 NEW\nbad\n");
+        std::string lines = "0171 20200101000000 OLD\n0171 20100101000000 OLDER-THAN-OLD\n0172 20200101000000 OLD\n"
+                            "0171 20000101000000 OLDEST-OF-ALL\n0171 19900101000000 BEFORE-ALL-OTHERS\n";
+        for (std::uint32_t i = 0; i < LongHistory::leastCM; ++i) // the delta makes a long history of it
+            lines += "0176 201001010000" + std::to_string(10 + i) + (i % 9 == 0 ? " A-LONG-NETWORK\n" : " OLD\n");
+        folder.write("main", lines);
+        folder.write("delta", "0171 20240101000000 A-LONG-NETWORK\n0173123456 20240101000000 NEW\nbad\n"
+                              "0176 20240101000000 A-LONG-NETWORK\n");
         EXPECT_TRUE(cache.load());
     }
 
@@ -222,6 +185,9 @@ TEST_F(OutOfMemory, ADeltaIsMergedWholeOrNotAtAll) {
             EXPECT_EQ(file, mainFile);
         } else { // live, so the main file must have it, unless memory ran out for writing it: then it is untouched
             EXPECT_TRUE(file == now || file == mainFile);
+            ServiceStatus status;
+            cache.describe(status);
+            EXPECT_TRUE(file == now || status.unsaved) << count;
             merged = now;
             // From the start again, with the old data.
             folder.write("main", mainFile);
@@ -344,7 +310,7 @@ constexpr long stepCM = 1;
 #endif
 
 TEST_P(OutOfMappings, AFirstLoadThatFailedIsMadeGoodByAReload) {
-    std::vector<std::string> const lines = linesOf(recordsWith(100, 2051)); // its array outgrows the pool's blocks
+    std::vector<std::string> const lines = linesOf(recordsWith(8000, 2051));
     std::string const expected = joined(lines);
     folder.write("main", shuffled(lines));
     long count = 0;

@@ -2,17 +2,23 @@
 #include "cache/LineStore.h"
 #include "cache/RecordBatch.h"
 #include "framework/STR/FileIo.h"
+#include "framework/STR/FilePlace.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
+#include "tests/WatchedThread.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
+#include <iostream>
+#include <latch>
 #include <sstream>
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -24,6 +30,8 @@ using Arguments = std::vector<std::string>;
 
 namespace {
 
+constexpr uid_t nobodyCM = 65534;
+
 struct Codes {
     BAS::String national = "0", international = "00", country = "44", sign = "+";
 };
@@ -32,10 +40,10 @@ class Cache : public testing::Test {
   protected:
     Cache() { use(Codes()); }
 
-    void use(Codes const& newCodes) {
+    void use(Codes const& newCodes, unsigned columns = 3) {
         codes = newCodes;
         cache = std::make_unique<CacheManager>(&plugIn, codes.national, codes.international, codes.country, codes.sign,
-                                               3, BAS::String(folder.file("main")));
+                                               columns, BAS::String(folder.file("main")));
     }
     void write(std::string const& lines) { folder.write("main", lines); }
     bool loadLines(std::string const& lines) {
@@ -66,6 +74,12 @@ class Cache : public testing::Test {
             }
         }
         closedir(descriptors);
+    }
+    // Leaves the folder's files to an account that may not make others there. False when this process cannot.
+    bool giveFilesAway() {
+        write("");
+        return geteuid() == 0 && chown(folder.file("main").c_str(), nobodyCM, nobodyCM) == 0 &&
+               chmod(folder.path().c_str(), 0755) == 0;
     }
     // Long lines, one of them bad, that are more than one batch: when the bad one is reported there is still some of
     // the file to read.
@@ -161,6 +175,123 @@ TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
         }
         plugIn.reports.clear();
     }
+}
+
+TEST_F(Cache, TakesLinesOfAnyColumnCountThatHoldsARecord) {
+    struct Case {
+        unsigned columns;
+        char const *line, *expected; // words of a line that is rejected
+    };
+    for (Case const& c : {Case{4, "0171 20240101000000 A more\n", ""},
+                          {4, "0171 20240101000000 A\n", "4"},
+                          {2, "0171 20240101000000\n", "3"},
+                          {2, "0171 20240101000000 A\n", "2"}}) {
+        SCOPED_TRACE(c.line + std::to_string(c.columns));
+        use(codes, c.columns);
+        plugIn.reports.clear();
+        EXPECT_TRUE(loadLines(c.line));
+        EXPECT_EQ(listing(), *c.expected == 0 ? "0044171  20240101000000  A\n" : "");
+        EXPECT_TRUE(*c.expected == 0 || plugIn.reports[0].arguments[1] == c.expected);
+    }
+}
+
+// However few lines are gathered before they are inserted, the same is stored, reported and counted.
+TEST_F(Cache, LoadsAlikeInBatchesOfAnyLength) {
+    std::string lines;
+    for (int i = 0; i < 21; ++i) // the last one is good
+        lines += i % 4 == 3 ? "bad\n"
+                            : (i == 17 ? "NULL" : "017" + std::to_string(i % 7)) + " 20240101000000 N" +
+                                  std::to_string(i) + "\n";
+    struct Seen {
+        std::string listing;
+        std::vector<Arguments> reports;
+        std::vector<unsigned long> rejectedLines;
+        std::vector<std::uint64_t> counts;
+        bool operator==(Seen const&) const = default;
+    };
+    auto const load = [&](std::uint32_t gathered, std::function<bool()> const& act) {
+        use(codes);
+        if (gathered != 0)
+            cache->gatherLines(gathered);
+        write(lines);
+        plugIn.reports.clear();
+        Seen seen;
+        EXPECT_TRUE(act());
+        LineCounts const& counts = cache->lineCounts();
+        seen.counts = {counts.rejected, counts.duplicates, counts.withoutDigits, counts.firstWithoutDigits};
+        DataSummary summary;
+        EXPECT_TRUE(cache->examine(
+            BAS::String(folder.file("main")), summary,
+            [&](unsigned long number, LineOutcome, BAS::String const&) { seen.rejectedLines.push_back(number); }, {}));
+        seen.listing = listing();
+        for (PlugIn::Report const& report : plugIn.reports)
+            seen.reports.push_back(report.arguments);
+        return seen;
+    };
+    std::function<bool()> const first = [&] { return cache->load(); };
+    std::function<bool()> const reload = [&] { return cache->cacheReload(false); };
+    for (auto const& act : {first, reload}) {
+        Seen const whole = load(0, act);
+        EXPECT_EQ(whole.counts, (std::vector<std::uint64_t>{13, 8, 1, 18}));
+        EXPECT_EQ(whole.rejectedLines.size(), 13U);
+        for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 20U})
+            EXPECT_EQ(load(gathered, act), whole) << gathered;
+    }
+}
+
+// What is told in the end belongs together.
+TEST_F(Cache, AnExaminationThatIsEndedCountsWhatItHasRead) {
+    std::string lines;
+    for (int i = 0; i < 9000; ++i)
+        lines += "0171" + std::to_string(i % 8000) + " 20240101000000 N\n";
+    write(lines);
+    DataSummary summary;
+    int asked = 0;
+    EXPECT_TRUE(cache->examine(
+        BAS::String(folder.file("main")), summary, [](unsigned long, LineOutcome, BAS::String const&) {},
+        [&](std::uint64_t) { return ++asked < 2; }));
+    EXPECT_FALSE(summary.readToEnd);
+    EXPECT_EQ(summary.lines, 8192U);
+    EXPECT_EQ(summary.records, 8000U);
+    EXPECT_EQ(summary.duplicates, 192U);
+}
+
+// Whoever calls during the first load finds nothing, or all of it once the load has ended.
+TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
+    constexpr std::uint32_t count = 60'000;
+    std::string lines;
+    for (std::uint32_t i = 0; i < count; ++i)
+        lines += "017" + std::to_string(1'000'000 + i) + " 20240101000000 N\n";
+    write(lines);
+    cache->gatherLines(1000);
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    auto const look = [&](bool isFound) { wrong += isFound && cache->numOfEntries() != count ? 1 : 0; };
+    std::vector<std::function<void()>> const calls{
+        [&] { look(answer("0044171059999") != "-"); }, [&] { look(!cache->explain("0044171000000").empty()); },
+        [&] { look(!listing().empty()); },
+        [&] {
+            ServiceStatus status;
+            cache->describe(status);
+            look(status.records != 0 || status.liveSince.isValid());
+        },
+        [&] {
+            std::uint32_t seen = 0;
+            cache->visitUpcoming(BAS::DateTime("20200101000000"), [&](auto const&, auto const&) { ++seen; });
+            wrong += seen != 0 && seen != count ? 1 : 0;
+        }};
+    std::vector<std::thread> threads;
+    for (auto const& call : calls)
+        threads.emplace_back([&] {
+            while (!stop)
+                call();
+        });
+    EXPECT_TRUE(cache->load());
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(cache->numOfEntries(), count);
 }
 
 TEST_F(Cache, ReadsEveryFormOfNumberAndReportsTheRest) {
@@ -325,43 +456,95 @@ TEST_F(Cache, RefusesADeltaBeforeTheMainFileHasBeenRead) {
 }
 
 // A child does a delta load and is killed at its first system call, its second, and so on to its last: the main file is
-// the old one or the merged one, whole, at every point.
+// the old one or the merged one, whole, at every point. Where the file can only be overwritten that is so for a single
+// block: nothing of it goes before the new content is complete.
 TEST_F(Cache, ADeltaKilledAtAnyPointLeavesTheMainFileWhole) {
     std::string const old = "0044171  20240101000000  A\n";
     std::string const merged = old + "0044172  20240101000000  B\n";
     folder.write("delta", "0172 20240101000000 B\n");
     ASSERT_TRUE(loadLines(old));
-    int oldFound = 0;
-    int mergedFound = 0;
-    for (int calls = 0, ended = 0; ended == 0; ++calls) {
-        write(old);
-        pid_t const child = fork();
-        if (child == 0) {
-            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-            raise(SIGSTOP);
-            _exit(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) ? 0 : 1);
+    for (bool const inPlace : {false, true}) {
+        if (inPlace && !giveFilesAway())
+            GTEST_SKIP() << "only root can have a file of somebody else, and become nobody";
+        int oldFound = 0;
+        int mergedFound = 0;
+        for (int calls = 0, ended = 0; ended == 0; ++calls) {
+            write(old);
+            pid_t const child = fork();
+            if (child == 0) {
+                if (inPlace && setresuid(nobodyCM, nobodyCM, nobodyCM) != 0)
+                    _exit(2);
+                ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+                raise(SIGSTOP);
+                _exit(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) ? 0 : 1);
+            }
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            ASSERT_TRUE(WIFSTOPPED(status)) << "cannot trace a child here";
+            for (int stop = 0; stop < calls && WIFSTOPPED(status); ++stop) { // a call stops it twice: before and after
+                ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+                waitpid(child, &status, 0);
+            }
+            if (WIFSTOPPED(status)) {
+                kill(child, SIGKILL);
+                waitpid(child, &status, 0);
+            } else {
+                EXPECT_EQ(WEXITSTATUS(status), 0);
+                ended = 1;
+            }
+            std::string const content = contentOf(folder.file("main"));
+            ++(content == merged ? mergedFound : oldFound);
+            ASSERT_TRUE(content == old || content == merged) << "killed after " << calls << " stops:\n" << content;
+            ASSERT_EQ(content == merged || ended == 0, true);
         }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSTOPPED(status)) << "cannot trace a child here";
-        for (int stop = 0; stop < calls && WIFSTOPPED(status); ++stop) { // each call stops it twice: before and after
-            ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-            waitpid(child, &status, 0);
-        }
-        if (WIFSTOPPED(status)) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-        } else {
-            EXPECT_EQ(WEXITSTATUS(status), 0);
-            ended = 1;
-        }
-        std::string const content = contentOf(folder.file("main"));
-        ++(content == merged ? mergedFound : oldFound);
-        ASSERT_TRUE(content == old || content == merged) << "killed after " << calls << " stops:\n" << content;
-        ASSERT_EQ(content == merged || ended == 0, true);
+        EXPECT_GT(oldFound, 20);
+        EXPECT_GT(mergedFound, 2);
     }
-    EXPECT_GT(oldFound, 20);
-    EXPECT_GT(mergedFound, 2);
+}
+
+// In a folder that is closed to the account, so that no file can be put beside the data file.
+TEST_F(Cache, ADeltaOverwritesWhatCannotBeReplacedAndTellsOfWhatItCouldNotSave) {
+    if (!giveFilesAway())
+        GTEST_SKIP() << "only root can have a file of somebody else, and become nobody";
+    std::string const a = "0044171  20240101000000  A\n";
+    ASSERT_TRUE(loadLines(a));
+    struct Case {
+        char const* network; // that the delta adds; a reload when there is none
+        mode_t mode;         // of the data file
+        bool unsaved;
+        Identifiers reports;
+    };
+    std::string live = a;
+    ServiceStatus status;
+    for (Case const& c : {Case{"B", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
+                          {"C", 0400, true, {}},
+                          {"D", 0400, true, {}},
+                          {"E", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
+                          {"F", 0400, true, {}},
+                          {nullptr, 0600, false, {"INF_DELETE_OLD_DATA"}}}) {
+        SCOPED_TRACE(c.network == nullptr ? "reload" : c.network);
+        ASSERT_EQ(chmod(folder.file("main").c_str(), c.mode), 0);
+        plugIn.reports.clear();
+        std::string const before = contentOf(folder.file("main"));
+        if (c.network != nullptr) {
+            folder.write("delta",
+                         std::string("004418") + std::to_string(c.network[0]) + " 20240101000000 " + c.network);
+            live += "004418" + std::to_string(c.network[0]) + "  20240101000000  " + c.network + "\n";
+        }
+        ASSERT_EQ(seteuid(nobodyCM), 0);
+        EXPECT_TRUE(c.network == nullptr ? cache->cacheReload(true)
+                                         : cache->cacheDeltaLoad(BAS::String(folder.file("delta"))));
+        ASSERT_EQ(seteuid(0), 0);
+        live = c.network == nullptr ? before : live;
+        EXPECT_EQ(listing(), live);
+        EXPECT_EQ(contentOf(folder.file("main")), c.unsaved ? before : live);
+        EXPECT_EQ(plugIn.takeIdentifiers(), c.reports);
+        cache->describe(status);
+        EXPECT_EQ(status.unsaved, c.unsaved);
+        EXPECT_TRUE(STR::versionOf(BAS::String(folder.file("main"))).hasContentOf(status.dataFileVersion));
+    }
+    write(a);
+    EXPECT_FALSE(STR::versionOf(BAS::String(folder.file("main"))).hasContentOf(status.dataFileVersion));
 }
 
 // While the file is being read, look-ups and counts are answered: reports are made then, and none under the tree lock.
@@ -411,10 +594,49 @@ TEST_F(Cache, ExplainsWhatALookUpChoosesFromAndHowItStands) {
     EXPECT_EQ(status.lookUps, 601U) << "each of a batch counts";
     EXPECT_TRUE(status.liveSince.isValid());
     EXPECT_EQ(cache->linesRead(), 4U);
-    EXPECT_EQ(cache->linesRejected(), 1U);
+    EXPECT_EQ(cache->lineCounts().rejected, 1U);
     plugIn.fileOpens = false;
     EXPECT_FALSE(cache->cacheReload(true));
-    EXPECT_EQ(cache->linesRead() + cache->linesRejected(), 0U) << "a load that read nothing";
+    EXPECT_EQ(cache->linesRead() + cache->lineCounts().rejected, 0U) << "a load that read nothing";
+}
+
+TEST_F(Cache, CountsLookUpsExactlyWhileItIsAsked) {
+    ASSERT_TRUE(loadLines("0171 20240101000000 A\n"));
+    answer("0044171");
+    std::atomic<bool> wrong{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 3000; ++round) {
+                ServiceStatus status;
+                cache->describe(status);
+                cache->explain("0044171");
+                wrong = wrong || status.lookUps != 1;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_FALSE(wrong);
+}
+
+TEST_F(Cache, AnswersEachOfALongBatchAtItsOwnInstant) {
+    ASSERT_TRUE(loadLines("0171 20100101000000 A\n0171 20200101000000 B\n0172 20150101000000 C\n"));
+    std::vector<BAS::String> numbers;
+    std::vector<BAS::DateTime> instants;
+    for (int i = 0; i < 600; ++i) {
+        numbers.emplace_back(i % 3 == 0 ? "0044172" : "0044171");
+        instants.emplace_back(BAS::String(std::to_string(2005 + i * 7 % 20) + "0601000000"));
+    }
+    std::vector<NumberPortabilityData> records(600);
+    std::array<bool, 600> found{};
+    for (unsigned const method : {0U, 1U, 2U}) {
+        cache->search(numbers, instants, records, found, method);
+        for (std::size_t i = 0; i < 600; ++i) {
+            std::string const one =
+                answer(numbers[i].str().c_str(), instants[i].asString("%Y%m%d%H%M%S").str().c_str(), method);
+            ASSERT_EQ(found[i] ? records[i].networkIdM.c_str() : "-", one) << i;
+        }
+    }
 }
 
 TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
@@ -435,6 +657,7 @@ TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
     std::uint32_t const partial = cache->numOfEntries();
     EXPECT_GT(partial, 0U);
     EXPECT_LT(partial, 30'000U);
+    EXPECT_FALSE(delta("0049 20240101000000 N\n")) << "the main file has not been read to its end";
 
     use(codes);
     ASSERT_TRUE(loadLines(manyLines("OLD")));
@@ -500,6 +723,92 @@ TEST_F(Cache, AdoptsNothingOfAnExpectedFileThatChangesWhileItIsRead) {
     EXPECT_EQ(listing(), old + "0049  20240101000000  N\n");
 }
 
+// The stop comes with a report that is made while a tree is being filled: the first bad line, or the same line again when
+// the new data are live.
+TEST_F(Cache, AStoppedLoadChangesNothingThatIsLive) {
+    BAS::String const added(folder.file("delta"));
+    std::string const old = "0044171  20240101000000  OLD\n";
+    std::string const fresh = "0044172  20240101000000  NEW\n";
+    std::string const lines = "bad\n0172 20240101000000 NEW\n";
+    DataSummary summary;
+    auto const ignore = [](unsigned long, LineOutcome, BAS::String const&) {};
+    struct Case {
+        char const* what;
+        std::function<bool()> load;
+        int reports; // with the last of these comes the stop
+        bool succeeds;
+        std::string live, file; // afterwards
+    };
+    auto const visit = [&](FileLine const&) { cache->stopLoads(); };
+    auto const reload = [&] { return cache->cacheReload(true); };
+    auto const addDelta = [&] { return cache->cacheDeltaLoad(added); };
+    for (Case const& c :
+         {Case{"first load", [&] { return cache->load(); }, 1, false, "", lines},
+          Case{"reload", reload, 1, false, old, lines}, Case{"delta load", addDelta, 1, false, old, lines},
+          Case{"reload, live", reload, 2, true, fresh, lines},
+          Case{"delta load, live", addDelta, 2, true, old + fresh, old + fresh},
+          Case{"visit", [&] { return cache->visitFile(added, visit); }, 0, false, old, lines},
+          Case{"examination", [&] { return cache->examine(added, summary, ignore, {}); }, 1, false, old, lines}}) {
+        SCOPED_TRACE(c.what);
+        use(codes);
+        if (!c.live.empty()) {
+            ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
+        }
+        write(lines);
+        folder.write("delta", lines);
+        plugIn.reports.clear();
+        int reports = 0;
+        plugIn.onReport = [&](PlugIn::Report const&) {
+            if (++reports == c.reports)
+                cache->stopLoads();
+        };
+        EXPECT_EQ(c.load(), c.succeeds);
+        plugIn.onReport = nullptr;
+        auto const told = [&] { return plugIn.reports.back().identifier == "ERR_LOADS_STOPPED"; };
+        EXPECT_EQ(told(), !c.succeeds);
+        EXPECT_EQ(listing(), c.live);
+        EXPECT_EQ(contentOf(folder.file("main")), c.file);
+        plugIn.reports.clear();
+        plugIn.fileOpens = false; // what comes later is refused before it looks at the file
+        EXPECT_FALSE(cache->load() || reload() || addDelta() || cache->examine(added, summary, ignore, {}));
+        plugIn.fileOpens = true;
+        EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers(4, "ERR_LOADS_STOPPED"));
+        EXPECT_EQ(summary.lines, 0U);
+        EXPECT_EQ(listing(), c.live);
+    }
+}
+
+// A print to somebody who takes nothing holds the exchange up, but not the stop.
+TEST_F(Cache, AStopEndsALoadThatWaitsForAPrint) {
+    struct Stuck : std::stringbuf {
+        std::latch reached{1}, leave{1};
+        std::streamsize xsputn(char const*, std::streamsize count) override {
+            if (!reached.try_wait())
+                reached.count_down();
+            leave.wait();
+            return count;
+        }
+    } stuck;
+    ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
+    std::string const old = listing();
+    write("0172 20240101000000 NEW\n");
+    WatchedThread const print([&] {
+        std::ostream out(&stuck);
+        cache->print(out, false);
+    });
+    stuck.reached.wait();
+    {
+        WatchedThread const reload([&] { EXPECT_FALSE(cache->cacheReload(true)); });
+        WatchedThread const count([&] { EXPECT_EQ(cache->numOfEntries(), 1U); });
+        reload.waitUntilAsleep();
+        count.waitUntilAsleep();
+        cache->stopLoads();
+    }
+    EXPECT_EQ(plugIn.reports.back().identifier, "ERR_LOADS_STOPPED");
+    stuck.leave.count_down();
+    EXPECT_EQ(listing(), old);
+}
+
 TEST_F(Cache, PrintsToTheConsoleOrAFile) {
     ASSERT_TRUE(loadLines("0171 20240101000000 A\n"));
     std::string const target = folder.write("target", "old");
@@ -508,6 +817,7 @@ TEST_F(Cache, PrintsToTheConsoleOrAFile) {
     EXPECT_TRUE(text.starts_with(std::string(59, '-') + "\n"));
     EXPECT_TRUE(text.ends_with("\n0044171  20240101000000  A\n"));
     testing::internal::CaptureStdout();
+    std::cout.setstate(std::ios_base::badbit); // as a listing before left it that could not be written
     EXPECT_TRUE(cache->printData(BAS::NULL_STRING));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), text);
     EXPECT_TRUE(cache->printData(BAS::String(folder.file("no/such/folder"))));

@@ -1,6 +1,7 @@
 // A daemon as its operator meets it: in a folder of its own, with its configuration, its data and a control socket.
 #pragma once
 
+#include "tests/DefaultSignals.h"
 #include "tests/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +73,8 @@ class Process {
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), flags, 0600);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), flags, 0600);
-        int const error = posix_spawn(&idM, program.c_str(), &actions, nullptr, argv.data(), environment.data());
+        int const error =
+            posix_spawn(&idM, program.c_str(), &actions, DefaultSignals().get(), argv.data(), environment.data());
         posix_spawn_file_actions_destroy(&actions);
         if (error != 0)
             throw std::runtime_error("cannot start " + program);
@@ -169,6 +171,45 @@ class RawClient {
     int descriptorM;
     bool connectedM = false;
     std::string inputM;
+};
+
+// What the daemon tells a service manager, by a socket in the file system or, where the name begins with '@', without.
+class ServiceManager {
+  public:
+    explicit ServiceManager(std::string name)
+        : nameM(std::move(name)), descriptorM(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, nameM.data(), nameM.size());
+        if (nameM.front() == '@')
+            address.sun_path[0] = '\0';
+        auto const length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + nameM.size());
+        if (bind(descriptorM, reinterpret_cast<sockaddr*>(&address), length) != 0)
+            throw std::runtime_error("cannot listen at " + nameM);
+    }
+    ServiceManager(ServiceManager const&) = delete;
+    ServiceManager& operator=(ServiceManager const&) = delete;
+    ~ServiceManager() { close(descriptorM); }
+
+    std::string const& name() const { return nameM; }
+
+    // The next message that is more than a status.
+    std::string next() const {
+        for (;;) {
+            std::array<char, 4096> block;
+            pollfd ready = {descriptorM, POLLIN, 0};
+            if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patienceCM).count())) != 1)
+                return "<nothing>";
+            std::string message(block.data(),
+                                static_cast<std::size_t>(recv(descriptorM, block.data(), block.size(), 0)));
+            if (!message.starts_with("STATUS="))
+                return message;
+        }
+    }
+
+  private:
+    std::string nameM;
+    int descriptorM;
 };
 
 inline std::string const dataCM = "0044770 20200101000000 ALPHA\n"

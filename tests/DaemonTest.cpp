@@ -1,5 +1,7 @@
 // nphost run and nphost ctl as an operator meets them: a daemon of its own for each test, in a folder of its own.
+#include "host/DeltaFolders.h"
 #include "host/Explanation.h"
+#include "host/LogTarget.h"
 #include "tests/DaemonSite.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +17,8 @@
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -55,6 +59,18 @@ TEST(DaemonLifeTest, ReplacesAStaleSocketAndNothingElse) {
     EXPECT_EQ(site.ctl({"status"}).status, 0);
     EXPECT_EQ(site.stop(), 0);
 
+    // Who may only read the folder locks it in vain; a lock file that is not the daemon's own is not used.
+    int const folder = open(site.folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(folder, LOCK_EX), 0);
+    site.start();
+    EXPECT_EQ(site.stop(), 0);
+    close(folder);
+    EXPECT_FALSE(std::filesystem::exists(site.folder.file(".s.lock")));
+    std::filesystem::create_symlink("data.dat", site.folder.file(".s.lock"));
+    EXPECT_EQ(runProgram(site.folder, {"run", "--config", site.folder.file("nphost.toml")}, "linked").status, 2);
+    EXPECT_TRUE(contains(contentOf(site.folder.file("linked.err")), "its lock file")) << contentOf("linked.err");
+    std::filesystem::remove(site.folder.file(".s.lock"));
+
     site.folder.write("s", "precious");
     Process third({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("3.out"),
                   site.folder.file("3.err"));
@@ -91,43 +107,20 @@ TEST(DaemonLifeTest, CannotStart) {
 TEST(DaemonLifeTest, TellsTheServiceManager) {
     for (bool const abstract : {false, true}) {
         Site site(dataCM, "[host.guard]\nminRecords = 3\n");
-        std::string const name = abstract ? "@" + site.folder.file("notify") : site.folder.file("notify");
-        int const listener = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, name.data(), name.size());
-        if (abstract)
-            address.sun_path[0] = '\0';
-        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
-                       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
-                  0);
-        // The next message that is more than a status.
-        auto const next = [listener] {
-            for (;;) {
-                std::array<char, 4096> block;
-                pollfd ready = {listener, POLLIN, 0};
-                if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patienceCM).count())) != 1)
-                    return std::string("<nothing>");
-                std::string message(block.data(),
-                                    static_cast<std::size_t>(recv(listener, block.data(), block.size(), 0)));
-                if (!message.starts_with("STATUS="))
-                    return message;
-            }
-        };
-        site.start({}, name);
-        EXPECT_TRUE(next().starts_with("READY=1\nSTATUS=4 records"));
+        ServiceManager const manager((abstract ? "@" : "") + site.folder.file("notify"));
+        site.start({}, manager.name());
+        EXPECT_TRUE(manager.next().starts_with("READY=1\nSTATUS=4 records"));
         for (bool const refused : {false, true, false}) {
             site.folder.write("data.dat", refused ? "00441 20200101000000 A\n" : dataCM);
             site.daemon->signal(SIGHUP);
-            std::string const reloading = next();
+            std::string const reloading = manager.next();
             EXPECT_TRUE(reloading.starts_with("RELOADING=1\nMONOTONIC_USEC=")) << reloading;
-            std::string const ready = next();
+            std::string const ready = manager.next();
             EXPECT_TRUE(ready.starts_with("READY=1\nSTATUS=4 records")) << ready;
             EXPECT_EQ(contains(ready, "; the last reload was refused"), refused) << ready;
         }
         EXPECT_EQ(site.stop(), 0);
-        EXPECT_TRUE(next().starts_with("STOPPING=1\n"));
-        close(listener);
+        EXPECT_TRUE(manager.next().starts_with("STOPPING=1\n"));
     }
 }
 
@@ -135,6 +128,7 @@ TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
     Site site(dataCM, "logFile = \"daemon.log\"\n");
     site.logName = "daemon.log";
     site.start({"--log-format", "json"});
+    expectResult(site.ctl({"print", site.folder.file("daemon.log")}), 2, "is the log file", "the log");
     std::filesystem::rename(site.folder.file("daemon.log"), site.folder.file("daemon.log.1"));
     site.folder.write("data.dat", dataCM + "0033 20200101000000 ECHO\n");
     site.daemon->signal(SIGHUP);
@@ -155,6 +149,110 @@ TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
     }
     EXPECT_EQ(identifiers.front(), "INF_FILE_OPENED");
     EXPECT_EQ(identifiers.back(), "INF_HOST_STOPPING");
+}
+
+// What the log cannot take is counted, and said as soon as it takes something again; half a line is ended before.
+TEST(DaemonLogTest, CountsWhatCannotBeWritten) {
+    Site site(dataCM, "logFile = \"daemon.log\"\n");
+    std::filesystem::create_symlink("/dev/full", site.folder.file("daemon.log"));
+    site.daemon = std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml")},
+                                            site.folder.file("out"), site.folder.file("log"));
+    ASSERT_TRUE(eventually([&] { return site.ctl({"status"}).status == 0; }));
+    unsigned long const lost = site.status().at("reportsLost");
+    EXPECT_GE(lost, 5U);
+    EXPECT_TRUE(contains(site.ctl({"status"}).out, std::to_string(lost) + " reports could not be written"));
+    std::filesystem::remove(site.folder.file("daemon.log"));
+    site.logName = "daemon.log";
+    site.daemon->signal(SIGHUP);
+    std::string const said = " MAJOR ERR_HOST_LOG_LOST \"" + std::to_string(lost) + "\" : ";
+    EXPECT_TRUE(eventually([&] { return contains(site.log(), "EVT::RELOAD_SUCCESSFUL"); })) << site.log();
+    EXPECT_TRUE(contains(site.log().substr(0, site.log().find('\n')), said)) << site.log();
+    EXPECT_EQ(site.log().rfind("ERR_HOST_LOG_LOST"), site.log().find("ERR_HOST_LOG_LOST")) << "said once";
+    EXPECT_EQ(site.status().at("reportsLost"), lost) << "none since";
+    EXPECT_EQ(site.stop(), 0);
+}
+
+TEST(LogTargetTest, EndsTheLineThatItCouldOnlyBegin) {
+    TemporaryFolder const folder;
+    std::string const file = folder.file("fifo");
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    int const reader = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    nphost::LogTarget target(file);
+    std::string const line = std::string(100'000, 'x') + "\n"; // more than the pipe holds
+    EXPECT_FALSE(target.write(line));
+    EXPECT_FALSE(target.write("lost\n"));
+    std::string content(line.size(), '\0');
+    EXPECT_GT(read(reader, content.data(), content.size()), 0);
+    EXPECT_TRUE(target.write("next\n"));
+    content.resize(static_cast<std::size_t>(read(reader, content.data(), content.size())));
+    EXPECT_EQ(content, "\nnext\n");
+    close(reader);
+}
+
+// Whoever does not read the daemon's standard error holds up nothing; half a line is ended before the next one.
+TEST(DaemonLogTest, GoesOnWhenNobodyReadsStandardError) {
+    Site site("x\n" + std::string(100'000, '7') + " 2018x A\n" + dataCM);
+    ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
+    int const reader = open(site.folder.file("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GT(fcntl(reader, F_SETPIPE_SZ, 4096), 0);
+    site.daemon =
+        std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml"), "--log-format", "json"},
+                                  site.folder.file("out"), site.folder.file("fifo"));
+    ASSERT_TRUE(eventually([&] { return site.ctl({"status"}).status == 0; }));
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    EXPECT_GT(site.status().at("reportsLost"), 0);
+    std::string text;
+    EXPECT_TRUE(eventually([&] {
+        std::array<char, 65536> block;
+        ssize_t const count = read(reader, block.data(), block.size());
+        text.append(block.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        bool const said = contains(text, "ERR_HOST_LOG_LOST") && text.ends_with('\n');
+        return said || site.ctl({"reload", "--wait"}).status != 0;
+    }));
+    std::size_t const begin = text.rfind('\n', text.find("ERR_HOST_LOG_LOST")) + 1;
+    EXPECT_TRUE(Json::accept(text.substr(begin, text.find('\n', begin) - begin))) << text;
+    EXPECT_EQ(site.stop(), 0);
+    close(reader);
+}
+
+TEST(DeltaFoldersTest, SaysWhatKeptFromLooking) {
+    TemporaryFolder const folder;
+    nphost::DeltaFolders const folders({folder.path()});
+    rlimit old = {};
+    getrlimit(RLIMIT_NOFILE, &old);
+    rlimit const none = {0, old.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    auto const found = folders.find(folder.file("delta"));
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_TRUE(found.refusal.ends_with(" cannot be looked for: Too many open files")) << found.refusal;
+    EXPECT_TRUE(folders.find(folder.file("delta")).version.has_value());
+}
+
+// A file that is wrong throughout must not fill the log; each load begins anew.
+TEST(DaemonLogTest, LogsTheFirstThousandRejectsOfALoadAndCountsTheRest) {
+    std::string bad = dataCM;
+    for (int i = 0; i < 400; ++i)
+        bad += "x\n00441 2020 A\n" + dataCM.substr(0, dataCM.find('\n') + 1);
+    Site site(bad);
+    site.start();
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return contains(site.log(), "EVT::RELOAD_SUCCESSFUL"); }));
+    std::istringstream lines(site.log());
+    std::vector<std::string> sums;
+    std::size_t single = 0;
+    for (std::string line; std::getline(lines, line);) {
+        single += contains(line, "Line# ") ? 1U : 0U;
+        if (contains(line, " WARNING ERR_HOST_REJECTS_NOT_LOGGED "))
+            sums.push_back(line.substr(line.find('"')));
+    }
+    EXPECT_EQ(single, 2000U) << "a thousand each of two loads";
+    // 1200 bad lines, each reported for either tree.
+    ASSERT_EQ(sums.size(), 2U);
+    EXPECT_TRUE(sums[0].starts_with("\"1400\" \"ERR_NUMBER_OF_FIELDS_IN_RECORD 466, ERR_INVALID_DATETIME 466, "
+                                    "ERR_DUPLICATE_NUMPORTDATA 468\" : 1400 more"))
+        << sums[0];
+    EXPECT_TRUE(sums[1].starts_with("\"1400\"")) << sums[1];
+    EXPECT_EQ(site.stop(), 0);
 }
 
 // Three numbers come to the network in every second from now on.
@@ -197,8 +295,9 @@ TEST(DaemonLogTest, FollowersSeeAReloadInOrder) {
     std::vector<std::string> seen;
     while (seen.empty() || seen.back() != "EVT::RELOAD_SUCCESSFUL")
         seen.push_back(Json::parse(follower.line()).at("report").at("identifier"));
-    Arguments const expected = {"INF_FILE_OPENED", "INF_DELETE_OLD_DATA", "INF_NUM_NPORT_RELOADED",
-                                "EVT::RELOAD_SUCCESSFUL"};
+    Arguments const expected = {"INF_FILE_OPENED",        "INF_FILE_CLOSED", // of the check
+                                "INF_FILE_OPENED",        "INF_DELETE_OLD_DATA",
+                                "INF_NUM_NPORT_RELOADED", "EVT::RELOAD_SUCCESSFUL"};
     EXPECT_EQ(seen, expected);
     Result const log = site.ctl({"log"});
     EXPECT_EQ(log.status, 0);
@@ -231,16 +330,21 @@ TEST(DaemonQuestionTest, StatusAndLookups) {
           Case{{"lookup", "--at", "20240101000000", "--method", "exact", "004477009001"}, 1, "\t-\t-\n"},
           Case{{"lookup", "--at", "20240101000000", "--normalise", "(07700) 900-123"}, 0, "00447700900123\t"},
           Case{{"lookup", "--at", "20230229000000", "0044"}, 2, "'20230229000000' is not a valid instant"},
+          Case{{"lookup", "00447700900123 20240101000000"}, 2, "is not one number"},
           Case{{"lookup", "none"}, 2, "is not a number"}, Case{{"lookup", "0044\xff"}, 2, "cannot be sent"},
           Case{{"explain", "0033"}, 1, "No prefix of the number is stored."},
           Case{{"explain", "x"}, 2, "is not a number"},
           Case{{"explain", std::string(2000, '1')}, 2, "longer than 1000"}, Case{{"probes"}, 0, "printData"},
-          Case{{"status"}, 0, "Search method:    best"}, Case{{"dance"}, 2, "no command or option 'dance'"}})
+          Case{{"status"}, 0, "Search method:    best"},
+          Case{{"reload", "--wait", "--no-wait"}, 2, "--wait excludes --no-wait"},
+          Case{{"dance"}, 2, "no command or option 'dance'"}})
         expectResult(site.ctl(test.command), test.status, test.part, test.command[0] + " " + test.part);
 
     Arguments many = {"lookup", "--at", "20240101000000"};
     many.resize(2500, "00447700900123"); // several requests
     EXPECT_EQ(lineCount(site.ctl(many).out), 2497);
+    many[3] = "0033";
+    EXPECT_EQ(site.ctl(many).status, 1) << "one was not found";
 
     Json const status = site.status();
     EXPECT_EQ(status.at("usable"), true);
@@ -338,6 +442,8 @@ TEST(ExplanationTest, AgreesWithEachMethod) {
     }
 }
 
+char const* const unguardedCM = "[host.guard]\nminRecords = 0\n"; // what the plug-in itself makes of a file
+
 TEST(DaemonRequestTest, OutcomesOfReloads) {
     struct Case {
         char const* label;
@@ -372,7 +478,7 @@ TEST(DaemonRequestTest, OutcomesOfReloads) {
          5},
         {"empty, adopted", write(""), {"reload"}, 0, "0 records", 0},
     };
-    Site site;
+    Site site(dataCM, unguardedCM);
     site.start();
     for (Case const& test : cases) {
         test.prepare(site);
@@ -402,21 +508,34 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     auto const file = [&](char const* name) { return site.folder.file(name); };
     for (Case const& test :
          {Case{{"delta", file("sub/../other")}, 0, "delta: done"},
-          Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"}, Case{{"delta", file("fifo")}, 1, "FAILED"},
-          Case{{"delta", site.folder.path().string()}, 1, "FAILED"},
-          Case{{"delta", file("delta")}, 0, "records added: 1 : "}, Case{{"delta", file("delta")}, 0, "delta: done"},
-          Case{{"delta", site.data()}, 0, "delta: done"}, Case{{"print", file("listing")}, 0, "5 records are printed"},
-          Case{{"print"}, 0, "(Console)"}, Case{{"print", file("none/x")}, 1, "ERR_WRITE_FILE"},
-          Case{{"print", "/dev/full"}, 1, "ERR_WRITE_FILE"}, Case{{"print", file("fifo")}, 1, "FAILED"},
-          Case{{"print", site.data()}, 2, "is the data file itself"}, Case{{"print", file("link")}, 2, "itself"},
+          Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"},
+          Case{{"delta", file("fifo")}, 1, "FAILED"},
+          Case{{"delta", site.folder.path().string()}, 2, "does not lie below a folder"},
+          Case{{"delta", file("real")}, 1, "FAILED"},
+          Case{{"delta", file("delta")}, 0, "records added: 1 : "},
+          Case{{"delta", file("delta")}, 0, "0 records added, 1 known already\ndelta: done"},
+          Case{{"update", "AdditionalNumPortData=" + file("delta")}, 0, "INF_HOST_DELTA_LOADED \"0\" \"1\" "},
+          Case{{"delta", site.data()}, 0, "delta: done"},
+          Case{{"print", file("listing")}, 0, "5 records are printed"},
+          Case{{"print"}, 0, "(Console)"},
+          Case{{"print", file("none/x")}, 1, "ERR_WRITE_FILE"},
+          Case{{"print", "/dev/full"}, 1, "ERR_WRITE_FILE"},
+          Case{{"print", file("fifo")}, 1, "FAILED"},
+          Case{{"print", site.data()}, 2, "is the data file itself"},
+          Case{{"print", file("link")}, 2, "itself"},
           Case{{"update", "PrintData=" + file("link")}, 2, "is the data file itself"},
           Case{{"print", file("nphost.toml")}, 2, "is the configuration file"},
+          Case{{"print", file("log")}, 2, "is standard error, the log"},
+          Case{{"print", file("s")}, 2, "control socket"},
+          Case{{"update", "PrintData=" + file("log")}, 2, "is standard error, the log"},
           Case{{"update", "PrintData=" + file("sub/../../nphost.toml")}, 2, "is the configuration file"}}) {
         Arguments command = test.command;
         if (command[0] != "update")
             command.emplace_back("--wait");
         expectResult(site.ctl(command), test.status, test.part, command[0] + " " + command.back() + test.part);
     }
+    std::string const again = site.ctl({"delta", file("delta"), "--wait"}).out;
+    EXPECT_EQ(again.find("ERR_DUPLICATE"), again.rfind("ERR_DUPLICATE")) << "once, although of two trees\n" << again;
     EXPECT_EQ(lineCount(contentOf(site.data())), 5) << "the data file has the delta, and no heading";
     EXPECT_EQ(lineCount(contentOf(file("listing"))), 5 + 3);
     EXPECT_EQ(lineCount(contentOf(file("out"))), 5 + 3) << "the console is the daemon's standard output";
@@ -426,8 +545,50 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     expectResult(site.ctl({"print", site.data(), "--wait"}), 2, "itself", "vanished");
 }
 
+// Whoever asks for a delta sees its rejected lines, so not every file is read that the daemon's account may read.
+TEST(DaemonRequestTest, ReadsDeltasBelowTheirFoldersOnly) {
+    Site site(dataCM, "deltaFolders = [\"none\", \"in\"]\n");
+    std::filesystem::create_directories(site.folder.path() / "in/sub");
+    auto const file = [&](char const* name) { return site.folder.file(name); };
+    site.folder.write("in/delta", "0033 20200101000000 ECHO\n");
+    site.folder.write("private", "secret\n");
+    for (auto const& [link, target] :
+         {std::pair{"in/within", std::string("sub/../delta")}, std::pair{"in/absolute", file("in/delta")},
+          std::pair{"in/out", std::string("../private")}, std::pair{"in/up", std::string("..")},
+          std::pair{"alias", std::string("in")}})
+        std::filesystem::create_symlink(target, file(link));
+    site.start();
+    struct Case {
+        char const* name;
+        int status;
+    };
+    for (Case const& test :
+         {Case{"in/delta", 0}, Case{"in/sub/../delta", 0}, Case{"in/within", 0}, Case{"alias/delta", 0},
+          Case{"in/none", 1}, Case{"in/sub", 1}, Case{"private", 2}, Case{"data.dat", 2}, Case{"in/../private", 2},
+          Case{"in/out", 2}, Case{"in/up/private", 2}, Case{"in/absolute", 2}, Case{"in", 2}, Case{"none/x", 2}}) {
+        std::string const refusal = test.status == 2 ? "does not lie below a folder that deltaFolders names: " : "";
+        expectResult(site.ctl({"delta", file(test.name), "--wait", "--force"}), test.status, refusal, test.name);
+        expectResult(site.ctl({"update", "AdditionalNumPortData=" + file(test.name)}), test.status, refusal, test.name);
+    }
+    expectResult(site.ctl({"delta", "/proc/self/environ", "--wait"}), 2, "does not lie below", "elsewhere");
+    EXPECT_FALSE(contains(site.log(), "secret"));
+    EXPECT_EQ(site.stop(), 0);
+}
+
+TEST(DaemonQuestionTest, WarnsOfNumbersWithoutDigits) {
+    Site site("NULL 20200101000000 A\n" + dataCM + "- 20200101000000 A\n");
+    site.start();
+    EXPECT_TRUE(contains(site.log(), " WARNING ERR_NUMBERS_WITHOUT_DIGITS \"2\" \"1\" \"" + site.data() + "\""))
+        << site.log();
+    EXPECT_EQ(site.status().at("lastLoad").at("numbersWithoutDigits"), 2) << "a duplicate among them";
+    EXPECT_TRUE(contains(site.ctl({"status"}).out, "  warning:        2 numbers without digits"));
+    site.folder.write("data.dat", dataCM);
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    EXPECT_EQ(site.status().at("lastLoad").at("numbersWithoutDigits"), 0);
+}
+
 // The worker is held by a pipe that is read late, while a name that was free comes to mean the data file.
-TEST(DaemonRequestTest, RefusesATargetThatBecomesTheDataFileWhileItWaits) {
+TEST(DaemonRequestTest, RefusesWhatANameComesToMeanWhileItWaits) {
     std::string lines;
     for (int i = 0; i < 15'000; ++i)
         lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  A\n";
@@ -438,13 +599,19 @@ TEST(DaemonRequestTest, RefusesATargetThatBecomesTheDataFileWhileItWaits) {
     int const reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     EXPECT_EQ(site.ctl({"print", pipe, "--no-wait"}).status, 0);
     EXPECT_EQ(site.ctl({"print", site.folder.file("later"), "--no-wait"}).status, 0);
+    std::string const delta = site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    TemporaryFolder const elsewhere;
+    EXPECT_EQ(site.ctl({"delta", delta, "--no-wait"}).status, 0);
+    std::filesystem::remove(delta);
+    std::filesystem::create_symlink(elsewhere.write("private", "secret\n"), delta);
     std::filesystem::create_symlink("data.dat", site.folder.file("later"));
     std::array<char, 65536> block;
     EXPECT_TRUE(eventually([&] {
         while (read(reader, block.data(), block.size()) > 0) {
         }
-        return contains(site.log(), "ERR_HOST_PRINT_REFUSED");
-    }));
+        return contains(site.log(), "ERR_HOST_PRINT_REFUSED") && contains(site.log(), "ERR_HOST_DELTA_REFUSED");
+    })) << site.log();
+    EXPECT_FALSE(contains(site.log(), "secret"));
     close(reader);
     EXPECT_EQ(contentOf(site.data()), lines);
 }
@@ -460,7 +627,7 @@ TEST(DaemonRequestTest, KeepsOnlyTheBeginningOfLongReports) {
 }
 
 TEST(DaemonRequestTest, Updates) {
-    Site site;
+    Site site(dataCM, unguardedCM);
     site.start();
     site.folder.write("delta", "0033 20200101000000 ECHO\n");
     struct Case {
@@ -469,13 +636,15 @@ TEST(DaemonRequestTest, Updates) {
         char const* part;
     };
     for (Case const& test :
-         {Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "Result:           false\nHandled:          true\n"},
-          Case{{"Reload=TRUE", "AdditionalNumPortData=x"}, 1, "ERR_INVALID_REG_ENTRIES"},
+         {Case{{"Reload=TRUE", "AdditionalNumPortData=" + site.folder.file("x")},
+               1,
+               "Result:           false\nHandled:          true\n"},
+          Case{{"Reload=TRUE", "AdditionalNumPortData=" + site.folder.file("x")}, 1, "ERR_INVALID_REG_ENTRIES"},
           Case{{"Reload=x", "ReuseOnFailure=maybe"}, 1, "ERR_INVALID_REG_VALUE \"MAYBE\""},
           Case{{"Reload=x", "ReuseOnFailure=true "}, 1, "ERR_INVALID_REG_VALUE \"TRUE \""},
           Case{{"ReuseOnFailure=maybe"}, 1, "Result:           true\nHandled:          false\n"},
           Case{{"Reload=FALSE", "ReuseOnFailure=false"}, 0, "EVT::RELOAD_SUCCESSFUL"},
-          Case{{"Speed=high"}, 1, "Result:           true\nHandled:          false\n"},
+          Case{{"Speed=high"}, 2, "no key 'Speed' of an update; the keys are Reload, ReuseOnFailure, Add"},
           Case{{"Reload="}, 0, "INF_NUM_NPORT_RELOADED \"4\""},
           Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"},
           Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "INF_NUM_NPORT_ADDED \"0\""},
@@ -525,6 +694,38 @@ TEST(DaemonRequestTest, ConcurrentClientsGetTheirOwnOutcomes) {
     EXPECT_EQ(site.stop(), 0);
 }
 
+// Networks may have names of any length, and a thousand answers may name the same one.
+TEST(DaemonProtocolTest, AnswersAreBounded) {
+    std::string const name(1'000'000, 'N');
+    Site site("00441 20200101000000 " + name + "\n004411 20200101000000 " + name + "\n0044111 20200101000000 " + name +
+              "\n00441111 20200101000000 " + name + "\n004411111 20200101000000 " + name + "\n00442 20200101000000 " +
+              std::string(4'200'000, 'N') + "\n0049 20200101000000 " + name.substr(0, 125'000) + "\n" + dataCM);
+    site.start();
+    RawClient client(site.socket());
+    std::string numbers = R"("004412","004412","004412","004412")";
+    client.send(R"({"version":1,"command":"lookup","numbers":[)" + numbers + "]}\n");
+    EXPECT_TRUE(contains(client.line(), "\"ok\":true")) << "four megabytes and no more";
+    client.send(R"({"version":1,"command":"lookup","numbers":["004412",)" + numbers + "]}\n");
+    std::string const refusal = client.line();
+    EXPECT_TRUE(contains(refusal, "the answer would be longer than 4194304 bytes")) << refusal;
+    EXPECT_TRUE(contains(refusal, "\"tooLong\":true")) << refusal;
+    numbers = "\"0049\"";
+    for (int i = 1; i < 34; ++i) // several batches
+        numbers += ",\"0049\"";
+    client.send(R"({"version":1,"command":"lookup","numbers":[)" + numbers + "]}\n");
+    EXPECT_TRUE(contains(client.line(), "\"tooLong\":true"));
+    Arguments many = {"lookup"};
+    many.resize(7, "004412");
+    Result const parts = site.ctl(many);
+    EXPECT_EQ(parts.status, 0) << parts.err;
+    EXPECT_EQ(lineCount(parts.out), 6) << "asked for in parts";
+    many.emplace_back("00442");
+    expectResult(site.ctl(many), 2, "the answer would be longer than 4194304 bytes", "one that is too long alone");
+    expectResult(site.ctl({"explain", "00441111"}), 0, "00441111 is the number itself", "four names");
+    expectResult(site.ctl({"explain", "004411111"}), 2, "the answer would be longer than 4194304 bytes", "five");
+    EXPECT_EQ(site.stop(), 0);
+}
+
 TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     Site site;
     site.start();
@@ -542,9 +743,16 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
           Case{"NUL", std::string("{\0}\n", 4), "cannot be understood"},
           Case{"no version", "{\"command\":\"status\"}\n", "version is 1"},
           Case{"another version", "{\"version\":2,\"command\":\"status\"}\n", "version is 1"},
-          Case{"no command", "{\"version\":1}\n", "cannot be understood"},
+          Case{"no command", "{\"version\":1}\n", "the key 'command' is missing"},
           Case{"unknown", "{\"version\":1,\"command\":\"x\\ny\"}\n", "no command 'x\\\\ny'"},
-          Case{"a number for a text", "{\"version\":1,\"command\":1}\n", "cannot be understood"},
+          Case{"a number for a text", "{\"version\":1,\"command\":1}\n", "'command' must be a text"},
+          Case{"an instant of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[\"1\"],\"at\":1}\n",
+               "'at' must be a text"},
+          Case{"a truth of no kind", "{\"version\":1,\"command\":\"explain\",\"number\":\"1\",\"normalise\":1}\n",
+               "'normalise' must be true or false"},
+          Case{"no number", "{\"version\":1,\"command\":\"explain\"}\n", "the key 'number' is missing"},
+          Case{"a number among the numbers", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[1]}\n",
+               "each of 'numbers' must be a text"},
           Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
           Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
           Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},

@@ -33,10 +33,12 @@ std::string network(Random& random) {
 }
 
 std::string digits(Random& random) {
-    std::size_t const length = random() % 40 == 0 ? 12 + random() % 30 : 3 + random() % 8;
     std::string text = "0044" + std::to_string(1 + random() % 9); // no zero: "00" would begin the national form
-    while (text.size() < 4 + length)
-        text += static_cast<char>('0' + random() % (text.size() < 18 ? 10 : 2)); // long ones begin alike
+    bool const isLong = random() % 40 == 0;
+    if (isLong) // these agree in the sixteen digits that the sorting compares first
+        text += std::string(nphost::headDigitsCM - text.size(), '7');
+    for (std::size_t more = isLong ? random() % 30 : 2 + random() % 8; more > 0; --more)
+        text += static_cast<char>('0' + random() % 10);
     return text;
 }
 
@@ -102,16 +104,20 @@ Records randomRecords(Random& random, std::size_t numbers) {
     return records;
 }
 
+History::iterator oneOf(History& history, Random& random) {
+    return std::next(history.begin(), static_cast<std::ptrdiff_t>(random() % history.size()));
+}
+
 Records changed(Records records, Random& random) {
     Records const more = randomRecords(random, records.size() / 50);
     std::erase_if(records, [&](auto const&) { return random() % 40 == 0; });
     for (auto& [number, history] : records) {
         if (random() % 25 == 0)
             history.emplace(instant(random), network(random));
-        if (random() % 40 == 0)
-            history.begin()->second = network(random);
-        if (random() % 40 == 0 && history.size() > 1)
-            history.erase(history.begin());
+        if (random() % 20 == 0)
+            oneOf(history, random)->second = network(random);
+        if (random() % 20 == 0 && history.size() > 1)
+            history.erase(oneOf(history, random));
     }
     records.insert(more.begin(), more.end());
     return records;
@@ -284,6 +290,12 @@ TEST(DiffTest, TellsEqualDifferentAndFailed) {
          "0044171\t20200101000000\tA\t-\t-\n"},
         {"a listed change as JSON", "", "0171 20200101000000 A\n", "--json --list gained", 1,
          "{\"new\":{\"network\":\"A\",\"validFrom\":\"20200101000000\"},\"number\":\"0044171\",\"old\":null}"},
+        {"numbers that agree in sixteen digits",
+         "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 B\n",
+         "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 C\n", "--list rewritten", 1,
+         "00441712345678901\t20200101000000\tB\t20200101000000\tC\n"},
+        {"a lost record above an older one that was rewritten", "0171 20200101000000 A\n0171 20200202000000 B\n",
+         "0171 20200101000000 C\n", "--list rewritten", 1, "0044171\t20200202000000\tB\t-\t-\n"},
         {"no such kind", "", "", "--list swapped", 2, "--list"},
         {"too little memory", "", "", "--memory 0", 2, "--memory"},
         {"no folder for temporary files is needed", "", "", "--memory 1", 0, "Lines:"},

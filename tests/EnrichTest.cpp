@@ -353,6 +353,8 @@ TEST_F(EnrichTest, FormatsToTheByte) {
              "\xef\xbb\xbf\"n\",t,n_network\r\n\"00442\"," + t + ",\"x,\"\"y\"\r\n", ""},
         Case{"no final newline", "a.csv", headCM + "00441," + t, newHeadCM + "00441," + t + ",A", ""},
         Case{"empty lines stay", "a.csv", headCM + "\n00441," + t + "\n\n", newHeadCM + "\n00441," + t + ",A\n\n", ""},
+        Case{"and before the header", "a.csv", "\xef\xbb\xbf\r\n \n" + headCM + "00441," + t + "\nx\n",
+             "\xef\xbb\xbf\r\n \n" + newHeadCM + "00441," + t + ",A\n", "a.csv,5,field-count,\"x\"\n"},
         Case{"line breaks in fields, also of the header", "a.csv", "n,\"x\ny\",t\n00441,\"\r\n\"," + t + "\n00441,1\n",
              "n,\"x\ny\",t,n_network\n00441,\"\r\n\"," + t + ",A\n", "a.csv,5,field-count,\"00441,1\"\n"},
         Case{"NUL and foreign bytes", "a.csv", headCM + "00441" + nul + "\xff," + t + "\n",
@@ -421,13 +423,14 @@ TEST_F(EnrichTest, SeveralInputsCompressedOrNot) {
     folder.write("b", std::string(nphost::Compressor(nphost::Compression::GZIP).compress(headCM + line + "\n", place)));
     folder.write("c",
                  std::string(nphost::Compressor(nphost::Compression::ZSTD).compress("\xef\xbb\xbf" + headCM, place)));
-    folder.write("d", headCM + line + "\nx\n");
+    folder.write("blank", "\n\n");
+    folder.write("d", "\n\"n\",\"t\"\r\n" + line + "\nx\n"); // the same header, written otherwise
     std::string const expected = newHeadCM + line + ",A\n" + line + ",A\n" + line + ",A\n";
     for (std::string const output : {"out.csv", "out.gz", "out.zst"}) {
-        Result const result = run("--output " + output + " a.csv b - c d < b");
+        Result const result = run("--output " + output + " blank a.csv b - c d < b");
         EXPECT_EQ(result.status, 1) << result.err;
         EXPECT_EQ(decompressed(folder.file(output)), expected + line + ",A\n");
-        EXPECT_EQ(contentOf(folder.file(output + ".rejects")), "file,line,reason,record\nd,3,field-count,\"x\"\n");
+        EXPECT_EQ(contentOf(folder.file(output + ".rejects")), "file,line,reason,record\nd,4,field-count,\"x\"\n");
         EXPECT_EQ(run("--format ndjson --output " + output + " /dev/null").status, 0);
         EXPECT_EQ(decompressed(folder.file(output)), "") << "a compressed file of nothing";
     }
@@ -442,7 +445,9 @@ TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
     folder.write("other.csv", "t,n\n");
     folder.write("utf16.csv", "\xff\xfen\0"s);
     folder.write("open.csv", "\"n,t\n");
-    folder.write("empty.csv", "\nn,t\n1,2\n");
+    folder.write("old.csv", "n,t\r00441,20210101000000\r00441,20210101000000\r");
+    folder.write("old.ndjson", "{\"n\":1,\r\"t\":1}\r{\"n\":1,\"t\":1}\r");
+    folder.write("empty.csv.gz", "");
     folder.write("one.csv", "n;t\n");
     folder.write("lines.csv", "{n,t}\n");
     folder.write("out.csv", "old");
@@ -467,7 +472,9 @@ TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
              Case{"good.csv --add networks", "'networks' is not one of"},
              Case{"good.csv --rejects -", "name a file"},
              Case{"good.csv --rejects none/r", "none/r cannot be written: its folder: No such file"},
-             Case{"empty.csv", "empty.csv:1: the header is empty"},
+             Case{"old.csv", "old.csv: its lines end in carriage returns alone"},
+             Case{"--format ndjson old.ndjson", "its lines end in carriage returns alone"},
+             Case{"empty.csv.gz", "empty.csv.gz: the compressed data end early"},
              Case{"one.csv --separator ,", "is the separator right?"},
              Case{"lines.csv", "(JSON lines? --format ndjson)"},
              Case{"good.csv --max-rejects -1", "'-1' is not a number"},
@@ -477,6 +484,7 @@ TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
              Case{"good.csv --time-format never", "never"},
              Case{"good.csv --zone Nowhere", "Nowhere"},
              Case{"good.csv --format ndjson --no-header", "no meaning"},
+             Case{"good.csv --add prefix,prefix", "--add names 'prefix' twice"},
          }) {
         Result const result = run(std::string("--output out.csv ") + test.arguments);
         EXPECT_EQ(result.status, 2) << test.arguments;
@@ -509,8 +517,8 @@ TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
               "nphost.toml");
     EXPECT_TRUE(limited.status == 2 && contains(limited.err, "File too large")) << limited.status << limited.err;
     EXPECT_EQ(contentOf(folder.file("out.csv")), "old");
-    expectFiles(
-        {"good.csv", "cut.gz", "other.csv", "utf16.csv", "open.csv", "empty.csv", "one.csv", "lines.csv", "out.csv"});
+    expectFiles({"good.csv", "cut.gz", "other.csv", "utf16.csv", "open.csv", "old.csv", "old.ndjson", "empty.csv.gz",
+                 "one.csv", "lines.csv", "out.csv"});
 }
 
 TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
@@ -543,6 +551,40 @@ TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
     EXPECT_TRUE(contains(run("--output out --max-rejects 0 --json c.csv").out, "\"complete\":false,"));
 }
 
+// Two numbers a record, more than are looked up together, each record at an instant of its own.
+TEST_F(EnrichTest, ManyRecordsOfMixedInstants) {
+    std::string input = "n,t,m\n";
+    std::string expected = "n,t,m,n_network,m_network\n";
+    for (int i = 0; i < 700; ++i) {
+        bool const later = i % 3 == 0;
+        std::string record = i % 2 == 0 ? "00441," : "0049,";
+        record.append(later ? "20230101000000" : "20210101000000").append(",00441");
+        std::string const network = later ? "B" : "A";
+        input.append(record).append("\n");
+        expected.append(record).append(i % 2 == 0 ? "," + network : ",").append("," + network + "\n");
+    }
+    folder.write("a.csv", input);
+    EXPECT_EQ(run("--number m a.csv").out, expected);
+}
+
+// The first record that can be read is the one that says how many fields there are.
+TEST_F(EnrichTest, WithoutAHeaderBadRecordsEndNothing) {
+    std::string bad;
+    while (bad.size() < nphost::BlockReader::blockSizeCM)
+        bad += "00441,20210101000000,a\"b\n";
+    folder.write("a.csv", bad + "\n00441,20210101000000\n00441\n");
+    std::string const command = "ENRICH --no-header --number 1 --time 2 --output out a.csv";
+    Result const result = shell(folder, command + " && exit 9; tail -n 1 out.rejects", "nphost.toml");
+    EXPECT_EQ(contentOf(folder.file("out")), "\n00441,20210101000000,A\n") << result.err;
+    EXPECT_EQ(result.out,
+              "a.csv," + std::to_string(std::count(bad.begin(), bad.end(), '\n') + 3) + ",field-count,\"00441\"\n");
+    Result const beyond = shell(folder, command + " --number 3", "nphost.toml");
+    EXPECT_TRUE(beyond.status == 2 && contains(beyond.err, "no column '3'; there are columns 1 to 2")) << beyond.err;
+    EXPECT_EQ(
+        shell(folder, "(echo; echo 00441,20210101000000) | ENRICH --no-header --number 1 --time 2", "nphost.toml").out,
+        "\n00441,20210101000000,A\n");
+}
+
 TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
     Result const head = shell(folder,
                               "for output in - /dev/stdout; do for trap in - ''; do (trap \"$trap\" PIPE; yes "
@@ -563,6 +605,14 @@ TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
               "exec 3>&-; wait; echo $first $second",
               "nphost.toml");
     EXPECT_EQ(dialogue.out, "00441,20210101000000,A 00441,20230101000000,B\n") << dialogue.err;
+    // Too many rejects, and a feed that is still open.
+    Result const endless = shell(
+        folder,
+        "ENRICH --no-header --number 1 --time 2 --rejects rejects --max-rejects 0 <in 2>err & run=$!; exec 3>in; "
+        "printf '00441,20210101000000\\nx\\n' >&3; timeout 60 tail --pid=$run -f /dev/null || kill -9 $run; wait $run",
+        "nphost.toml");
+    EXPECT_EQ(endless.status, 1) << contentOf(folder.file("err"));
+    std::filesystem::remove(folder.file("rejects"));
     // Signals while it waits for input, and while it waits for a reader.
     for (std::string const feed : {"exec 3>in; echo 00441,20210101000000 >&3", "yes 00441,20210101000000 2>err >in &"})
         for (auto const& [signal, number] : {std::pair("TERM", SIGTERM), std::pair("HUP", SIGHUP)}) {
@@ -622,6 +672,8 @@ TEST_F(EnrichTest, SummaryCounts) {
     folder.write("a.csv",
                  headCM + "00441,20211231235959\n00441,20220101000000\n00441,20200101000000\n0049,20210101000000\n-,"
                           "20210101000000\n00441,20211031023000\n00442,20210328023000\nx\n00441,x\n");
+    folder.write("b.ndjson", "{\"n\":[\"+44 1\"],\"t\":\"20210101000000\"}\n{\"n\":\"\",\"t\":\"20210101000000\"}\n"
+                             "{\"n\":\"+44/1\",\"t\":\"20210101000000\"}\n{\"n\":\"1x\",\"t\":\"20210101000000\"}\n");
     Result const json = run("--zone Europe/Paris --rejects r --json a.csv");
     for (char const* const part :
          {"\"records\":9,", "\"found\":5,", "\"notFound\":1,", "\"withoutNumber\":1", "\"rejected\":2,",
@@ -629,6 +681,19 @@ TEST_F(EnrichTest, SummaryCounts) {
           "\"networks\":3,", "\"topNetworks\":[{\"network\":\"A\",\"numbers\":3},{\"network\":\"B\",\"numbers\":1},"})
         EXPECT_TRUE(contains(json.err, part)) << part << "\n" << json.err;
     EXPECT_EQ(json.status, 1);
+    for (char const* const normalise : {"", "--normalise "}) {
+        bool const reads = *normalise != '\0'; // else "1x" is looked up as it stands
+        Result const unreadable = run(normalise + "b.ndjson"s);
+        EXPECT_TRUE(contains(unreadable.err, reads
+                                                 ? "Unreadable numbers:                2\n  b.ndjson:1: '[\"+44 1\"]'\n"
+                                                   "  b.ndjson:4: '1x'\n"
+                                                 : "Unreadable numbers:                1\n  b.ndjson:1: "))
+            << unreadable.err;
+        EXPECT_TRUE(contains(unreadable.err, "Fields without a number:           1\n")) << unreadable.err;
+        EXPECT_EQ(unreadable.status, 0);
+    }
+    EXPECT_TRUE(contains(run("--normalise --json b.ndjson").err,
+                         "\"firstUnreadable\":[{\"file\":\"b.ndjson\",\"line\":1,\"text\":\"[\\\"+44 1\\\"]\"},"));
     Result const through = run("--pass-through --keep a.csv");
     EXPECT_TRUE(contains(through.out, "\n00441,20211231235959,\n00441,20220101000000,\n")) << through.out;
 }

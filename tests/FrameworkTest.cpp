@@ -4,6 +4,7 @@
 #include "framework/BAS/SimpleString.h"
 #include "framework/BAS/Thread.h"
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
+#include "framework/OMF/TomlLimits.h"
 #include "framework/RW/RWTValSlist.h"
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FileIoTurbo.h"
@@ -750,6 +751,13 @@ TEST(RegisteredObject, UpdatesBooleanFlagsFromTheRegistry) {
     EXPECT_TRUE(flag);
 }
 
+std::string repeated(std::size_t times, std::string const& text) {
+    std::string all;
+    while (times-- > 0)
+        all += text;
+    return all;
+}
+
 TEST(ProbeBroker, ReadsDescriptionsAndSaysWhyNot) {
     TemporaryFolder const folder;
     LogCollector log;
@@ -762,9 +770,40 @@ TEST(ProbeBroker, ReadsDescriptionsAndSaysWhyNot) {
     EXPECT_EQ(infos.size(), 2U);
     EXPECT_EQ(infos["a"].description.str(), "first");
     EXPECT_TRUE(log.reports.empty());
-    for (char const* name : {"bad", "missing"}) {
-        EXPECT_FALSE(OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(&object, name, infos));
+    folder.write("deep", "[a]\n" + repeated(100'000, "x.") + "x = 1\n");
+    for (auto const& [name, reason] : {std::pair{"bad", "line 1"},
+                                       {"missing", "cannot be read"},
+                                       {".", "cannot be read"},
+                                       {"deep", "16 parts (line 2)"}}) {
+        EXPECT_FALSE(OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(&object, name, infos)) << name;
         EXPECT_TRUE(infos.empty());
         EXPECT_EQ(log.reports.back().identifier().str(), "ERR_PROBE_FILE");
+        EXPECT_NE(log.reports.back().arguments()[1].str().find(reason), std::string::npos) << name;
+    }
+}
+
+TEST(TomlLimits, KnowKeysFromTextsAndComments) {
+    std::string const dots(17, '.');
+    std::string const most = repeated(15, "a.") + "a"; // parts of a key
+    struct Case {
+        std::string text;
+        std::size_t line; // that is beyond the limits; 0 for none
+    };
+    std::vector<Case> const cases = {
+        {most + " = 1\n[" + most + "]\n\"a.a\"." + most.substr(2) + " = { " + most + " = 1.5, " + most + " = 2 }", 0},
+        {"\n" + most + ".a = 1\n", 2},
+        {"[" + most + " . a]\n", 1},
+        {"a = { b = 1, " + most + ".'a' = 2 }", 1},
+        {"#" + dots + "\n'" + dots + "' = \"" + dots + "\\\"" + dots + "\" # " + dots, 0},
+        {"a = \"\"\"" + dots + "\n\\\"\"\"" + dots + "\"\"\"\"\"\nb = ''\nc = '''\n" + dots + "''" + dots + "'''", 0},
+        {"a = \"\"\"\n\"\"\"\"\n" + most + ".a = 1", 3},
+        {"a = '\\'\n" + most + ".a = 1", 2},
+        {"a = " + std::string(32, '[') + std::string(32, ']') + "\nb = [{}]", 0},
+        {"a = [\n" + repeated(32, "{ a = ["), 2},
+        {std::string(OMF::TomlLimits::mostBytesCM, '\n'), 0},
+        {std::string(OMF::TomlLimits::mostBytesCM + 1, '\n'), 1}};
+    for (Case const& test : cases) {
+        auto const excess = OMF::TomlLimits::excessOf(test.text);
+        EXPECT_EQ(excess ? excess->line : 0, test.line) << test.text.substr(0, 200);
     }
 }

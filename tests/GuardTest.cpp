@@ -3,6 +3,7 @@
 #include "host/LoadGuard.h"
 #include "tests/DaemonSite.h"
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -61,22 +62,45 @@ TEST(GuardLimitsTest, FilesAgainstLimits) {
          0,
          ""},
         {"over that", records(9942), "maxLossPercent = 0.57", {"--live", "10000"}, 3, "0.6 %"},
-        {"no loss of no live records", "", "maxLossPercent = 0", {"--live", "0"}, 0, "beside 0 live records"},
+        {"no loss of no live records",
+         "",
+         "maxLossPercent = 0\nminRecords = 0",
+         {"--live", "0"},
+         0,
+         "beside 0 live records"},
         {"more than before", records(2), "maxLossPercent = 0", {"--live", "1"}, 0, ""},
         {"all of it lost", "", "maxLossPercent = 99.999", {"--live", "1000000"}, 3, "(1,000,000 of 1,000,000)"},
         {"a first load loses nothing", records(1), "maxLossPercent = 0", {}, 0, "as a first load:"},
         {"an empty file has no bad lines and no incomplete one",
          "",
-         "maxRejectedPercent = 0\nrequireCompleteLastLine = true",
+         "maxRejectedPercent = 0\nrequireCompleteLastLine = true\nminRecords = 0",
          {},
          0,
          ""},
-        {"an empty file has too few records",
+        {"an empty file has too few records, whatever is asked",
          "",
-         "minRecords = 1",
+         "",
          {},
          3,
          "has 0 records, fewer than minRecords = 1\n"},
+        {"so has one without a good line", "bad\n", "", {"--live", "9"}, 3, "has 0 records"},
+        {"one record is enough", good + "bad\n", "", {}, 1, "limits: minRecords = 1\n"},
+        {"an empty delta", "", "maxRejectedPercent = 1", {"--delta"}, 0, "limits: maxRejectedPercent = 1\n"},
+        {"numbers without digits, at the limit",
+         good + "NULL 20200101000000 A\n- 20200101000000 A\n0044 20210101000000 A\n",
+         "maxNumbersWithoutDigits = 2",
+         {},
+         1,
+         "Numbers without digits:      2\n  a warning: in the country's stored form they answer for all of the "
+         "country; "
+         "the first is in line 2\n"},
+        {"over it, in a delta, too",
+         good + "NULL 20200101000000 A\n+ 20200101000000 A\n",
+         "maxNumbersWithoutDigits = 1",
+         {"--delta"},
+         3,
+         "refused: 2 records have no digit in their number field, the first at line 2, more than "
+         "maxNumbersWithoutDigits = 1\n"},
         {"just enough records", records(7), "minRecords = 7", {}, 0, ""},
         {"one too few", records(6), "minRecords = 7", {"--live", "1"}, 3, "has 6 records"},
         {"rejected lines at the limit", good + "bad\n", "maxRejectedPercent = 50", {}, 1, "let it pass"},
@@ -118,7 +142,7 @@ TEST(GuardLimitsTest, FilesAgainstLimits) {
         {"enough memory", good, "maxMemoryMiB = 500", {"--live", "1000000"}, 0, ""},
         {"every limit crossed is named", "bad", "minRecords = 1\nmaxRejectedPercent = 0", {}, 3, "has 0 records"},
         {"and the other too", "bad", "minRecords = 1\nmaxRejectedPercent = 0", {}, 3, "the lines are rejected"},
-        {"no limit", good, "", {}, 2, "there is no limit in [host.guard]"},
+        {"no limit", good, "minRecords = 0", {}, 2, "there is no limit in [host.guard]"},
         {"a percentage that is none", good, "maxLossPercent = 101", {}, 2, "from 0 to 100 with at most three decimals"},
         {"too fine a one", good, "maxLossPercent = 0.0005", {}, 2, "nphost.toml:8: 'maxLossPercent' must be"},
         {"no number", good, "maxRejectedPercent = nan", {}, 2, "'maxRejectedPercent' must be a number"},
@@ -282,6 +306,33 @@ TEST(GuardDaemonTest, RefusesToStartWithABrokenFile) {
     }
 }
 
+// Without a word in the configuration: a file without a record is the one that takes everything out of service.
+TEST(GuardDaemonTest, NeverServesNothingUnlessToldTo) {
+    for (std::string const& nothing : {std::string(), std::string(5000, '\n'), std::string("x y z\n")}) {
+        Site site(nothing);
+        std::string const reason = "the file has 0 records, fewer than minRecords = 1";
+        Result const refused = runProgram(site.folder, {"run", "--config", site.folder.file("nphost.toml")}, "refused");
+        EXPECT_EQ(refused.status, 3) << refused.err;
+        EXPECT_TRUE(contains(refused.err, "nphost: the first load is refused: " + reason)) << refused.err;
+        site.folder.write("data.dat", records(5000) + nothing);
+        site.start();
+        EXPECT_FALSE(contains(site.log(), "INF_HOST_GUARD_PASSED")) << "nobody asked for a check";
+        Json const sound = Json::parse(site.ctl({"--json", "reload", "--wait"}).out);
+        EXPECT_EQ(sound.at("succeeded"), true);
+        EXPECT_FALSE(sound.at("check").contains("lines")) << "not read to its end";
+        site.folder.write("data.dat", nothing);
+        expectResult(site.ctl({"reload", "--wait"}), 1, "refused: " + reason, "reload");
+        expectResult(site.ctl({"update", "Reload=TRUE"}), 1, reason, "update");
+        EXPECT_EQ(site.status().at("records"), 5000);
+        expectResult(site.ctl({"reload", "--wait", "--force"}), 0, "0 records are loaded", "forced");
+        EXPECT_EQ(site.status().at("records"), 0);
+        EXPECT_EQ(site.stop(), 0);
+    }
+    Site site("", "[host.guard]\nminRecords = 0\n");
+    site.start();
+    EXPECT_TRUE(site.status().at("guard").is_null());
+}
+
 TEST(GuardDaemonTest, ReadsNothingTwiceThatNoLimitIsAskedOf) {
     Site site(dataCM, "[host.guard]\nmaxLossPercent = 0\n");
     site.start();
@@ -385,12 +436,29 @@ TEST(GuardRaceTest, LoadsOnlyTheVersionThatWasChecked) {
         guard.ended();
         EXPECT_EQ(host.plugIn().serviceStatus().records, 4U) << test.label;
     }
+    site.folder.write("data.dat", records(200'000));
+    std::atomic<bool> over{false};
+    std::thread toucher([&] {
+        for (auto time = std::filesystem::last_write_time(site.data()); !over; time += std::chrono::seconds(1))
+            std::filesystem::last_write_time(site.data(), time);
+    });
+    nphost::LoadCheck const meanwhile = guard.check(nphost::LoadKind::RELOAD, site.data(), false);
+    over = true;
+    toucher.join();
+    EXPECT_EQ(meanwhile.reasons, std::vector<std::string>{"the file changed while it was checked"});
+    EXPECT_FALSE(guard.standing().checking);
+    guard.ended();
     site.folder.write("data.dat", other); // after the end of a guarded load any version will do
     EXPECT_TRUE(update("Reload", "TRUE"));
     EXPECT_EQ(host.plugIn().serviceStatus().records, 5U);
+    host.plugIn().expectFile(BAS::String(delta), STR::FileVersion()); // as of a name that means another file by now
+    EXPECT_FALSE(guard.check(nphost::LoadKind::DELTA, site.folder.write("delta", other), false).examined);
+    EXPECT_FALSE(update("AdditionalNumPortData", delta));
+    guard.ended();
+    auto const refused = guard.standing().lastRefusal->reasons;
     guard.stop();
-    EXPECT_FALSE(guard.check(nphost::LoadKind::RELOAD, site.data(), false).passed) << "the daemon ends";
-    EXPECT_FALSE(guard.standing().lastRefusal) << "which is no fault of the file's";
+    EXPECT_TRUE(guard.check(nphost::LoadKind::RELOAD, site.data(), false).stopped) << "the daemon ends";
+    EXPECT_EQ(guard.standing().lastRefusal->reasons, refused) << "which is no fault of the file's";
 }
 
 } // namespace

@@ -86,7 +86,7 @@ TEST(ImportTest, MakesDataFilesOfFeeds) {
          "0\n1  20240101000000  ALPHA\n2  20240101000000  BETA\n"},
         {"other order, further columns, quoted names with commas",
          "\"operator, to\",x,number,since\n\"AL\"\"PHA\",?,1,20240101000000\n",
-         [](ImportOptions& o) { o.map = "network=operator, to,valid-from=since,number=number"; },
+         [](ImportOptions& o) { o.map = "network=operator, to, valid-from=since,  number=number"; },
          "0\n1  20240101000000  AL\"PHA\n"},
         {"positions, pipes, no header, bare quotation marks", "20240101000000|\"ALPHA|1\n",
          [](ImportOptions& o) {
@@ -142,6 +142,9 @@ TEST(ImportTest, RejectsWithLineAndReason) {
         {"tel:+1,20240101000000,ALPHA",
          "not-digits,\"the number has more than digits, and --normalise is not given: 'tel:+1'\"",
          "\"tel:+1,20240101000000,ALPHA\""},
+        {"447700900123.0,20240101000000,ALPHA",
+         "decimal-number,\"the number has a decimal point, as spreadsheets write quantities: '447700900123.0'\"",
+         "\"447700900123.0,20240101000000,ALPHA\""},
         {std::string(41, '1') + ",20240101000000,ALPHA",
          "long-number,the number is too long: '" + std::string(41, '1') + "'",
          "\"" + std::string(41, '1') + ",20240101000000,ALPHA\""},
@@ -176,6 +179,15 @@ TEST(ImportTest, RejectsWithLineAndReason) {
     for (std::size_t at = 0; (at = rejects.find(feed.options.file, at)) != std::string::npos;)
         rejects.replace(at, feed.options.file.size(), "FEED");
     EXPECT_EQ(rejects, expected);
+
+    Feed written("number,since,operator\n0770*,20240101000000,A\n447700900123.0,20240101000000,A\nwithheld,1,A\n"
+                 "07700/900123 x5,20240101000000,A\n",
+                 normalise);
+    EXPECT_EQ(written.imported(), "1\n00447700900123  20240101000000  A\n");
+    rejects = contentOf(*written.options.rejects);
+    for (char const* const part : {",2,unreadable-number,the number cannot be read: '0770*',", ",3,decimal-number,",
+                                   ",4,no-number,there is no number: 'withheld',"})
+        EXPECT_NE(rejects.find(part), std::string::npos) << part << "\n" << rejects;
 
     Feed shown(
         "number,since,operator\n1,20240101000000,A\n" +
@@ -318,8 +330,25 @@ TEST(ImportTest, CommandLine) {
              Case{"the data may be written", "IMPORT -c nphost.toml -o data.dat good.csv", 0, "", "", data},
              Case{"rejects to standard output", "IMPORT --rejects - good.csv", 2, "", "name a file", "old"},
              Case{"a count", "IMPORT --max-rejects -1 good.csv", 2, "", "'-1' is not a number", "old"},
-             Case{"an empty header", "(echo; cat good.csv) | IMPORT -", 2, "", "standard input:1: the header is empty",
+             Case{"blank lines before the header", "(echo; echo ' '; cat good.csv) | IMPORT -", 0, data, "records 1,",
                   "old"},
+             Case{"a mebibyte without a record",
+                  "(yes 'a\"' | head -n 400000; tail -n 1 good.csv) | nphost import --no-header --map "
+                  "number=1,valid-from=2,network=3 -o data.dat -",
+                  1, "", "records 400001, written 1", data},
+             Case{"and then without the column",
+                  "(yes 'a\"' | head -n 400000; tail -n 1 good.csv) | nphost import --no-header --map "
+                  "number=1,valid-from=2,network=4 -o data.dat -",
+                  2, "", "there is no column '4'; there are columns 1 to 3", "old"},
+             Case{"JSON lines", "echo '{\"n\":1}' | nphost import --no-header --map number=1,valid-from=2,network=3 -",
+                  2, "",
+                  "no record could be taken; nothing is written; rejected: 1, most often broken-quotes: the quotation "
+                  "marks do not match (JSON lines?",
+                  "old"},
+             Case{"carriage returns alone", "tr '\\n' '\\r' <good.csv | IMPORT -", 2, "",
+                  "standard input: its lines end in carriage returns alone", "old"},
+             Case{"a transfer that failed", ": >empty.csv.gz; IMPORT empty.csv.gz", 2, "",
+                  "empty.csv.gz: the compressed data end early", "old"},
              Case{"another separator", "tr , ';' <good.csv | IMPORT -", 2, "", "is the separator right?", "old"},
              Case{"no separator", "IMPORT --separator '' good.csv", 2, "", "one byte (ASCII)", "old"},
          }) {

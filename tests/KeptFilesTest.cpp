@@ -19,6 +19,8 @@ class KeptFilesTest : public testing::Test {
         folder.write("data.dat", dataCM);
         folder.write("np.toml", configurationCM);
         folder.write("log.toml", std::string(configurationCM) + "[host]\nlogFile = \"data.dat\"\n");
+        folder.write("logged.toml", std::string(configurationCM) + "[host]\nlogFile = \"np.log\"\n");
+        folder.write("np.log", "");
         folder.write("absent.toml", "[DAT_NumberPortability]\nFileName = \"absent.dat\"\n");
         folder.write("calls.csv", callsCM);
         folder.write("feed.csv", "n,t,o\n1,20200101000000,A\nx,20200101000000,B\n");
@@ -49,6 +51,11 @@ TEST_F(KeptFilesTest, AreNeverWritten) {
              {"$ENRICH --output absent.dat --rejects chain calls.csv", "the output and the file of rejects"},
              {"$IMPORT --config np.toml feed.csv >> np.toml", "standard output is the configuration file"},
              {"$IMPORT --config absent.toml --rejects chain feed.csv", "chain is to be written, but is the data file"},
+             {"nphost enrich --config logged.toml --number n --time t --output np.log calls.csv",
+              "np.log is to be written, but is the daemon's log"},
+             {"$IMPORT --config logged.toml --rejects np.log feed.csv", "np.log is to be written, but is the daemon's"},
+             {"$IMPORT --config logged.toml feed.csv >> np.log", "standard output is the daemon's log"},
+             {"nphost print --config logged.toml --output np.log", "the output np.log is the log file"},
              {"nphost print --config np.toml --output np.toml", "the output np.toml is the configuration file"},
              {"nphost print --config np.toml --output ./link", "the output ./link is the configuration file"},
              {"nphost print --config np.toml >> data.dat", "the output /dev/stdout is the data file itself"},
@@ -68,6 +75,24 @@ TEST_F(KeptFilesTest, AreNeverWritten) {
     }
 }
 
+// The message would be in the file as well, so nothing says why.
+TEST_F(KeptFilesTest, AreNotStandardErrorEither) {
+    folder.write("bad.toml", "[nonsense]\n");
+    for (char const* const text :
+         {"nphost lookup --config np.toml 00441 2>> data.dat", "nphost lookup --config np.toml 00441 2>> link",
+          "nphost lookup --config bad.toml 00441 2>> bad.toml", "nphost print -v --config np.toml 2>> data.dat",
+          "nphost check -v --config np.toml calls.csv 2>> calls.csv", "nphost upcoming --config np.toml 2>> data.dat",
+          "nphost diff -v --config np.toml data.dat feed.csv 2>> feed.csv", "$ENRICH --keep calls.csv 2>> calls.csv",
+          "$IMPORT feed.csv 2>> feed.csv", "$IMPORT - < feed.csv 2>> feed.csv",
+          "timeout 60 nphost run --config np.toml 2>> data.dat", "nphost ctl --config np.toml status 2>> np.toml"}) {
+        std::string const command = text;
+        std::string const file = command.substr(command.rfind(' ') + 1);
+        std::string const before = contentOf(folder.file(file.c_str()));
+        EXPECT_EQ(run(command).status, 2) << command;
+        EXPECT_EQ(contentOf(folder.file(file.c_str())), before) << command;
+    }
+}
+
 // A descriptor that is free would be that of the next file, and messages would go into it.
 TEST_F(KeptFilesTest, DoNotBecomeStandardDescriptors) {
     EXPECT_EQ(run("$IMPORT --output new.dat feed.csv 2>&-").status, 1);
@@ -80,7 +105,30 @@ TEST_F(KeptFilesTest, DoNotBecomeStandardDescriptors) {
     EXPECT_EQ(contentOf(folder.file("new.csv")), "n,t,n_network\n00441,20210101000000,A\n");
 }
 
+// A folder comes to lie where the result is to be put, while the command waits for its input.
+TEST_F(KeptFilesTest, AResultThatCannotBePutInPlaceIsAFailure) {
+    for (char const* const command : {"$IMPORT --output new -", "$ENRICH --output new -"}) {
+        ProgramResult const result = run(
+            "{ head -1 feed.csv; timeout 60 sh -c \"until ls -A | grep -q '^[.]new.*tmp$'; do :; done\"; mkdir new; "
+            "tail -n +2 feed.csv; } | " +
+            std::string(command));
+        EXPECT_EQ(result.status, 2) << command;
+        EXPECT_NE(result.err.find("new cannot be written: cannot replace it: Is a directory"), std::string::npos)
+            << command << "\n"
+            << result.err;
+        EXPECT_EQ(runShell(folder, "ls -A | grep tmp; rmdir new").out, "");
+    }
+}
+
+TEST_F(KeptFilesTest, AFileThatMayNotGrowIsAnErrorForEveryCommand) {
+    for (char const* const command : {"lookup -c np.toml 00441", "check -c np.toml np.toml", "print -c np.toml",
+                                      "diff -c np.toml np.toml np.toml", "--help"})
+        EXPECT_EQ(run(("(ulimit -f 0; nphost " + std::string(command) + " > small)").c_str()).status, 2) << command;
+}
+
 TEST_F(KeptFilesTest, AreInPlaceThoughTheSummaryIsLost) {
+    for (char const* const command : {"$ENRICH --json calls.csv 2> /dev/full", "$IMPORT --json feed.csv 2> /dev/full"})
+        EXPECT_EQ(run(command).status, 2) << command;
     for (char const* const command :
          {"$ENRICH --json --output new calls.csv > /dev/full", "$IMPORT --json --output new feed.csv > /dev/full"}) {
         std::filesystem::remove(folder.file("new"));

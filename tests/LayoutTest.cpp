@@ -275,7 +275,7 @@ TEST(Layout, HistoriesAnswerAlikeInBothLayouts) {
         NumberPortabilityTree tree;
         PlainLists lists;
         std::uint32_t entries = 0;
-        auto const instant = [&] { return BAS::DateTime::fromSeconds(63'000'000'000 + keys.below(50)); };
+        auto const instant = [&] { return BAS::DateTime::fromSeconds(63'000'000'000 + keys.below(300)); };
         for (int i = 0; i < 1500; ++i) {
             BAS::String const number(keys.next());
             BAS::SimpleString const network(keys.below(3) == 0 ? "A rather long identifier" : "NET");
@@ -334,6 +334,91 @@ TEST(Layout, HistoriesAnswerAlikeInBothLayouts) {
     }
 }
 
+// A history of very many records in every order of arrival. To move all of them for each that comes would take hours.
+TEST(Layout, HoldsALongHistoryInEveryOrderOfArrival) {
+    constexpr std::uint64_t records = 300'000;
+    constexpr std::uint64_t first = 63'000'000'000;
+    BAS::String const number("00441711234567");
+    auto const instant = [](std::uint64_t i) { return BAS::DateTime::fromSeconds(first + 2 * i); };
+    auto const network = [](std::uint64_t i) { return (i % 100 == 0 ? "A long name " : "") + std::to_string(i); };
+    unsigned const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::vector<std::uint64_t> order(records);
+    for (char const* const arrival : {"ascending", "descending", "nearly descending", "shuffled"}) {
+        SCOPED_TRACE(arrival);
+        for (std::uint64_t i = 0; i < records; ++i)
+            order[i] = arrival[0] == 'a' ? i : records - 1 - i;
+        if (arrival[0] == 'n')
+            std::rotate(order.begin(), order.end() - 7, order.end());
+        if (arrival[0] == 's')
+            std::shuffle(order.begin(), order.end(), random);
+        NumberPortabilityTree tree;
+        for (std::uint64_t const i : order)
+            ASSERT_TRUE(tree.insert(number, {instant(i), BAS::SimpleString(network(i).c_str())}, true)) << i;
+        for (std::uint64_t i = 0; i < records; i += 1 + random() % 100)
+            ASSERT_FALSE(tree.insert(number, {instant(i), BAS::SimpleString("TWICE")}, true)) << i;
+        EXPECT_EQ(tree.entries(), records);
+        EXPECT_LT(tree.bytes(), 2 * records * sizeof(NumberPortabilityData) + 2 * PBC::HugePages::pageCM);
+
+        NumberPortabilityTree copy;
+        copy.copyFrom(tree);
+        EXPECT_EQ(copy.entries(), records);
+        tree.clearAndDestroy();
+        std::uint64_t left = records;
+        copy.visitLaterThan(BAS::DateTime::fromSeconds(0),
+                            [&](BAS::String const&, NumberPortabilityData const& record) {
+                                --left;
+                                ASSERT_EQ(record.validFromM, instant(left));
+                                ASSERT_EQ(record.networkIdM.view(), network(left));
+                            });
+        EXPECT_EQ(left, 0U);
+        for (std::uint64_t i = 0; i < records; i += 1 + random() % 100)
+            for (unsigned const later : {0U, 1U}) {
+                NumberPortabilityData found;
+                BAS::DateTime const at = BAS::DateTime::fromSeconds(first + 2 * i + later);
+                ASSERT_TRUE(copy.search(number, at, found, NumberPortabilityTree::EXACT_MATCH));
+                ASSERT_EQ(found.validFromM, instant(i));
+            }
+        NumberPortabilityData found;
+        EXPECT_FALSE(copy.search(number, BAS::DateTime::fromSeconds(first - 1), found, 0));
+    }
+}
+
+TEST(Layout, ARefusedRecordTakesNoMemory) {
+    BAS::String const number("00441711234567");
+    NumberPortabilityTree tree;
+    for (std::uint64_t length = 1; length <= LongHistory::leastCM + 1; ++length) {
+        NumberPortabilityData const record(BAS::DateTime::fromSeconds(length), BAS::SimpleString("A long name"));
+        ASSERT_TRUE(tree.insert(number, record, true));
+        ASSERT_FALSE(tree.insert(number, record, true)); // what it takes meanwhile is kept for the next
+        std::size_t const bytes = tree.bytes();
+        for (int i = 0; i < 100; ++i)
+            ASSERT_FALSE(tree.insert(number, record, true));
+        EXPECT_EQ(tree.bytes(), bytes) << length;
+    }
+}
+
+// To walk once for every digit would take hours.
+TEST(Layout, FindsThePrefixesOfAVeryLongNumber) {
+    std::string const number(20'000'000, '7'); // NOLINT(bugprone-string-constructor): so long it is
+    NumberPortabilityTree tree;
+    std::vector<std::size_t> expected;
+    for (std::size_t const length : {1'000'000U, 17U, 16U, 7U, 6U, 1U}) { // the longest first
+        tree.insert(BAS::String(number.substr(0, length)), {BAS::DateTime("20200101000000"), BAS::SimpleString("N")},
+                    true);
+        expected.push_back(length);
+    }
+    tree.insert("78", {BAS::DateTime("20200101000000"), BAS::SimpleString("N")}, true);
+    std::vector<std::size_t> found;
+    tree.visitPrefixes(BAS::String("+" + number), [&](BAS::String const& key, auto const& history) {
+        EXPECT_EQ(key.str(), number.substr(0, key.length()));
+        EXPECT_EQ(history.length(), 1U);
+        found.push_back(key.length());
+    });
+    EXPECT_EQ(found, expected);
+}
+
 TEST(Layout, RefusesABatchOfUnequalSpans) {
     NumberPortabilityTree const tree;
     std::vector<BAS::String> const numbers(2);
@@ -356,6 +441,28 @@ TEST(Layout, HoldsMoreNetworksThanItNumbers) {
         NumberPortabilityData found;
         ASSERT_TRUE(tree.search(BAS::String(std::to_string(1'000'000 + i)), when, found, 1));
         EXPECT_EQ(found.networkIdM.view(), "N" + std::to_string(i));
+    }
+}
+
+// A number with a value above others makes a path in the table. Its places have room for 8192 of them: with one more, a
+// table of fewer digits serves.
+TEST(Layout, ShortcutsKnowAsManyPathsAsTheyHaveRoomFor) {
+    for (int const paths : {8192, 8193}) {
+        Both both;
+        std::vector<std::string> keys;
+        for (int i = 0; i + 1 < paths; ++i) { // one path is the empty one
+            std::string const number = std::to_string(10'000 + i).substr(1);
+            both.insert(number, i);
+            both.insert(number + "5", 10'000 + i);
+            keys.push_back(number + "56");
+        }
+        both.makeShortcuts();
+        for (std::string const& key : keys) {
+            both.compare(key);
+            if (HasFatalFailure())
+                return;
+        }
+        both.compareMany(keys);
     }
 }
 

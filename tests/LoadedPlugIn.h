@@ -5,6 +5,7 @@
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
 #include "framework/PLG/DataPlugIn.h"
+#include "plugin/PlugIn.h"
 #include "store/NumberPortabilityData.h"
 #include "tests/TemporaryFolder.h"
 
@@ -69,12 +70,15 @@ class RootObject : public BAS::RegisteredObject {
   public:
     RootObject() : BAS::RegisteredObject(rootNameCM) {}
     bool receiveRequest(BAS::Message& request) override {
+        if (throws)
+            throw std::runtime_error("root");
         asked.push_back(request.command().str() + " from " + request.sender().str());
         for (std::string const& string : reply)
             request.arguments().append(BAS::String(string));
         return served;
     }
     bool served = true;
+    bool throws = false;
     std::vector<std::string> reply{"EventHandler"};
     std::vector<std::string> asked;
 };
@@ -154,6 +158,24 @@ class LoadedPlugIn : public testing::Test {
             if ((*group)[i]->name() == name)
                 return (*group)[i]->setValue(BAS::String(value));
         return false;
+    }
+    // Members of the plug-in that are no operations of the framework's.
+    bool carryOut(DAT::NumberPortability::PlugIn::ProbeMode mode, std::string const& value) {
+        return symbol<bool (*)(PLG::DataPlugIn*, DAT::NumberPortability::PlugIn::ProbeMode, BAS::String const&)>(
+            "_ZN3DAT17NumberPortability6PlugIn8carryOutENS1_9ProbeModeERKN3BAS6StringE")(plugIn.get(), mode,
+                                                                                         BAS::String(value));
+    }
+    DAT::NumberPortability::ServiceStatus serviceStatus() {
+        return symbol<DAT::NumberPortability::ServiceStatus (*)(PLG::DataPlugIn*)>(
+            "_ZN3DAT17NumberPortability6PlugIn13serviceStatusEv")(plugIn.get());
+    }
+    bool visitFile(std::string const& name, DAT::NumberPortability::LineVisitor const& visit) {
+        return symbol<bool (*)(PLG::DataPlugIn*, BAS::String const&, DAT::NumberPortability::LineVisitor const&)>(
+            "_ZN3DAT17NumberPortability6PlugIn9visitFileERKN3BAS6StringERKSt8functionIFvRKNS0_8FileLineEEE")(
+            plugIn.get(), BAS::String(name), visit);
+    }
+    void stopLoads() {
+        symbol<void (*)(PLG::DataPlugIn*)>("_ZN3DAT17NumberPortability6PlugIn9stopLoadsEv")(plugIn.get());
     }
     // Performs an update: its result and whether it was handled, as "true handled".
     std::string update(std::vector<std::pair<std::string, std::string>> const& commands) {

@@ -1,5 +1,7 @@
 // The plug-in through the real module: configuration, life cycle, run-time updates, probes, and all of it at once.
+#include "tests/LimitedMemory.h"
 #include "tests/LoadedPlugIn.h"
+#include "tests/WatchedThread.h"
 
 #include <atomic>
 #include <fcntl.h>
@@ -10,6 +12,7 @@
 namespace {
 
 using Entries = std::vector<std::string>;
+using DAT::NumberPortability::PlugIn;
 
 std::string loaded(std::string const& file) {
     return "INF_FILE_EOF(1): " + file;
@@ -117,6 +120,13 @@ TEST_F(Configuration, LivesWithoutAnEventHandler) {
     }
 }
 
+TEST_F(Configuration, LivesWithARootObjectThatThrows) {
+    root.throws = true;
+    EXPECT_TRUE(create().isValid());
+    EXPECT_EQ(journal.take().back(), "ERR_UNEXPECTED(5): NP, root");
+    EXPECT_TRUE(plugIn->evalEnvironment());
+}
+
 TEST_F(Configuration, NeedsTheProbeDefinitionFile) {
     OMF::InstrumentationProbeBrokerIf::installFolder(BAS::String(folder.path().string()));
     EXPECT_FALSE(create().isValid());
@@ -153,6 +163,140 @@ TEST_F(LifeCycle, LoadsServesAndStops) {
     EXPECT_TRUE(probe("reload", ""));
     EXPECT_TRUE(journal.take().empty());
     EXPECT_EQ(answer("0044171"), "A");
+}
+
+// The calls come with the report of a bad line, when the other lines have been inserted.
+TEST_F(LifeCycle, ServesNothingBeforeTheFirstLoadHasEnded) {
+    folder.write("main", "bad\n0171 20200101000000 A\n");
+    create();
+    std::string const out = folder.file("out");
+    bool called = false;
+    journal.hook([&](std::string const& entry) {
+        if (called || !entry.starts_with("ERR_NUMBER_OF_FIELDS"))
+            return;
+        called = true;
+        EXPECT_EQ(answer("0044171"), "-");
+        EXPECT_EQ(update({{"PrintData", out}}), "true handled");
+        EXPECT_EQ(contentOf(out).find("0044171"), std::string::npos);
+    });
+    EXPECT_TRUE(plugIn->init());
+    EXPECT_TRUE(called);
+    EXPECT_EQ(answer("0044171"), "A");
+}
+
+TEST_F(LifeCycle, EveryoneMayCallDuringInitAndShutdown) {
+    for (int round = 0; round < 20; ++round) {
+        create();
+        std::atomic<bool> stop{false};
+        std::vector<std::thread> threads;
+        threads.emplace_back([&] {
+            while (!stop)
+                update({{round % 2 == 0 ? "Reload" : "PrintData", folder.file("printed")}});
+        });
+        threads.emplace_back([&] {
+            while (!stop) {
+                serviceStatus();
+                answer("0044171");
+                probe("printData", folder.file("out"));
+                carryOut(PlugIn::RELOAD_PROBE, "");
+            }
+        });
+        threads.emplace_back([&] { plugIn->shutdown(); });
+        EXPECT_TRUE(plugIn->init());
+        EXPECT_EQ(answer("0044171"), "A");
+        stop = true;
+        for (std::thread& thread : threads)
+            thread.join();
+        plugIn.reset();
+    }
+}
+
+// The shutdown comes while init makes the worker, before its gate is closed.
+TEST_F(LifeCycle, EndsAWorkerThatIsMadeDuringAShutdown) {
+    create();
+    std::unique_ptr<WatchedThread> stopping;
+    std::function<void()> stop = [&] {
+        stopping = std::make_unique<WatchedThread>([&] { plugIn->shutdown(); });
+        stopping->waitUntilAsleep();
+    };
+    journal.hook([&](std::string const& entry) { beforeAllocation = entry.starts_with("INF_LOAD") ? &stop : nullptr; });
+    EXPECT_TRUE(plugIn->init());
+    EXPECT_NE(stopping, nullptr);
+    stopping.reset();
+    EXPECT_TRUE(probe("reload", ""));
+    plugIn.reset();
+    EXPECT_EQ(journal.take().back(), "INF_NUM_NPORT_LOADED(1): 2");
+}
+
+TEST_F(LifeCycle, TellsOfEveryLoadHoweverItEnded) {
+    createInitialised();
+    std::string const missing = folder.file("missing");
+    EXPECT_EQ(update({{"AdditionalNumPortData", missing}}), "false handled");
+    auto status = serviceStatus();
+    EXPECT_EQ(status.loads, 2U);
+    EXPECT_FALSE(status.lastLoad.succeeded);
+    EXPECT_EQ(status.lastLoad.fileName.str(), missing);
+    EXPECT_EQ(status.lastLoad.lines, 0U) << "not those of the load before";
+    std::filesystem::remove(file);
+    EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+    status = serviceStatus();
+    EXPECT_EQ(status.loads, 3U);
+    EXPECT_EQ(status.lastLoad.kind, DAT::NumberPortability::LoadOutcome::RELOAD);
+    EXPECT_FALSE(status.lastLoad.succeeded);
+}
+
+TEST_F(LifeCycle, ClosesAVisitedFileWhateverTheVisitorThrows) {
+    createInitialised();
+    EXPECT_FALSE(visitFile(file, [](auto const&) { throw std::runtime_error("visitor"); }));
+    EXPECT_EQ(journal.take(), (Entries{"INF_FILE_OPENED(1): " + file, "ERR_UNEXPECTED(5): NP, visitor",
+                                       "INF_FILE_CLOSED(1): " + file}));
+}
+
+// A load's outcome is what has become of the data, whatever could be reported of it.
+TEST_F(LifeCycle, OutcomesHoldWhereMemoryRunsOut) {
+    createInitialised();
+    BAS::RegisteredObject::installLogSink(nullptr); // the journal needs memory itself
+    std::string const lines = "0171 20200101000000 A-LONG-NETWORK\n";
+    bool finished = false;
+    long count = 0;
+    for (; !finished; ++count) {
+        folder.write("main", "0171 20200101000000 OLD\n");
+        ASSERT_TRUE(carryOut(PlugIn::RELOAD_PROBE, ""));
+        folder.write("main", lines);
+        allowed = count;
+        finished = carryOut(PlugIn::RELOAD_PROBE, "");
+        allowed = -1;
+        ASSERT_EQ(serviceStatus().lastLoad.succeeded, finished) << count;
+        ASSERT_TRUE(!finished || answer("0044171") == "A-LONG-NETWORK") << count;
+    }
+    EXPECT_GT(count, 10);
+    allowed = 0;
+    EXPECT_THROW(answer("0044171"), std::bad_alloc) << "which is not to say that there is none";
+    allowed = -1;
+}
+
+// The journal needs memory itself, and so does the root object; what that throws is no different.
+TEST_F(LifeCycle, MakesNoPlugInWhereMemoryRunsOut) {
+    create(); // whatever is made once
+    plugIn.reset();
+    BAS::RegisteredObject::installLogSink(nullptr);
+    BAS::String const name("NP");
+    auto* const entry = symbol<void* (*)(BAS::String const&)>("DAT_NumberPortabilityModuleStart");
+    auto* const entryWithoutName = symbol<void* (*)()>("ModuleStartNL");
+    auto const made = [&](bool named, long count) {
+        allowed = count;
+        void* const object = named ? entry(name) : entryWithoutName();
+        allowed = -1;
+        return std::unique_ptr<PLG::DataPlugIn>(static_cast<PLG::DataPlugIn*>(object));
+    };
+    for (bool const named : {true, false}) {
+        long count = 0;
+        for (; !(plugIn = made(named, count)); ++count) {
+        }
+        EXPECT_EQ(plugIn->isValid(), named) << "made with too little memory: " << count;
+        EXPECT_GT(count, named ? 20 : 3);
+        plugIn.reset();
+    }
 }
 
 TEST_F(LifeCycle, InitMayBeRepeatedAfterAFailure) {
@@ -417,6 +561,77 @@ TEST_F(Probe, CarriesOutTheLatestOfSeveralRequestsInOneFurtherPass) {
     EXPECT_TRUE(plugIn->shutdown());
     EXPECT_TRUE(journal.take().empty());
     journal.hook(nullptr);
+}
+
+// Each request once by the worker and once by the calling thread, which tells the outcome.
+TEST_F(Probe, IsCarriedOutByTheCallingThreadAsByTheWorker) {
+    struct Case {
+        char const* probe;
+        PlugIn::ProbeMode mode;
+        std::string value, lines; // of the main file
+        std::size_t entries;
+        bool succeeds;
+    };
+    std::string const good = "0171 20200101000000 A\n";
+    createInitialised();
+    for (Case const& c :
+         {Case{"reload", PlugIn::RELOAD_PROBE, "false", good, 4, true},
+          Case{"reload", PlugIn::RELOAD_PROBE, "FALSE", "", 3, false},
+          Case{"deltaLoad", PlugIn::DELTA_LOAD_PROBE, folder.write("delta", "0172 20200101000000 B\n"), good, 3, true},
+          Case{"deltaLoad", PlugIn::DELTA_LOAD_PROBE, folder.file("missing"), "", 3, false},
+          Case{"printData", PlugIn::PRINT_DATA_PROBE, folder.file("out"), good, 1, true}}) {
+        SCOPED_TRACE(c.probe + std::string(" ") + c.value);
+        auto const setUp = [&] {
+            folder.write("main", good);
+            EXPECT_EQ(update({{"Reload", ""}}), "true handled");
+            folder.write("main", c.lines);
+            journal.take();
+        };
+        setUp();
+        EXPECT_EQ(carryOut(c.mode, c.value), c.succeeds);
+        Entries const byCaller = journal.take();
+        setUp();
+        EXPECT_EQ(byCaller.size(), c.entries);
+        EXPECT_TRUE(probe(c.probe, c.value));
+        EXPECT_EQ(journal.take(c.entries), byCaller);
+    }
+    stopLoads();
+    EXPECT_FALSE(carryOut(PlugIn::RELOAD_PROBE, ""));
+    EXPECT_EQ(journal.take(),
+              (Entries{"ERR_LOADS_STOPPED(4): " + file, "ERR_NUM_PORT_RELOAD(4): " + file, "EVT::RELOAD_FAILED"}));
+    EXPECT_EQ(answer("0044171"), "A");
+    create();
+    stopLoads();
+    journal.take();
+    EXPECT_FALSE(plugIn->init());
+    EXPECT_EQ(journal.take(), (Entries{"INF_LOAD_DATA(1): NP", "ERR_LOADS_STOPPED(4): " + file}));
+}
+
+// The worker is held between its way through the gate and its taking of the request.
+TEST_F(Probe, CarriesOutARequestOnceThatComesBeforeThePassBeforeHasTakenItsOwn) {
+    createInitialised();
+    std::atomic<pid_t> worker{0};
+    BAS::Thread* thread = nullptr;
+    journal.hook([&](std::string const& entry) {
+        if (entry != "EVT::RELOAD_SUCCESSFUL" || worker != 0)
+            return;
+        thread = BAS::Thread::current();
+        thread->interrupt();
+        probe("printData", "never taken");
+        worker = gettid();
+    });
+    probe("reload", "");
+    while (worker == 0)
+        std::this_thread::yield();
+    waitUntilAsleep(worker);
+    journal.hook(nullptr);
+    journal.take();
+    probe("printData", folder.file("out"));
+    thread->resume();
+    Entries const printed{"INF_NUM_PORT_PRINT_DATA(1): 2, File : " + folder.file("out")};
+    EXPECT_EQ(journal.take(1), printed);
+    waitUntilAsleep(worker);
+    EXPECT_EQ(journal.take(), Entries()) << "twice";
 }
 
 TEST_F(Probe, StopsAWorkerThatWritesToAPipeNobodyEmpties) {

@@ -1,15 +1,20 @@
 // The readers-writer lock's promise: exclusion, and who waits for whom. Tests wait for conditions, never for time.
 #include "framework/RW/RWReadersWriterLock.h"
+#include "tests/WatchedThread.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
+#include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <latch>
 #include <linux/filter.h>
 #include <linux/membarrier.h>
 #include <linux/seccomp.h>
+#include <optional>
 #include <pthread.h>
 #include <random>
 #include <string>
@@ -17,8 +22,30 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+
+// Called by the next writer's barrier, in its thread.
+std::function<void()> atBarrier;
+
+} // namespace
+
+// In place of the C library's, for the framework's library, too.
+extern "C" long syscall(long number, ...) noexcept {
+    static auto* const real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    std::array<long, 6> arguments{};
+    va_list list;
+    va_start(list, number);
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    if (number == SYS_membarrier && arguments[0] == MEMBARRIER_CMD_PRIVATE_EXPEDITED && atBarrier)
+        atBarrier();
+    return std::apply([&](auto... all) { return real(number, all...); }, arguments);
+}
 
 namespace {
 
@@ -238,46 +265,97 @@ TEST(ReadersWriterLock, ShortReadersPassAWriterThatWaitsForALongReader) {
     EXPECT_TRUE(written);
 }
 
-TEST(ReadersWriterLock, AnUnbrokenChainOfLongReadersDoesNotKeepAWriterOut) {
+// Each waits where the next could overtake it.
+TEST(ReadersWriterLock, ALongReaderDoesNotOvertakeAWriterThatWaits) {
     RWReadersWriterLock lock;
-    std::atomic<bool> written{false};
-    std::vector<std::thread> chain;
-    std::latch running(2);
-    for (int i = 0; i < 2; ++i)
-        chain.emplace_back([&] {
-            running.count_down();
-            while (!written) { // each holds the lock most of the time, so that one always overlaps the other
-                lock.acquireLongRead();
-                for (int pause = 0; pause < 50; ++pause)
-                    std::this_thread::yield();
-                lock.releaseLongRead();
-            }
+    int overtaken = 0;
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<bool> written{false};
+        lock.acquireLongRead();
+        WatchedThread const writer([&] {
+            RWReadersWriterLock::WriteGuard const guard(lock);
+            written = true;
         });
-    running.wait();
-    startWriter(lock, written).join();
-    for (std::thread& thread : chain)
-        thread.join();
-    EXPECT_TRUE(written);
+        writer.waitUntilAsleep();
+        WatchedThread const late([&] {
+            RWReadersWriterLock::LongReadGuard const guard(lock);
+            overtaken += written ? 0 : 1;
+        });
+        late.waitUntilAsleep();
+        lock.releaseLongRead();
+    }
+    EXPECT_EQ(overtaken, 0);
 }
 
-TEST(ReadersWriterLock, WritersThatNeverPauseDoNotStarveAShortReader) {
+TEST(ReadersWriterLock, AWriterDoesNotOvertakeAShortReaderThatWaits) {
     RWReadersWriterLock lock;
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 2; ++i)
-        writers.emplace_back([&] {
-            while (!stop) {
-                lock.acquireWrite();
-                lock.releaseWrite();
-            }
+    int overtaken = 0;
+    for (int round = 0; round < 100; ++round) {
+        std::atomic<bool> read{false};
+        lock.acquireWrite();
+        WatchedThread const reader([&] {
+            RWReadersWriterLock::ReadGuard const guard(lock);
+            read = true;
         });
-    for (int i = 0; i < 2000; ++i) {
-        lock.acquireRead();
-        lock.releaseRead();
+        reader.waitUntilAsleep();
+        lock.releaseWrite();
+        lock.acquireWrite(); // at once, before the reader can have woken up
+        overtaken += read ? 0 : 1;
+        lock.releaseWrite();
     }
-    stop = true;
-    for (std::thread& writer : writers)
-        writer.join();
+    EXPECT_EQ(overtaken, 0);
+}
+
+TEST(ReadersWriterLock, AWriterMayGiveUp) {
+    RWReadersWriterLock lock;
+    std::atomic<bool> givenUp{false};
+    {
+        RWReadersWriterLock::LongReadGuard const guard(lock);
+        WatchedThread const writer(
+            [&]() NP_NO_THREAD_SAFETY_ANALYSIS { EXPECT_FALSE(lock.acquireWriteUnless(givenUp)); });
+        writer.waitUntilAsleep();
+        WatchedThread const behind([&] { RWReadersWriterLock::LongReadGuard const late(lock); });
+        behind.waitUntilAsleep();
+        givenUp = true; // and whoever queued behind it gets in
+    }
+    if (lock.acquireWriteUnless(givenUp))
+        lock.releaseWrite();
+    else
+        ADD_FAILURE() << "nobody has to be waited for";
+}
+
+// A reader that is inside leaves, and another comes, while the writer's barrier is going on: it comes after the flag was
+// raised, and before the writer looks who is inside.
+TEST(ReadersWriterLock, AWriterHasAllPassABarrierBetweenItsFlagAndItsLook) {
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0) <= 0)
+        GTEST_SKIP() << "the kernel has no such barrier";
+    RWReadersWriterLock lock;
+    std::atomic<int> barriers{0};
+    std::atomic<bool> inside{false};
+    std::atomic<bool> gotIn{false};
+    WatchedThread const first([&] {
+        RWReadersWriterLock::ReadGuard const guard(lock);
+        inside = true;
+        while (barriers == 0)
+            std::this_thread::yield();
+    });
+    while (!inside)
+        std::this_thread::yield();
+    std::optional<WatchedThread> second;
+    atBarrier = [&] {
+        second.emplace([&] {
+            RWReadersWriterLock::ReadGuard const guard(lock);
+            gotIn = true;
+        });
+        second->waitUntilAsleep();
+        EXPECT_FALSE(gotIn);
+        ++barriers;
+        atBarrier = nullptr;
+    };
+    lock.acquireWrite();
+    EXPECT_EQ(barriers, 1);
+    EXPECT_FALSE(gotIn);
+    lock.releaseWrite();
 }
 
 // More threads than slots, so that some share one.

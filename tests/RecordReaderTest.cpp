@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <random>
@@ -86,6 +87,20 @@ TEST(CsvReaderTest, FindsRecordsAndFields) {
     }
 }
 
+// Wherever a text is cut off, as many records are whole as end there, and never a part of one.
+TEST(CsvReaderTest, WholeRecordsAtEverySplitPoint) {
+    std::string const text = "a,b\n\"c\nd\",\"\r\n\"\"\n\"\r\n\n\"e\"\n\"f\n\ng\"\nh,\"i\"\r\n";
+    std::vector<std::size_t> const ends = {4, 19, 20, 24, 31, 38};
+    CsvReader reader({});
+    std::size_t end = 0;
+    for (std::size_t length = 0; length <= text.size(); ++length) {
+        end = std::find(ends.begin(), ends.end(), length) != ends.end() ? length : end;
+        std::string const padded = text.substr(0, length) + std::string(RecordReader::paddingCM, '"');
+        EXPECT_EQ(reader.wholeRecords(std::string_view(padded).substr(0, length)), end) << text.substr(0, length);
+    }
+    EXPECT_EQ(end, text.size());
+}
+
 TEST(CsvReaderTest, WantedColumnsAndRaggedRecords) {
     CsvReader reader({}, {3, 1}, 4);
     EXPECT_EQ(readAll(reader, "a,b,c,d\na,b,c\na,b,c,d,e\n\"a\",\"b\",c,\"d\"\n\"a\",b\n\na,b,,\n"),
@@ -108,7 +123,8 @@ TEST(JsonReaderTest, FindsMembers) {
         {"a fraction", R"({"n":1,"t":1700000000.25})", "|1|1700000000.25"},
         {"escapes", R"({"\u006e":"\u00e9\n\"","t":"\ud83d\ude00"})", "|\u00e9\n\"|\U0001f600"},
         {"blanks around", " {\"n\" : \"1\" , \"t\" : \"2\" } \r", "|1|2"},
-        {"what is no text is empty", R"({"n":null,"t":{"a":1}})", "||"},
+        {"nothing is empty", R"({"n":null,"t":false})", "||"},
+        {"lists and objects are their text", R"({"n":[ "1", {}],"t":{"a":1}})", R"(|["1",{}]|{"a":1})"},
         {"an empty text", R"({"n":"","t":true})", "||"},
         {"a blank line", "  ", ""},
         {"a member lacks", R"({"n":"1"})", "missing-member"},

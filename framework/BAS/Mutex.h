@@ -19,6 +19,7 @@
 #define NP_GUARDED_BY(lock) NP_ANNOTATION(guarded_by(lock))
 #define NP_ACQUIRE(...) NP_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define NP_ACQUIRE_SHARED(...) NP_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define NP_TRY_ACQUIRE(...) NP_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define NP_RELEASE(...) NP_ANNOTATION(release_capability(__VA_ARGS__))
 #define NP_RELEASE_SHARED(...) NP_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define NP_REQUIRES(...) NP_ANNOTATION(requires_capability(__VA_ARGS__))

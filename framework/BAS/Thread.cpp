@@ -32,12 +32,14 @@ void Thread::run(std::function<void()> const& functor) {
     currentThread = nullptr;
 }
 
+void Thread::cancel() {
+    MutexGuard const guard(mutexM);
+    cancelledM = true;
+    changedM.notify_all();
+}
+
 void Thread::stop() {
-    {
-        MutexGuard const guard(mutexM);
-        cancelledM = true;
-        changedM.notify_all();
-    }
+    cancel();
     if (currentThread == this)
         return;
     MutexGuard const guard(joinLockM);

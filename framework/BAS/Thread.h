@@ -29,6 +29,9 @@ class Thread {
 
     void start(std::function<void()> functor);
 
+    // Requests the cancellation and waits for nothing.
+    void cancel();
+
     // Cancels the thread and waits for its end: when stop returns, the functor no longer runs. Called by the thread
     // itself it only cancels. A thread that never started, or ended, is stopped already.
     void stop();

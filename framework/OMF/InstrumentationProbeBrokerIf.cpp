@@ -1,5 +1,8 @@
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
 
+#include "framework/OMF/TomlLimits.h"
+
+#include <fstream>
 #include <toml++/toml.h>
 
 namespace OMF {
@@ -9,6 +12,10 @@ namespace {
 BAS::String& folder() {
     static auto* const name = new BAS::String(".");
     return *name;
+}
+
+std::string atLine(std::size_t line) {
+    return " (line " + std::to_string(line) + ")";
 }
 
 void fill(toml::table const& file, InstrumentationProbeBrokerIf::ProbeInfoMap& infos) {
@@ -22,6 +29,24 @@ void fill(toml::table const& file, InstrumentationProbeBrokerIf::ProbeInfoMap& i
     }
 }
 
+// Not beyond the size that a file may have, but for one byte, which shows that it is larger.
+std::string contentOf(std::string const& path) {
+    std::ifstream file(path, std::ios_base::binary);
+    std::string text(TomlLimits::mostBytesCM + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!file.eof() && file.gcount() == 0) // nothing is there, or nothing that can be read, as a folder
+        throw std::runtime_error("cannot be read");
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    return text;
+}
+
+toml::table parsed(std::string const& path) {
+    std::string const text = contentOf(path);
+    if (auto const excess = TomlLimits::excessOf(text))
+        throw std::runtime_error(excess->reason + atLine(excess->line));
+    return toml::parse(text);
+}
+
 } // namespace
 
 void InstrumentationProbeBrokerIf::installFolder(BAS::String const& name) {
@@ -33,12 +58,14 @@ bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requ
     std::string const path = folder().str() + "/" + fileName.str();
     std::string reason;
     try {
-        fill(toml::parse_file(path), infos);
+        fill(parsed(path), infos);
         return true;
     } catch (toml::parse_error const& error) {
         reason = std::string(error.description());
         if (error.source().begin)
-            reason += " (line " + std::to_string(error.source().begin.line) + ")";
+            reason += atLine(error.source().begin.line);
+    } catch (std::runtime_error const& error) {
+        reason = error.what();
     }
     infos.clear();
     BAS::Status status;

@@ -78,7 +78,7 @@ void fenceAllThreads() noexcept {
 
 constinit thread_local std::size_t RWReadersWriterLock::threadSlotM = noSlotCM;
 
-RWReadersWriterLock::RWReadersWriterLock() noexcept : ownSlotsM(registerBarrier() ? ownSlotsCM : 0) {}
+RWReadersWriterLock::RWReadersWriterLock() : ownSlotsM(registerBarrier() ? ownSlotsCM : 0) {}
 
 RWReadersWriterLock::Slot& RWReadersWriterLock::registeredSlot() noexcept {
     if (threadSlotM == noSlotCM)
@@ -161,6 +161,24 @@ void RWReadersWriterLock::acquireWrite() noexcept NP_NO_THREAD_SAFETY_ANALYSIS {
         writerInsideM = true;
     }
     waitForShortReaders();
+}
+
+bool RWReadersWriterLock::acquireWriteUnless(std::atomic<bool> const& givenUp) noexcept NP_NO_THREAD_SAFETY_ANALYSIS {
+    constexpr std::chrono::milliseconds between(100);
+    {
+        BAS::MutexGuard const guard(longLockM);
+        ++waitingWritersM;
+        while ((writerInsideM || longReadersM != 0) && !givenUp.load())
+            longChangedM.wait_for(longLockM, between);
+        --waitingWritersM;
+        if (writerInsideM || longReadersM != 0) {
+            longChangedM.notify_all(); // long readers queue behind a waiting writer
+            return false;
+        }
+        writerInsideM = true;
+    }
+    waitForShortReaders();
+    return true;
 }
 
 // Shuts short readers out: lets in who queued behind the writer before, raises the flag, waits until all have left.

@@ -18,7 +18,7 @@
 // thread that acquired releases. A thread takes one of ownSlotsCM indices at its first short read, for all locks of the
 // process, and gives it back when it ends; while none is free, threads share the sharedSlotsCM others. A forked child
 // may go on with a lock that was free at the fork; indices of threads that only its parent has stay taken in it.
-// Errors: none. Complexity: a short reader with an index of its own makes a few plain accesses to its own cache line,
+// Errors: none but the construction's. Complexity: a short reader with an index of its own makes a few plain accesses to its own cache line,
 // nothing atomic as a whole and no call; one without makes two atomic additions, on a line that it may share. A writer
 // interrupts every processor on which the process runs, once, and looks at all slots. Making a lock is one system call,
 // of some milliseconds for the first lock of a process that has several threads.
@@ -46,7 +46,7 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     static constexpr std::size_t ownSlotsCM = 64;
     static constexpr std::size_t sharedSlotsCM = 16;
 
-    RWReadersWriterLock() noexcept;
+    RWReadersWriterLock(); // throws std::bad_alloc
     RWReadersWriterLock(RWReadersWriterLock const&) = delete;
     RWReadersWriterLock& operator=(RWReadersWriterLock const&) = delete;
 
@@ -78,6 +78,9 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
     void acquireLongRead() noexcept NP_ACQUIRE_SHARED();
     void releaseLongRead() noexcept NP_RELEASE_SHARED();
     void acquireWrite() noexcept NP_ACQUIRE();
+    // The same; false, and nothing is acquired, when `givenUp` becomes true while long readers are waited for. It is
+    // looked at ten times a second, so that a signal handler may set it.
+    bool acquireWriteUnless(std::atomic<bool> const& givenUp) noexcept NP_TRY_ACQUIRE(true);
     void releaseWrite() noexcept NP_RELEASE();
 
     // One of each for the length of a scope.

@@ -2,15 +2,11 @@
 
 #include "framework/BAS/RegisteredObject.h"
 #include "framework/BAS/Thread.h"
+#include "framework/STR/FilePlace.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cerrno>
-#include <charconv>
-#include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
@@ -28,57 +24,6 @@ namespace {
 
 constexpr std::size_t bufferSize = 1024UL * 1024;
 constexpr int pollMilliseconds = 100; // how often a blocked writer looks for its cancellation
-
-// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for, or -1. Opened by name such a file could be
-// truncated under what the process has written to it already.
-int ownDescriptor(std::string_view name) {
-    if (name == "/dev/stdout")
-        return STDOUT_FILENO;
-    if (name == "/dev/stderr")
-        return STDERR_FILENO;
-    for (std::string_view const folder : {"/dev/fd/", "/proc/self/fd/"}) {
-        if (!name.starts_with(folder))
-            continue;
-        std::string_view const digits = name.substr(folder.size());
-        int descriptor = -1;
-        auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), descriptor);
-        if (error == std::errc() && end == digits.data() + digits.size())
-            return descriptor;
-    }
-    return -1;
-}
-
-std::string folderOf(std::string const& path) {
-    std::size_t const slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// Follows symbolic links, the last of which may name a file that is not there yet, as far as an own descriptor.
-std::string followLinks(std::string path) {
-    constexpr int mostLinks = 40; // as the kernel's own limit
-    for (int i = 0; i < mostLinks && ownDescriptor(path) < 0; ++i) {
-        std::array<char, PATH_MAX> link;
-        ssize_t const length = readlink(path.c_str(), link.data(), link.size());
-        if (length < 0)
-            break;
-        std::string target(link.data(), static_cast<std::size_t>(length));
-        path = target.starts_with('/') ? std::move(target) : folderOf(path).append("/").append(target);
-    }
-    return path;
-}
-
-bool syncFolder(std::string const& folder) {
-    int const descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0)
-        return errno == EACCES; // a folder that may be written but not read cannot be synced
-    bool const synced = fsync(descriptor) == 0 || errno == EINVAL; // some file systems cannot sync a folder
-    int const error = errno;
-    close(descriptor);
-    errno = error;
-    return synced;
-}
 
 // Keeps the signal of a pipe without a reader from the process for the length of a scope: the caller sees EPIPE.
 class PipeSignalBlock {
@@ -211,6 +156,8 @@ class FileIo::Buffer : public std::streambuf {
                 waitForRoom();
             else if (errno != EINTR)
                 errorM = errno;
+            else if (cancelled())
+                errorM = ECANCELED;
         }
     }
 
@@ -233,9 +180,9 @@ class FileIo::Buffer : public std::streambuf {
     std::thread writerM; // at most one, for one block
 };
 
-FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode)
-    : fileNameM(fileName), exceptionsM(std::uncaught_exceptions()), bufferM(std::make_unique<Buffer>()),
-      streamM(bufferM.get()) {
+FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode, InPlace inPlace)
+    : fileNameM(fileName), inPlaceM(inPlace), exceptionsM(std::uncaught_exceptions()),
+      bufferM(std::make_unique<Buffer>()), streamM(bufferM.get()) {
     if (mode != std::ios_base::out || fileName.view().find('\0') != std::string_view::npos) {
         fail(EINVAL, "open");
         return;
@@ -273,7 +220,7 @@ bool FileIo::isOpen() const {
 }
 
 int FileIo::descriptorInPlace() const {
-    return isOpen() && temporaryM.empty() ? bufferM->descriptor() : -1;
+    return isOpen() && targetM.empty() ? bufferM->descriptor() : -1;
 }
 
 void FileIo::openInPlace(int descriptor) {
@@ -287,7 +234,7 @@ void FileIo::openReplacing(std::string const& target) {
     struct stat old = {};
     // By its own name, so that the system's rules for following links hold.
     bool const exists = stat(fileNameM.data(), &old) == 0;
-    if (!exists && errno != ENOENT)
+    if (!exists && (errno != ENOENT || target.empty()))
         return fail(errno, "open");
     if (exists && !S_ISREG(old.st_mode))
         return openInPlace(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
@@ -295,41 +242,41 @@ void FileIo::openReplacing(std::string const& target) {
         return fail(errno, "open");
 
     targetM = target;
-    // Until it has the old file's owner and mode, nobody else may open it.
-    int const descriptor = createBeside(target, exists ? 0600 : 0666);
-    if (descriptor < 0)
-        return fail(errno, "create a file beside");
-    bufferM->attach(descriptor, true);
-    if (!exists)
+    mayOverwriteM = exists && inPlaceM == IF_NEEDED;
+    if (char const* const fault = faultOfPlace(target); fault != nullptr && !cannotReplace(errno, fault))
         return;
-    struct stat created = {};
-    fstat(descriptor, &created);
-    bool const sameOwner = old.st_uid == created.st_uid && old.st_gid == created.st_gid;
-    if (!sameOwner && fchown(descriptor, old.st_uid, old.st_gid) != 0)
-        return fail(errno, "keep the owner of");
-    if (fchmod(descriptor, old.st_mode & 07777) != 0)
-        return fail(errno, "keep the mode of");
+    if (replaces())
+        createTemporary(exists ? &old : nullptr);
+    if (isOpen() || !failureM.empty())
+        return;
+    int const descriptor = createElsewhere();
+    if (descriptor < 0)
+        return fail(errno, "create a file for the content of");
+    bufferM->attach(descriptor, true);
 }
 
-// Sets temporaryM and returns its descriptor, or -1 with errno set.
-int FileIo::createBeside(std::string const& target, unsigned mode) {
-    static std::atomic<unsigned> files{0};
-    constexpr std::size_t mostOfName = 200; // leaves room for the rest within NAME_MAX
-
-    std::string const name = target.substr(target.rfind('/') + 1);
-    if (name.empty()) {
-        errno = target.empty() ? ENOENT : EISDIR;
-        return -1;
+// The file that takes the old one's place, or at least its text.
+void FileIo::createTemporary(struct stat const* old) {
+    // Until it has the old file's owner and mode, nobody else may open it.
+    int const descriptor = createBeside(targetM, old != nullptr ? 0600 : 0666, temporaryM);
+    if (descriptor < 0) {
+        cannotReplace(errno, "create a file beside");
+        return;
     }
-    int descriptor = -1;
-    do {
-        temporaryM = folderOf(target) + "/." + name.substr(0, mostOfName) + "." + std::to_string(getpid()) + "-" +
-                     std::to_string(files.fetch_add(1)) + ".tmp";
-        descriptor = open(temporaryM.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    } while (descriptor < 0 && errno == EEXIST);
-    if (descriptor < 0)
-        temporaryM.clear();
-    return descriptor;
+    bufferM->attach(descriptor, true);
+    if (char const* const fault = old != nullptr ? keepIdentity(descriptor, *old) : nullptr)
+        cannotReplace(errno, fault);
+}
+
+// What keeps the file from being replaced is a failure; or, where that is allowed, and waiting would not help, the reason
+// to overwrite it. False in the first case.
+bool FileIo::cannotReplace(int error, char const* action) {
+    if (!mayOverwriteM || !isLasting(error)) {
+        fail(error, action);
+        return false;
+    }
+    inPlaceReasonM = failureText(error, action);
+    return true;
 }
 
 bool FileIo::closeFile() {
@@ -338,6 +285,8 @@ bool FileIo::closeFile() {
     giveUp(); // a no-op after success
     if (failureM.empty())
         return true;
+    if (versionM == FileVersion()) // nothing was overwritten
+        inPlaceReasonM = BAS::String();
     if (!reportedM) {
         reportedM = true;
         BAS::Status status;
@@ -352,7 +301,7 @@ bool FileIo::syncFile() {
         return false;
     if (!bufferM->writeOut())
         return fail(bufferM->error(), "write"), false;
-    if (!temporaryM.empty() && fsync(bufferM->descriptor()) != 0)
+    if (replaces() && fsync(bufferM->descriptor()) != 0)
         return fail(errno, "sync"), false;
     return true;
 }
@@ -360,19 +309,44 @@ bool FileIo::syncFile() {
 bool FileIo::commit() {
     if (!syncFile())
         return false;
-    if (temporaryM.empty()) {
-        if (!bufferM->closeDescriptor())
-            return fail(errno, "close"), false;
-        return true;
+    if (replaces() && rename(temporaryM.c_str(), targetM.c_str()) != 0 && !cannotReplace(errno, "replace"))
+        return false;
+    if (!inPlaceReasonM.empty() && !overwriteTarget())
+        return false;
+    bool const replaced = replaces();
+    if (replaced) {
+        temporaryM.clear();
+        noteVersion(bufferM->descriptor());
     }
-    if (!bufferM->closeDescriptor())
+    if (!bufferM->closeDescriptor()) // not before: the lock on a file beside keeps it from being removed
         return fail(errno, "close"), false;
-    if (rename(temporaryM.c_str(), targetM.c_str()) != 0)
-        return fail(errno, "replace"), false;
-    temporaryM.clear();
-    if (!syncFolder(folderOf(targetM)))
+    if (replaced && !syncFolder(folderOf(targetM)))
         return fail(errno, "sync the folder of"), false;
     return true;
+}
+
+// The whole text is in the file beside, or elsewhere, by now.
+bool FileIo::overwriteTarget() {
+    int const target = open(targetM.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW);
+    if (target < 0)
+        return fail(errno, "open"), false;
+    bool begun = false;
+    char const* const fault = overwrite(target, bufferM->descriptor(), begun);
+    if (fault != nullptr)
+        fail(errno, fault);
+    if (fault != nullptr && begun)
+        failureM = failureM + "; it is not whole now";
+    if (begun)
+        noteVersion(target);
+    if (close(target) != 0 && fault == nullptr)
+        return fail(errno, "close"), false;
+    return fault == nullptr;
+}
+
+void FileIo::noteVersion(int descriptor) {
+    struct stat status = {};
+    if (fstat(descriptor, &status) == 0)
+        versionM = versionOf(status);
 }
 
 void FileIo::giveUp() noexcept {
@@ -383,7 +357,7 @@ void FileIo::giveUp() noexcept {
 }
 
 void FileIo::fail(int error, char const* action) {
-    failureM = BAS::String(std::string("cannot ") + action + " it: " + std::system_category().message(error));
+    failureM = failureText(error, action);
     streamM.setstate(std::ios_base::badbit);
 }
 

@@ -1,5 +1,7 @@
 #include "framework/STR/FileIoTurbo.h"
 
+#include "framework/STR/FilePlace.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -85,9 +87,7 @@ FileVersion FileIoTurbo::version() const {
     struct stat status = {};
     if (streamM == nullptr || fstat(fileno(streamM), &status) != 0)
         return {};
-    auto const nanoseconds = [](timespec const& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; };
-    return {status.st_dev, status.st_ino, static_cast<std::uint64_t>(status.st_size), nanoseconds(status.st_mtim),
-            nanoseconds(status.st_ctim)};
+    return versionOf(status);
 }
 
 // Reads what comes next behind what is there; false at the end of the file and on an error.

@@ -19,6 +19,12 @@ struct FileVersion {
     std::int64_t changed = 0; // unlike the one before, nobody can set it
 
     bool operator==(FileVersion const&) const = default;
+
+    // Whether the content is still that of the other, for all that an honest writer leaves behind. Unlike equality it
+    // passes over a change of owner, mode or links, which is no new content; and over a time that was set back on purpose.
+    bool hasContentOf(FileVersion const& other) const {
+        return device == other.device && file == other.file && size == other.size && modified == other.modified;
+    }
 };
 
 } // namespace STR

@@ -1,0 +1,327 @@
+// The daemon's loads and listings when memory runs out, when a stop comes, and as the service manager sees them.
+#include "host/LoadLane.h"
+#include "tests/DaemonSite.h"
+#include "tests/Refusal.h"
+
+#include <cstdlib>
+#include <new>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace {
+
+std::string records(int count) {
+    std::string lines;
+    for (int i = 0; i < count; ++i)
+        lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  A\n";
+    return lines;
+}
+
+std::string requestOf(std::string const& command, std::string const& more = {}) {
+    return R"({"version":1,"command":")" + command + "\"" + (more.empty() ? "" : "," + more) + "}\n";
+}
+
+// A named pipe that somebody could read, but nobody does.
+class UnreadPipe {
+  public:
+    explicit UnreadPipe(std::string const& name) {
+        mkfifo(name.c_str(), 0600);
+        readerM = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    UnreadPipe(UnreadPipe const&) = delete;
+    UnreadPipe& operator=(UnreadPipe const&) = delete;
+    ~UnreadPipe() { close(readerM); }
+
+    bool hasText() const {
+        pollfd ready = {readerM, POLLIN, 0};
+        return poll(&ready, 1, 0) == 1;
+    }
+    void drainUntil(std::function<bool()> const& condition) const {
+        std::array<char, 65536> block;
+        EXPECT_TRUE(eventually([&] {
+            while (read(readerM, block.data(), block.size()) > 0) {
+            }
+            return condition();
+        }));
+    }
+
+  private:
+    int readerM;
+};
+
+// A daemon whose allocations are refused as the test wants.
+class StarvingSite : public Site {
+  public:
+    explicit StarvingSite(std::string const& data = dataCM) : Site(data, "[host.guard]\nminRecords = 1\n") {
+        std::string const file = folder.write("refusal", std::string(sizeof(Refusal), '\0'));
+        int const descriptor = open(file.c_str(), O_RDWR | O_CLOEXEC);
+        refusal = new (mmap(nullptr, sizeof(Refusal), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0)) Refusal;
+        close(descriptor);
+        setenv(Refusal::variableCM, file.c_str(), 1);   // NOLINT(concurrency-mt-unsafe): no other thread is there
+        setenv("LD_PRELOAD", NP_REFUSING_ALLOCATOR, 1); // NOLINT(concurrency-mt-unsafe): no other thread is there
+        start({"--log-format", "json"});                // whose lines are the harder ones to make
+        unsetenv("LD_PRELOAD");                         // NOLINT(concurrency-mt-unsafe): no other thread is there
+    }
+    ~StarvingSite() { munmap(refusal, sizeof(Refusal)); }
+
+    RawClient& client() {
+        if (!clientM || !clientM->connected() || clientM->isDropped())
+            clientM = std::make_unique<RawClient>(socket());
+        return *clientM;
+    }
+    // The answer; "<closed>" when the daemon lets the client go instead.
+    std::string ask(std::string const& request) {
+        client().send(request);
+        std::string answer = client().line();
+        if (answer.front() != '{')
+            clientM.reset();
+        return answer;
+    }
+
+    // From here on; until then, and afterwards, nothing is refused.
+    void refuseAfter(long count, bool lasts) const {
+        refusal->lasts = lasts;
+        refusal->met = false;
+        refusal->givenBack = 0;
+        refusal->allowed = count;
+    }
+    void refuseNothing() const { refusal->allowed = -1; }
+
+    Refusal* refusal;
+
+  private:
+    std::unique_ptr<RawClient> clientM;
+};
+
+class DaemonMemoryTest : public testing::TestWithParam<bool> {};
+
+// Each allocation from a request to its answer is refused in turn, alone or with all that follow. Whatever fails, the
+// client hears of it, and the daemon serves on.
+TEST_P(DaemonMemoryTest, RefusedAllocationsSpoilOneRequestAtMost) {
+#ifdef NP_SANITIZED
+    GTEST_SKIP() << "sanitizers bring their own allocator";
+#endif
+    bool const lasts = GetParam();
+    StarvingSite site;
+    std::string const delta = site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    std::string const file = "\"file\":\"" + site.folder.file("listing") + "\"";
+    constexpr long often = 3;
+    constexpr long seldom = 11; // what the lane has no part in
+    for (auto const& [request, step] : std::vector<std::pair<std::string, long>>{
+             {requestOf("reload"), often},
+             {requestOf("delta", "\"file\":\"" + delta + "\""), often},
+             {requestOf("print", file), often},
+             {requestOf("update", R"("keys":{"Reload":"TRUE"})"), often},
+             {requestOf("update", R"("keys":{"AdditionalNumPortData":")" + delta + "\"}"), often},
+             {requestOf("update", R"("keys":{"PrintData":")" + site.folder.file("listing") + "\"}"), often},
+             {requestOf("status"), seldom},
+             {requestOf("probes"), seldom},
+             {requestOf("log"), seldom},
+             {requestOf("lookup", R"("numbers":["00447700900123"])"), seldom},
+             {requestOf("explain", R"("number":"00447700900123")"), seldom}}) {
+        int succeeded = 0;
+        site.client();
+        for (long count = 0;; count += step) {
+            SCOPED_TRACE(request + " after " + std::to_string(count) + " allocations");
+            site.refuseAfter(count, lasts);
+            std::string const answer = site.ask(request);
+            site.refuseNothing();
+            ASSERT_NE(answer, "<nothing>");
+            ASSERT_FALSE(site.daemon->status()) << site.log();
+            ASSERT_TRUE(answer == "<closed>" || Json::accept(answer)) << answer;
+            if (!site.refusal->met) {
+                EXPECT_TRUE(contains(answer, "\"ok\":true")) << answer;
+                EXPECT_GT(count, 10) << "of " << succeeded;
+                break;
+            }
+            succeeded += contains(answer, "\"succeeded\":true") ? 1 : 0;
+            std::string const next = site.ask(requestOf("reload"));
+            ASSERT_TRUE(contains(next, "\"succeeded\":true")) << answer << next << site.log();
+            ASSERT_TRUE(contains(site.ask(requestOf("lookup", R"("at":"20240101000000","numbers":["00447700900123"])")),
+                                 "BRAVO"));
+        }
+    }
+    EXPECT_FALSE(contains(site.log(), "\"42949672")) << "less than none was added";
+    EXPECT_EQ(site.stop(), 0) << site.log();
+}
+
+INSTANTIATE_TEST_SUITE_P(Refusing, DaemonMemoryTest, testing::Bool(),
+                         [](auto const& mode) { return mode.param ? "AllFromThenOn" : "One"; });
+
+// A network whose name is longer than all memory that is left, while the answer that there is none would fit.
+TEST(DaemonMemoryTest, WhatMemoryDoesNotSufficeForIsNotNotFound) {
+#ifdef NP_SANITIZED
+    GTEST_SKIP() << "sanitizers bring their own allocator";
+#endif
+    StarvingSite site("00441 20200101000000 " + std::string(700'000, 'N') + "\n");
+    for (std::string const& request :
+         {requestOf("lookup", R"("numbers":["00441"])"), requestOf("explain", R"("number":"00441")")})
+        for (long count = 0; count == 0 || site.refusal->met; count += 4) {
+            site.client();
+            site.refuseAfter(count, true);
+            std::string const answer = site.ask(request);
+            site.refuseNothing();
+            ASSERT_FALSE(contains(answer, "\"found\":false")) << answer << "\nafter " << count << " allocations";
+            ASSERT_FALSE(site.daemon->status()) << site.log();
+        }
+    EXPECT_EQ(site.stop(), 0) << site.log();
+}
+
+// A hang-up whose reload memory does not suffice for at first is not forgotten, nor is the service manager.
+TEST(DaemonMemoryTest, NoHangUpIsForgotten) {
+#ifdef NP_SANITIZED
+    GTEST_SKIP() << "sanitizers bring their own allocator";
+#endif
+    TemporaryFolder const folder;
+    ServiceManager manager(folder.file("notify"));
+    setenv("NOTIFY_SOCKET", manager.name().c_str(), 1); // NOLINT(concurrency-mt-unsafe): no other thread is there
+    StarvingSite site;
+    unsetenv("NOTIFY_SOCKET"); // NOLINT(concurrency-mt-unsafe): no other thread is there
+    EXPECT_TRUE(manager.next().starts_with("READY=1\n"));
+    for (long count = 0; count < 60; ++count) {
+        SCOPED_TRACE(count);
+        site.refuseAfter(count, true);
+        site.daemon->signal(SIGHUP);
+        ASSERT_TRUE(eventually([&] { return site.refusal->met.load(); })) << count;
+        site.refuseNothing();
+        std::string message = manager.next();
+        for (; message.starts_with("RELOADING=1\n"); message = manager.next()) {
+        }
+        ASSERT_TRUE(message.starts_with("READY=1\n")) << message << site.log();
+    }
+    EXPECT_EQ(site.stop(), 0) << site.log();
+}
+
+// Broken off are loads, checks and listings, at whatever they are; nothing is left behind, nothing half is live.
+TEST(DaemonStopTest, BreaksOffWhatTakesLong) {
+    constexpr int many = 1'000'000;
+    std::string const large = records(many);
+    std::string const guard = "[host.guard]\nmaxRejectedPercent = 50\n";
+    struct Case {
+        char const* label;
+        std::string data, more, request; // no request: it happens at the start
+        char const* sign;                // of the status, or of the log at the start: it has come so far
+        char const* never;               // in the log
+    };
+    for (Case const& test :
+         {Case{"first load", large, "", "", "INF_FILE_OPENED", "INF_NUM_NPORT_LOADED"},
+          Case{"first check", large, guard, "", "INF_FILE_OPENED", "INF_LOAD_DATA"},
+          Case{"reload", dataCM, "", requestOf("reload"), "\"loading\":true", "EVT::RELOAD_SUCCESSFUL"},
+          Case{"reload by update", dataCM, "", requestOf("update", R"("keys":{"Reload":"TRUE"})"), "\"loading\":true",
+               "EVT::RELOAD_SUCCESSFUL"},
+          Case{"check of a reload", dataCM, guard, requestOf("reload"), "\"checking\":{", "INF_HOST_GUARD_PASSED \"r"},
+          Case{"delta", dataCM, "", "delta", "\"loading\":true", "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}}) {
+        SCOPED_TRACE(test.label);
+        Site site(test.data, test.more);
+        std::string const other = site.folder.write("large", large);
+        if (test.request.empty()) {
+            site.daemon = std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml")},
+                                                    site.folder.file("out"), site.folder.file("log"));
+            ASSERT_TRUE(eventually([&] { return contains(site.log(), test.sign); }));
+        } else {
+            site.start();
+            bool const isDelta = test.request == "delta";
+            if (!isDelta)
+                std::filesystem::rename(other, site.data());
+            RawClient const client(site.socket());
+            client.send(isDelta ? requestOf("delta", "\"force\":true,\"file\":\"" + other + "\"") : test.request);
+            RawClient watcher(site.socket());
+            ASSERT_TRUE(eventually([&] {
+                watcher.send(requestOf("status"));
+                return contains(watcher.line(), test.sign);
+            }));
+        }
+        EXPECT_EQ(site.stop(), 0);
+        EXPECT_TRUE(contains(site.log(), "ERR_LOADS_STOPPED")) << site.log();
+        EXPECT_TRUE(contains(site.log(), "INF_HOST_STOPPING")) << site.log();
+        EXPECT_FALSE(contains(site.log(), test.never)) << site.log();
+        EXPECT_FALSE(std::filesystem::exists(site.socket()));
+        for (auto const& entry : std::filesystem::directory_iterator(site.folder.path()))
+            EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
+    }
+}
+
+TEST(DaemonStopTest, WaitsForNoReaderOfAListing) {
+    struct Case {
+        char const* label;
+        std::string request;
+    };
+    for (Case const& test : {Case{"a pipe", requestOf("print", R"("file":"PIPE")")},
+                             Case{"a pipe, by update", requestOf("update", R"("keys":{"PrintData":"PIPE"})")},
+                             Case{"standard output", requestOf("print")},
+                             Case{"standard output, by name", requestOf("print", R"("file":"/dev/stdout")")},
+                             Case{"standard output, by update", requestOf("update", R"("keys":{"PrintData":""})")}}) {
+        SCOPED_TRACE(test.label);
+        Site site(records(15'000));
+        UnreadPipe const output(site.folder.file("out")); // the daemon's
+        UnreadPipe const pipe(site.folder.file("pipe"));
+        site.start();
+        std::string request = test.request;
+        bool const named = contains(request, "PIPE");
+        if (named)
+            request.replace(request.find("PIPE"), 4, site.folder.file("pipe"));
+        RawClient client(site.socket());
+        client.send(request);
+        ASSERT_TRUE(eventually([&] { return (named ? pipe : output).hasText(); }));
+        RawClient const waiting(site.socket()); // behind it
+        waiting.send(requestOf("reload"));
+        EXPECT_EQ(site.stop(), 0) << site.log();
+        EXPECT_TRUE(contains(client.line(), "\"succeeded\":false")) << "who waits for it hears how it ended";
+        EXPECT_FALSE(contains(site.log(), "EVT::RELOAD")) << site.log();
+    }
+}
+
+TEST(DaemonStopTest, SurvivesALimitOfFileSize) {
+    Site site;
+    site.start();
+    std::string const listing = site.folder.file("listing");
+    rlimit const small = {10, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(site.status().at("process"), RLIMIT_FSIZE, &small, nullptr), 0);
+    expectResult(site.ctl({"print", listing, "--wait"}), 1, "ERR_WRITE_FILE", "print");
+    EXPECT_FALSE(std::filesystem::exists(listing));
+    EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    EXPECT_EQ(site.stop(), 0);
+}
+
+// READY comes when the reload of the hang-up is over, not when what was before it is, however much that is; and a hang-up
+// during a reload is one for the file that is there by then.
+TEST(DaemonServiceTest, ReadyWaitsForTheReloadThatWasAskedFor) {
+    TemporaryFolder const folder;
+    ServiceManager manager(folder.file("notify"));
+    Site site(records(15'000));
+    UnreadPipe const pipe(site.folder.file("pipe"));
+    site.start({}, manager.name());
+    EXPECT_TRUE(manager.next().starts_with("READY=1\n"));
+    RawClient client(site.socket());
+    client.send(requestOf("print", "\"wait\":false,\"file\":\"" + site.folder.file("pipe") + "\""));
+    EXPECT_TRUE(contains(client.line(), "queued"));
+    ASSERT_TRUE(eventually([&] { return pipe.hasText(); }));
+    for (std::size_t i = 0; i <= nphost::LoadLane::mostWaitingCM; ++i) {
+        client.send(requestOf("print", R"("wait":false,"file":"/dev/null")"));
+        bool const isTooMuch = i == nphost::LoadLane::mostWaitingCM;
+        EXPECT_TRUE(contains(client.line(), isTooMuch ? "too many requests are waiting" : "queued")) << i;
+    }
+    site.folder.write("data.dat", records(100'000));
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(manager.next().starts_with("RELOADING=1\n"));
+    pipe.drainUntil([&] { return contains(site.log(), "INF_NUM_PORT_PRINT_DATA"); });
+    std::string const ready = manager.next();
+    EXPECT_TRUE(ready.starts_with("READY=1\nSTATUS=100000 records")) << ready;
+
+    std::string const next = site.folder.write("next", records(5));
+    site.daemon->signal(SIGHUP);
+    ASSERT_TRUE(eventually([&] {
+        client.send(requestOf("status"));
+        return contains(client.line(), "\"loading\":true");
+    }));
+    std::filesystem::rename(next, site.data());
+    site.daemon->signal(SIGHUP);
+    std::string message = manager.next();
+    while (message.front() != '<' && !message.starts_with("READY=1\nSTATUS=5 records"))
+        message = manager.next();
+    EXPECT_NE(message, "<nothing>");
+    EXPECT_EQ(site.stop(), 0);
+}
+
+} // namespace
