@@ -4,14 +4,11 @@
 #include "host/FileDescriptor.h"
 #include "host/Text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <iterator>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace nphost {
 
@@ -19,72 +16,66 @@ namespace {
 
 using std::filesystem::path;
 
-FileDescriptor openBelow(int folder, path const& rest) {
-    open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    int opened = -1;
-    int attempts = 100; // something is renamed meanwhile
-    do
-        opened = static_cast<int>(syscall(SYS_openat2, folder, rest.c_str(), &how, sizeof how));
-    while (opened < 0 && (errno == EAGAIN || errno == EINTR) && --attempts > 0);
-    return FileDescriptor(opened);
+FileDescriptor openPath(path const& name, int flags = 0) {
+    return FileDescriptor(open(name.c_str(), O_PATH | O_CLOEXEC | flags));
 }
 
-// The name is not to blame.
-bool isWant(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN;
+// What is open, named without links.
+path realName(FileDescriptor const& opened, std::error_code& error) {
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(opened.get()), error);
 }
 
-STR::FileVersion versionOfOpen(int descriptor) {
-    struct stat status = {};
-    return fstat(descriptor, &status) == 0 ? STR::versionOf(status) : STR::FileVersion();
-}
+struct Place {
+    path name;                // without links: of the file, or while there is none of the nearest folder that is there
+    STR::FileVersion version; // all 0: there is no file, or it cannot be reached
+};
 
-bool isSame(struct stat const& one, path const& name) {
-    struct stat other = {};
-    return stat(name.c_str(), &other) == 0 && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-// The version of what the name means within the folder; none when it leads elsewhere, or when `error` says what kept from
-// looking.
-std::optional<STR::FileVersion> versionWithin(path const& folder, path const& file, int& error) {
-    FileDescriptor const opened(open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    struct stat status = {};
-    if (!opened || fstat(opened.get(), &status) != 0) {
-        error = isWant(errno) ? errno : error;
-        return std::nullopt;
+// None when a link leads to nothing, or when `error` says what kept from looking.
+std::optional<Place> placeOf(path file, std::error_code& error) {
+    Place place;
+    FileDescriptor opened = openPath(file);
+    if (struct stat status = {}; opened && fstat(opened.get(), &status) == 0)
+        place.version = STR::versionOf(status);
+    while (!opened) {
+        if (errno != ENOENT && errno != ENOTDIR && errno != EACCES) {
+            error.assign(errno, std::system_category());
+            return std::nullopt;
+        }
+        if (openPath(file, O_NOFOLLOW) || !file.has_relative_path())
+            return std::nullopt;
+        file = file.parent_path();
+        opened = openPath(file);
     }
-    path before;
-    for (auto part = file.begin(); part != file.end(); ++part) {
-        before /= *part;
-        path rest;
-        for (auto next = std::next(part); next != file.end(); ++next)
-            rest /= *next;
-        if (rest.empty() || !isSame(status, before)) // by whichever name it was reached
-            continue;
-        if (FileDescriptor const found = openBelow(opened.get(), rest))
-            return versionOfOpen(found.get());
-        if (errno == ENOENT || errno == ENOTDIR || errno == EACCES)
-            return STR::FileVersion();
-        error = isWant(errno) ? errno : error;
-    }
-    return std::nullopt;
+    place.name = realName(opened, error);
+    return error ? std::nullopt : std::optional(std::move(place));
+}
+
+bool liesBelow(path const& folder, Place const& place) {
+    if (folder.empty())
+        return false;
+    auto const [end, rest] = std::mismatch(folder.begin(), folder.end(), place.name.begin(), place.name.end());
+    // A file that is not there yet may be looked for in the folder itself.
+    return end == folder.end() && (rest != place.name.end() || place.version == STR::FileVersion());
 }
 
 } // namespace
 
 DeltaFolders::Found DeltaFolders::find(path const& file) const {
+    std::error_code error;
+    std::optional<Place> const place = placeOf(file, error);
     std::string names;
-    int error = 0;
     for (path const& folder : foldersM) {
-        if (auto const version = versionWithin(folder, file, error))
-            return {version, {}};
         names += (names.empty() ? "" : ", ") + visible(folder.native());
+        if (!place)
+            continue;
+        FileDescriptor const opened = openPath(folder.empty() ? path(".") : folder, O_DIRECTORY);
+        if (opened && liesBelow(realName(opened, error), *place))
+            return {place->version, {}};
+        if (!opened && errno != ENOENT)
+            error.assign(errno, std::system_category());
     }
-    if (error != 0)
-        return {std::nullopt,
-                visible(file.native()) + " cannot be looked for: " + std::system_category().message(error)};
+    if (error)
+        return {std::nullopt, visible(file.native()) + " cannot be looked for: " + error.message()};
     return {std::nullopt, visible(file.native()) + " does not lie below a folder that deltaFolders names: " +
                               (names.empty() ? "there is none" : names)};
 }

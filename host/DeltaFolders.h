@@ -5,7 +5,8 @@
 // is opened without leaving it. The caller binds the load to the version that is returned, because the module opens the
 // file by its name, which may mean another one by then.
 // Ownership: values. Folders are looked up anew each time: one may be made or replaced while the daemon runs.
-// Threads: no state that changes. Errors: std::bad_alloc. Complexity: a few system calls a part of the name and a folder.
+// Threads: no state that changes. Errors: std::bad_alloc. Complexity: a few system calls a folder, and a part of the name
+// that is not there.
 #pragma once
 
 #include "framework/STR/FileVersion.h"
@@ -25,8 +26,8 @@ class DeltaFolders {
         std::optional<STR::FileVersion> version; // all 0 while the name means no file that can be looked at
         std::string refusal; // without a version: "FILE does not lie below ...", or what kept from looking
     };
-    // Which file the absolute name means now. Refused when it does not lie below one of the folders, or a link leads out
-    // of it.
+    // Which file the absolute name means now. Refused when that does not lie below one of the folders, and when a link
+    // leads to nothing.
     Found find(std::filesystem::path const& file) const;
 
   private:
