@@ -4,7 +4,7 @@
 // TOML, parse to the same configuration; refused text must give one printable line that names the file.
 // Anything thrown other than ConfigurationError ends the program.
 #include "fuzz/Fuzz.h"
-#include "host/Configuration.h"
+#include "host/config/Configuration.h"
 
 #include <algorithm>
 #include <array>

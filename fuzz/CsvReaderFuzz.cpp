@@ -4,7 +4,7 @@
 // text that is read. A naive reading must find the same records, problems and fields; all bytes must come back; and
 // where whole records end a record must end. Carriage returns around a field are not compared: libcsv drops them.
 #include "fuzz/Fuzz.h"
-#include "host/CsvReader.h"
+#include "host/records/CsvReader.h"
 
 #include <algorithm>
 

@@ -3,9 +3,9 @@
 // Input: a line that is the value to be added, then the text that is read. Each object that is taken must be one to
 // another library too, with the same member; with the value added it must be the same object and that value.
 #include "fuzz/Fuzz.h"
-#include "host/JsonReader.h"
-#include "host/RecordWriter.h"
-#include "host/Text.h"
+#include "host/base/Text.h"
+#include "host/records/JsonReader.h"
+#include "host/records/RecordWriter.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

@@ -4,7 +4,7 @@
 // must be digits in stored form, and stay the same when it is read again, as a number, as a global one, in URIs, and in
 // a name-addr.
 #include "fuzz/Fuzz.h"
-#include "host/NumberForm.h"
+#include "host/fields/NumberForm.h"
 
 #include <algorithm>
 #include <array>

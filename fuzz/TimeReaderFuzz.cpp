@@ -5,8 +5,8 @@
 // Every time is read by the format, and as iso, digits, seconds and milliseconds in UTC.
 #include "fuzz/Calendar.h"
 #include "fuzz/Fuzz.h"
-#include "host/HostError.h"
-#include "host/TimeReader.h"
+#include "host/base/HostError.h"
+#include "host/fields/TimeReader.h"
 
 #include <regex.h>
 #include <sstream>

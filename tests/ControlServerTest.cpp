@@ -1,6 +1,6 @@
 // The control socket's limits, by a clock that the test turns.
-#include "host/ControlServer.h"
-#include "host/ControlProtocol.h"
+#include "host/daemon/ControlServer.h"
+#include "host/daemon/ControlProtocol.h"
 #include "tests/DaemonSite.h"
 
 #include <sys/resource.h>

@@ -1,5 +1,5 @@
 // nphost diff against a naive model of two files, and the sorter beneath it with hardly any memory.
-#include "host/RecordSorter.h"
+#include "host/diff/RecordSorter.h"
 #include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>

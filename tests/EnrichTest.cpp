@@ -1,9 +1,9 @@
 // nphost enrich as its users meet it: against a brute-force reading of public data and generated records, and at the
 // edges of the formats.
-#include "host/BlockReader.h"
-#include "host/ByteSource.h"
-#include "host/Compression.h"
-#include "host/Interruption.h"
+#include "host/base/Interruption.h"
+#include "host/records/BlockReader.h"
+#include "host/records/ByteSource.h"
+#include "host/records/Compression.h"
 #include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>

@@ -1,10 +1,10 @@
 // The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
 // hostile bytes.
-#include "host/Host.h"
-#include "host/Configuration.h"
-#include "host/MessageCatalogue.h"
-#include "host/ProgressLine.h"
-#include "host/Text.h"
+#include "host/module/Host.h"
+#include "host/base/ProgressLine.h"
+#include "host/base/Text.h"
+#include "host/config/Configuration.h"
+#include "host/log/MessageCatalogue.h"
 #include "tests/DefaultSignals.h"
 #include "tests/TemporaryFolder.h"
 
@@ -800,7 +800,7 @@ TEST(HostTextTest, ProgressNamesWhatIsKnown) {
 }
 
 TEST(HostCatalogueTest, HasATextForEveryIdentifier) {
-    std::string const texts = contentOf(std::string(NP_SOURCE_FOLDER) + "/host/messages.toml");
+    std::string const texts = contentOf(std::string(NP_SOURCE_FOLDER) + "/host/log/messages.toml");
     std::set<std::string> identifiers;
     for (char const* const folder : {"plugin", "cache", "framework"})
         for (auto const& entry :

@@ -1,7 +1,7 @@
 // Operators' feeds made into data files.
-#include "host/Compression.h"
-#include "host/HostError.h"
-#include "host/ImportCommand.h"
+#include "host/base/HostError.h"
+#include "host/import/ImportCommand.h"
+#include "host/records/Compression.h"
 #include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Numbers in foreign forms, brought into stored form by the module itself.
-#include "host/NumberForm.h"
-#include "host/Host.h"
+#include "host/fields/NumberForm.h"
+#include "host/module/Host.h"
 
 #include <gtest/gtest.h>
 

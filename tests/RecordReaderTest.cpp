@@ -1,10 +1,10 @@
 // The readers of foreign records: every byte comes back, records end where RFC 4180 and JSON lines say, and what is
 // broken costs no more than its line. Compressed and uncompressed, whole and in blocks.
-#include "host/BlockReader.h"
-#include "host/Compression.h"
-#include "host/CsvReader.h"
-#include "host/HostError.h"
-#include "host/JsonReader.h"
+#include "host/base/HostError.h"
+#include "host/records/BlockReader.h"
+#include "host/records/Compression.h"
+#include "host/records/CsvReader.h"
+#include "host/records/JsonReader.h"
 #include "tests/TemporaryFolder.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The times of foreign files: every format in a table, and zones against the C library's.
-#include "host/TimeReader.h"
-#include "host/HostError.h"
+#include "host/fields/TimeReader.h"
+#include "host/base/HostError.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,10 @@
+# Fails where one of FILES includes a file of a room that is not in SEEN, a pattern; writes STAMP otherwise.
+foreach(file IN LISTS FILES)
+  file(STRINGS ${file} includes REGEX "^#include \"host/")
+  foreach(include IN LISTS includes)
+    if(NOT include MATCHES "^#include \"host/(${SEEN})/")
+      message(SEND_ERROR "${file}: ${include} leads upward")
+    endif()
+  endforeach()
+endforeach()
+file(TOUCH ${STAMP})

@@ -1,0 +1,28 @@
+#include "host/base/Output.h"
+
+#include "host/base/HostError.h"
+#include "host/base/Waiting.h"
+
+#include <system_error>
+
+namespace nphost {
+
+void Output::flush() {
+    std::size_t const used = usedM;
+    usedM = 0; // also when the write fails, so that nothing is written twice
+    writeAll({bufferM.data(), used});
+}
+
+void Output::appendLarge(std::string_view text) {
+    flush();
+    if (text.size() > sizeCM)
+        return writeAll(text);
+    append(text);
+}
+
+void Output::writeAll(std::string_view text) const {
+    if (int const error = writeWaiting(descriptorM, text); error != 0)
+        throw HostError("cannot write the output: " + std::system_category().message(error));
+}
+
+} // namespace nphost

@@ -1,0 +1,42 @@
+#include "host/base/SharedObject.h"
+
+#include "host/base/HostError.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <string>
+
+namespace nphost {
+
+namespace {
+
+// dlerror keeps its text for each thread of its own on this platform.
+std::string loaderError() {
+    char const* const text = dlerror(); // NOLINT(concurrency-mt-unsafe)
+    return text == nullptr ? "unknown reason" : text;
+}
+
+} // namespace
+
+void SharedObject::Close::operator()(void* handle) const {
+    dlclose(handle);
+}
+
+SharedObject::SharedObject(std::filesystem::path const& file)
+    : fileM(file), handleM(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    if (handleM == nullptr)
+        throw HostError(loaderError());
+}
+
+std::filesystem::path SharedObject::place() const {
+    link_map* map = nullptr;
+    if (dlinfo(handleM.get(), RTLD_DI_LINKMAP, static_cast<void*>(&map)) != 0)
+        return fileM;
+    return map->l_name;
+}
+
+void* SharedObject::address(char const* symbol) const {
+    return dlsym(handleM.get(), symbol);
+}
+
+} // namespace nphost

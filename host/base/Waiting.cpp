@@ -1,0 +1,34 @@
+#include "host/base/Waiting.h"
+
+#include "host/base/Interruption.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <unistd.h>
+
+namespace nphost {
+
+bool becomesReady(int descriptor, short events) noexcept {
+    constexpr int pollMilliseconds = 100;
+    pollfd state = {descriptor, events, 0};
+    int const ready = poll(&state, 1, pollMilliseconds);
+    return ready > 0 || (ready < 0 && errno != EINTR);
+}
+
+int writeWaiting(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        ssize_t const written = ::write(descriptor, text.data(), text.size());
+        if (written >= 0)
+            text.remove_prefix(static_cast<std::size_t>(written));
+        else if (errno == EPIPE)
+            throw Interrupted{SIGPIPE};
+        else if (errno == EAGAIN)
+            becomesReady(descriptor, POLLOUT);
+        else if (errno != EINTR)
+            return errno;
+        Interruption::check();
+    }
+    return 0;
+}
+
+} // namespace nphost

@@ -1,0 +1,117 @@
+#include "host/daemon/ChangeNotices.h"
+
+#include "host/module/FrameworkObjects.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace nphost {
+
+ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock)
+    : plugInM(plugIn), wakeUpM(wakeUp), clockM(std::move(clock)), dueM(clockM), threadM([this] { run(); }) {}
+
+ChangeNotices::~ChangeNotices() {
+    {
+        BAS::MutexGuard const guard(lockM);
+        stopM = true;
+    }
+    changedM.notify_all();
+    threadM.join();
+}
+
+void ChangeNotices::step() {
+    if (auto const found = takeFound()) {
+        askedM = false;
+        if (found->complete)
+            dueM.renew(found->changes, found->liveSince);
+        else
+            failedAtM = clockM();
+    }
+    DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
+    if (dueM.isDue())
+        if (auto const notice = dueM.take(status.liveSince))
+            announce(*notice);
+    if (status.loads != loadsM || ((dueM.wantsList() || failedAtM) && !askedM && pauseLeft() == 0))
+        request(status);
+}
+
+// In seconds; 0 also when the clock was put back.
+std::uint64_t ChangeNotices::pauseLeft() const {
+    constexpr std::uint64_t pauseSeconds = 60; // when memory is short, a search in a loop would not mend it
+    if (!failedAtM)
+        return 0;
+    std::uint64_t const now = clockM().seconds();
+    std::uint64_t const failed = failedAtM->seconds();
+    return now < failed ? 0 : failed + pauseSeconds - std::min(now, failed + pauseSeconds);
+}
+
+// The clock counts whole seconds, so the last one is watched more closely. It may also be put forward while the loop
+// waits.
+std::optional<int> ChangeNotices::patience() const {
+    constexpr std::uint64_t longestSeconds = 60;
+    constexpr int lastSecondMilliseconds = 100;
+    std::optional<std::uint64_t> left = dueM.secondsLeft();
+    if (failedAtM && !askedM)
+        left = std::min(left.value_or(longestSeconds), pauseLeft());
+    if (!left)
+        return std::nullopt;
+    return *left <= 1 ? lastSecondMilliseconds : static_cast<int>(1000 * std::min(*left - 1, longestSeconds));
+}
+
+void ChangeNotices::announce(DueChanges::Notice const& notice) {
+    BAS::Message message("nphost", EventHandler::nameCM, "EVT::ASSIGNMENTS_IN_EFFECT",
+                         BAS::String::convert(notice.changes.count));
+    message.arguments().append(BAS::String(notice.changes.number));
+    message.arguments().append(BAS::String(notice.changes.network));
+    message.arguments().append(notice.at.asString("%Y%m%d%H%M%S"));
+    senderM.sendMessage(message);
+}
+
+void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status) {
+    askedM = true;
+    failedAtM.reset();
+    loadsM = status.loads;
+    BAS::DateTime const after = dueM.listAfter(status.liveSince);
+    {
+        BAS::MutexGuard const guard(lockM);
+        requestM = after;
+    }
+    changedM.notify_all();
+}
+
+std::optional<ChangeNotices::Found> ChangeNotices::takeFound() {
+    BAS::MutexGuard const guard(lockM);
+    return std::exchange(foundM, std::nullopt);
+}
+
+bool ChangeNotices::nextRequest(BAS::DateTime& after) {
+    BAS::MutexGuard const guard(lockM);
+    while (!stopM && !requestM)
+        changedM.wait(lockM);
+    if (stopM)
+        return false;
+    after = *std::exchange(requestM, std::nullopt);
+    return true;
+}
+
+void ChangeNotices::run() {
+    for (BAS::DateTime after; nextRequest(after);)
+        search(after);
+}
+
+void ChangeNotices::search(BAS::DateTime after) {
+    Found found;
+    found.complete = plugInM.visitUpcoming(
+        after, found.liveSince,
+        [&](BAS::String const& number, DAT::NumberPortability::NumberPortabilityData const& record) {
+            found.changes.add(record.validFromM, number.view(), record.networkIdM.view());
+        });
+    {
+        BAS::MutexGuard const guard(lockM);
+        foundM = std::move(found);
+    }
+    wakeUpM.wake();
+}
+
+} // namespace nphost

@@ -1,0 +1,516 @@
+#include "host/daemon/CtlCommand.h"
+
+#include "host/base/ExitStatus.h"
+#include "host/base/HostError.h"
+#include "host/base/Instant.h"
+#include "host/base/Output.h"
+#include "host/base/Text.h"
+#include "host/config/Configuration.h"
+#include "host/daemon/ControlProtocol.h"
+#include "host/fields/NumberText.h"
+#include "host/fields/Numbers.h"
+#include "host/log/LogReport.h"
+#include "host/net/UnixSocket.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace nphost {
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr std::size_t numbersARequestCM = 500;
+constexpr std::size_t numberBytesARequestCM = 32UL * 1024;
+
+// The connection to the daemon.
+class Conversation {
+  public:
+    explicit Conversation(std::filesystem::path const& socket) : descriptorM(connectTo(socket)) {}
+
+    // The answer to a request; throws when the daemon refuses it.
+    Json ask(Json request) { return *answerTo(std::move(request), false); }
+    // The same; none when the answer would be too long.
+    std::optional<Json> askAtOnce(Json request) { return answerTo(std::move(request), true); }
+
+    Json next() {
+        std::size_t end = 0;
+        while ((end = inputM.find('\n')) == std::string::npos)
+            if (!receive())
+                throw HostError("the daemon ended the connection");
+        std::string const line = inputM.substr(0, end);
+        inputM.erase(0, end + 1);
+        try {
+            return Json::parse(line);
+        } catch (Json::exception const&) {
+            throw HostError("the daemon's answer cannot be understood: '" + shortened(line) + "'");
+        }
+    }
+
+  private:
+    std::optional<Json> answerTo(Json request, bool mayBeTooLong) {
+        sendAll(lineOf(std::move(request)));
+        Json answer = next();
+        if (answer.value("ok", false))
+            return answer;
+        if (mayBeTooLong && answer.value("tooLong", false))
+            return std::nullopt;
+        throw HostError("the daemon refuses: " + answer.value("error", std::string("for no reason")));
+    }
+
+    void sendAll(std::string_view text) const {
+        while (!text.empty()) {
+            ssize_t const count = ::send(descriptorM.get(), text.data(), text.size(), MSG_NOSIGNAL);
+            if (count >= 0)
+                text.remove_prefix(static_cast<std::size_t>(count));
+            else if (errno == EPIPE || errno == ECONNRESET)
+                return; // what it has said before it went is still to be read
+            else if (errno != EINTR)
+                throw HostError("the daemon cannot be asked: " + std::system_category().message(errno));
+        }
+    }
+
+    bool receive() {
+        std::array<char, 16UL * 1024> block;
+        for (;;) {
+            ssize_t const count = recv(descriptorM.get(), block.data(), block.size(), 0);
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count > 0)
+                inputM.append(block.data(), static_cast<std::size_t>(count));
+            return count > 0;
+        }
+    }
+
+    FileDescriptor descriptorM;
+    std::string inputM;
+};
+
+std::string orDash(Json const& text) {
+    return text.is_string() ? visible(text.get<std::string>()) : "-";
+}
+
+// "2026-01-31 12:00:00" from 14 digits.
+std::string readable(Json const& digits) {
+    BAS::DateTime const at = parseInstant(digits.is_string() ? digits.get<std::string>() : std::string());
+    return at.isValid() ? at.asString("%Y-%m-%d %H:%M:%S").str() : "-";
+}
+
+std::string seconds(Json const& value) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3f s", value.get<double>());
+    return text.data();
+}
+
+std::string bytes(Json const& value) {
+    if (!value.is_number())
+        return "-";
+    return std::to_string(value.get<std::uint64_t>()) + " bytes";
+}
+
+// One ctl command: makes the request, shows the answer, knows the exit status.
+class Ctl {
+  public:
+    Ctl(CtlOptions const& options, std::filesystem::path const& socket)
+        : optionsM(options), daemonM(socket), outM(STDOUT_FILENO) {}
+
+    int run() {
+        int const status = command();
+        outM.flush();
+        return status;
+    }
+
+  private:
+    int command() {
+        std::string const& name = optionsM.command;
+        if (name == "status")
+            return status();
+        if (name == "lookup")
+            return lookup();
+        if (name == "explain")
+            return explain();
+        if (name == "reload")
+            return request({{"command", name}, {"reuse", !optionsM.noReuse}, {"force", optionsM.force}});
+        if (name == "delta")
+            return request({{"command", name}, {"file", absolute(optionsM.file)}, {"force", optionsM.force}});
+        if (name == "print")
+            return optionsM.file.empty() ? request({{"command", name}})
+                                         : request({{"command", name}, {"file", absolute(optionsM.file)}});
+        if (name == "update")
+            return update();
+        return name == "probes" ? probes() : log();
+    }
+
+    void line(std::string_view text) {
+        outM.append(text);
+        outM.append('\n');
+    }
+    void field(std::string label, std::string_view value) {
+        constexpr std::size_t width = 18;
+        label.resize(std::max(width, label.size() + 1), ' ');
+        line(label.append(value));
+    }
+    // With --json the answer is shown as it came, and nothing else.
+    bool shownRaw(Json const& answer) {
+        if (optionsM.json)
+            line(answer.dump());
+        return optionsM.json;
+    }
+
+    // The daemon has a folder of its own, and JSON has no bytes that are not UTF-8.
+    static std::string absolute(std::string const& file) {
+        std::string name = std::filesystem::absolute(file).native(); // not normalised: '..' may follow a link
+        return checked(std::move(name));
+    }
+    static std::string checked(std::string text) {
+        if (asUtf8(text) != text)
+            throw HostError("'" + shortened(text) + "' is not UTF-8 and cannot be sent");
+        return text;
+    }
+
+    int status() {
+        Json const answer = daemonM.ask({{"command", "status"}});
+        int const result = answer.at("usable").get<bool>() ? FINE : NOT_FOUND;
+        if (shownRaw(answer))
+            return result;
+        field("Usable:", answer.at("usable").get<bool>() ? "yes" : "no: the data file cannot be read");
+        field("Loaded since:", orDash(answer.at("loadedSince")));
+        field("Records:", answer.at("records").dump());
+        if (answer.value("unsaved", false))
+            field("NOT SAVED:", "records of a delta are served, but are not in the data file: repeat the delta");
+        field("Numbers:", answer.at("numbers").dump());
+        field("Search method:", orDash(answer.at("searchMethod")));
+        dataFile(answer.at("dataFile"));
+        lastLoad(answer.at("lastLoad"));
+        refusedSince(answer.value("guard", Json()));
+        if (answer.at("loading").get<bool>())
+            progress("Loading now:", answer.at("progress"));
+        guard(answer.value("guard", Json()));
+        field("Look-ups:", answer.at("lookUps").dump());
+        if (auto const lost = answer.value("reportsLost", 0UL); lost > 0)
+            field("Log:", std::to_string(lost) + " reports could not be written and are lost");
+        field("Memory:", std::to_string(answer.at("memoryBytes").get<std::uint64_t>() / 1024) + " KiB");
+        field("Process:", answer.at("process").dump());
+        return result;
+    }
+
+    void progress(char const* label, Json const& far) {
+        field(label, far.at("lines").dump() + " lines, " + far.at("bytes").dump() + " of " +
+                         far.at("totalBytes").dump() + " bytes");
+    }
+
+    void guard(Json const& guarding) {
+        if (guarding.is_null())
+            return;
+        std::string limits;
+        for (auto const& [key, value] : guarding.at("limits").items())
+            limits += (limits.empty() ? "" : ", ") + key + " = " + value.dump();
+        field("Guard:", limits);
+        if (Json const& checking = guarding.at("checking"); !checking.is_null())
+            progress("  checking now:", checking);
+        Json const& refusal = guarding.at("lastRefusal");
+        if (refusal.is_null())
+            return field("  last refusal:", "none");
+        field("  last refusal:", orDash(refusal.at("kind")) + " of " + orDash(refusal.at("file")));
+        field("  ended:", orDash(refusal.at("ended")) + " after " + seconds(refusal.at("seconds")));
+        for (Json const& reason : refusal.at("reasons"))
+            field("  because:", orDash(reason));
+    }
+
+    void dataFile(Json const& file) {
+        field("Data file:", orDash(file.at("name")));
+        field("  size:", bytes(file.at("size")));
+        field("  modified:", orDash(file.at("modified")));
+        if (!file.contains("rewrite"))
+            return;
+        std::string const way = file.at("rewrite");
+        std::string const reason = orDash(file.at("rewriteReason"));
+        field("  a delta:", way == "replace"   ? "replaces it"
+                            : way == "inPlace" ? "overwrites it in place; a crash in that moment can lose it: " + reason
+                                               : "cannot write it: " + reason);
+        if (file.at("changed").get<bool>())
+            field("  changed:", "since it was loaded or last written; reload it");
+        if (Json const& holder = file.at("lockedBy"); !holder.is_null())
+            field("  no deltas:", orDash(holder));
+    }
+
+    void lastLoad(Json const& load) {
+        field("Last load:", orDash(load.at("kind")) + (load.at("succeeded").get<bool>() ? ", succeeded" : ", failed"));
+        field("  of:", orDash(load.at("file")));
+        field("  ended:", orDash(load.at("ended")) + " after " + seconds(load.at("seconds")));
+        field("  lines:", load.at("lines").dump() + ", " + load.at("rejectedLines").dump() + " rejected");
+        if (auto const count = load.value("numbersWithoutDigits", 0UL); count > 0)
+            field("  warning:", std::to_string(count) + " numbers without digits: they answer for all of the country");
+    }
+
+    // The guard's refusal of a load after the last one: what is in the file is not what is served.
+    void refusedSince(Json const& guarding) {
+        Json const refusal = guarding.is_null() ? Json() : guarding.at("lastRefusal");
+        if (!refusal.is_null() && !refusal.value("superseded", true))
+            field("Refused since:",
+                  "a " + orDash(refusal.at("kind")) + ", at " + orDash(refusal.at("ended")) + ": the old data serve");
+    }
+
+    // What look-ups and explanations have in common.
+    Json question(char const* command) const {
+        Json request = {{"command", command}, {"normalise", optionsM.normalise}};
+        if (optionsM.at)
+            request["at"] = *optionsM.at;
+        if (optionsM.method)
+            request["method"] = *optionsM.method;
+        return request;
+    }
+
+    int lookup() {
+        for (std::string const& number : optionsM.numbers)
+            if (!optionsM.normalise && !hasDigit(number)) // else the daemon knows
+                throw HostError("'" + shortened(number) + "' is not a number");
+        Json request = question("lookup");
+        std::size_t most = numbersARequestCM;
+        bool allFound = true;
+        for (std::size_t next = 0; next < optionsM.numbers.size();) {
+            Json numbers = numbersFrom(next, most);
+            std::size_t const count = numbers.size();
+            request["numbers"] = std::move(numbers);
+            std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
+            if (!answer) {
+                most = count / 2;
+                continue;
+            }
+            next += count;
+            request["at"] = answer->at("at"); // one instant for all, also when it is now
+            allFound = showAnswers(*answer) && allFound;
+        }
+        return allFound ? FINE : NOT_FOUND;
+    }
+
+    // As many of the numbers from that one on as go into a request, and `most` at the most.
+    Json numbersFrom(std::size_t next, std::size_t most) const {
+        Json numbers = Json::array();
+        for (std::size_t size = 0; next < optionsM.numbers.size() && numbers.size() < most; ++next) {
+            std::string const& number = optionsM.numbers[next];
+            size += number.size();
+            if (!numbers.empty() && size >= numberBytesARequestCM)
+                break;
+            numbers.push_back(checked(number));
+        }
+        return numbers;
+    }
+
+    bool showAnswers(Json const& answer) {
+        bool allFound = true;
+        bool const raw = shownRaw(answer);
+        auto const column = [](Json const& text) { return text.is_string() ? text.get<std::string>() : "-"; };
+        for (Json const& found : answer.at("answers")) {
+            allFound = allFound && found.at("found").get<bool>();
+            if (!raw)
+                line(column(found.at("number")) + "\t" + column(answer.at("at")) + "\t" +
+                     column(found.at("validFrom")) + "\t" + column(found.at("network")));
+        }
+        return allFound;
+    }
+
+    int explain() {
+        Json request = question("explain");
+        request["number"] = checked(optionsM.numbers.front());
+        Json const answer = daemonM.ask(std::move(request));
+        auto const configured = answer.at("configured").get<std::string>();
+        int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
+        if (shownRaw(answer))
+            return result;
+        field("Number:", orDash(answer.at("number")));
+        field("At:", readable(answer.at("at")));
+        histories(answer.at("prefixes"), answer.at("at").get<std::string>());
+        line("\nChosen by each search method:");
+        for (char const* const method : {"best", "exact", "shortest"})
+            choice(method, answer.at("methods").at(method), method == configured);
+        nextChange(answer.at("nextChange"), configured);
+        return result;
+    }
+
+    void histories(Json const& prefixes, std::string const& at) {
+        line(prefixes.empty() ? "\nNo prefix of the number is stored." : "\nStored prefixes, longest first:");
+        for (Json const& prefix : prefixes) {
+            line("  " + prefix.at("key").get<std::string>());
+            for (Json const& record : prefix.at("history"))
+                line("    " + readable(record.at("validFrom")) + "  " + orDash(record.at("network")) +
+                     (record.at("validFrom").get<std::string>() > at ? "  (still to come)" : ""));
+            if (Json const& left = prefix.at("olderLeftOut"); left != 0)
+                line("    ... and " + left.dump() + " older ones");
+        }
+    }
+
+    void choice(std::string const& method, Json const& chosen, bool configured) {
+        std::string label = "  " + method + ":";
+        label.resize(12, ' ');
+        label += chosen.at("found").get<bool>()
+                     ? orDash(chosen.at("network")) + " since " + readable(chosen.at("validFrom"))
+                     : "nothing found";
+        line(label + (configured ? "  (as configured)" : ""));
+        line("            " + orDash(chosen.at("reason")));
+    }
+
+    void nextChange(Json const& next, std::string const& configured) {
+        std::string text = "\nNext change (" + configured + "): ";
+        if (next.is_null())
+            text += "none is stored";
+        else
+            text += readable(next.at("at")) + ", then " + orDash(next.at("network")) + " by " + orDash(next.at("key"));
+        line(text);
+    }
+
+    // A request to a probe.
+    int request(Json asked) {
+        bool const wait = optionsM.wait.value_or(isatty(STDOUT_FILENO) == 1);
+        asked["wait"] = wait;
+        Json const answer = daemonM.ask(std::move(asked));
+        bool const succeeded = !wait || answer.at("succeeded").get<bool>();
+        if (!shownRaw(answer)) {
+            if (wait)
+                outcome(answer);
+            else
+                line(optionsM.command + ": requested");
+        }
+        return succeeded ? FINE : NOT_FOUND;
+    }
+
+    void outcome(Json const& answer) {
+        bool const succeeded = answer.at("succeeded").get<bool>();
+        Json const check = answer.value("check", Json());
+        bool const refused = !check.is_null() && !check.at("passed").get<bool>();
+        for (Json const& report : eachOnce(answer.at("reports"))) {
+            auto const identifier = report.at("identifier").get<std::string>();
+            if (identifier.starts_with("ERR_HOST_GUARD_"))
+                continue; // said below
+            bool const counts = succeeded && identifier.starts_with("INF_NUM_");
+            if (report.at("severity") != "NORMAL" || counts)
+                line((report.at("severity") == "NORMAL" ? "" : orDash(report.at("severity")) + " ") + identifier +
+                     " : " + orDash(report.at("text")));
+        }
+        leftOut(answer);
+        if (answer.contains("added"))
+            line(answer.at("added").dump() + " records added, " + answer.at("known").dump() + " known already");
+        if (refused)
+            for (Json const& reason : check.at("reasons"))
+                line("refused: " + orDash(reason));
+        line(optionsM.command +
+             (succeeded ? ": done in "
+              : refused ? ": REFUSED after "
+                        : ": FAILED after ") +
+             seconds(answer.at("seconds")) + (isChecked(check) ? ", the check " + seconds(check.at("seconds")) : ""));
+    }
+
+    // A line that is rejected is reported for each of the two trees that a load fills.
+    static std::vector<Json> eachOnce(Json const& reports) {
+        std::set<std::string> rejected;
+        std::vector<Json> shown;
+        for (Json const& report : reports)
+            if (report.at("severity") != "WARNING" ||
+                rejected.insert(report.at("identifier").dump() + report.at("arguments").dump()).second)
+                shown.push_back(report);
+        return shown;
+    }
+
+    // Whether there was a check, not only a guard.
+    static bool isChecked(Json const& check) { return !check.is_null() && !check.at("forced").get<bool>(); }
+
+    void leftOut(Json const& answer) {
+        if (auto const count = answer.at("reportsLeftOut").get<unsigned long>(); count > 0)
+            line("... and " + std::to_string(count) + " more reports, in the daemon's log");
+    }
+
+    int update() {
+        Json keys = Json::object();
+        for (std::string const& key : optionsM.keys) {
+            std::size_t const equals = key.find('=');
+            if (equals == std::string::npos || equals == 0)
+                throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
+            std::string const name = checked(key.substr(0, equals));
+            std::string value = checked(key.substr(equals + 1));
+            bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
+            if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
+                throw HostError("the key '" + shortened(name) + "' is given twice");
+        }
+        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}, {"force", optionsM.force}});
+        if (!shownRaw(answer)) {
+            field("Result:", answer.at("result").dump());
+            field("Handled:", answer.at("handled").dump());
+            for (Json const& report : eachOnce(answer.at("reports")))
+                showReport(report);
+            leftOut(answer);
+            if (Json const check = answer.value("check", Json()); isChecked(check))
+                field("Check:", seconds(check.at("seconds")));
+        }
+        return answer.at("succeeded").get<bool>() ? FINE : NOT_FOUND;
+    }
+
+    int probes() {
+        Json const answer = daemonM.ask({{"command", "probes"}});
+        if (shownRaw(answer))
+            return FINE;
+        for (Json const& probe : answer.at("probes"))
+            field(orDash(probe.at("name")), orDash(probe.at("description")));
+        return FINE;
+    }
+
+    int log() {
+        Json const answer = daemonM.ask({{"command", "log"}, {"follow", optionsM.follow}});
+        for (Json const& report : answer.at("reports"))
+            showReport(report);
+        while (optionsM.follow) {
+            outM.flush();
+            Json const next = daemonM.next();
+            if (next.contains("lost") && shownRaw(next))
+                continue;
+            if (next.contains("lost"))
+                line("... " + next.at("lost").dump() + " reports came faster than they could be shown");
+            else
+                showReport(next.at("report"));
+        }
+        return FINE;
+    }
+
+    void showReport(Json const& report) {
+        if (shownRaw(report))
+            return;
+        std::string text;
+        appendText(text, reportOf(report));
+        line(text);
+    }
+
+    CtlOptions const& optionsM;
+    Conversation daemonM;
+    Output outM;
+};
+
+std::filesystem::path socketOf(CtlOptions const& options) {
+    if (!options.socket.empty())
+        return options.socket;
+    if (options.configuration.empty())
+        throw HostError("--socket PATH or --config FILE must say where the daemon is");
+    std::filesystem::path socket = readConfiguration(options.configuration).socket;
+    if (socket.empty())
+        throw HostError(options.configuration.string() + ": there is no key 'socket' in [host]");
+    return socket;
+}
+
+} // namespace
+
+int ctl(CtlOptions const& options) {
+    try {
+        return Ctl(options, socketOf(options)).run();
+    } catch (Json::exception const& error) {
+        throw HostError("the daemon's answer lacks something: " + std::string(error.what()));
+    }
+}
+
+} // namespace nphost

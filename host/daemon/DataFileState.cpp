@@ -1,0 +1,109 @@
+#include "host/daemon/DataFileState.h"
+
+#include "framework/STR/FilePlace.h"
+#include "host/base/Text.h"
+#include "host/log/OwnReport.h"
+
+#include <array>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+
+namespace nphost {
+
+namespace {
+
+using Json = nlohmann::json;
+
+char const* nameOf(STR::Rewriting::Way way) {
+    constexpr std::array<char const*, 3> names = {"replace", "inPlace", "impossible"};
+    return names.at(way);
+}
+
+std::string inWords(STR::Rewriting const& rewriting) {
+    switch (rewriting.way) {
+    case STR::Rewriting::REPLACED:
+        return "a new file takes its place";
+    case STR::Rewriting::IN_PLACE:
+        return "it is overwritten in place, where a crash in that moment can lose it (" + rewriting.reason.str() + ")";
+    case STR::Rewriting::IMPOSSIBLE:
+        break;
+    }
+    return "that is not possible, and records of a delta would stand in no file (" + rewriting.reason.str() + ")";
+}
+
+} // namespace
+
+DataFileState::DataFileState(LoadedPlugIn& plugIn)
+    : plugInM(plugIn), fileM(plugIn.serviceStatus().dataFileName), lockM(fileM.str()) {}
+
+void DataFileState::begin() {
+    if (unsigned const removed = STR::removeLeftovers(fileM); removed > 0)
+        reportOwn("INF_HOST_LEFTOVERS", BAS::Status::NORMAL, {BAS::String(std::to_string(removed)), fileM});
+    STR::Rewriting const rewriting = STR::rewritingOf(fileM);
+    reportOwn("INF_HOST_REWRITE",
+              rewriting.way == STR::Rewriting::REPLACED ? BAS::Status::NORMAL : BAS::Status::WARNING,
+              {fileM, BAS::String(inWords(rewriting))});
+    if (!lockM.take())
+        reportOwn("INF_HOST_NO_DELTAS", BAS::Status::WARNING, {fileM, BAS::String(lockM.reason())});
+}
+
+// A file that is gone is no newer one.
+bool DataFileState::differs(DAT::NumberPortability::ServiceStatus const& status) const {
+    STR::FileVersion const none;
+    STR::FileVersion const now = STR::versionOf(fileM);
+    return now != none && status.dataFileVersion != none && !now.hasContentOf(status.dataFileVersion);
+}
+
+// A load of a client module may be writing the file just now; what it leaves counts.
+bool DataFileState::isChanged() const {
+    constexpr int milliseconds = 10;
+    for (;; poll(nullptr, 0, milliseconds)) {
+        DAT::NumberPortability::ServiceStatus const before = plugInM.serviceStatus();
+        if (!differs(before))
+            return false;
+        DAT::NumberPortability::ServiceStatus const after = plugInM.serviceStatus();
+        if (!after.loading && after.loads == before.loads)
+            return true;
+    }
+}
+
+std::string DataFileState::faultOfDelta(bool force) {
+    if (!lockM.take())
+        return "another daemon seems to rewrite the data file (" + lockM.reason() + "): command that one";
+    if (!force && isChanged())
+        return "the data file is no longer what was loaded or last written, and would be overwritten: reload it first, "
+               "or force the delta";
+    return {};
+}
+
+bool DataFileState::refusesDelta(std::string const& file, bool force) {
+    std::string const fault = faultOfDelta(force);
+    if (!fault.empty())
+        reportOwn("ERR_HOST_DELTA_REFUSED", BAS::Status::MAJOR, {BAS::String(file), BAS::String(fault)});
+    return !fault.empty();
+}
+
+Json DataFileState::toJson(DAT::NumberPortability::ServiceStatus const& status) {
+    Json file = {{"name", asUtf8(fileM.view())}, {"size", nullptr}, {"modified", nullptr}};
+    STR::FileVersion const version = STR::versionOf(fileM);
+    if (version != STR::FileVersion()) {
+        constexpr std::int64_t nanoseconds = 1'000'000'000;
+        time_t const seconds = version.modified / nanoseconds - (version.modified % nanoseconds < 0 ? 1 : 0);
+        tm parts = {};
+        gmtime_r(&seconds, &parts);
+        std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
+        strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+        file["size"] = version.size;
+        file["modified"] = text.data();
+    }
+    STR::Rewriting const rewriting = STR::rewritingOf(fileM);
+    std::string const holder = lockM.take() ? std::string() : lockM.reason();
+    file["rewrite"] = nameOf(rewriting.way);
+    file["rewriteReason"] = rewriting.reason.empty() ? Json() : Json(asUtf8(rewriting.reason.view()));
+    file["changed"] = !status.loading && differs(status);
+    file["lockedBy"] = holder.empty() ? Json() : Json(asUtf8(holder));
+    return file;
+}
+
+} // namespace nphost

@@ -1,0 +1,39 @@
+// nphost::ServiceNotifier: tells the service manager how the daemon stands.
+//
+// Purpose: when the variable NOTIFY_SOCKET names a datagram socket (a path, or an abstract name that begins with '@'),
+// each change is sent to it as lines KEY=VALUE: READY=1, RELOADING=1 with MONOTONIC_USEC, STOPPING=1, and a status text
+// for people. Without the variable nothing is sent.
+// Ownership: owns its socket.
+// Threads: one thread.
+// Errors: none; what cannot be sent is lost, and nobody waits. Construction throws std::bad_alloc.
+// Complexity: one system call a change.
+#pragma once
+
+#include "host/base/FileDescriptor.h"
+
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace nphost {
+
+class ServiceNotifier {
+  public:
+    ServiceNotifier();
+
+    // Texts are one line.
+    void ready(std::string_view status);
+    void reloading(std::string_view status);
+    void stopping(std::string_view status);
+    void status(std::string_view status);
+
+  private:
+    void send(std::string message, std::string_view status) const;
+
+    FileDescriptor descriptorM;
+    sockaddr_un addressM{};
+    socklen_t lengthM = 0;
+};
+
+} // namespace nphost

@@ -1,0 +1,60 @@
+#include "host/daemon/Signals.h"
+
+#include <atomic>
+#include <poll.h>
+
+namespace nphost {
+
+namespace {
+
+// All that a handler touches: lock-free, so safe there.
+std::atomic<bool> stopNoted{false};
+std::atomic<bool> reloadNoted{false};
+std::atomic<WakeUp const*> target{nullptr};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<WakeUp const*>::is_always_lock_free);
+
+extern "C" void noteSignal(int number) {
+    (number == SIGHUP ? reloadNoted : stopNoted).store(true);
+    if (WakeUp const* const wakeUp = target.load())
+        wakeUp->wake();
+}
+
+} // namespace
+
+Signals::Signals() {
+    target.store(&wakeUpM);
+    for (std::size_t i = 0; i < numbersCM.size(); ++i) {
+        struct sigaction action = {};
+        action.sa_handler = numbersCM[i] == SIGPIPE || numbersCM[i] == SIGXFSZ ? SIG_IGN : noteSignal;
+        action.sa_flags = SA_RESTART;
+        sigfillset(&action.sa_mask);
+        sigaction(numbersCM[i], &action, &beforeM[i]);
+    }
+}
+
+Signals::~Signals() {
+    for (std::size_t i = 0; i < numbersCM.size(); ++i)
+        sigaction(numbersCM[i], &beforeM[i], nullptr);
+    target.store(nullptr);
+}
+
+bool Signals::takeStop() noexcept {
+    return stopNoted.exchange(false);
+}
+
+bool Signals::takeReload() noexcept {
+    return reloadNoted.exchange(false);
+}
+
+bool Signals::awaitStop(WakeUp const& other) const noexcept {
+    std::array<pollfd, 2> polled = {{{descriptor(), POLLIN, 0}, {other.descriptor(), POLLIN, 0}}};
+    do {
+        poll(polled.data(), polled.size(), -1);
+        clear();
+        if (stopNoted.load())
+            return true;
+    } while (polled[1].revents == 0);
+    return false;
+}
+
+} // namespace nphost

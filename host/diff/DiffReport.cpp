@@ -1,0 +1,273 @@
+#include "host/diff/DiffReport.h"
+
+#include "host/base/Instant.h"
+#include "host/base/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <initializer_list>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace nphost {
+
+namespace {
+
+using DAT::NumberPortability::DataSummary;
+using Json = nlohmann::json;
+
+constexpr std::array<std::pair<Difference, char const*>, 5> labelsCM = {{
+    {Difference::GAINED, "Numbers gained:"},
+    {Difference::LOST, "Numbers lost:"},
+    {Difference::MOVED, "Numbers moved:"},
+    {Difference::LENGTHENED, "Histories lengthened:"},
+    {Difference::REWRITTEN, "Histories rewritten:"},
+}};
+
+// The numbers that were asked for, and nothing else: five columns.
+class ListReport : public DiffReport {
+  public:
+    void number(NumberChange const& change) override {
+        outM.append(change.number);
+        append(change.before);
+        append(change.after);
+        outM.append('\n');
+    }
+    void finish(DiffTotals const& /*totals*/) override {}
+
+  private:
+    void append(std::optional<ShownRecord> const& record) {
+        if (!record)
+            return outM.append(std::string_view("\t-\t-"));
+        char digits[instantDigitsCM];
+        record->validFrom.toDigits(digits);
+        outM.append('\t');
+        outM.append({digits, sizeof digits});
+        outM.append('\t');
+        outM.append(record->network);
+    }
+};
+
+// The moves, and nothing else: one line for each pair of networks.
+class MatrixReport : public DiffReport {
+  public:
+    void number(NumberChange const& /*change*/) override {}
+
+    void finish(DiffTotals const& totals) override {
+        for (Move const& move : totals.result.moves)
+            row(move.from.value_or("-"), move.to.value_or("-"), move.numbers);
+        if (totals.result.otherMoves > 0)
+            row("*", "*", totals.result.otherMoves);
+    }
+
+  private:
+    void row(std::string_view from, std::string_view to, std::uint64_t numbers) {
+        outM.append(from);
+        outM.append('\t');
+        outM.append(to);
+        outM.append('\t');
+        outM.append(std::to_string(numbers));
+        outM.append('\n');
+    }
+};
+
+class TextReport : public DiffReport {
+  public:
+    void number(NumberChange const& /*change*/) override {} // numbers are a list's
+
+    void finish(DiffTotals const& totals) override {
+        files(totals);
+        outM.append('\n');
+        for (auto const& [what, label] : labelsCM)
+            row(label, {totals.result.count(what)});
+        moves(totals);
+    }
+
+  private:
+    static constexpr std::size_t labelWidthCM = 24;
+    static constexpr std::size_t columnWidthCM = 14;
+    static constexpr std::size_t mostColumnsCM = 7; // of the matrix; more networks are told pair by pair
+    static constexpr std::size_t mostListedCM = 40;
+
+    void cell(std::string const& text) {
+        outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, characters(text)), ' ') + text);
+    }
+    void row(std::string label, std::initializer_list<unsigned long> numbers) {
+        label.resize(std::max(labelWidthCM, label.size()), ' ');
+        outM.append(label);
+        for (unsigned long const number : numbers)
+            cell(std::to_string(number));
+        outM.append('\n');
+    }
+
+    void files(DiffTotals const& totals) {
+        DataSummary const& old = totals.before.lines;
+        DataSummary const& now = totals.after.lines;
+        outM.append("Old file:     " + shortened(totals.before.name) + "\nNew file:     " +
+                    shortened(totals.after.name) + "\nIn force at:  " + totals.at.asString("%Y-%m-%d %H:%M:%S").str() +
+                    "\n\n" + std::string(labelWidthCM, ' '));
+        cell("old");
+        cell("new");
+        outM.append('\n');
+        row("Lines:", {old.lines, now.lines});
+        row("Records:", {old.records, now.records});
+        row("Numbers:", {old.numbers, now.numbers});
+        row("Rejected lines:", {old.rejected(), now.rejected()});
+        row("  number of fields:", {old.rejectedFields, now.rejectedFields});
+        row("  valid-from:", {old.rejectedDateTimes, now.rejectedDateTimes});
+        row("  number:", {old.rejectedNumbers, now.rejectedNumbers});
+        row("  network identifier:", {old.rejectedNetworks, now.rejectedNetworks});
+        row("  duplicate:", {old.duplicates, now.duplicates});
+    }
+
+    static std::string nameOf(std::optional<std::string> const& network) {
+        return network ? shortened(*network) : std::string("-");
+    }
+
+    void moves(DiffTotals const& totals) {
+        ComparisonResult const& result = totals.result;
+        if (result.count(Difference::MOVED) == 0)
+            return;
+        std::vector<std::string> names;
+        for (Move const& move : result.moves)
+            for (auto const* const network : {&move.from, &move.to})
+                if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
+                    names.size() <= mostColumnsCM)
+                    names.push_back(nameOf(*network));
+        std::sort(names.begin(), names.end());
+        bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
+                          std::all_of(names.begin(), names.end(),
+                                      [](std::string const& name) { return characters(name) < columnWidthCM; });
+        if (fits)
+            matrix(result, names);
+        else
+            list(result);
+    }
+
+    void matrix(ComparisonResult const& result, std::vector<std::string> const& names) {
+        std::map<std::pair<std::string, std::string>, std::uint64_t> cells;
+        for (Move const& move : result.moves)
+            cells[{nameOf(move.from), nameOf(move.to)}] += move.numbers;
+        outM.append("\nNumbers moved from network (left) to network (top); '-' is nobody:\n" +
+                    std::string(labelWidthCM, ' '));
+        for (std::string const& to : names)
+            cell(to);
+        for (std::string const& from : names) {
+            outM.append("\n" + from + std::string(labelWidthCM - characters(from), ' '));
+            for (std::string const& to : names) {
+                auto const found = cells.find({from, to});
+                cell(found == cells.end() ? "." : std::to_string(found->second));
+            }
+        }
+        outM.append('\n');
+    }
+
+    void list(ComparisonResult const& result) {
+        outM.append(std::string_view("\nNumbers moved from network to network, most first; '-' is nobody:\n"));
+        std::uint64_t rest = result.otherMoves;
+        for (std::size_t i = 0; i < result.moves.size(); ++i) {
+            Move const& move = result.moves[i];
+            if (i >= mostListedCM) {
+                rest += move.numbers;
+                continue;
+            }
+            cell(std::to_string(move.numbers));
+            outM.append("  " + nameOf(move.from) + " -> " + nameOf(move.to) + "\n");
+        }
+        if (rest == 0)
+            return;
+        cell(std::to_string(rest));
+        outM.append(std::string_view("  between others (--matrix tells more)\n"));
+    }
+};
+
+// The object is written piece by piece, so that it may list millions of numbers.
+class JsonReport : public DiffReport {
+  public:
+    explicit JsonReport(std::optional<Difference> listed) : listedM(listed) {}
+
+    void number(NumberChange const& change) override {
+        outM.append(startedM ? std::string_view(",\n") : "{\"changes\":[\n");
+        startedM = true;
+        outM.append(dump({{"number", change.number}, {"old", json(change.before)}, {"new", json(change.after)}}));
+    }
+
+    void finish(DiffTotals const& totals) override {
+        if (startedM)
+            outM.append(std::string_view("],\n"));
+        else
+            outM.append(listedM ? std::string_view("{\"changes\":[],\n") : "{");
+        outM.append(std::string_view(dump(object(totals))).substr(1)); // without its opening brace
+        outM.append('\n');
+    }
+
+  private:
+    static std::string dump(Json const& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+    static std::string digits(BAS::DateTime at) { return at.asString("%Y%m%d%H%M%S").str(); }
+
+    static Json json(std::optional<ShownRecord> const& record) {
+        return record ? Json{{"validFrom", digits(record->validFrom)}, {"network", asUtf8(record->network)}} : Json();
+    }
+
+    static Json json(FileTotals const& file) {
+        DataSummary const& lines = file.lines;
+        return {{"file", asUtf8(file.name)},
+                {"lines", lines.lines},
+                {"records", lines.records},
+                {"numbers", lines.numbers},
+                {"rejectedFields", lines.rejectedFields},
+                {"rejectedDateTimes", lines.rejectedDateTimes},
+                {"rejectedNumbers", lines.rejectedNumbers},
+                {"rejectedNetworks", lines.rejectedNetworks},
+                {"duplicates", lines.duplicates}};
+    }
+
+    static Json moves(ComparisonResult const& result) {
+        auto const name = [](std::optional<std::string> const& network) {
+            return network ? Json(asUtf8(*network)) : Json();
+        };
+        // Names that are no UTF-8 may become the same one.
+        std::map<std::pair<Json, Json>, std::uint64_t> summed;
+        for (Move const& move : result.moves)
+            summed[{name(move.from), name(move.to)}] += move.numbers;
+        Json list = Json::array();
+        for (auto const& [networks, numbers] : summed)
+            list.push_back({{"from", networks.first}, {"to", networks.second}, {"numbers", numbers}});
+        return list;
+    }
+
+    Json object(DiffTotals const& totals) const {
+        Json all = {{"equal", totals.result.isEqual()}, {"at", digits(totals.at)},
+                    {"old", json(totals.before)},       {"new", json(totals.after)},
+                    {"moves", moves(totals.result)},    {"otherMoves", totals.result.otherMoves}};
+        for (std::size_t i = 0; i < differenceNamesCM.size(); ++i)
+            all[differenceNamesCM[i]] = totals.result.numbers[i];
+        if (listedM)
+            all["listed"] = differenceNamesCM[static_cast<std::size_t>(*listedM)];
+        return all;
+    }
+
+    std::optional<Difference> listedM;
+    bool startedM = false;
+};
+
+} // namespace
+
+DiffReport::DiffReport() : outM(STDOUT_FILENO) {}
+
+std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool matrix, bool json) {
+    if (matrix)
+        return std::make_unique<MatrixReport>();
+    if (json)
+        return std::make_unique<JsonReport>(listed);
+    if (listed)
+        return std::make_unique<ListReport>();
+    return std::make_unique<TextReport>();
+}
+
+} // namespace nphost

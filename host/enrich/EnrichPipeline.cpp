@@ -1,0 +1,86 @@
+#include "host/enrich/EnrichPipeline.h"
+
+#include <exception>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace nphost {
+
+// The threads of one run; destruction stops the ring and waits for them.
+class EnrichPipeline::Threads {
+  public:
+    explicit Threads(EnrichPipeline& pipeline) : pipelineM(pipeline) {}
+    Threads(Threads const&) = delete;
+    Threads& operator=(Threads const&) = delete;
+    ~Threads() {
+        pipelineM.ringM.stop();
+        join();
+    }
+
+    void start() {
+        threadsM.emplace_back([this] { pipelineM.readAll(); });
+        for (unsigned int i = 0; i < pipelineM.threadsM; ++i)
+            threadsM.emplace_back([this] { pipelineM.work(); });
+    }
+    void join() {
+        pipelineM.stopReadingM = true; // of input that nobody waits for any more
+        for (std::thread& thread : threadsM)
+            thread.join();
+        threadsM.clear();
+    }
+
+  private:
+    EnrichPipeline& pipelineM;
+    std::vector<std::thread> threadsM;
+};
+
+EnrichPipeline::EnrichPipeline(EnrichContext const& context, RecordInput& input, std::string prefix,
+                               unsigned int threads)
+    : contextM(context), inputM(input), prefixM(std::move(prefix)), threadsM(threads), ringM(2UL * threads + 2) {}
+
+void EnrichPipeline::run(std::function<bool(EnrichJob const&)> const& take) {
+    Threads threads(*this);
+    threads.start();
+    while (EnrichJob const* const job = ringM.startTaking()) {
+        if (!take(*job))
+            ringM.stop();
+        ringM.finishTaking();
+    }
+    threads.join();
+    ringM.rethrow();
+}
+
+void EnrichPipeline::readAll() noexcept {
+    try {
+        while (EnrichJob* const job = ringM.startFilling()) {
+            job->prefix = std::exchange(prefixM, {});
+            if (!inputM.next(job->input, stopReadingM))
+                return stopReadingM ? ringM.stop() : ringM.endFilling();
+            ringM.finishFilling();
+        }
+    } catch (...) {
+        ringM.fail(std::current_exception());
+    }
+}
+
+void EnrichPipeline::work() noexcept {
+    try {
+        Enricher enricher(contextM);
+        for (auto work = ringM.startWork(); work.job != nullptr; work = ringM.startWork()) {
+            enricher.process(*work.job);
+            ringM.finishWork(work);
+        }
+        BAS::MutexGuard const guard(lockM);
+        enricher.networks().addTo(networksM);
+    } catch (...) {
+        ringM.fail(std::current_exception());
+    }
+}
+
+void EnrichPipeline::addNetworks(NetworkCounts& to) {
+    BAS::MutexGuard const guard(lockM);
+    to.add(networksM);
+}
+
+} // namespace nphost

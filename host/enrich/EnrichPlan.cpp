@@ -1,0 +1,92 @@
+#include "host/enrich/EnrichPlan.h"
+
+#include "host/base/HostError.h"
+#include "host/base/Text.h"
+#include "host/records/JsonReader.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+namespace nphost {
+
+namespace {
+
+struct AddedName {
+    char const* option;
+    char const* suffix;
+};
+constexpr std::array<AddedName, 5> addedNamesCM = {{{"network", "_network"},
+                                                    {"valid-from", "_valid_from"},
+                                                    {"prefix", "_prefix"},
+                                                    {"next-change", "_next_change"},
+                                                    {"method", "_method"}}};
+
+} // namespace
+
+std::optional<Added> addedOf(std::string_view name) {
+    auto const* const found = std::find_if(addedNamesCM.begin(), addedNamesCM.end(),
+                                           [name](AddedName const& added) { return name == added.option; });
+    return found == addedNamesCM.end() ? std::nullopt : std::optional(static_cast<Added>(found - addedNamesCM.begin()));
+}
+
+EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input)
+    : formatM(format), addedM(wanted.added), numberCountM(wanted.numbers.size()), membersM({wanted.time}) {
+    membersM.insert(membersM.end(), wanted.numbers.begin(), wanted.numbers.end());
+    if (format.kind == RecordFormat::Kind::JSON)
+        nameAdded(wanted.numbers);
+    else if (!input.isEmpty())
+        resolveColumns(input);
+    if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||
+        std::set<std::size_t>(columnsM.begin(), columnsM.end()).size() != columnsM.size())
+        throw HostError("a column is named twice by --time and --number");
+    checkNames(input);
+}
+
+void EnrichPlan::resolveColumns(RecordInput& input) {
+    fieldCountM = input.fieldCount();
+    for (std::string const& column : membersM)
+        columnsM.push_back(input.positionOf(column));
+    if (!formatM.header)
+        return;
+    std::vector<std::string> names;
+    for (std::size_t i = 1; i < columnsM.size(); ++i)
+        names.push_back(nameOf(i, input));
+    nameAdded(names);
+}
+
+// Of a number's column, with its position where another number's column has the same name.
+std::string EnrichPlan::nameOf(std::size_t i, RecordInput const& input) const {
+    std::string const& name = input.columns()[columnsM[i]];
+    bool const isAlone = std::count_if(columnsM.begin() + 1, columnsM.end(),
+                                       [&](std::size_t column) { return input.columns()[column] == name; }) == 1;
+    return isAlone ? name : name + "_" + std::to_string(columnsM[i] + 1);
+}
+
+void EnrichPlan::nameAdded(std::vector<std::string> const& numbers) {
+    for (std::string const& number : numbers)
+        for (Added const added : addedM)
+            namesM.push_back(number + addedNamesCM[static_cast<std::size_t>(added)].suffix);
+}
+
+void EnrichPlan::checkNames(RecordInput const& input) const {
+    std::set<std::string> taken(input.columns().begin(), input.columns().end());
+    taken.insert(membersM.begin(), membersM.end());
+    for (std::string const& name : namesM)
+        if (!taken.insert(name).second)
+            throw HostError("the column to be added, '" + shortened(name) +
+                            "', is there already: give it another name in the header, or enrich the file without it");
+}
+
+bool EnrichPlan::explains() const {
+    return std::any_of(addedM.begin(), addedM.end(),
+                       [](Added added) { return added == Added::PREFIX || added == Added::NEXT_CHANGE; });
+}
+
+std::unique_ptr<RecordReader> EnrichPlan::makeReader() const {
+    if (formatM.kind == RecordFormat::Kind::JSON)
+        return std::make_unique<JsonReader>(membersM, namesM);
+    return std::make_unique<CsvReader>(formatM.csv, columnsM, fieldCountM);
+}
+
+} // namespace nphost

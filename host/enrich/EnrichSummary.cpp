@@ -1,0 +1,130 @@
+#include "host/enrich/EnrichSummary.h"
+
+#include "host/base/Text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <numeric>
+
+namespace nphost {
+
+namespace {
+
+constexpr std::size_t shownNetworksCM = 20;
+
+void appendCount(std::string& text, std::string const& label, std::uint64_t number) {
+    constexpr std::size_t width = 36;
+    std::string const digits = std::to_string(number);
+    std::size_t const used = std::min(width - 1, characters(label) + digits.size());
+    text += label + std::string(width - used, ' ') + digits + "\n";
+}
+
+std::uint64_t rateOf(EnrichSummary const& summary) {
+    return summary.seconds > 0
+               ? static_cast<std::uint64_t>(std::llround(static_cast<double>(summary.counts.records) / summary.seconds))
+               : 0;
+}
+
+} // namespace
+
+std::uint64_t EnrichCounts::rejected() const {
+    return std::accumulate(problems.begin() + 1, problems.end(), std::uint64_t(0));
+}
+
+EnrichCounts& EnrichCounts::operator+=(EnrichCounts const& other) {
+    records += other.records;
+    found += other.found;
+    notFound += other.notFound;
+    withoutNumber += other.withoutNumber;
+    unreadable += other.unreadable;
+    ambiguous += other.ambiguous;
+    impossible += other.impossible;
+    std::transform(problems.begin(), problems.end(), other.problems.begin(), problems.begin(), std::plus<>());
+    return *this;
+}
+
+void NetworkCounts::add(NetworkCounts const& other) {
+    for (auto const& [network, number] : other.countsM)
+        add(network, number);
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> NetworkCounts::sorted() const {
+    std::vector<std::pair<std::string, std::uint64_t>> all(countsM.begin(), countsM.end());
+    std::sort(all.begin(), all.end(), [](auto const& left, auto const& right) {
+        return left.second != right.second ? left.second > right.second : left.first < right.first;
+    });
+    return all;
+}
+
+void EnrichSummary::addUnreadable(std::vector<UnreadableNumber> const& more) {
+    std::size_t const count = std::min(more.size(), shownUnreadableCM - unreadable.size());
+    unreadable.insert(unreadable.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+std::string EnrichSummary::text() const {
+    std::string text;
+    appendCount(text, "Records:", counts.records);
+    appendCount(text, "Numbers found:", counts.found);
+    appendCount(text, "Numbers not found:", counts.notFound);
+    appendCount(text, "Fields without a number:", counts.withoutNumber);
+    if (counts.unreadable > 0)
+        appendCount(text, "Unreadable numbers:", counts.unreadable);
+    for (UnreadableNumber const& number : unreadable)
+        text += "  " + number.file + ":" + std::to_string(number.line) + ": '" + shortened(number.text) + "'\n";
+    appendCount(text, kept ? "Unusable records, kept:" : "Rejected records:", counts.rejected());
+    for (std::size_t i = 1; i < problemsCM; ++i)
+        if (counts.problems[i] > 0)
+            appendCount(text, std::string("  ") + nameOf(static_cast<Problem>(i)) + ":", counts.problems[i]);
+    if (counts.ambiguous + counts.impossible > 0) {
+        appendCount(text, "Times that came twice:", counts.ambiguous);
+        appendCount(text, "Times that never came:", counts.impossible);
+    }
+    auto const all = networks.sorted();
+    if (!all.empty())
+        text += "Numbers by network";
+    if (all.size() > shownNetworksCM)
+        text += ", the first " + std::to_string(shownNetworksCM) + " of " + std::to_string(all.size());
+    text += all.empty() ? "" : ":\n";
+    for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
+        appendCount(text, "  " + shortened(all[i].first), all[i].second);
+    appendCount(text, "Records a second:", rateOf(*this));
+    return text;
+}
+
+std::string EnrichSummary::json() const {
+    nlohmann::json reasons = nlohmann::json::object();
+    for (std::size_t i = 1; i < problemsCM; ++i)
+        if (counts.problems[i] > 0)
+            reasons[nameOf(static_cast<Problem>(i))] = counts.problems[i];
+    nlohmann::json top = nlohmann::json::array();
+    auto const all = networks.sorted();
+    for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
+        top.push_back({{"network", asUtf8(all[i].first)}, {"numbers", all[i].second}});
+    nlohmann::json first = nlohmann::json::array();
+    for (UnreadableNumber const& number : unreadable)
+        first.push_back({{"file", asUtf8(number.file)}, {"line", number.line}, {"text", asUtf8(number.text)}});
+    nlohmann::json object = {{"records", counts.records},
+                             {"found", counts.found},
+                             {"notFound", counts.notFound},
+                             {"withoutNumber", counts.withoutNumber},
+                             {"unreadable", counts.unreadable},
+                             {"firstUnreadable", first},
+                             {"rejected", counts.rejected()},
+                             {"rejectedByReason", reasons},
+                             {"kept", kept},
+                             {"complete", stopped.empty()},
+                             {"ambiguousTimes", counts.ambiguous},
+                             {"impossibleTimes", counts.impossible},
+                             {"networks", all.size()},
+                             {"topNetworks", top},
+                             {"seconds", std::round(seconds * 1000) / 1000},
+                             {"recordsPerSecond", rateOf(*this)}};
+    if (!stopped.empty())
+        object["stopped"] = stopped;
+    return object.dump() + "\n";
+}
+
+} // namespace nphost

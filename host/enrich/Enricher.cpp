@@ -1,0 +1,238 @@
+#include "host/enrich/Enricher.h"
+
+#include "host/base/Instant.h"
+#include "host/fields/Numbers.h"
+#include "host/module/Explanation.h"
+
+#include <algorithm>
+
+namespace nphost {
+
+namespace {
+
+bool isBlank(Record const& record) {
+    return record.problem == Problem::NONE && record.values.empty();
+}
+
+// Whether values can be added to an object that cannot be used.
+bool canHoldMembers(Problem problem) {
+    return problem == Problem::MISSING_MEMBER || problem == Problem::UNREADABLE_TIME;
+}
+
+} // namespace
+
+std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
+    if (plan.format().kind == RecordFormat::Kind::JSON)
+        return std::make_unique<JsonWriter>(plan.names());
+    return std::make_unique<CsvWriter>(plan.format().csv);
+}
+
+Enricher::Enricher(EnrichContext const& context)
+    : contextM(context), readerM(context.plan.makeReader()), writerM(writerOf(context.plan)),
+      explainsM(context.plan.explains()), compressorM(context.compression),
+      batchM(context.plugIn, recordsCM * context.plan.numberCount()), networksM(*writerM), recordsM(recordsCM),
+      questionsM(recordsCM * context.plan.numberCount()),
+      valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()),
+      foundM(context.plan.numberCount()) {}
+
+void Enricher::process(EnrichJob& job) {
+    jobM = &job;
+    job.result = job.prefix;
+    job.rejects.clear();
+    job.counts = {};
+    job.unreadable.clear();
+    if (job.input.block.piece() == RecordBlock::Piece::NONE)
+        processRecords();
+    else
+        processPiece();
+    if (job.input.lacksNewline && !job.result.empty() && !job.result.ends_with('\n'))
+        job.result += '\n';
+    job.output = job.result.empty() ? std::string_view() : compressorM.compress(job.result, job.compressed);
+}
+
+void Enricher::processRecords() {
+    RecordBlock const& block = jobM->input.block;
+    readerM->expectFields(jobM->input.fields);
+    readerM->begin(block.text(), block.firstLine());
+    while (fill()) {
+        if (!contextM.passThrough)
+            batchM.search(contextM.method);
+        for (std::size_t i = 0; i < countM; ++i)
+            write(recordsM[i], &questionsM[i * contextM.plan.numberCount()]);
+    }
+}
+
+bool Enricher::fill() {
+    batchM.clear();
+    countM = 0;
+    while (countM < recordsCM && readerM->next(recordsM[countM])) {
+        take(recordsM[countM], &questionsM[countM * contextM.plan.numberCount()]);
+        ++countM;
+    }
+    return countM > 0;
+}
+
+void Enricher::take(Record& record, std::uint32_t* questions) {
+    if (isBlank(record))
+        return;
+    ++jobM->counts.records;
+    if (record.problem != Problem::NONE)
+        return;
+    std::optional<TimeReader::Reading> const reading = contextM.times.read(record.values[0]);
+    if (!reading) {
+        record.problem = Problem::UNREADABLE_TIME;
+        return;
+    }
+    jobM->counts.ambiguous += reading->doubt == TimeReader::Doubt::AMBIGUOUS ? 1 : 0;
+    jobM->counts.impossible += reading->doubt == TimeReader::Doubt::IMPOSSIBLE ? 1 : 0;
+    for (std::size_t i = 0; i < contextM.plan.numberCount(); ++i)
+        questions[i] = ask(record.line, record.values[i + 1], reading->instant);
+}
+
+std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::DateTime at) {
+    switch (readNumber(number, contextM.form, batchM.nextNumber())) {
+    case NumberKind::NUMBER:
+        return static_cast<std::uint32_t>(batchM.add(at));
+    case NumberKind::NONE:
+        return noneCM;
+    default:
+        if (jobM->unreadable.size() < shownUnreadableCM)
+            jobM->unreadable.push_back({contextM.input.nameOf(jobM->input.file), line, std::string(number)});
+        return unreadableCM;
+    }
+}
+
+void Enricher::write(Record& record, std::uint32_t const* questions) {
+    if (isBlank(record)) {
+        jobM->result.append(record.text).append(record.lineEnd);
+        return;
+    }
+    if (record.problem != Problem::NONE)
+        return reject(record);
+    std::size_t const numbers = contextM.plan.numberCount();
+    bool writable = true;
+    for (std::size_t i = 0; i < numbers; ++i)
+        writable = answer(i, questions[i]) && writable;
+    if (!writable) {
+        record.problem = Problem::UNWRITABLE;
+        return reject(record);
+    }
+    writerM->write(jobM->result, record, valuesM);
+    for (std::size_t i = 0; i < numbers; ++i)
+        count(i, questions[i]);
+}
+
+// Sets the values of one of the record's numbers; false when one cannot be written.
+bool Enricher::answer(std::size_t number, std::uint32_t question) {
+    bool const asked = question != noneCM && question != unreadableCM && !contextM.passThrough;
+    LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
+    NetworkFields::Network* const network = record != nullptr ? &networksM.at(record->networkIdM) : nullptr;
+    foundM[number] = network;
+    std::vector<Added> const& added = contextM.plan.added();
+    std::size_t const first = number * added.size();
+    bool writable = true;
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        valuesM[first + i] = {};
+        if (network != nullptr && added[i] == Added::NETWORK) {
+            valuesM[first + i] = network->field;
+            writable = network->writable && writable;
+        } else if (network != nullptr && added[i] == Added::VALID_FROM) {
+            writable = setInstant(first + i, record->validFromM) && writable;
+        } else if (network != nullptr && added[i] == Added::METHOD) {
+            writable = setValue(first + i, nameOfSearchMethod(contextM.methodInForce)) && writable;
+        }
+    }
+    return (!asked || !explainsM || explain(question, first)) && writable;
+}
+
+bool Enricher::explain(std::uint32_t question, std::size_t value) {
+    BAS::String const& number = batchM.number(question);
+    BAS::DateTime const at = batchM.instant(question);
+    auto const prefixes = contextM.plugIn.explain(number);
+    Explanation const explanation(prefixes, number);
+    bool writable = true;
+    for (Added const added : contextM.plan.added()) {
+        if (added == Added::PREFIX) {
+            if (auto const choice = explanation.choose(contextM.methodInForce, at); choice.record != nullptr)
+                writable = setValue(value, choice.prefix->key.view()) && writable;
+        } else if (added == Added::NEXT_CHANGE) {
+            if (auto const change = explanation.nextChange(contextM.methodInForce, at))
+                writable = setInstant(value, change->at) && writable;
+        }
+        ++value;
+    }
+    return writable;
+}
+
+bool Enricher::setValue(std::size_t value, std::string_view text) {
+    textsM[value].clear();
+    bool const writable = writerM->encode(textsM[value], text);
+    valuesM[value] = textsM[value];
+    return writable;
+}
+
+bool Enricher::setInstant(std::size_t value, BAS::DateTime at) {
+    std::array<char, instantDigitsCM> digits{};
+    at.toDigits(digits.data());
+    return setValue(value, {digits.data(), digits.size()});
+}
+
+void Enricher::count(std::size_t number, std::uint32_t question) {
+    NetworkFields::Network* const network = foundM[number];
+    ++(question == noneCM         ? jobM->counts.withoutNumber
+       : question == unreadableCM ? jobM->counts.unreadable
+       : network != nullptr       ? jobM->counts.found
+                                  : jobM->counts.notFound);
+    if (network != nullptr)
+        ++network->numbers;
+}
+
+void Enricher::reject(Record const& record) {
+    if (contextM.listRejects) {
+        beginReject(record.line, record.problem);
+        CsvWriter::appendInQuotes(jobM->rejects, record.text);
+        jobM->rejects += "\"\n";
+    }
+    ++jobM->counts.problems[static_cast<std::size_t>(record.problem)];
+    if (contextM.keep)
+        keepUnused(record);
+}
+
+void Enricher::keepUnused(Record const& record) {
+    std::fill(valuesM.begin(), valuesM.end(), std::string_view());
+    if (contextM.plan.format().kind == RecordFormat::Kind::CSV || canHoldMembers(record.problem))
+        writerM->write(jobM->result, record, valuesM);
+    else
+        jobM->result.append(record.text).append(record.lineEnd);
+}
+
+void Enricher::beginReject(std::uint64_t line, Problem problem) {
+    beginRejectRow(jobM->rejects, contextM.input.nameOf(jobM->input.file), line, nameOf(problem));
+    jobM->rejects += '"';
+}
+
+// A line that is longer than a block is rejected as it comes; the blocks before and after this one have the rest. It
+// counts when it is over, so that its row is whole when the run stops for it.
+void Enricher::processPiece() {
+    RecordBlock const& block = jobM->input.block;
+    bool const isLast = block.piece() == RecordBlock::Piece::LAST;
+    Record piece;
+    piece.problem = Problem::TOO_LONG;
+    piece.text = block.text();
+    if (isLast) {
+        setText(piece, block.text());
+        ++jobM->counts.records;
+        ++jobM->counts.problems[static_cast<std::size_t>(Problem::TOO_LONG)];
+    }
+    if (contextM.keep)
+        isLast ? keepUnused(piece) : void(jobM->result += block.text());
+    if (!contextM.listRejects)
+        return;
+    if (block.piece() == RecordBlock::Piece::FIRST)
+        beginReject(block.firstLine(), Problem::TOO_LONG);
+    CsvWriter::appendInQuotes(jobM->rejects, piece.text);
+    if (isLast)
+        jobM->rejects += "\"\n";
+}
+
+} // namespace nphost

@@ -1,0 +1,117 @@
+#include "host/fields/QuestionLine.h"
+
+#include "host/base/Instant.h"
+#include "host/fields/NumberText.h"
+#include "host/fields/Numbers.h"
+
+#include <algorithm>
+
+namespace nphost {
+
+namespace {
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\v' || c == '\f';
+}
+
+std::string_view columnOf(std::string_view line) {
+    std::size_t length = 0;
+    while (length < line.size() && line[length] != '\t' && !isBlank(line[length]))
+        ++length;
+    return line.substr(0, length);
+}
+
+void skipBlanks(std::string_view& line) {
+    while (!line.empty() && isBlank(line.front()))
+        line.remove_prefix(1);
+}
+
+// What separates a column from the next.
+void skipSeparator(std::string_view& line) {
+    skipBlanks(line);
+    if (!line.starts_with('\t'))
+        return;
+    line.remove_prefix(1);
+    skipBlanks(line);
+}
+
+std::string_view takeBytes(std::string_view& line, std::size_t length) {
+    std::string_view const column = line.substr(0, length);
+    line.remove_prefix(length);
+    skipSeparator(line);
+    return column;
+}
+
+std::string_view takeColumn(std::string_view& line) {
+    return takeBytes(line, columnOf(line).size());
+}
+
+constexpr std::size_t dateLengthCM = 10; // YYYY-MM-DD
+
+std::string_view takeInstant(std::string_view& line) {
+    std::size_t length = columnOf(line).size();
+    if (length == dateLengthCM && line.size() > length && line[length] == ' ') {
+        std::size_t const both = length + 1 + columnOf(line.substr(length + 1)).size();
+        length = parseInstant(line.substr(0, both)).isValid() ? both : length;
+    }
+    return takeBytes(line, length);
+}
+
+// Whether a column was meant for an instant, a good one or not. No group of a number's digits is as long.
+bool beginsInstant(std::string_view line) {
+    std::string_view const column = columnOf(line);
+    auto const isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    if (column.size() >= instantDigitsCM && std::all_of(column.begin(), column.end(), isDigit))
+        return true;
+    constexpr std::string_view date = "dddd-dd-dd";
+    return column.size() >= date.size() && std::equal(date.begin(), date.end(), column.begin(), [&](char form, char c) {
+               return form == 'd' ? isDigit(c) : form == c;
+           });
+}
+
+std::string_view takeSpacedNumber(std::string_view& line) {
+    std::size_t length = 0;
+    for (std::string_view rest = line; !rest.empty();) {
+        if (hasDigit(line.substr(0, length)) && beginsInstant(rest)) // "tel: 00447700900123" is one number
+            break;
+        rest.remove_prefix(columnOf(rest).size());
+        length = line.size() - rest.size();
+        skipBlanks(rest);
+        if (rest.starts_with('\t'))
+            break;
+    }
+    return takeBytes(line, length);
+}
+
+} // namespace
+
+QuestionLine::QuestionLine(std::string_view line, bool spaced) {
+    skipBlanks(line);
+    while (!line.empty() && (isBlank(line.back()) || line.back() == '\t' || line.back() == '\r'))
+        line.remove_suffix(1);
+    number = spaced ? takeSpacedNumber(line) : takeColumn(line);
+    instant = takeInstant(line);
+    // Columns that are lined up by several tabs: what comes next is the instant.
+    if (instant.empty() && !line.empty() && !methodOfColumn(columnOf(line)))
+        instant = takeInstant(line);
+    method = takeColumn(line);
+}
+
+bool holdsColumns(std::string_view number) {
+    if (std::any_of(number.begin(), number.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }))
+        return true;
+    for (std::string_view rest = number; !rest.empty();) {
+        takeColumn(rest);
+        if (beginsInstant(rest))
+            return true;
+    }
+    return false;
+}
+
+std::optional<unsigned int> methodOfColumn(std::string_view text) {
+    if (text.size() == 1 && text[0] >= '0' && text[0] < static_cast<char>('0' + searchMethodsCM))
+        return static_cast<unsigned int>(text[0] - '0');
+    return searchMethodOf(text);
+}
+
+} // namespace nphost

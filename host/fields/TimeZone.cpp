@@ -1,0 +1,88 @@
+#include "host/fields/TimeZone.h"
+
+#include "host/base/HostError.h"
+#include "host/base/Text.h"
+
+#include <absl/time/time.h>
+#include <algorithm>
+
+namespace nphost {
+
+namespace {
+
+// The library would also take names of files, of the machine's own zone and of fixed offsets.
+bool looksLikeName(std::string const& name) {
+    constexpr std::string_view others = "_+-/";
+    bool const allowed = std::all_of(name.begin(), name.end(), [&](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               others.find(c) != std::string_view::npos;
+    });
+    return allowed && !name.empty() && name.front() != '/' && name != "localtime" && !name.starts_with("Fixed/");
+}
+
+absl::TimeZone load(std::string const& name) {
+    absl::TimeZone zone;
+    if (!looksLikeName(name) || !absl::LoadTimeZone(name, &zone))
+        throw HostError("there is no time zone '" + shortened(name) +
+                        "' in the system's zone database (tzdata); write UTC or a name like Europe/Paris");
+    return zone;
+}
+
+std::int64_t asUtc(absl::CivilSecond clock) {
+    return absl::ToUnixSeconds(absl::FromCivil(clock, absl::UTCTimeZone()));
+}
+
+} // namespace
+
+TimeZone::TimeZone(std::string const& name) {
+    absl::TimeZone const zone = load(name);
+    absl::Time at = absl::FromUnixSeconds(-secondsTo1970CM);
+    firstOffsetM = zone.At(at).offset;
+    std::int64_t offset = firstOffsetM;
+    for (absl::TimeZone::CivilTransition change; zone.NextTransition(at, &change);) {
+        std::int64_t const instant = asUtc(change.from) - offset;
+        std::int64_t const after = asUtc(change.to) - instant;
+        addChange(instant, offset, after);
+        offset = after;
+        at = absl::FromUnixSeconds(instant);
+    }
+}
+
+void TimeZone::addChange(std::int64_t at, std::int64_t before, std::int64_t after) {
+    if (before == after) // a new name or law for the same time
+        return;
+    changesM.push_back({at, after});
+    doubtfulM.push_back({static_cast<std::uint64_t>(at + secondsTo1970CM + std::min(before, after)),
+                         static_cast<std::uint64_t>(at + secondsTo1970CM + std::max(before, after)),
+                         after < before ? Doubt::AMBIGUOUS : Doubt::IMPOSSIBLE});
+}
+
+std::int64_t TimeZone::offsetAt(std::int64_t secondsSince1970) const noexcept {
+    auto const next = std::upper_bound(changesM.begin(), changesM.end(), secondsSince1970,
+                                       [](std::int64_t at, Change const& change) { return at < change.at; });
+    return next == changesM.begin() ? firstOffsetM : std::prev(next)->offset;
+}
+
+std::optional<TimeZone::Reading> TimeZone::clockAt(std::int64_t secondsSince1970) const noexcept {
+    constexpr auto limit = static_cast<std::int64_t>(BAS::DateTime::invalidSecsCM);
+    constexpr std::int64_t margin = 7L * 86400; // more than any offset
+    if (secondsSince1970 < -secondsTo1970CM - margin || secondsSince1970 > limit - secondsTo1970CM + margin)
+        return std::nullopt;
+    std::int64_t const clock = secondsSince1970 + secondsTo1970CM + offsetAt(secondsSince1970);
+    if (clock < 0 || clock >= limit)
+        return std::nullopt;
+    return judge(BAS::DateTime::fromSeconds(static_cast<std::uint64_t>(clock)));
+}
+
+TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
+    auto const next = std::upper_bound(doubtfulM.begin(), doubtfulM.end(), clock.seconds(),
+                                       [](std::uint64_t at, Doubtful const& change) { return at < change.begin; });
+    if (next == doubtfulM.begin() || clock.seconds() >= std::prev(next)->end)
+        return {clock, Doubt::NONE};
+    Doubtful const& found = *std::prev(next);
+    if (found.doubt == Doubt::AMBIGUOUS)
+        return {clock, found.doubt};
+    return {BAS::DateTime::fromSeconds(clock.seconds() + (found.end - found.begin)), found.doubt};
+}
+
+} // namespace nphost

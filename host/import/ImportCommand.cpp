@@ -1,0 +1,301 @@
+#include "host/import/ImportCommand.h"
+
+#include "host/base/ExitStatus.h"
+#include "host/base/HostError.h"
+#include "host/base/Interruption.h"
+#include "host/base/StandardError.h"
+#include "host/base/Text.h"
+#include "host/import/FeedColumns.h"
+#include "host/import/FeedConversion.h"
+#include "host/records/FileRoles.h"
+#include "host/records/RecordInput.h"
+#include "host/records/RecordWriter.h"
+#include "host/records/ResultTarget.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace nphost {
+
+namespace {
+
+// Tells of rejected records: all in a file of comma-separated values, or the first on standard error.
+class Rejects {
+  public:
+    Rejects(std::string file, std::optional<std::string> const& target) : fileM(std::move(file)) {
+        if (target)
+            targetM.emplace(*target).buffer() = "file,line,reason,detail,record\n";
+    }
+
+    void add(std::uint64_t line, Refusal refusal, std::string_view subject, std::string_view record) {
+        begin(line, refusal, subject);
+        addPart(record);
+        end(refusal);
+    }
+
+    // The same for a record in parts.
+    void begin(std::uint64_t line, Refusal refusal, std::string_view subject) {
+        std::string detail = sentenceOf(refusal);
+        if (!subject.empty())
+            detail += ": '" + shortened(subject) + "'";
+        if (targetM)
+            beginRow(line, refusal, detail);
+        else if (totalM < shownCM)
+            complain(fileM + ":" + std::to_string(line) + ": " + detail);
+    }
+    void addPart(std::string_view part) {
+        if (!targetM)
+            return;
+        CsvWriter::appendInQuotes(targetM->buffer(), part);
+        targetM->writeLarge();
+    }
+    void end(Refusal refusal) {
+        if (targetM)
+            targetM->buffer() += "\"\n";
+        ++countsM[static_cast<std::size_t>(refusal)];
+        ++totalM;
+    }
+
+    void sync() {
+        if (targetM)
+            targetM->sync();
+        else if (totalM > shownCM)
+            complain(fileM + ": " + std::to_string(totalM - shownCM) + " more rejected records; --rejects lists all");
+    }
+    void finish() {
+        if (targetM)
+            targetM->finish();
+    }
+
+    std::uint64_t total() const { return totalM; }
+    std::array<std::uint64_t, refusalsCM> const& counts() const { return countsM; }
+
+    // "most often bad-time: the time cannot be read"
+    std::string mostFrequent() const {
+        auto const most = static_cast<Refusal>(std::max_element(countsM.begin(), countsM.end()) - countsM.begin());
+        return std::string("most often ") + nameOf(most) + ": " + sentenceOf(most);
+    }
+
+  private:
+    static constexpr std::uint64_t shownCM = 20;
+
+    void beginRow(std::uint64_t line, Refusal refusal, std::string_view detail) {
+        std::string& row = targetM->buffer();
+        beginRejectRow(row, fileM, line, nameOf(refusal));
+        CsvWriter::appendField(row, detail, {});
+        row += ",\"";
+    }
+
+    std::string fileM;
+    std::optional<PieceTarget> targetM; // none: standard error
+    std::array<std::uint64_t, refusalsCM> countsM{};
+    std::uint64_t totalM = 0;
+};
+
+RecordFormat formatOf(ImportOptions const& options) {
+    RecordFormat format;
+    format.csv.separator = options.separator ? separatorOf(*options.separator) : separatorByName(options.file);
+    format.csv.quotes = !options.noQuotes;
+    format.header = !options.noHeader;
+    format.jsonHint = " (JSON lines? a feed has separated values)";
+    return format;
+}
+
+// One feed on its way into a data file.
+class Import {
+  public:
+    Import(ImportOptions const& options, NumberForm const* form)
+        : optionsM(options), columnsM(options.map), formatM(formatOf(options)), inputM({options.file}, formatM),
+          conversionM(TimeReader(options.timeFormat, options.zone), form) {}
+
+    int run() {
+        inputM.start();
+        if (inputM.isEmpty())
+            throw HostError(inputM.nameOf(0) + ": the feed is empty");
+        CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
+        Interruption const interruption(stopReadingM);
+        Rejects rejects(inputM.nameOf(0), optionsM.rejects);
+        writeAll(reader, rejects);
+        optionsM.json ? tellJson(rejects) : tellText(rejects);
+        return rejects.total() == 0 ? FINE : NOT_FOUND;
+    }
+
+  private:
+    // All files are seen to the disk before the first is put in place.
+    void writeAll(CsvReader& reader, Rejects& rejects) {
+        PieceTarget target(optionsM.output);
+        convertAll(reader, target, rejects);
+        bool const whole = stoppedM.empty();
+        if (whole && conversionM.counts().converted == 0)
+            throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written" +
+                            (rejects.total() > 0
+                                 ? "; rejected: " + std::to_string(rejects.total()) + ", " + rejects.mostFrequent()
+                                 : "") +
+                            inputM.hint());
+        if (whole)
+            target.sync();
+        rejects.sync();
+        Interruption::check();
+        rejects.finish();
+        if (whole)
+            target.finish();
+    }
+
+    void convertAll(CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        bool const onTerminal = !optionsM.output && isatty(STDOUT_FILENO) == 1;
+        ProgressLine const progress(
+            "nphost: importing", [this] { return reading(); }, !onTerminal);
+        for (InputBlock block; stoppedM.empty() && inputM.next(block, stopReadingM);) {
+            Interruption::check();
+            if (block.block.piece() == RecordBlock::Piece::NONE)
+                convertBlock(block, reader, target, rejects);
+            else
+                rejectPiece(block.block, rejects);
+            target.write();
+        }
+        Interruption::check();
+    }
+
+    ProgressLine::Reading reading() const { return {linesM.load(), inputM.done(), inputM.total()}; }
+
+    void convertBlock(InputBlock const& input, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        reader.expectFields(input.fields);
+        reader.begin(input.block.text(), input.block.firstLine());
+        for (Record record; stoppedM.empty() && reader.next(record);) {
+            if (record.text.empty() && record.problem == Problem::NONE)
+                ++emptyLinesM;
+            else
+                convert(record, target, rejects);
+            linesM.store(record.line, std::memory_order_relaxed);
+        }
+    }
+
+    void convert(Record const& record, PieceTarget& target, Rejects& rejects) {
+        ++recordsM;
+        if (record.problem != Problem::NONE)
+            rejects.add(record.line, refusalOf(record.problem), {}, record.text);
+        else if (outcomeOf(record, target) == FeedConversion::Outcome::REFUSED)
+            rejects.add(record.line, conversionM.refusal(), conversionM.subject(), record.text);
+        checkRejects(rejects);
+    }
+
+    FeedConversion::Outcome outcomeOf(Record const& record, PieceTarget& target) {
+        try {
+            return conversionM.convert(record.values[FeedColumns::NUMBER], record.values[FeedColumns::VALID_FROM],
+                                       record.values[FeedColumns::NETWORK], target.buffer());
+        } catch (HostError const& error) {
+            throw HostError(inputM.nameOf(0) + ":" + std::to_string(record.line) + ": " + error.what());
+        }
+    }
+
+    // A line that is longer than a block is rejected as it comes, and counts when it is over.
+    void rejectPiece(RecordBlock const& block, Rejects& rejects) {
+        if (block.piece() == RecordBlock::Piece::FIRST)
+            rejects.begin(block.firstLine(), Refusal::LONG_RECORD, {});
+        Record piece;
+        piece.text = block.text();
+        if (block.piece() == RecordBlock::Piece::LAST)
+            setText(piece, block.text());
+        rejects.addPart(piece.text);
+        if (block.piece() != RecordBlock::Piece::LAST)
+            return;
+        ++recordsM;
+        rejects.end(Refusal::LONG_RECORD);
+        checkRejects(rejects);
+    }
+
+    void checkRejects(Rejects const& rejects) {
+        if (optionsM.maxRejects && rejects.total() > *optionsM.maxRejects)
+            stoppedM =
+                "more than " + std::to_string(*optionsM.maxRejects) + " rejected records, " + rejects.mostFrequent();
+    }
+
+    void tellText(Rejects const& rejects) const {
+        FeedConversion::Counts const& counts = conversionM.counts();
+        std::string text = inputM.nameOf(0) + ": records " + std::to_string(recordsM);
+        for (auto const& [what, count] :
+             {std::pair(", written ", written()), std::pair(", networks ", std::uint64_t(conversionM.networks())),
+              std::pair("; rejected ", rejects.total()), std::pair(", repeated ", counts.repeated),
+              std::pair(", empty lines ", emptyLinesM), std::pair(", ambiguous times ", counts.ambiguous),
+              std::pair(", impossible times ", counts.impossible)})
+            text += what + std::to_string(count);
+        complain(text);
+        if (!stoppedM.empty())
+            complain(inputM.nameOf(0) + ": stopped: " + stoppedM + "; " +
+                     (optionsM.output ? visible(*optionsM.output) + " is not written" : "what was written is not all"));
+    }
+
+    // An output that is not put in place has none.
+    std::uint64_t written() const { return optionsM.output && !stoppedM.empty() ? 0 : conversionM.counts().converted; }
+
+    void tellJson(Rejects const& rejects) const {
+        FeedConversion::Counts const& counts = conversionM.counts();
+        nlohmann::json reasons = nlohmann::json::object();
+        for (std::size_t i = 0; i < refusalsCM; ++i)
+            if (rejects.counts()[i] > 0)
+                reasons[nameOf(static_cast<Refusal>(i))] = rejects.counts()[i];
+        nlohmann::json object = {{"file", asUtf8(optionsM.file == "-" ? "standard input" : optionsM.file)},
+                                 {"output", asUtf8(optionsM.output.value_or("standard output"))},
+                                 {"records", recordsM},
+                                 {"written", written()},
+                                 {"networks", conversionM.networks()},
+                                 {"repeated", counts.repeated},
+                                 {"emptyLines", emptyLinesM},
+                                 {"ambiguousTimes", counts.ambiguous},
+                                 {"impossibleTimes", counts.impossible},
+                                 {"rejected", rejects.total()},
+                                 {"rejectedByReason", reasons},
+                                 {"complete", stoppedM.empty()}};
+        if (!stoppedM.empty())
+            object["stopped"] = stoppedM;
+        writeSummaryOf(optionsM.output, stoppedM.empty(), object.dump() + "\n");
+    }
+
+    ImportOptions const& optionsM;
+    FeedColumns columnsM;
+    RecordFormat formatM;
+    RecordInput inputM;
+    FeedConversion conversionM;
+    std::atomic<bool> stopReadingM{false};
+    std::string stoppedM; // why, before the end of the feed
+    std::uint64_t recordsM = 0;
+    std::uint64_t emptyLinesM = 0;
+    std::atomic<std::uint64_t> linesM{0};
+};
+
+void checkFiles(ImportOptions const& options, Configuration const& configuration) {
+    FileRoles{{options.file},
+              options.output,
+              options.rejects,
+              {{options.common.configuration, "the configuration file"},
+               {configuration.logFile, "the daemon's log"},
+               {configuration.dataFile(), "the data file", true}}}
+        .check();
+}
+
+int importChecked(ImportOptions options) {
+    options.output = fileOf(options.output);
+    bool const isConfigured = !options.common.configuration.empty();
+    if (options.normalise && !isConfigured)
+        throw HostError("--normalise needs --config FILE, for the dialling codes");
+    Configuration configuration = isConfigured ? readConfiguration(options.common.configuration) : Configuration();
+    checkFiles(options, configuration);
+    if (!options.normalise)
+        return Import(options, nullptr).run();
+    // The module wants to open its data file, which may not be there yet: the configuration file is, and nothing is
+    // loaded.
+    configuration.useDataFile(options.common.configuration.string());
+    Host const host(std::move(configuration), options.common);
+    return Import(options, &host.numbers()).run();
+}
+
+} // namespace
+
+int importFeed(ImportOptions const& options) {
+    return importChecked(options);
+}
+
+} // namespace nphost

@@ -1,0 +1,299 @@
+#include "host/lookup/CheckCommand.h"
+
+#include "host/base/ExitStatus.h"
+#include "host/base/HostError.h"
+#include "host/base/Output.h"
+#include "host/base/StandardError.h"
+#include "host/base/Text.h"
+#include "host/module/Examination.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace nphost {
+
+namespace {
+
+using DAT::NumberPortability::DataSummary;
+using DAT::NumberPortability::LineOutcome;
+
+// What the guard would say.
+struct Trial {
+    LoadKind kind;
+    GuardLimits limits;
+    LoadFigures figures;
+    std::vector<std::string> reasons;
+};
+
+// How a check is told, line by line and at its end.
+class Report {
+  public:
+    Report() : outM(STDOUT_FILENO) {}
+    Report(Report const&) = delete;
+    Report& operator=(Report const&) = delete;
+    virtual ~Report() = default;
+
+    virtual void reject(RejectedLine const& line) = 0;
+    virtual void finish(DataSummary const& summary, std::optional<Trial> const& trial) = 0;
+
+  protected:
+    Output outM;
+};
+
+class TextReport : public Report {
+  public:
+    explicit TextReport(bool all) : allM(all) {}
+
+    void reject(RejectedLine const& line) override {
+        if (allM)
+            outM.append(textOf(line));
+        else if (std::find(seenM.begin(), seenM.end(), line.outcome) == seenM.end()) {
+            seenM.push_back(line.outcome);
+            firstM += textOf(line);
+        }
+    }
+
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
+        if (allM && summary.rejected() > 0)
+            outM.append('\n');
+        counts(summary);
+        withoutDigits(summary);
+        outM.append("Valid from:       ");
+        outM.append(summary.earliest.isValid() ? instant(summary.earliest) + " to " + instant(summary.latest)
+                                               : std::string("-"));
+        outM.append('\n');
+        networks(summary);
+        if (!firstM.empty())
+            outM.append("\nThe first rejected line of each kind (--all shows every one):\n" + firstM);
+        if (trial)
+            guard(*trial);
+        outM.flush();
+    }
+
+  private:
+    static std::string textOf(RejectedLine const& line) {
+        return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " + line.reason.detail +
+               "\n    " + shortened(line.text) + "\n";
+    }
+    static std::string instant(BAS::DateTime at) { return at.asString("%Y-%m-%d %H:%M:%S").str(); }
+
+    void count(std::string label, unsigned long number) {
+        constexpr std::size_t width = 30;
+        std::string const digits = std::to_string(number);
+        std::size_t const used = characters(label) + digits.size();
+        label.append(used < width ? width - used : 1, ' ');
+        outM.append(label + digits + "\n");
+    }
+
+    void counts(DataSummary const& summary) {
+        count("Lines:", summary.lines);
+        count("Records:", summary.records);
+        count("Numbers:", summary.numbers);
+        count("Rejected lines:", summary.rejected());
+        count("  number of fields:", summary.rejectedFields);
+        count("  valid-from:", summary.rejectedDateTimes);
+        count("  number:", summary.rejectedNumbers);
+        count("  network identifier:", summary.rejectedNetworks);
+        count("  duplicate:", summary.duplicates);
+    }
+
+    void withoutDigits(DataSummary const& summary) {
+        if (summary.withoutDigits == 0)
+            return;
+        count("Numbers without digits:", summary.withoutDigits);
+        outM.append(
+            "  a warning: in the country's stored form they answer for all of the country; the first is in line " +
+            std::to_string(summary.firstWithoutDigits) + "\n");
+    }
+
+    void networks(DataSummary const& summary) {
+        if (summary.networks.empty())
+            return;
+        outM.append("\nRecords by network:\n");
+        for (auto const& [network, records] : summary.networks)
+            count("  " + shortened(network.view()), records);
+    }
+
+    void guard(Trial const& trial) {
+        bool const passes = trial.reasons.empty();
+        outM.append(std::string("\nThe guard would ") + (passes ? "let it pass" : "refuse it") + " as a " +
+                    nphost::nameOf(trial.kind));
+        if (trial.kind == LoadKind::RELOAD || trial.figures.liveRecords > 0)
+            outM.append(" beside " + grouped(trial.figures.liveRecords) + " live records");
+        GuardLimits const asked = trial.limits.askedOf(trial.kind);
+        outM.append(":\n  limits: " + (asked.any() ? nphost::textOf(asked) : "none is asked of this kind of load") +
+                    "\n  memory: up to " + grouped(mebibytes(memoryAtPeak(trial.kind, trial.figures))) + " MiB\n");
+        for (std::string const& reason : trial.reasons)
+            outM.append("  refused: " + visible(reason) + "\n");
+    }
+
+    bool allM;
+    std::vector<LineOutcome> seenM;
+    std::string firstM;
+};
+
+// The object is written piece by piece, so that it may list millions of lines.
+class JsonReport : public Report {
+  public:
+    explicit JsonReport(bool all) : allM(all) {}
+
+    void reject(RejectedLine const& line) override {
+        if (!allM)
+            return;
+        outM.append(startedM ? std::string_view(",\n") : "{\"rejects\":[\n");
+        startedM = true;
+        outM.append(dump({{"line", line.number},
+                          {"identifier", line.reason.identifier},
+                          {"detail", line.reason.detail},
+                          {"text", asUtf8(line.text)}}));
+    }
+
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
+        if (startedM)
+            outM.append("],\n");
+        else
+            outM.append(allM ? std::string_view("{\"rejects\":[],\n") : "{");
+        nlohmann::json result = object(summary);
+        if (trial)
+            result["guard"] = guard(*trial);
+        outM.append(std::string_view(dump(result)).substr(1)); // without its opening brace
+        outM.append('\n');
+        outM.flush();
+    }
+
+  private:
+    static std::string dump(nlohmann::json const& value) {
+        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    }
+
+    static nlohmann::json instant(BAS::DateTime at) {
+        return at.isValid() ? nlohmann::json(at.asString("%Y%m%d%H%M%S").str()) : nlohmann::json();
+    }
+
+    static nlohmann::json guard(Trial const& trial) {
+        return {{"kind", nameOf(trial.kind)},
+                {"passed", trial.reasons.empty()},
+                {"reasons", trial.reasons},
+                {"liveRecords", trial.figures.liveRecords},
+                {"memoryMiB", mebibytes(memoryAtPeak(trial.kind, trial.figures))}};
+    }
+
+    static nlohmann::json object(DataSummary const& summary) {
+        // Names that are no UTF-8 may become the same one.
+        std::map<std::string, unsigned long> networks;
+        for (auto const& [network, records] : summary.networks)
+            networks[asUtf8(network.view())] += records;
+        return {{"lines", summary.lines},
+                {"records", summary.records},
+                {"numbers", summary.numbers},
+                {"rejectedFields", summary.rejectedFields},
+                {"rejectedDateTimes", summary.rejectedDateTimes},
+                {"rejectedNumbers", summary.rejectedNumbers},
+                {"rejectedNetworks", summary.rejectedNetworks},
+                {"duplicates", summary.duplicates},
+                {"numbersWithoutDigits", summary.withoutDigits},
+                {"earliest", instant(summary.earliest)},
+                {"latest", instant(summary.latest)},
+                {"networks", networks}};
+    }
+
+    bool allM;
+    bool startedM = false;
+};
+
+Configuration configurationFor(CheckOptions const& options) {
+    Configuration configuration = readConfiguration(options.common.configuration);
+    StandardError::keepOff(options.file, "the file itself");
+    configuration.useDataFile(options.file);
+    return configuration;
+}
+
+// Reads the file and tells its rejected lines; `first` becomes the first of them in words.
+DataSummary readFile(Host& host, CheckOptions const& options, Report& report, std::string& first) {
+    ProgressLine const progress(
+        "nphost: checking", [&host] { return host.loadProgress(); }, !options.all || isatty(STDOUT_FILENO) != 1);
+    DataSummary summary;
+    auto const onReject = [&](RejectedLine const& line) {
+        if (first.empty())
+            first = inWords(line);
+        report.reject(line);
+    };
+    if (!examine(host.plugIn(), host.log(), options.file, summary, onReject, {}))
+        host.fail("the file could not be examined");
+    return summary;
+}
+
+// The module reads a mark as it reads any other byte before a number: no code begins there.
+void warnOfByteOrderMark(std::string const& file) {
+    std::array<char, 3> bytes{};
+    if (std::ifstream(file, std::ios::binary).read(bytes.data(), bytes.size()) &&
+        std::string_view(bytes.data(), bytes.size()) == "\xef\xbb\xbf")
+        complain(visible(file) +
+                 ": a warning: the file begins with a byte order mark, so the number in line 1 is taken "
+                 "for one without any access code; remove the mark");
+}
+
+// Records that are not at hand are taken to be like those of the file, if that has enough of them.
+std::uint64_t treeBytesOf(std::uint64_t records, LoadFigures const& figures) {
+    constexpr double bytesARecord = 26;
+    constexpr std::uint64_t enough = 100'000;
+    double const each = figures.records < enough
+                            ? bytesARecord
+                            : static_cast<double>(figures.treeBytes) / static_cast<double>(figures.records);
+    return static_cast<std::uint64_t>(each * static_cast<double>(records));
+}
+
+Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSummary const& summary,
+               std::string const& first) {
+    Trial trial{options.delta  ? LoadKind::DELTA
+                : options.live ? LoadKind::RELOAD
+                               : LoadKind::FIRST_LOAD,
+                limits,
+                figuresOf(summary, first),
+                {}};
+    constexpr std::uint64_t daemonBytes = 32UL * 1024 * 1024;
+    trial.figures.otherBytes = daemonBytes;
+    trial.figures.liveRecords = options.live.value_or(0);
+    trial.figures.liveTreeBytes = treeBytesOf(trial.figures.liveRecords, trial.figures);
+    trial.reasons = crossedLimits(limits, trial.kind, trial.figures);
+    return trial;
+}
+
+std::unique_ptr<Report> makeReport(CheckOptions const& options) {
+    if (options.json)
+        return std::make_unique<JsonReport>(options.all);
+    return std::make_unique<TextReport>(options.all);
+}
+
+} // namespace
+
+int check(CheckOptions const& options) {
+    Configuration configuration = configurationFor(options);
+    GuardLimits const limits = configuration.guard;
+    if (options.guard && !limits.any())
+        throw HostError(visible(options.common.configuration.native()) + ": there is no limit in [host.guard]");
+    Host host(std::move(configuration), options.common);
+    std::unique_ptr<Report> const report = makeReport(options);
+    std::string first;
+    DataSummary const summary = readFile(host, options, *report, first);
+    host.throwFailure();
+    warnOfByteOrderMark(options.file);
+    std::optional<Trial> trial;
+    if (options.guard)
+        trial = tryGuard(limits, options, summary, first);
+    report->finish(summary, trial);
+    if (trial && !trial->reasons.empty())
+        return REFUSED;
+    return summary.rejected() == 0 ? FINE : NOT_FOUND;
+}
+
+} // namespace nphost

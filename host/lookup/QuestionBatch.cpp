@@ -1,0 +1,62 @@
+#include "host/lookup/QuestionBatch.h"
+
+#include "host/base/Instant.h"
+
+#include <array>
+
+namespace nphost {
+
+QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, bool normalise)
+    : outM(out), formM(form), normaliseM(normalise), batchM(plugIn, sizeCM) {}
+
+NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
+    // A very long number stands alone, so that the first place's storage is the only one that grows to hold such.
+    bool const isLong = number.size() > longNumberCM;
+    if (method != methodM || isLong)
+        answer();
+    methodM = method;
+    NumberKind const kind = readNumber(number, normaliseM ? &formM : nullptr, batchM.nextNumber());
+    if (kind != NumberKind::NUMBER)
+        return kind;
+    batchM.add(at);
+    if (batchM.isFull() || isLong)
+        answer();
+    return kind;
+}
+
+void QuestionBatch::answer() {
+    batchM.search(methodM);
+    for (std::size_t i = 0; i < batchM.size(); ++i)
+        write(i);
+    batchM.clear();
+}
+
+void QuestionBatch::countNotFound(std::string_view number) {
+    allFoundM = false;
+    if (!formM.beginsAsStored(number) && notStoredM++ == 0)
+        firstNotStoredM = number;
+}
+
+void QuestionBatch::write(std::size_t i) {
+    outM.append(batchM.number(i).view());
+    outM.append('\t');
+    writeInstant(batchM.instant(i));
+    LookUpBatch::Record const* const record = batchM.record(i);
+    if (record == nullptr) {
+        countNotFound(batchM.number(i).view());
+        return outM.append(nothingFoundCM);
+    }
+    outM.append('\t');
+    writeInstant(record->validFromM);
+    outM.append('\t');
+    outM.append(record->networkIdM.view());
+    outM.append('\n');
+}
+
+void QuestionBatch::writeInstant(BAS::DateTime at) {
+    std::array<char, instantDigitsCM> digits{};
+    at.toDigits(digits.data());
+    outM.append({digits.data(), digits.size()});
+}
+
+} // namespace nphost

@@ -1,0 +1,149 @@
+#include "host/lookup/UpcomingCommand.h"
+
+#include "host/base/ExitStatus.h"
+#include "host/base/HostError.h"
+#include "host/base/Instant.h"
+#include "host/base/Output.h"
+#include "host/base/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+namespace nphost {
+
+namespace {
+
+using Record = DAT::NumberPortability::NumberPortabilityData;
+using Json = nlohmann::json;
+
+struct Change {
+    BAS::String number;
+    Record record;
+};
+
+using Changes = std::vector<Change>;
+// From which networks the numbers of some changes come, one by one; none for nobody.
+using Origins = std::span<std::optional<std::string> const>;
+
+std::string digits(BAS::DateTime at) {
+    return at.asString("%Y%m%d%H%M%S").str();
+}
+
+struct Period {
+    BAS::DateTime from;  // after it
+    BAS::DateTime until; // up to it; invalid, and so later than all, for ever
+};
+
+Changes collect(Host& host, Period const& period) {
+    Changes changes;
+    BAS::DateTime liveSince;
+    if (!host.plugIn().visitUpcoming(period.from, liveSince, [&](BAS::String const& number, Record const& record) {
+            if (record.validFromM <= period.until)
+                changes.push_back({number, record});
+        }))
+        host.fail("the data could not be searched for what is to come");
+    std::sort(changes.begin(), changes.end(), [](Change const& one, Change const& other) {
+        return std::tie(one.record.validFromM, one.number) < std::tie(other.record.validFromM, other.number);
+    });
+    return changes;
+}
+
+// Asks for the networks of the second before, many at once.
+class OriginSearch {
+  public:
+    static constexpr std::size_t mostCM = 256;
+
+    explicit OriginSearch(Host& host) : hostM(host), recordsM(mostCM), originsM(mostCM) {}
+
+    Origins find(std::span<Change const> changes) {
+        numbersM.clear();
+        instantsM.clear();
+        for (Change const& change : changes) {
+            numbersM.push_back(change.number);
+            instantsM.push_back(BAS::DateTime::fromSeconds(change.record.validFromM.seconds() - 1));
+        }
+        std::size_t const count = changes.size();
+        if (!hostM.plugIn().search(numbersM, instantsM, std::span(recordsM).first(count),
+                                   std::span(foundM).first(count)))
+            hostM.fail("the numbers could not be looked up");
+        for (std::size_t i = 0; i < count; ++i)
+            originsM[i] = foundM[i] ? std::optional<std::string>(recordsM[i].networkIdM.view()) : std::nullopt;
+        return Origins(originsM).first(count);
+    }
+
+  private:
+    Host& hostM;
+    std::vector<BAS::String> numbersM;
+    std::vector<BAS::DateTime> instantsM;
+    std::vector<Record> recordsM;
+    std::array<bool, mostCM> foundM{};
+    std::vector<std::optional<std::string>> originsM;
+};
+
+void appendText(Output& out, Change const& change, std::optional<std::string> const& origin) {
+    char instant[instantDigitsCM];
+    change.record.validFromM.toDigits(instant);
+    out.append({instant, sizeof instant});
+    out.append('\t');
+    out.append(change.number.view());
+    out.append('\t');
+    out.append(origin ? std::string_view(*origin) : "-");
+    out.append('\t');
+    out.append(change.record.networkIdM.view());
+    out.append('\n');
+}
+
+void appendJson(Output& out, Change const& change, std::optional<std::string> const& origin, bool first) {
+    Json const object = {{"at", digits(change.record.validFromM)},
+                         {"number", change.number.str()},
+                         {"from", origin ? Json(asUtf8(*origin)) : Json()},
+                         {"to", asUtf8(change.record.networkIdM.view())}};
+    out.append(first ? std::string_view("\n") : ",\n");
+    out.append(object.dump());
+}
+
+void appendHeading(Output& out, Changes const& changes, Period const& period) {
+    out.append("{\"from\":" + Json(digits(period.from)).dump());
+    out.append(",\"until\":" + (period.until.isValid() ? Json(digits(period.until)) : Json()).dump());
+    out.append(",\"count\":" + std::to_string(changes.size()) + ",\"upcoming\":[");
+}
+
+void write(Host& host, Changes const& changes, Period const& period, bool json) {
+    Output out(STDOUT_FILENO);
+    OriginSearch search(host);
+    if (json)
+        appendHeading(out, changes, period);
+    for (std::size_t begin = 0; begin < changes.size(); begin += OriginSearch::mostCM) {
+        auto const some = std::span(changes).subspan(begin, std::min(OriginSearch::mostCM, changes.size() - begin));
+        Origins const origins = search.find(some);
+        for (std::size_t i = 0; i < some.size(); ++i)
+            if (json)
+                appendJson(out, some[i], origins[i], begin + i == 0);
+            else
+                appendText(out, some[i], origins[i]);
+    }
+    if (json)
+        out.append(std::string_view("]}\n"));
+    out.flush();
+}
+
+} // namespace
+
+int upcoming(UpcomingOptions const& options) {
+    Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
+    if (period.until < period.from) // false of an invalid one
+        throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
+                        (options.from ? "" : " (now)") + " is later than " + digits(period.until) + " of --until");
+    Host host(readConfiguration(options.common.configuration), options.common);
+    host.start();
+    write(host, collect(host, period), period, options.json);
+    return FINE;
+}
+
+} // namespace nphost

@@ -1,0 +1,45 @@
+#include "host/module/LookUpBatch.h"
+
+#include <new>
+#include <span>
+
+namespace nphost {
+
+LookUpBatch::LookUpBatch(LoadedPlugIn& plugIn, std::size_t capacity)
+    : plugInM(plugIn), numbersM(capacity), instantsM(capacity), recordsM(capacity),
+      foundM(std::make_unique<bool[]>(capacity)) {}
+
+// Where memory does not suffice for all, it may for each. What cannot be looked up even so is not "not found".
+void LookUpBatch::search(std::optional<unsigned int> method) {
+    try {
+        searchTogether(method);
+    } catch (std::bad_alloc const&) {
+        for (std::size_t i = 0; i < countM; ++i)
+            foundM[i] = searchOne(i, method);
+    }
+}
+
+void LookUpBatch::clear() {
+    for (std::size_t i = 0; holdsLongM && i < countM; ++i)
+        numbersM[i] = BAS::String();
+    holdsLongM = false;
+    countM = 0;
+}
+
+void LookUpBatch::searchTogether(std::optional<unsigned int> method) {
+    std::span const numbers(numbersM.cbegin(), countM);
+    std::span const instants(instantsM.cbegin(), countM);
+    std::span const records(recordsM.begin(), countM);
+    std::span const found(foundM.get(), countM);
+    if (method)
+        plugInM.search(numbers, instants, records, found, *method);
+    else
+        plugInM.search(numbers, instants, records, found);
+}
+
+bool LookUpBatch::searchOne(std::size_t i, std::optional<unsigned int> method) {
+    return method ? plugInM.search(numbersM[i], instantsM[i], recordsM[i], *method)
+                  : plugInM.search(numbersM[i], instantsM[i], recordsM[i]);
+}
+
+} // namespace nphost

@@ -1,0 +1,99 @@
+#include "host/records/JsonReader.h"
+
+#include <algorithm>
+#include <charconv>
+#include <simdjson.h>
+
+namespace nphost {
+
+static_assert(RecordReader::paddingCM >= simdjson::SIMDJSON_PADDING);
+
+struct JsonReader::Library {
+    using Element = simdjson::dom::element;
+
+    // Never with an exponent; a number that is too long for that is none.
+    template <class Number, class... Format>
+    static std::string_view digits(Number number, std::array<char, numberLengthCM>& place, Format... format) {
+        auto const [end, error] = std::to_chars(place.data(), place.data() + place.size(), number, format...);
+        return error == std::errc() ? std::string_view(place.data(), static_cast<std::size_t>(end - place.data()))
+                                    : std::string_view();
+    }
+
+    // What a member says, as a text.
+    static std::string_view textOf(Element value, std::array<char, numberLengthCM>& place, std::string& list) {
+        switch (value.type()) {
+        case simdjson::dom::element_type::STRING:
+            return value.get_string().value_unsafe();
+        case simdjson::dom::element_type::INT64:
+            return digits(value.get_int64().value_unsafe(), place);
+        case simdjson::dom::element_type::UINT64:
+            return digits(value.get_uint64().value_unsafe(), place);
+        case simdjson::dom::element_type::DOUBLE:
+            return digits(value.get_double().value_unsafe(), place, std::chars_format::fixed);
+        case simdjson::dom::element_type::ARRAY:
+        case simdjson::dom::element_type::OBJECT:
+            return list = simdjson::minify(value);
+        default:
+            return {};
+        }
+    }
+
+    simdjson::dom::parser parser;
+};
+
+JsonReader::JsonReader(std::vector<std::string> wanted, std::vector<std::string> forbidden)
+    : wantedM(std::move(wanted)), forbiddenM(std::move(forbidden)), libraryM(std::make_unique<Library>()),
+      numbersM(wantedM.size()), listsM(wantedM.size()) {}
+
+JsonReader::~JsonReader() = default;
+
+void JsonReader::begin(std::string_view text, std::uint64_t firstLine) {
+    restM = text;
+    lineM = firstLine;
+}
+
+bool JsonReader::next(Record& record) {
+    if (restM.empty())
+        return false;
+    std::size_t const length = lineLength(restM);
+    std::string_view const line = length > 0 ? restM.substr(0, length) : restM;
+    setText(record, line);
+    restM.remove_prefix(line.size());
+    record.line = lineM++;
+    record.problem = Problem::NONE;
+    record.values.clear();
+    if (record.text.find_first_not_of(" \t\r") == std::string_view::npos)
+        return true;
+    record.problem = read(record);
+    if (record.problem != Problem::NONE)
+        record.values.clear();
+    return true;
+}
+
+Problem JsonReader::read(Record& record) {
+    simdjson::dom::object object;
+    simdjson::error_code const error =
+        libraryM->parser.parse(record.text.data(), record.text.size(), false).get_object().get(object);
+    if (error == simdjson::MEMALLOC)
+        throw std::bad_alloc();
+    if (error != simdjson::SUCCESS)
+        return Problem::BROKEN_JSON;
+    record.values.resize(wantedM.size());
+    std::size_t found = 0;
+    for (auto const [name, value] : object) {
+        auto const wanted = std::find(wantedM.begin(), wantedM.end(), name);
+        if (wanted != wantedM.end()) {
+            auto const i = static_cast<std::size_t>(wanted - wantedM.begin());
+            if (record.values[i].data() != nullptr)
+                return Problem::MISSING_MEMBER;
+            std::string_view const text = Library::textOf(value, numbersM[i], listsM[i]);
+            record.values[i] = text.empty() ? std::string_view("") : text; // not null: it is there
+            ++found;
+        } else if (std::find(forbiddenM.begin(), forbiddenM.end(), name) != forbiddenM.end()) {
+            return Problem::NAME_TAKEN;
+        }
+    }
+    return found == wantedM.size() ? Problem::NONE : Problem::MISSING_MEMBER;
+}
+
+} // namespace nphost

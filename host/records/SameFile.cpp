@@ -1,0 +1,43 @@
+#include "host/records/SameFile.h"
+
+#include "framework/BAS/RegisteredObject.h"
+#include "framework/STR/FilePlace.h"
+
+#include <system_error>
+
+namespace nphost {
+
+bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& other) {
+    std::error_code error;
+    if (std::filesystem::equivalent(one, other, error))
+        return true;
+    auto const place = [&error](std::filesystem::path const& path) {
+        std::filesystem::path const whole = std::filesystem::absolute(STR::followLinks(path.native()), error);
+        return error ? path : std::filesystem::weakly_canonical(whole, error);
+    };
+    return place(one) == place(other);
+}
+
+char const* KeptFiles::nameOf(std::filesystem::path const& target) const {
+    if (!dataFile.empty() && isSameFile(dataFile, target))
+        return "the data file itself";
+    if (isSameFile(configuration, target))
+        return "the configuration file";
+    if (!logFile.empty() && isSameFile(logFile, target))
+        return "the log file";
+    if (!socket.empty() && isSameFile(socket, target))
+        return "the control socket";
+    std::error_code error;
+    char const* const shown = "/dev/stderr";
+    bool const isLog = standardError && std::filesystem::is_regular_file(shown, error) && isSameFile(shown, target);
+    return isLog ? "standard error, the log" : nullptr;
+}
+
+void reportPrintRefused(std::string const& target, char const* what) {
+    BAS::Status status;
+    status.set("nphost", "ERR_HOST_PRINT_REFUSED", BAS::Status::MAJOR,
+               BAS::Status::Arguments{BAS::String(target), BAS::String(what)});
+    BAS::RegisteredObject::writeLog(status);
+}
+
+} // namespace nphost
