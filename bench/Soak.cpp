@@ -11,7 +11,7 @@
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
 #include "framework/PLG/DataPlugIn.h"
-#include "store/NumberPortabilityData.h"
+#include "plugin/Operations.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -89,8 +89,8 @@ class Events : public BAS::RegisteredObject {
     Outcomes& outcomesM;
 };
 
-using Search = bool (*)(PLG::DataPlugIn*, BAS::String const&, BAS::DateTime const&,
-                        DAT::NumberPortability::NumberPortabilityData&);
+using DAT::NumberPortability::PlugIn;
+using Search = decltype(DAT::NumberPortability::Operations::search);
 
 // What the readers know of the data: generations from `least`, whose reload has returned, to `most`, the one under way.
 struct Truth {
@@ -106,7 +106,7 @@ struct Reader {
     Histogram busy;
 };
 
-void look(PLG::DataPlugIn* plugIn, Search search, Options const& options, Truth& truth, Reader& reader, unsigned seed) {
+void look(PlugIn& plugIn, Search search, Options const& options, Truth& truth, Reader& reader, unsigned seed) {
     std::mt19937_64 random(seed);
     BAS::DateTime const when("20240101000000");
     DAT::NumberPortability::NumberPortabilityData out;
@@ -224,11 +224,8 @@ int soak(Options const& options, std::filesystem::path const& folder) {
         std::fprintf(stderr, "npsoak: %s\n", dlerror()); // NOLINT(concurrency-mt-unsafe)
         return 2;
     }
-    auto* const start =
-        reinterpret_cast<void* (*)(BAS::String const&)>(dlsym(module, "DAT_NumberPortabilityModuleStart"));
-    auto* const search = reinterpret_cast<Search>(
-        dlsym(module,
-              "_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_21NumberPortabilityDataE"));
+    auto* const operations = reinterpret_cast<decltype(&NumberPortabilityOperations)>(
+        dlsym(module, "NumberPortabilityOperations")); // built together, so they fit
 
     writeGeneration(folder / "main", options, 0);
     BAS::RegistryEntry const registry = registryFor(folder / "main");
@@ -237,7 +234,8 @@ int soak(Options const& options, std::filesystem::path const& folder) {
     BAS::RegisteredObject::installLogSink(&outcomes);
     Root const root;
     Events const events(outcomes);
-    std::unique_ptr<PLG::DataPlugIn> const plugIn(static_cast<PLG::DataPlugIn*>(start("NP")));
+    PlugIn* const object = operations()->create("NP");
+    std::unique_ptr<PLG::DataPlugIn> const plugIn(object);
     if (!plugIn->init())
         return 2;
     BAS::InstrumentationProbeList list;
@@ -248,7 +246,7 @@ int soak(Options const& options, std::filesystem::path const& folder) {
     std::vector<std::thread> threads;
     for (Reader& reader : readers)
         threads.emplace_back([&, seed = static_cast<unsigned>(threads.size())] {
-            look(plugIn.get(), search, options, truth, reader, seed);
+            look(*object, operations()->search, options, truth, reader, seed);
         });
     std::this_thread::sleep_for(std::chrono::duration<double>(options.seconds / 10));
     truth.loading = true;

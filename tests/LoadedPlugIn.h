@@ -5,8 +5,7 @@
 #include "framework/BAS/InstrumentationProbeGroup.h"
 #include "framework/OMF/InstrumentationProbeBrokerIf.h"
 #include "framework/PLG/DataPlugIn.h"
-#include "plugin/PlugIn.h"
-#include "store/NumberPortabilityData.h"
+#include "plugin/Operations.h"
 #include "tests/TemporaryFolder.h"
 
 #include <algorithm>
@@ -95,15 +94,12 @@ class EventHandler : public BAS::RegisteredObject {
 class LoadedPlugIn : public testing::Test {
   protected:
     using Entries = std::vector<std::string>;
-    using Search = bool (*)(PLG::DataPlugIn*, BAS::String const&, BAS::DateTime const&,
-                            DAT::NumberPortability::NumberPortabilityData&);
 
     LoadedPlugIn() {
         OMF::InstrumentationProbeBrokerIf::installFolder(NP_LIBRARY_FOLDER);
         moduleM = dlopen(NP_MODULE, RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(moduleM, nullptr) << dlerror(); // NOLINT(concurrency-mt-unsafe)
-        searchM = symbol<Search>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeERNS0_"
-                                 "21NumberPortabilityDataE");
+        operationsM = symbol<decltype(&NumberPortabilityOperations)>("NumberPortabilityOperations")();
         set("FileName", file);
         set("CountryCode", "44");
         set("NationalAccessCode", "0");
@@ -147,7 +143,8 @@ class LoadedPlugIn : public testing::Test {
     }
     std::string answer(char const* number, char const* instant = "20240101000000") {
         DAT::NumberPortability::NumberPortabilityData out;
-        return searchM(plugIn.get(), number, BAS::DateTime(BAS::String(instant)), out) ? out.networkIdM.c_str() : "-";
+        return operationsM->search(object(), number, BAS::DateTime(BAS::String(instant)), out) ? out.networkIdM.c_str()
+                                                                                               : "-";
     }
     // Writes a probe; false when there is none of that name.
     bool probe(std::string const& name, std::string const& value) {
@@ -159,24 +156,17 @@ class LoadedPlugIn : public testing::Test {
                 return (*group)[i]->setValue(BAS::String(value));
         return false;
     }
-    // Members of the plug-in that are no operations of the framework's.
+    // Operations of the plug-in that are not the framework's.
     bool carryOut(DAT::NumberPortability::PlugIn::ProbeMode mode, std::string const& value) {
-        return symbol<bool (*)(PLG::DataPlugIn*, DAT::NumberPortability::PlugIn::ProbeMode, BAS::String const&)>(
-            "_ZN3DAT17NumberPortability6PlugIn8carryOutENS1_9ProbeModeERKN3BAS6StringE")(plugIn.get(), mode,
-                                                                                         BAS::String(value));
+        return operationsM->carryOut(object(), mode, BAS::String(value));
     }
-    DAT::NumberPortability::ServiceStatus serviceStatus() {
-        return symbol<DAT::NumberPortability::ServiceStatus (*)(PLG::DataPlugIn*)>(
-            "_ZN3DAT17NumberPortability6PlugIn13serviceStatusEv")(plugIn.get());
-    }
+    DAT::NumberPortability::ServiceStatus serviceStatus() { return operationsM->serviceStatus(object()); }
     bool visitFile(std::string const& name, DAT::NumberPortability::LineVisitor const& visit) {
-        return symbol<bool (*)(PLG::DataPlugIn*, BAS::String const&, DAT::NumberPortability::LineVisitor const&)>(
-            "_ZN3DAT17NumberPortability6PlugIn9visitFileERKN3BAS6StringERKSt8functionIFvRKNS0_8FileLineEEE")(
-            plugIn.get(), BAS::String(name), visit);
+        return operationsM->visitFile(object(), BAS::String(name), visit);
     }
-    void stopLoads() {
-        symbol<void (*)(PLG::DataPlugIn*)>("_ZN3DAT17NumberPortability6PlugIn9stopLoadsEv")(plugIn.get());
-    }
+    void stopLoads() { operationsM->stopLoads(object()); }
+    // Not by a static_cast, which the sanitizer would look up in a class that only the module has.
+    DAT::NumberPortability::PlugIn& object() { return reinterpret_cast<DAT::NumberPortability::PlugIn&>(*plugIn); }
     // Performs an update: its result and whether it was handled, as "true handled".
     std::string update(std::vector<std::pair<std::string, std::string>> const& commands) {
         BAS::RegistryEntry tree("NP");
@@ -194,9 +184,9 @@ class LoadedPlugIn : public testing::Test {
     RootObject root;
     EventHandler eventHandler{journal};
     std::unique_ptr<PLG::DataPlugIn> plugIn;
+    DAT::NumberPortability::Operations const* operationsM = nullptr; // the module's
 
   private:
     BAS::RegistryEntry registryM{"ROOT"};
     void* moduleM = nullptr;
-    Search searchM = nullptr;
 };

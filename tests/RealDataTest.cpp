@@ -55,8 +55,6 @@ std::string bruteForce(std::vector<Line> const& lines, std::string const& number
 
 class RealData : public LoadedPlugIn, public testing::WithParamInterface<std::vector<std::string>> {
   protected:
-    using SearchBy = bool (*)(PLG::DataPlugIn*, BAS::String const&, BAS::DateTime const&,
-                              DAT::NumberPortability::NumberPortabilityData&, unsigned);
     static inline std::string const folderOfData = NP_SOURCE_FOLDER "/../shared/data/";
 };
 
@@ -82,8 +80,6 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
     for (std::string const& entry : journal.take())
         EXPECT_TRUE(entry.starts_with("INF_") || entry.starts_with("EVT::ADD_NUM_PORT_DATA_SUCC")) << entry;
 
-    auto* const searchBy = symbol<SearchBy>("_ZN3DAT17NumberPortability6PlugIn6searchERKN3BAS6StringERKNS2_8DateTimeE"
-                                            "RNS0_21NumberPortabilityDataEj");
     std::size_t found = 0;
     for (std::size_t i = 0; i < lines.size(); i += 1 + lines.size() / 300) {
         Line const& line = lines[i];
@@ -93,8 +89,8 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
                  {line.validFrom, std::string("20150601120000"), std::string("20270101000000")})
                 for (unsigned const method : {0U, 1U, 2U}) {
                     DAT::NumberPortability::NumberPortabilityData out;
-                    bool const answered =
-                        searchBy(plugIn.get(), BAS::String(number), BAS::DateTime(BAS::String(instant)), out, method);
+                    bool const answered = operationsM->searchBy(object(), BAS::String(number),
+                                                                BAS::DateTime(BAS::String(instant)), out, method);
                     ASSERT_EQ(answered ? out.networkIdM.c_str() : "-", bruteForce(lines, number, instant, method))
                         << number << " at " << instant << " by " << method;
                     found += answered ? 1 : 0;

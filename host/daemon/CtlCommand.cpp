@@ -7,6 +7,7 @@
 #include "host/base/Text.h"
 #include "host/config/Configuration.h"
 #include "host/daemon/ControlProtocol.h"
+#include "host/fields/FieldOptions.h"
 #include "host/fields/NumberText.h"
 #include "host/fields/Numbers.h"
 #include "host/log/LogReport.h"
@@ -16,18 +17,53 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+#include <string>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace nphost {
 
 namespace {
 
 using Json = nlohmann::json;
+
+constexpr char const* helpCM =
+    R"('nphost ctl COMMAND --help' explains a command. The daemon is found by --socket or by
+the key 'socket' that --config names.
+
+Examples:
+  nphost ctl --config /etc/numberportability/nphost.toml status
+  nphost ctl --socket /run/numberportability/nphost.socket reload --wait
+
+Exit status:
+  0  fine: found, usable, carried out
+  1  not found, not usable, failed or not handled
+  2  a usage error, no daemon, or a refused request; one line on standard error says why)";
+
+struct CtlOptions {
+    std::filesystem::path socket;        // or
+    std::filesystem::path configuration; // which names it
+    bool json = false;
+
+    std::string command; // its name
+    std::vector<std::string> numbers;
+    std::optional<std::string> at;
+    std::optional<unsigned int> method;
+    bool normalise = false;
+    bool noReuse = false;
+    bool force = false;
+    bool follow = false;
+    std::optional<bool> wait; // none: when standard output is a terminal
+    std::string file;
+    std::vector<std::string> keys; // KEY=VALUE
+};
 
 constexpr std::size_t numbersARequestCM = 500;
 constexpr std::size_t numberBytesARequestCM = 32UL * 1024;
@@ -123,58 +159,23 @@ class Ctl {
     Ctl(CtlOptions const& options, std::filesystem::path const& socket)
         : optionsM(options), daemonM(socket), outM(STDOUT_FILENO) {}
 
-    int run() {
-        int const status = command();
+    int run(int (Ctl::*command)()) {
+        int const status = (this->*command)();
         outM.flush();
         return status;
     }
 
-  private:
-    int command() {
-        std::string const& name = optionsM.command;
-        if (name == "status")
-            return status();
-        if (name == "lookup")
-            return lookup();
-        if (name == "explain")
-            return explain();
-        if (name == "reload")
-            return request({{"command", name}, {"reuse", !optionsM.noReuse}, {"force", optionsM.force}});
-        if (name == "delta")
-            return request({{"command", name}, {"file", absolute(optionsM.file)}, {"force", optionsM.force}});
-        if (name == "print")
-            return optionsM.file.empty() ? request({{"command", name}})
-                                         : request({{"command", name}, {"file", absolute(optionsM.file)}});
-        if (name == "update")
-            return update();
-        return name == "probes" ? probes() : log();
+    int reload() { return request({{"command", "reload"}, {"reuse", !optionsM.noReuse}, {"force", optionsM.force}}); }
+
+    int delta() {
+        return request({{"command", "delta"}, {"file", absolute(optionsM.file)}, {"force", optionsM.force}});
     }
 
-    void line(std::string_view text) {
-        outM.append(text);
-        outM.append('\n');
-    }
-    void field(std::string label, std::string_view value) {
-        constexpr std::size_t width = 18;
-        label.resize(std::max(width, label.size() + 1), ' ');
-        line(label.append(value));
-    }
-    // With --json the answer is shown as it came, and nothing else.
-    bool shownRaw(Json const& answer) {
-        if (optionsM.json)
-            line(answer.dump());
-        return optionsM.json;
-    }
-
-    // The daemon has a folder of its own, and JSON has no bytes that are not UTF-8.
-    static std::string absolute(std::string const& file) {
-        std::string name = std::filesystem::absolute(file).native(); // not normalised: '..' may follow a link
-        return checked(std::move(name));
-    }
-    static std::string checked(std::string text) {
-        if (asUtf8(text) != text)
-            throw HostError("'" + shortened(text) + "' is not UTF-8 and cannot be sent");
-        return text;
+    int print() {
+        Json asked = {{"command", "print"}};
+        if (!optionsM.file.empty())
+            asked["file"] = absolute(optionsM.file);
+        return request(std::move(asked));
     }
 
     int status() {
@@ -201,6 +202,126 @@ class Ctl {
         field("Memory:", std::to_string(answer.at("memoryBytes").get<std::uint64_t>() / 1024) + " KiB");
         field("Process:", answer.at("process").dump());
         return result;
+    }
+
+    int lookup() {
+        for (std::string const& number : optionsM.numbers)
+            if (!optionsM.normalise && !hasDigit(number)) // else the daemon knows
+                throw HostError("'" + shortened(number) + "' is not a number");
+        Json request = question("lookup");
+        std::size_t most = numbersARequestCM;
+        bool allFound = true;
+        for (std::size_t next = 0; next < optionsM.numbers.size();) {
+            Json numbers = numbersFrom(next, most);
+            std::size_t const count = numbers.size();
+            request["numbers"] = std::move(numbers);
+            std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
+            if (!answer) {
+                most = count / 2;
+                continue;
+            }
+            next += count;
+            request["at"] = answer->at("at"); // one instant for all, also when it is now
+            allFound = showAnswers(*answer) && allFound;
+        }
+        return allFound ? FINE : NOT_FOUND;
+    }
+
+    int explain() {
+        Json request = question("explain");
+        request["number"] = checked(optionsM.numbers.front());
+        Json const answer = daemonM.ask(std::move(request));
+        auto const configured = answer.at("configured").get<std::string>();
+        int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
+        if (shownRaw(answer))
+            return result;
+        field("Number:", orDash(answer.at("number")));
+        field("At:", readable(answer.at("at")));
+        histories(answer.at("prefixes"), answer.at("at").get<std::string>());
+        line("\nChosen by each search method:");
+        for (char const* const method : {"best", "exact", "shortest"})
+            choice(method, answer.at("methods").at(method), method == configured);
+        nextChange(answer.at("nextChange"), configured);
+        return result;
+    }
+
+    int update() {
+        Json keys = Json::object();
+        for (std::string const& key : optionsM.keys) {
+            std::size_t const equals = key.find('=');
+            if (equals == std::string::npos || equals == 0)
+                throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
+            std::string const name = checked(key.substr(0, equals));
+            std::string value = checked(key.substr(equals + 1));
+            bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
+            if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
+                throw HostError("the key '" + shortened(name) + "' is given twice");
+        }
+        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}, {"force", optionsM.force}});
+        if (!shownRaw(answer)) {
+            field("Result:", answer.at("result").dump());
+            field("Handled:", answer.at("handled").dump());
+            for (Json const& report : eachOnce(answer.at("reports")))
+                showReport(report);
+            leftOut(answer);
+            if (Json const check = answer.value("check", Json()); isChecked(check))
+                field("Check:", seconds(check.at("seconds")));
+        }
+        return answer.at("succeeded").get<bool>() ? FINE : NOT_FOUND;
+    }
+
+    int probes() {
+        Json const answer = daemonM.ask({{"command", "probes"}});
+        if (shownRaw(answer))
+            return FINE;
+        for (Json const& probe : answer.at("probes"))
+            field(orDash(probe.at("name")), orDash(probe.at("description")));
+        return FINE;
+    }
+
+    int log() {
+        Json const answer = daemonM.ask({{"command", "log"}, {"follow", optionsM.follow}});
+        for (Json const& report : answer.at("reports"))
+            showReport(report);
+        while (optionsM.follow) {
+            outM.flush();
+            Json const next = daemonM.next();
+            if (next.contains("lost") && shownRaw(next))
+                continue;
+            if (next.contains("lost"))
+                line("... " + next.at("lost").dump() + " reports came faster than they could be shown");
+            else
+                showReport(next.at("report"));
+        }
+        return FINE;
+    }
+
+  private:
+    void line(std::string_view text) {
+        outM.append(text);
+        outM.append('\n');
+    }
+    void field(std::string label, std::string_view value) {
+        constexpr std::size_t width = 18;
+        label.resize(std::max(width, label.size() + 1), ' ');
+        line(label.append(value));
+    }
+    // With --json the answer is shown as it came, and nothing else.
+    bool shownRaw(Json const& answer) {
+        if (optionsM.json)
+            line(answer.dump());
+        return optionsM.json;
+    }
+
+    // The daemon has a folder of its own, and JSON has no bytes that are not UTF-8.
+    static std::string absolute(std::string const& file) {
+        std::string name = std::filesystem::absolute(file).native(); // not normalised: '..' may follow a link
+        return checked(std::move(name));
+    }
+    static std::string checked(std::string text) {
+        if (asUtf8(text) != text)
+            throw HostError("'" + shortened(text) + "' is not UTF-8 and cannot be sent");
+        return text;
     }
 
     void progress(char const* label, Json const& far) {
@@ -266,31 +387,8 @@ class Ctl {
         if (optionsM.at)
             request["at"] = *optionsM.at;
         if (optionsM.method)
-            request["method"] = *optionsM.method;
+            request["method"] = nameOfSearchMethod(*optionsM.method);
         return request;
-    }
-
-    int lookup() {
-        for (std::string const& number : optionsM.numbers)
-            if (!optionsM.normalise && !hasDigit(number)) // else the daemon knows
-                throw HostError("'" + shortened(number) + "' is not a number");
-        Json request = question("lookup");
-        std::size_t most = numbersARequestCM;
-        bool allFound = true;
-        for (std::size_t next = 0; next < optionsM.numbers.size();) {
-            Json numbers = numbersFrom(next, most);
-            std::size_t const count = numbers.size();
-            request["numbers"] = std::move(numbers);
-            std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
-            if (!answer) {
-                most = count / 2;
-                continue;
-            }
-            next += count;
-            request["at"] = answer->at("at"); // one instant for all, also when it is now
-            allFound = showAnswers(*answer) && allFound;
-        }
-        return allFound ? FINE : NOT_FOUND;
     }
 
     // As many of the numbers from that one on as go into a request, and `most` at the most.
@@ -317,24 +415,6 @@ class Ctl {
                      column(found.at("validFrom")) + "\t" + column(found.at("network")));
         }
         return allFound;
-    }
-
-    int explain() {
-        Json request = question("explain");
-        request["number"] = checked(optionsM.numbers.front());
-        Json const answer = daemonM.ask(std::move(request));
-        auto const configured = answer.at("configured").get<std::string>();
-        int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
-        if (shownRaw(answer))
-            return result;
-        field("Number:", orDash(answer.at("number")));
-        field("At:", readable(answer.at("at")));
-        histories(answer.at("prefixes"), answer.at("at").get<std::string>());
-        line("\nChosen by each search method:");
-        for (char const* const method : {"best", "exact", "shortest"})
-            choice(method, answer.at("methods").at(method), method == configured);
-        nextChange(answer.at("nextChange"), configured);
-        return result;
     }
 
     void histories(Json const& prefixes, std::string const& at) {
@@ -428,57 +508,6 @@ class Ctl {
             line("... and " + std::to_string(count) + " more reports, in the daemon's log");
     }
 
-    int update() {
-        Json keys = Json::object();
-        for (std::string const& key : optionsM.keys) {
-            std::size_t const equals = key.find('=');
-            if (equals == std::string::npos || equals == 0)
-                throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
-            std::string const name = checked(key.substr(0, equals));
-            std::string value = checked(key.substr(equals + 1));
-            bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
-            if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
-                throw HostError("the key '" + shortened(name) + "' is given twice");
-        }
-        Json const answer = daemonM.ask({{"command", "update"}, {"keys", std::move(keys)}, {"force", optionsM.force}});
-        if (!shownRaw(answer)) {
-            field("Result:", answer.at("result").dump());
-            field("Handled:", answer.at("handled").dump());
-            for (Json const& report : eachOnce(answer.at("reports")))
-                showReport(report);
-            leftOut(answer);
-            if (Json const check = answer.value("check", Json()); isChecked(check))
-                field("Check:", seconds(check.at("seconds")));
-        }
-        return answer.at("succeeded").get<bool>() ? FINE : NOT_FOUND;
-    }
-
-    int probes() {
-        Json const answer = daemonM.ask({{"command", "probes"}});
-        if (shownRaw(answer))
-            return FINE;
-        for (Json const& probe : answer.at("probes"))
-            field(orDash(probe.at("name")), orDash(probe.at("description")));
-        return FINE;
-    }
-
-    int log() {
-        Json const answer = daemonM.ask({{"command", "log"}, {"follow", optionsM.follow}});
-        for (Json const& report : answer.at("reports"))
-            showReport(report);
-        while (optionsM.follow) {
-            outM.flush();
-            Json const next = daemonM.next();
-            if (next.contains("lost") && shownRaw(next))
-                continue;
-            if (next.contains("lost"))
-                line("... " + next.at("lost").dump() + " reports came faster than they could be shown");
-            else
-                showReport(next.at("report"));
-        }
-        return FINE;
-    }
-
     void showReport(Json const& report) {
         if (shownRaw(report))
             return;
@@ -503,14 +532,110 @@ std::filesystem::path socketOf(CtlOptions const& options) {
     return socket;
 }
 
-} // namespace
-
-int ctl(CtlOptions const& options) {
+int ctl(CtlOptions const& options, int (Ctl::*command)()) {
     try {
-        return Ctl(options, socketOf(options)).run();
+        return Ctl(options, socketOf(options)).run(command);
     } catch (Json::exception const& error) {
         throw HostError("the daemon's answer lacks something: " + std::string(error.what()));
     }
 }
+
+void declareNothing(Arguments& /*arguments*/, CtlOptions& /*options*/) {}
+
+void declareQuestion(Arguments& arguments, CtlOptions& options) {
+    addInstant(arguments, "--at", options.at);
+    arguments.flag("--normalise", options.normalise, "Take numbers as people write them");
+}
+
+void declareLookup(Arguments& arguments, CtlOptions& options) {
+    arguments.add("NUMBER", "...", options.numbers, "The numbers").required();
+    addMethod(arguments, options.method);
+    declareQuestion(arguments, options);
+}
+
+void declareExplain(Arguments& arguments, CtlOptions& options) {
+    arguments.add("NUMBER", " ", options.numbers, "The number").required().exactly(1);
+    declareQuestion(arguments, options);
+}
+
+void declareLog(Arguments& arguments, CtlOptions& options) {
+    arguments.flag("--follow", options.follow, "Go on with those to come");
+}
+
+void declareWaiting(Arguments& arguments, CtlOptions& options) {
+    Option const wait = arguments.flag(
+        "--wait", [&options] { options.wait = true; }, "Wait for the outcome and show it; default on a terminal");
+    arguments
+        .flag(
+            "--no-wait", [&options] { options.wait = false; }, "Do not wait; default where there is no terminal")
+        .excludes(wait);
+}
+
+void declareForce(Arguments& arguments, CtlOptions& options) {
+    arguments.flag("--force", options.force, "Load the file whatever the guard would say of it");
+}
+
+void declareReload(Arguments& arguments, CtlOptions& options) {
+    arguments.flag("--no-reuse", options.noReuse, "Keep the old data when the last line of the file is no record");
+    declareWaiting(arguments, options);
+    declareForce(arguments, options);
+}
+
+void declareDelta(Arguments& arguments, CtlOptions& options) {
+    arguments.add("FILE", " ", options.file, "The file").required();
+    declareWaiting(arguments, options);
+    declareForce(arguments, options);
+}
+
+void declarePrint(Arguments& arguments, CtlOptions& options) {
+    arguments.add("FILE", " ", options.file, "The file to write; default: the daemon's standard output");
+    declareWaiting(arguments, options);
+}
+
+void declareUpdate(Arguments& arguments, CtlOptions& options) {
+    arguments.add("KEY=VALUE", "...", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
+        .required();
+    declareForce(arguments, options);
+}
+
+struct DaemonCommand {
+    char const* name;
+    char const* description;
+    void (*declare)(Arguments&, CtlOptions&);
+    int (Ctl::*run)();
+};
+
+constexpr DaemonCommand commandsCM[] = {
+    {"status", "Say how the daemon stands", declareNothing, &Ctl::status},
+    {"lookup", "Say to which network numbers belonged at an instant", declareLookup, &Ctl::lookup},
+    {"explain", "Show what is stored of a number, what is chosen and why", declareExplain, &Ctl::explain},
+    {"probes", "List the plug-in's probes", declareNothing, &Ctl::probes},
+    {"log", "Show the latest reports of the log", declareLog, &Ctl::log},
+    {"reload", "Reload the data file", declareReload, &Ctl::reload},
+    {"delta", "Add the records of a file, and rewrite the data file", declareDelta, &Ctl::delta},
+    {"print", "Print the records with their heading", declarePrint, &Ctl::print},
+    {"update", "Carry out a registry update and show what it reports", declareUpdate, &Ctl::update},
+};
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<CtlOptions>();
+    Option const socket = arguments.add("-s,--socket", "PATH", options->socket, "The daemon's control socket");
+    addConfiguration(arguments, common, "The configuration file that names it").excludes(socket);
+    arguments.flag("--json", options->json, "Show the daemon's answer, one JSON object a line");
+    arguments.footer(helpCM);
+    for (DaemonCommand const& each : commandsCM) {
+        Arguments own = arguments.command(each.name, each.description);
+        each.declare(own, *options);
+        own.runs([options, &common, &each] {
+            options->command = each.name;
+            options->configuration = common.configuration;
+            return ctl(*options, each.run);
+        });
+    }
+}
+
+} // namespace
+
+Command const ctlCommandCM = {"ctl", "Ask or command a daemon that 'nphost run' started", declare};
 
 } // namespace nphost

@@ -7,32 +7,10 @@
 // Complexity: linear in the answer. Look-ups of many numbers are sent in several requests.
 #pragma once
 
-#include <filesystem>
-#include <optional>
-#include <string>
-#include <vector>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct CtlOptions {
-    std::filesystem::path socket;        // or
-    std::filesystem::path configuration; // which names it
-    bool json = false;
-
-    std::string command;
-    std::vector<std::string> numbers;
-    std::optional<std::string> at;
-    std::optional<std::string> method;
-    bool normalise = false;
-    bool noReuse = false;
-    bool force = false;
-    bool follow = false;
-    std::optional<bool> wait; // none: when standard output is a terminal
-    std::string file;
-    std::vector<std::string> keys; // KEY=VALUE
-};
-
-// The exit status.
-int ctl(CtlOptions const& options);
+extern Command const ctlCommandCM;
 
 } // namespace nphost

@@ -7,17 +7,43 @@
 #include "host/daemon/ClientModules.h"
 #include "host/daemon/Daemon.h"
 #include "host/log/OwnReport.h"
+#include "host/module/Host.h"
 #include "host/records/SameFile.h"
 
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
+reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
+by 'nphost ctl'; the key 'clients' names modules that look numbers up within the daemon.
+
+With limits in [host.guard] the file is read before it is loaded, and refused if it
+crosses one; so is that of every reload and delta. --force lets the first load pass.
+
+Exit status: 0 stopped by a signal; 2 it could not start, 3 the guard refuses the data
+file; one line on standard error says why.
+
+Example:
+  nphost run --config /etc/numberportability/nphost.toml
+
+)";
+
+struct RunOptions {
+    CommonOptions common;
+    std::filesystem::path logFile; // empty: as configured
+    bool jsonLog = false;
+    bool force = false; // the first load is not checked
+};
 
 enum class FirstLoad { DONE, REFUSED, STOPPED };
 
@@ -65,8 +91,6 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
     return file;
 }
 
-} // namespace
-
 int runDaemon(RunOptions const& options) {
     Signals signals;
     StandardError::beOfService();
@@ -104,5 +128,25 @@ int runDaemon(RunOptions const& options) {
         .run();
     return FINE;
 }
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<RunOptions>();
+    addConfiguration(arguments, common).required();
+    auto const takeFormat = [options](std::string const& format) { options->jsonLog = format == "json"; };
+    arguments.read("--log-format", "STYLE", takeFormat, "text, or json: one object a line; default: text")
+        .among({"text", "json"});
+    arguments.flag("--force", options->force, "Load the data file whatever the guard would say of it");
+    arguments.add("--log-file", "FILE", options->logFile,
+                  "The file of the log; default: as configured, or standard error");
+    arguments.footer(helpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return runDaemon(*options);
+    });
+}
+
+} // namespace
+
+Command const runCommandCM = {"run", "Serve the data as a daemon until told to stop", declare};
 
 } // namespace nphost

@@ -8,20 +8,10 @@
 // Complexity: a load, then what it is asked for.
 #pragma once
 
-#include "host/module/Host.h"
-
-#include <filesystem>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct RunOptions {
-    CommonOptions common;
-    std::filesystem::path logFile; // empty: as configured
-    bool jsonLog = false;
-    bool force = false; // the first load is not checked
-};
-
-// The exit status.
-int runDaemon(RunOptions const& options);
+extern Command const runCommandCM;
 
 } // namespace nphost

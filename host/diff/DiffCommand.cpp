@@ -6,15 +6,65 @@
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/diff/DiffReport.h"
+#include "host/fields/FieldOptions.h"
+#include "host/module/Host.h"
 
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Reads both data files as a load would, by the dialling codes of the configuration; the
+data file that the configuration names is not touched and need not exist. Tells how
+many numbers are
+
+  gained      in the new file only
+  lost        in the old file only
+  moved       in both, and the network in force at the instant differs: that of the
+              number's latest record from then or before; '-' is nobody
+  lengthened  in both, and the old history is an unchanged part of the new one
+  rewritten   in both, and a record of the old history has another network, or is gone
+
+Without --list a summary with the moves from network to network. With it the numbers of
+one kind, one a line: number, old valid-from and network, new valid-from and network,
+separated by tabs. Those of gained and lost numbers are in force, or else the first to
+come; of moved ones, in force; of lengthened ones, the newest old record and the newest
+that has come; of rewritten ones, the newest record that changed or has gone, and what
+has its valid-from now. With --matrix the moves, most first, one pair of networks a line:
+from, to, numbers, separated by tabs; '*' for both is the rest, after 65536 pairs.
+
+Records that do not fit into --memory go to temporary files (TMPDIR), 32 bytes each.
+
+Examples:
+  nphost diff --config examples/nphost.toml yesterday.dat today.dat
+  nphost diff --config examples/nphost.toml --list moved yesterday.dat today.dat
+  nphost diff --config examples/nphost.toml --matrix yesterday.dat today.dat
+
+Exit status:
+  0  both files hold the same records
+  1  they differ
+  2  a usage, configuration or file error; one line on standard error says which)";
+
+struct DiffOptions {
+    static constexpr unsigned leastMemoryCM = 1;
+    static constexpr unsigned mostMemoryCM = 65536;
+
+    CommonOptions common;
+    std::string before;
+    std::string after;
+    std::optional<std::string> at; // none: now
+    std::optional<Difference> list;
+    bool matrix = false; // neither list nor json
+    unsigned memory = 512;
+    bool json = false;
+};
 
 using DAT::NumberPortability::DataSummary;
 using DAT::NumberPortability::FileLine;
@@ -97,8 +147,6 @@ void complete(FileTotals& file, SideCounts const& counts) {
     file.lines.duplicates = counts.duplicates;
 }
 
-} // namespace
-
 int diff(DiffOptions const& options) {
     DiffTotals totals = {instantOf(options.at, BAS::DateTime::now()), {options.before, {}}, {options.after, {}}, {}};
     Comparing comparing(options);
@@ -114,5 +162,38 @@ int diff(DiffOptions const& options) {
     report->flush();
     return totals.result.isEqual() ? FINE : NOT_FOUND;
 }
+
+Difference differenceOf(std::string const& name) {
+    auto const* const found = std::find(differenceNamesCM.begin(), differenceNamesCM.end(), name);
+    return static_cast<Difference>(found - differenceNamesCM.begin()); // one of them, as the parser sees to
+}
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<DiffOptions>();
+    addConfiguration(arguments, common).required();
+    arguments.add("OLD", " ", options->before, "The data file before").required();
+    arguments.add("NEW", " ", options->after, "The data file after").required();
+    addInstant(arguments, "--at", options->at, "When numbers must be in force; ");
+    auto const takeList = [options](std::string const& name) { options->list = differenceOf(name); };
+    Option const list =
+        arguments.read("--list", "WHAT", takeList, "List numbers: gained, lost, moved, lengthened or rewritten")
+            .among({differenceNamesCM.begin(), differenceNamesCM.end()});
+    arguments.add("--memory", "MIB", options->memory, "Keep records in so much memory, in MiB; default: 512")
+        .between(DiffOptions::leastMemoryCM, DiffOptions::mostMemoryCM);
+    Option const json =
+        arguments.flag("--json", options->json, "Write one JSON object; with --list it has the numbers, too");
+    arguments.flag("--matrix", options->matrix, "Write how many numbers moved from which network to which")
+        .excludes(list)
+        .excludes(json);
+    arguments.footer(helpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return diff(*options);
+    });
+}
+
+} // namespace
+
+Command const diffCommandCM = {"diff", "Say what has changed from one data file to another", declare};
 
 } // namespace nphost

@@ -12,29 +12,11 @@
 // Complexity: n log n in the lines. Listed numbers are written as they are found.
 #pragma once
 
+#include "host/base/Arguments.h"
 #include "host/diff/FileComparison.h"
-#include "host/module/Host.h"
-
-#include <optional>
-#include <string>
 
 namespace nphost {
 
-struct DiffOptions {
-    static constexpr unsigned leastMemoryCM = 1;
-    static constexpr unsigned mostMemoryCM = 65536;
-
-    CommonOptions common;
-    std::string before;
-    std::string after;
-    std::optional<std::string> at; // none: now
-    std::optional<Difference> list;
-    bool matrix = false; // neither list nor json
-    unsigned memory = 512;
-    bool json = false;
-};
-
-// The exit status: FINE when both files hold the same records, else NOT_FOUND.
-int diff(DiffOptions const& options);
+extern Command const diffCommandCM;
 
 } // namespace nphost

@@ -6,19 +6,83 @@
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/enrich/EnrichPipeline.h"
+#include "host/fields/FieldOptions.h"
+#include "host/module/Host.h"
 #include "host/records/FileRoles.h"
+#include "host/records/RecordOptions.h"
 #include "host/records/ResultTarget.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Writes the records as they came, in their order, with COLUMN_network added for each
+number: the network that it belonged to at the record's time; empty (in NDJSON null)
+when no record of the data holds, or there is no number.
+
+Formats: CSV with quoting as in RFC 4180, any separator of one byte, NDJSON; by the
+name of the first input unless --format says otherwise. Inputs may be gzip or zstd,
+whatever their names; the output is compressed if its name ends in .gz or .zst.
+COLUMN is a name of the header, or a number from 1; of NDJSON a member's name.
+
+Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601, date and time, with or without an offset),
+seconds or milliseconds since 1970, or a pattern as for strptime. --zone is the zone of
+the data; times without an offset are taken to be in it: one that came twice when
+clocks were put back holds for both, one that they left out is moved forward. The
+summary counts them.
+
+Records that cannot be used go whole to the rejects, a CSV file with the columns file,
+line, reason and record: that of --rejects, or with --output FILE to FILE.rejects.
+Without either, or with --keep, they stay in the output: in CSV with empty fields, in
+NDJSON with nulls, but what is no object, or has a name to be added, as it is.
+
+Examples:
+  nphost enrich --config examples/nphost.toml --number caller --number called
+      --time start --normalise --output calls-with-networks.csv calls.csv
+  zcat calls.gz | nphost enrich --config examples/nphost.toml --no-header
+      --number 2 --time 1 --keep > enriched.csv
+
+Exit status:
+  0  every record could be used; numbers that were not found are counted, no more
+  1  records were rejected, or stayed unused in the output; or there were more than
+     --max-rejects, and the output file is as it was
+  2  a usage, configuration or file error; one line on standard error says which. A
+     summary (--json) that cannot be written is one, too, but the files are in place)";
+
+struct EnrichOptions {
+    CommonOptions common;
+    std::vector<std::string> inputs; // none: standard input, as "-"
+    std::vector<std::string> numbers;
+    std::string time;
+    std::string timeFormat = "digits";
+    std::string zone = "UTC";
+    std::string format; // csv, tsv, ndjson; empty: by the first input's name
+    std::optional<std::string> separator;
+    std::vector<std::string> added; // empty: the network
+    std::optional<unsigned int> method;
+    std::optional<std::string> output;  // none, and its names: standard output
+    std::optional<std::string> rejects; // none: OUTPUT.rejects, or none if they stay in the output
+    std::optional<std::uint64_t> maxRejects;
+    unsigned int threads = 0; // 0: one a processor
+    bool noHeader = false;
+    bool noQuotes = false;
+    bool normalise = false;
+    bool keep = false;
+    bool json = false;        // the summary, where the records do not go: standard output, else standard error
+    bool passThrough = false; // everything but the look-up, to measure what it costs
+};
 
 std::string formatName(EnrichOptions const& options) {
     if (!options.format.empty())
@@ -239,10 +303,55 @@ int enrichCompleted(EnrichOptions const& options) {
     return EnrichRun(options, context, input, host).run();
 }
 
-} // namespace
-
 int enrich(EnrichOptions const& options) {
     return enrichCompleted(completed(options));
 }
+
+void declareOutput(Arguments& arguments, EnrichOptions& options) {
+    arguments.add("-o,--output", "FILE", options.output, "The file to write; default: standard output");
+    arguments.add("--add", "LIST", options.added, "Besides the network: valid-from, prefix, next-change, method")
+        .separatedBy(',')
+        .single();
+    arguments.add("--rejects", "FILE", options.rejects,
+                  "Where records go that cannot be used; with --output, its name and .rejects");
+    arguments.flag("--keep", options.keep,
+                   "Leave records that cannot be used in the output; with --rejects list them, too");
+    arguments
+        .add("--max-rejects", "N", options.maxRejects, "Stop after more of them than this, and write no output file")
+        .count();
+    arguments.add("--threads", "N", options.threads, "Threads that look up; default: one a processor").between(1, 1024);
+    arguments.flag("--json", options.json,
+                   "The summary as one JSON object, on standard output with --output, else on standard error");
+    arguments.flag("--pass-through", options.passThrough, "Everything but the look-up, to measure what it costs");
+}
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<EnrichOptions>();
+    addConfiguration(arguments, common).required();
+    arguments.add("INPUT", "...", options->inputs, "The files; default, and '-': standard input");
+    arguments.add("--number", "COLUMN", options->numbers, "A column with numbers; may be given again (required)")
+        .single()
+        .required();
+    arguments.add("--time", "COLUMN", options->time, "The column with the time (required)").required();
+    addTimeForm(arguments, options->timeFormat, options->zone);
+    arguments
+        .add("--format", "FORMAT", options->format, "csv, tsv or ndjson; default: by the first input's name, or csv")
+        .among({"csv", "tsv", "ndjson"});
+    addSeparation(arguments, options->separator, options->noHeader, options->noQuotes);
+    addNormalise(arguments, options->normalise);
+    addMethod(arguments, options->method);
+    declareOutput(arguments, *options);
+    arguments.footer(helpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        if (options->inputs.empty())
+            options->inputs = {"-"};
+        return enrich(*options);
+    });
+}
+
+} // namespace
+
+Command const enrichCommandCM = {"enrich", "Add to call records the networks of their numbers", declare};
 
 } // namespace nphost

@@ -5,22 +5,58 @@
 #include "host/base/Interruption.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/fields/FieldOptions.h"
 #include "host/import/FeedColumns.h"
 #include "host/import/FeedConversion.h"
 #include "host/records/FileRoles.h"
 #include "host/records/RecordInput.h"
+#include "host/records/RecordOptions.h"
 #include "host/records/RecordWriter.h"
 #include "host/records/ResultTarget.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
 #include <unistd.h>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Makes a data file of a feed: separated values, as they are or compressed by gzip or
+zstd. COLUMN is a name of the feed's header or a position from 1. The records keep their
+order. What cannot be a record is rejected with file, line and reason, and the rest is
+written; the output is replaced only when the whole feed has been read. Output and
+rejects are compressed if their names end in .gz or .zst.
+
+Times: digits (YYYYMMDDHHMMSS), iso (ISO 8601), seconds or milliseconds since 1970, or a
+pattern as strptime takes it, '%d/%m/%Y %H:%M'. Those with an offset are turned into the
+clock time of --zone, which is the data's; those without stay as they are: one that
+came twice when clocks were put back holds for both, one that they left out is moved
+forward. The summary counts them.
+
+Blanks inside the name of a network become an underscore. A record that is repeated is
+written once. With --normalise numbers may be written as people do or as tel: and sip:
+addresses, and are brought into stored form; without, only visual separators go.
+
+Examples:
+  nphost import --map number=msisdn,valid-from=since,network=operator --time-format iso \
+      --zone Europe/Paris --normalise --config nphost.toml --output ported.dat feed.csv.gz
+  zcat feed.txt.gz | nphost import --map number=1,valid-from=3,network=2 --no-header \
+      --separator '|' --rejects rejects.csv - > ported.dat
+
+Exit status:
+  0  everything was taken
+  1  some records were rejected, the rest is written; or more than --max-rejects, and no
+     file but that of the rejects
+  2  a usage, configuration or file error, networks that would become one, or no record
+     left: no file is written; standard error says why. A summary (--json) that
+     cannot be written is an error, too, but the files are in place)";
 
 // Tells of rejected records: all in a file of comma-separated values, or the first on standard error.
 class Rejects {
@@ -297,5 +333,32 @@ int importChecked(ImportOptions options) {
 int importFeed(ImportOptions const& options) {
     return importChecked(options);
 }
+
+namespace {
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<ImportOptions>();
+    arguments.add("FILE", " ", options->file, "The feed, or '-' for standard input").required();
+    arguments.add("--map", "MAP", options->map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)").required();
+    addSeparation(arguments, options->separator, options->noHeader, options->noQuotes);
+    addTimeForm(arguments, options->timeFormat, options->zone);
+    addNormalise(arguments, options->normalise, "; needs --config");
+    addConfiguration(arguments, common, "The configuration file with the dialling codes");
+    arguments.add("-o,--output", "FILE", options->output, "The data file to write; default: standard output");
+    arguments.add("--rejects", "FILE", options->rejects,
+                  "List rejected records here: file, line, reason, detail, record");
+    arguments.add("--max-rejects", "N", options->maxRejects, "Stop, and write no data, when more are rejected").count();
+    arguments.flag("--json", options->json,
+                   "The summary as one JSON object, on standard output with --output, else on standard error");
+    arguments.footer(helpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return importFeed(*options);
+    });
+}
+
+} // namespace
+
+Command const importCommandCM = {"import", "Make a data file of an operator's feed", declare};
 
 } // namespace nphost

@@ -12,7 +12,7 @@
 // Complexity: linear in the feed; memory of some 30 bytes a record, to find repeated ones.
 #pragma once
 
-#include "host/module/Host.h"
+#include "host/base/Arguments.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,5 +38,7 @@ struct ImportOptions {
 
 // The exit status.
 int importFeed(ImportOptions const& options);
+
+extern Command const importCommandCM;
 
 } // namespace nphost

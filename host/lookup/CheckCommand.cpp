@@ -6,6 +6,7 @@
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/module/Examination.h"
+#include "host/module/Host.h"
 
 #include <algorithm>
 #include <array>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 #include <utility>
@@ -22,6 +24,31 @@
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Reads the data file as a load would, by the dialling codes of the configuration,
+without serving it. The data file that the configuration names is not touched and
+need not exist.
+
+With --guard it is also held against the limits in [host.guard]: as the file of a
+first load; of a reload, with --live; or of a delta, with --delta, for whose memory
+--live counts, too.
+
+Examples:
+  nphost check --config examples/nphost.toml examples/portability.dat
+  nphost check --config /etc/nphost.toml --guard --live 10000000 new.dat
+
+)";
+
+struct CheckOptions {
+    CommonOptions common;
+    std::string file;
+    bool all = false;
+    bool json = false;
+    bool guard = false;
+    bool delta = false;                // for the guard it is a delta
+    std::optional<std::uint64_t> live; // records, for the guard
+};
 
 using DAT::NumberPortability::DataSummary;
 using DAT::NumberPortability::LineOutcome;
@@ -274,8 +301,6 @@ std::unique_ptr<Report> makeReport(CheckOptions const& options) {
     return std::make_unique<TextReport>(options.all);
 }
 
-} // namespace
-
 int check(CheckOptions const& options) {
     Configuration configuration = configurationFor(options);
     GuardLimits const limits = configuration.guard;
@@ -295,5 +320,27 @@ int check(CheckOptions const& options) {
         return REFUSED;
     return summary.rejected() == 0 ? FINE : NOT_FOUND;
 }
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<CheckOptions>();
+    addConfiguration(arguments, common).required();
+    arguments.add("FILE", " ", options->file, "The data file").required();
+    arguments.flag("--all", options->all, "Show every rejected line, not just the first of each kind");
+    arguments.flag("--json", options->json, "Write one JSON object; with --all it lists rejected lines");
+    Option const guard = arguments.flag("--guard", options->guard, "Hold the file against the limits in [host.guard]");
+    arguments.add("--live", "N", options->live, "With --guard: as a reload, or a delta, beside so many live records")
+        .between(0, 4'294'967'295, "0 to 4294967295")
+        .needs(guard);
+    arguments.flag("--delta", options->delta, "With --guard: as a delta").needs(guard);
+    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return check(*options);
+    });
+}
+
+} // namespace
+
+Command const checkCommandCM = {"check", "Say what a data file holds and what is wrong with it", declare};
 
 } // namespace nphost

@@ -10,25 +10,10 @@
 // kind.
 #pragma once
 
-#include "host/module/Host.h"
-
-#include <cstdint>
-#include <optional>
-#include <string>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct CheckOptions {
-    CommonOptions common;
-    std::string file;
-    bool all = false;
-    bool json = false;
-    bool guard = false;
-    bool delta = false;                // for the guard it is a delta
-    std::optional<std::uint64_t> live; // records, for the guard
-};
-
-// The exit status: REFUSED when a limit is crossed.
-int check(CheckOptions const& options);
+extern Command const checkCommandCM;
 
 } // namespace nphost

@@ -6,18 +6,58 @@
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/fields/FieldOptions.h"
 #include "host/fields/Numbers.h"
 #include "host/fields/QuestionLine.h"
 #include "host/lookup/QuestionBatch.h"
+#include "host/module/Host.h"
 #include "host/records/LineInput.h"
 
 #include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Prints one line a number: number, instant, valid-from and network, separated by
+tabs; '-' for the last two when no record holds.
+
+Numbers are taken in stored form: international access code, country code and
+national number, as 00447700900123. With --normalise they may be written as people
+do, '07700 900-123' or '+44 (0)7700 900123', or as tel: or sip: addresses: visual
+separators and extensions go, and the configured dialling codes are applied; the answer
+shows the stored form.
+
+Methods: 'best' takes the longest stored prefix that has a record for the instant,
+'exact' the number itself, 'shortest' the shortest stored prefix and no other.
+
+With '-' in place of the numbers, questions are read from standard input, one a line:
+number and, if wanted, instant and method (best, exact, shortest, or 0, 1, 2), separated
+by white space; further columns are ignored. A line that is no question is answered with
+'-', and reported. Answers keep the order of the questions and are written at the latest
+when the input pauses.
+
+Examples:
+  nphost lookup --config examples/nphost.toml --at 20240615120000 00447700900123
+  nphost lookup --config examples/nphost.toml --normalise '07700 900123'
+  nphost lookup --config examples/nphost.toml - < examples/queries.tsv
+
+)";
+
+struct LookupOptions {
+    CommonOptions common;
+    std::vector<std::string> numbers; // or one "-": standard input
+    std::optional<std::string> at;    // none: now
+    std::optional<unsigned int> method;
+    bool normalise = false;
+};
 
 // One line more, if numbers that were not found are not in stored form: they may be a person's.
 void hintAtNormalise(QuestionBatch const& batch) {
@@ -140,8 +180,6 @@ bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at)
     return batch.allFound();
 }
 
-} // namespace
-
 int lookup(LookupOptions const& options) {
     BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
@@ -155,5 +193,23 @@ int lookup(LookupOptions const& options) {
     host.throwFailure(); // a look-up that ran out of memory is not "not found"
     return allFound ? FINE : NOT_FOUND;
 }
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<LookupOptions>();
+    addConfiguration(arguments, common).required();
+    arguments.add("NUMBER", "...", options->numbers, "The numbers, or '-' alone for standard input").required();
+    addInstant(arguments, "--at", options->at);
+    addMethod(arguments, options->method);
+    arguments.flag("--normalise", options->normalise, "Take numbers as people write them");
+    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return lookup(*options);
+    });
+}
+
+} // namespace
+
+Command const lookupCommandCM = {"lookup", "Say to which network numbers belonged at an instant", declare};
 
 } // namespace nphost

@@ -14,23 +14,10 @@
 // Complexity: a look-up a line; no allocation a line but what the network's name needs.
 #pragma once
 
-#include "host/module/Host.h"
-
-#include <optional>
-#include <string>
-#include <vector>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct LookupOptions {
-    CommonOptions common;
-    std::vector<std::string> numbers; // or one "-": standard input
-    std::optional<std::string> at;    // none: now
-    std::optional<unsigned int> method;
-    bool normalise = false;
-};
-
-// The exit status.
-int lookup(LookupOptions const& options);
+extern Command const lookupCommandCM;
 
 } // namespace nphost

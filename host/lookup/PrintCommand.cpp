@@ -3,6 +3,7 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
 #include "host/base/Interruption.h"
+#include "host/module/Host.h"
 #include "host/records/ResultTarget.h"
 #include "host/records/SameFile.h"
 
@@ -10,13 +11,31 @@
 #include <array>
 #include <atomic>
 #include <exception>
+#include <memory>
 #include <streambuf>
+#include <string>
 #include <unistd.h>
 #include <utility>
 
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Without the heading the listing is a data file again: sorted, in stored form and
+without bad lines.
+
+Examples:
+  nphost print --config examples/nphost.toml
+  nphost print --config examples/nphost.toml --no-heading --output clean.dat
+
+)";
+
+struct PrintOptions {
+    CommonOptions common;
+    std::string output = "/dev/stdout";
+    bool noHeading = false;
+};
 
 // Passes the listing on in pieces and counts its lines for the progress line. A failure ends the listing: a stream keeps
 // it to itself, so the caller asks for it.
@@ -82,8 +101,6 @@ void printTo(Host& host, ResultTarget& target, PrintOptions const& options) {
     buffer.finish();
 }
 
-} // namespace
-
 int print(PrintOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
     KeptFiles const files{configuration.dataFile(), options.common.configuration, configuration.logFile,
@@ -102,5 +119,21 @@ int print(PrintOptions const& options) {
     target.finish();
     return FINE;
 }
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<PrintOptions>();
+    addConfiguration(arguments, common).required();
+    arguments.add("-o,--output", "FILE", options->output, "The file to write; default: standard output");
+    arguments.flag("--no-heading", options->noHeading, "Leave out the heading");
+    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return print(*options);
+    });
+}
+
+} // namespace
+
+Command const printCommandCM = {"print", "Print all records, in the order of their numbers", declare};
 
 } // namespace nphost

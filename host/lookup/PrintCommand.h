@@ -7,19 +7,10 @@
 // Complexity: linear in the records.
 #pragma once
 
-#include "host/module/Host.h"
-
-#include <string>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct PrintOptions {
-    CommonOptions common;
-    std::string output = "/dev/stdout";
-    bool noHeading = false;
-};
-
-// The exit status.
-int print(PrintOptions const& options);
+extern Command const printCommandCM;
 
 } // namespace nphost

@@ -5,12 +5,16 @@
 #include "host/base/Instant.h"
 #include "host/base/Output.h"
 #include "host/base/Text.h"
+#include "host/fields/FieldOptions.h"
+#include "host/module/Host.h"
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
+#include <string>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -18,6 +22,26 @@
 namespace nphost {
 
 namespace {
+
+constexpr char const* helpCM =
+    R"(Loads the data and prints one line for every record that is valid from later than the
+instant, by instant, then by number: instant, number, from which network and to which,
+separated by tabs. The network before is what a look-up by the configured search method
+answers for the second before; '-' is nobody.
+
+Example:
+  nphost upcoming --config examples/nphost.toml --from 20240615120000 --until 20251231235959
+
+Exit status:
+  0  fine, also when nothing is to come
+  2  a usage, configuration or file error; one line on standard error says which)";
+
+struct UpcomingOptions {
+    CommonOptions common;
+    std::optional<std::string> from;  // none: now
+    std::optional<std::string> until; // none: for ever
+    bool json = false;
+};
 
 using Record = DAT::NumberPortability::NumberPortabilityData;
 using Json = nlohmann::json;
@@ -133,8 +157,6 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
     out.flush();
 }
 
-} // namespace
-
 int upcoming(UpcomingOptions const& options) {
     Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
     if (period.until < period.from) // false of an invalid one
@@ -145,5 +167,22 @@ int upcoming(UpcomingOptions const& options) {
     write(host, collect(host, period), period, options.json);
     return FINE;
 }
+
+void declare(Arguments& arguments, CommonOptions& common) {
+    auto const options = std::make_shared<UpcomingOptions>();
+    addConfiguration(arguments, common).required();
+    addInstant(arguments, "--from", options->from, "What comes after it; ");
+    arguments.add("--until", "INSTANT", options->until, "What comes up to it; default: everything");
+    arguments.flag("--json", options->json, "Write one JSON object");
+    arguments.footer(helpCM);
+    arguments.runs([options, &common] {
+        options->common = common;
+        return upcoming(*options);
+    });
+}
+
+} // namespace
+
+Command const upcomingCommandCM = {"upcoming", "List the assignments that are still to come", declare};
 
 } // namespace nphost

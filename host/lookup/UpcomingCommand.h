@@ -8,21 +8,10 @@
 // Complexity: that of a load; holds and sorts the upcoming records only.
 #pragma once
 
-#include "host/module/Host.h"
-
-#include <optional>
-#include <string>
+#include "host/base/Arguments.h"
 
 namespace nphost {
 
-struct UpcomingOptions {
-    CommonOptions common;
-    std::optional<std::string> from;  // none: now
-    std::optional<std::string> until; // none: for ever
-    bool json = false;
-};
-
-// The exit status: FINE, also when nothing is to come.
-int upcoming(UpcomingOptions const& options);
+extern Command const upcomingCommandCM;
 
 } // namespace nphost

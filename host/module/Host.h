@@ -9,6 +9,7 @@
 // Complexity: that of the plug-in's steps.
 #pragma once
 
+#include "host/base/Arguments.h"
 #include "host/base/ProgressLine.h"
 #include "host/config/Configuration.h"
 #include "host/fields/NumberForm.h"
@@ -19,12 +20,6 @@
 #include <filesystem>
 
 namespace nphost {
-
-// What every command is told.
-struct CommonOptions {
-    std::filesystem::path configuration;
-    bool verbose = false;
-};
 
 class Host {
   public:

@@ -1,12 +1,9 @@
 // nphost::LoadedModule and LoadedPlugIn: the number-portability module as the host loads and calls it.
 //
 // Purpose: the host is not linked against the module, so that a module can be exchanged, or be absent, without
-// building the host again. The framework's binary interface gives the module's entry function and the plug-in's
-// virtual operations. What the host wants besides, look-ups, prints and examinations, are ordinary members of the
-// plug-in class, which the module exports. This is the one place that knows how to call them: their names are looked
-// up as the compiler mangles them, and they are called as the functions that they are under the Itanium C++ ABI on
-// x86-64, with the object as the first argument. A module that lacks one does not fit this host and is refused. Across
-// the border go C++ objects: host and module must be built with the same compiler family and library.
+// building the host again. It finds the module's table of operations (plugin/Operations.h), and refuses a module that
+// has none or one that does not fit. Across the border go C++ objects: host and module must be built with the same
+// compiler family and library.
 //
 // Ownership: LoadedModule owns the mapping: it must outlive every plug-in from it. LoadedPlugIn owns its plug-in;
 // destruction shuts it down and deletes it. progress() stays valid as long as the plug-in.
@@ -15,14 +12,9 @@
 // Complexity: a call through a pointer more than the plug-in's own.
 #pragma once
 
-#include "cache/DataSummary.h"
-#include "cache/LoadProgress.h"
-#include "cache/ServiceStatus.h"
 #include "framework/BAS/InstrumentationProbeGroup.h"
-#include "framework/PLG/DataPlugIn.h"
 #include "host/base/SharedObject.h"
-#include "plugin/PlugIn.h"
-#include "store/NumberPortabilityData.h"
+#include "plugin/Operations.h"
 
 #include <filesystem>
 #include <iosfwd>
@@ -58,34 +50,9 @@ class LoadedModule {
     using Records = std::span<Record>;
     using Found = std::span<bool>;
 
-    // The plug-in's operations as plain functions; what is const there is so here.
-    struct Operations {
-        void* (*create)(BAS::String const& name);
-        bool (*search)(void*, BAS::String const&, BAS::DateTime const&, Record&);
-        bool (*searchBy)(void*, BAS::String const&, BAS::DateTime const&, Record&, unsigned int);
-        bool (*searchMany)(void*, Numbers, Instants, Records, Found);
-        bool (*searchManyBy)(void*, Numbers, Instants, Records, Found, unsigned int);
-        void (*normalize)(void const*, BAS::String&);
-        void (*print)(void*, std::ostream&, bool);
-        bool (*examine)(void*, BAS::String const&, Summary&, Observer const&, GoOn const&);
-        void (*expectFile)(void*, BAS::String const&, STR::FileVersion const&);
-        void (*expectAnyFile)(void*);
-        bool (*visitFile)(void*, BAS::String const&, LineVisitor const&);
-        bool (*visitUpcoming)(void*, BAS::DateTime const&, BAS::DateTime&, RecordVisitor const&);
-        bool (*carryOut)(void*, PlugIn::ProbeMode, BAS::String const&);
-        void (*stopLoads)(void*);
-        Progress const* (*progress)(void const*);
-        // The place of a result that has a destructor goes before the object, for a member as for a function.
-        Prefixes (*explain)(void*, BAS::String const&);
-        ServiceStatus (*serviceStatus)(void*);
-    };
-
-    template <class Function>
-    void find(Function*& function, char const* symbol) const;
-
     std::filesystem::path fileM;
     SharedObject objectM;
-    Operations operationsM{};
+    DAT::NumberPortability::Operations const& operationsM;
 };
 
 class LoadedPlugIn {
@@ -125,15 +92,15 @@ class LoadedPlugIn {
         return plugInM->registryUpdate(&keys, handled);
     }
     // The plug-in as client modules call it: their members come from the module, the host has none of them.
-    DAT::NumberPortability::PlugIn& object() { return *static_cast<DAT::NumberPortability::PlugIn*>(objectM); }
+    DAT::NumberPortability::PlugIn& object() { return *objectM; }
 
     // The plug-in's probes in their order: reload, delta load, print. They live as long as the plug-in.
     std::vector<BAS::InstrumentationProbeAttribute*> probes() const;
 
   private:
-    LoadedModule::Operations operationsM;
-    std::unique_ptr<PLG::DataPlugIn> plugInM; // deleted by the module, through its virtual destructor
-    void* objectM;                            // the same as the plug-in's own class, whose first base it is
+    DAT::NumberPortability::Operations const& operationsM;
+    LoadedModule::PlugIn* const objectM;
+    std::unique_ptr<PLG::DataPlugIn> plugInM; // the same; deleted by the module, through its virtual destructor
 };
 
 } // namespace nphost
