@@ -1,7 +1,7 @@
 // Client modules of the daemon, in the framework that it builds around the real module.
 #include "host/daemon/ClientModules.h"
-#include "host/daemon/ReportHub.h"
 #include "host/module/Host.h"
+#include "host/service/ReportHub.h"
 #include "tests/DaemonSite.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The control socket's limits, by a clock that the test turns.
-#include "host/daemon/ControlServer.h"
 #include "host/daemon/ControlProtocol.h"
+#include "host/net/LineServer.h"
 #include "tests/DaemonSite.h"
 
 #include <sys/resource.h>
@@ -9,16 +9,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr nphost::LineServer::Limits limitsCM; // those of the control socket
+
 // A server whose loop the test runs by hand.
-class Loop : private nphost::ControlServer::Handler {
+class Loop : private nphost::LineServer::Handler {
   public:
-    Loop() : socketM(folderM.file("s")), serverM(socketM, *this, [this] { return now; }) {}
+    Loop() : socketM(folderM.file("s")), serverM(socketM, *this, limitsCM, [this] { return now; }) {}
 
     // True when something happened.
     bool once() {
         std::vector<pollfd> polled;
         serverM.collect(polled);
-        bool const busy = poll(polled.data(), polled.size(), 0) > 0 || serverM.hasReady();
+        bool const busy = poll(polled.data(), polled.size(), 0) > 0 || serverM.patience() == 0ms;
         serverM.serve(polled);
         return busy;
     }
@@ -51,21 +53,23 @@ class Loop : private nphost::ControlServer::Handler {
     }
     bool isThere() const { return serverM.has(latestM); }
 
-    nphost::ControlServer::Clock::time_point now;
+    nphost::LineServer::Clock::time_point now;
     std::size_t bytes = 0; // of the latest request
 
   private:
-    void request(nphost::ControlServer::Client client, std::string_view line) override {
+    void request(nphost::LineServer::Client client, std::string_view line) override {
         latestM = client;
         bytes = line.size();
         if (line != "later")
             serverM.send(client, "answer\n", line == "follow");
     }
 
+    std::string refusal(std::string const& reason) override { return nphost::errorLine(reason); }
+
     TemporaryFolder folderM;
     nphost::ListeningSocket socketM;
-    nphost::ControlServer serverM;
-    nphost::ControlServer::Client latestM = 0;
+    nphost::LineServer serverM;
+    nphost::LineServer::Client latestM = 0;
 };
 
 TEST(ControlServerTest, TimeLimits) {
@@ -116,7 +120,7 @@ TEST(ControlServerTest, UnreadLimits) {
         for (; told < 40 && loop.isThere(); ++told)
             loop.tell(line, follows);
         EXPECT_EQ(loop.isThere(), !follows) << "an answer may be as long as it is";
-        EXPECT_GT(told * line.size(), nphost::ControlServer::mostUnreadCM);
+        EXPECT_GT(told * line.size(), limitsCM.mostUnreadBytes);
         loop.now += 6s;
         loop.turn();
         EXPECT_FALSE(loop.isThere()) << "it reads nothing";
@@ -126,7 +130,7 @@ TEST(ControlServerTest, UnreadLimits) {
 TEST(ControlServerTest, TurnsAwayTheOneTooMany) {
     Loop loop;
     std::vector<std::unique_ptr<RawClient>> clients;
-    for (std::size_t i = 0; i < nphost::ControlServer::mostClientsCM; ++i) {
+    for (std::size_t i = 0; i < limitsCM.mostClients; ++i) {
         clients.push_back(loop.connect("a\n"));
         EXPECT_EQ(clients.back()->line(), "answer") << i;
     }
@@ -159,10 +163,10 @@ TEST(ControlServerTest, PausesWithoutDescriptors) {
 }
 
 TEST(ControlServerTest, RequestsUpToTheBound) {
-    for (std::size_t const bytes : {nphost::mostRequestBytesCM, nphost::mostRequestBytesCM + 1})
+    for (std::size_t const bytes : {limitsCM.mostRequestBytes, limitsCM.mostRequestBytes + 1})
         for (bool const ended : {true, false}) {
             Loop loop;
-            bool const fits = bytes <= nphost::mostRequestBytesCM;
+            bool const fits = bytes <= limitsCM.mostRequestBytes;
             auto const client = loop.connect(std::string(bytes - 1, ' ') + (ended ? "\n" : ""));
             EXPECT_EQ(loop.bytes, fits && ended ? bytes - 1 : 0) << bytes;
             if (fits && !ended)

@@ -1,7 +1,7 @@
 // nphost run and nphost ctl as an operator meets them: a daemon of its own for each test, in a folder of its own.
-#include "host/daemon/DeltaFolders.h"
 #include "host/log/LogTarget.h"
 #include "host/module/Explanation.h"
+#include "host/service/DeltaFolders.h"
 #include "tests/DaemonSite.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The daemon's data file: who may rewrite it, what a delta must not overwrite, and what is told about it.
-#include "host/daemon/DataFileLock.h"
+#include "host/service/DataFileLock.h"
 #include "tests/DaemonSite.h"
 #include "tests/ProgramRun.h"
 

@@ -1,6 +1,6 @@
 // What keeps a broken data file from going live: files against limits, and a daemon whose loads are guarded.
-#include "host/daemon/LoadGuard.h"
 #include "host/module/Host.h"
+#include "host/service/LoadGuard.h"
 #include "tests/DaemonSite.h"
 
 #include <atomic>

@@ -1,5 +1,5 @@
 // The daemon's loads and listings when memory runs out, when a stop comes, and as the service manager sees them.
-#include "host/daemon/LoadLane.h"
+#include "host/service/LoadLane.h"
 #include "tests/DaemonSite.h"
 #include "tests/Refusal.h"
 

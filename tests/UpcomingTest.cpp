@@ -1,7 +1,7 @@
 // nphost upcoming, and the daemon's notices of assignments that take effect, by a clock that the tests set.
 #include "host/daemon/ChangeNotices.h"
-#include "host/daemon/ReportHub.h"
 #include "host/module/Host.h"
+#include "host/service/ReportHub.h"
 #include "tests/ProgramRun.h"
 
 #include <gtest/gtest.h>

@@ -6,8 +6,9 @@
 // Complexity: linear in the object.
 #pragma once
 
+#include "host/service/QuestionError.h"
+
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -15,21 +16,14 @@
 namespace nphost {
 
 constexpr int protocolVersionCM = 1;
-constexpr std::size_t mostRequestBytesCM = 64UL * 1024;      // with its newline
 constexpr std::size_t mostLookupNumbersCM = 1000;            // in one request
-constexpr std::size_t mostExplainBytesCM = 1000;             // of a number
 constexpr std::size_t mostAnswerBytesCM = 4UL * 1024 * 1024; // of the texts of a look-up's or an explanation's answer
 constexpr std::size_t recentReportsCM = 100;                 // that a client of the log gets first
 
-// Why a request is refused; the client gets what() in an error object.
-class RequestError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 // The answer would be longer than mostAnswerBytesCM: whoever asks for less in a request may get it.
-class AnswerTooLong : public RequestError {
+class AnswerTooLong : public QuestionError {
   public:
-    using RequestError::RequestError;
+    using QuestionError::QuestionError;
 };
 
 // What a value of that type is called: "a text", "true or false".
@@ -38,15 +32,15 @@ constexpr char const* nameOfType() {
     return std::is_same_v<Value, bool> ? "true or false" : "a text";
 }
 
-// The value of the request's key. RequestError names the key if it is not there or of another type.
+// The value of the request's key. QuestionError names the key if it is not there or of another type.
 template <class Value>
 Value valueOf(nlohmann::json const& request, std::string const& key) {
     auto const found = request.find(key);
     if (found == request.end())
-        throw RequestError("the key '" + key + "' is missing");
+        throw QuestionError("the key '" + key + "' is missing");
     auto const* const value = found->template get_ptr<Value const*>();
     if (value == nullptr)
-        throw RequestError("'" + key + "' must be " + nameOfType<Value>());
+        throw QuestionError("'" + key + "' must be " + nameOfType<Value>());
     return *value;
 }
 // The same, or `otherwise` if it is not there.

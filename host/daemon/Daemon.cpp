@@ -1,17 +1,16 @@
 #include "host/daemon/Daemon.h"
 
-#include "host/base/HostError.h"
+#include "host/base/Instant.h"
 #include "host/base/Text.h"
+#include "host/daemon/ControlAnswers.h"
 #include "host/daemon/ControlProtocol.h"
-#include "host/daemon/ServiceAnswers.h"
+#include "host/fields/Numbers.h"
 #include "host/log/OwnReport.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdio>
+#include <iterator>
 #include <nlohmann/json.hpp>
-#include <system_error>
+#include <utility>
 
 namespace nphost {
 
@@ -19,72 +18,48 @@ namespace {
 
 using Json = nlohmann::json;
 
-// With what was reported by the check of a request, and then by the request itself.
-Json toJson(LoadLane::Job const& job) {
-    Json reports = Json::array();
-    for (ReportCollector const* const part : {&job.check.reports, &job.reports})
-        for (LogReport const& report : part->reports())
-            reports.push_back(toJson(report));
-    Json answer = {{"ok", true},
-                   {"command", nameOf(job.request.kind)},
-                   {"succeeded", job.succeeded},
-                   {"seconds", job.seconds},
-                   {"reports", std::move(reports)},
-                   {"reportsLeftOut", job.check.reports.leftOut() + job.reports.leftOut()},
-                   {"check", toJson(job.check)}};
-    if (job.request.kind == LoadLane::UPDATE) {
-        answer["result"] = job.result;
-        answer["handled"] = job.handled;
+constexpr LineServer::Limits limitsCM;
+
+// The instant that a question asks for; now where it names none.
+BAS::DateTime instantOf(Json const& request) {
+    if (!request.contains("at"))
+        return BAS::DateTime::now();
+    auto const text = valueOf<std::string>(request, "at");
+    BAS::DateTime const at = parseInstant(text);
+    if (!at.isValid())
+        throw QuestionError("'" + shortened(text) + "' is not a valid instant");
+    return at;
+}
+
+std::optional<unsigned int> methodOf(Json const& request) {
+    if (!request.contains("method"))
+        return std::nullopt;
+    auto const name = valueOf<std::string>(request, "method");
+    std::optional<unsigned int> const method = searchMethodOf(name);
+    if (!method)
+        throw QuestionError("the method '" + shortened(name) + "' is not best, exact or shortest");
+    return method;
+}
+
+std::vector<std::string> numbersOf(Json const& request) {
+    auto const numbers = request.find("numbers");
+    if (numbers == request.end() || !numbers->is_array() || numbers->empty() || numbers->size() > mostLookupNumbersCM)
+        throw QuestionError("'numbers' must be a list of 1 to " + std::to_string(mostLookupNumbersCM) + " numbers");
+    std::vector<std::string> texts;
+    for (Json const& number : *numbers) {
+        if (!number.is_string())
+            throw QuestionError("each of 'numbers' must be a text");
+        texts.push_back(number.get<std::string>());
     }
-    if (job.isDelta) {
-        answer["added"] = job.added;
-        answer["known"] = job.known;
-    }
-    return answer;
-}
-
-// The same without what memory does not suffice for.
-using ShortLine = std::array<char, 256>;
-std::string_view shortLine(LoadLane::Job const& job, ShortLine& line) {
-    auto const text = [](bool value) { return value ? "true" : "false"; };
-    bool const isUpdate = job.request.kind == LoadLane::UPDATE;
-    int const length = std::snprintf(
-        line.data(), line.size(),
-        "{\"check\":null,\"command\":\"%s\",%s%s%s%s\"ok\":true,\"reports\":[],\"reportsLeftOut\":%zu,\"seconds\":%.6f,"
-        "\"succeeded\":%s,\"version\":%d}\n",
-        nameOf(job.request.kind), isUpdate ? "\"handled\":" : "", isUpdate ? text(job.handled) : "",
-        isUpdate ? ",\"result\":" : "", isUpdate ? (job.result ? "true," : "false,") : "",
-        job.check.reports.reports().size() + job.check.reports.leftOut() + job.reports.reports().size() +
-            job.reports.leftOut(),
-        job.seconds, text(job.succeeded), protocolVersionCM);
-    return {line.data(), static_cast<std::size_t>(length)};
-}
-
-std::string textOf(Json const& request, std::string const& key) {
-    auto text = valueOf<std::string>(request, key);
-    if (text.empty() || text.find('\0') != std::string::npos)
-        throw RequestError("'" + key + "' must name a file");
-    if (text.front() != '/') // the daemon's own folder means nothing to its clients
-        throw RequestError("'" + key + "' must be an absolute path");
-    return text;
-}
-
-constexpr std::array<std::string_view, 4> updateKeysCM = {"Reload", "ReuseOnFailure", "AdditionalNumPortData",
-                                                          "PrintData"};
-
-std::string updateKeys() {
-    std::string names;
-    for (std::string_view const key : updateKeysCM)
-        names.append(names.empty() ? "" : ", ").append(key);
-    return names;
+    return texts;
 }
 
 void checkVersion(Json const& request) {
     if (!request.is_object())
-        throw RequestError("the request is not an object");
+        throw QuestionError("the request is not an object");
     if (!request.contains("version") || request.at("version") != protocolVersionCM)
-        throw RequestError("the protocol's version is " + std::to_string(protocolVersionCM) +
-                           "; the request is of another or of none");
+        throw QuestionError("the protocol's version is " + std::to_string(protocolVersionCM) +
+                            "; the request is of another or of none");
 }
 
 } // namespace
@@ -94,11 +69,15 @@ Daemon::Daemon(Parts const& parts)
       laneM(plugInM,
             {plugInM.serviceStatus().dataFileName.str(), parts.configuration, parts.logFile,
              parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
-            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.hub.wakeUp()) {
+            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.hub.wakeUp()),
+      serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
+      signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
+    loopM.add(signalsM);
+    loopM.add(newsM);
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
     if (parts.socket != nullptr)
-        serverM.emplace(*parts.socket, static_cast<ControlServer::Handler&>(*this));
+        loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
 }
 
 void Daemon::run() {
@@ -107,39 +86,20 @@ void Daemon::run() {
     partsM.notifier.ready(statusText());
     if (noticesM)
         noticesM->step();
-    std::vector<pollfd> polled;
-    polled.reserve(2 + ControlServer::mostPolledCM);
     while (!partsM.signals.takeStop()) {
         step(); // signals may have come before
-        wait(polled);
-        partsM.signals.clear();
-        partsM.hub.wakeUp().clear();
-        if (serverM)
-            serverM->serve(polled);
+        loopM.turn(patience());
     }
     stop();
 }
 
-void Daemon::wait(std::vector<pollfd>& polled) const {
-    polled.clear();
-    polled.push_back({partsM.signals.descriptor(), POLLIN, 0});
-    polled.push_back({partsM.hub.wakeUp().descriptor(), POLLIN, 0});
-    if (serverM)
-        serverM->collect(polled);
-    if (poll(polled.data(), polled.size(), patience()) < 0 && errno != EINTR)
-        throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
-}
-
-// Milliseconds; -1 is for ever.
-int Daemon::patience() const {
-    constexpr int tickMilliseconds = 500; // where something may have to end for its time
-    if (serverM && serverM->hasReady())
-        return 0;
-    bool const timed = shortM || (serverM && serverM->hasTimes());
-    std::optional<int> const notice = noticesM ? noticesM->patience() : std::nullopt;
-    if (!timed)
-        return notice.value_or(-1);
-    return std::min(tickMilliseconds, notice.value_or(tickMilliseconds));
+// Until something of the daemon's own is due.
+std::optional<EventLoop::Milliseconds> Daemon::patience() const {
+    constexpr EventLoop::Milliseconds again{500}; // where memory did not suffice
+    std::optional<EventLoop::Milliseconds> notice;
+    if (std::optional<int> const due = noticesM ? noticesM->patience() : std::nullopt)
+        notice.emplace(*due);
+    return shortM ? std::min(again, notice.value_or(again)) : notice;
 }
 
 void Daemon::step() {
@@ -261,7 +221,7 @@ void Daemon::request(Client client, std::string_view line) {
         dispatch(client, request);
     } catch (AnswerTooLong const& error) {
         serverM->send(client, errorLine(error.what(), true));
-    } catch (RequestError const& error) {
+    } catch (QuestionError const& error) {
         serverM->send(client, errorLine(error.what()));
     } catch (Json::exception const& error) {
         serverM->send(client, errorLine("the request cannot be understood: " + shortened(error.what())));
@@ -272,84 +232,43 @@ void Daemon::request(Client client, std::string_view line) {
     }
 }
 
+std::string Daemon::refusal(std::string const& reason) {
+    return errorLine(reason);
+}
+
+Daemon::Command const Daemon::commandsCM[] = {
+    {"status", &Daemon::status}, {"lookup", &Daemon::lookup}, {"explain", &Daemon::explain},
+    {"probes", &Daemon::probes}, {"log", &Daemon::log},       {"reload", &Daemon::reload},
+    {"delta", &Daemon::delta},   {"print", &Daemon::print},   {"update", &Daemon::update},
+};
+
 void Daemon::dispatch(Client client, Json const& request) {
-    auto const command = valueOf<std::string>(request, "command");
-    if (command == "status")
-        serverM->send(client, lineOf(answerStatus(plugInM, partsM.guard, partsM.dataFile, partsM.host.log())));
-    else if (command == "lookup")
-        serverM->send(client, lineOf(answerLookup(plugInM, partsM.host.numbers(), request)));
-    else if (command == "explain")
-        serverM->send(client, lineOf(answerExplain(plugInM, partsM.host.numbers(), request)));
-    else if (command == "reload")
-        load(client, request, LoadLane::RELOAD, valueOf(request, "reuse", true) ? "TRUE" : "FALSE");
-    else if (command == "delta")
-        delta(client, request);
-    else if (command == "print")
-        print(client, request);
-    else if (command == "update")
-        update(client, request);
-    else if (command == "probes")
-        listProbes(client);
-    else if (command == "log")
-        showLog(client, request);
-    else
-        throw RequestError("there is no command '" + shortened(command) + "'");
+    auto const name = valueOf<std::string>(request, "command");
+    auto const* const command = std::find_if(std::begin(commandsCM), std::end(commandsCM),
+                                             [&name](Command const& each) { return each.name == name; });
+    if (command == std::end(commandsCM))
+        throw QuestionError("there is no command '" + shortened(name) + "'");
+    (this->*command->carryOut)(client, request);
 }
 
-void Daemon::load(Client client, Json const& request, LoadLane::Kind kind, std::string value) {
-    bool const wait = valueOf(request, "wait", true);
-    // Made before, so that memory cannot run out between taking the request and saying so.
-    std::string const taken = wait ? std::string() : lineOf({{"ok", true}, {"queued", laneM.length() + 1}});
-    if (!laneM.push({kind, std::move(value), {}, wait ? client : 0, false, valueOf(request, "force", false)}))
-        throw RequestError("too many requests are waiting");
-    if (!wait)
-        serverM->send(client, taken);
+void Daemon::status(Client client, Json const& /*request*/) {
+    serverM->send(client, lineOf(toJson(serviceM.standing())));
 }
 
-void Daemon::delta(Client client, Json const& request) {
-    std::string file = textOf(request, "file");
-    refuseDelta(file);
-    load(client, request, LoadLane::DELTA_LOAD, std::move(file));
+void Daemon::lookup(Client client, Json const& request) {
+    std::vector<std::string> numbers = numbersOf(request);
+    LookUpQuestion const question = {std::move(numbers), instantOf(request), methodOf(request),
+                                     valueOf(request, "normalise", false)};
+    serverM->send(client, lineOf(answerLookup(serviceM, question)));
 }
 
-// Its rejected lines would be in the answer.
-void Daemon::refuseDelta(std::string const& file) {
-    if (std::string const reason = laneM.deltaFolders().find(file).refusal; !reason.empty())
-        throw RequestError(reason);
+void Daemon::explain(Client client, Json const& request) {
+    auto const number = valueOf<std::string>(request, "number");
+    BAS::DateTime const at = instantOf(request);
+    serverM->send(client, lineOf(toJson(serviceM.explain(number, at, valueOf(request, "normalise", false)))));
 }
 
-void Daemon::print(Client client, Json const& request) {
-    bool const toFile = request.contains("file");
-    if (toFile)
-        refuseKeptFile(textOf(request, "file"));
-    load(client, request, LoadLane::PRINT, toFile ? textOf(request, "file") : "NULL");
-}
-
-// A listing with its heading would be no data file any more.
-void Daemon::refuseKeptFile(std::string const& target) {
-    if (char const* const kept = laneM.keptFiles().nameOf(target))
-        throw RequestError("the output " + target + " is " + kept);
-}
-
-void Daemon::update(Client client, Json const& request) {
-    LoadLane::Keys keys;
-    Json const given = request.value("keys", Json());
-    if (!given.is_object())
-        throw RequestError("'keys' must be an object");
-    for (auto const& [key, value] : given.items()) {
-        if (std::find(updateKeysCM.begin(), updateKeysCM.end(), key) == updateKeysCM.end())
-            throw RequestError("there is no key '" + shortened(key) + "' of an update; the keys are " + updateKeys());
-        keys.emplace_back(key, valueOf<std::string>(given, key));
-        if (key == "AdditionalNumPortData")
-            refuseDelta(textOf(given, key));
-        if (key == "PrintData" && !keys.back().second.empty())
-            refuseKeptFile(textOf(given, key));
-    }
-    if (!laneM.push({LoadLane::UPDATE, {}, std::move(keys), client, false, valueOf(request, "force", false)}))
-        throw RequestError("too many updates are waiting");
-}
-
-void Daemon::listProbes(Client client) {
+void Daemon::probes(Client client, Json const& /*request*/) {
     Json probes = Json::array();
     for (BAS::InstrumentationProbeAttribute const* const probe : plugInM.probes())
         probes.push_back(
@@ -357,7 +276,7 @@ void Daemon::listProbes(Client client) {
     serverM->send(client, lineOf({{"ok", true}, {"probes", std::move(probes)}}));
 }
 
-void Daemon::showLog(Client client, Json const& request) {
+void Daemon::log(Client client, Json const& request) {
     bool const follow = valueOf(request, "follow", false);
     ReportHub::Recent const recent = partsM.hub.since(partsM.hub.last(recentReportsCM));
     Json reports = Json::array();
@@ -366,6 +285,48 @@ void Daemon::showLog(Client client, Json const& request) {
     serverM->send(client, lineOf({{"ok", true}, {"reports", std::move(reports)}}), follow);
     if (follow)
         followersM[client] = recent.next;
+}
+
+// Who waits is answered when the job has ended (finishJobs), else now.
+template <class Take>
+void Daemon::take(Client client, Json const& request, Take&& command) {
+    bool const wait = valueOf(request, "wait", true);
+    // Made before, so that memory cannot run out between taking the request and saying so.
+    std::string const taken = wait ? std::string() : lineOf({{"ok", true}, {"queued", serviceM.waiting() + 1}});
+    command(wait ? client : 0);
+    if (!wait)
+        serverM->send(client, taken);
+}
+
+void Daemon::reload(Client client, Json const& request) {
+    bool const reuse = valueOf(request, "reuse", true);
+    bool const force = valueOf(request, "force", false);
+    take(client, request, [&](Service::Waiter waiter) { serviceM.reload(reuse, force, waiter); });
+}
+
+void Daemon::delta(Client client, Json const& request) {
+    auto file = valueOf<std::string>(request, "file");
+    bool const force = valueOf(request, "force", false);
+    take(client, request, [&](Service::Waiter waiter) { serviceM.delta(std::move(file), force, waiter); });
+}
+
+void Daemon::print(Client client, Json const& request) {
+    std::optional<std::string> target;
+    if (request.contains("file"))
+        target = valueOf<std::string>(request, "file");
+    take(client, request, [&](Service::Waiter waiter) { serviceM.print(std::move(target), waiter); });
+}
+
+void Daemon::update(Client client, Json const& request) {
+    Json const given = request.value("keys", Json());
+    if (!given.is_object())
+        throw QuestionError("'keys' must be an object");
+    LoadLane::Keys keys;
+    for (auto const& [key, value] : given.items()) {
+        Service::checkUpdateKey(key); // before its value
+        keys.emplace_back(key, valueOf<std::string>(given, key));
+    }
+    serviceM.update(std::move(keys), valueOf(request, "force", false), client);
 }
 
 } // namespace nphost

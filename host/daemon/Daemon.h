@@ -13,13 +13,14 @@
 
 #include "host/base/MemoryReserve.h"
 #include "host/daemon/ChangeNotices.h"
-#include "host/daemon/ControlServer.h"
-#include "host/daemon/LoadGuard.h"
-#include "host/daemon/LoadLane.h"
-#include "host/daemon/ReportHub.h"
 #include "host/daemon/ServiceNotifier.h"
 #include "host/daemon/Signals.h"
 #include "host/module/Host.h"
+#include "host/net/LineServer.h"
+#include "host/service/LoadGuard.h"
+#include "host/service/LoadLane.h"
+#include "host/service/ReportHub.h"
+#include "host/service/Service.h"
 
 #include <map>
 #include <nlohmann/json_fwd.hpp>
@@ -27,7 +28,7 @@
 
 namespace nphost {
 
-class Daemon : private ControlServer::Handler {
+class Daemon : private LineServer::Handler {
   public:
     struct Parts {
         Host& host;
@@ -53,10 +54,9 @@ class Daemon : private ControlServer::Handler {
     void run();
 
   private:
-    using Client = ControlServer::Client;
+    using Client = LineServer::Client;
 
-    void wait(std::vector<pollfd>& polled) const;
-    int patience() const;
+    std::optional<EventLoop::Milliseconds> patience() const;
     void step();
     void stop();
     void attempt(void (Daemon::*part)()) noexcept;
@@ -70,22 +70,38 @@ class Daemon : private ControlServer::Handler {
     std::string statusText();
 
     void request(Client client, std::string_view line) override;
-    void dispatch(Client client, nlohmann::json const& request);
-    void load(Client client, nlohmann::json const& request, LoadLane::Kind kind, std::string value);
-    void delta(Client client, nlohmann::json const& request);
-    void print(Client client, nlohmann::json const& request);
-    void update(Client client, nlohmann::json const& request);
-    void listProbes(Client client);
-    void showLog(Client client, nlohmann::json const& request);
-    void refuseKeptFile(std::string const& target);
-    void refuseDelta(std::string const& file);
+    std::string refusal(std::string const& reason) override;
+
+    // The commands of the control socket.
+    using Json = nlohmann::json;
+    struct Command {
+        std::string_view name;
+        void (Daemon::*carryOut)(Client client, Json const& request);
+    };
+    static Command const commandsCM[];
+    void dispatch(Client client, Json const& request);
+    void status(Client client, Json const& request);
+    void lookup(Client client, Json const& request);
+    void explain(Client client, Json const& request);
+    void probes(Client client, Json const& request);
+    void log(Client client, Json const& request);
+    void reload(Client client, Json const& request);
+    void delta(Client client, Json const& request);
+    void print(Client client, Json const& request);
+    void update(Client client, Json const& request);
+    template <class Take>
+    void take(Client client, Json const& request, Take&& command);
 
     Parts partsM;
     LoadedPlugIn& plugInM;
     MemoryReserve reserveM;
     LoadLane laneM;
+    Service serviceM;
     std::optional<ChangeNotices> noticesM;
-    std::optional<ControlServer> serverM;
+    std::optional<LineServer> serverM;
+    WakeUpSource signalsM;
+    WakeUpSource newsM; // of the log, the lane and the search for what is to come
+    EventLoop loopM;
     std::map<Client, std::uint64_t> followersM; // and the number of the report that each gets next
     bool reloadWantedM = false;                 // a signal's reload is not in the lane yet
     bool reloadingM = false;                    // the service manager waits for the end of a reload

@@ -47,10 +47,10 @@ bool Signals::takeReload() noexcept {
 }
 
 bool Signals::awaitStop(WakeUp const& other) const noexcept {
-    std::array<pollfd, 2> polled = {{{descriptor(), POLLIN, 0}, {other.descriptor(), POLLIN, 0}}};
+    std::array<pollfd, 2> polled = {{{wakeUpM.descriptor(), POLLIN, 0}, {other.descriptor(), POLLIN, 0}}};
     do {
         poll(polled.data(), polled.size(), -1);
-        clear();
+        wakeUpM.clear();
         if (stopNoted.load())
             return true;
     } while (polled[1].revents == 0);

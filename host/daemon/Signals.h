@@ -23,7 +23,8 @@ class Signals {
     Signals& operator=(Signals const&) = delete;
     ~Signals();
 
-    int descriptor() const noexcept { return wakeUpM.descriptor(); }
+    // Woken by each signal.
+    WakeUp const& wakeUp() const noexcept { return wakeUpM; }
 
     // Whether there has been one since the last call; signals in quick succession are one.
     bool takeStop() noexcept;
@@ -31,8 +32,6 @@ class Signals {
     // Waits for the end to be asked for (true) or for `other` to be woken (false), whichever comes first. Signals stay noted
     // for the two above.
     bool awaitStop(WakeUp const& other) const noexcept;
-
-    void clear() const noexcept { wakeUpM.clear(); }
 
   private:
     static constexpr std::array<int, 5> numbersCM = {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGXFSZ};

@@ -8,6 +8,7 @@
 #include "host/fields/FieldOptions.h"
 #include "host/import/FeedColumns.h"
 #include "host/import/FeedConversion.h"
+#include "host/module/Host.h"
 #include "host/records/FileRoles.h"
 #include "host/records/RecordInput.h"
 #include "host/records/RecordOptions.h"

@@ -29,7 +29,7 @@ DAT::NumberPortability::Operations const& operationsOf(SharedObject const& modul
 } // namespace
 
 LoadedModule::LoadedModule(std::filesystem::path const& file)
-    : fileM(file), objectM(loaded(file)), operationsM(operationsOf(*objectM, file)) {}
+    : fileM(file), objectM(loaded(file)), operationsM(operationsOf(objectM, file)) {}
 
 std::filesystem::path LoadedModule::folder() const {
     return objectM.place().parent_path();

@@ -1,4 +1,4 @@
-#include "host/daemon/DataFileLock.h"
+#include "host/service/DataFileLock.h"
 
 #include "framework/STR/FilePlace.h"
 

@@ -9,10 +9,10 @@
 // Complexity: a few system calls. Between the question and the delta's end a file can still be put there.
 #pragma once
 
-#include "host/daemon/DataFileLock.h"
+#include "framework/STR/FilePlace.h"
 #include "host/module/LoadedModule.h"
+#include "host/service/DataFileLock.h"
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace nphost {
@@ -29,8 +29,14 @@ class DataFileState {
     // The same, reported. `file` is the delta's.
     bool refusesDelta(std::string const& file, bool force);
 
-    // The keys name, size, modified, rewrite, rewriteReason, changed and lockedBy.
-    nlohmann::json toJson(DAT::NumberPortability::ServiceStatus const& status);
+    struct Standing {
+        BAS::String name;
+        STR::FileVersion version; // all 0: it is not there
+        STR::Rewriting rewriting; // how a delta would write it
+        bool changed = false;     // since it was loaded or last written
+        std::string holder;       // who keeps deltas away; empty: nobody
+    };
+    Standing standing(DAT::NumberPortability::ServiceStatus const& status);
 
   private:
     bool differs(DAT::NumberPortability::ServiceStatus const& status) const;

@@ -17,12 +17,12 @@
 
 #include "framework/BAS/Mutex.h"
 #include "framework/BAS/Thread.h"
-#include "host/daemon/DataFileState.h"
-#include "host/daemon/DeltaFolders.h"
-#include "host/daemon/LoadGuard.h"
-#include "host/daemon/ReportHub.h"
 #include "host/module/LoadedModule.h"
 #include "host/records/SameFile.h"
+#include "host/service/DataFileState.h"
+#include "host/service/DeltaFolders.h"
+#include "host/service/LoadGuard.h"
+#include "host/service/ReportHub.h"
 
 #include <chrono>
 #include <condition_variable>

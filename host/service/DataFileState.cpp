@@ -1,24 +1,12 @@
-#include "host/daemon/DataFileState.h"
+#include "host/service/DataFileState.h"
 
-#include "framework/STR/FilePlace.h"
-#include "host/base/Text.h"
 #include "host/log/OwnReport.h"
 
-#include <array>
-#include <ctime>
-#include <nlohmann/json.hpp>
 #include <poll.h>
 
 namespace nphost {
 
 namespace {
-
-using Json = nlohmann::json;
-
-char const* nameOf(STR::Rewriting::Way way) {
-    constexpr std::array<char const*, 3> names = {"replace", "inPlace", "impossible"};
-    return names.at(way);
-}
 
 std::string inWords(STR::Rewriting const& rewriting) {
     switch (rewriting.way) {
@@ -84,26 +72,9 @@ bool DataFileState::refusesDelta(std::string const& file, bool force) {
     return !fault.empty();
 }
 
-Json DataFileState::toJson(DAT::NumberPortability::ServiceStatus const& status) {
-    Json file = {{"name", asUtf8(fileM.view())}, {"size", nullptr}, {"modified", nullptr}};
-    STR::FileVersion const version = STR::versionOf(fileM);
-    if (version != STR::FileVersion()) {
-        constexpr std::int64_t nanoseconds = 1'000'000'000;
-        time_t const seconds = version.modified / nanoseconds - (version.modified % nanoseconds < 0 ? 1 : 0);
-        tm parts = {};
-        gmtime_r(&seconds, &parts);
-        std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
-        strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-        file["size"] = version.size;
-        file["modified"] = text.data();
-    }
-    STR::Rewriting const rewriting = STR::rewritingOf(fileM);
-    std::string const holder = lockM.take() ? std::string() : lockM.reason();
-    file["rewrite"] = nameOf(rewriting.way);
-    file["rewriteReason"] = rewriting.reason.empty() ? Json() : Json(asUtf8(rewriting.reason.view()));
-    file["changed"] = !status.loading && differs(status);
-    file["lockedBy"] = holder.empty() ? Json() : Json(asUtf8(holder));
-    return file;
+DataFileState::Standing DataFileState::standing(DAT::NumberPortability::ServiceStatus const& status) {
+    return {fileM, STR::versionOf(fileM), STR::rewritingOf(fileM), !status.loading && differs(status),
+            lockM.take() ? std::string() : lockM.reason()};
 }
 
 } // namespace nphost

@@ -1,4 +1,4 @@
-#include "host/daemon/LoadGuard.h"
+#include "host/service/LoadGuard.h"
 
 #include "host/base/ResidentMemory.h"
 #include "host/base/Text.h"
@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdio>
 #include <new>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace nphost {
@@ -31,25 +30,6 @@ BAS::String countText(std::uint64_t number) {
 }
 
 } // namespace
-
-nlohmann::json toJson(LoadCheck const& check) {
-    if (!check.guarded)
-        return nullptr;
-    nlohmann::json reasons = nlohmann::json::array();
-    for (std::string const& reason : check.reasons)
-        reasons.push_back(asUtf8(reason));
-    nlohmann::json result = {{"passed", check.passed},
-                             {"forced", check.forced},
-                             {"reasons", std::move(reasons)},
-                             {"seconds", check.seconds}};
-    if (check.examined && !check.cursory) {
-        result["lines"] = check.figures.lines;
-        result["records"] = check.figures.records;
-        result["rejectedLines"] = check.figures.rejected;
-        result["memoryMiB"] = mebibytes(memoryAtPeak(check.kind, check.figures));
-    }
-    return result;
-}
 
 LoadGuard::LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const& log)
     : limitsM(limits), plugInM(plugIn), logM(log) {}

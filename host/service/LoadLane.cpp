@@ -1,4 +1,4 @@
-#include "host/daemon/LoadLane.h"
+#include "host/service/LoadLane.h"
 
 #include "host/config/Configuration.h"
 #include "host/log/OwnReport.h"

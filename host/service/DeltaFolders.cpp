@@ -1,4 +1,4 @@
-#include "host/daemon/DeltaFolders.h"
+#include "host/service/DeltaFolders.h"
 
 #include "framework/STR/FilePlace.h"
 #include "host/base/FileDescriptor.h"

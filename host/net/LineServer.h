@@ -1,12 +1,12 @@
-// nphost::ControlServer: the daemon's connections to its clients.
+// nphost::LineServer: the connections to clients that ask in lines, one request and one answer each.
 //
-// Purpose: takes connections, cuts what arrives into lines, hands each line to the handler and writes the answers; all
-// of it without ever waiting for a client:
-// - a line of more than mostRequestBytesCM, and one that is not finished within stallTimeCM, is answered with an error
-//   object, and the connection closed;
-// - while a client has much unread output no more of its requests are read; one that reads nothing for stallTimeCM, or
-//   that follows the log and falls mostUnreadCM behind, is dropped;
-// - a client without a request for idleTimeCM is dropped; above mostClientsCM new ones are turned away.
+// Purpose: takes connections at a socket, cuts what arrives into lines, hands each line to the handler and writes the
+// answers; all of it without ever waiting for a client, and within limits:
+// - a line of more than mostRequestBytes, and one that is not finished within stallTime, is refused by an answer, and
+//   the connection closed;
+// - while a client has pauseBytes of unread output no more of its requests are read; one that reads nothing for
+//   stallTime, or that gets lines without asking and falls mostUnreadBytes behind, is dropped;
+// - a client without a request for idleTime is dropped; above mostClients new ones are turned away.
 // A client that has ended its sending still gets the answers to what it sent.
 // Ownership: borrows the listening socket and the handler; owns the connections.
 // Threads: the loop's thread.
@@ -15,12 +15,14 @@
 // Complexity: linear in the bytes and the clients.
 #pragma once
 
+#include "host/net/EventLoop.h"
 #include "host/net/UnixSocket.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <poll.h>
 #include <string>
 #include <string_view>
@@ -29,36 +31,39 @@
 
 namespace nphost {
 
-class ControlServer {
+class LineServer : public EventLoop::Source {
   public:
     using Client = std::uint64_t;
     using Clock = std::chrono::steady_clock;
 
-    static constexpr std::size_t mostClientsCM = 32;
-    static constexpr std::size_t mostPolledCM = mostClientsCM + 1; // that collect appends
-    static constexpr std::size_t mostUnreadCM = 1024UL * 1024;
-    static constexpr std::chrono::seconds stallTimeCM{5};
-    static constexpr std::chrono::minutes idleTimeCM{10};
+    struct Limits {
+        std::size_t mostClients = 32;
+        std::size_t mostRequestBytes = 64UL * 1024; // with the newline
+        std::size_t pauseBytes = 256UL * 1024;
+        std::size_t mostUnreadBytes = 1024UL * 1024;
+        std::chrono::seconds stallTime{5};
+        std::chrono::seconds idleTime{600};
+    };
 
     class Handler {
       public:
         virtual ~Handler() = default;
         // One request, without its newline. The handler answers now or later, with one send.
         virtual void request(Client client, std::string_view line) = 0;
+        // The line that refuses what a client does, for a reason in a sentence.
+        virtual std::string refusal(std::string const& reason) = 0;
     };
 
     using TimeSource = std::function<Clock::time_point()>;
-    ControlServer(ListeningSocket& socket, Handler& handler, TimeSource now = Clock::now)
-        : socketM(socket), handlerM(handler), nowM(std::move(now)) {}
+    LineServer(ListeningSocket& socket, Handler& handler, Limits const& limits, TimeSource now = Clock::now)
+        : socketM(socket), handlerM(handler), limitsM(limits), nowM(std::move(now)) {}
 
-    // Appends what to wait for.
-    void collect(std::vector<pollfd>& polled) const;
+    std::size_t mostPolled() const override { return limitsM.mostClients + 1; }
+    void collect(std::vector<pollfd>& polled) const override;
+    // 0 when a request could be taken or a connection closed at once, a tick while one may be closed for its time.
+    std::optional<EventLoop::Milliseconds> patience() const override;
     // Serves what poll found, and closes connections whose time is over.
-    void serve(std::vector<pollfd> const& polled);
-    // Whether a request could be taken or a connection closed at once, so that poll must not wait at all.
-    bool hasReady() const;
-    // Whether a connection may be closed for its time, so that poll must not wait for ever.
-    bool hasTimes() const { return !connectionsM.empty() || acceptPausedM; }
+    void serve(std::vector<pollfd> const& polled) override;
 
     // Ignored when the client has gone. `more`: further lines will come without a request for each.
     void send(Client client, std::string_view line, bool more = false) noexcept;
@@ -87,20 +92,22 @@ class ControlServer {
 
     void acceptAll();
     void take(FileDescriptor descriptor);
-    static void turnAway(FileDescriptor descriptor);
+    void turnAway(FileDescriptor descriptor);
     void serveOne(Client client, Connection& connection, int happened, Clock::time_point now);
     void read(Connection& connection);
     void answer(Client client, Connection& connection);
-    static bool isReady(Connection const& connection);
+    bool mayTake(Connection const& connection) const;
+    bool isReady(Connection const& connection) const;
     void takeRequests(Client client, Connection& connection);
-    void refuse(Connection& connection, char const* reason);
+    void refuse(Connection& connection, std::string const& reason);
     void write(Connection& connection);
     void checkTime(Connection& connection, Clock::time_point now);
     static std::size_t unread(Connection const& connection) { return connection.output.size() - connection.written; }
-    static bool isReading(Connection const& connection);
+    bool isReading(Connection const& connection) const { return !connection.inputEnded && mayTake(connection); }
 
     ListeningSocket& socketM;
     Handler& handlerM;
+    Limits const limitsM;
     TimeSource const nowM;
     std::map<Client, Connection> connectionsM;
     Client nextM = 1;

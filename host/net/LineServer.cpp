@@ -1,6 +1,4 @@
-#include "host/daemon/ControlServer.h"
-
-#include "host/daemon/ControlProtocol.h"
+#include "host/net/LineServer.h"
 
 #include <algorithm>
 #include <array>
@@ -12,17 +10,11 @@
 
 namespace nphost {
 
-namespace {
-
-constexpr std::size_t pauseBytesCM = 256UL * 1024; // unread output from which on no more requests are taken
-
-} // namespace
-
-bool ControlServer::isReading(Connection const& connection) {
-    return !connection.inputEnded && !connection.closing && !connection.awaited && unread(connection) < pauseBytesCM;
+bool LineServer::mayTake(Connection const& connection) const {
+    return !connection.closing && !connection.awaited && unread(connection) < limitsM.pauseBytes;
 }
 
-void ControlServer::collect(std::vector<pollfd>& polled) const {
+void LineServer::collect(std::vector<pollfd>& polled) const {
     if (socketM.descriptor() >= 0 && !acceptPausedM)
         polled.push_back({socketM.descriptor(), POLLIN, 0});
     for (auto const& [client, connection] : connectionsM) {
@@ -31,26 +23,21 @@ void ControlServer::collect(std::vector<pollfd>& polled) const {
     }
 }
 
-void ControlServer::serve(std::vector<pollfd> const& polled) {
+void LineServer::serve(std::vector<pollfd> const& polled) {
     acceptPausedM = false;
-    auto const happened = [&polled](int descriptor) {
-        auto const found = std::find_if(polled.begin(), polled.end(),
-                                        [descriptor](pollfd const& entry) { return entry.fd == descriptor; });
-        return found == polled.end() ? 0 : found->revents;
-    };
     Clock::time_point const now = nowM();
     for (auto& [client, connection] : connectionsM)
         try {
-            serveOne(client, connection, happened(connection.descriptor.get()), now);
+            serveOne(client, connection, happenedTo(connection.descriptor.get(), polled), now);
         } catch (std::exception const&) { // for want of memory, for one
             connection.dropped = true;
         }
     std::erase_if(connectionsM, [](auto const& entry) { return entry.second.dropped; });
-    if (happened(socketM.descriptor()) != 0)
+    if (happenedTo(socketM.descriptor(), polled) != 0)
         acceptAll();
 }
 
-void ControlServer::serveOne(Client client, Connection& connection, int happened, Clock::time_point now) {
+void LineServer::serveOne(Client client, Connection& connection, int happened, Clock::time_point now) {
     if ((happened & (POLLERR | POLLNVAL)) != 0)
         connection.dropped = true;
     if ((happened & (POLLIN | POLLHUP)) != 0 && isReading(connection))
@@ -61,7 +48,7 @@ void ControlServer::serveOne(Client client, Connection& connection, int happened
     checkTime(connection, now);
 }
 
-void ControlServer::acceptAll() {
+void LineServer::acceptAll() {
     for (;;) {
         FileDescriptor accepted = socketM.accept();
         if (!accepted) {
@@ -75,20 +62,20 @@ void ControlServer::acceptAll() {
     }
 }
 
-void ControlServer::take(FileDescriptor descriptor) {
-    if (connectionsM.size() >= mostClientsCM)
+void LineServer::take(FileDescriptor descriptor) {
+    if (connectionsM.size() >= limitsM.mostClients)
         return turnAway(std::move(descriptor));
     Connection& connection = connectionsM[nextM++];
     connection.descriptor = std::move(descriptor);
     connection.lastMove = nowM();
 }
 
-void ControlServer::turnAway(FileDescriptor descriptor) {
-    std::string const line = errorLine("too many clients");
+void LineServer::turnAway(FileDescriptor descriptor) {
+    std::string const line = handlerM.refusal("too many clients");
     ::send(descriptor.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-void ControlServer::read(Connection& connection) {
+void LineServer::read(Connection& connection) {
     std::array<char, 16UL * 1024> block;
     ssize_t const count = recv(connection.descriptor.get(), block.data(), block.size(), 0);
     if (count > 0) {
@@ -103,7 +90,7 @@ void ControlServer::read(Connection& connection) {
     }
 }
 
-void ControlServer::answer(Client client, Connection& connection) {
+void LineServer::answer(Client client, Connection& connection) {
     constexpr int mostTurns = 4; // then the others get theirs
     int turn = 0;
     do {
@@ -112,21 +99,23 @@ void ControlServer::answer(Client client, Connection& connection) {
     } while (++turn < mostTurns && isReady(connection));
 }
 
-bool ControlServer::isReady(Connection const& connection) {
-    return !connection.dropped && !connection.closing && !connection.awaited && unread(connection) < pauseBytesCM &&
-           connection.input.find('\n') != std::string::npos;
+bool LineServer::isReady(Connection const& connection) const {
+    return !connection.dropped && mayTake(connection) && connection.input.find('\n') != std::string::npos;
 }
 
-bool ControlServer::hasReady() const {
-    return std::any_of(connectionsM.begin(), connectionsM.end(),
-                       [](auto const& entry) { return entry.second.dropped || isReady(entry.second); });
+std::optional<EventLoop::Milliseconds> LineServer::patience() const {
+    constexpr EventLoop::Milliseconds tick{500};
+    if (std::any_of(connectionsM.begin(), connectionsM.end(),
+                    [this](auto const& entry) { return entry.second.dropped || isReady(entry.second); }))
+        return EventLoop::Milliseconds(0);
+    return connectionsM.empty() && !acceptPausedM ? std::nullopt : std::optional(tick);
 }
 
-void ControlServer::takeRequests(Client client, Connection& connection) {
+void LineServer::takeRequests(Client client, Connection& connection) {
     std::size_t taken = 0;
-    while (!connection.dropped && !connection.closing && !connection.awaited && unread(connection) < pauseBytesCM) {
+    while (!connection.dropped && mayTake(connection)) {
         std::size_t const end = connection.input.find('\n', taken);
-        if (end == std::string::npos || end - taken >= mostRequestBytesCM)
+        if (end == std::string::npos || end - taken >= limitsM.mostRequestBytes)
             break;
         std::string const line = connection.input.substr(taken, end - taken);
         taken = end + 1;
@@ -138,8 +127,8 @@ void ControlServer::takeRequests(Client client, Connection& connection) {
     if (connection.closing || connection.awaited)
         return;
     std::size_t const end = connection.input.find('\n');
-    if (std::min(end, connection.input.size()) >= mostRequestBytesCM)
-        refuse(connection, "the request is longer than 65536 bytes");
+    if (std::min(end, connection.input.size()) >= limitsM.mostRequestBytes)
+        refuse(connection, "the request is longer than " + std::to_string(limitsM.mostRequestBytes) + " bytes");
     else if (connection.inputEnded && end == std::string::npos) {
         if (!connection.input.empty())
             refuse(connection, "the request does not end with a newline");
@@ -147,13 +136,13 @@ void ControlServer::takeRequests(Client client, Connection& connection) {
     }
 }
 
-void ControlServer::refuse(Connection& connection, char const* reason) {
-    connection.output += errorLine(reason);
+void LineServer::refuse(Connection& connection, std::string const& reason) {
+    connection.output += handlerM.refusal(reason);
     connection.input.clear();
     connection.closing = true;
 }
 
-void ControlServer::write(Connection& connection) {
+void LineServer::write(Connection& connection) {
     while (unread(connection) > 0 && !connection.dropped) {
         ssize_t const count = ::send(connection.descriptor.get(), connection.output.data() + connection.written,
                                      unread(connection), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -166,7 +155,7 @@ void ControlServer::write(Connection& connection) {
             connection.dropped = true;
         }
     }
-    if (unread(connection) == 0 || connection.written > pauseBytesCM) {
+    if (unread(connection) == 0 || connection.written > limitsM.pauseBytes) {
         connection.output.erase(0, connection.written);
         connection.written = 0;
     }
@@ -174,21 +163,21 @@ void ControlServer::write(Connection& connection) {
         connection.dropped = true;
 }
 
-void ControlServer::checkTime(Connection& connection, Clock::time_point now) {
+void LineServer::checkTime(Connection& connection, Clock::time_point now) {
     auto const still = now - connection.lastMove;
     if (unread(connection) > 0) {
-        connection.dropped = connection.dropped || still > stallTimeCM;
+        connection.dropped = connection.dropped || still > limitsM.stallTime;
     } else if (connection.awaited) {
         return; // it is this side that owes something
-    } else if (!connection.input.empty() && still > stallTimeCM) {
+    } else if (!connection.input.empty() && still > limitsM.stallTime) {
         refuse(connection, "the request was not finished in time");
         write(connection);
-    } else if (!connection.following && still > idleTimeCM) {
+    } else if (!connection.following && still > limitsM.idleTime) {
         connection.dropped = true;
     }
 }
 
-void ControlServer::send(Client client, std::string_view line, bool more) noexcept {
+void LineServer::send(Client client, std::string_view line, bool more) noexcept {
     auto const found = connectionsM.find(client);
     if (found == connectionsM.end())
         return;
@@ -197,7 +186,7 @@ void ControlServer::send(Client client, std::string_view line, bool more) noexce
     connection.following = connection.following || more;
     if (unread(connection) == 0)
         connection.lastMove = nowM(); // from here on the client owes its reading
-    if (connection.following && unread(connection) > mostUnreadCM)
+    if (connection.following && unread(connection) > limitsM.mostUnreadBytes)
         connection.dropped = true;
     try {
         if (!connection.dropped)
@@ -207,7 +196,7 @@ void ControlServer::send(Client client, std::string_view line, bool more) noexce
     }
 }
 
-void ControlServer::close() {
+void LineServer::close() {
     for (auto& [client, connection] : connectionsM)
         write(connection);
     connectionsM.clear();

@@ -16,13 +16,12 @@
 #include "framework/BAS/DateTime.h"
 #include "framework/BAS/Mutex.h"
 #include "host/config/GuardLimits.h"
-#include "host/daemon/ReportHub.h"
 #include "host/log/Log.h"
 #include "host/module/LoadedModule.h"
+#include "host/service/ReportHub.h"
 
 #include <atomic>
 #include <cstdint>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -46,10 +45,6 @@ struct LoadCheck {
     LoadFigures figures;
     ReportCollector reports;
 };
-
-// The keys passed, forced, reasons and seconds, and lines, records, rejectedLines and memoryMiB of a file that was read
-// whole; null where nothing is guarded.
-nlohmann::json toJson(LoadCheck const& check);
 
 class LoadGuard {
   public:

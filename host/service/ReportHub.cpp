@@ -1,4 +1,4 @@
-#include "host/daemon/ReportHub.h"
+#include "host/service/ReportHub.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,0 +1,287 @@
+#include "host/daemon/ControlAnswers.h"
+
+#include "host/base/Text.h"
+#include "host/daemon/ControlProtocol.h"
+#include "host/fields/Numbers.h"
+#include "host/log/LogReport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+#include <utility>
+
+namespace nphost {
+
+namespace {
+
+using Json = nlohmann::json;
+using DAT::NumberPortability::LoadOutcome;
+
+Json clock(BAS::DateTime at) {
+    return at.isValid() ? Json(clockTime(at)) : Json();
+}
+
+Json digits(BAS::DateTime at) {
+    return at.isValid() ? Json(at.asString("%Y%m%d%H%M%S").str()) : Json();
+}
+
+char const* nameOf(LoadOutcome::Kind kind) {
+    switch (kind) {
+    case LoadOutcome::LOAD:
+        return "load";
+    case LoadOutcome::RELOAD:
+        return "reload";
+    case LoadOutcome::DELTA_LOAD:
+        return "delta";
+    case LoadOutcome::NONE:
+        break;
+    }
+    return "none";
+}
+
+Json lastLoad(LoadOutcome const& load) {
+    return {{"kind", nameOf(load.kind)},
+            {"succeeded", load.succeeded},
+            {"file", asUtf8(load.fileName.view())},
+            {"ended", clock(load.ended)},
+            {"seconds", load.duration},
+            {"lines", load.lines},
+            {"rejectedLines", load.counts.rejected},
+            {"numbersWithoutDigits", load.counts.withoutDigits}};
+}
+
+char const* nameOf(STR::Rewriting::Way way) {
+    constexpr std::array<char const*, 3> names = {"replace", "inPlace", "impossible"};
+    return names.at(way);
+}
+
+Json toJson(DataFileState::Standing const& standing) {
+    Json file = {{"name", asUtf8(standing.name.view())}, {"size", nullptr}, {"modified", nullptr}};
+    if (standing.version != STR::FileVersion()) {
+        constexpr std::int64_t nanoseconds = 1'000'000'000;
+        std::int64_t const modified = standing.version.modified;
+        time_t const seconds = modified / nanoseconds - (modified % nanoseconds < 0 ? 1 : 0);
+        tm parts = {};
+        gmtime_r(&seconds, &parts);
+        std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
+        strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+        file["size"] = standing.version.size;
+        file["modified"] = text.data();
+    }
+    BAS::String const& reason = standing.rewriting.reason;
+    file["rewrite"] = nameOf(standing.rewriting.way);
+    file["rewriteReason"] = reason.empty() ? Json() : Json(asUtf8(reason.view()));
+    file["changed"] = standing.changed;
+    file["lockedBy"] = standing.holder.empty() ? Json() : Json(asUtf8(standing.holder));
+    return file;
+}
+
+Json toJson(LoadCheck const& check) {
+    if (!check.guarded)
+        return nullptr;
+    Json reasons = Json::array();
+    for (std::string const& reason : check.reasons)
+        reasons.push_back(asUtf8(reason));
+    Json result = {{"passed", check.passed},
+                   {"forced", check.forced},
+                   {"reasons", std::move(reasons)},
+                   {"seconds", check.seconds}};
+    if (check.examined && !check.cursory) {
+        result["lines"] = check.figures.lines;
+        result["records"] = check.figures.records;
+        result["rejectedLines"] = check.figures.rejected;
+        result["memoryMiB"] = mebibytes(memoryAtPeak(check.kind, check.figures));
+    }
+    return result;
+}
+
+Json limitsOf(GuardLimits const& limits) {
+    Json object = Json::object();
+    auto const set = [&object](char const* key, auto const& value) {
+        if (value)
+            object[key] = *value;
+    };
+    auto const setPercent = [&object](char const* key, std::optional<std::uint32_t> thousandths) {
+        if (thousandths)
+            object[key] = *thousandths % 1000 == 0 ? Json(*thousandths / 1000) : Json(*thousandths / 1000.0);
+    };
+    setPercent("maxLossPercent", limits.maxLossPercent);
+    setPercent("maxRejectedPercent", limits.maxRejectedPercent);
+    set("maxNumbersWithoutDigits", limits.maxNumbersWithoutDigits);
+    if (limits.minRecords > 0)
+        object["minRecords"] = limits.minRecords;
+    if (limits.requireCompleteLastLine)
+        object["requireCompleteLastLine"] = true;
+    set("maxMemoryMiB", limits.maxMemoryMiB);
+    return object;
+}
+
+Json toJson(Standing::Progress const& progress) {
+    return {{"lines", progress.lines}, {"bytes", progress.bytes}, {"totalBytes", progress.totalBytes}};
+}
+
+Json guardOf(Standing const& standing) {
+    if (!standing.limits.any())
+        return nullptr;
+    LoadGuard::Standing const& guard = standing.guard;
+    Json object = {{"limits", limitsOf(standing.limits)}, {"checking", nullptr}, {"lastRefusal", nullptr}};
+    if (guard.checking) {
+        object["checking"] = toJson(standing.progress);
+        object["checking"]["file"] = asUtf8(*guard.checking);
+    }
+    if (guard.lastRefusal) {
+        object["lastRefusal"] = toJson(*guard.lastRefusal);
+        object["lastRefusal"]["kind"] = nameOf(guard.lastRefusal->kind);
+        object["lastRefusal"]["file"] = asUtf8(guard.lastRefusal->file);
+        object["lastRefusal"]["ended"] = clock(guard.lastRefusal->ended);
+        object["lastRefusal"]["superseded"] = !guard.isRefused(standing.data.loads);
+    }
+    return object;
+}
+
+// The bytes that an answer's texts take, so that a client is told rather than kept waiting: the event loop writes the
+// answer, and holds all of it.
+class AnswerSize {
+  public:
+    void add(std::size_t bytes) {
+        bytesM += bytes;
+        if (bytesM > mostAnswerBytesCM)
+            throw AnswerTooLong("the answer would be longer than " + std::to_string(mostAnswerBytesCM) + " bytes");
+    }
+
+  private:
+    std::size_t bytesM = 0;
+};
+
+Json recordOf(Explanation::Choice const& choice) {
+    if (choice.record == nullptr)
+        return {{"found", false}, {"key", nullptr}, {"validFrom", nullptr}, {"network", nullptr}};
+    return {{"found", true},
+            {"key", choice.prefix->key.str()},
+            {"validFrom", digits(choice.record->validFromM)},
+            {"network", asUtf8(choice.record->networkIdM.view())}};
+}
+
+constexpr std::size_t mostHistoryCM = 1000;
+
+Json historiesOf(Explanation::Prefixes const& prefixes) {
+    constexpr std::size_t bytesARecord = 64; // besides its network
+    Json all = Json::array();
+    AnswerSize size;
+    for (auto const& prefix : prefixes) {
+        // The newest: an answer must stay of a size that the event loop can send beside others.
+        std::size_t const shown = std::min(prefix.history.size(), mostHistoryCM);
+        Json history = Json::array();
+        for (std::size_t i = 0; i < shown; ++i) {
+            std::string network = asUtf8(prefix.history[i].networkIdM.view());
+            size.add(bytesARecord + network.size());
+            history.push_back({{"validFrom", digits(prefix.history[i].validFromM)}, {"network", std::move(network)}});
+        }
+        all.push_back({{"key", prefix.key.str()},
+                       {"history", std::move(history)},
+                       {"olderLeftOut", prefix.history.size() - shown}});
+    }
+    return all;
+}
+
+} // namespace
+
+Json toJson(Standing const& standing) {
+    DAT::NumberPortability::ServiceStatus const& data = standing.data;
+    return {{"ok", true},
+            {"usable", data.usable},
+            {"loading", data.loading},
+            {"progress", data.loading ? toJson(standing.progress) : Json()},
+            {"loadedSince", clock(data.liveSince)},
+            {"records", data.records},
+            {"numbers", data.numbers},
+            {"searchMethod", nameOfSearchMethod(data.searchMethod)},
+            {"dataFile", toJson(standing.file)},
+            {"unsaved", data.unsaved},
+            {"lastLoad", lastLoad(data.lastLoad)},
+            {"guard", guardOf(standing)},
+            {"lookUps", data.lookUps},
+            {"reportsLost", standing.reportsLost},
+            {"memoryBytes", standing.memoryBytes},
+            {"process", getpid()},
+            {"program", NP_VERSION}};
+}
+
+Json answerLookup(Service& service, LookUpQuestion const& question) {
+    Json answers = Json::array();
+    AnswerSize size;
+    service.lookUp(question, [&](BAS::String const& number, Explanation::Record const* record) {
+        std::string shown = asUtf8(number.view());
+        std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());
+        size.add(shown.size() + network.size());
+        answers.push_back({{"number", std::move(shown)},
+                           {"found", record != nullptr},
+                           {"validFrom", record != nullptr ? digits(record->validFromM) : Json()},
+                           {"network", record != nullptr ? Json(std::move(network)) : Json()}});
+    });
+    return {{"ok", true}, {"at", digits(question.at)}, {"answers", std::move(answers)}};
+}
+
+Json toJson(Explained const& explained) {
+    Json methods;
+    for (unsigned int method = 0; method < searchMethodsCM; ++method) {
+        Json choice = recordOf(explained.choice(method));
+        choice["reason"] = explained.reason(method);
+        methods[nameOfSearchMethod(method)] = std::move(choice);
+    }
+    Json next;
+    if (auto const change = explained.nextChange()) {
+        next = recordOf(change->choice);
+        next["at"] = digits(change->at);
+    }
+    return {{"ok", true},
+            {"number", asUtf8(explained.number().view())},
+            {"at", digits(explained.at())},
+            {"prefixes", historiesOf(explained.prefixes())},
+            {"methods", std::move(methods)},
+            {"configured", nameOfSearchMethod(explained.configured())},
+            {"nextChange", std::move(next)}};
+}
+
+// With what was reported by the check of a request, and then by the request itself.
+Json toJson(LoadLane::Job const& job) {
+    Json reports = Json::array();
+    for (ReportCollector const* const part : {&job.check.reports, &job.reports})
+        for (LogReport const& report : part->reports())
+            reports.push_back(toJson(report));
+    Json answer = {{"ok", true},
+                   {"command", nameOf(job.request.kind)},
+                   {"succeeded", job.succeeded},
+                   {"seconds", job.seconds},
+                   {"reports", std::move(reports)},
+                   {"reportsLeftOut", job.check.reports.leftOut() + job.reports.leftOut()},
+                   {"check", toJson(job.check)}};
+    if (job.request.kind == LoadLane::UPDATE) {
+        answer["result"] = job.result;
+        answer["handled"] = job.handled;
+    }
+    if (job.isDelta) {
+        answer["added"] = job.added;
+        answer["known"] = job.known;
+    }
+    return answer;
+}
+
+std::string_view shortLine(LoadLane::Job const& job, ShortLine& line) {
+    auto const text = [](bool value) { return value ? "true" : "false"; };
+    bool const isUpdate = job.request.kind == LoadLane::UPDATE;
+    int const length = std::snprintf(
+        line.data(), line.size(),
+        "{\"check\":null,\"command\":\"%s\",%s%s%s%s\"ok\":true,\"reports\":[],\"reportsLeftOut\":%zu,\"seconds\":%.6f,"
+        "\"succeeded\":%s,\"version\":%d}\n",
+        nameOf(job.request.kind), isUpdate ? "\"handled\":" : "", isUpdate ? text(job.handled) : "",
+        isUpdate ? ",\"result\":" : "", isUpdate ? (job.result ? "true," : "false,") : "",
+        job.check.reports.reports().size() + job.check.reports.leftOut() + job.reports.reports().size() +
+            job.reports.leftOut(),
+        job.seconds, text(job.succeeded), protocolVersionCM);
+    return {line.data(), static_cast<std::size_t>(length)};
+}
+
+} // namespace nphost

@@ -1,0 +1,36 @@
+#include "host/net/EventLoop.h"
+
+#include "host/base/HostError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace nphost {
+
+int happenedTo(int descriptor, std::vector<pollfd> const& polled) {
+    auto const found = std::find_if(polled.begin(), polled.end(),
+                                    [descriptor](pollfd const& entry) { return entry.fd == descriptor; });
+    return found == polled.end() ? 0 : found->revents;
+}
+
+void EventLoop::add(Source& source) {
+    polledM.reserve(polledM.capacity() + source.mostPolled());
+    sourcesM.push_back(&source);
+}
+
+void EventLoop::turn(std::optional<Milliseconds> patience) {
+    polledM.clear();
+    for (Source* const source : sourcesM) {
+        source->collect(polledM);
+        if (std::optional<Milliseconds> const own = source->patience())
+            patience = std::min(*own, patience.value_or(*own));
+    }
+    int const milliseconds = patience ? static_cast<int>(patience->count()) : -1; // -1: for ever
+    if (poll(polledM.data(), polledM.size(), milliseconds) < 0 && errno != EINTR)
+        throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
+    for (Source* const source : sourcesM)
+        source->serve(polledM);
+}
+
+} // namespace nphost
