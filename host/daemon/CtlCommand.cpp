@@ -34,7 +34,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr char const* helpCM =
+constexpr char const* ctlHelpCM =
     R"('nphost ctl COMMAND --help' explains a command. The daemon is found by --socket or by
 the key 'socket' that --config names.
 
@@ -617,12 +617,12 @@ constexpr DaemonCommand commandsCM[] = {
     {"update", "Carry out a registry update and show what it reports", declareUpdate, &Ctl::update},
 };
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declareCtl(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<CtlOptions>();
     Option const socket = arguments.add("-s,--socket", "PATH", options->socket, "The daemon's control socket");
     addConfiguration(arguments, common, "The configuration file that names it").excludes(socket);
     arguments.flag("--json", options->json, "Show the daemon's answer, one JSON object a line");
-    arguments.footer(helpCM);
+    arguments.footer(ctlHelpCM);
     for (DaemonCommand const& each : commandsCM) {
         Arguments own = arguments.command(each.name, each.description);
         each.declare(own, *options);
@@ -636,6 +636,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const ctlCommandCM = {"ctl", "Ask or command a daemon that 'nphost run' started", declare};
+Command const ctlCommandCM = {"ctl", "Ask or command a daemon that 'nphost run' started", declareCtl};
 
 } // namespace nphost

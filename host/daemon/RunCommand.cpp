@@ -22,7 +22,7 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* helpCM =
+constexpr char const* runHelpCM =
     R"(Loads the data and serves them until SIGTERM or SIGINT. SIGHUP reloads the data and
 reopens the log file. With the key 'socket' in [host] the daemon is asked and commanded
 by 'nphost ctl'; the key 'clients' names modules that look numbers up within the daemon.
@@ -129,7 +129,7 @@ int runDaemon(RunOptions const& options) {
     return FINE;
 }
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declareRun(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<RunOptions>();
     addConfiguration(arguments, common).required();
     auto const takeFormat = [options](std::string const& format) { options->jsonLog = format == "json"; };
@@ -138,7 +138,7 @@ void declare(Arguments& arguments, CommonOptions& common) {
     arguments.flag("--force", options->force, "Load the data file whatever the guard would say of it");
     arguments.add("--log-file", "FILE", options->logFile,
                   "The file of the log; default: as configured, or standard error");
-    arguments.footer(helpCM);
+    arguments.footer(runHelpCM);
     arguments.runs([options, &common] {
         options->common = common;
         return runDaemon(*options);
@@ -147,6 +147,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const runCommandCM = {"run", "Serve the data as a daemon until told to stop", declare};
+Command const runCommandCM = {"run", "Serve the data as a daemon until told to stop", declareRun};
 
 } // namespace nphost

@@ -25,7 +25,7 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* helpCM =
+constexpr char const* checkHelpCM =
     R"(Reads the data file as a load would, by the dialling codes of the configuration,
 without serving it. The data file that the configuration names is not touched and
 need not exist.
@@ -321,7 +321,7 @@ int check(CheckOptions const& options) {
     return summary.rejected() == 0 ? FINE : NOT_FOUND;
 }
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declareCheck(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<CheckOptions>();
     addConfiguration(arguments, common).required();
     arguments.add("FILE", " ", options->file, "The data file").required();
@@ -332,7 +332,7 @@ void declare(Arguments& arguments, CommonOptions& common) {
         .between(0, 4'294'967'295, "0 to 4294967295")
         .needs(guard);
     arguments.flag("--delta", options->delta, "With --guard: as a delta").needs(guard);
-    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.footer(std::string(checkHelpCM) + exitStatusHelpCM);
     arguments.runs([options, &common] {
         options->common = common;
         return check(*options);
@@ -341,6 +341,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const checkCommandCM = {"check", "Say what a data file holds and what is wrong with it", declare};
+Command const checkCommandCM = {"check", "Say what a data file holds and what is wrong with it", declareCheck};
 
 } // namespace nphost

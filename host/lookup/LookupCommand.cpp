@@ -25,7 +25,7 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* helpCM =
+constexpr char const* lookupHelpCM =
     R"(Prints one line a number: number, instant, valid-from and network, separated by
 tabs; '-' for the last two when no record holds.
 
@@ -194,14 +194,14 @@ int lookup(LookupOptions const& options) {
     return allFound ? FINE : NOT_FOUND;
 }
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declareLookup(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<LookupOptions>();
     addConfiguration(arguments, common).required();
     arguments.add("NUMBER", "...", options->numbers, "The numbers, or '-' alone for standard input").required();
     addInstant(arguments, "--at", options->at);
     addMethod(arguments, options->method);
     arguments.flag("--normalise", options->normalise, "Take numbers as people write them");
-    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.footer(std::string(lookupHelpCM) + exitStatusHelpCM);
     arguments.runs([options, &common] {
         options->common = common;
         return lookup(*options);
@@ -210,6 +210,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const lookupCommandCM = {"lookup", "Say to which network numbers belonged at an instant", declare};
+Command const lookupCommandCM = {"lookup", "Say to which network numbers belonged at an instant", declareLookup};
 
 } // namespace nphost

@@ -21,7 +21,7 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* helpCM =
+constexpr char const* printHelpCM =
     R"(Without the heading the listing is a data file again: sorted, in stored form and
 without bad lines.
 
@@ -120,12 +120,12 @@ int print(PrintOptions const& options) {
     return FINE;
 }
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declarePrint(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<PrintOptions>();
     addConfiguration(arguments, common).required();
     arguments.add("-o,--output", "FILE", options->output, "The file to write; default: standard output");
     arguments.flag("--no-heading", options->noHeading, "Leave out the heading");
-    arguments.footer(std::string(helpCM) + exitStatusHelpCM);
+    arguments.footer(std::string(printHelpCM) + exitStatusHelpCM);
     arguments.runs([options, &common] {
         options->common = common;
         return print(*options);
@@ -134,6 +134,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const printCommandCM = {"print", "Print all records, in the order of their numbers", declare};
+Command const printCommandCM = {"print", "Print all records, in the order of their numbers", declarePrint};
 
 } // namespace nphost

@@ -23,7 +23,7 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* helpCM =
+constexpr char const* upcomingHelpCM =
     R"(Loads the data and prints one line for every record that is valid from later than the
 instant, by instant, then by number: instant, number, from which network and to which,
 separated by tabs. The network before is what a look-up by the configured search method
@@ -168,13 +168,13 @@ int upcoming(UpcomingOptions const& options) {
     return FINE;
 }
 
-void declare(Arguments& arguments, CommonOptions& common) {
+void declareUpcoming(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<UpcomingOptions>();
     addConfiguration(arguments, common).required();
     addInstant(arguments, "--from", options->from, "What comes after it; ");
     arguments.add("--until", "INSTANT", options->until, "What comes up to it; default: everything");
     arguments.flag("--json", options->json, "Write one JSON object");
-    arguments.footer(helpCM);
+    arguments.footer(upcomingHelpCM);
     arguments.runs([options, &common] {
         options->common = common;
         return upcoming(*options);
@@ -183,6 +183,6 @@ void declare(Arguments& arguments, CommonOptions& common) {
 
 } // namespace
 
-Command const upcomingCommandCM = {"upcoming", "List the assignments that are still to come", declare};
+Command const upcomingCommandCM = {"upcoming", "List the assignments that are still to come", declareUpcoming};
 
 } // namespace nphost
