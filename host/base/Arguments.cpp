@@ -23,6 +23,10 @@ std::string faultOfCount(std::string const& text) {
     return whole ? std::string() : "'" + text + "' is not a number from 0 to 18446744073709551615";
 }
 
+std::string faultOfName(std::string const& text) {
+    return text.empty() ? "the name is empty" : "";
+}
+
 std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
     std::vector<CLI::App*> const chosen = app.get_subcommands();
     CLI::App const& last = chosen.empty() ? app : *chosen.front();
@@ -66,6 +70,11 @@ Option& Option::separatedBy(char separator) {
 
 Option& Option::among(std::vector<std::string> const& values) {
     optionM->check(CLI::IsMember(values));
+    return *this;
+}
+
+Option& Option::named() {
+    optionM->check(CLI::Validator(faultOfName, "", "name"));
     return *this;
 }
 

@@ -40,6 +40,8 @@ class Option {
     Option& exactly(int values);
     Option& separatedBy(char separator);
     Option& among(std::vector<std::string> const& values);
+    // An empty name is refused, as a script's variable that is not set leaves it.
+    Option& named();
     // Digits alone, up to 2^64 - 1: no sign.
     Option& count();
     Option& between(std::uint64_t least, std::uint64_t most, std::string const& shown = {});

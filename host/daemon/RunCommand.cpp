@@ -136,8 +136,9 @@ void declareRun(Arguments& arguments, CommonOptions& common) {
     arguments.read("--log-format", "STYLE", takeFormat, "text, or json: one object a line; default: text")
         .among({"text", "json"});
     arguments.flag("--force", options->force, "Load the data file whatever the guard would say of it");
-    arguments.add("--log-file", "FILE", options->logFile,
-                  "The file of the log; default: as configured, or standard error");
+    arguments
+        .add("--log-file", "FILE", options->logFile, "The file of the log; default: as configured, or standard error")
+        .named();
     arguments.footer(runHelpCM);
     arguments.runs([options, &common] {
         options->common = common;

@@ -308,12 +308,14 @@ int enrich(EnrichOptions const& options) {
 }
 
 void declareOutput(Arguments& arguments, EnrichOptions& options) {
-    arguments.add("-o,--output", "FILE", options.output, "The file to write; default: standard output");
+    arguments.add("-o,--output", "FILE", options.output, "The file to write; default: standard output").named();
     arguments.add("--add", "LIST", options.added, "Besides the network: valid-from, prefix, next-change, method")
         .separatedBy(',')
         .single();
-    arguments.add("--rejects", "FILE", options.rejects,
-                  "Where records go that cannot be used; with --output, its name and .rejects");
+    arguments
+        .add("--rejects", "FILE", options.rejects,
+             "Where records go that cannot be used; with --output, its name and .rejects")
+        .named();
     arguments.flag("--keep", options.keep,
                    "Leave records that cannot be used in the output; with --rejects list them, too");
     arguments

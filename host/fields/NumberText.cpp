@@ -102,6 +102,7 @@ bool hasDigit(std::string_view text) {
 }
 
 bool isDecimal(std::string_view text) {
+    text = withoutEnd(text.substr(std::min(text.find_first_not_of("( \t"), text.size())), ") \t");
     if (text.starts_with('+'))
         text.remove_prefix(1);
     std::size_t const point = text.find('.');

@@ -345,9 +345,10 @@ void declare(Arguments& arguments, CommonOptions& common) {
     addTimeForm(arguments, options->timeFormat, options->zone);
     addNormalise(arguments, options->normalise, "; needs --config");
     addConfiguration(arguments, common, "The configuration file with the dialling codes");
-    arguments.add("-o,--output", "FILE", options->output, "The data file to write; default: standard output");
-    arguments.add("--rejects", "FILE", options->rejects,
-                  "List rejected records here: file, line, reason, detail, record");
+    arguments.add("-o,--output", "FILE", options->output, "The data file to write; default: standard output").named();
+    arguments
+        .add("--rejects", "FILE", options->rejects, "List rejected records here: file, line, reason, detail, record")
+        .named();
     arguments.add("--max-rejects", "N", options->maxRejects, "Stop, and write no data, when more are rejected").count();
     arguments.flag("--json", options->json,
                    "The summary as one JSON object, on standard output with --output, else on standard error");

@@ -23,7 +23,8 @@ namespace {
 
 constexpr char const* printHelpCM =
     R"(Without the heading the listing is a data file again: sorted, in stored form and
-without bad lines.
+without bad lines. It is compressed if the name of its file ends in .gz or .zst; a load
+does not read it then.
 
 Examples:
   nphost print --config examples/nphost.toml
@@ -41,7 +42,7 @@ struct PrintOptions {
 // it to itself, so the caller asks for it.
 class ListingBuffer : public std::streambuf {
   public:
-    ListingBuffer(ResultTarget& target, bool byLine) : targetM(target), byLineM(byLine) { clear(); }
+    ListingBuffer(PieceTarget& target, bool byLine) : targetM(target), byLineM(byLine) { clear(); }
 
     std::uint64_t lines() const { return linesM.load(std::memory_order_relaxed); }
 
@@ -68,8 +69,10 @@ class ListingBuffer : public std::streambuf {
         auto const found = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
         try {
             Interruption::check();
-            if (!failureM)
-                targetM.write(text);
+            if (!failureM) {
+                targetM.buffer() += text;
+                byLineM ? targetM.write() : targetM.writeLarge();
+            }
             linesM.store(lines() + found, std::memory_order_relaxed); // only this thread writes
         } catch (...) {
             failureM = std::current_exception();
@@ -79,14 +82,14 @@ class ListingBuffer : public std::streambuf {
     }
     void clear() { setp(bytesM.data(), bytesM.data() + bytesM.size()); }
 
-    ResultTarget& targetM;
+    PieceTarget& targetM;
     bool byLineM;
     std::exception_ptr failureM;
     std::atomic<std::uint64_t> linesM{0};
     std::array<char, 64UL * 1024> bytesM;
 };
 
-void printTo(Host& host, ResultTarget& target, PrintOptions const& options) {
+void printTo(Host& host, PieceTarget& target, PrintOptions const& options) {
     bool const toTerminal = !fileOf(options.output) && isatty(STDOUT_FILENO) == 1;
     ListingBuffer buffer(target, toTerminal);
     std::ostream listing(&buffer);
@@ -111,7 +114,7 @@ int print(PrintOptions const& options) {
     host.start();
     std::atomic<bool> stop{false};
     Interruption const interruption(stop);
-    ResultTarget target(fileOf(options.output));
+    PieceTarget target(fileOf(options.output));
     printTo(host, target, options);
     host.throwFailure();
     target.sync();
@@ -123,7 +126,7 @@ int print(PrintOptions const& options) {
 void declarePrint(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<PrintOptions>();
     addConfiguration(arguments, common).required();
-    arguments.add("-o,--output", "FILE", options->output, "The file to write; default: standard output");
+    arguments.add("-o,--output", "FILE", options->output, "The file to write; default: standard output").named();
     arguments.flag("--no-heading", options->noHeading, "Leave out the heading");
     arguments.footer(std::string(printHelpCM) + exitStatusHelpCM);
     arguments.runs([options, &common] {
