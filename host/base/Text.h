@@ -28,6 +28,11 @@ std::string_view trimmed(std::string_view text);
 
 std::string visible(std::string_view text);
 
+// Of ASCII, whatever the locale.
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 // How many characters the text has, which must be UTF-8: what is lined up in columns is not counted in bytes.
 std::size_t characters(std::string_view text);
 std::string shortened(std::string_view text);

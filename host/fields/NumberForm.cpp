@@ -22,7 +22,7 @@ constexpr std::size_t mostDigitsCM = 15;
 constexpr std::size_t longAccessCodeCM = 4;
 
 bool areDigits(std::string_view text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !text.empty() && std::all_of(text.begin(), text.end(), isDigit);
 }
 
 char lower(char c) {
@@ -32,7 +32,7 @@ char lower(char c) {
 bool holdsTwoNumbers(std::string_view text, std::size_t accessCode) {
     if (text.size() <= mostDigitsCM + accessCode)
         return false;
-    auto const digits = std::count_if(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    auto const digits = std::count_if(text.begin(), text.end(), isDigit);
     return text.find_first_of("/ \t") != std::string_view::npos &&
            static_cast<std::size_t>(digits) > mostDigitsCM + accessCode;
 }
@@ -169,9 +169,9 @@ NumberKind NumberForm::toStored(std::string_view text, BAS::String& out) const {
 bool NumberForm::beginsAsStored(std::string_view number) const {
     for (char const wanted : codesM.internationalAccess) {
         number.remove_prefix(std::min(number.find_first_of("0123456789"), number.size()));
-        if (wanted >= '0' && wanted <= '9' && !number.starts_with(wanted))
+        if (isDigit(wanted) && !number.starts_with(wanted))
             return false;
-        number.remove_prefix(wanted >= '0' && wanted <= '9' ? 1 : 0);
+        number.remove_prefix(isDigit(wanted) ? 1 : 0);
     }
     return true;
 }

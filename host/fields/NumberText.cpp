@@ -1,5 +1,7 @@
 #include "host/fields/NumberText.h"
 
+#include "host/base/Text.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -52,10 +54,6 @@ void appendPlain(std::string& out, std::string_view bytes, std::uint32_t charact
         out += static_cast<char>(range->as + (range->countsUp ? static_cast<int>(character - range->first) : 0));
 }
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 std::string_view withoutEnd(std::string_view text, std::string_view characters) {
     return text.substr(0, text.find_last_not_of(characters) + 1);
 }
@@ -98,7 +96,7 @@ std::string_view withoutExtension(std::string_view text) {
 }
 
 bool hasDigit(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return std::any_of(text.begin(), text.end(), isDigit);
 }
 
 bool isDecimal(std::string_view text) {

@@ -1,4 +1,5 @@
 #include "host/fields/QuestionLine.h"
+#include "host/base/Text.h"
 
 #include "host/base/Instant.h"
 #include "host/fields/NumberText.h"
@@ -60,7 +61,6 @@ std::string_view takeInstant(std::string_view& line) {
 // Whether a column was meant for an instant, a good one or not. No group of a number's digits is as long.
 bool beginsInstant(std::string_view line) {
     std::string_view const column = columnOf(line);
-    auto const isDigit = [](char c) { return c >= '0' && c <= '9'; };
     if (column.size() >= instantDigitsCM && std::all_of(column.begin(), column.end(), isDigit))
         return true;
     constexpr std::string_view date = "dddd-dd-dd";

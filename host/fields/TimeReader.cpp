@@ -15,10 +15,6 @@ namespace {
 
 constexpr std::size_t digitsCM = 14;
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 // A text of which one part after the other is taken.
 class Rest {
   public:

@@ -1,5 +1,7 @@
 #include "host/module/Explanation.h"
 
+#include "host/base/Text.h"
+
 #include <algorithm>
 
 namespace nphost {
@@ -25,8 +27,7 @@ std::string notYet(StoredPrefix const& prefix) {
 } // namespace
 
 Explanation::Explanation(Prefixes const& prefixes, BAS::String const& number) : prefixesM(prefixes) {
-    std::copy_if(number.view().begin(), number.view().end(), std::back_inserter(digitsM),
-                 [](char c) { return c >= '0' && c <= '9'; });
+    std::copy_if(number.view().begin(), number.view().end(), std::back_inserter(digitsM), isDigit);
 }
 
 // Where the method begins to ask; only the best match goes on to shorter prefixes.
