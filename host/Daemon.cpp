@@ -1,7 +1,6 @@
 #include "host/Daemon.h"
 
 #include "host/ControlProtocol.h"
-#include "host/HostError.h"
 #include "host/OwnReport.h"
 #include "host/ServiceAnswers.h"
 #include "host/Text.h"
@@ -11,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <system_error>
 
 namespace nphost {
 
@@ -127,7 +125,16 @@ void Daemon::wait(std::vector<pollfd>& polled) const {
     if (serverM)
         serverM->collect(polled);
     if (poll(polled.data(), polled.size(), patience()) < 0 && errno != EINTR)
-        throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
+        waitPoorly(polled);
+}
+
+// When the limit of descriptors was lowered below what is open, or the system is short of memory: the loads, the signals
+// and the clients must go on. Nothing blocks that is taken for ready.
+void Daemon::waitPoorly(std::vector<pollfd>& polled) {
+    constexpr int milliseconds = 100;
+    poll(nullptr, 0, milliseconds);
+    for (pollfd& entry : polled)
+        entry.revents = entry.events;
 }
 
 // Milliseconds; -1 is for ever.
@@ -333,9 +340,10 @@ void Daemon::refuseKeptFile(std::string const& target) {
 
 void Daemon::update(Client client, Json const& request) {
     LoadLane::Keys keys;
-    Json const given = request.value("keys", Json());
-    if (!given.is_object())
+    auto const found = request.find("keys"); // not copied: a copy of what is nested deeply takes all of the stack
+    if (found == request.end() || !found->is_object())
         throw RequestError("'keys' must be an object");
+    Json const& given = *found;
     for (auto const& [key, value] : given.items()) {
         if (std::find(updateKeysCM.begin(), updateKeysCM.end(), key) == updateKeysCM.end())
             throw RequestError("there is no key '" + shortened(key) + "' of an update; the keys are " + updateKeys());

@@ -56,6 +56,7 @@ class Daemon : private ControlServer::Handler {
     using Client = ControlServer::Client;
 
     void wait(std::vector<pollfd>& polled) const;
+    static void waitPoorly(std::vector<pollfd>& polled);
     int patience() const;
     void step();
     void stop();

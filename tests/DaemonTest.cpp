@@ -729,7 +729,12 @@ TEST(DaemonProtocolTest, AnswersAreBounded) {
 
 TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     Site site;
+    rlimit stack = {};
+    getrlimit(RLIMIT_STACK, &stack);
+    rlimit const small = {2UL << 20U, stack.rlim_max};
+    setrlimit(RLIMIT_STACK, &small); // the daemon's: nesting must not take it
     site.start();
+    setrlimit(RLIMIT_STACK, &stack);
     RawClient other(site.socket());
     std::string const status = "{\"version\":1,\"command\":\"status\"}\n";
     struct Case {
@@ -738,7 +743,8 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
         char const* reason;
     };
     for (Case const& test :
-         {Case{"no JSON", "hello\n", "cannot be understood"}, Case{"empty", "\n", "cannot be understood"},
+         {Case{"no JSON", "hello\n", "cannot be understood"},
+          Case{"empty", "\n", "cannot be understood"},
           Case{"no object", "[1]\n", "not an object"},
           Case{"deep", std::string(60000, '[') + "\n", "cannot be understood"},
           Case{"NUL", std::string("{\0}\n", 4), "cannot be understood"},
@@ -757,6 +763,10 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
           Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
           Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
           Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
+          Case{"deep keys",
+               "{\"version\":1,\"command\":\"update\",\"keys\":" + std::string(32000, '[') + std::string(32000, ']') +
+                   "}\n",
+               "must be an object"},
           Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
           Case{"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n",
                "absolute"}}) {
