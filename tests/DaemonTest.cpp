@@ -527,6 +527,7 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
           Case{{"print", file("nphost.toml")}, 2, "is the configuration file"},
           Case{{"print", file("log")}, 2, "is standard error, the log"},
           Case{{"print", file("s")}, 2, "control socket"},
+          Case{{"print", "/dev/fd/7"}, 2, "a descriptor of the daemon's own"},
           Case{{"update", "PrintData=" + file("log")}, 2, "is standard error, the log"},
           Case{{"update", "PrintData=" + file("sub/../../nphost.toml")}, 2, "is the configuration file"}}) {
         Arguments command = test.command;
