@@ -108,6 +108,7 @@ TEST(DaemonLifeTest, TellsTheServiceManager) {
     for (bool const abstract : {false, true}) {
         Site site(dataCM, "[host.guard]\nminRecords = 3\n");
         ServiceManager const manager((abstract ? "@" : "") + site.folder.file("notify"));
+        manager.fill(); // READY waits for room
         site.start({}, manager.name());
         EXPECT_TRUE(manager.next().starts_with("READY=1\nSTATUS=4 records"));
         for (bool const refused : {false, true, false}) {
