@@ -25,6 +25,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -666,7 +667,9 @@ int run(int argc, char const* const* argv) noexcept {
     } catch (std::bad_alloc const&) {
         complain("out of memory");
     } catch (std::exception const& error) {
-        complain(error.what());
+        auto const* const system = dynamic_cast<std::system_error const*>(&error);
+        bool const noThread = system != nullptr && system->code() == std::errc::resource_unavailable_try_again;
+        complain(std::string(noThread ? "no thread can be made: " : "") + error.what());
     }
     return FAILED;
 }
