@@ -193,7 +193,7 @@ TEST(DaemonMemoryTest, NoHangUpIsForgotten) {
     EXPECT_EQ(site.stop(), 0) << site.log();
 }
 
-// Broken off are loads, checks and listings, at whatever they are; nothing is left behind, nothing half is live.
+// Broken off are loads and checks, at whatever they are; nothing is left behind, nothing half is live.
 TEST(DaemonStopTest, BreaksOffWhatTakesLong) {
     constexpr int many = 1'000'000;
     std::string const large = records(many);
