@@ -25,9 +25,9 @@ extern "C" void noteSignal(int number) {
 
 Signals::Signals() {
     target.store(&wakeUpM);
-    for (int const number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGXFSZ}) {
+    for (int const number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
         struct sigaction action = {};
-        action.sa_handler = number == SIGPIPE || number == SIGXFSZ ? SIG_IGN : noteSignal;
+        action.sa_handler = number == SIGPIPE ? SIG_IGN : noteSignal;
         action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
         sigaction(number, &action, nullptr);
