@@ -25,6 +25,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -665,6 +666,9 @@ int run(int argc, char const* const* argv) noexcept {
         return runChecked(argc, argv);
     } catch (std::bad_alloc const&) {
         complain("out of memory");
+    } catch (std::system_error const& error) {
+        bool const lacksThread = error.code() == std::errc::resource_unavailable_try_again; // for want of memory, too
+        complain((lacksThread ? "a thread cannot be started: " : "") + std::string(error.what()));
     } catch (std::exception const& error) {
         complain(error.what());
     }
