@@ -5,6 +5,7 @@
 #include "host/DiffCommand.h"
 #include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
+#include "host/HostError.h"
 #include "host/ImportCommand.h"
 #include "host/Interruption.h"
 #include "host/LookupCommand.h"
@@ -13,6 +14,7 @@
 #include "host/PrintCommand.h"
 #include "host/RunCommand.h"
 #include "host/StandardError.h"
+#include "host/Text.h"
 #include "host/UpcomingCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -264,6 +266,22 @@ CLI::Validator isCount() {
     return {check, "", "count"};
 }
 
+constexpr char const* notANumberCM = "is not a number";
+
+// The library makes a list of a positional argument in brackets where there may be several: '[a,b]' would be a and b, and
+// '[a.csv]' another file.
+void refuseLists(CLI::App& command, char const* why) {
+    auto const check = [why](std::string const& text) {
+        if (text.starts_with('[') && text.ends_with(']'))
+            throw HostError("'" + shortened(text) + "' " + why);
+        return std::string();
+    };
+    command.validate_positionals(); // before they are split, too
+    for (CLI::Option* const option : command.get_options())
+        if (option->get_positional())
+            option->check(CLI::Validator(check, ""));
+}
+
 CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help,
                      char const* exitStatus = exitStatusCM) {
     CLI::App* const command = app.add_subcommand(name, description);
@@ -282,6 +300,7 @@ void addLookup(CLI::App& app, Chosen& chosen) {
     command->add_option("NUMBER", options.numbers, "The numbers, or '-' alone for standard input")
         ->option_text("...")
         ->required();
+    refuseLists(*command, notANumberCM);
     command->add_option("--at", options.at, "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
         ->option_text("INSTANT");
     command->add_option("--method", chosen.method, "best, exact or shortest; default: as configured")
@@ -300,6 +319,7 @@ void addLookup(CLI::App& app, Chosen& chosen) {
 
 void addEnrichInput(CLI::App& command, EnrichOptions& options) {
     command.add_option("INPUT", options.inputs, "The files; default, and '-': standard input")->option_text("...");
+    refuseLists(command, "is in brackets, as a list would be; a file of that name needs ./ before it");
     command.add_option("--number", options.numbers, "A column with numbers; may be given again (required)")
         ->option_text("COLUMN")
         ->allow_extra_args(false)
@@ -556,6 +576,7 @@ void addCtlQuestions(CLI::App& ctlApp, Chosen& chosen) {
         ->check(CLI::IsMember({"best", "exact", "shortest"}));
     explainCommand->add_option("NUMBER", options.numbers, "The number")->option_text(" ")->required()->expected(1);
     for (CLI::App* const command : {lookupCommand, explainCommand}) {
+        refuseLists(*command, notANumberCM);
         command->add_option("--at", options.at, "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
             ->option_text("INSTANT");
         command->add_flag("--normalise", options.normalise, "Take numbers as people write them");
@@ -588,6 +609,7 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     update->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
         ->option_text("...")
         ->required();
+    refuseLists(*update, "is not KEY=VALUE");
     for (CLI::App* const command : {reload, delta, update})
         command->add_flag("--force", options.force, "Load the file whatever the guard would say of it");
 }
