@@ -82,6 +82,15 @@ bool CacheManager::unlessStopped(BAS::String const& fileName, Load&& load) {
     }
 }
 
+// What is done stays done, and counts as done, also where memory lacks to report it.
+template <class Report>
+void CacheManager::tell(Report&& make) noexcept {
+    try {
+        make();
+    } catch (...) { // NOLINT(bugprone-empty-catch): as said
+    }
+}
+
 template <class Load>
 bool CacheManager::usingStandby(Load&& load) {
     try {
@@ -128,12 +137,12 @@ bool CacheManager::endLoad(ReadEnd end) {
     case ReadEnd::ERROR:
         return readError(dataFileIoM);
     case ReadEnd::END_AT_READ:
-        report("INF_FILE_EOF", BAS::Status::NORMAL, dataFileIoM.fileName());
+        tell([this] { report("INF_FILE_EOF", BAS::Status::NORMAL, dataFileIoM.fileName()); });
         dataFileIoM.closeFile();
         break;
     case ReadEnd::END_BEFORE_READ:
         dataFileIoM.closeFile();
-        report("INF_FILE_CLOSED", BAS::Status::NORMAL, dataFileIoM.fileName());
+        tell([this] { report("INF_FILE_CLOSED", BAS::Status::NORMAL, dataFileIoM.fileName()); });
         break;
     }
     return true;
@@ -171,7 +180,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
 
     if (!closeReader(dataFileIoM))
         return false;
-    report("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, OwnerServices::name(*plugInM));
+    tell([this] { report("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, OwnerServices::name(*plugInM)); });
     return true;
 }
 
@@ -411,8 +420,10 @@ void CacheManager::rewriteMainFile() {
         throw;
     }
     if (!inPlaceReason.empty())
-        OwnerServices::report(*plugInM, "INF_FILE_WRITTEN_IN_PLACE", BAS::Status::WARNING,
-                              BAS::Status::Arguments{dataFileNameM, inPlaceReason});
+        tell([&] {
+            OwnerServices::report(*plugInM, "INF_FILE_WRITTEN_IN_PLACE", BAS::Status::WARNING,
+                                  BAS::Status::Arguments{dataFileNameM, inPlaceReason});
+        });
 }
 
 // Without a version the file is as it was before.

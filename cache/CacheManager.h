@@ -200,6 +200,10 @@ class CacheManager {
     template <class Load>
     bool usingStandby(Load&& load);
 
+    // Makes a report behind a load's outcome, which it does not change.
+    template <class Report>
+    static void tell(Report&& make) noexcept;
+
     bool firstLoad();
     bool endLoad(ReadEnd end);
     void noteCounts(LineCounts const& counts, STR::FileIoTurbo const& reader);

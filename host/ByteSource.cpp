@@ -51,10 +51,15 @@ class ByteSource::Gzip : public Decoder {
     ~Gzip() override { inflateEnd(&streamM); }
 
     char const* step(std::string_view& in, std::span<char>& out) override {
+        if (!isOpen() && begunM)
+            skipPadding(in);
         if (!isOpen() && in.empty())
             return nullptr;
+        if (isPaddedM)
+            return "bytes follow the zeros behind them";
         if (!isOpen())
             inflateReset(&streamM);
+        begunM = true;
         streamM.next_in = reinterpret_cast<Bytef const*>(in.data());
         streamM.avail_in = static_cast<uInt>(in.size()); // as long as the buffer at most
         streamM.next_out = reinterpret_cast<Bytef*>(out.data());
@@ -73,7 +78,16 @@ class ByteSource::Gzip : public Decoder {
   private:
     static constexpr std::size_t mostCM = 1UL << 30U;
 
+    // Tapes and block devices fill up with zeros, which gzip(1) passes over.
+    void skipPadding(std::string_view& in) {
+        std::size_t const zeros = std::min(in.find_first_not_of('\0'), in.size());
+        isPaddedM = isPaddedM || zeros > 0;
+        in.remove_prefix(zeros);
+    }
+
     z_stream streamM{};
+    bool begunM = false;    // a member has
+    bool isPaddedM = false; // zeros stand behind the last one
 };
 
 class ByteSource::Zstd : public Decoder {

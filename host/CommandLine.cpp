@@ -110,7 +110,8 @@ Exit status:
 
 constexpr char const* printHelpCM =
     R"(Without the heading the listing is a data file again: sorted, in stored form and
-without bad lines.
+without bad lines. It is compressed if the name of its file ends in .gz or .zst; a load
+does not read it then.
 
 Examples:
   nphost print --config examples/nphost.toml
@@ -255,6 +256,11 @@ struct Chosen {
     std::function<int()> command;
 };
 
+// An empty name, as a script's variable that is not set leaves it.
+CLI::Validator isName() {
+    return {[](std::string const& text) { return text.empty() ? "the name is empty" : ""; }, "", "name"};
+}
+
 // A number in digits alone: the library would take -1 for the largest one.
 CLI::Validator isCount() {
     auto const check = [](std::string const& text) {
@@ -348,7 +354,8 @@ void addEnrichInput(CLI::App& command, EnrichOptions& options) {
 
 void addEnrichOutput(CLI::App& command, EnrichOptions& options) {
     command.add_option("-o,--output", options.output, "The file to write; default: standard output")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command.add_option("--add", options.added, "Besides the network: valid-from, prefix, next-change, method")
         ->option_text("LIST")
         ->delimiter(',')
@@ -356,7 +363,8 @@ void addEnrichOutput(CLI::App& command, EnrichOptions& options) {
     command
         .add_option("--rejects", options.rejects,
                     "Where records go that cannot be used; with --output, its name and .rejects")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command.add_flag("--keep", options.keep,
                      "Leave records that cannot be used in the output; with --rejects list them, too");
     command
@@ -396,7 +404,8 @@ void addPrint(CLI::App& app, Chosen& chosen) {
     CLI::App* const command =
         addCommand(app, chosen, "print", "Print all records, in the order of their numbers", printHelpCM);
     command->add_option("-o,--output", chosen.print.output, "The file to write; default: standard output")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command->add_flag("--no-heading", chosen.print.noHeading, "Leave out the heading");
     command->callback([&chosen] {
         chosen.command = [&chosen] {
@@ -509,9 +518,11 @@ void addImport(CLI::App& app, Chosen& chosen) {
     command->add_option("-c,--config", chosen.common.configuration, "The configuration file with the dialling codes")
         ->option_text("FILE");
     command->add_option("-o,--output", options.output, "The data file to write; default: standard output")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command->add_option("--rejects", options.rejects, "List rejected records here: file, line, reason, detail, record")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command->add_option("--max-rejects", options.maxRejects, "Stop, and write no data, when more are rejected")
         ->option_text("N")
         ->check(isCount());
@@ -541,7 +552,8 @@ void addRun(CLI::App& app, Chosen& chosen) {
     command->add_flag("--force", chosen.run.force, "Load the data file whatever the guard would say of it");
     command
         ->add_option("--log-file", chosen.run.logFile, "The file of the log; default: as configured, or standard error")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(isName());
     command->callback([&chosen] {
         chosen.command = [&chosen] {
             chosen.run.common = chosen.common;

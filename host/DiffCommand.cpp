@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <new>
+#include <string>
 #include <utility>
 
 namespace nphost {
@@ -97,9 +99,7 @@ void complete(FileTotals& file, SideCounts const& counts) {
     file.lines.duplicates = counts.duplicates;
 }
 
-} // namespace
-
-int diff(DiffOptions const& options) {
+int compare(DiffOptions const& options) {
     DiffTotals totals = {instantOf(options.at, BAS::DateTime::now()), {options.before, {}}, {options.after, {}}, {}};
     Comparing comparing(options);
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
@@ -113,6 +113,17 @@ int diff(DiffOptions const& options) {
     report->finish(totals);
     report->flush();
     return totals.result.isEqual() ? FINE : NOT_FOUND;
+}
+
+} // namespace
+
+int diff(DiffOptions const& options) {
+    try {
+        return compare(options);
+    } catch (std::bad_alloc const&) {
+        throw HostError("out of memory: records may take " + std::to_string(options.memory) +
+                        " MiB; a smaller --memory leaves more of them to temporary files");
+    }
 }
 
 } // namespace nphost

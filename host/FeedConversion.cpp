@@ -20,6 +20,7 @@ constexpr std::array<Words, refusalsCM> wordsCM = {{
     {"no-number", "there is no number"},
     {"unreadable-number", "the number cannot be read"},
     {"decimal-number", "the number has a decimal point, as spreadsheets write quantities"},
+    {"no-country-code", "a 0 follows the plus, and no country code begins with 0"},
     {"not-digits", "the number has more than digits, and --normalise is not given"},
     {"long-number", "the number is too long"},
     {"bad-time", "the time cannot be read"},
@@ -82,6 +83,8 @@ bool FeedConversion::readNumber(std::string_view text) {
         return numberM.length() <= longestNumberCM || refuse(Refusal::LONG_NUMBER, text);
     case NumberKind::DECIMAL:
         return refuse(Refusal::DECIMAL_NUMBER, text);
+    case NumberKind::NO_COUNTRY:
+        return refuse(Refusal::NO_COUNTRY_CODE, text);
     case NumberKind::UNREADABLE:
         return refuse(formM != nullptr ? Refusal::UNREADABLE_NUMBER : Refusal::NOT_DIGITS, text);
     default:

@@ -39,6 +39,7 @@ enum class Refusal : std::uint8_t {
     NO_NUMBER,
     UNREADABLE_NUMBER,
     DECIMAL_NUMBER,
+    NO_COUNTRY_CODE,
     NOT_DIGITS,
     LONG_NUMBER,
     BAD_TIME,
@@ -47,7 +48,7 @@ enum class Refusal : std::uint8_t {
     CONTROL_CHARACTER,
     OTHER_NETWORK,
 };
-constexpr std::size_t refusalsCM = 13;
+constexpr std::size_t refusalsCM = 14;
 
 // One word with hyphens, and a sentence without its full stop.
 char const* nameOf(Refusal refusal);

@@ -39,6 +39,8 @@ void checkWritable(std::string const& file) {
     auto const status = std::filesystem::status(file, error);
     if (std::filesystem::is_directory(status))
         failWith(file, " cannot be written: ", EISDIR);
+    if (std::filesystem::is_socket(status))
+        throw HostError(visible(file) + " cannot be written: it is a socket");
     if (std::filesystem::exists(status) && access(file.c_str(), W_OK) != 0)
         failWith(file, " cannot be written: ", errno);
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))

@@ -32,7 +32,7 @@ Interruption::Interruption(std::atomic<bool>& stop) {
     for (std::size_t i = 0; i < numbersCM.size(); ++i) {
         struct sigaction action = {};
         // Without SA_RESTART: a write that waits for a reader ends.
-        action.sa_handler = numbersCM[i] == SIGPIPE || numbersCM[i] == SIGXFSZ ? SIG_IGN : noteEnd;
+        action.sa_handler = numbersCM[i] == SIGPIPE ? SIG_IGN : noteEnd;
         sigaction(numbersCM[i], nullptr, &beforeM[i]);
         if (beforeM[i].sa_handler != SIG_IGN || numbersCM[i] == SIGALRM)
             sigaction(numbersCM[i], &action, nullptr);

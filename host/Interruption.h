@@ -1,10 +1,10 @@
 // nphost::Interruption: a command that is told to end, or whose reader has gone, removes its temporary files first.
 //
-// Purpose: while the object lives, SIGINT, SIGTERM and SIGHUP end the process no more: the handler notes the first one
-// and sets the flag of whoever reads input; check throws Interrupted where work can stop. The stack unwinds, which
-// removes temporary files, and dieOf ends the process by the same signal, so that its parent sees what happened. A
-// second one of the three, whichever, ends it at once. One that was ignored before stays ignored (nohup). SIGPIPE and
-// SIGXFSZ are ignored: writing without a reader, or beyond the limit of a file's size, is an error and no signal.
+// Purpose: while the object lives, SIGINT, SIGTERM, SIGHUP and SIGQUIT end the process no more: the handler notes the
+// first one and sets the flag of whoever reads input; check throws Interrupted where work can stop. The stack unwinds,
+// which removes temporary files, and dieOf ends the process by the same signal, so that its parent sees what happened,
+// and SIGQUIT dumps core. A second one of the four, whichever, ends it at once. One that was ignored before stays so
+// (nohup). SIGPIPE is ignored: writing without a reader is an error and no signal; for SIGXFSZ main.cpp sees to that.
 // SIGALRM is the object's own. A signal behind the last check is lost: the work is done by then.
 // Ownership: borrows the flag; there is one object in a process at a time. Destruction puts the handlers back.
 // Threads: construction and destruction by one thread, best the main one, whose blocked writes a signal then breaks
@@ -38,7 +38,7 @@ class Interruption {
     static bool isNoted() noexcept;
 
   private:
-    static constexpr std::array<int, 6> numbersCM = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ, SIGALRM};
+    static constexpr std::array<int, 6> numbersCM = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGALRM};
 
     std::array<struct sigaction, numbersCM.size()> beforeM{};
 };

@@ -145,13 +145,13 @@ DiallingCodes diallingCodesOf(Configuration const& configuration) {
 NumberKind readPlainNumber(std::string_view text, BAS::String& out) {
     std::string place;
     std::string_view const plain = plainNumberText(text, place);
-    if (isDecimal(trimmed(plain)))
+    if (isDecimal(plain))
         return NumberKind::DECIMAL;
     std::string const number = withoutSeparators(plain);
     out.assign(number.data(), number.size());
     if (areDigits(std::string_view(number).substr(number.starts_with('+') ? 1 : 0)) &&
         !holdsTwoNumbers(trimmed(plain), longAccessCodeCM))
-        return NumberKind::NUMBER;
+        return number.starts_with("+0") ? NumberKind::NO_COUNTRY : NumberKind::NUMBER;
     return hasDigit(plain) ? NumberKind::UNREADABLE : NumberKind::NONE;
 }
 
@@ -161,13 +161,10 @@ NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
 NumberKind NumberForm::toStored(std::string_view text, BAS::String& out) const {
     std::string place;
     text = trimmed(plainNumberText(text, place));
-    if (isDecimal(text))
-        return NumberKind::DECIMAL;
     if (text.find('<') != std::string_view::npos)
         text = addressOf(text).value_or(text);
-    if (text.find('<') == std::string_view::npos && fromAddress(text, out))
-        return NumberKind::NUMBER;
-    return isWithheld(text) ? NumberKind::NONE : NumberKind::UNREADABLE;
+    NumberKind const kind = text.find('<') == std::string_view::npos ? fromAddress(text, out) : NumberKind::UNREADABLE;
+    return kind == NumberKind::UNREADABLE && isWithheld(text) ? NumberKind::NONE : kind;
 }
 
 bool NumberForm::beginsAsStored(std::string_view number) const {
@@ -180,7 +177,7 @@ bool NumberForm::beginsAsStored(std::string_view number) const {
     return true;
 }
 
-bool NumberForm::fromAddress(std::string_view text, BAS::String& out) const {
+NumberKind NumberForm::fromAddress(std::string_view text, BAS::String& out) const {
     if (takePrefix(text, "tel:"))
         return fromSubscriber(text, out);
     if (takePrefix(text, "sip:") || takePrefix(text, "sips:"))
@@ -188,68 +185,76 @@ bool NumberForm::fromAddress(std::string_view text, BAS::String& out) const {
     return fromWritten(text, out);
 }
 
-bool NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
+NumberKind NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
     std::size_t const at = uri.find('@');
     if (at == std::string_view::npos)
-        return false;
+        return NumberKind::UNREADABLE;
     std::string_view userInfo = uri.substr(0, at);
     std::string_view const user = takeUntil(userInfo, ':'); // a password may follow
     std::string_view rest = uri.substr(at + 1);
     std::string_view parameters = takeUntil(rest, '?');
     takeUntil(parameters, ';'); // the host
     bool const isPhone = isSame(parameter(parameters, "user"), "phone") || isSubscriber(user);
-    return isPhone && fromSubscriber(user, out);
+    return isPhone ? fromSubscriber(user, out) : NumberKind::UNREADABLE;
 }
 
-bool NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& out) const {
+NumberKind NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& out) const {
     std::string_view parameters = subscriber;
     std::optional<std::string> const escapedNumber = unescaped(takeUntil(parameters, ';'));
     std::optional<std::string> const context = unescaped(parameter(parameters, "phone-context"));
     if (!escapedNumber || !context)
-        return false;
+        return NumberKind::UNREADABLE;
+    if (isDecimal(*escapedNumber) || isDecimal(*context))
+        return NumberKind::DECIMAL;
     std::string const number = digitsOf(*escapedNumber);
     if (number.starts_with('+'))
         return global(std::string_view(number).substr(1), out);
     if (!areDigits(number))
-        return false;
+        return NumberKind::UNREADABLE;
     return context->starts_with('+') ? fromContext(withoutSeparators(context->substr(1)), number, out)
                                      : dialled(number, out);
 }
 
-bool NumberForm::fromContext(std::string_view context, std::string_view digits, BAS::String& out) const {
+NumberKind NumberForm::fromContext(std::string_view context, std::string_view digits, BAS::String& out) const {
+    if (!areDigits(context))
+        return NumberKind::UNREADABLE;
     bool const isHome = !codesM.country.empty() && context.starts_with(codesM.country);
     if (isHome && withoutAccessCode(digits).size() < digits.size())
-        return areDigits(context) && dialled(digits, out);
-    return areDigits(context) && global(std::string(context) + std::string(digits), out);
+        return dialled(digits, out);
+    return global(std::string(context) + std::string(digits), out);
 }
 
-bool NumberForm::fromWritten(std::string_view text, BAS::String& out) const {
+NumberKind NumberForm::fromWritten(std::string_view text, BAS::String& out) const {
     text.remove_prefix(std::min(text.find_first_not_of("( \t"), text.size())); // as in "(+44) 7700 900123"
     text = withoutExtension(text);
     std::string_view const number = withoutSign(text);
+    if (isDecimal(number))
+        return NumberKind::DECIMAL;
     if (holdsTwoNumbers(trimmed(text), codesM.internationalAccess.size()))
-        return false;
+        return NumberKind::UNREADABLE;
     if (number.size() < text.size())
         return global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out);
     return dialled(digitsOf(text), out);
 }
 
-bool NumberForm::global(std::string_view digits, BAS::String& out) const {
+NumberKind NumberForm::global(std::string_view digits, BAS::String& out) const {
     if (!areDigits(digits))
-        return false;
+        return NumberKind::UNREADABLE;
+    if (digits.starts_with('0'))
+        return NumberKind::NO_COUNTRY;
     std::string const number = codesM.sign + std::string(digits);
     out.assign(number.data(), number.size());
     normaliseM(out);
-    return true;
+    return NumberKind::NUMBER;
 }
 
 // A number as dialled in the own country.
-bool NumberForm::dialled(std::string_view number, BAS::String& out) const {
+NumberKind NumberForm::dialled(std::string_view number, BAS::String& out) const {
     if (!areDigits(withoutAccessCode(number)))
-        return false;
+        return NumberKind::UNREADABLE;
     out.assign(number.data(), number.size());
     normaliseM(out);
-    return true;
+    return NumberKind::NUMBER;
 }
 
 std::string_view NumberForm::withoutSign(std::string_view text) const {

@@ -21,8 +21,10 @@
 // - phone-context=DOMAIN, or none, says nothing: the number is dialled in the own country.
 // A text without a digit holds no number: empty, "anonymous"; of a sip: address only the user part is asked. A text with
 // one that is no number cannot be read: it has letters, '*' or '#' in it, nothing behind an access code, or, with a
-// blank or a slash, more digits than a number can have. "447700900123.0" is a number that a spreadsheet took for a quantity: its
-// last 0 is no digit of it. It is told apart, because it would be read as a longer number.
+// blank or a slash, more digits than a number can have. Told apart, because they would be read as other numbers:
+// - "447700900123.0", in an address or brackets too: a spreadsheet took the number for a quantity, and the last 0 is no
+//   digit of it;
+// - a plus before a 0, "+07700 900123": no country code begins with 0 (ITU-T E.164).
 // Ownership: owns its codes; what the normalisation refers to must outlive it.
 // Threads: none inside; concurrent use is safe if the normalisation is.
 // Errors: std::bad_alloc.
@@ -49,7 +51,7 @@ struct DiallingCodes {
 DiallingCodes diallingCodesOf(Configuration const& configuration);
 
 // What a text is. Only of a NUMBER does the function that tells leave something in its `out`.
-enum class NumberKind { NUMBER, NONE, UNREADABLE, DECIMAL };
+enum class NumberKind { NUMBER, NONE, UNREADABLE, DECIMAL, NO_COUNTRY };
 
 // A number whose form is to stay: its visual separators go, and digits that may follow a plus must be left.
 NumberKind readPlainNumber(std::string_view text, BAS::String& out);
@@ -67,13 +69,13 @@ class NumberForm {
     bool beginsAsStored(std::string_view number) const;
 
   private:
-    bool fromAddress(std::string_view text, BAS::String& out) const;
-    bool fromSip(std::string_view uri, BAS::String& out) const;
-    bool fromSubscriber(std::string_view subscriber, BAS::String& out) const;
-    bool fromContext(std::string_view context, std::string_view digits, BAS::String& out) const;
-    bool fromWritten(std::string_view text, BAS::String& out) const;
-    bool global(std::string_view digits, BAS::String& out) const;
-    bool dialled(std::string_view number, BAS::String& out) const;
+    NumberKind fromAddress(std::string_view text, BAS::String& out) const;
+    NumberKind fromSip(std::string_view uri, BAS::String& out) const;
+    NumberKind fromSubscriber(std::string_view subscriber, BAS::String& out) const;
+    NumberKind fromContext(std::string_view context, std::string_view digits, BAS::String& out) const;
+    NumberKind fromWritten(std::string_view text, BAS::String& out) const;
+    NumberKind global(std::string_view digits, BAS::String& out) const;
+    NumberKind dialled(std::string_view number, BAS::String& out) const;
     std::string_view withoutSign(std::string_view text) const;
     std::string_view withoutAccessCode(std::string_view number) const;
     std::string withoutTrunkCode(std::string_view text, std::string_view head) const;

@@ -98,6 +98,7 @@ std::string_view withoutExtension(std::string_view text) {
 }
 
 bool isDecimal(std::string_view text) {
+    text = withoutEnd(text.substr(std::min(text.find_first_not_of("( \t"), text.size())), ") \t");
     if (text.starts_with('+'))
         text.remove_prefix(1);
     std::size_t const point = text.find('.');

@@ -23,7 +23,7 @@ std::string_view plainNumberText(std::string_view text, std::string& place);
 std::string_view withoutExtension(std::string_view text);
 
 // Digits, behind a plus or not, with a decimal point and one or two zeros behind: a spreadsheet's way to write what it
-// took for a quantity.
+// took for a quantity. Blanks and parentheses may stand around it.
 bool isDecimal(std::string_view text);
 
 } // namespace nphost

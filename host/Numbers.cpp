@@ -32,14 +32,16 @@ char const* sentenceOf(NumberKind kind) {
         return "the number cannot be read";
     case NumberKind::DECIMAL:
         return "the number has a decimal point, as spreadsheets write quantities";
+    case NumberKind::NO_COUNTRY:
+        return "a 0 follows the plus, and no country code begins with 0";
     default:
         return "there is no number";
     }
 }
 
 std::string notANumber(std::string_view text, NumberKind kind) {
-    return "'" + shortened(text) + "' is not a number" +
-           (kind == NumberKind::DECIMAL ? std::string(": ") + sentenceOf(kind) : "");
+    bool const hasReason = kind == NumberKind::DECIMAL || kind == NumberKind::NO_COUNTRY;
+    return "'" + shortened(text) + "' is not a number" + (hasReason ? std::string(": ") + sentenceOf(kind) : "");
 }
 
 std::string notOneNumber(std::string_view text) {

@@ -22,7 +22,7 @@ namespace {
 // it to itself, so the caller asks for it.
 class ListingBuffer : public std::streambuf {
   public:
-    ListingBuffer(ResultTarget& target, bool byLine) : targetM(target), byLineM(byLine) { clear(); }
+    ListingBuffer(PieceTarget& target, bool byLine) : targetM(target), byLineM(byLine) { clear(); }
 
     std::uint64_t lines() const { return linesM.load(std::memory_order_relaxed); }
 
@@ -49,8 +49,10 @@ class ListingBuffer : public std::streambuf {
         auto const found = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
         try {
             Interruption::check();
-            if (!failureM)
-                targetM.write(text);
+            if (!failureM) {
+                targetM.buffer() += text;
+                byLineM ? targetM.write() : targetM.writeLarge();
+            }
             linesM.store(lines() + found, std::memory_order_relaxed); // only this thread writes
         } catch (...) {
             failureM = std::current_exception();
@@ -60,14 +62,14 @@ class ListingBuffer : public std::streambuf {
     }
     void clear() { setp(bytesM.data(), bytesM.data() + bytesM.size()); }
 
-    ResultTarget& targetM;
+    PieceTarget& targetM;
     bool byLineM;
     std::exception_ptr failureM;
     std::atomic<std::uint64_t> linesM{0};
     std::array<char, 64UL * 1024> bytesM;
 };
 
-void printTo(Host& host, ResultTarget& target, PrintOptions const& options) {
+void printTo(Host& host, PieceTarget& target, PrintOptions const& options) {
     bool const toTerminal = !fileOf(options.output) && isatty(STDOUT_FILENO) == 1;
     ListingBuffer buffer(target, toTerminal);
     std::ostream listing(&buffer);
@@ -94,7 +96,7 @@ int print(PrintOptions const& options) {
     host.start();
     std::atomic<bool> stop{false};
     Interruption const interruption(stop);
-    ResultTarget target(fileOf(options.output));
+    PieceTarget target(fileOf(options.output));
     printTo(host, target, options);
     host.throwFailure();
     target.sync();

@@ -60,13 +60,17 @@ void ResultTarget::finish() {
 }
 
 void PieceTarget::write() {
-    if (!bufferM.empty())
-        targetM.write(compressorM.compress(bufferM, placeM));
+    if (bufferM.empty())
+        return;
+    targetM.write(compressorM.compress(bufferM, placeM));
+    writtenM = true;
     bufferM.clear();
 }
 
 void PieceTarget::sync() {
     write();
+    if (!writtenM)
+        targetM.write(compressorM.compress({}, placeM));
     targetM.sync();
 }
 

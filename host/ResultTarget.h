@@ -63,7 +63,7 @@ class PieceTarget {
     }
     void write();
 
-    // As ResultTarget's, the first with all that is left.
+    // As ResultTarget's, the first with all that is left; compressed, a file of nothing is not without a byte.
     void sync();
     void finish() { targetM.finish(); }
 
@@ -72,6 +72,7 @@ class PieceTarget {
 
     ResultTarget targetM;
     Compressor compressorM;
+    bool writtenM = false;
     std::string bufferM;
     std::string placeM;
 };

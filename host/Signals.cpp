@@ -25,7 +25,7 @@ Signals::Signals() {
     target.store(&wakeUpM);
     for (std::size_t i = 0; i < numbersCM.size(); ++i) {
         struct sigaction action = {};
-        action.sa_handler = numbersCM[i] == SIGPIPE || numbersCM[i] == SIGXFSZ ? SIG_IGN : noteSignal;
+        action.sa_handler = numbersCM[i] == SIGPIPE ? SIG_IGN : noteSignal;
         action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
         sigaction(numbersCM[i], &action, &beforeM[i]);

@@ -1,8 +1,8 @@
 // nphost::Signals: the signals that a daemon obeys, brought to its event loop.
 //
-// Purpose: while the object lives, SIGTERM and SIGINT ask for the end and SIGHUP for a reload; SIGPIPE and SIGXFSZ are
-// ignored, so that a write fails instead. The handlers only note the signal and wake the loop. Destruction puts back what
-// was there before.
+// Purpose: while the object lives, SIGTERM and SIGINT ask for the end and SIGHUP for a reload; SIGPIPE is ignored,
+// so that a write fails instead (SIGXFSZ by main.cpp). The handlers only note the signal and wake the loop. Destruction
+// puts back what was there before.
 // Ownership: borrows nothing; there is one object in a process at a time.
 // Threads: construction and destruction by one thread; the rest by the loop's. Signals may arrive on any.
 // Errors: construction throws HostError.
@@ -35,7 +35,7 @@ class Signals {
     void clear() const noexcept { wakeUpM.clear(); }
 
   private:
-    static constexpr std::array<int, 5> numbersCM = {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGXFSZ};
+    static constexpr std::array<int, 4> numbersCM = {SIGTERM, SIGINT, SIGHUP, SIGPIPE};
 
     WakeUp wakeUpM;
     std::array<struct sigaction, numbersCM.size()> beforeM{};

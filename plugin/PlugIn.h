@@ -89,6 +89,8 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     void getInstrumentationProbe(BAS::InstrumentationProbeList& list) const override;
     bool readRegistry() override;
     bool evalEnvironment() override;
+    // False when the update was refused or its load failed without data to go on with; of a listing that failed the
+    // reports tell, and false only where they could not be made.
     bool registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool& updateHandled) override;
     bool init() override;
     bool shutdown() override;
@@ -216,7 +218,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool deltaLoadForUpdate(BAS::String const& fileName);
     bool updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& updateHandled);
     bool updateDeltaLoad(BAS::String const& fileName);
-    void updatePrint(BAS::String const& target);
+    bool updatePrint(BAS::String const& target);
     bool readReuseFlag(BAS::RegistryEntry const& update, bool& reuse);
 
     bool initInstrumentationProbe();

@@ -18,7 +18,7 @@ bool PlugIn::registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool
         }
         if (BAS::RegistryEntry const* const print = update->find(registryPrintDataCM)) {
             updateHandled.set(true);
-            updatePrint(print->value());
+            return updatePrint(print->value());
         }
         return true;
     });
@@ -92,9 +92,17 @@ bool PlugIn::deltaLoadForUpdate(BAS::String const& fileName) {
     return loaded;
 }
 
-void PlugIn::updatePrint(BAS::String const& target) {
-    if (cacheManagerM != nullptr)
-        cacheManagerM->printData(target.empty() ? BAS::NULL_STRING : target);
+// A listing that fails takes nothing back of the load before it: its reports tell, and the update's result only where
+// memory does not suffice even for these.
+bool PlugIn::updatePrint(BAS::String const& target) {
+    bool told = cacheManagerM == nullptr ||
+                guarded([&] { return cacheManagerM->printData(target.empty() ? BAS::NULL_STRING : target); });
+    if (!told)
+        guarded([&] {
+            report("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, {target});
+            return told = true;
+        });
+    return told;
 }
 
 } // namespace DAT::NumberPortability

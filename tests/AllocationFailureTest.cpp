@@ -170,6 +170,16 @@ TEST_F(OutOfMemory, AReloadLeavesOldOrNewDataWhole) {
     EXPECT_GT(count, 20);
 }
 
+TEST_F(OutOfMemory, WhatCannotBeReportedOfALoadLeavesItsOutcome) {
+    plugIn.onReport = [](PlugIn::Report const& report) {
+        if (report.identifier.starts_with("INF_"))
+            throw std::bad_alloc();
+    };
+    EXPECT_TRUE(cache.load()); // again
+    EXPECT_TRUE(cache.cacheReload(false));
+    EXPECT_EQ(plugIn.takeIdentifiers().back(), "INF_DELETE_OLD_DATA");
+}
+
 TEST_F(OutOfMemory, ADeltaIsMergedWholeOrNotAtAll) {
     std::string const old = listing();
     std::string const mainFile = contentOf(folder.file("main"));

@@ -1,11 +1,14 @@
 // The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
 // hostile bytes.
 #include "host/Host.h"
+#include "host/ByteSource.h"
 #include "host/Configuration.h"
+#include "host/LookUpBatch.h"
 #include "host/MessageCatalogue.h"
 #include "host/ProgressLine.h"
 #include "host/Text.h"
 #include "tests/DefaultSignals.h"
+#include "tests/LimitedMemory.h"
 #include "tests/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -19,6 +22,8 @@
 #include <random>
 #include <set>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -416,6 +421,31 @@ std::string readAll(int descriptor) {
     return all;
 }
 
+// The first answer needs no memory, the second does. Refused once, each is looked up by itself.
+TEST(LookUpBatchTest, WhatIsNotLookedUpIsNotNotFound) {
+    Site const site("00441 20200101000000 A\n00442 20200101000000 " + std::string(100, 'N') + "\n");
+    nphost::Host host(nphost::readConfiguration(site.configuration), {site.configuration});
+    host.start();
+    nphost::LookUpBatch batch(host.plugIn(), 2);
+    for (char const* const number : {"00441", "00442"}) {
+        batch.nextNumber() = number;
+        batch.add(BAS::DateTime("20240101000000"));
+    }
+    for (bool const once : {false, true}) {
+        bool searched = true;
+        refusesOne = once;
+        allowed = 0;
+        try {
+            batch.search({});
+        } catch (std::bad_alloc const&) {
+            searched = false;
+        }
+        EXPECT_EQ(std::exchange(allowed, -1) < 0, once) << "one was refused";
+        EXPECT_EQ(searched, once);
+        EXPECT_TRUE(!searched || (batch.record(0) != nullptr && batch.record(1) != nullptr));
+    }
+}
+
 // Whoever started the program may have made its pipes non-blocking. Nothing is written before it waits, and nothing read
 // before its output is full.
 TEST(HostPipeTest, NonBlockingPipesAreWaitedFor) {
@@ -579,6 +609,15 @@ TEST(HostPrintTest, ListingLoadsAgainToTheSameListing) {
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(second.out, "");
     EXPECT_EQ(contentOf(output), plain.out);
+    Site const none("");
+    for (std::string const suffix : {".gz", ".zst"})
+        for (Site const* const site : {&again, &none}) {
+            std::string const file = site->folder.file("listing") + suffix;
+            EXPECT_EQ(run({"print", "--no-heading", "-o", file, "-c", site->configuration}).status, 0);
+            EXPECT_NE(contentOf(file).substr(0, 2), "00") << suffix;
+            std::array<char, 65536> text;
+            EXPECT_EQ(std::string(text.data(), nphost::ByteSource(file).read(text)), site == &again ? plain.out : "");
+        }
     Result const heading = run({"print", "--config", again.configuration});
     EXPECT_EQ(lineCount(heading.out), lineCount(plain.out) + 3);
     EXPECT_TRUE(heading.out.ends_with("-\n" + plain.out));
@@ -590,6 +629,8 @@ TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
     std::string const symbolicLink = setup.folder.file("soft");
     std::filesystem::create_hard_link(setup.data, hardLink);
     std::filesystem::create_symlink("data.dat", symbolicLink);
+    std::string const pipe = setup.folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     std::string const before = contentOf(setup.data);
     struct Case {
         std::string output;
@@ -598,7 +639,8 @@ TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
     for (Case const& test :
          {Case{setup.data, "data file itself"}, Case{hardLink, "data file itself"},
           Case{symbolicLink, "data file itself"}, Case{setup.folder.file("none/listing"), "No such file or directory"},
-          Case{"/dev/full", "No space left on device"}, Case{"/", "Is a directory"}})
+          Case{"/dev/full", "No space left on device"}, Case{"/", "Is a directory"},
+          Case{pipe, "the pipe has no reader"}, Case{"", "--output: the name is empty"}})
         expectOneLine(run({"print", "--output", test.output, "--config", setup.configuration}), test.reason,
                       test.output);
     EXPECT_EQ(contentOf(setup.data), before);
@@ -614,7 +656,9 @@ TEST(HostPrintTest, ASignalLeavesNoFile) {
         return std::distance(begin(all), end(all));
     };
     Arguments const arguments = {"print", "--output", site.folder.file("listing"), "--config", site.configuration};
-    for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
+    rlimit const noCore = {};
+    setrlimit(RLIMIT_CORE, &noCore);
+    for (int const signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         int status = 0;
         for (int tries = 0; status == 0 && tries < 50; ++tries) { // it may have ended before the signal
             std::filesystem::remove(site.folder.file("listing"));
@@ -767,6 +811,7 @@ TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
           Case{{"diff", "--config", exampleCM, "--at", "", exampleDataCM, exampleDataCM}, "'' is not a valid instant"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "07700x"}, "'07700x' is not a number"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "447700900123.0"}, "a decimal point"},
+          Case{{"lookup", "--config", exampleCM, "--normalise", "+07700900123"}, "no country code begins with 0"},
           Case{{"print", "--config", exampleCM, "more"}, "more"},
           Case{{"check", "--config", exampleCM}, "FILE"}})
         expectOneLine(run(test.arguments), test.reason, test.reason);

@@ -145,6 +145,9 @@ TEST(ImportTest, RejectsWithLineAndReason) {
         {"447700900123.0,20240101000000,ALPHA",
          "decimal-number,\"the number has a decimal point, as spreadsheets write quantities: '447700900123.0'\"",
          "\"447700900123.0,20240101000000,ALPHA\""},
+        {"+07700 900123,20240101000000,ALPHA",
+         "no-country-code,\"a 0 follows the plus, and no country code begins with 0: '+07700 900123'\"",
+         "\"+07700 900123,20240101000000,ALPHA\""},
         {std::string(41, '1') + ",20240101000000,ALPHA",
          "long-number,the number is too long: '" + std::string(41, '1') + "'",
          "\"" + std::string(41, '1') + ",20240101000000,ALPHA\""},
@@ -181,12 +184,12 @@ TEST(ImportTest, RejectsWithLineAndReason) {
     EXPECT_EQ(rejects, expected);
 
     Feed written("number,since,operator\n0770*,20240101000000,A\n447700900123.0,20240101000000,A\nwithheld,1,A\n"
-                 "07700/900123 x5,20240101000000,A\n",
+                 "07700/900123 x5,20240101000000,A\n+07700900123,20240101000000,A\n",
                  normalise);
     EXPECT_EQ(written.imported(), "1\n00447700900123  20240101000000  A\n");
     rejects = contentOf(*written.options.rejects);
     for (char const* const part : {",2,unreadable-number,the number cannot be read: '0770*',", ",3,decimal-number,",
-                                   ",4,no-number,there is no number: 'withheld',"})
+                                   ",4,no-number,there is no number: 'withheld',", ",6,no-country-code,"})
         EXPECT_NE(rejects.find(part), std::string::npos) << part << "\n" << rejects;
 
     Feed shown(

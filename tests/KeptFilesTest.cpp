@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
 
@@ -27,6 +28,7 @@ class KeptFilesTest : public testing::Test {
         std::filesystem::create_symlink("absent.dat", folder.file("dangling"));
         std::filesystem::create_symlink("dangling", folder.file("chain"));
         std::filesystem::create_symlink("np.toml", folder.file("link"));
+        mknod(folder.file("socket").c_str(), S_IFSOCK | 0600, 0);
     }
 
     ProgramResult run(std::string const& command) const {
@@ -55,6 +57,10 @@ TEST_F(KeptFilesTest, AreNeverWritten) {
               "np.log is to be written, but is the daemon's log"},
              {"$IMPORT --config logged.toml --rejects np.log feed.csv", "np.log is to be written, but is the daemon's"},
              {"$IMPORT --config logged.toml feed.csv >> np.log", "standard output is the daemon's log"},
+             {"$IMPORT --output socket feed.csv", "socket cannot be written: it is a socket"},
+             {"$ENRICH --output socket --rejects rejects calls.csv", "socket cannot be written: it is a socket"},
+             {"$ENRICH --keep --rejects socket calls.csv", "socket cannot be written: it is a socket"},
+             {"nphost print --config np.toml --output socket", "socket cannot be written: it is a socket"},
              {"nphost print --config logged.toml --output np.log", "the output np.log is the log file"},
              {"nphost print --config np.toml --output np.toml", "the output np.toml is the configuration file"},
              {"nphost print --config np.toml --output ./link", "the output ./link is the configuration file"},

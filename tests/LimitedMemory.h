@@ -12,8 +12,9 @@ namespace {
 
 std::atomic<long> liveBlocks = 0; // of operator new; a thread may free what another has made
 
-// Allocations of this thread that still succeed; negative: all do.
+// Allocations of this thread that still succeed; negative: all do. Then all fail, or one does.
 thread_local long allowed = -1;
+thread_local bool refusesOne = false;
 
 // Called before this thread's next allocation, and by no other.
 thread_local std::function<void()>* beforeAllocation = nullptr;
@@ -21,8 +22,10 @@ thread_local std::function<void()>* beforeAllocation = nullptr;
 void* allocate(std::size_t size) {
     if (beforeAllocation != nullptr)
         (*std::exchange(beforeAllocation, nullptr))();
-    if (allowed == 0)
+    if (allowed == 0) {
+        allowed = refusesOne ? -1 : 0;
         throw std::bad_alloc();
+    }
     if (allowed > 0)
         --allowed;
     void* const memory = std::malloc(size == 0 ? 1 : size); // NOLINT(cppcoreguidelines-no-malloc)

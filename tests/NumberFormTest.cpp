@@ -14,11 +14,11 @@ std::string const exampleDataCM = std::string(NP_SOURCE_FOLDER) + "/examples/por
 
 struct Case {
     std::string text;
-    char const* stored; // "-": no number; "?": one that cannot be read; ".0": a quantity
+    char const* stored; // "-": no number; "?": one that cannot be read; ".0": a quantity; "+0": no country's
 };
 
 std::string shownAs(nphost::NumberKind kind, BAS::String const& stored) {
-    std::array<std::string, 4> const others = {stored.str(), "-", "?", ".0"};
+    std::array<std::string, 5> const others = {stored.str(), "-", "?", ".0", "+0"};
     return others[static_cast<std::size_t>(kind)];
 }
 
@@ -64,6 +64,16 @@ TEST(NumberFormTest, BringsEveryFormIntoStoredForm) {
                     {"447700900123.0", ".0"},
                     {" +447700900123.00 ", ".0"},
                     {"0800.000", "0044800000"},
+                    {"(447700900123.0)", ".0"},
+                    {"(+447700900123.00 )", ".0"},
+                    {"447700900123.0 ext. 5", ".0"},
+                    {"tel:+447700900123.0;ext=5", ".0"},
+                    {"tel:1234;phone-context=+44.0", ".0"},
+                    {"sip:447700900123.0@example.com", ".0"},
+                    {"sip:%2B447700900123.00@example.com;user=phone", ".0"},
+                    {"\"Bob\" <447700900123.0>;tag=1", ".0"},
+                    {"<tel:447700900123.0>", ".0"},
+                    {"tel:+44-7700-900-123.0", "004477009001230"}, // a separator in its place
                     {"4.47701E+11", "?"},
                     {"[\"+447700900123\"]", "?"},
                     {"{}", "?"},
@@ -88,6 +98,16 @@ TEST(NumberFormTest, BringsEveryFormIntoStoredForm) {
                     {"0", "?"},
                     {"00", "?"},
                     {"unknown", "-"},
+                    // no country code begins with 0
+                    {"+07700 900123", "+0"},
+                    {"+0044 7700 900123", "+0"},
+                    {"(+0)7700 900123", "+0"},
+                    {"+(0)44 7700 900123", "+0"},
+                    {"+0", "+0"},
+                    {"tel:+07700900123", "+0"},
+                    {"tel:7700900123;phone-context=+0044", "+0"},
+                    {"sip:+07700900123@example.com", "+0"},
+                    {"<sip:%2B0044-7700-900123@example.com;user=phone>", "+0"},
                     {"07700x900123", "?"},
                     {"*31#07700900123", "?"},
                     {"+44+7700", "?"},
@@ -170,7 +190,11 @@ TEST(NumberFormTest, ObeysTheConfiguredCodes) {
         "CountryCode = \"39\"\nNationalAccessCode = \"\"\n",
         {{"06 1234", "0039061234"}, {"+39 (0)6 1234", "0039061234"}, {"tel:061234;phone-context=+39", "0039061234"}});
     expectForms("CountryCode = \"44\"\nNationalAccessCode = \"0\"\nInternationalAccessCodeSign = \"*\"\n",
-                {{"*44 7700 900123", "00447700900123"}, {"tel:+447700900123", "00447700900123"}, {"+33 1", "00331"}});
+                {{"*44 7700 900123", "00447700900123"},
+                 {"tel:+447700900123", "00447700900123"},
+                 {"+33 1", "00331"},
+                 {"*07700900123", "+0"},
+                 {"*447700900123.0", ".0"}});
 }
 
 } // namespace

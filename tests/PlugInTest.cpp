@@ -270,6 +270,24 @@ TEST_F(LifeCycle, OutcomesHoldWhereMemoryRunsOut) {
         ASSERT_TRUE(!finished || answer("0044171") == "A-LONG-NETWORK") << count;
     }
     EXPECT_GT(count, 10);
+
+    BAS::RegistryEntry both("NP"); // whose listing takes nothing back of the reload
+    for (auto const& [key, value] : std::vector<std::pair<char const*, std::string>>{
+             {"Reload", ""}, {"ReuseOnFailure", "FALSE"}, {"PrintData", folder.file("listing")}})
+        both.append(BAS::RegistryEntry(BAS::String(key), BAS::String(value)));
+    refusesOne = true;
+    for (count = 0, finished = false; !finished; ++count) {
+        auto const loads = serviceStatus().loads;
+        BAS::ProtectedBool handled;
+        allowed = count;
+        bool const result = plugIn->registryUpdate(&both, handled);
+        finished = std::exchange(allowed, -1) >= 0;
+        auto const status = serviceStatus();
+        ASSERT_EQ(result, status.loads > loads && status.lastLoad.succeeded) << count;
+    }
+    refusesOne = false;
+    EXPECT_TRUE(contentOf(folder.file("listing")).ends_with("A-LONG-NETWORK\n"));
+
     allowed = 0;
     EXPECT_THROW(answer("0044171"), std::bad_alloc) << "which is not to say that there is none";
     allowed = -1;

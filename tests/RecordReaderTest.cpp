@@ -193,6 +193,8 @@ TEST(ByteSourceTest, ReadsWhatWasWrittenWhateverItsForm) {
                compressed(Compression::GZIP, large) + compressed(Compression::GZIP, "") +
                    compressed(Compression::GZIP, "end"),
                large + "end"},
+          Case{"gzip on a tape", compressed(Compression::GZIP, large) + std::string(200'000, '\0'), large},
+          Case{"little on a tape", compressed(Compression::GZIP, "a") + std::string(2, '\0'), "a"},
           Case{"frames", skippable + compressed(Compression::ZSTD, "a") + compressed(Compression::ZSTD, large),
                "a" + large}}) {
         std::string const file = folder.write("file", test.bytes);
@@ -216,8 +218,9 @@ TEST(ByteSourceTest, DamageIsAnErrorThatNamesTheFile) {
          {Case{"gzip cut off", gzip.substr(0, gzip.size() - 9), "end early"},
           Case{"gzip cut off in its trailer", gzip.substr(0, gzip.size() - 1), "end early"},
           Case{"gzip cut off in its second header", gzip + "\x1f\x8b\x08", "end early"},
-          Case{"gzip with more behind", gzip + "more", "damaged"}, Case{"gzip changed", flipped, "damaged"},
-          Case{"zstd cut off", zstd.substr(0, zstd.size() - 1), "end early"},
+          Case{"gzip with more behind", gzip + "more", "damaged"},
+          Case{"gzip behind zeros", gzip + std::string(2, '\0') + gzip, "damaged"},
+          Case{"gzip changed", flipped, "damaged"}, Case{"zstd cut off", zstd.substr(0, zstd.size() - 1), "end early"},
           Case{"zstd with more behind", zstd + "more", "damaged"}}) {
         std::string const file = folder.write("file", test.bytes);
         try {

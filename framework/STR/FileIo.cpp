@@ -236,8 +236,16 @@ void FileIo::openReplacing(std::string const& target) {
     bool const exists = stat(fileNameM.data(), &old) == 0;
     if (!exists && (errno != ENOENT || target.empty()))
         return fail(errno, "open");
-    if (exists && !S_ISREG(old.st_mode))
-        return openInPlace(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (exists && !S_ISREG(old.st_mode)) {
+        int const descriptor = open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+        bool const isUnread = descriptor < 0 && errno == ENXIO; // "No such device or address" says nothing of these
+        openInPlace(descriptor);
+        if (isUnread && S_ISFIFO(old.st_mode))
+            failureM = "the pipe has no reader";
+        else if (isUnread && S_ISSOCK(old.st_mode))
+            failureM = "it is a socket";
+        return;
+    }
     if (exists && faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0)
         return fail(errno, "open");
 

@@ -18,7 +18,7 @@
 // cancelled gives up writing to a pipe or device that takes no more, if it was opened by its name, or else when a signal ends the write that waits. A
 // pipe whose reader has gone is an error like any other: no signal is raised.
 // Errors: the framework's log is told once per object, at the latest by closeFile ("ERR_WRITE_FILE", severity 4, file
-// and the system's reason); closeFile returns false and the stream's badbit is set. std::bad_alloc travels.
+// and the reason); closeFile returns false and the stream's badbit is set. std::bad_alloc travels.
 // Complexity: linear in the text. A flush of the stream does not reach the system but on a terminal, so that a
 // listing may flush every line.
 #pragma once
