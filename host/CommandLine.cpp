@@ -418,7 +418,7 @@ void addPrint(CLI::App& app, Chosen& chosen) {
 void addCheck(CLI::App& app, Chosen& chosen) {
     CLI::App* const command =
         addCommand(app, chosen, "check", "Say what a data file holds and what is wrong with it", checkHelpCM);
-    command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required();
+    command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required()->check(isName());
     command->add_flag("--all", chosen.check.all, "Show every rejected line, not just the first of each kind");
     command->add_flag("--json", chosen.check.json, "Write one JSON object; with --all it lists rejected lines");
     CLI::Option* const guard =
@@ -447,8 +447,8 @@ void addDiff(CLI::App& app, Chosen& chosen) {
     DiffOptions& options = chosen.diff;
     CLI::App* const command =
         addCommand(app, chosen, "diff", "Say what has changed from one data file to another", diffHelpCM, "");
-    command->add_option("OLD", options.before, "The data file before")->option_text(" ")->required();
-    command->add_option("NEW", options.after, "The data file after")->option_text(" ")->required();
+    command->add_option("OLD", options.before, "The data file before")->option_text(" ")->required()->check(isName());
+    command->add_option("NEW", options.after, "The data file after")->option_text(" ")->required()->check(isName());
     command
         ->add_option("--at", options.at,
                      "When numbers must be in force; YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
@@ -497,7 +497,10 @@ void addImport(CLI::App& app, Chosen& chosen) {
     CLI::App* const command = app.add_subcommand("import", "Make a data file of an operator's feed");
     command->fallthrough();
     command->footer(importHelpCM);
-    command->add_option("FILE", options.file, "The feed, or '-' for standard input")->option_text(" ")->required();
+    command->add_option("FILE", options.file, "The feed, or '-' for standard input")
+        ->option_text(" ")
+        ->required()
+        ->check(isName());
     command->add_option("--map", options.map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)")
         ->option_text("MAP")
         ->required();
@@ -604,10 +607,11 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     reload->add_flag("--no-reuse", options.noReuse, "Keep the old data when the last line of the file is no record");
     CLI::App* const delta =
         addCtlCommand(ctlApp, chosen, "delta", "Add the records of a file, and rewrite the data file");
-    delta->add_option("FILE", options.file, "The file")->option_text(" ")->required();
+    delta->add_option("FILE", options.file, "The file")->option_text(" ")->required()->check(isName());
     CLI::App* const listing = addCtlCommand(ctlApp, chosen, "print", "Print the records with their heading");
     listing->add_option("FILE", options.file, "The file to write; default: the daemon's standard output")
-        ->option_text(" ");
+        ->option_text(" ")
+        ->check(isName());
     for (CLI::App* const command : {reload, delta, listing}) {
         CLI::Option* const wait = command->add_flag_callback(
             "--wait", [&options] { options.wait = true; }, "Wait for the outcome and show it; default on a terminal");

@@ -813,7 +813,10 @@ TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
           Case{{"lookup", "--config", exampleCM, "--normalise", "447700900123.0"}, "a decimal point"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "+07700900123"}, "no country code begins with 0"},
           Case{{"print", "--config", exampleCM, "more"}, "more"},
-          Case{{"check", "--config", exampleCM}, "FILE"}})
+          Case{{"check", "--config", exampleCM}, "FILE"},
+          Case{{"check", "--config", exampleCM, ""}, "FILE: the name is empty"},
+          Case{{"ctl", "--socket", "s", "delta", ""}, "FILE: the name is empty"},
+          Case{{"ctl", "--socket", "s", "print", ""}, "FILE: the name is empty"}})
         expectOneLine(run(test.arguments), test.reason, test.reason);
     for (Arguments const& good : {Arguments{"--help"}, Arguments{"--version"}, Arguments{"lookup", "--help"},
                                   Arguments{"print", "--help"}, Arguments{"check", "--help"}}) {
