@@ -5,6 +5,7 @@
 #include "host/DiffCommand.h"
 #include "host/EnrichCommand.h"
 #include "host/ExitStatus.h"
+#include "host/HostError.h"
 #include "host/ImportCommand.h"
 #include "host/Interruption.h"
 #include "host/LookupCommand.h"
@@ -13,6 +14,7 @@
 #include "host/PrintCommand.h"
 #include "host/RunCommand.h"
 #include "host/StandardError.h"
+#include "host/Text.h"
 #include "host/UpcomingCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -270,6 +272,22 @@ CLI::Validator isCount() {
     return {check, "", "count"};
 }
 
+constexpr char const* notANumberCM = "is not a number";
+
+// The library makes a list of a positional argument in brackets where there may be several: '[a,b]' would be a and b, and
+// '[a.csv]' another file.
+void refuseLists(CLI::App& command, char const* why) {
+    auto const check = [why](std::string const& text) {
+        if (text.starts_with('[') && text.ends_with(']'))
+            throw HostError("'" + shortened(text) + "' " + why);
+        return std::string();
+    };
+    command.validate_positionals(); // before they are split, too
+    for (CLI::Option* const option : command.get_options())
+        if (option->get_positional())
+            option->check(CLI::Validator(check, ""));
+}
+
 CLI::App* addCommand(CLI::App& app, Chosen& chosen, char const* name, char const* description, char const* help,
                      char const* exitStatus = exitStatusCM) {
     CLI::App* const command = app.add_subcommand(name, description);
@@ -288,6 +306,7 @@ void addLookup(CLI::App& app, Chosen& chosen) {
     command->add_option("NUMBER", options.numbers, "The numbers, or '-' alone for standard input")
         ->option_text("...")
         ->required();
+    refuseLists(*command, notANumberCM);
     command->add_option("--at", options.at, "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
         ->option_text("INSTANT");
     command->add_option("--method", chosen.method, "best, exact or shortest; default: as configured")
@@ -306,6 +325,7 @@ void addLookup(CLI::App& app, Chosen& chosen) {
 
 void addEnrichInput(CLI::App& command, EnrichOptions& options) {
     command.add_option("INPUT", options.inputs, "The files; default, and '-': standard input")->option_text("...");
+    refuseLists(command, "is in brackets, as a list would be; a file of that name needs ./ before it");
     command.add_option("--number", options.numbers, "A column with numbers; may be given again (required)")
         ->option_text("COLUMN")
         ->allow_extra_args(false)
@@ -398,7 +418,7 @@ void addPrint(CLI::App& app, Chosen& chosen) {
 void addCheck(CLI::App& app, Chosen& chosen) {
     CLI::App* const command =
         addCommand(app, chosen, "check", "Say what a data file holds and what is wrong with it", checkHelpCM);
-    command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required();
+    command->add_option("FILE", chosen.check.file, "The data file")->option_text(" ")->required()->check(isName());
     command->add_flag("--all", chosen.check.all, "Show every rejected line, not just the first of each kind");
     command->add_flag("--json", chosen.check.json, "Write one JSON object; with --all it lists rejected lines");
     CLI::Option* const guard =
@@ -427,8 +447,8 @@ void addDiff(CLI::App& app, Chosen& chosen) {
     DiffOptions& options = chosen.diff;
     CLI::App* const command =
         addCommand(app, chosen, "diff", "Say what has changed from one data file to another", diffHelpCM, "");
-    command->add_option("OLD", options.before, "The data file before")->option_text(" ")->required();
-    command->add_option("NEW", options.after, "The data file after")->option_text(" ")->required();
+    command->add_option("OLD", options.before, "The data file before")->option_text(" ")->required()->check(isName());
+    command->add_option("NEW", options.after, "The data file after")->option_text(" ")->required()->check(isName());
     command
         ->add_option("--at", options.at,
                      "When numbers must be in force; YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
@@ -477,7 +497,10 @@ void addImport(CLI::App& app, Chosen& chosen) {
     CLI::App* const command = app.add_subcommand("import", "Make a data file of an operator's feed");
     command->fallthrough();
     command->footer(importHelpCM);
-    command->add_option("FILE", options.file, "The feed, or '-' for standard input")->option_text(" ")->required();
+    command->add_option("FILE", options.file, "The feed, or '-' for standard input")
+        ->option_text(" ")
+        ->required()
+        ->check(isName());
     command->add_option("--map", options.map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)")
         ->option_text("MAP")
         ->required();
@@ -568,6 +591,7 @@ void addCtlQuestions(CLI::App& ctlApp, Chosen& chosen) {
         ->check(CLI::IsMember({"best", "exact", "shortest"}));
     explainCommand->add_option("NUMBER", options.numbers, "The number")->option_text(" ")->required()->expected(1);
     for (CLI::App* const command : {lookupCommand, explainCommand}) {
+        refuseLists(*command, notANumberCM);
         command->add_option("--at", options.at, "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now")
             ->option_text("INSTANT");
         command->add_flag("--normalise", options.normalise, "Take numbers as people write them");
@@ -583,10 +607,11 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     reload->add_flag("--no-reuse", options.noReuse, "Keep the old data when the last line of the file is no record");
     CLI::App* const delta =
         addCtlCommand(ctlApp, chosen, "delta", "Add the records of a file, and rewrite the data file");
-    delta->add_option("FILE", options.file, "The file")->option_text(" ")->required();
+    delta->add_option("FILE", options.file, "The file")->option_text(" ")->required()->check(isName());
     CLI::App* const listing = addCtlCommand(ctlApp, chosen, "print", "Print the records with their heading");
     listing->add_option("FILE", options.file, "The file to write; default: the daemon's standard output")
-        ->option_text(" ");
+        ->option_text(" ")
+        ->check(isName());
     for (CLI::App* const command : {reload, delta, listing}) {
         CLI::Option* const wait = command->add_flag_callback(
             "--wait", [&options] { options.wait = true; }, "Wait for the outcome and show it; default on a terminal");
@@ -600,6 +625,7 @@ void addCtlRequests(CLI::App& ctlApp, Chosen& chosen) {
     update->add_option("KEY=VALUE", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
         ->option_text("...")
         ->required();
+    refuseLists(*update, "is not KEY=VALUE");
     for (CLI::App* const command : {reload, delta, update})
         command->add_flag("--force", options.force, "Load the file whatever the guard would say of it");
 }
@@ -678,6 +704,9 @@ int run(int argc, char const* const* argv) noexcept {
         return runChecked(argc, argv);
     } catch (std::bad_alloc const&) {
         complain("out of memory");
+    } catch (std::system_error const& error) {
+        bool const lacksThread = error.code() == std::errc::resource_unavailable_try_again; // for want of memory, too
+        complain((lacksThread ? "a thread cannot be started: " : "") + std::string(error.what()));
     } catch (std::exception const& error) {
         auto const* const system = dynamic_cast<std::system_error const*>(&error);
         bool const noThread = system != nullptr && system->code() == std::errc::resource_unavailable_try_again;
