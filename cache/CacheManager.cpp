@@ -1,6 +1,7 @@
 // Construction and everything that look-ups, counts and prints need.
 #include "cache/CacheManager.h"
 
+#include "cache/OwnerServices.h"
 #include "framework/STR/FileIo.h"
 
 #include <algorithm>
@@ -120,6 +121,8 @@ bool CacheManager::printData(BAS::String const& target) {
         BAS::MutexGuard const guard(console);
         std::cout.clear(); // a console that failed once may be there again
         print(std::cout, true);
+        if (!std::cout.flush())
+            OwnerServices::report(*plugInM, "ERR_WRITE_FILE", BAS::Status::MAJOR, {"Console", "cannot write it"});
         return true;
     }
     // Opened before and closed after the lock is held: both may report, and the sync to disk takes its time.

@@ -193,6 +193,17 @@ class ServiceManager {
 
     std::string const& name() const { return nameM; }
 
+    // Leaves no room in the queue.
+    void fill() const {
+        sockaddr_un address = {};
+        socklen_t length = sizeof address;
+        getsockname(descriptorM, reinterpret_cast<sockaddr*>(&address), &length);
+        int const sender = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        while (sendto(sender, "STATUS=", 7, 0, reinterpret_cast<sockaddr*>(&address), length) == 7) {
+        }
+        close(sender);
+    }
+
     // The next message that is more than a status.
     std::string next() const {
         for (;;) {

@@ -108,6 +108,7 @@ TEST(DaemonLifeTest, TellsTheServiceManager) {
     for (bool const abstract : {false, true}) {
         Site site(dataCM, "[host.guard]\nminRecords = 3\n");
         ServiceManager const manager((abstract ? "@" : "") + site.folder.file("notify"));
+        manager.fill(); // READY waits for room
         site.start({}, manager.name());
         EXPECT_TRUE(manager.next().starts_with("READY=1\nSTATUS=4 records"));
         for (bool const refused : {false, true, false}) {
@@ -522,6 +523,7 @@ TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
           Case{{"print", file("nphost.toml")}, 2, "is the configuration file"},
           Case{{"print", file("log")}, 2, "is standard error, the log"},
           Case{{"print", file("s")}, 2, "control socket"},
+          Case{{"print", "/dev/fd/7"}, 2, "a descriptor of the daemon's own"},
           Case{{"update", "PrintData=" + file("log")}, 2, "is standard error, the log"},
           Case{{"update", "PrintData=" + file("sub/../../nphost.toml")}, 2, "is the configuration file"}}) {
         Arguments command = test.command;
@@ -724,7 +726,12 @@ TEST(DaemonProtocolTest, AnswersAreBounded) {
 
 TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     Site site;
+    rlimit stack = {};
+    getrlimit(RLIMIT_STACK, &stack);
+    rlimit const small = {2UL << 20U, stack.rlim_max};
+    setrlimit(RLIMIT_STACK, &small); // the daemon's: nesting must not take it
     site.start();
+    setrlimit(RLIMIT_STACK, &stack);
     RawClient other(site.socket());
     std::string const status = "{\"version\":1,\"command\":\"status\"}\n";
     struct Case {
@@ -733,7 +740,8 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
         char const* reason;
     };
     for (Case const& test :
-         {Case{"no JSON", "hello\n", "cannot be understood"}, Case{"empty", "\n", "cannot be understood"},
+         {Case{"no JSON", "hello\n", "cannot be understood"},
+          Case{"empty", "\n", "cannot be understood"},
           Case{"no object", "[1]\n", "not an object"},
           Case{"deep", std::string(60000, '[') + "\n", "cannot be understood"},
           Case{"NUL", std::string("{\0}\n", 4), "cannot be understood"},
@@ -752,6 +760,10 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
           Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
           Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
           Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
+          Case{"deep keys",
+               "{\"version\":1,\"command\":\"update\",\"keys\":" + std::string(32000, '[') + std::string(32000, ']') +
+                   "}\n",
+               "must be an object"},
           Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
           Case{"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n",
                "absolute"}}) {

@@ -794,8 +794,10 @@ TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
         char const* reason;
     };
     for (Case const& test :
-         {Case{{}, "a command is required"}, Case{{"serv"}, "no command or option 'serv'"},
-          Case{{"lookup", "0044"}, "--config"}, Case{{"lookup", "--config", exampleCM}, "NUMBER"},
+         {Case{{}, "a command is required"},
+          Case{{"serv"}, "no command or option 'serv'"},
+          Case{{"lookup", "0044"}, "--config"},
+          Case{{"lookup", "--config", exampleCM}, "NUMBER"},
           Case{{"lookup", "--config", exampleCM, "--at", "20230229000000", "0044"}, "20230229000000"},
           Case{{"lookup", "--config", exampleCM, "--at", "2024-06-15", "0044"}, "2024-06-15"},
           Case{{"lookup", "--config", exampleCM, "--at", "", "0044"}, "not a valid instant"},
@@ -804,12 +806,19 @@ TEST(HostUsageTest, WrongUseIsOneLineAndStatusTwo) {
           Case{{"lookup", "--config", exampleCM, ""}, "not a number"},
           Case{{"lookup", "--config", exampleCM, "00447700900123 20240615120000"}, "not one number"},
           Case{{"lookup", "--config", exampleCM, "00447700900123\n0033"}, "'00447700900123\\n0033' is not one number"},
+          Case{{"lookup", "--config", exampleCM, "[0044,0033]"}, "'[0044,0033]' is not a number"},
+          Case{{"enrich", "--config", exampleCM, "--number", "[n]", "--time", "t", "[a]"}, "'[a]' is in brackets"},
+          Case{{"ctl", "--socket", "s", "update", "[Reload=TRUE]"}, "'[Reload=TRUE]' is not KEY=VALUE"},
           Case{{"upcoming", "--config", exampleCM, "--until", ""}, "'' is not a valid instant; write YYYYMMDD"},
           Case{{"diff", "--config", exampleCM, "--at", "", exampleDataCM, exampleDataCM}, "'' is not a valid instant"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "07700x"}, "'07700x' is not a number"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "447700900123.0"}, "a decimal point"},
           Case{{"lookup", "--config", exampleCM, "--normalise", "+07700900123"}, "no country code begins with 0"},
-          Case{{"print", "--config", exampleCM, "more"}, "more"}, Case{{"check", "--config", exampleCM}, "FILE"}})
+          Case{{"print", "--config", exampleCM, "more"}, "more"},
+          Case{{"check", "--config", exampleCM}, "FILE"},
+          Case{{"check", "--config", exampleCM, ""}, "FILE: the name is empty"},
+          Case{{"ctl", "--socket", "s", "delta", ""}, "FILE: the name is empty"},
+          Case{{"ctl", "--socket", "s", "print", ""}, "FILE: the name is empty"}})
         expectOneLine(run(test.arguments), test.reason, test.reason);
     for (Arguments const& good : {Arguments{"--help"}, Arguments{"--version"}, Arguments{"lookup", "--help"},
                                   Arguments{"print", "--help"}, Arguments{"check", "--help"}}) {

@@ -193,7 +193,7 @@ TEST(DaemonMemoryTest, NoHangUpIsForgotten) {
     EXPECT_EQ(site.stop(), 0) << site.log();
 }
 
-// Broken off are loads, checks and listings, at whatever they are; nothing is left behind, nothing half is live.
+// Broken off are loads and checks, at whatever they are; nothing is left behind, nothing half is live.
 TEST(DaemonStopTest, BreaksOffWhatTakesLong) {
     constexpr int many = 1'000'000;
     std::string const large = records(many);
@@ -272,15 +272,22 @@ TEST(DaemonStopTest, WaitsForNoReaderOfAListing) {
     }
 }
 
-TEST(DaemonStopTest, SurvivesALimitOfFileSize) {
+TEST(DaemonStopTest, SurvivesLimitsThatAreLowered) {
     Site site;
     site.start();
     std::string const listing = site.folder.file("listing");
+    RawClient client(site.socket());
     rlimit const small = {10, RLIM_INFINITY};
-    ASSERT_EQ(prlimit(site.status().at("process"), RLIMIT_FSIZE, &small, nullptr), 0);
+    rlimit const fewer = {3, 3}; // than are open: poll refuses
+    pid_t const process = site.status().at("process");
+    ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &small, nullptr), 0);
     expectResult(site.ctl({"print", listing, "--wait"}), 1, "ERR_WRITE_FILE", "print");
     EXPECT_FALSE(std::filesystem::exists(listing));
+    expectResult(site.ctl({"print", "--wait"}), 1, "writing Console failed", "print to standard output");
     EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
+    ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, &fewer, nullptr), 0);
+    ASSERT_TRUE(client.send(requestOf("status")));
+    EXPECT_TRUE(contains(client.line(), "\"usable\":true"));
     EXPECT_EQ(site.stop(), 0);
 }
 

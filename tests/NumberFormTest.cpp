@@ -79,6 +79,8 @@ TEST(NumberFormTest, BringsEveryFormIntoStoredForm) {
                     {"{}", "?"},
                     {"07700900123/07700900124", "?"}, // two numbers
                     {"07700900123 20240615", "?"},
+                    {"7700900 20240615", "?"}, // a date; with the country's code it is longer than a number
+                    {"0044 (0) 1234 567890123", "00441234567890123"},
                     // extensions
                     {"07700 900123 ext. 5", "00447700900123"},
                     {"07700 900123, Ext 1234567", "00447700900123"},

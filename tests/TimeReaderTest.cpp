@@ -153,6 +153,7 @@ TEST(TimeReaderTest, RefusesFormatsAndZonesThatAreNone) {
         {"no day", "%H:%M", "UTC", "does not tell a day"},
         {"day of the year, which is not read", "%Y %j", "UTC", "does not tell a day"},
         {"half a day", "%Y-%m-%d %I:%M", "UTC", "does not tell a day"},
+        {"a century, which is not read", "%C%y-%m-%d", "UTC", "does not tell a day"},
         {"week date", "%G-W%V-%u", "UTC", "does not tell a day"},
         {"unfinished", "%Y-%m-%d %", "UTC", "does not tell a day"},
         {"zone by name", "%Y-%m-%d %H:%M %Z", "UTC", "%Z"},

@@ -1,8 +1,10 @@
 #include "host/base/Arguments.h"
 
 #include "host/base/ExitStatus.h"
+#include "host/base/HostError.h"
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
+#include "host/base/Text.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>
@@ -122,6 +124,18 @@ Option Arguments::flag(std::string const& names, bool& place, std::string const&
 
 Option Arguments::flag(std::string const& names, std::function<void()> const& given, std::string const& help) {
     return Option(appM.add_flag_callback(names, given, help));
+}
+
+void Arguments::refuseLists(char const* why) {
+    auto const check = [why](std::string const& text) {
+        if (text.starts_with('[') && text.ends_with(']'))
+            throw HostError("'" + shortened(text) + "' " + why);
+        return std::string();
+    };
+    appM.validate_positionals(); // before they are split, too
+    for (CLI::Option* const option : appM.get_options())
+        if (option->get_positional())
+            option->check(CLI::Validator(check, ""));
 }
 
 void Arguments::footer(std::string const& text) {

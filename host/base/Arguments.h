@@ -69,6 +69,10 @@ class Arguments {
     Option flag(std::string const& names, bool& place, std::string const& help);
     Option flag(std::string const& names, std::function<void()> const& given, std::string const& help);
 
+    // Refuses positional arguments in brackets, for a reason behind them: the library makes a list of one where there may
+    // be several, and '[a.csv]' would be another file.
+    void refuseLists(char const* why);
+
     // What the help says behind the options.
     void footer(std::string const& text);
 

@@ -17,6 +17,7 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <system_error>
 
 namespace nphost {
 
@@ -55,6 +56,9 @@ int run(int argc, char const* const* argv) noexcept {
         return runChecked(argc, argv);
     } catch (std::bad_alloc const&) {
         complain("out of memory");
+    } catch (std::system_error const& error) {
+        bool const lacksThread = error.code() == std::errc::resource_unavailable_try_again; // for want of memory, too
+        complain((lacksThread ? "a thread cannot be started: " : "") + std::string(error.what()));
     } catch (std::exception const& error) {
         complain(error.what());
     }

@@ -543,6 +543,7 @@ int ctl(CtlOptions const& options, int (Ctl::*command)()) {
 void declareNothing(Arguments& /*arguments*/, CtlOptions& /*options*/) {}
 
 void declareQuestion(Arguments& arguments, CtlOptions& options) {
+    arguments.refuseLists("is not a number");
     addInstant(arguments, "--at", options.at);
     arguments.flag("--normalise", options.normalise, "Take numbers as people write them");
 }
@@ -582,19 +583,20 @@ void declareReload(Arguments& arguments, CtlOptions& options) {
 }
 
 void declareDelta(Arguments& arguments, CtlOptions& options) {
-    arguments.add("FILE", " ", options.file, "The file").required();
+    arguments.add("FILE", " ", options.file, "The file").required().named();
     declareWaiting(arguments, options);
     declareForce(arguments, options);
 }
 
 void declarePrint(Arguments& arguments, CtlOptions& options) {
-    arguments.add("FILE", " ", options.file, "The file to write; default: the daemon's standard output");
+    arguments.add("FILE", " ", options.file, "The file to write; default: the daemon's standard output").named();
     declareWaiting(arguments, options);
 }
 
 void declareUpdate(Arguments& arguments, CtlOptions& options) {
     arguments.add("KEY=VALUE", "...", options.keys, "Reload, ReuseOnFailure, AdditionalNumPortData, PrintData")
         .required();
+    arguments.refuseLists("is not KEY=VALUE");
     declareForce(arguments, options);
 }
 

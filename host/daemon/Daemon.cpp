@@ -318,9 +318,10 @@ void Daemon::print(Client client, Json const& request) {
 }
 
 void Daemon::update(Client client, Json const& request) {
-    Json const given = request.value("keys", Json());
-    if (!given.is_object())
+    auto const found = request.find("keys"); // not copied: a copy of what is nested deeply takes all of the stack
+    if (found == request.end() || !found->is_object())
         throw QuestionError("'keys' must be an object");
+    Json const& given = *found;
     LoadLane::Keys keys;
     for (auto const& [key, value] : given.items()) {
         Service::checkUpdateKey(key); // before its value

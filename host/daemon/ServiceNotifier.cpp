@@ -2,6 +2,7 @@
 
 #include "host/base/Text.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -50,17 +51,26 @@ void ServiceNotifier::status(std::string_view status) {
     send({}, status);
 }
 
-void ServiceNotifier::send(std::string message, std::string_view status) const {
+// A change of state that is lost may cost the service its life. But a manager that reads nothing is waited for only once.
+void ServiceNotifier::send(std::string message, std::string_view status) {
+    constexpr int attempts = 50;
+    constexpr int pauseMilliseconds = 20;
     if (!descriptorM)
         return;
     bool const mustArrive = !message.empty();
     message += "STATUS=" + visible(status) + "\n";
-    constexpr int patienceMilliseconds = 2000; // a change of state that is lost may cost the service its life
-    pollfd room = {descriptorM.get(), POLLOUT, 0};
-    if (mustArrive)
-        poll(&room, 1, patienceMilliseconds);
-    sendto(descriptorM.get(), message.data(), message.size(), MSG_NOSIGNAL,
-           reinterpret_cast<sockaddr const*>(&addressM), lengthM);
+    auto const isFull = [&] {
+        return sendto(descriptorM.get(), message.data(), message.size(), MSG_NOSIGNAL,
+                      reinterpret_cast<sockaddr const*>(&addressM), lengthM) < 0 &&
+               errno == EAGAIN;
+    };
+    bool full = isFull();
+    // Not connected, the socket cannot be polled for room in the manager's queue.
+    for (int attempt = 0; full && mustArrive && !stuckM && attempt < attempts; ++attempt) {
+        poll(nullptr, 0, pauseMilliseconds);
+        full = isFull();
+    }
+    stuckM = full && (mustArrive || stuckM);
 }
 
 } // namespace nphost

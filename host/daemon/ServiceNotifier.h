@@ -5,7 +5,8 @@
 // for people. Without the variable nothing is sent.
 // Ownership: owns its socket.
 // Threads: one thread.
-// Errors: none; what cannot be sent is lost, and nobody waits. Construction throws std::bad_alloc.
+// Errors: none. While the manager's queue is full a change of state waits for up to a second, but not again before there
+// was room; a status text waits not at all. What cannot be sent is lost. Construction throws std::bad_alloc.
 // Complexity: one system call a change.
 #pragma once
 
@@ -29,11 +30,12 @@ class ServiceNotifier {
     void status(std::string_view status);
 
   private:
-    void send(std::string message, std::string_view status) const;
+    void send(std::string message, std::string_view status);
 
     FileDescriptor descriptorM;
     sockaddr_un addressM{};
     socklen_t lengthM = 0;
+    bool stuckM = false; // a change of state was waited for in vain, and nothing was taken since
 };
 
 } // namespace nphost

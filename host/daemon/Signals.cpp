@@ -1,6 +1,8 @@
 #include "host/daemon/Signals.h"
 
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <poll.h>
 
 namespace nphost {
@@ -23,18 +25,16 @@ extern "C" void noteSignal(int number) {
 
 Signals::Signals() {
     target.store(&wakeUpM);
-    for (std::size_t i = 0; i < numbersCM.size(); ++i) {
+    for (int const number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
         struct sigaction action = {};
-        action.sa_handler = numbersCM[i] == SIGPIPE ? SIG_IGN : noteSignal;
+        action.sa_handler = number == SIGPIPE ? SIG_IGN : noteSignal;
         action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
-        sigaction(numbersCM[i], &action, &beforeM[i]);
+        sigaction(number, &action, nullptr);
     }
 }
 
 Signals::~Signals() {
-    for (std::size_t i = 0; i < numbersCM.size(); ++i)
-        sigaction(numbersCM[i], &beforeM[i], nullptr);
     target.store(nullptr);
 }
 

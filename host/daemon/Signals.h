@@ -1,8 +1,8 @@
 // nphost::Signals: the signals that a daemon obeys, brought to its event loop.
 //
 // Purpose: while the object lives, SIGTERM and SIGINT ask for the end and SIGHUP for a reload; SIGPIPE is ignored,
-// so that a write fails instead (SIGXFSZ by main.cpp). The handlers only note the signal and wake the loop. Destruction
-// puts back what was there before.
+// so that a write fails instead (SIGXFSZ by main.cpp). The handlers only note the signal and wake the loop. They stay when
+// the object goes: a signal that comes while the process ends must not change its exit status.
 // Ownership: borrows nothing; there is one object in a process at a time.
 // Threads: construction and destruction by one thread; the rest by the loop's. Signals may arrive on any.
 // Errors: construction throws HostError.
@@ -10,9 +10,6 @@
 #pragma once
 
 #include "host/base/WakeUp.h"
-
-#include <array>
-#include <csignal>
 
 namespace nphost {
 
@@ -34,10 +31,7 @@ class Signals {
     bool awaitStop(WakeUp const& other) const noexcept;
 
   private:
-    static constexpr std::array<int, 4> numbersCM = {SIGTERM, SIGINT, SIGHUP, SIGPIPE};
-
     WakeUp wakeUpM;
-    std::array<struct sigaction, numbersCM.size()> beforeM{};
 };
 
 } // namespace nphost

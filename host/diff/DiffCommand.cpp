@@ -181,8 +181,8 @@ Difference differenceOf(std::string const& name) {
 void declare(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<DiffOptions>();
     addConfiguration(arguments, common).required();
-    arguments.add("OLD", " ", options->before, "The data file before").required();
-    arguments.add("NEW", " ", options->after, "The data file after").required();
+    arguments.add("OLD", " ", options->before, "The data file before").required().named();
+    arguments.add("NEW", " ", options->after, "The data file after").required().named();
     addInstant(arguments, "--at", options->at, "When numbers must be in force; ");
     auto const takeList = [options](std::string const& name) { options->list = differenceOf(name); };
     Option const list =

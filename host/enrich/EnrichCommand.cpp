@@ -331,6 +331,7 @@ void declare(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<EnrichOptions>();
     addConfiguration(arguments, common).required();
     arguments.add("INPUT", "...", options->inputs, "The files; default, and '-': standard input");
+    arguments.refuseLists("is in brackets, as a list would be; a file of that name needs ./ before it");
     arguments.add("--number", "COLUMN", options->numbers, "A column with numbers; may be given again (required)")
         .single()
         .required();

@@ -29,10 +29,11 @@ char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool holdsTwoNumbers(std::string_view text, std::size_t accessCode) {
-    if (text.size() <= mostDigitsCM + accessCode)
+// `number` is what was read of the text.
+bool holdsTwoNumbers(std::string_view text, std::string_view number, std::size_t accessCode) {
+    if (number.size() <= mostDigitsCM + accessCode)
         return false;
-    auto const digits = std::count_if(text.begin(), text.end(), isDigit);
+    auto const digits = std::count_if(number.begin(), number.end(), isDigit);
     return text.find_first_of("/ \t") != std::string_view::npos &&
            static_cast<std::size_t>(digits) > mostDigitsCM + accessCode;
 }
@@ -149,7 +150,7 @@ NumberKind readPlainNumber(std::string_view text, BAS::String& out) {
     std::string const number = withoutSeparators(plain);
     out.assign(number.data(), number.size());
     if (areDigits(std::string_view(number).substr(number.starts_with('+') ? 1 : 0)) &&
-        !holdsTwoNumbers(trimmed(plain), longAccessCodeCM))
+        !holdsTwoNumbers(trimmed(plain), number, longAccessCodeCM))
         return number.starts_with("+0") ? NumberKind::NO_COUNTRY : NumberKind::NUMBER;
     return hasDigit(plain) ? NumberKind::UNREADABLE : NumberKind::NONE;
 }
@@ -229,11 +230,12 @@ NumberKind NumberForm::fromWritten(std::string_view text, BAS::String& out) cons
     std::string_view const number = withoutSign(text);
     if (isDecimal(number))
         return NumberKind::DECIMAL;
-    if (holdsTwoNumbers(trimmed(text), codesM.internationalAccess.size()))
-        return NumberKind::UNREADABLE;
-    if (number.size() < text.size())
-        return global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out);
-    return dialled(digitsOf(text), out);
+    NumberKind const kind = number.size() < text.size()
+                                ? global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out)
+                                : dialled(digitsOf(text), out);
+    bool const isTwo =
+        kind == NumberKind::NUMBER && holdsTwoNumbers(trimmed(text), out.view(), codesM.internationalAccess.size());
+    return isTwo ? NumberKind::UNREADABLE : kind;
 }
 
 NumberKind NumberForm::global(std::string_view digits, BAS::String& out) const {

@@ -339,7 +339,7 @@ namespace {
 
 void declare(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<ImportOptions>();
-    arguments.add("FILE", " ", options->file, "The feed, or '-' for standard input").required();
+    arguments.add("FILE", " ", options->file, "The feed, or '-' for standard input").required().named();
     arguments.add("--map", "MAP", options->map, "number=COLUMN,valid-from=COLUMN,network=COLUMN (required)").required();
     addSeparation(arguments, options->separator, options->noHeader, options->noQuotes);
     addTimeForm(arguments, options->timeFormat, options->zone);

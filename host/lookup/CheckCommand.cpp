@@ -324,7 +324,7 @@ int check(CheckOptions const& options) {
 void declareCheck(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<CheckOptions>();
     addConfiguration(arguments, common).required();
-    arguments.add("FILE", " ", options->file, "The data file").required();
+    arguments.add("FILE", " ", options->file, "The data file").required().named();
     arguments.flag("--all", options->all, "Show every rejected line, not just the first of each kind");
     arguments.flag("--json", options->json, "Write one JSON object; with --all it lists rejected lines");
     Option const guard = arguments.flag("--guard", options->guard, "Hold the file against the limits in [host.guard]");

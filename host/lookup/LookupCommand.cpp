@@ -198,6 +198,7 @@ void declareLookup(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<LookupOptions>();
     addConfiguration(arguments, common).required();
     arguments.add("NUMBER", "...", options->numbers, "The numbers, or '-' alone for standard input").required();
+    arguments.refuseLists("is not a number");
     addInstant(arguments, "--at", options->at);
     addMethod(arguments, options->method);
     arguments.flag("--normalise", options->normalise, "Take numbers as people write them");

@@ -1,10 +1,7 @@
 #include "host/net/EventLoop.h"
 
-#include "host/base/HostError.h"
-
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 
 namespace nphost {
 
@@ -28,9 +25,18 @@ void EventLoop::turn(std::optional<Milliseconds> patience) {
     }
     int const milliseconds = patience ? static_cast<int>(patience->count()) : -1; // -1: for ever
     if (poll(polledM.data(), polledM.size(), milliseconds) < 0 && errno != EINTR)
-        throw HostError("the event loop cannot wait: " + std::system_category().message(errno));
+        waitPoorly();
     for (Source* const source : sourcesM)
         source->serve(polledM);
+}
+
+// When the limit of descriptors was lowered below what is open, or the system is short of memory: whoever waits must go
+// on. Nothing blocks that is taken for ready.
+void EventLoop::waitPoorly() {
+    constexpr int milliseconds = 100;
+    poll(nullptr, 0, milliseconds);
+    for (pollfd& entry : polledM)
+        entry.revents = entry.events;
 }
 
 } // namespace nphost

@@ -5,7 +5,8 @@
 // them, so that nothing need be allocated to say it, and an outcome cannot be lost for want of memory.
 // Ownership: borrows its sources, which must outlive it.
 // Threads: one thread, the loop's; a WakeUp is woken by any.
-// Errors: add throws std::bad_alloc; turn throws HostError when the system refuses to wait.
+// Errors: add throws std::bad_alloc; turn throws nothing of its own: where the system refuses to wait, it lasts a moment,
+// and all are taken for ready.
 // Complexity: a system call and a call of each source a turn.
 #pragma once
 
@@ -43,6 +44,8 @@ class EventLoop {
     void turn(std::optional<Milliseconds> patience);
 
   private:
+    void waitPoorly();
+
     std::vector<Source*> sourcesM;
     std::vector<pollfd> polledM; // has room for all: a turn allocates nothing
 };

@@ -11,7 +11,7 @@ static_assert(RecordReader::paddingCM >= simdjson::SIMDJSON_PADDING);
 struct JsonReader::Library {
     using Element = simdjson::dom::element;
 
-    // Never with an exponent; a number that is too long for that is none.
+    // Never with an exponent; nothing for a number that is too long for that.
     template <class Number, class... Format>
     static std::string_view digits(Number number, std::array<char, numberLengthCM>& place, Format... format) {
         auto const [end, error] = std::to_chars(place.data(), place.data() + place.size(), number, format...);
@@ -19,7 +19,7 @@ struct JsonReader::Library {
                                     : std::string_view();
     }
 
-    // What a member says, as a text.
+    // What a member says, as a text. A number that is too long without an exponent has one.
     static std::string_view textOf(Element value, std::array<char, numberLengthCM>& place, std::string& list) {
         switch (value.type()) {
         case simdjson::dom::element_type::STRING:
@@ -29,7 +29,10 @@ struct JsonReader::Library {
         case simdjson::dom::element_type::UINT64:
             return digits(value.get_uint64().value_unsafe(), place);
         case simdjson::dom::element_type::DOUBLE:
-            return digits(value.get_double().value_unsafe(), place, std::chars_format::fixed);
+            if (auto const text = digits(value.get_double().value_unsafe(), place, std::chars_format::fixed);
+                !text.empty())
+                return text;
+            [[fallthrough]];
         case simdjson::dom::element_type::ARRAY:
         case simdjson::dom::element_type::OBJECT:
             return list = simdjson::minify(value);
@@ -80,12 +83,12 @@ Problem JsonReader::read(Record& record) {
         return Problem::BROKEN_JSON;
     record.values.resize(wantedM.size());
     std::size_t found = 0;
+    bool twice = false;
     for (auto const [name, value] : object) {
         auto const wanted = std::find(wantedM.begin(), wantedM.end(), name);
         if (wanted != wantedM.end()) {
             auto const i = static_cast<std::size_t>(wanted - wantedM.begin());
-            if (record.values[i].data() != nullptr)
-                return Problem::MISSING_MEMBER;
+            twice = twice || record.values[i].data() != nullptr;
             std::string_view const text = Library::textOf(value, numbersM[i], listsM[i]);
             record.values[i] = text.empty() ? std::string_view("") : text; // not null: it is there
             ++found;
@@ -93,7 +96,7 @@ Problem JsonReader::read(Record& record) {
             return Problem::NAME_TAKEN;
         }
     }
-    return found == wantedM.size() ? Problem::NONE : Problem::MISSING_MEMBER;
+    return found == wantedM.size() && !twice ? Problem::NONE : Problem::MISSING_MEMBER;
 }
 
 } // namespace nphost

@@ -4,6 +4,7 @@
 #include "framework/STR/FilePlace.h"
 
 #include <system_error>
+#include <unistd.h>
 
 namespace nphost {
 
@@ -27,9 +28,12 @@ char const* KeptFiles::nameOf(std::filesystem::path const& target) const {
         return "the log file";
     if (!socket.empty() && isSameFile(socket, target))
         return "the control socket";
+    // A listing there would be in the midst of another client's answers, or of the lock file.
+    if (isService && STR::ownDescriptor(STR::followLinks(target.native())) > STDERR_FILENO)
+        return "a descriptor of the daemon's own";
     std::error_code error;
     char const* const shown = "/dev/stderr";
-    bool const isLog = standardError && std::filesystem::is_regular_file(shown, error) && isSameFile(shown, target);
+    bool const isLog = isService && std::filesystem::is_regular_file(shown, error) && isSameFile(shown, target);
     return isLog ? "standard error, the log" : nullptr;
 }
 

@@ -1,7 +1,7 @@
 // nphost::isSameFile and KeptFiles: whether two names mean one file, and which files a listing or a log must not destroy.
 //
 // Purpose: a listing must not replace the data file, since whatever it leaves out would be lost, nor the configuration,
-// the log or the control socket.
+// the log or the control socket, nor go where the daemon has something else open.
 // Ownership: KeptFiles owns its names; plain functions otherwise.
 // Threads: no state that changes.
 // Errors: std::bad_alloc; names that cannot be examined are compared as texts.
@@ -21,7 +21,7 @@ struct KeptFiles {
     std::filesystem::path configuration;
     std::filesystem::path logFile = {};
     std::filesystem::path socket = {};
-    bool standardError = false; // the file behind it, too, for a program whose log it is
+    bool isService = false; // the file behind standard error is its log, and descriptors beyond are nobody else's
 
     // What the target is of these, in words: "the data file itself"; null when it is none of them.
     char const* nameOf(std::filesystem::path const& target) const;

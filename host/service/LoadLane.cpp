@@ -42,6 +42,12 @@ bool prints(LoadLane::Request const& request) {
            (request.kind == LoadLane::UPDATE && valueOf(request.keys, "PrintData") != nullptr);
 }
 
+// Names of files are absolute.
+bool printsToConsole(LoadLane::Request const& request) {
+    std::string const* const target = targetOf(request);
+    return prints(request) && (target == nullptr || !target->starts_with('/'));
+}
+
 // Which load a request is, if it is one. What the plug-in refuses without loading anything is none.
 std::optional<LoadKind> loadOf(LoadLane::Request const& request) {
     if (request.kind == LoadLane::PRINT)
@@ -146,7 +152,7 @@ bool LoadLane::hasWaitingSignalRequest() const {
 }
 
 // What waits for a reader is cancelled, what loads is told to stop; then nothing lasts but a delta's writing of the data
-// file, which is not disturbed.
+// file and a listing to a file, which are not disturbed.
 void LoadLane::stop() {
     constexpr std::chrono::milliseconds pause{100};
     {
@@ -159,10 +165,10 @@ void LoadLane::stop() {
     threadM.cancel();
     while (!awaitEnd(pause)) {
         BAS::MutexGuard const guard(lockM);
-        outputLostM =
-            laneM && !currentM.empty() && prints(currentM.front().request) && !plugInM.serviceStatus().loading;
-        if (outputLostM)
-            letGoOfOutput(*laneM);
+        if (!laneM || currentM.empty() || !prints(currentM.front().request) || plugInM.serviceStatus().loading)
+            continue;
+        outputLostM = printsToConsole(currentM.front().request);
+        letGoOfOutput(*laneM);
     }
     threadM.stop();
 }

@@ -120,7 +120,7 @@ class LoadLane {
     Jobs currentM NP_GUARDED_BY(lockM); // at most one, the lane's but for its request
     Jobs finishedM NP_GUARDED_BY(lockM);
     bool stopM NP_GUARDED_BY(lockM) = false;
-    bool outputLostM NP_GUARDED_BY(lockM) = false;       // what the job under way prints goes nowhere
+    bool outputLostM NP_GUARDED_BY(lockM) = false;       // what the job under way prints to the console goes nowhere
     std::optional<pthread_t> laneM NP_GUARDED_BY(lockM); // while it runs
     BAS::Thread threadM{nullptr};
 };
