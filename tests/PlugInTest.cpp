@@ -613,6 +613,10 @@ TEST_F(Probe, IsCarriedOutByTheCallingThreadAsByTheWorker) {
         EXPECT_TRUE(probe(c.probe, c.value));
         EXPECT_EQ(journal.take(c.entries), byCaller);
     }
+}
+
+TEST_F(Probe, CarriesNothingOutOnceLoadsAreStopped) {
+    createInitialised();
     stopLoads();
     EXPECT_FALSE(carryOut(PlugIn::RELOAD_PROBE, ""));
     EXPECT_EQ(journal.take(),

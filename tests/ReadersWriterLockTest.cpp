@@ -1,5 +1,6 @@
 // The readers-writer lock's promise: exclusion, and who waits for whom. Tests wait for conditions, never for time.
 #include "framework/RW/RWReadersWriterLock.h"
+#include "tests/SeededRandom.h"
 #include "tests/WatchedThread.h"
 
 #include <array>
@@ -388,10 +389,27 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     EXPECT_EQ(lock.shortReads(), count);
 }
 
+namespace {
+
+using Seed = std::mt19937::result_type;
+
+// Generations of threads, one after the other.
+void breed(std::function<void(Seed)> const& act, Seed seed) {
+    std::mt19937 random(seed);
+    for (int generation = 0; generation < 20; ++generation) {
+        std::vector<std::thread> threads(random() % 50);
+        for (std::thread& thread : threads)
+            thread = std::thread(act, random());
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+}
+
+} // namespace
+
 // Threads hand their slots on to others, which go on from their counts, while a writer never pauses.
 TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    SeededRandom random;
     RWReadersWriterLock lock;
     long first = 0;
     long second = 0;
@@ -405,27 +423,17 @@ TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
     });
     std::atomic<std::uint64_t> reads{0};
     std::atomic<long> torn{0};
-    auto const read = [&](std::mt19937::result_type threadSeed) {
-        std::mt19937 random(threadSeed);
-        for (auto left = random() % 50; left != 0; --left) {
-            std::uint64_t const many = 1 + random() % 3;
+    auto const read = [&](Seed seed) {
+        std::mt19937 choice(seed);
+        for (auto left = choice() % 50; left != 0; --left) {
+            std::uint64_t const many = 1 + choice() % 3;
             RWReadersWriterLock::ReadGuard const guard(lock, many);
             torn += first == second ? 0 : 1;
             reads += many;
         }
     };
-    auto const breed = [&](unsigned breederSeed) {
-        std::mt19937 random(breederSeed);
-        for (int generation = 0; generation < 20; ++generation) {
-            std::vector<std::thread> threads(random() % 50);
-            for (std::thread& thread : threads)
-                thread = std::thread(read, random());
-            for (std::thread& thread : threads)
-                thread.join();
-        }
-    };
-    std::thread breeder(breed, seed);
-    breed(seed + 1);
+    std::thread breeder(breed, read, random());
+    breed(read, random());
     breeder.join();
     stop = true;
     writer.join();
