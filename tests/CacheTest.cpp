@@ -1,6 +1,7 @@
 // The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
 #include "cache/LineStore.h"
 #include "cache/RecordBatch.h"
+#include "cache/TreeFilling.h"
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FilePlace.h"
 #include "tests/OwnerDouble.h"
@@ -23,6 +24,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 using namespace DAT::NumberPortability;
 using namespace std::string_literals;
@@ -194,52 +196,91 @@ TEST_F(Cache, TakesLinesOfAnyColumnCountThatHoldsARecord) {
     }
 }
 
-class Batches : public Cache {
+class Filling : public Cache {
   protected:
     struct Seen {
-        std::string listing;
-        std::vector<Arguments> reports;
-        std::vector<unsigned long> rejectedLines;
-        std::vector<std::uint64_t> counts;
-        bool operator==(Seen const&) const = default;
+        std::string stored;
+        std::vector<std::string> reports;
     };
-    Batches() {
-        for (int i = 0; i < 21; ++i) // the last one is good
-            lines += i % 4 == 3 ? "bad\n"
-                                : (i == 17 ? "NULL" : "017" + std::to_string(i % 7)) + " 20240101000000 N" +
-                                      std::to_string(i) + "\n";
+    Filling() {
+        for (char const* const number : {"0171-1", "171", "+(171)1", "NULL", "+1234567890123456", "+1234567890123456-7",
+                                         "+12345678901234567", "+12345678901234568", "+123456789012345-6"})
+            for (std::string const& rest : {" 20240101000000 A"s, " x B"s, " 20250101000000 N\0T"s, ""s,
+                                            " 20250101000000 C"s, " 20240101000000 D"s})
+                lines.push_back(number + rest);
     }
-    Seen load(std::uint32_t gathered, bool again) {
-        use(codes);
-        if (gathered != 0)
-            cache->gatherLines(gathered);
-        write(lines);
-        plugIn.reports.clear();
-        Seen seen;
-        EXPECT_TRUE(again ? cache->cacheReload(false) : cache->load());
-        LineCounts const& counts = cache->lineCounts();
-        seen.counts = {counts.rejected, counts.duplicates, counts.withoutDigits, counts.firstWithoutDigits};
-        DataSummary summary;
-        EXPECT_TRUE(cache->examine(
-            BAS::String(folder.file("main")), summary,
-            [&](unsigned long number, LineOutcome, BAS::String const&) { seen.rejectedLines.push_back(number); }, {}));
-        seen.listing = listing();
-        for (PlugIn::Report const& report : plugIn.reports)
-            seen.reports.push_back(report.arguments);
+    Seen see(NumberPortabilityTree const& tree) {
+        std::ostringstream out;
+        tree.printTree(out, false);
+        Seen seen{out.str(), {}};
+        for (PlugIn::Report const& report : std::exchange(plugIn.reports, {})) {
+            seen.reports.push_back(report.identifier);
+            for (std::string const& argument : report.arguments)
+                seen.reports.back() += "|" + argument;
+        }
         return seen;
     }
-    std::string lines;
+    // By insertCache; keeps the numbers of the lines that are reported.
+    Seen lineByLine() {
+        NumberPortabilityTree tree;
+        rejectedLines.clear();
+        for (unsigned long number = 1; number <= lines.size(); ++number) {
+            cache->insertCache(&tree, lines[number - 1], number, true, reader);
+            rejectedLines.resize(plugIn.reports.size(), number);
+        }
+        return see(tree);
+    }
+    // In batches of that many lines, into one tree or two.
+    void expectBatches(std::uint32_t gathered, bool two, Seen const& expected, LineCounts const& counts) {
+        SCOPED_TRACE(std::to_string(gathered) + (two ? " into two trees" : ""));
+        DiallingCodes const dialling(codes.national, codes.international, codes.country, codes.sign);
+        LoadStop const stop;
+        NumberPortabilityTree first, second;
+        std::vector<unsigned long> told;
+        TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
+                            two ? &second : nullptr, [&](unsigned long number, LineOutcome, BAS::String const& line) {
+                                told.push_back(number);
+                                EXPECT_EQ(line.str(), lines[number - 1]);
+                            });
+        for (std::string const& line : lines)
+            filling.add(line);
+        filling.finish();
+        Seen const seen = see(first);
+        EXPECT_EQ(seen.stored, expected.stored);
+        EXPECT_EQ(seen.reports, expected.reports);
+        EXPECT_EQ(see(second).stored, two ? expected.stored : "");
+        EXPECT_EQ(told, rejectedLines);
+        EXPECT_EQ(filling.counts().rejected, told.size());
+        EXPECT_EQ(filling.counts().duplicates, counts.duplicates);
+        EXPECT_EQ(filling.counts().withoutDigits, counts.withoutDigits);
+        EXPECT_EQ(filling.counts().firstWithoutDigits, counts.firstWithoutDigits);
+    }
+    void expectAlike(LineCounts counts) {
+        Seen const once = lineByLine();
+        Seen twice{once.stored, {}};
+        for (std::string const& report : once.reports) {
+            twice.reports.insert(twice.reports.end(), 2, report);
+            counts.duplicates += report.starts_with("ERR_DUPLICATE") ? 1 : 0;
+        }
+        ASSERT_GT(counts.duplicates, 5U);
+        for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 53U, 54U, 1000U})
+            for (bool const two : {false, true})
+                expectBatches(gathered, two, two ? twice : once, counts);
+    }
+
+    std::vector<std::string> lines;
+    std::vector<unsigned long> rejectedLines;
+    STR::FileIoTurbo reader;
 };
 
-// However few lines are gathered before they are inserted, the same is stored, reported and counted.
-TEST_F(Batches, LoadAlikeOfAnyLength) {
-    for (bool const again : {false, true}) {
-        Seen const whole = load(0, again);
-        EXPECT_EQ(whole.counts, (std::vector<std::uint64_t>{13, 8, 1, 18}));
-        EXPECT_EQ(whole.rejectedLines.size(), 13U);
-        for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 20U})
-            EXPECT_EQ(load(gathered, again), whole) << gathered;
-    }
+// However few lines are gathered before they are inserted, the same is stored, reported and counted as line by line.
+TEST_F(Filling, IsAlikeInBatchesOfAnyLength) {
+    LineCounts counts;
+    counts.withoutDigits = 3;
+    counts.firstWithoutDigits = 19;
+    expectAlike(counts);
+    use({"0", "", "44", "+"}); // a number may then be left without a digit
+    expectAlike({});
 }
 
 // What is told in the end belongs together.
@@ -263,7 +304,6 @@ TEST_F(Cache, AnExaminationThatIsEndedCountsWhatItHasRead) {
 TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
     constexpr std::uint32_t count = 60'000;
     write(numberedLines(count, "017", 1'000'000, " 20240101000000 N"));
-    cache->gatherLines(1000);
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
     auto const look = [&](bool isFound) { wrong += isFound && cache->numOfEntries() != count ? 1 : 0; };
@@ -1016,25 +1056,21 @@ TEST(LineStore, GivesLinesBackInOrderAcrossChunks) {
                                manyLines}) {
         for (std::string const& text : lines)
             store.append(text);
-        Lines visited, consumed;
+        Lines consumed;
         auto const into = [](Lines& to) {
             return [&to](std::string_view text, unsigned long number) {
                 to.emplace_back(text);
                 ASSERT_EQ(number, to.size());
             };
         };
-        store.visit(into(visited));
-        EXPECT_TRUE(visited == lines) << lines.size() << " lines";
         store.consume(into(consumed));
         EXPECT_TRUE(consumed == lines) << lines.size() << " lines";
-        store.visit([](std::string_view, unsigned long) { FAIL() << "consumed"; });
+        store.consume([](std::string_view, unsigned long) { FAIL() << "consumed"; });
     }
 }
 
-TEST(LineStore, DropsWhatIsClearedAndWhatComesAfterAnException) {
+TEST(LineStore, DropsWhatComesAfterAnException) {
     LineStore store;
-    store.append("dropped");
-    store.clear();
     store.append("kept");
     store.append("dropped by the visitor that throws");
     EXPECT_THROW(store.consume([](std::string_view text, unsigned long number) {
@@ -1043,5 +1079,5 @@ TEST(LineStore, DropsWhatIsClearedAndWhatComesAfterAnException) {
         throw std::runtime_error("enough");
     }),
                  std::runtime_error);
-    store.visit([](std::string_view, unsigned long) { FAIL() << "dropped"; });
+    store.consume([](std::string_view, unsigned long) { FAIL() << "dropped"; });
 }

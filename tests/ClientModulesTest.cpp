@@ -1,5 +1,6 @@
 // Client modules of the daemon, in the framework that it builds around the real module.
 #include "host/daemon/ClientModules.h"
+#include "host/cli/Sections.h"
 #include "host/module/Host.h"
 #include "host/service/ReportHub.h"
 #include "tests/DaemonSite.h"
@@ -16,7 +17,7 @@ std::string const workingCM = NP_CLIENT_FOLDER "WORKS.so";
 class ClientModulesTest : public testing::Test {
   protected:
     ClientModulesTest() {
-        nphost::Configuration configuration = nphost::readConfiguration(site.configuration);
+        nphost::Configuration configuration = nphost::readConfiguration(site.configuration, nphost::sectionsCM);
         host = std::make_unique<nphost::Host>(std::move(configuration), nphost::CommonOptions{site.configuration},
                                               nphost::LogSettings{true, false, &target, &hub});
         host->start();

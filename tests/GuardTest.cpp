@@ -1,4 +1,5 @@
 // What keeps a broken data file from going live: files against limits, and a daemon whose loads are guarded.
+#include "host/cli/Sections.h"
 #include "host/module/Host.h"
 #include "host/service/LoadGuard.h"
 #include "tests/DaemonSite.h"
@@ -348,7 +349,8 @@ class GuardRaceTest : public testing::Test {
     Site const site{dataCM};
     std::string const delta = site.folder.write("delta", otherCM);
     std::string const configuration = site.configuration;
-    nphost::Host host{nphost::readConfiguration(configuration), nphost::CommonOptions{configuration}};
+    nphost::Host host{nphost::readConfiguration(site.configuration, nphost::sectionsCM),
+                      nphost::CommonOptions{configuration}};
     nphost::LoadGuard guard{limits(), started().plugIn(), host.log()};
 };
 
