@@ -20,6 +20,7 @@ ChangeNotices::~ChangeNotices() {
     threadM.join();
 }
 
+// The loop's thread. What was found is taken first, so that it is announced in the same turn.
 void ChangeNotices::step() {
     if (auto const found = takeFound()) {
         askedM = false;
@@ -32,6 +33,7 @@ void ChangeNotices::step() {
     if (dueM.isDue())
         if (auto const notice = dueM.take(status.liveSince))
             announce(*notice);
+    // After a load the old list is out of date, whatever became of it; a search that failed waits for its pause.
     if (status.loads != loadsM || ((dueM.wantsList() || failedAtM) && !askedM && pauseLeft() == 0))
         request(status);
 }
@@ -71,10 +73,12 @@ void ChangeNotices::announce(DueChanges::Notice const& notice) {
 void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status) {
     askedM = true;
     failedAtM.reset();
+    // The loads of now, not of the search's end: a load that ends meanwhile makes for another search.
     loadsM = status.loads;
     BAS::DateTime const after = dueM.listAfter(status.liveSince);
     {
         BAS::MutexGuard const guard(lockM);
+        // One that has not begun yet is replaced: nobody wants the older list any more.
         requestM = after;
     }
     changedM.notify_all();
@@ -100,6 +104,8 @@ void ChangeNotices::run() {
         search(after);
 }
 
+// The searching thread. It holds no lock while it searches, which may take seconds; only the plug-in's, as a long
+// reader.
 void ChangeNotices::search(BAS::DateTime after) {
     Found found;
     found.complete = plugInM.visitUpcoming(

@@ -65,6 +65,7 @@ struct CtlOptions {
     std::vector<std::string> keys; // KEY=VALUE
 };
 
+// Well within what the daemon takes, a line of 64 KiB and 1000 numbers: in JSON a number may grow by escapes.
 constexpr std::size_t numbersARequestCM = 500;
 constexpr std::size_t numberBytesARequestCM = 32UL * 1024;
 
@@ -159,6 +160,7 @@ class Ctl {
     Ctl(CtlOptions const& options, std::filesystem::path const& socket)
         : optionsM(options), daemonM(socket), outM(STDOUT_FILENO) {}
 
+    // The status counts only when the answer has been written: a failure to flush becomes status 2.
     int run(int (Ctl::*command)()) {
         int const status = (this->*command)();
         outM.flush();
@@ -186,6 +188,7 @@ class Ctl {
         field("Usable:", answer.at("usable").get<bool>() ? "yes" : "no: the data file cannot be read");
         field("Loaded since:", orDash(answer.at("loadedSince")));
         field("Records:", answer.at("records").dump());
+        // Keys that are asked for with a default are not in the answers of older daemons.
         if (answer.value("unsaved", false))
             field("NOT SAVED:", "records of a delta are served, but are not in the data file: repeat the delta");
         field("Numbers:", answer.at("numbers").dump());
@@ -215,8 +218,10 @@ class Ctl {
             Json numbers = numbersFrom(next, most);
             std::size_t const count = numbers.size();
             request["numbers"] = std::move(numbers);
+            // One number cannot be halved: an answer that is too long is an error then.
             std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
             if (!answer) {
+                // For all that follow, too: long names of networks seldom come alone.
                 most = count / 2;
                 continue;
             }
@@ -253,6 +258,7 @@ class Ctl {
                 throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
             std::string const name = checked(key.substr(0, equals));
             std::string value = checked(key.substr(equals + 1));
+            // An empty value names no file: the daemon knows what it means.
             bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
             if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
                 throw HostError("the key '" + shortened(name) + "' is given twice");
@@ -471,6 +477,7 @@ class Ctl {
             auto const identifier = report.at("identifier").get<std::string>();
             if (identifier.starts_with("ERR_HOST_GUARD_"))
                 continue; // said below
+            // Of a success only what the plug-in counted is of interest; of a failure all that speaks of it.
             bool const counts = succeeded && identifier.starts_with("INF_NUM_");
             if (report.at("severity") != "NORMAL" || counts)
                 line((report.at("severity") == "NORMAL" ? "" : orDash(report.at("severity")) + " ") + identifier +

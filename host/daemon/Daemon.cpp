@@ -80,6 +80,7 @@ Daemon::Daemon(Parts const& parts)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
 }
 
+// The manager hears READY only when the loop is about to turn: from then on signals and clients are served.
 void Daemon::run() {
     reportOwn("INF_HOST_READY", BAS::Status::NORMAL,
               {BAS::String(partsM.socket == nullptr ? "-" : partsM.socket->path().native())});
@@ -104,7 +105,10 @@ std::optional<EventLoop::Milliseconds> Daemon::patience() const {
 
 void Daemon::step() {
     shortM = false;
+    // In this order: the signal must be taken whether an older one is still to be obeyed or not.
     reloadWantedM = partsM.signals.takeReload() || reloadWantedM;
+    // Those who tell come after those who do: the manager and the followers hear in the same turn what jobs have
+    // become.
     for (auto const part : {&Daemon::reloadBySignal, &Daemon::finishJobs, &Daemon::tellManager, &Daemon::announce,
                             &Daemon::feedFollowers})
         attempt(part);
@@ -119,6 +123,8 @@ void Daemon::attempt(void (Daemon::*part)()) noexcept {
     }
 }
 
+// The manager is told first, since the lane may take its time to end. Whoever waits for the job under way gets its
+// outcome before the connections close; followers get the last reports.
 void Daemon::stop() {
     attempt(&Daemon::tellStopping);
     laneM.stop();
@@ -134,6 +140,8 @@ void Daemon::tellStopping() {
     reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
 }
 
+// The log first: a rotation ends with this signal. Should memory run out on the way, all of it is done again at the
+// next turn, and bears that.
 void Daemon::reloadBySignal() {
     if (!reloadWantedM)
         return;
@@ -160,6 +168,7 @@ void Daemon::answer(LoadLane::Job const& job) {
             return serverM->send(job.request.client, lineOf(toJson(job)));
     } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
+    // Whoever waits gets an answer in any case, if one without reports.
     ShortLine line;
     serverM->send(job.request.client, shortLine(job, line));
 }
@@ -188,6 +197,8 @@ void Daemon::feedFollowers() {
         bool const present = serverM->has(follower->first);
         if (present && recent.lost > 0)
             serverM->send(follower->first, lineOf({{"lost", recent.lost}}), true);
+        // From here on it counts what was sent: where memory runs out, the next turn goes on from there and repeats
+        // nothing.
         follower->second = recent.next - recent.reports.size();
         for (LogReport const& report : recent.reports) {
             if (present)
@@ -213,6 +224,7 @@ std::string Daemon::statusText() {
 }
 
 void Daemon::request(Client client, std::string_view line) {
+    // The JSON library must not run out of memory while it frees a value (MemoryReserve.h): so nothing is parsed.
     if (!reserveM.isWhole())
         return serverM->send(client, outOfMemoryLineCM);
     try {
@@ -284,6 +296,7 @@ void Daemon::log(Client client, Json const& request) {
         reports.push_back(toJson(report));
     serverM->send(client, lineOf({{"ok", true}, {"reports", std::move(reports)}}), follow);
     if (follow)
+        // The number goes with the reports that were sent: none is missed or sent twice.
         followersM[client] = recent.next;
 }
 

@@ -57,6 +57,7 @@ FirstLoad load(Host& host, LoadGuard& guard, bool force) {
     }
     if (check.stopped)
         return FirstLoad::STOPPED;
+    // A file that cannot be read is status 2, as without a guard; status 3 is kept for what the guard has seen.
     if (check.guarded && !check.passed && !check.examined)
         host.fail("the data file could not be checked");
     if (!check.passed) {
@@ -77,6 +78,7 @@ FirstLoad loadUnlessStopped(Host& host, LoadGuard& guard, Signals& signals, bool
     });
     if (!signals.awaitStop(ended))
         return loading.get();
+    // From here on nobody asks what the load throws: a stop is a stop.
     guard.stop();
     loading.wait();
     return FirstLoad::STOPPED;
@@ -92,6 +94,7 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
 }
 
 int runDaemon(RunOptions const& options) {
+    // First of all: a signal during the start must find its handler.
     Signals signals;
     StandardError::beOfService();
     Configuration configuration = readConfiguration(options.common.configuration);
@@ -113,6 +116,7 @@ int runDaemon(RunOptions const& options) {
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     LoadGuard guard(limits, host.plugIn(), host.log());
     DataFileState dataFile(host.plugIn());
+    // Before the load, which may find what a killed daemon left; who keeps deltas away is told at the start, too.
     dataFile.begin();
     FirstLoad const loaded = loadUnlessStopped(host, guard, signals, options.force);
     if (loaded == FirstLoad::REFUSED)
@@ -122,6 +126,7 @@ int runDaemon(RunOptions const& options) {
         reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
         return FINE;
     }
+    // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
     Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile,
             socket ? &*socket : nullptr, announceChanges, logFile, deltaFolders})

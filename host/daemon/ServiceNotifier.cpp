@@ -29,6 +29,7 @@ ServiceNotifier::ServiceNotifier() {
         return;
     addressM.sun_family = AF_UNIX;
     std::memcpy(addressM.sun_path, name.data(), name.size());
+    // An abstract name begins with NUL and has none at its end: the length says where it ends.
     if (name[0] == '@')
         addressM.sun_path[0] = '\0';
     lengthM = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
@@ -39,6 +40,7 @@ void ServiceNotifier::ready(std::string_view status) {
     send("READY=1\n", status);
 }
 
+// The manager tells by the time whether a READY that comes later is the answer to this reload.
 void ServiceNotifier::reloading(std::string_view status) {
     send("RELOADING=1\nMONOTONIC_USEC=" + monotonicMicroseconds() + "\n", status);
 }

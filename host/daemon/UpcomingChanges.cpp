@@ -7,6 +7,7 @@ namespace nphost {
 void UpcomingChanges::add(BAS::DateTime at, std::string_view number, std::string_view network) {
     auto place = groupsM.lower_bound(at);
     if (place == groupsM.end() || place->first != at) {
+        // Records do not come in the order of their instants: a nearer instant pushes the farthest out.
         bool const full = groupsM.size() == mostInstantsCM;
         cutM = cutM || full;
         if (full && place == groupsM.end())
@@ -29,6 +30,7 @@ void DueChanges::renew(UpcomingChanges const& list, BAS::DateTime liveSince) {
     groupsM.erase(groupsM.begin(), groupsM.upper_bound(listAfter(liveSince)));
     cutM = list.isCut();
     liveSinceM = liveSince;
+    // A list that was cut may be followed by more; one that was not is all there is.
     wantsListM = cutM && groupsM.empty();
 }
 
@@ -47,6 +49,7 @@ std::optional<std::uint64_t> DueChanges::secondsLeft() const {
 
 std::optional<DueChanges::Notice> DueChanges::take(BAS::DateTime liveSince) {
     BAS::DateTime const now = clockM();
+    // From the exchange on, instants are the new data's, for which there is no list yet.
     if (liveSince != liveSinceM) {
         groupsM.erase(groupsM.lower_bound(liveSince), groupsM.end());
         wantsListM = true;
