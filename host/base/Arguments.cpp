@@ -31,6 +31,7 @@ std::string faultOfName(std::string const& text) {
 
 std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
     std::vector<CLI::App*> const chosen = app.get_subcommands();
+    // The library's own words for a missing command say nothing of what stands in its place.
     CLI::App const& last = chosen.empty() ? app : *chosen.front();
     bool const lacksCommand = last.get_require_subcommand_min() > 0 && last.get_subcommands().empty();
     if (!lacksCommand)
@@ -56,6 +57,7 @@ Option& Option::required() {
 }
 
 Option& Option::single() {
+    // Else an option with a list would take all arguments behind it, positional ones too.
     optionM->allow_extra_args(false);
     return *this;
 }
@@ -105,6 +107,7 @@ Option Arguments::add(std::string const& names, std::string const& shown, Place&
     return Option(appM.add_option(names, place, help)->option_text(shown));
 }
 
+// All places that commands use: so the library's header, which takes long to compile, is read in this file alone.
 template Option Arguments::add(std::string const&, std::string const&, std::string&, std::string const&);
 template Option Arguments::add(std::string const&, std::string const&, std::optional<std::string>&, std::string const&);
 template Option Arguments::add(std::string const&, std::string const&, std::vector<std::string>&, std::string const&);
@@ -143,6 +146,7 @@ void Arguments::footer(std::string const& text) {
 }
 
 void Arguments::runs(Run run) {
+    // Only noted here: the command runs when the library is done, and what it throws passes through none of it.
     appM.callback([&chosen = chosenM, run = std::move(run)] { chosen = run; });
 }
 
@@ -166,6 +170,7 @@ Arguments::Run ArgumentParser::parse(int argc, char const* const* argv, int& sta
         appM->parse(argc, argv);
         return chosenM;
     } catch (CLI::ParseError const& error) {
+        // Help and version come as exceptions, too.
         if (error.get_exit_code() == 0) {
             show(*appM, error);
         } else {

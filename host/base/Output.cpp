@@ -13,6 +13,7 @@ void Output::flush() {
     writeAll({bufferM.data(), used});
 }
 
+// What is in the buffer comes first. A text that is larger than the buffer would gain nothing by it.
 void Output::appendLarge(std::string_view text) {
     flush();
     if (text.size() > sizeCM)

@@ -9,6 +9,7 @@ namespace nphost {
 
 namespace {
 
+// Short work shows nothing.
 constexpr std::chrono::milliseconds firstCM{500};
 constexpr std::chrono::milliseconds periodCM{250};
 
@@ -54,6 +55,7 @@ ProgressLine::~ProgressLine() {
         stopM = true;
     }
     changedM.notify_all();
+    // The source is the caller's: it must not be asked any more. The line goes only when nothing can show it again.
     threadM.join();
     StandardError::eraseProgress();
 }
@@ -61,6 +63,7 @@ ProgressLine::~ProgressLine() {
 bool ProgressLine::isStopped(std::chrono::milliseconds wait) {
     Clock::time_point const end = Clock::now() + wait;
     BAS::MutexGuard const guard(lockM);
+    // Woken before its time, it waits on.
     while (!stopM && changedM.wait_until(lockM, end) == std::cv_status::no_timeout) {
     }
     return stopM;

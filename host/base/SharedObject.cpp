@@ -35,6 +35,7 @@ std::filesystem::path SharedObject::place() const {
     return map->l_name;
 }
 
+// A function's address is never null, so dlerror need not be asked.
 void* SharedObject::address(char const* symbol) const {
     return dlsym(handleM.get(), symbol);
 }

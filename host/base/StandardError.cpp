@@ -54,9 +54,11 @@ bool StandardError::isTerminal() noexcept {
 bool StandardError::write(std::string_view text) noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
+    // A service may have had to give up in the midst of a line. The next one must not be read as its end.
     if (halfM && writeAll("\n") == 0)
         return false;
     std::size_t const written = writeAll(text);
+    // Only a service gives up by itself; a command whose write fails has nobody to read on.
     halfM = serviceM && written > 0 && written < text.size();
     return written == text.size();
 }
@@ -85,6 +87,7 @@ std::size_t StandardError::writeAll(std::string_view text) noexcept {
 }
 
 bool StandardError::isStuck() noexcept {
+    // Whoever has waited in vain once asks without waiting: each line would cost its second again.
     stuckM = serviceM && !hasRoom(stuckM ? 0 : patienceMillisecondsCM);
     return stuckM;
 }
@@ -104,6 +107,7 @@ void StandardError::eraseProgress() noexcept {
 void StandardError::keepOff(std::filesystem::path const& file, char const* what) {
     struct stat named = {};
     struct stat opened = {};
+    // By device and file: the shell may have opened it by another name, or a link.
     if (file.empty() || stat(file.c_str(), &named) != 0 || fstat(STDERR_FILENO, &opened) != 0 ||
         !S_ISREG(named.st_mode) || named.st_dev != opened.st_dev || named.st_ino != opened.st_ino)
         return;

@@ -33,6 +33,7 @@ std::size_t characterLength(std::string_view text) {
     unsigned char const first = byteAt(text, 0);
     if (first < 0x80)
         return 1;
+    // C0 and C1 would only begin longer forms of ASCII; beyond F4 there is no character.
     if (first < 0xC2 || first > 0xF4)
         return 0;
     std::size_t const length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
@@ -74,6 +75,7 @@ void appendEscaped(std::string& out, std::string_view bytes) {
 void appendVisible(std::string& out, std::string_view text, std::string_view alsoEscaped) {
     while (!text.empty()) {
         std::size_t const length = characterLength(text);
+        // A byte that begins no character goes alone, so that what follows is seen again as it is.
         std::string_view const character = text.substr(0, length == 0 ? 1 : length);
         if (length == 0 || isControl(character)) {
             appendEscaped(out, character);
@@ -127,6 +129,7 @@ std::string asUtf8(std::string_view text) {
     while (!text.empty()) {
         std::size_t const length = characterLength(text);
         if (length == 0)
+            // U+FFFD
             out += "\xEF\xBF\xBD";
         else
             out += text.substr(0, length);

@@ -35,6 +35,7 @@ constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM, &pr
                                          &importCommandCM, &runCommandCM,    &ctlCommandCM};
 
 int runChecked(int argc, char const* const* argv) {
+    // Outlives the parser and what it has chosen: commands write into it and read from it when they run.
     CommonOptions common;
     ArgumentParser parser("Says to which network a telephone number belonged at an instant.", "nphost",
                           "nphost " NP_VERSION);

@@ -105,6 +105,7 @@ ListeningSocket::ListeningSocket(std::filesystem::path path)
     umask(before);
     if (bound != 0)
         fail(pathM, "cannot be made", error);
+    // Kept so that close can tell whether the name is still this socket's.
     struct stat status = {};
     if (lstat(pathM.c_str(), &status) == 0) {
         deviceM = status.st_dev;
@@ -115,7 +116,6 @@ ListeningSocket::ListeningSocket(std::filesystem::path path)
 }
 
 void ListeningSocket::removeStale() const {
-    // Kept so that close can tell whether the name is still this socket's.
     struct stat status = {};
     if (lstat(pathM.c_str(), &status) != 0)
         return; // nothing there, or what bind will say

@@ -68,12 +68,14 @@ class Compressor::Gzip : public Method {
     std::size_t bound(std::size_t length) override { return deflateBound(&streamM, length); }
 
     std::size_t compress(std::string_view text, std::string& out) override {
+        // zlib counts in 32 bits; what is compressed at once is far below that.
         if (out.size() > std::numeric_limits<uInt>::max())
             throw HostError("a block is too large for gzip");
         streamM.next_in = reinterpret_cast<Bytef const*>(text.data());
         streamM.avail_in = static_cast<uInt>(text.size());
         streamM.next_out = reinterpret_cast<Bytef*>(out.data());
         streamM.avail_out = static_cast<uInt>(out.size());
+        // The bound leaves room for everything, so one call ends the member.
         bool const whole = deflate(&streamM, Z_FINISH) == Z_STREAM_END;
         std::size_t const written = out.size() - streamM.avail_out;
         deflateReset(&streamM); // now: until then the bound would lack the wrapper
@@ -91,6 +93,7 @@ class Compressor::Zstd : public Method {
     Zstd() : contextM(ZSTD_createCCtx()) {
         if (contextM == nullptr)
             throw std::bad_alloc();
+        // So that damage is found; gzip has a checksum of its own.
         ZSTD_CCtx_setParameter(contextM, ZSTD_c_checksumFlag, 1);
     }
     Zstd(Zstd const&) = delete;

@@ -20,6 +20,7 @@ namespace {
     throw HostError(visible(file) + what + std::system_category().message(error));
 }
 
+// Devices and pipes may have several roles: /dev/null takes everything.
 bool isSameRegularFile(std::string const& one, std::string const& other) {
     std::error_code error;
     return !other.empty() && isSameFile(one, other) && !std::filesystem::is_other(one, error);
@@ -43,6 +44,7 @@ void checkWritable(std::string const& file) {
         throw HostError(visible(file) + " cannot be written: it is a socket");
     if (std::filesystem::exists(status) && access(file.c_str(), W_OK) != 0)
         failWith(file, " cannot be written: ", errno);
+    // A device or pipe is written itself, and its folder does not matter.
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
         return;
     auto const whole = std::filesystem::weakly_canonical(std::filesystem::absolute(file, error), error);
@@ -62,6 +64,7 @@ void FileRoles::checkResult(std::string const& written, bool isOutput) const {
     checkWritable(written);
 }
 
+// Standard error is looked at before the files are: what is wrong with one would be written into an input.
 void FileRoles::check() const {
     if (rejects && isStandardOutput(*rejects))
         throw HostError("--rejects: standard output has the records or the summary; name a file");

@@ -77,6 +77,7 @@ Problem JsonReader::read(Record& record) {
     simdjson::dom::object object;
     simdjson::error_code const error =
         libraryM->parser.parse(record.text.data(), record.text.size(), false).get_object().get(object);
+    // Want of memory is no fault of the record.
     if (error == simdjson::MEMALLOC)
         throw std::bad_alloc();
     if (error != simdjson::SUCCESS)
@@ -88,11 +89,13 @@ Problem JsonReader::read(Record& record) {
         auto const wanted = std::find(wantedM.begin(), wantedM.end(), name);
         if (wanted != wantedM.end()) {
             auto const i = static_cast<std::size_t>(wanted - wantedM.begin());
+            // A value that is there has a place, be it empty.
             twice = twice || record.values[i].data() != nullptr;
             std::string_view const text = Library::textOf(value, numbersM[i], listsM[i]);
             record.values[i] = text.empty() ? std::string_view("") : text; // not null: it is there
             ++found;
         } else if (std::find(forbiddenM.begin(), forbiddenM.end(), name) != forbiddenM.end()) {
+            // At once, and before what else is wrong: a further member of that name must not be added, not even a null.
             return Problem::NAME_TAKEN;
         }
     }

@@ -20,6 +20,7 @@ bool LineInput::next(std::string_view& line) {
             line = take(length, length + 1);
             return true;
         }
+        // A long line is not searched again from its beginning each time that more of it has come.
         searchedM = endM;
         if (fill())
             continue;
@@ -49,6 +50,7 @@ bool LineInput::fill() {
     beginM = 0;
     if (endM == bufferM.size())
         bufferM.resize(bufferM.size() * 2);
+    // Only now, when all lines that have come are taken: whoever asks may wait for their answers.
     beforeReadM();
     for (;;) {
         ssize_t const count = ::read(descriptorM, bufferM.data() + endM, bufferM.size() - endM);

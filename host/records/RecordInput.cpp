@@ -108,6 +108,7 @@ bool RecordInput::readBlock(InputBlock& block, std::atomic<bool> const* stop) {
     RecordBlock::Piece const piece = block.block.piece();
     bool const endsRecord =
         piece == RecordBlock::Piece::LAST || (piece == RecordBlock::Piece::NONE && !block.block.text().empty());
+    // Else the first record of the next file would be appended to its last line.
     block.lacksNewline = endsRecord && !block.block.text().ends_with('\n') && openedM < filesM.size();
     if (fieldCountM == 0 && formatM.kind == RecordFormat::Kind::CSV)
         countFields(block);
@@ -127,6 +128,7 @@ Record RecordInput::firstRecord(InputBlock const& block) {
 bool RecordInput::takeFirst(InputBlock& block) {
     bool const isFirst = !seenRecordM;
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
+    // Only the first file's mark is kept: in the middle of the output it would be a character.
     if (isFirst && blocksM->hadByteOrderMark() && headerM.empty())
         headerM = byteOrderMarkCM;
     checkLineEnds(block);
@@ -151,6 +153,7 @@ void RecordInput::checkLineEnds(InputBlock const& block) const {
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
     bool quoted = false;
     for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+        // In quotation marks a carriage return may be part of a value.
         quoted ^= text[i] == '"' && formatM.csv.quotes && !isJson;
         bool const endsLine = text[i] == '\r' && (isJson ? i > 0 && text[i - 1] == '}' && text[i + 1] == '{' : !quoted);
         if (endsLine)
@@ -179,6 +182,7 @@ bool RecordInput::skipBlankLines(InputBlock& block) {
 
 // Of the first record that is one; those before it will be rejected.
 void RecordInput::countFields(InputBlock const& block) {
+    // Pieces have no fields.
     if (block.block.piece() != RecordBlock::Piece::NONE)
         return;
     recordsM->begin(block.block.text(), block.block.firstLine());
@@ -226,6 +230,7 @@ std::size_t RecordInput::positionOf(std::string const& column) {
                         "'; give the position, from 1, instead");
     if (named != columnsM.end())
         return static_cast<std::size_t>(named - columnsM.begin());
+    // While no record could be read, any position may be one: countFields looks again at the farthest.
     constexpr std::size_t any = std::numeric_limits<std::size_t>::max();
     std::optional<std::size_t> const position = asPosition(column, fieldCountM > 0 ? fieldCountM : any);
     if (!position)

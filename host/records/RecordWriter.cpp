@@ -16,6 +16,7 @@ bool isPlainJson(std::string_view text) {
 
 // As a JSON text, with U+FFFD for what is no UTF-8.
 void appendJson(std::string& out, std::string_view text) {
+    // The library is slow, and most names are plain ASCII.
     if (!isPlainJson(text)) {
         out += nlohmann::json(asUtf8(text)).dump();
         return;
@@ -35,6 +36,7 @@ bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect
         out += field;
         return true;
     }
+    // Whoever reads it without quoting would find one field too many.
     if (!dialect.quotes)
         return false;
     out += '"';

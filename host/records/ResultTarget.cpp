@@ -26,6 +26,7 @@ ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file 
     fileM = std::make_unique<STR::FileIo>(BAS::String(*file), std::ios_base::out);
     if (!fileM->isOpen())
         fail();
+    // A pipe or a device is written as it is, by the calls that a signal ends.
     descriptorM = fileM->descriptorInPlace();
 }
 
@@ -45,6 +46,7 @@ void ResultTarget::write(std::string_view text) {
         return;
     }
     fileM->stream().write(text.data(), static_cast<std::streamsize>(text.size()));
+    // The stream only knows that it failed; closing tells why.
     if (!fileM->stream().good() && !fileM->closeFile())
         fail();
 }
@@ -69,6 +71,7 @@ void PieceTarget::write() {
 
 void PieceTarget::sync() {
     write();
+    // Without a text there is still a member or frame: an empty file would be damaged to those who decompress it.
     if (!writtenM)
         targetM.write(compressorM.compress({}, placeM));
     targetM.sync();
