@@ -129,7 +129,6 @@ std::string asUtf8(std::string_view text) {
     while (!text.empty()) {
         std::size_t const length = characterLength(text);
         if (length == 0)
-            // U+FFFD
             out += "\xEF\xBF\xBD";
         else
             out += text.substr(0, length);

@@ -1,7 +1,7 @@
 // The answers of the control socket: what the service returns, as the protocol's lines (docs/operations.md).
 //
-// Purpose: one function for each kind of answer, and no more than that: instants of the data are 14 digits, those of the
-// clock ISO 8601 in UTC.
+// Purpose: one function for each kind of answer, and no more than that: instants of the data are 14 digits, those of
+// the clock ISO 8601 in UTC.
 // Threads: no state.
 // Errors: AnswerTooLong; std::bad_alloc.
 // Complexity: linear in the answer.

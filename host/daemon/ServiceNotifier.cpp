@@ -53,7 +53,8 @@ void ServiceNotifier::status(std::string_view status) {
     send({}, status);
 }
 
-// A change of state that is lost may cost the service its life. But a manager that reads nothing is waited for only once.
+// A change of state that is lost may cost the service its life. But a manager that reads nothing is waited for only
+// once.
 void ServiceNotifier::send(std::string message, std::string_view status) {
     constexpr int attempts = 50;
     constexpr int pauseMilliseconds = 20;

@@ -134,6 +134,7 @@ class TextReport : public DiffReport {
             return;
         std::vector<std::string> names;
         for (Move const& move : result.moves)
+            // One name too many is enough to know that the matrix does not fit; further ones are not gathered.
             for (auto const* const network : {&move.from, &move.to})
                 if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
                     names.size() <= mostColumnsCM)
@@ -168,6 +169,7 @@ class TextReport : public DiffReport {
 
     void list(ComparisonResult const& result) {
         outM.append(std::string_view("\nNumbers moved from network to network, most first; '-' is nobody:\n"));
+        // With those that the comparison could not count one by one.
         std::uint64_t rest = result.otherMoves;
         for (std::size_t i = 0; i < result.moves.size(); ++i) {
             Move const& move = result.moves[i];

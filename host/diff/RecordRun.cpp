@@ -57,6 +57,7 @@ void RunWriter::write(SortedRecord const& record) {
 
 FileDescriptor RunWriter::finish() {
     writeOut(bufferM.data(), bufferM.size());
+    // By the same descriptor: a file without a name cannot be opened again.
     if (lseek(fileM.get(), 0, SEEK_SET) != 0)
         failed("cannot use a temporary file");
     return std::move(fileM);
@@ -98,6 +99,7 @@ bool RunSource::next(SortedRecord& record) {
     return true;
 }
 
+// Both lie in a row in the buffer, so views of them hold until the next record.
 void RunSource::readTexts(SortedRecord& record) {
     TextLengths lengths;
     need(sizeof lengths);
@@ -125,6 +127,7 @@ bool RunSource::has(std::size_t count) {
     std::memmove(bufferM.data(), bufferM.data() + beginM, endM - beginM);
     endM -= beginM;
     beginM = 0;
+    // A text may be longer than the buffer, which then stays as long.
     if (count > bufferM.size())
         bufferM.resize(count);
     while (endM < count) {

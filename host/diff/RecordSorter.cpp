@@ -83,6 +83,7 @@ class RecordSorter::Block {
     bool add(SortedRecord const& record) {
         std::size_t const texts = hasTexts(record) ? textBytes(record) : 0;
         std::size_t const used = countM * sizeof(PackedRecord) + textsM;
+        // Subtracted, never added: a sum might overflow.
         if (texts > bytesM - used || bytesM - used - texts < sizeof(PackedRecord))
             return false;
         PackedRecord entry = packed(record);
@@ -99,6 +100,7 @@ class RecordSorter::Block {
     void sort() {
         if (!inOrderM)
             std::sort(entries(), entries() + countM, [this](PackedRecord const& one, PackedRecord const& other) {
+                // Nearly always enough, and the texts, elsewhere in memory, need not be looked at.
                 if (one.head != other.head)
                     return one.head < other.head;
                 return isBefore(record(one), record(other));
@@ -118,6 +120,7 @@ class RecordSorter::Block {
   private:
     static constexpr std::size_t wordCM = 8;
     static constexpr std::size_t leastBytesCM = 4096;
+    // What places of 32 bits can tell.
     static constexpr std::size_t mostBytesCM = std::size_t{UINT32_MAX} * wordCM;
 
     PackedRecord* entries() const { return reinterpret_cast<PackedRecord*>(memoryM.get()); }
@@ -128,6 +131,7 @@ class RecordSorter::Block {
     }
 
     std::uint32_t storeTexts(SortedRecord const& record, std::size_t bytes) {
+        // Counted from the end, and first: so no place is 0, which means no texts.
         textsM += bytes;
         auto const place = static_cast<std::uint32_t>(textsM / wordCM);
         TextLengths const lengths = {record.tail.size(), record.text.size()};
@@ -188,6 +192,7 @@ void RecordSorter::add(SortedRecord const& record) {
     if (blockM->add(record))
         return;
     blockM.reset();
+    // One record that is larger than a block: the old block is freed before, and the new one stays.
     blockM = std::make_unique<Block>(Block::bytesFor(record));
     blockM->add(record);
 }
@@ -205,11 +210,13 @@ void RecordSorter::keepRun(FileDescriptor run, std::size_t level) {
     if (runsM.size() == level)
         runsM.emplace_back();
     runsM[level].push_back(std::move(run));
+    // As digits carry: so many runs of a level become one of the next, and few files are open.
     if (runsM[level].size() == mostRunsCM)
         keepRun(written(*merged(runsM[level])), level + 1);
 }
 
 std::unique_ptr<RecordSource> RecordSorter::finish() {
+    // All of it fits: nothing was written, and the block is the source.
     if (runsM.empty())
         return std::make_unique<BlockSource>(std::move(blockM));
     writeBlock();

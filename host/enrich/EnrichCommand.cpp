@@ -84,6 +84,7 @@ struct EnrichOptions {
     bool passThrough = false; // everything but the look-up, to measure what it costs
 };
 
+// The first name speaks for all inputs, which must be of one format anyway.
 std::string formatName(EnrichOptions const& options) {
     if (!options.format.empty())
         return options.format;
@@ -121,6 +122,7 @@ WantedColumns wantedOf(EnrichOptions const& options) {
             throw HostError("--add names '" + name + "' twice");
         wanted.added.push_back(*added);
     }
+    // The network is what enrich is for: it is added also when others are asked for, and then first.
     if (std::find(wanted.added.begin(), wanted.added.end(), Added::NETWORK) == wanted.added.end())
         wanted.added.insert(wanted.added.begin(), Added::NETWORK);
     return wanted;
@@ -199,6 +201,7 @@ class EnrichRun {
             rejects->sync();
         Interruption::check();
         if (rejects)
+            // Before the output: who sees the new output finds its rejects beside it.
             rejects->finish();
         if (whole)
             output.finish();
@@ -209,6 +212,7 @@ class EnrichRun {
         {
             ProgressLine const progress("nphost: enriching", progressSource(),
                                         optionsM.output || isatty(STDOUT_FILENO) != 1);
+            // On this thread, the main one, whose writes a signal breaks off.
             pipelineM.run([&](EnrichJob const& job) { return take(job, output, rejects); });
         }
         summaryM.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -228,8 +232,10 @@ class EnrichRun {
             output.write(job.output);
             writtenM = true;
         }
+        // Counted when it is written: blocks behind the last one that was taken may have been read, and are not told.
         summaryM.counts += job.counts;
         summaryM.addUnreadable(job.unreadable);
+        // For the progress line, whose thread must not touch the summary.
         recordsM.store(summaryM.counts.records, std::memory_order_relaxed);
         foundM.store(summaryM.counts.found, std::memory_order_relaxed);
         rejectedM.store(summaryM.counts.rejected(), std::memory_order_relaxed);
@@ -285,6 +291,7 @@ int enrichCompleted(EnrichOptions const& options) {
                {options.common.configuration, "the configuration file"},
                {configuration.logFile, "the daemon's log"}}}
         .check();
+    // Up to the run nothing is loaded: a wrong column, format or file is told at once, not after the load.
     Host host(std::move(configuration), options.common);
     RecordInput input(options.inputs, format);
     input.start();

@@ -32,9 +32,11 @@ std::optional<Added> addedOf(std::string_view name) {
 
 EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input)
     : formatM(format), addedM(wanted.added), numberCountM(wanted.numbers.size()), membersM({wanted.time}) {
+    // The time comes first, as it does among each record's values.
     membersM.insert(membersM.end(), wanted.numbers.begin(), wanted.numbers.end());
     if (format.kind == RecordFormat::Kind::JSON)
         nameAdded(wanted.numbers);
+    // Without a record nobody knows the columns, and none is missed.
     else if (!input.isEmpty())
         resolveColumns(input);
     if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||

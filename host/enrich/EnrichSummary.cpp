@@ -30,6 +30,7 @@ std::uint64_t rateOf(EnrichSummary const& summary) {
 
 } // namespace
 
+// The first of the problems is NONE.
 std::uint64_t EnrichCounts::rejected() const {
     return std::accumulate(problems.begin() + 1, problems.end(), std::uint64_t(0));
 }
@@ -53,12 +54,14 @@ void NetworkCounts::add(NetworkCounts const& other) {
 
 std::vector<std::pair<std::string, std::uint64_t>> NetworkCounts::sorted() const {
     std::vector<std::pair<std::string, std::uint64_t>> all(countsM.begin(), countsM.end());
+    // By name where counts are equal, so that the threads' order does not show.
     std::sort(all.begin(), all.end(), [](auto const& left, auto const& right) {
         return left.second != right.second ? left.second > right.second : left.first < right.first;
     });
     return all;
 }
 
+// Blocks are taken in the order of the input, so these are its first ones.
 void EnrichSummary::addUnreadable(std::vector<UnreadableNumber> const& more) {
     std::size_t const count = std::min(more.size(), shownUnreadableCM - unreadable.size());
     unreadable.insert(unreadable.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));

@@ -17,6 +17,7 @@ constexpr std::array<char const*, searchMethodsCM> methodsCM = {"best", "exact",
 NumberKind readNumber(std::string_view number, NumberForm const* form, BAS::String& out) {
     if (form != nullptr)
         return form->toStored(number, out);
+    // Its digits are those of several values; the look-up would take them for one number.
     if (number.starts_with('[') || number.starts_with('{'))
         return NumberKind::UNREADABLE;
     out.assign(number.data(), number.size());

@@ -51,6 +51,7 @@ constexpr std::size_t dateLengthCM = 10; // YYYY-MM-DD
 
 std::string_view takeInstant(std::string_view& line) {
     std::size_t length = columnOf(line).size();
+    // The time of day belongs to the date only if both make an instant: else it is the next column.
     if (length == dateLengthCM && line.size() > length && line[length] == ' ') {
         std::size_t const both = length + 1 + columnOf(line.substr(length + 1)).size();
         length = parseInstant(line.substr(0, both)).isValid() ? both : length;
@@ -100,6 +101,7 @@ QuestionLine::QuestionLine(std::string_view line, bool spaced) {
 bool holdsColumns(std::string_view number) {
     if (std::any_of(number.begin(), number.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }))
         return true;
+    // The first column may be anything: a number alone may look like an instant.
     for (std::string_view rest = number; !rest.empty();) {
         takeColumn(rest);
         if (beginsInstant(rest))

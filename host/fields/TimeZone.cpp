@@ -39,7 +39,9 @@ TimeZone::TimeZone(std::string const& name) {
     absl::Time at = absl::FromUnixSeconds(-secondsTo1970CM);
     firstOffsetM = zone.At(at).offset;
     std::int64_t offset = firstOffsetM;
+    // Read once for all: from here on no reading asks the library, nor takes its lock.
     for (absl::TimeZone::CivilTransition change; zone.NextTransition(at, &change);) {
+        // The library tells clock times only, before and after the change: the offsets follow from them.
         std::int64_t const instant = asUtc(change.from) - offset;
         std::int64_t const after = asUtc(change.to) - instant;
         addChange(instant, offset, after);
@@ -66,6 +68,7 @@ std::int64_t TimeZone::offsetAt(std::int64_t secondsSince1970) const noexcept {
 std::optional<TimeZone::Reading> TimeZone::clockAt(std::int64_t secondsSince1970) const noexcept {
     constexpr auto limit = static_cast<std::int64_t>(BAS::DateTime::invalidSecsCM);
     constexpr std::int64_t margin = 7L * 86400; // more than any offset
+    // Before anything is added, which could overflow.
     if (secondsSince1970 < -secondsTo1970CM - margin || secondsSince1970 > limit - secondsTo1970CM + margin)
         return std::nullopt;
     std::int64_t const clock = secondsSince1970 + secondsTo1970CM + offsetAt(secondsSince1970);
@@ -80,6 +83,7 @@ TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
     if (next == doubtfulM.begin() || clock.seconds() >= std::prev(next)->end)
         return {clock, Doubt::NONE};
     Doubtful const& found = *std::prev(next);
+    // It stays as it stands, and means both.
     if (found.doubt == Doubt::AMBIGUOUS)
         return {clock, found.doubt};
     return {BAS::DateTime::fromSeconds(clock.seconds() + (found.end - found.begin)), found.doubt};

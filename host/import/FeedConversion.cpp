@@ -61,6 +61,7 @@ FeedConversion::FeedConversion(TimeReader times, NumberForm const* form) : times
 
 FeedConversion::Outcome FeedConversion::convert(std::string_view number, std::string_view validFrom,
                                                 std::string_view network, std::string& out) {
+    // The first fault is the one that is told.
     if (!readNumber(number))
         return Outcome::REFUSED;
     std::optional<TimeReader::Reading> const time = timesM.read(validFrom);
@@ -99,12 +100,14 @@ bool FeedConversion::readNetwork(std::string_view text) {
         return refuse(Refusal::CONTROL_CHARACTER, text);
     if (text.size() > longestNetworkCM)
         return refuse(Refusal::LONG_NETWORK, text);
+    // Last: a name gets its number, and its place, only from a record that has all its parts.
     networkM = networksM.numberOf(text);
     return true;
 }
 
 FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, std::string& out) {
     if (std::optional<std::uint32_t> const other = seenM.insert(numberM.view(), time.instant, networkM)) {
+        // Which of the two is right is not for a program to say; the first stays.
         if (*other != networkM) {
             refuse(Refusal::OTHER_NETWORK, networksM.nameOf(*other));
             return Outcome::REFUSED;
@@ -113,6 +116,7 @@ FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, st
         return Outcome::REPEATED;
     }
     ++countsM.converted;
+    // Networks of repeated or refused records alone do not count.
     usedM.resize(std::max<std::size_t>(usedM.size(), networkM + 1));
     usedM[networkM] = true;
     countsM.ambiguous += time.doubt == TimeReader::Doubt::AMBIGUOUS ? 1 : 0;

@@ -36,6 +36,7 @@ std::uint32_t FeedNetworks::add(std::string_view name) {
     networksM.push_back({std::string(name), identifierOf(name)});
     Network const& network = networksM.back();
     auto const [other, isNew] = byIdentifierM.emplace(network.identifier, number);
+    // Later their records could not be told apart, in the data or in any answer.
     if (!isNew)
         throw HostError("the networks '" + shortened(networksM[other->second].written) + "' and '" + shortened(name) +
                         "' would become one, " + shortened(network.identifier) + ": rename one in the feed");

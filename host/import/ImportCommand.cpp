@@ -78,6 +78,7 @@ class Rejects {
         std::string detail = sentenceOf(refusal);
         if (!subject.empty())
             detail += ": '" + shortened(subject) + "'";
+        // Without a file the first ones are shown as they come; how many there are is known only at the end.
         if (targetM)
             beginRow(line, refusal, detail);
         else if (totalM < shownCM)
@@ -150,6 +151,7 @@ class Import {
 
     int run() {
         inputM.start();
+        // A file of nothing would take all numbers away at the next reload: it is a failure, not a quiet day.
         if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
@@ -176,6 +178,7 @@ class Import {
             target.sync();
         rejects.sync();
         Interruption::check();
+        // Also when there were too many: it says why.
         rejects.finish();
         if (whole)
             target.finish();
@@ -191,6 +194,7 @@ class Import {
                 convertBlock(block, reader, target, rejects);
             else
                 rejectPiece(block.block, rejects);
+            // A block at a time: memory stays bounded, and a signal is obeyed between blocks.
             target.write();
         }
         Interruption::check();
@@ -206,6 +210,7 @@ class Import {
                 ++emptyLinesM;
             else
                 convert(record, target, rejects);
+            // For the progress line's thread.
             linesM.store(record.line, std::memory_order_relaxed);
         }
     }

@@ -47,6 +47,7 @@ LogReport abridged(LogReport const& report) {
         return text.substr(0, mostKeptBytesCM) + "... (" + std::to_string(text.size()) + " bytes)";
     };
     LogReport shorter;
+    // Member by member: a copy of the whole would first take the memory that is to be spared.
     shorter.at = report.at;
     shorter.severity = report.severity;
     shorter.object = cut(report.object);
@@ -89,6 +90,7 @@ LogReport reportOf(nlohmann::json const& object) {
     auto const severity = std::find(namesCM.begin(), namesCM.end(), object.at("severity").get<std::string>());
     LogReport report;
     report.at = parseInstant(object.at("time").get<std::string>());
+    // A name that is unknown becomes a number that nameOf calls UNKNOWN.
     report.severity = static_cast<BAS::Status::Severity>(severity - namesCM.begin() + 1);
     report.object = object.at("object").get<std::string>();
     report.identifier = object.at("identifier").get<std::string>();

@@ -80,6 +80,7 @@ class TextReport : public Report {
   public:
     explicit TextReport(bool all) : allM(all) {}
 
+    // One of each kind is kept and shown at the end, where it is not lost above the counts.
     void reject(RejectedLine const& line) override {
         if (allM)
             outM.append(textOf(line));
@@ -239,6 +240,7 @@ class JsonReport : public Report {
 
 Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = readConfiguration(options.common.configuration);
+    // Before the file is read: a shell may have sent complaints into it.
     StandardError::keepOff(options.file, "the file itself");
     configuration.useDataFile(options.file);
     return configuration;
@@ -287,6 +289,7 @@ Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSumma
                 limits,
                 figuresOf(summary, first),
                 {}};
+    // What a daemon takes without data, roughly: this process says nothing of it.
     constexpr std::uint64_t daemonBytes = 32UL * 1024 * 1024;
     trial.figures.otherBytes = daemonBytes;
     trial.figures.liveRecords = options.live.value_or(0);
@@ -310,12 +313,14 @@ int check(CheckOptions const& options) {
     std::unique_ptr<Report> const report = makeReport(options);
     std::string first;
     DataSummary const summary = readFile(host, options, *report, first);
+    // A failure that was reported is the outcome, also when the file could be read.
     host.throwFailure();
     warnOfByteOrderMark(options.file);
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);
     report->finish(summary, trial);
+    // The guard's word weighs more than rejected lines: what it refuses is not loaded.
     if (trial && !trial->reasons.empty())
         return REFUSED;
     return summary.rejected() == 0 ? FINE : NOT_FOUND;

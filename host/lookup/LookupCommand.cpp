@@ -110,6 +110,7 @@ class StreamLookup {
         QuestionLine const question(line, normaliseM);
         BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
         std::optional<unsigned int> const method = question.method.empty() ? methodM : methodOfColumn(question.method);
+        // First, since the columns of such a line are not what they seem.
         if (holdsReturn(line))
             return reject(question, "a carriage return is in the line", line);
         if (question.number.empty())
@@ -142,6 +143,7 @@ class StreamLookup {
 
     ProgressLine::Source progressSource() const {
         struct stat status = {};
+        // Of a pipe the length is not known, so no time left is shown.
         bool const isFile = fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode);
         auto const total = isFile ? static_cast<std::uint64_t>(status.st_size) : 0;
         return [this, total] { return ProgressLine::Reading{linesM.load(), bytesM.load(), total}; };
@@ -183,6 +185,7 @@ bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at)
 int lookup(LookupOptions const& options) {
     BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
+    // A wrong number is told before the data are loaded; without dialling codes that needs no module, either.
     if (!fromInput && !options.normalise)
         checkNumbers(options.numbers, nullptr);
     Host host(readConfiguration(options.common.configuration), options.common);

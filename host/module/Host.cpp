@@ -75,6 +75,7 @@ void Host::throwFailure() const {
     std::optional<Log::Failure> const failure = logM.failure();
     if (!failure)
         return;
+    // The registry's faults are the configuration file's: a person mends them there.
     bool const inConfiguration = failure->identifier.starts_with("ERR_REG_");
     throw HostError((inConfiguration ? configurationFileM.string() + ": " : std::string()) + failure->text + " (" +
                     failure->identifier + ")");

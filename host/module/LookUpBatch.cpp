@@ -20,6 +20,7 @@ void LookUpBatch::search(std::optional<unsigned int> method) {
 }
 
 void LookUpBatch::clear() {
+    // Storage that a very long number needed is not kept for the next ones.
     for (std::size_t i = 0; holdsLongM && i < countM; ++i)
         numbersM[i] = BAS::String();
     holdsLongM = false;

@@ -10,8 +10,8 @@
 // A client that has ended its sending still gets the answers to what it sent.
 // Ownership: borrows the listening socket and the handler; owns the connections.
 // Threads: the loop's thread.
-// Errors: none but of construction, which throws std::bad_alloc: a connection that fails, or that memory does not suffice
-// for, is closed.
+// Errors: none but of construction, which throws std::bad_alloc: a connection that fails, or that memory does not
+// suffice for, is closed.
 // Complexity: linear in the bytes and the clients.
 #pragma once
 

@@ -123,8 +123,8 @@ Record RecordInput::firstRecord(InputBlock const& block) {
     return record;
 }
 
-// Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines before
-// the header.
+// Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines
+// before the header.
 bool RecordInput::takeFirst(InputBlock& block) {
     bool const isFirst = !seenRecordM;
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
@@ -182,7 +182,6 @@ bool RecordInput::skipBlankLines(InputBlock& block) {
 
 // Of the first record that is one; those before it will be rejected.
 void RecordInput::countFields(InputBlock const& block) {
-    // Pieces have no fields.
     if (block.block.piece() != RecordBlock::Piece::NONE)
         return;
     recordsM->begin(block.block.text(), block.block.firstLine());

@@ -16,7 +16,7 @@ bool isPlainJson(std::string_view text) {
 
 // As a JSON text, with U+FFFD for what is no UTF-8.
 void appendJson(std::string& out, std::string_view text) {
-    // The library is slow, and most names are plain ASCII.
+    // Most names are plain ASCII, and the library would make a text of its own for each.
     if (!isPlainJson(text)) {
         out += nlohmann::json(asUtf8(text)).dump();
         return;

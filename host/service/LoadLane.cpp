@@ -157,8 +157,8 @@ bool LoadLane::hasWaitingSignalRequest() const {
     return hasSignal(waitingM);
 }
 
-// What waits for a reader is cancelled, what loads is told to stop; then nothing lasts but a delta's writing of the data
-// file and a listing to a file, which are not disturbed.
+// What waits for a reader is cancelled, what loads is told to stop; then nothing lasts but a delta's writing of the
+// data file and a listing to a file, which are not disturbed.
 void LoadLane::stop() {
     constexpr std::chrono::milliseconds pause{100};
     {
@@ -256,8 +256,8 @@ bool LoadLane::refusesTarget(Request const& request) const {
     return kept != nullptr;
 }
 
-// Its folder was checked when the request came. From here on the module reads the file that lies there now and no other,
-// be it for a check or for the load, whatever the name comes to mean.
+// Its folder was checked when the request came. From here on the module reads the file that lies there now and no
+// other, be it for a check or for the load, whatever the name comes to mean.
 bool LoadLane::liesElsewhere(Request const& request) {
     std::string const* const file = deltaOf(request);
     if (file == nullptr)

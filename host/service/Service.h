@@ -1,8 +1,8 @@
 // nphost::Service: what the served data can be asked and commanded, as plain calls.
 //
-// Purpose: each front (the control socket, and whatever asks over a network) turns its requests into these calls and the
-// structs that they return into its answers, so that all fronts agree. Questions are answered at once from the live data;
-// what loads or lists them goes to the lane (LoadLane.h), and its outcome comes from there.
+// Purpose: each front (the control socket, and whatever asks over a network) turns its requests into these calls and
+// the structs that they return into its answers, so that all fronts agree. Questions are answered at once from the live
+// data; what loads or lists them goes to the lane (LoadLane.h), and its outcome comes from there.
 // Units: instants are of the data's clock; texts are bytes as they stand in the data, UTF-8 or not.
 // Ownership: borrows all its parts. Answers are values, but for what says that it refers to something.
 // Threads: standing, lookUp and explain by any; what commands by the loop's thread, as LoadLane::push.
