@@ -188,7 +188,7 @@ int lookup(LookupOptions const& options) {
     // A wrong number is told before the data are loaded; without dialling codes that needs no module, either.
     if (!fromInput && !options.normalise)
         checkNumbers(options.numbers, nullptr);
-    Host host(readConfiguration(options.common.configuration), options.common);
+    Host host(options.common.readConfiguration(), options.common);
     if (!fromInput && options.normalise)
         checkNumbers(options.numbers, &host.numbers());
     host.start();
