@@ -6,7 +6,9 @@
 // Ownership: places, names and texts are borrowed until the parser is gone; an Arguments and an Option refer to the
 // parser.
 // Threads: the main thread.
-// Errors: std::bad_alloc; a wrong declaration (a name that is taken) throws a CLI::Error.
+// Errors: std::bad_alloc; a wrong declaration (a name that is taken) throws a CLI::Error. parse throws HostError for an
+// argument that refuseLists refuses, and when help cannot be written; Interrupted when nobody reads it; and what the
+// functions that take values throw.
 // Complexity: linear in the options and arguments.
 #pragma once
 

@@ -36,6 +36,7 @@ class DataFileState {
         bool changed = false;     // since it was loaded or last written
         std::string holder;       // who keeps deltas away; empty: nobody
     };
+    // Takes the lock for the file, too, if it has become free. `status` is the plug-in's, of now.
     Standing standing(DAT::NumberPortability::ServiceStatus const& status);
 
   private:
