@@ -36,6 +36,7 @@ std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
     bool const lacksCommand = last.get_require_subcommand_min() > 0 && last.get_subcommands().empty();
     if (!lacksCommand)
         return error.what();
+    // What is left over is what was meant for the command: it is the best hint at what is wrong.
     std::vector<std::string> const rest = app.remaining(true);
     return rest.empty() ? "a command is required" : "there is no command or option '" + rest.front() + "'";
 }
@@ -44,6 +45,7 @@ std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
 void show(CLI::App const& app, CLI::ParseError const& error) {
     std::ostringstream text;
     app.exit(error, text, text);
+    // Help goes to standard output, for it was asked for, and through Output, which tells of a disk that is full.
     Output out(STDOUT_FILENO);
     out.append(text.view());
     out.flush();
@@ -102,6 +104,7 @@ Option& Option::needs(Option const& other) {
     return *this;
 }
 
+// The library knows from the place's type what to read, and how to refuse it.
 template <class Place>
 Option Arguments::add(std::string const& names, std::string const& shown, Place& place, std::string const& help) {
     return Option(appM.add_option(names, place, help)->option_text(shown));
@@ -118,6 +121,7 @@ template Option Arguments::add(std::string const&, std::string const&, std::opti
 
 Option Arguments::read(std::string const& names, std::string const& shown,
                        std::function<void(std::string const&)> const& take, std::string const& help) {
+    // The text is taken as it stands: the library must not read numbers or lists in it.
     return Option(appM.add_option_function<std::string>(names, take, help)->option_text(shown));
 }
 

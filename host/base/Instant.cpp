@@ -6,6 +6,7 @@
 namespace nphost {
 
 BAS::DateTime parseInstant(std::string_view text) noexcept {
+    // By length: no other form is as long, so each has one meaning.
     if (text.size() == instantDigitsCM)
         return BAS::DateTime(text);
     constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:dd";

@@ -22,6 +22,7 @@ void Output::appendLarge(std::string_view text) {
 }
 
 void Output::writeAll(std::string_view text) const {
+    // A reader that has gone is no error here: writeWaiting throws Interrupted for it.
     if (int const error = writeWaiting(descriptorM, text); error != 0)
         throw HostError("cannot write the output: " + std::system_category().message(error));
 }

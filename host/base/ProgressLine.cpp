@@ -29,6 +29,7 @@ std::string progressText(ProgressLine::Reading const& reading, double seconds) {
     text += ", " + std::to_string(std::lround(static_cast<double>(reading.lines) / seconds)) + unit + "/s";
     if (!reading.more.empty())
         text += ", " + reading.more;
+    // The whole takes as long as the part took so far: files are read evenly enough for that.
     if (reading.done > 0 && reading.done < reading.total)
         text +=
             ", " +
@@ -51,6 +52,7 @@ ProgressLine::~ProgressLine() {
     if (!threadM.joinable())
         return;
     {
+        // The flag under the lock: else the notice could come between the thread's look at it and its wait.
         BAS::MutexGuard const guard(lockM);
         stopM = true;
     }
@@ -74,6 +76,7 @@ void ProgressLine::run() noexcept {
         show();
 }
 
+// On the helper's thread. Standard error has a lock of its own, so that lines of the log and this one do not mix.
 void ProgressLine::show() const noexcept {
     try {
         double const seconds = std::chrono::duration<double>(Clock::now() - startM).count();

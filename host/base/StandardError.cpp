@@ -23,6 +23,7 @@ bool hasRoom(int milliseconds) noexcept {
     int ready = 0;
     do
         ready = poll(&room, 1, milliseconds);
+    // A daemon's signals do not shorten the wait; it lasts for a second at most, or begins anew.
     while (ready < 0 && errno == EINTR);
     return ready > 0;
 }
@@ -41,6 +42,7 @@ std::size_t writeWhole(int descriptor, std::string_view text) noexcept {
     return done;
 }
 
+// Of the process, as the descriptor is: log, progress line and complaints share it.
 BAS::Mutex StandardError::lockM;
 bool StandardError::progressShownM = false;
 bool StandardError::serviceM = false;
@@ -92,6 +94,7 @@ bool StandardError::isStuck() noexcept {
     return stuckM;
 }
 
+// Rewritten in place: carriage return and an escape sequence, which only terminals understand.
 void StandardError::showProgress(std::string_view text) noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
@@ -111,6 +114,7 @@ void StandardError::keepOff(std::filesystem::path const& file, char const* what)
     if (file.empty() || stat(file.c_str(), &named) != 0 || fstat(STDERR_FILENO, &opened) != 0 ||
         !S_ISREG(named.st_mode) || named.st_dev != opened.st_dev || named.st_ino != opened.st_ino)
         return;
+    // Not closed: the next file that is opened would get its number.
     if (int const nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC); nowhere >= 0) {
         dup2(nowhere, STDERR_FILENO);
         close(nowhere);

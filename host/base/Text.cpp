@@ -80,6 +80,7 @@ void appendVisible(std::string& out, std::string_view text, std::string_view als
         if (length == 0 || isControl(character)) {
             appendEscaped(out, character);
         } else {
+            // Only whole characters are looked for, so that no byte in the middle of one gets a backslash.
             if (alsoEscaped.find(character) != std::string_view::npos)
                 out += '\\';
             out += character;
@@ -91,6 +92,7 @@ void appendVisible(std::string& out, std::string_view text, std::string_view als
 void appendShortened(std::string& out, std::string_view text, std::string_view alsoEscaped) {
     if (text.size() <= shownBytesCM)
         return appendVisible(out, text, alsoEscaped);
+    // Bytes and not characters: what is no UTF-8 has none, and the bound is for space.
     std::size_t end = shownBytesCM;
     for (int i = 0; i < 3 && isContinuation(text, end); ++i) // not in the middle of a character
         --end;
@@ -117,6 +119,7 @@ std::string shortened(std::string_view text) {
     return out;
 }
 
+// All bytes but those that continue a character; of wide and combining ones the width is not known here.
 std::size_t characters(std::string_view text) {
     std::size_t count = 0;
     for (std::size_t i = 0; i < text.size(); ++i)

@@ -50,11 +50,13 @@ int runChecked(int argc, char const* const* argv) {
     }
     int status = FINE;
     Arguments::Run const chosen = parser.parse(argc, argv, status);
+    // Only commands may be interrupted: parsing has no temporary files.
     return chosen ? unlessInterrupted(chosen) : status;
 }
 
 } // namespace
 
+// The one place in which exceptions become messages: no command writes its own end.
 int run(int argc, char const* const* argv) noexcept {
     try {
         return runChecked(argc, argv);

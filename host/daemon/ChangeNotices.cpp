@@ -11,6 +11,7 @@ namespace nphost {
 ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock)
     : plugInM(plugIn), wakeUpM(wakeUp), clockM(std::move(clock)), dueM(clockM), threadM([this] { run(); }) {}
 
+// A search under way is waited for: it cannot be broken off, and uses the plug-in.
 ChangeNotices::~ChangeNotices() {
     {
         BAS::MutexGuard const guard(lockM);
@@ -27,6 +28,7 @@ void ChangeNotices::step() {
         if (found->complete)
             dueM.renew(found->changes, found->liveSince);
         else
+            // An old list, if there is one, goes on being announced meanwhile.
             failedAtM = clockM();
     }
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
@@ -115,6 +117,7 @@ void ChangeNotices::search(BAS::DateTime after) {
         });
     {
         BAS::MutexGuard const guard(lockM);
+        // The loop takes it when it is awake, so it is put down first and the loop woken then.
         foundM = std::move(found);
     }
     wakeUpM.wake();

@@ -47,6 +47,8 @@ ClientModules::ClientModules(std::vector<std::filesystem::path> const& files, Lo
 }
 
 ClientModules::~ClientModules() {
+    // One by one, each unloaded before the one is stopped that was started before it: a client may use an earlier one's
+    // objects.
     for (; !clientsM.empty(); clientsM.pop_back())
         if (Client const& client = clientsM.back(); client.stop != nullptr)
             guarded(client.file, [&] { client.stop(); });

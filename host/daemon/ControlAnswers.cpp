@@ -19,6 +19,7 @@ namespace {
 using Json = nlohmann::json;
 using DAT::NumberPortability::LoadOutcome;
 
+// What there is not is null: clients find every key.
 Json clock(BAS::DateTime at) {
     return at.isValid() ? Json(clockTime(at)) : Json();
 }
@@ -59,6 +60,7 @@ char const* nameOf(STR::Rewriting::Way way) {
 
 Json toJson(DataFileState::Standing const& standing) {
     Json file = {{"name", asUtf8(standing.name.view())}, {"size", nullptr}, {"modified", nullptr}};
+    // A file that is not there has neither size nor time.
     if (standing.version != STR::FileVersion()) {
         constexpr std::int64_t nanoseconds = 1'000'000'000;
         std::int64_t const modified = standing.version.modified;
@@ -124,6 +126,7 @@ Json toJson(Standing::Progress const& progress) {
     return {{"lines", progress.lines}, {"bytes", progress.bytes}, {"totalBytes", progress.totalBytes}};
 }
 
+// Without limits there is no guard to tell of.
 Json guardOf(Standing const& standing) {
     if (!standing.limits.any())
         return nullptr;
@@ -168,6 +171,7 @@ Json recordOf(Explanation::Choice const& choice) {
             {"network", asUtf8(choice.record->networkIdM.view())}};
 }
 
+// A number may have a million records; who wants them all makes a listing.
 constexpr std::size_t mostHistoryCM = 1000;
 
 Json historiesOf(Explanation::Prefixes const& prefixes) {
@@ -236,6 +240,7 @@ Json toJson(Explained const& explained) {
         choice["reason"] = explained.reason(method);
         methods[nameOfSearchMethod(method)] = std::move(choice);
     }
+    // Null when nothing is to come.
     Json next;
     if (auto const change = explained.nextChange()) {
         next = recordOf(change->choice);
@@ -263,6 +268,7 @@ Json toJson(LoadLane::Job const& job) {
                    {"reports", std::move(reports)},
                    {"reportsLeftOut", job.check.reports.leftOut() + job.reports.leftOut()},
                    {"check", toJson(job.check)}};
+    // Keys that mean something only for these; the manual says when they are there.
     if (job.request.kind == LoadLane::UPDATE) {
         answer["result"] = job.result;
         answer["handled"] = job.handled;

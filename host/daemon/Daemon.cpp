@@ -18,6 +18,7 @@ namespace {
 
 using Json = nlohmann::json;
 
+// The defaults, which docs/operations.md names.
 constexpr LineServer::Limits limitsCM;
 
 // The instant that a question asks for; now where it names none.
@@ -41,6 +42,7 @@ std::optional<unsigned int> methodOf(Json const& request) {
     return method;
 }
 
+// The bound is the manual's; ctl stays well below it.
 std::vector<std::string> numbersOf(Json const& request) {
     auto const numbers = request.find("numbers");
     if (numbers == request.end() || !numbers->is_array() || numbers->empty() || numbers->size() > mostLookupNumbersCM)
@@ -54,6 +56,7 @@ std::vector<std::string> numbersOf(Json const& request) {
     return texts;
 }
 
+// Asked first: of another version's request nothing else can be trusted.
 void checkVersion(Json const& request) {
     if (!request.is_object())
         throw QuestionError("the request is not an object");
@@ -154,6 +157,7 @@ void Daemon::reloadBySignal() {
     reloadWantedM = false;
 }
 
+// Taken out as a whole, and without allocation; a job whose client has gone is dropped here.
 void Daemon::finishJobs() {
     for (LoadLane::Job const& job : laneM.takeFinished()) {
         statusDueM = true;
@@ -209,6 +213,7 @@ void Daemon::feedFollowers() {
     }
 }
 
+// For people, in one line of the service manager's status: what is served, and what is wrong with it, if anything is.
 std::string Daemon::statusText() {
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     std::string text = std::to_string(status.records) + " records of " + std::to_string(status.numbers) +
@@ -228,6 +233,7 @@ void Daemon::request(Client client, std::string_view line) {
     if (!reserveM.isWhole())
         return serverM->send(client, outOfMemoryLineCM);
     try {
+        // The parser has no recursion, so a line of brackets takes no stack; copies have (see update).
         Json const request = Json::parse(line);
         checkVersion(request);
         dispatch(client, request);

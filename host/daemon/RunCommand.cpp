@@ -65,6 +65,7 @@ FirstLoad load(Host& host, LoadGuard& guard, bool force) {
         complain("the first load is refused: " + joined(check.reasons) + " (ERR_HOST_GUARD_REFUSED)");
         return FirstLoad::REFUSED;
     }
+    // What the guard has checked it has bound: the load reads that version of the file, or fails.
     host.start();
     guard.ended();
     return FirstLoad::DONE;
@@ -97,6 +98,7 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
 int runDaemon(RunOptions const& options) {
     // First of all: a signal during the start must find its handler.
     Signals signals;
+    // Before the first line of the log: from here on nobody who does not read keeps the daemon waiting.
     StandardError::beOfService();
     Configuration configuration = options.common.readConfiguration();
     std::filesystem::path const logFile = checkedLogFile(options, configuration);
@@ -112,6 +114,7 @@ int runDaemon(RunOptions const& options) {
     notifier.status("loading");
 
     std::vector<std::filesystem::path> const clientFiles = configuration.of<ClientModules::Settings>().clients;
+    // Before the host, whose log tells it of every report from the first one on.
     ReportHub hub;
     GuardLimits const limits = configuration.of<GuardLimits>();
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
@@ -122,6 +125,7 @@ int runDaemon(RunOptions const& options) {
     FirstLoad const loaded = loadUnlessStopped(host, guard, signals, options.force);
     if (loaded == FirstLoad::REFUSED)
         return REFUSED;
+    // The manager is told as at any other stop; clients were not started, and the daemon was not.
     if (loaded == FirstLoad::STOPPED) {
         notifier.stopping("stopping");
         reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});

@@ -25,6 +25,7 @@ ServiceNotifier::ServiceNotifier() {
     // Read before there are other threads.
     char const* const variable = std::getenv("NOTIFY_SOCKET"); // NOLINT(concurrency-mt-unsafe)
     std::string_view const name = variable == nullptr ? "" : variable;
+    // A name of another form is another kind of socket's, which this does not know: nobody is told then.
     if (name.size() < 2 || name.size() >= sizeof addressM.sun_path || (name[0] != '/' && name[0] != '@'))
         return;
     addressM.sun_family = AF_UNIX;
@@ -56,6 +57,7 @@ void ServiceNotifier::status(std::string_view status) {
 // A change of state that is lost may cost the service its life. But a manager that reads nothing is waited for only
 // once.
 void ServiceNotifier::send(std::string message, std::string_view status) {
+    // A second in all.
     constexpr int attempts = 50;
     constexpr int pauseMilliseconds = 20;
     if (!descriptorM)

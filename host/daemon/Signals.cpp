@@ -36,6 +36,7 @@ Signals::Signals() {
     }
 }
 
+// The handlers stay, without anybody to wake: a late signal must not end the process with another status.
 Signals::~Signals() {
     target.store(nullptr);
 }

@@ -27,6 +27,7 @@ BAS::DateTime DueChanges::listAfter(BAS::DateTime liveSince) const {
 
 void DueChanges::renew(UpcomingChanges const& list, BAS::DateTime liveSince) {
     groupsM = list.groups();
+    // What was announced in the meantime is not announced again.
     groupsM.erase(groupsM.begin(), groupsM.upper_bound(listAfter(liveSince)));
     cutM = list.isCut();
     liveSinceM = liveSince;
@@ -34,6 +35,7 @@ void DueChanges::renew(UpcomingChanges const& list, BAS::DateTime liveSince) {
     wantsListM = cutM && groupsM.empty();
 }
 
+// Not twice in a second, within which the clock does not move.
 bool DueChanges::isDue() const {
     BAS::DateTime const now = clockM();
     return !groupsM.empty() && groupsM.begin()->first <= now && now != noticedAtM;
@@ -60,6 +62,7 @@ std::optional<DueChanges::Notice> DueChanges::take(BAS::DateTime liveSince) {
     Notice notice = {groupsM.begin()->first, groupsM.begin()->second};
     for (auto group = std::next(groupsM.begin()); group != end; ++group)
         notice.changes.count += group->second.count;
+    // The latest instant, also if the clock is put back afterwards: what was announced stays announced.
     announcedM = std::prev(end)->first;
     noticedAtM = now;
     groupsM.erase(groupsM.begin(), end);
