@@ -72,6 +72,7 @@ using DAT::NumberPortability::FileLine;
 using DAT::NumberPortability::LineOutcome;
 
 // Takes the lines of one file to its sorter.
+// On the thread of the visit, called by the module for each line: what it throws ends the visit.
 class Reading {
   public:
     Reading(NetworkNames& names, RecordSorter& sorter, DataSummary& summary)
@@ -174,6 +175,7 @@ int diff(DiffOptions const& options) {
     try {
         return compare(options);
     } catch (std::bad_alloc const&) {
+        // The bound is the user's, and this is the way to stay below what there is.
         throw HostError("out of memory: records may take " + std::to_string(options.memory) +
                         " MiB; a smaller --memory leaves more of them to temporary files");
     }

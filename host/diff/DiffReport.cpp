@@ -139,7 +139,9 @@ class TextReport : public DiffReport {
                 if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
                     names.size() <= mostColumnsCM)
                     names.push_back(nameOf(*network));
+        // One order for rows and columns, so that the diagonal, where nobody moved, can be seen.
         std::sort(names.begin(), names.end());
+        // A name that is as wide as its column would touch its neighbour.
         bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
                           std::all_of(names.begin(), names.end(),
                                       [](std::string const& name) { return characters(name) < columnWidthCM; });
@@ -150,6 +152,7 @@ class TextReport : public DiffReport {
     }
 
     void matrix(ComparisonResult const& result, std::vector<std::string> const& names) {
+        // Added up, because names that are shown alike fall together.
         std::map<std::pair<std::string, std::string>, std::uint64_t> cells;
         for (Move const& move : result.moves)
             cells[{nameOf(move.from), nameOf(move.to)}] += move.numbers;

@@ -27,6 +27,7 @@ void FileComparison::Kept::keep(SortedRecord const& record) {
 }
 
 // The records of one file without its duplicates.
+// Of equal valid-froms the first line of the file comes first and counts, as in a load; the sorting has kept the order.
 class FileComparison::Side {
   public:
     Side(std::unique_ptr<RecordSource> source, SideCounts& counts) : sourceM(std::move(source)), countsM(counts) {
@@ -160,6 +161,7 @@ void FileComparison::takeOneSided(Difference what, Side& side) {
     note(what, what == Difference::LOST ? record : nullptr, what == Difference::GAINED ? record : nullptr);
 }
 
+// Both histories come newest first: of the two records the later one is seen alone, equal ones together.
 void FileComparison::takeCommon(Side& before, Side& after) {
     Histories histories(atM);
     before.countNumber();
@@ -189,8 +191,10 @@ void FileComparison::noteMove(Kept const* from, Kept const* to) {
     note(Difference::MOVED, from, to);
     // Networks beyond the table have no number, so no place in the matrix: their moves are summed.
     bool const unnamed = (from != nullptr && !from->text.empty()) || (to != nullptr && !to->text.empty());
+    // The two numbers side by side; "nobody" has that of no name.
     std::uint64_t const key = static_cast<std::uint64_t>(from == nullptr ? nobodyCM : from->network) << 32 |
                               (to == nullptr ? nobodyCM : to->network);
+    // Beyond the bound pairs are summed: the table must not grow with the files.
     auto const found = unnamed ? movesM.end() : movesM.find(key);
     if (found != movesM.end())
         ++found->second;

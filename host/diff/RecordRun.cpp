@@ -33,6 +33,7 @@ FileDescriptor temporaryFile() {
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
     if (!file)
         failed("cannot make a temporary file");
+    // At once: even a kill leaves nothing behind.
     unlink(name.c_str());
     return file;
 }
@@ -45,6 +46,7 @@ RunWriter::RunWriter() : fileM(temporaryFile()) {
 
 void RunWriter::write(SortedRecord const& record) {
     PackedRecord entry = packed(record);
+    // In a run it is only yes or no: the texts follow.
     entry.texts = hasTexts(record) ? 1 : 0;
     append(&entry, sizeof entry);
     if (entry.texts == 0)
@@ -92,6 +94,7 @@ bool RunSource::next(SortedRecord& record) {
     if (!has(sizeof(PackedRecord)))
         return false;
     PackedRecord entry;
+    // Copied: behind texts of any length the next entry is not aligned.
     std::memcpy(&entry, take(sizeof entry), sizeof entry);
     record = unpacked(entry);
     if (entry.texts != 0)

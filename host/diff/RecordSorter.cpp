@@ -11,6 +11,8 @@ namespace nphost {
 
 namespace {
 
+// A heap of the sources' first records. The one that was shown last stays at its end until the next call, because its
+// texts lie in its source.
 class MergedSource : public RecordSource {
   public:
     explicit MergedSource(std::vector<std::unique_ptr<RecordSource>> sources) : sourcesM(std::move(sources)) {
@@ -90,6 +92,8 @@ class RecordSorter::Block {
         if (texts != 0)
             entry.texts = storeTexts(record, texts);
         entries()[countM] = entry;
+        // Each record is compared with the one before as it comes: a file that is in order, as listings are, is never
+        // sorted.
         inOrderM = inOrderM && (isEmpty() || isBefore(at(countM - 1), at(countM)));
         ++countM;
         return true;
@@ -162,6 +166,7 @@ class RecordSorter::Block {
     bool inOrderM = true;
 };
 
+// Owns its block when that is all there is; borrows it when it is only on its way into a run.
 class RecordSorter::BlockSource : public RecordSource {
   public:
     explicit BlockSource(std::unique_ptr<Block> block) : blockM(std::move(block)) { blockM->sort(); }

@@ -104,6 +104,7 @@ RecordFormat formatOf(EnrichOptions const& options) {
     std::string const name = formatName(options);
     RecordFormat format;
     format.kind = name == "ndjson" ? RecordFormat::Kind::JSON : RecordFormat::Kind::CSV;
+    // Silently passed over, they would leave their user to believe that they have been heard.
     if (format.kind == RecordFormat::Kind::JSON && (options.separator || options.noHeader || options.noQuotes))
         throw HostError("--separator, --no-header and --no-quotes have no meaning for NDJSON");
     format.csv = {separatorOf(options), !options.noQuotes};
@@ -151,6 +152,7 @@ EnrichOptions completed(EnrichOptions options) {
     return options;
 }
 
+// Without columns the input has no header, and none is made up.
 std::string headerOf(EnrichPlan const& plan, RecordInput const& input) {
     std::string header = input.header();
     if (input.columns().empty())
@@ -200,6 +202,7 @@ class EnrichRun {
             output.sync();
         if (rejects)
             rejects->sync();
+        // The last look at signals: from here on the work is done, and stays done.
         Interruption::check();
         if (rejects)
             // Before the output: who sees the new output finds its rejects beside it.
@@ -258,6 +261,7 @@ class EnrichRun {
         };
     }
 
+    // On standard error: standard output may have the records.
     void tellText() const {
         StandardError::write(summaryM.text());
         if (optionsM.rejects && summaryM.counts.rejected() > 0)
@@ -285,6 +289,7 @@ int enrichCompleted(EnrichOptions const& options) {
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);
     Configuration configuration = options.common.readConfiguration();
+    // Before anything is opened: an output that is an input would take its place.
     FileRoles{options.inputs,
               options.output,
               options.rejects,

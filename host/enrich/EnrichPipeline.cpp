@@ -44,12 +44,14 @@ EnrichPipeline::EnrichPipeline(EnrichContext const& context, RecordInput& input,
 void EnrichPipeline::run(std::function<bool(EnrichJob const&)> const& take) {
     Threads threads(*this);
     threads.start();
+    // The caller's thread: it alone writes, so files need no lock, and the order is that of the input.
     while (EnrichJob const* const job = ringM.startTaking()) {
         if (!take(*job))
             ringM.stop();
         ringM.finishTaking();
     }
     threads.join();
+    // Only now, when all have ended: nobody uses what the exception's unwinding takes away.
     ringM.rethrow();
 }
 

@@ -71,6 +71,7 @@ void EnrichPlan::nameAdded(std::vector<std::string> const& numbers) {
             namesM.push_back(number + addedNamesCM[static_cast<std::size_t>(added)].suffix);
 }
 
+// Readers would differ in which of two equal names they take; so what is added must not be there yet.
 void EnrichPlan::checkNames(RecordInput const& input) const {
     std::set<std::string> taken(input.columns().begin(), input.columns().end());
     taken.insert(membersM.begin(), membersM.end());
@@ -87,6 +88,8 @@ bool EnrichPlan::explains() const {
 
 std::unique_ptr<RecordReader> EnrichPlan::makeReader() const {
     if (formatM.kind == RecordFormat::Kind::JSON)
+        // An object that has a name to be added already is refused by the reader, record by record: there is no header
+        // to ask.
         return std::make_unique<JsonReader>(membersM, namesM);
     return std::make_unique<CsvReader>(formatM.csv, columnsM, fieldCountM);
 }

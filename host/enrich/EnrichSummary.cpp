@@ -13,11 +13,13 @@ namespace nphost {
 
 namespace {
 
+// For people; the rest is counted.
 constexpr std::size_t shownNetworksCM = 20;
 
 void appendCount(std::string& text, std::string const& label, std::uint64_t number) {
     constexpr std::size_t width = 36;
     std::string const digits = std::to_string(number);
+    // A label that is too long for its column keeps one blank before the number.
     std::size_t const used = std::min(width - 1, characters(label) + digits.size());
     text += label + std::string(width - used, ' ') + digits + "\n";
 }
@@ -109,6 +111,7 @@ std::string EnrichSummary::json() const {
     nlohmann::json first = nlohmann::json::array();
     for (UnreadableNumber const& number : unreadable)
         first.push_back({{"file", asUtf8(number.file)}, {"line", number.line}, {"text", asUtf8(number.text)}});
+    // Keys stay whatever the numbers are: only `stopped` comes and goes.
     nlohmann::json object = {{"records", counts.records},
                              {"found", counts.found},
                              {"notFound", counts.notFound},

@@ -52,6 +52,8 @@ void Enricher::process(EnrichJob& job) {
     job.output = job.result.empty() ? std::string_view() : compressorM.compress(job.result, job.compressed);
 }
 
+// Many records' numbers are looked up together, since a single look-up mostly waits for memory; records are written
+// when the batch is back.
 void Enricher::processRecords() {
     RecordBlock const& block = jobM->input.block;
     // How many fields there are may have become known only with this block.
@@ -108,6 +110,7 @@ std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::Da
 }
 
 void Enricher::write(Record& record, std::uint32_t const* questions) {
+    // Empty lines stay where they are: they belong to the file and to no count.
     if (isBlank(record)) {
         jobM->result.append(record.text).append(record.lineEnd);
         return;
@@ -132,6 +135,7 @@ void Enricher::write(Record& record, std::uint32_t const* questions) {
 bool Enricher::answer(std::size_t number, std::uint32_t question) {
     bool const asked = question != noneCM && question != unreadableCM && !contextM.passThrough;
     LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
+    // How the network is written was worked out when it came first: quoting, escapes, and whether it can be at all.
     NetworkFields::Network* const network = record != nullptr ? &networksM.at(record->networkIdM) : nullptr;
     foundM[number] = network;
     std::vector<Added> const& added = contextM.plan.added();
@@ -175,6 +179,7 @@ bool Enricher::explain(std::uint32_t question, std::size_t value) {
 bool Enricher::setValue(std::size_t value, std::string_view text) {
     textsM[value].clear();
     bool const writable = writerM->encode(textsM[value], text);
+    // A view of this number's own place: the writer reads all of them at the end.
     valuesM[value] = textsM[value];
     return writable;
 }

@@ -19,6 +19,7 @@ bool isSeparator(char c) {
 // A number has at most 15 digits (E.164), with an access code before them. More, with a blank or a slash, are two
 // numbers, or a number and something else.
 constexpr std::size_t mostDigitsCM = 15;
+// For numbers that stay as they are, whose access code nobody has configured.
 constexpr std::size_t longAccessCodeCM = 4;
 
 bool areDigits(std::string_view text) {
@@ -180,6 +181,7 @@ NumberKind NumberForm::fromAddress(std::string_view text, BAS::String& out) cons
 }
 
 NumberKind NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
+    // Without a user there is a host only, and its digits are an address.
     std::size_t const at = uri.find('@');
     if (at == std::string_view::npos)
         return NumberKind::UNREADABLE;
@@ -197,6 +199,7 @@ NumberKind NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& 
     std::string_view parameters = subscriber;
     std::optional<std::string> const escapedNumber = unescaped(takeUntil(parameters, ';'));
     std::optional<std::string> const context = unescaped(parameter(parameters, "phone-context"));
+    // An escape that is none may stand for anything, digits among it.
     if (!escapedNumber || !context)
         return NumberKind::UNREADABLE;
     if (isDecimal(*escapedNumber) || isDecimal(*context))
@@ -242,6 +245,7 @@ NumberKind NumberForm::global(std::string_view digits, BAS::String& out) const {
         return NumberKind::NO_COUNTRY;
     std::string const number = codesM.sign + std::string(digits);
     out.assign(number.data(), number.size());
+    // By the module's own rules, so that what is asked here is what was stored there.
     normaliseM(out);
     return NumberKind::NUMBER;
 }

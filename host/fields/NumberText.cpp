@@ -94,6 +94,7 @@ std::string_view withoutExtension(std::string_view text) {
     // More digits are a number's own.
     if (digits == 0 || digits > longExtensionCM)
         return whole;
+    // What stands between word and digits: "ext. 5", "ext=5", "x#5".
     text = withoutEnd(text, " \t.:=#-");
     bool const isWord = takeWord(text, "extension") || takeWord(text, "extn") || takeWord(text, "ext");
     bool const isX = !isWord && digits <= shortExtensionCM && takeWord(text, "x");
@@ -106,6 +107,7 @@ bool hasDigit(std::string_view text) {
     return std::any_of(text.begin(), text.end(), isDigit);
 }
 
+// One or two zeros behind the point only: other fractions are groups of digits, "0.7700.900123".
 bool isDecimal(std::string_view text) {
     text = withoutEnd(text.substr(std::min(text.find_first_not_of("( \t"), text.size())), ") \t");
     if (text.starts_with('+'))

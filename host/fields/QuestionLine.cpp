@@ -11,6 +11,7 @@ namespace nphost {
 
 namespace {
 
+// Not the tab, which may stand for an empty column, nor the carriage return, which makes a line no question.
 bool isBlank(char c) {
     return c == ' ' || c == '\v' || c == '\f';
 }
@@ -86,6 +87,7 @@ std::string_view takeSpacedNumber(std::string_view& line) {
 
 } // namespace
 
+// Columns are taken one after the other from the front; what is left behind the method is ignored.
 QuestionLine::QuestionLine(std::string_view line, bool spaced) {
     skipBlanks(line);
     while (!line.empty() && (isBlank(line.back()) || line.back() == '\t' || line.back() == '\r'))

@@ -135,6 +135,7 @@ class IsoTime {
             put(hourCM, "00");
         else if (is(secondCM, "60"))
             put(secondCM, "59");
+        // The ranges of month, day and hour are checked here, by the calendar that the data have.
         clockM = BAS::DateTime(std::string_view(digitsM.data(), digitsM.size()));
         if (endOfDay && clockM.isValid())
             clockM = BAS::DateTime::fromSeconds(clockM.seconds() + 86400);
@@ -142,6 +143,7 @@ class IsoTime {
     }
 
     Rest restM;
+    // Seconds that are missing stay "00".
     std::array<char, digitsCM> digitsM = {'0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0'};
     bool fractionM = false; // one that is not zero
     std::optional<int> offsetM;

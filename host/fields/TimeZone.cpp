@@ -37,6 +37,7 @@ std::int64_t asUtc(absl::CivilSecond clock) {
 TimeZone::TimeZone(std::string const& name) {
     absl::TimeZone const zone = load(name);
     absl::Time at = absl::FromUnixSeconds(-secondsTo1970CM);
+    // Local mean time, in most zones: it holds until the first change.
     firstOffsetM = zone.At(at).offset;
     std::int64_t offset = firstOffsetM;
     // Read once for all: from here on no reading asks the library, nor takes its lock.
@@ -54,6 +55,7 @@ void TimeZone::addChange(std::int64_t at, std::int64_t before, std::int64_t afte
     if (before == after) // a new name or law for the same time
         return;
     changesM.push_back({at, after});
+    // In clock time: between the two readings of the moment at which the clocks were changed.
     doubtfulM.push_back({static_cast<std::uint64_t>(at + secondsTo1970CM + std::min(before, after)),
                          static_cast<std::uint64_t>(at + secondsTo1970CM + std::max(before, after)),
                          after < before ? Doubt::AMBIGUOUS : Doubt::IMPOSSIBLE});
@@ -78,6 +80,7 @@ std::optional<TimeZone::Reading> TimeZone::clockAt(std::int64_t secondsSince1970
 }
 
 TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
+    // They stand in order, so only the last that has begun can hold the time.
     auto const next = std::upper_bound(doubtfulM.begin(), doubtfulM.end(), clock.seconds(),
                                        [](std::uint64_t at, Doubtful const& change) { return at < change.begin; });
     if (next == doubtfulM.begin() || clock.seconds() >= std::prev(next)->end)

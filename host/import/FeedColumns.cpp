@@ -52,6 +52,7 @@ FeedColumns::FeedColumns(std::string_view map) {
     for (std::string_view rest = map; !rest.empty();) {
         std::optional<std::size_t> const field = takeField(rest);
         std::string_view const column = takeColumn(rest);
+        // One message for all: who has the form before his eyes sees what is wrong.
         if (!field || column.empty() || !columnsM[*field].empty())
             throw HostError("'" + shortened(map) +
                             "' maps no columns; write number=COLUMN,valid-from=COLUMN,network=COLUMN");

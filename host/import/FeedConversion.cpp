@@ -13,6 +13,7 @@ struct Words {
     char const* name;
     char const* sentence;
 };
+// In the order of Refusal. The names stand in files of rejects, which programs read: they stay.
 constexpr std::array<Words, refusalsCM> wordsCM = {{
     {"field-count", "the record has more or fewer fields than the first"},
     {"broken-quotes", "the quotation marks do not match"},
@@ -96,6 +97,7 @@ bool FeedConversion::readNumber(std::string_view text) {
 bool FeedConversion::readNetwork(std::string_view text) {
     if (text.empty())
         return refuse(Refusal::NO_NETWORK, text);
+    // A line break would end the data line, and a NUL the identifier.
     if (std::any_of(text.begin(), text.end(), isControl))
         return refuse(Refusal::CONTROL_CHARACTER, text);
     if (text.size() > longestNetworkCM)

@@ -94,6 +94,7 @@ class Rejects {
     void end(Refusal refusal) {
         if (targetM)
             targetM->buffer() += "\"\n";
+        // Counted at its end, so that a record in pieces counts once.
         ++countsM[static_cast<std::size_t>(refusal)];
         ++totalM;
     }
@@ -113,6 +114,7 @@ class Rejects {
     std::array<std::uint64_t, refusalsCM> const& counts() const { return countsM; }
 
     // "most often bad-time: the time cannot be read"
+    // With thousands of rejects the reason that most have is what must be mended.
     std::string mostFrequent() const {
         auto const most = static_cast<Refusal>(std::max_element(countsM.begin(), countsM.end()) - countsM.begin());
         return std::string("most often ") + nameOf(most) + ": " + sentenceOf(most);
@@ -156,6 +158,7 @@ class Import {
         if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
+        // From here on there are temporary files, which a signal must not leave.
         Interruption const interruption(stopReadingM);
         Rejects rejects(inputM.nameOf(0), optionsM.rejects);
         writeAll(reader, rejects);
@@ -169,6 +172,7 @@ class Import {
         PieceTarget target(optionsM.output);
         convertAll(reader, target, rejects);
         bool const whole = stoppedM.empty();
+        // All rejected, or nothing but empty lines: a wrong column or separator far more often than an empty feed.
         if (whole && conversionM.counts().converted == 0)
             throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written" +
                             (rejects.total() > 0

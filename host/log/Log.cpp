@@ -55,6 +55,7 @@ thread_local bool keepsRejectsHere = false;
 } // namespace
 
 Log::Log(MessageCatalogue const& catalogue, LogSettings const& settings) : catalogueM(catalogue), settingsM(settings) {
+    // In the body, when all members are there: from here on any thread may report.
     BAS::RegisteredObject::installLogSink(this);
 }
 
@@ -62,6 +63,8 @@ Log::~Log() {
     BAS::RegisteredObject::installLogSink(nullptr);
 }
 
+// On the reporting thread, whichever it is. The lock is held until the line is written, so that lines keep their order;
+// that is why a service must not wait long for a reader (StandardError.h).
 void Log::write(BAS::Status const& status) noexcept {
     BAS::MutexGuard const guard(lockM);
     Taken taken = Taken::HIDDEN;
@@ -115,6 +118,7 @@ bool Log::isShown(BAS::Status const& status) {
     return !isReject || (!isRepeated(status) && ++rejectsM <= rejectLimitCM);
 }
 
+// Whose load it is shows by the thread.
 bool Log::isAmongFirst(std::size_t kind) {
     loaderM = std::this_thread::get_id();
     if (++loadRejectsM <= loadRejectLimitCM)

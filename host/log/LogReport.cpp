@@ -17,6 +17,7 @@ constexpr std::array<std::string_view, 5> namesCM = {"NORMAL", "WARNING", "MINOR
 } // namespace
 
 std::string_view nameOf(BAS::Status::Severity severity) {
+    // Severities count from 1; 0 wraps round and is unknown, as all above are.
     auto const position = static_cast<std::size_t>(severity) - 1;
     return position < namesCM.size() ? namesCM[position] : "UNKNOWN";
 }
@@ -25,6 +26,7 @@ std::string clockTime(BAS::DateTime at) {
     return at.isValid() ? at.asString("%Y-%m-%dT%H:%M:%SZ").str() : "-";
 }
 
+// The order is fixed: programs that read the log cut it at blanks and quotation marks.
 void appendText(std::string& out, LogReport const& report) {
     out += clockTime(report.at);
     out += ' ';
@@ -77,6 +79,7 @@ void appendJson(std::string& out, LogReport const& report) {
     out += '}';
 }
 
+// The same keys as above, as a value: for answers, which the daemon makes with its reserve whole.
 nlohmann::json toJson(LogReport const& report) {
     std::vector<std::string> arguments;
     for (std::string const& argument : report.arguments)

@@ -177,6 +177,7 @@ class JsonReport : public Report {
     void reject(RejectedLine const& line) override {
         if (!allM)
             return;
+        // The list is begun with its first line: without one it is written empty, at the end.
         outM.append(startedM ? std::string_view(",\n") : "{\"rejects\":[\n");
         startedM = true;
         outM.append(dump({{"line", line.number},
@@ -273,6 +274,7 @@ void warnOfByteOrderMark(std::string const& file) {
 
 // Records that are not at hand are taken to be like those of the file, if that has enough of them.
 std::uint64_t treeBytesOf(std::uint64_t records, LoadFigures const& figures) {
+    // The upper end of what was measured, 22 to 26.
     constexpr double bytesARecord = 26;
     constexpr std::uint64_t enough = 100'000;
     double const each = figures.records < enough

@@ -71,6 +71,8 @@ void hintAtNormalise(QuestionBatch const& batch) {
              "write them");
 }
 
+// Reads ahead what has come and answers it together; before every read that may wait it answers and writes what it has
+// (LineInput's `beforeRead`), so that a program that asks and waits is served.
 class StreamLookup {
   public:
     StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
@@ -124,6 +126,7 @@ class StreamLookup {
             reject(question, sentenceOf(kind), question.number);
     }
 
+    // A line that is no question gets an answer line, too, so that answers can be counted off against questions.
     void reject(QuestionLine const& question, char const* reason, std::string_view what) {
         batchM.answer(); // the answers keep the order of the lines
         outM.append(question.number);
@@ -182,6 +185,7 @@ bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at)
     return batch.allFound();
 }
 
+// Now is read once, so that all questions without an instant mean the same one.
 int lookup(LookupOptions const& options) {
     BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";

@@ -55,6 +55,7 @@ class ListingBuffer : public std::streambuf {
     }
 
   protected:
+    // The stream calls it when the buffer is full, and takes end-of-file for a failure: then it writes no more.
     int_type overflow(int_type character) override {
         if (!writeOut())
             return traits_type::eof();

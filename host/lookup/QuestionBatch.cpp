@@ -25,6 +25,7 @@ NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::op
     return kind;
 }
 
+// Also without questions, which costs nothing: callers need not ask whether there are any.
 void QuestionBatch::answer() {
     batchM.search(methodM);
     for (std::size_t i = 0; i < batchM.size(); ++i)

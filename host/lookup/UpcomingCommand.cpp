@@ -73,6 +73,7 @@ Changes collect(Host& host, Period const& period) {
                 changes.push_back({number, record});
         }))
         host.fail("the data could not be searched for what is to come");
+    // The visit goes by number, people read by time.
     std::sort(changes.begin(), changes.end(), [](Change const& one, Change const& other) {
         return std::tie(one.record.validFromM, one.number) < std::tie(other.record.validFromM, other.number);
     });
@@ -126,6 +127,7 @@ void appendText(Output& out, Change const& change, std::optional<std::string> co
 }
 
 void appendJson(Output& out, Change const& change, std::optional<std::string> const& origin, bool first) {
+    // One object a change, written as it comes: the whole list as one value would double the memory.
     Json const object = {{"at", digits(change.record.validFromM)},
                          {"number", change.number.str()},
                          {"from", origin ? Json(asUtf8(*origin)) : Json()},

@@ -22,6 +22,7 @@ bool examine(LoadedPlugIn& plugIn, Log const& log, std::string const& file,
             }
         },
         goOn);
+    // As it was thrown: the module's report would have lost its kind.
     if (failure)
         std::rethrow_exception(failure);
     return complete;

@@ -44,6 +44,7 @@ Explanation::Choice Explanation::choose(unsigned int method, BAS::DateTime at) c
     for (auto prefix = firstAsked(method); prefix != prefixesM.end(); ++prefix) {
         if (Record const* const record = recordAt(*prefix, at))
             return {&*prefix, record};
+        // The other methods ask one prefix and no other, be its records still to come.
         if (method != BEST)
             break;
     }
@@ -76,6 +77,7 @@ std::string Explanation::reason(unsigned int method, BAS::DateTime at) const {
     return asked->key.str() + (method == EXACT ? " is the number itself" : " is the shortest stored prefix");
 }
 
+// A choice can change only where a record begins, so these instants, in order, are all that need be tried.
 std::optional<Explanation::Change> Explanation::nextChange(unsigned int method, BAS::DateTime after) const {
     std::vector<BAS::DateTime> instants;
     for (StoredPrefix const& prefix : prefixesM)

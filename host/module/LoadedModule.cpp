@@ -48,6 +48,7 @@ LoadedPlugIn::~LoadedPlugIn() {
     plugInM->shutdown();
 }
 
+// Through the module's table: the host has no symbol of the plug-in's, only its virtual functions.
 bool LoadedPlugIn::search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out) {
     return operationsM.search(*objectM, number, at, out);
 }

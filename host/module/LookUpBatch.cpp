@@ -28,6 +28,7 @@ void LookUpBatch::clear() {
 }
 
 void LookUpBatch::searchTogether(std::optional<unsigned int> method) {
+    // Only as much of each as there are look-ups: the plug-in refuses spans of different lengths.
     std::span const numbers(numbersM.cbegin(), countM);
     std::span const instants(instantsM.cbegin(), countM);
     std::span const records(recordsM.begin(), countM);

@@ -74,6 +74,7 @@ void BlockReader::takeByteOrderMark(RecordBlock& block) {
     block.beginM += byteOrderMarkM ? 3 : 0;
 }
 
+// At the end of the file what is left counts as whole: a last line may lack its newline.
 std::size_t BlockReader::wholeLength(std::string_view text, bool full) {
     if (atEndM)
         return text.size();

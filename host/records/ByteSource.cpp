@@ -19,6 +19,7 @@
 
 namespace nphost {
 
+// What the two libraries have in common here. A file may be of many members: one that ends is no end of the file.
 class ByteSource::Decoder {
   public:
     Decoder() = default;
@@ -110,6 +111,7 @@ class ByteSource::Zstd : public Decoder {
         std::size_t const result = ZSTD_decompressStream(streamM, &output, &input);
         in.remove_prefix(input.pos);
         out = out.subspan(output.pos);
+        // The library's hint of what it wants next: 0 is the end of a frame.
         setOpen(result != 0);
         return ZSTD_isError(result) != 0 ? ZSTD_getErrorName(result) : nullptr;
     }
@@ -187,6 +189,7 @@ bool ByteSource::fill() {
     return count > 0;
 }
 
+// By content, because files come with any name; but see the empty one below, of which there is only the name.
 void ByteSource::recognise() {
     rawM = std::string_view(bufferM.data(), bufferM.size()).substr(0, 0); // not null: recognised
     while (rawM.size() < magicBytesCM && fill()) {
@@ -214,6 +217,7 @@ std::size_t ByteSource::read(std::span<char> to) {
     return decoderM == nullptr ? readPlain(to) : readDecoded(to);
 }
 
+// What was read to recognise the file comes first; then bytes go straight to their place.
 std::size_t ByteSource::readPlain(std::span<char> to) {
     if (rawM.empty())
         return atEndM ? 0 : readSome(to);
@@ -240,6 +244,8 @@ std::size_t ByteSource::readDecoded(std::span<char> to) {
     }
 }
 
+// Of a regular file there is nothing to wait for; what lies in the buffer, and what a pipe holds already, need not be
+// waited for either.
 bool ByteSource::mayWait() const noexcept {
     pollfd state = {descriptorM, POLLIN, 0};
     return rawM.empty() && !atEndM && sizeM == 0 && poll(&state, 1, 0) == 0;

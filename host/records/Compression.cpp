@@ -40,6 +40,7 @@ std::string_view withoutSuffix(std::string_view name) noexcept {
     return name;
 }
 
+// Working memory of a method is some hundred kilobytes: a compressor makes it once, and begins anew for each text.
 class Compressor::Method {
   public:
     Method() = default;
@@ -123,10 +124,12 @@ Compressor::Compressor(Compression kind) {
 Compressor::~Compressor() = default;
 
 std::string_view Compressor::compress(std::string_view text, std::string& place) {
+    // Without compression the text itself is the result: nothing is copied.
     if (methodM == nullptr)
         return text;
     std::size_t const bound = methodM->bound(text.size());
     if (place.size() < bound)
+        // Only ever longer: a worker's place serves all its blocks.
         place.resize(bound);
     return std::string_view(place).substr(0, methodM->compress(text, place));
 }

@@ -185,6 +185,7 @@ void CsvReader::keepPlain(std::size_t column, std::string_view field, Record& re
         record.values[slotsM[column]] = field;
 }
 
+// A record with another number of fields may be shifted: none of its values can be trusted.
 void CsvReader::finishFields(std::size_t count, Record& record) const {
     if (fieldsM == anyCM || count == fieldsM)
         return;
@@ -192,6 +193,7 @@ void CsvReader::finishFields(std::size_t count, Record& record) const {
     record.values.clear();
 }
 
+// The library removes the quotation marks, so these values lie in the reader; the record's text stays where it is.
 void CsvReader::takeQuoted(std::string_view text, Record& record) {
     std::size_t length = 0;
     if (parse(text, length) != Cut::WHOLE)

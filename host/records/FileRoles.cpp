@@ -26,6 +26,7 @@ bool isSameRegularFile(std::string const& one, std::string const& other) {
     return !other.empty() && isSameFile(one, other) && !std::filesystem::is_other(one, error);
 }
 
+// Only regular files: on a terminal, or in a pipe, input and output may well be the same.
 bool isStandardOutputFile(std::string const& file) {
     struct stat named = {};
     struct stat out = {};
@@ -66,6 +67,7 @@ void FileRoles::checkResult(std::string const& written, bool isOutput) const {
 
 // Standard error is looked at before the files are: what is wrong with one would be written into an input.
 void FileRoles::check() const {
+    // Rows of rejects among the records, or in the midst of the summary's JSON, would spoil both.
     if (rejects && isStandardOutput(*rejects))
         throw HostError("--rejects: standard output has the records or the summary; name a file");
     for (std::string const& input : inputs)
@@ -91,6 +93,7 @@ void FileRoles::check() const {
             throw HostError(std::string("standard output is ") + other.what);
 }
 
+// The files are in place and cannot be taken back: who reads the status alone must not think that nothing happened.
 void writeSummaryOf(std::optional<std::string> const& output, bool whole, std::string const& object) {
     try {
         writeSummary(object, !output);

@@ -6,6 +6,7 @@
 
 namespace nphost {
 
+// The parser reads beyond the end, and so needs no copy of the text; blocks have room for that.
 static_assert(RecordReader::paddingCM >= simdjson::SIMDJSON_PADDING);
 
 struct JsonReader::Library {
@@ -35,6 +36,7 @@ struct JsonReader::Library {
             [[fallthrough]];
         case simdjson::dom::element_type::ARRAY:
         case simdjson::dom::element_type::OBJECT:
+            // Written anew, so it needs a place that lasts as long as the record's values.
             return list = simdjson::minify(value);
         default:
             return {};
@@ -75,6 +77,7 @@ bool JsonReader::next(Record& record) {
 
 Problem JsonReader::read(Record& record) {
     simdjson::dom::object object;
+    // The last argument: no copy, because the padding is there.
     simdjson::error_code const error =
         libraryM->parser.parse(record.text.data(), record.text.size(), false).get_object().get(object);
     // Want of memory is no fault of the record.
@@ -86,6 +89,7 @@ Problem JsonReader::read(Record& record) {
     std::size_t found = 0;
     bool twice = false;
     for (auto const [name, value] : object) {
+        // Few names: a search costs less than a hash.
         auto const wanted = std::find(wantedM.begin(), wantedM.end(), name);
         if (wanted != wantedM.end()) {
             auto const i = static_cast<std::size_t>(wanted - wantedM.begin());

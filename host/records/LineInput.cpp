@@ -48,6 +48,8 @@ bool LineInput::fill() {
     endM -= beginM;
     searchedM -= beginM;
     beginM = 0;
+    // Only a line that is longer than the buffer makes it grow, twofold, so that each byte is moved a few times at
+    // most.
     if (endM == bufferM.size())
         bufferM.resize(bufferM.size() * 2);
     // Only now, when all lines that have come are taken: whoever asks may wait for their answers.
@@ -56,6 +58,7 @@ bool LineInput::fill() {
         ssize_t const count = ::read(descriptorM, bufferM.data() + endM, bufferM.size() - endM);
         if (count < 0 && errno == EINTR)
             continue;
+        // Somebody else made the descriptor non-blocking, which it shares with the program.
         if (count < 0 && errno == EAGAIN) {
             becomesReady(descriptorM, POLLIN);
             continue;

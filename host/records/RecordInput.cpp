@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::string_view byteOrderMarkCM = "\xef\xbb\xbf";
 
+// No values are wanted of JSON: this reader only finds where records end.
 std::unique_ptr<RecordReader> readerOf(RecordFormat const& format) {
     if (format.kind == RecordFormat::Kind::JSON)
         return std::make_unique<JsonReader>(std::vector<std::string>(), std::vector<std::string>());
@@ -28,6 +29,7 @@ std::uint64_t sizeOf(std::vector<std::string> const& files) {
     std::uint64_t total = 0;
     for (std::string const& file : files) {
         std::error_code error;
+        // Standard input may be a file, too, with a length.
         std::filesystem::path const path = file == "-" ? "/dev/stdin" : file;
         std::uintmax_t const size = std::filesystem::file_size(path, error);
         if (error)
@@ -126,6 +128,7 @@ Record RecordInput::firstRecord(InputBlock const& block) {
 // Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines
 // before the header.
 bool RecordInput::takeFirst(InputBlock& block) {
+    // First is the first file that has a record: files of blank lines alone have no header.
     bool const isFirst = !seenRecordM;
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
     // Only the first file's mark is kept: in the middle of the output it would be a character.
@@ -212,6 +215,7 @@ void RecordInput::keepHeader(Record const& record) {
     fieldCountM = record.values.size();
     headerLineM = record.line;
     headerM += record.text;
+    // A header that is the whole file has no line end; the output needs one.
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
     for (std::string_view const column : record.values)
         columnsM.emplace_back(column);
@@ -250,6 +254,7 @@ void RecordInput::failColumn(std::string const& column) const {
                     listOf(columnsM, fieldCountM) + (fieldCountM == 1 ? "; is the separator right?" : "") + hintM);
 }
 
+// By their names and not their bytes: one file may quote them and another not.
 void RecordInput::checkHeader(Record const& record, std::size_t file) const {
     if (!std::equal(record.values.begin(), record.values.end(), columnsM.begin(), columnsM.end()))
         throw HostError(nameOf(file) + ":" + std::to_string(record.line) + ": the header is not the same as that of " +

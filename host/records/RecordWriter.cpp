@@ -29,6 +29,7 @@ void appendJson(std::string& out, std::string_view text) {
 } // namespace
 
 bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
+    // Quoted only where it must be, so that most rows are as their writer would have made them.
     bool const quoted = std::any_of(field.begin(), field.end(), [dialect](char c) {
         return c == dialect.separator || c == '\n' || c == '\r' || (c == '"' && dialect.quotes);
     });
@@ -68,6 +69,7 @@ void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line,
 }
 
 JsonWriter::JsonWriter(std::vector<std::string> const& names) {
+    // Escaped once, and not with every record.
     for (std::string const& name : names) {
         std::string& text = namesM.emplace_back();
         appendJson(text, name);

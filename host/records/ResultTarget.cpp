@@ -12,6 +12,7 @@
 namespace nphost {
 
 bool isStandardOutput(std::string_view name) {
+    // By name: a file of any other name that happens to be standard output is refused elsewhere (FileRoles.h).
     constexpr std::array<std::string_view, 4> names = {"-", "/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"};
     return std::find(names.begin(), names.end(), name) != names.end();
 }
@@ -32,6 +33,7 @@ ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file 
 
 ResultTarget::~ResultTarget() {
     if (fileM != nullptr)
+        // A target that was finished has nothing left to discard.
         fileM->discardFile();
 }
 

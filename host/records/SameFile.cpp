@@ -21,6 +21,7 @@ bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& o
 }
 
 char const* KeptFiles::nameOf(std::filesystem::path const& target) const {
+    // The most precious first: what the message names is the file that would be lost.
     if (!dataFile.empty() && isSameFile(dataFile, target))
         return "the data file itself";
     if (isSameFile(configuration, target))
