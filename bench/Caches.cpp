@@ -41,12 +41,13 @@ BAS::String const nationalAccessCode("0");
 BAS::String const internationalAccessCode("00");
 BAS::String const countryCode("49");
 BAS::String const internationalSign("+");
+constexpr std::uint32_t columns = 3;
 
 } // namespace
 
 std::unique_ptr<CacheManager> makeCacheManager(std::string const& file) {
     return std::make_unique<CacheManager>(&plugIn, nationalAccessCode, internationalAccessCode, countryCode,
-                                          internationalSign, 3, file);
+                                          internationalSign, columns, file);
 }
 
 std::unique_ptr<CacheManager> loadedCacheManager(std::string const& file) {
@@ -57,10 +58,12 @@ std::unique_ptr<CacheManager> loadedCacheManager(std::string const& file) {
 }
 
 void loadOneTree(std::string const& file, NumberPortabilityTree& tree) {
-    std::unique_ptr<CacheManager> const parser = makeCacheManager(file);
+    using namespace DAT::NumberPortability;
     STR::FileIoTurbo reader;
     reader.openFile(file, STR::FileIoTurbo::readModeCM);
-    DAT::NumberPortability::TreeFilling filling(*parser, reader, tree);
+    DiallingCodes const codes(nationalAccessCode, internationalAccessCode, countryCode, internationalSign);
+    LoadStop const stop;
+    TreeFilling filling({codes, columns, LineReporter(::npbench::plugIn, codes, reader), stop}, tree);
     for (std::string_view line; reader.readLine(line);)
         filling.add(line);
     filling.finish();

@@ -59,7 +59,7 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
         if (!read)
             return ReadEnd::ERROR;
         progressM.addLine(line.length() + 1);
-        goOn();
+        loadStopM.goOn();
         take(line);
     }
     return ReadEnd::END_BEFORE_READ;
@@ -68,15 +68,15 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
 // What the latest load read and rejected is nothing yet, also when its file check fails.
 void CacheManager::beginLoad() {
     progressM.start(0);
-    countsM = {};
+    loadingM.counts = {};
 }
 
 template <class Load>
 bool CacheManager::unlessStopped(BAS::String const& fileName, Load&& load) {
     try {
-        goOn();
+        loadStopM.goOn();
         return load();
-    } catch (LoadStopped const&) {
+    } catch (LoadStop::Stopped const&) {
         report("ERR_LOADS_STOPPED", BAS::Status::MAJOR, fileName);
         return false;
     }
@@ -114,10 +114,10 @@ bool CacheManager::firstLoad() {
     if (!isExpected(dataFileIoM))
         return false;
     STR::FileVersion const version = dataFileIoM.version();
-    standbyCompleteM = false;
+    loadingM.standbyComplete = false;
     standbyTreeM->clearAndDestroy();
     auto loaded = std::make_unique<NumberPortabilityTree>();
-    TreeFilling filling(*this, dataFileIoM, *loaded, standbyTreeM.get());
+    TreeFilling filling(means(dataFileIoM), *loaded, standbyTreeM.get());
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
     filling.finish();
     noteCounts(filling.counts(), dataFileIoM);
@@ -127,8 +127,8 @@ bool CacheManager::firstLoad() {
     }
     putLive(loaded);
     noteMainFile(true, version);
-    standbyCompleteM = true;
-    mainFileLoadedM = end != ReadEnd::ERROR;
+    loadingM.standbyComplete = true;
+    loadingM.mainFileRead = end != ReadEnd::ERROR;
     return endLoad(end);
 }
 
@@ -160,7 +160,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     if (!isExpected(dataFileIoM))
         return false;
     STR::FileVersion const version = dataFileIoM.version();
-    standbyCompleteM = false;
+    loadingM.standbyComplete = false;
     standbyTreeM->clearAndDestroy();
 
     LineStore lines;
@@ -173,7 +173,7 @@ bool CacheManager::reload(bool reuseOnFailure) {
     }
 
     putLive(standbyTreeM);
-    mainFileLoadedM = true;
+    loadingM.mainFileRead = true;
     noteMainFile(true, version);
     standbyTreeM->clearAndDestroy();
     refillStandby(lines, dataFileIoM);
@@ -193,18 +193,18 @@ bool CacheManager::cacheDeltaLoad(BAS::String const& fileName) {
 }
 
 bool CacheManager::isMainFileLoaded() {
-    if (!mainFileLoadedM) // the rewritten main file would lack what was never read from it
+    if (!loadingM.mainFileRead) // the rewritten main file would lack what was never read from it
         report("ERR_MAIN_DATA_NOT_LOADED", BAS::Status::CRITICAL, dataFileNameM);
-    return mainFileLoadedM;
+    return loadingM.mainFileRead;
 }
 
 bool CacheManager::deltaLoad(BAS::String const& fileName) {
-    if (!standbyCompleteM) // an earlier load ran out of memory
+    if (!loadingM.standbyComplete) // an earlier load ran out of memory
         restoreStandby();
     reopen(deltaFileIoM, fileName);
     if (!isExpected(deltaFileIoM))
         return false;
-    standbyCompleteM = false;
+    loadingM.standbyComplete = false;
 
     LineStore lines;
     bool lastAccepted = false;
@@ -251,7 +251,7 @@ bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary
         return false;
     summary.version = reader.version();
     NumberPortabilityTree tree;
-    TreeFilling filling(*this, reader, tree, nullptr,
+    TreeFilling filling(means(reader), tree, nullptr,
                         [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
                             summary.count(outcome);
                             onReject(number, outcome, line);
@@ -279,26 +279,27 @@ bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary
     summary.records = tree.entries();
     summary.withoutDigits = filling.counts().withoutDigits;
     summary.firstWithoutDigits = filling.counts().firstWithoutDigits;
-    summarise(tree, summary, [this] { goOn(); });
+    summarise(tree, summary, [this] { loadStopM.goOn(); });
     if (end == ReadEnd::ERROR)
         return readError(reader);
     return closeReader(reader);
 }
 
 void CacheManager::expectFile(BAS::String const& fileName, STR::FileVersion const& version) {
-    BAS::MutexGuard const guard(expectedLockM);
-    expectedM = {fileName, version};
+    BAS::MutexGuard const guard(expectationM.lock);
+    expectationM.file = {fileName, version};
 }
 
 void CacheManager::expectAnyFile() {
-    BAS::MutexGuard const guard(expectedLockM);
-    expectedM.reset();
+    BAS::MutexGuard const guard(expectationM.lock);
+    expectationM.file.reset();
 }
 
 bool CacheManager::isExpected(STR::FileIoTurbo const& reader) {
     {
-        BAS::MutexGuard const guard(expectedLockM);
-        if (!expectedM || expectedM->fileName != reader.fileName() || expectedM->version == reader.version())
+        BAS::MutexGuard const guard(expectationM.lock);
+        if (!expectationM.file || expectationM.file->name != reader.fileName() ||
+            expectationM.file->version == reader.version())
             return true;
     }
     report("ERR_FILE_CHANGED", BAS::Status::MAJOR, reader.fileName());
@@ -315,15 +316,18 @@ bool CacheManager::visitFile(BAS::String const& fileName, LineVisitor const& vis
 bool CacheManager::visitLines(BAS::String const& fileName, LineVisitor const& visit) {
     STR::FileIoTurbo reader;
     reopen(reader, fileName);
-    ParsedLine parsed;
+    RecordParser parser(codes(), numberOfColumnsM);
     FileLine shown;
+    std::string digits;
     ReadEnd const end = readLines(reader, [&](std::string_view line) {
-        shown = {shown.number + 1, parse(line, parsed), {}, {}, {}};
-        if (shown.outcome == LineOutcome::INSERTED) {
-            std::erase_if(parsed.number, [](char character) { return !PBC::Digits::isDecimal(character); });
-            shown.digits = parsed.number;
-            shown.validFrom = parsed.record.validFromM;
-            shown.network = parsed.record.networkIdM.view();
+        ParsedLine const parsed = parser.parse(line);
+        shown = {shown.number + 1, parsed.outcome, {}, {}, {}};
+        if (parsed.outcome == LineOutcome::INSERTED) {
+            digits = parsed.number;
+            std::erase_if(digits, [](char character) { return !PBC::Digits::isDecimal(character); });
+            shown.digits = digits;
+            shown.validFrom = parsed.validFrom;
+            shown.network = parsed.words[2];
         }
         visit(shown);
     });
@@ -331,7 +335,7 @@ bool CacheManager::visitLines(BAS::String const& fileName, LineVisitor const& vi
 }
 
 void CacheManager::noteCounts(LineCounts const& counts, STR::FileIoTurbo const& reader) {
-    countsM = counts;
+    loadingM.counts = counts;
     if (counts.withoutDigits > 0)
         OwnerServices::report(*plugInM, "ERR_NUMBERS_WITHOUT_DIGITS", BAS::Status::WARNING,
                               {BAS::String::convert(counts.withoutDigits),
@@ -340,7 +344,7 @@ void CacheManager::noteCounts(LineCounts const& counts, STR::FileIoTurbo const& 
 
 // Reads into the standby tree and keeps the lines.
 CacheManager::ReadEnd CacheManager::fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted) {
-    TreeFilling filling(*this, reader, *standbyTreeM);
+    TreeFilling filling(means(reader), *standbyTreeM);
     ReadEnd const end = readLines(reader, [&](std::string_view line) {
         filling.add(line);
         lines.append(line);
@@ -365,10 +369,10 @@ bool CacheManager::readError(STR::FileIoTurbo const& reader) {
 // Exchanges the tree and the active one.
 void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
     tree->prepare();
-    goOn();
+    loadStopM.goOn();
     BAS::DateTime const now = BAS::DateTime::now();
-    if (!treeLockM.acquireWriteUnless(loadsStoppedM)) // a print may last
-        throw LoadStopped();
+    if (!treeLockM.acquireWriteUnless(loadStopM.flag())) // a print may last
+        throw LoadStop::Stopped();
     activeTreeM.swap(tree);
     liveSinceM = now;
     treeLockM.releaseWrite();
@@ -377,24 +381,24 @@ void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
 // Feeds the former active tree the lines that the now active one was given, and drops them.
 void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
     try {
-        TreeFilling filling(*this, reader, *standbyTreeM);
+        TreeFilling filling(means(reader), *standbyTreeM);
         lines.consume([&](std::string_view line, unsigned long) { filling.add(line); });
         filling.finish();
-        standbyCompleteM = true;
-    } catch (LoadStopped const&) { // the new data are live; no load comes that would use the standby tree
+        loadingM.standbyComplete = true;
+    } catch (LoadStop::Stopped const&) { // the new data are live; no load comes that would use the standby tree
         standbyTreeM->clearAndDestroy();
     }
 }
 
 void CacheManager::restoreStandby() {
-    standbyTreeM->copyFrom(active(), [this] { goOn(); });
-    standbyCompleteM = true;
+    standbyTreeM->copyFrom(active(), [this] { loadStopM.goOn(); });
+    loadingM.standbyComplete = true;
 }
 
 // After a load that ran out of memory or was stopped: frees what the standby tree holds and tries to restore it. If even
 // that fails, the next delta load tries again before it uses the tree; after a stop there is none.
 void CacheManager::abandonStandby() noexcept {
-    if (standbyCompleteM)
+    if (loadingM.standbyComplete)
         return;
     try {
         restoreStandby();
@@ -411,7 +415,7 @@ void CacheManager::rewriteMainFile() {
     BAS::String inPlaceReason;
     try {
         STR::FileIo file(dataFileNameM, std::ios_base::out, STR::FileIo::IF_NEEDED);
-        NumberPortabilityTree const& merged = standbyCompleteM ? *standbyTreeM : active();
+        NumberPortabilityTree const& merged = loadingM.standbyComplete ? *standbyTreeM : active();
         merged.printTree(file.stream(), false);
         noteMainFile(file.closeFile(), file.version());
         inPlaceReason = file.inPlaceReason();
@@ -428,10 +432,10 @@ void CacheManager::rewriteMainFile() {
 
 // Without a version the file is as it was before.
 void CacheManager::noteMainFile(bool saved, STR::FileVersion const& version) {
-    BAS::MutexGuard const guard(mainFileLockM);
-    unsavedM = !saved;
+    BAS::MutexGuard const guard(mainFileM.lock);
+    mainFileM.unsaved = !saved;
     if (version != STR::FileVersion())
-        mainFileM = version;
+        mainFileM.version = version;
 }
 
 bool CacheManager::closeReader(STR::FileIoTurbo& reader) {

@@ -52,8 +52,8 @@ void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::D
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     std::vector<StoredPrefix> prefixes;
-    BAS::MutexGuard const one(otherReadsLockM);
-    ++otherReadsM;
+    BAS::MutexGuard const one(otherReadsM.lock);
+    ++otherReadsM.count;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return prefixes;
@@ -79,12 +79,12 @@ BAS::DateTime CacheManager::visitUpcoming(BAS::DateTime after, RecordVisitor con
 void CacheManager::describe(ServiceStatus& status) {
     status.dataFileName = dataFileNameM;
     {
-        BAS::MutexGuard const guard(mainFileLockM);
-        status.dataFileVersion = mainFileM;
-        status.unsaved = unsavedM;
+        BAS::MutexGuard const guard(mainFileM.lock);
+        status.dataFileVersion = mainFileM.version;
+        status.unsaved = mainFileM.unsaved;
     }
-    BAS::MutexGuard const one(otherReadsLockM);
-    status.lookUps = treeLockM.shortReads() - otherReadsM++;
+    BAS::MutexGuard const one(otherReadsM.lock);
+    status.lookUps = treeLockM.shortReads() - otherReadsM.count++;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
         return;
@@ -98,13 +98,13 @@ std::uint32_t CacheManager::numOfEntries() {
     auto const entries = [this]() NP_REQUIRES_SHARED(treeLockM) {
         return activeTreeM == nullptr ? 0 : activeTreeM->entries();
     };
-    if (treeLockM.acquireWriteUnless(loadsStoppedM)) {
+    if (treeLockM.acquireWriteUnless(loadStopM.flag())) {
         std::uint32_t const count = entries();
         treeLockM.releaseWrite();
         return count;
     }
-    BAS::MutexGuard const one(otherReadsLockM);
-    ++otherReadsM;
+    BAS::MutexGuard const one(otherReadsM.lock);
+    ++otherReadsM.count;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     return entries();
 }
@@ -129,6 +129,21 @@ bool CacheManager::printData(BAS::String const& target) {
     STR::FileIo file(target, std::ios_base::out);
     print(file.stream(), true);
     file.closeFile();
+    return true;
+}
+
+// Takes the tree as it is given: the caller sees to it that nobody else does.
+bool CacheManager::insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
+                               STR::FileIoTurbo& reader) {
+    LineReporter const reporter(*plugInM, codes(), reader);
+    RecordParser parser(codes(), numberOfColumnsM);
+    ParsedLine const parsed = parser.parse(line.view());
+    if (parsed.outcome != LineOutcome::INSERTED) {
+        reporter.report(parsed.fault(), line.view(), number);
+        return false;
+    }
+    if (!tree->insert(BAS::String(parsed.number), {parsed.validFrom, BAS::SimpleString(parsed.words[2])}, ordered))
+        reporter.reportDuplicate(parsed.number, parsed.validFrom, number);
     return true;
 }
 

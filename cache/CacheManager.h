@@ -10,7 +10,7 @@
 //
 // Threads:
 // - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread that runs one
-//   of them touches the standby tree, the readers and the line parser.
+//   of them touches the standby tree and the readers.
 // - search, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the first
 //   load has ended they find nothing.
 // - stopLoads: any thread, at any time, and signal handlers.
@@ -31,29 +31,27 @@
 #pragma once
 
 #include "cache/DataSummary.h"
+#include "cache/DiallingCodes.h"
 #include "cache/LoadProgress.h"
-#include "cache/RecordBatch.h"
+#include "cache/LoadStop.h"
+#include "cache/RecordParser.h"
 #include "cache/ServiceStatus.h"
+#include "cache/TreeFilling.h"
 #include "framework/BAS/Status.h"
 #include "framework/RW/RWReadersWriterLock.h"
 #include "framework/STR/FileIoTurbo.h"
 #include "store/NumberPortabilityTree.h"
 
-#include <array>
-#include <atomic>
 #include <cstdint>
-#include <exception>
 #include <iosfwd>
 #include <memory>
 #include <optional>
-#include <string>
-#include <string_view>
+#include <span>
 #include <vector>
 
 namespace DAT::NumberPortability {
 
 class LineStore;
-class TreeFilling;
 class PlugIn;
 
 class CacheManager {
@@ -102,21 +100,14 @@ class CacheManager {
     bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
 
     // Ends the load under way and refuses every later one, examine and visitFile included; waits for nothing.
-    void stopLoads() noexcept { loadsStoppedM.store(true, std::memory_order_relaxed); }
+    void stopLoads() noexcept { loadStopM.stop(); }
 
     // Parses one line into `tree` and reports what is wrong with it under the reader's file name. False when the line
     // was rejected for its form; true when it was inserted, and also when it was a duplicate.
     bool insertCache(NumberPortabilityTree* tree, BAS::String const& line, unsigned long number, bool ordered,
                      STR::FileIoTurbo& reader);
 
-    // How many lines a load gathers before it inserts them, RecordBatch::mostLinesCM at first. Before a load.
-    void gatherLines(std::uint32_t most) { linesGatheredM = most; }
-
-    // Rewrites a number into stored form: international access code, country code, national number. The first rule
-    // that applies decides: an empty number becomes international access code and country code; the international
-    // sign in front becomes the international access code; a number with the international access code in front
-    // stays; a national access code in front becomes international access code and country code; anything else gets
-    // these two in front. An empty code stands in front of every number. On std::bad_alloc the number is unchanged.
+    // Rewrites a number into stored form (see DiallingCodes). On std::bad_alloc the number is unchanged.
     void normalize(BAS::String& number) const;
 
     // Look-up in the active tree (see NumberPortabilityTree); the number is not normalised.
@@ -154,24 +145,11 @@ class CacheManager {
 
     // Lines read by the latest load, and what they were. For the loading thread.
     std::uint64_t linesRead() const { return progressM.lines(); }
-    LineCounts const& lineCounts() const { return countsM; }
+    LineCounts const& lineCounts() const { return loadingM.counts; }
 
     LoadProgress const& progress() const { return progressM; }
 
   private:
-    friend class TreeFilling;
-
-    // One line, taken apart. The words are views of it.
-    struct ParsedLine {
-        std::array<std::string_view, 3> words; // number, valid-from, network
-        std::size_t found = 0;                 // words in all
-        std::string number;                    // in stored form
-        PBC::Digits key;                       // its first digits
-        bool isLong = false;                   // it has more than those
-        bool hasDigit = false;                 // the number as it is written has one
-        NumberPortabilityData record;
-    };
-
     // How the reading of a file ended.
     enum class ReadEnd { END_AT_READ, END_BEFORE_READ, ERROR };
 
@@ -179,23 +157,17 @@ class CacheManager {
     template <class Take>
     ReadEnd readLines(STR::FileIoTurbo& reader, Take&& take);
 
-    // INSERTED when the line is a record; nothing is inserted.
-    LineOutcome parse(std::string_view line, ParsedLine& parsed) const;
-    void storedForm(std::string_view number, std::string& stored) const;
-    unsigned long expectedFields(std::size_t found) const;
-    // Reports what is wrong with a line, as parse or a tree has found it.
-    void reportLine(LineOutcome outcome, std::string_view line, unsigned long number, STR::FileIoTurbo const& reader);
-
-    struct LoadStopped {};
+    DiallingCodes codes() const {
+        return {nationalAccessCodeM, internationalAccessCodeM, countryCodeM, internationalAccessCodeSignM};
+    }
+    // What fills trees with lines of the reader's file.
+    TreeFilling::Means means(STR::FileIoTurbo const& reader) const {
+        return {codes(), numberOfColumnsM, LineReporter(*plugInM, codes(), reader), loadStopM};
+    }
 
     // Runs a load, with the report that is due when it was stopped.
     template <class Load>
     bool unlessStopped(BAS::String const& fileName, Load&& load);
-    // Where a load may end; throws LoadStopped.
-    void goOn() const {
-        if (loadsStoppedM.load(std::memory_order_relaxed)) [[unlikely]]
-            throw LoadStopped();
-    }
     // Runs what fills the standby tree, which it leaves as the active one or marked as incomplete.
     template <class Load>
     bool usingStandby(Load&& load);
@@ -229,39 +201,67 @@ class CacheManager {
     // For the loading thread, the only one that ever exchanges the trees.
     NumberPortabilityTree& active() NP_NO_THREAD_SAFETY_ANALYSIS { return *activeTreeM; }
 
+    // These eleven have their order from the system.
+
+    // The constructor's, and constant from then on: any thread reads it.
     BAS::String dataFileNameM;
+    // The loading thread's: closed by a load that went well, and otherwise by the next one.
     STR::FileIoTurbo dataFileIoM;
     STR::FileIoTurbo deltaFileIoM;
+    // The plug-in's texts, constant from the constructor on: any thread reads them.
     BAS::String const& nationalAccessCodeM;
     BAS::String const& internationalAccessCodeM;
     BAS::String const& countryCodeM;
     BAS::String const& internationalAccessCodeSignM;
-    std::uint32_t numberOfColumnsM;
+    std::uint32_t const numberOfColumnsM;
+    // The constructor decides whether there are trees. Only the loading thread exchanges them, so it may look at the
+    // active one without the lock.
     std::unique_ptr<NumberPortabilityTree> activeTreeM NP_GUARDED_BY(treeLockM);
-    std::unique_ptr<NumberPortabilityTree> standbyTreeM; // the loading thread's
+    // The loading thread's: nobody else ever sees it.
+    std::unique_ptr<NumberPortabilityTree> standbyTreeM;
     RWReadersWriterLock treeLockM;
-    PlugIn* plugInM;
+    PlugIn* const plugInM;
 
-    bool standbyCompleteM = true; // the loading thread's: the standby tree holds the active tree's records
-    std::uint32_t linesGatheredM = RecordBatch::mostLinesCM;
-    LineCounts countsM; // the loading thread's: of the first parse of the latest load's lines
+    // Changes with the active tree.
     BAS::DateTime liveSinceM NP_GUARDED_BY(treeLockM);
-    bool mainFileLoadedM = false; // the loading thread's: the main file has been read to its end
-    BAS::Mutex mainFileLockM;
-    STR::FileVersion mainFileM NP_GUARDED_BY(mainFileLockM); // as it was loaded or last written
-    bool unsavedM NP_GUARDED_BY(mainFileLockM) = false;      // records are served that are not in it
-    LoadProgress progressM;
-    std::atomic<bool> loadsStoppedM{false};
-    // Short reads that are no look-ups: one at a time and held for its length, so that every one counted has ended.
-    BAS::Mutex otherReadsLockM;
-    std::uint64_t otherReadsM NP_GUARDED_BY(otherReadsLockM) = 0;
 
-    struct Expected {
-        BAS::String fileName;
-        STR::FileVersion version;
+    // The loading thread's, from one load to the next.
+    struct Loading {
+        bool standbyComplete = true; // the standby tree holds the active tree's records
+        bool mainFileRead = false;   // the main file has been read to its end
+        LineCounts counts;           // of the first parse of the latest load's lines
     };
-    BAS::Mutex expectedLockM;
-    std::optional<Expected> expectedM NP_GUARDED_BY(expectedLockM);
+    Loading loadingM;
+
+    // Written by the loading thread, read by who asks how the plug-in stands.
+    struct MainFile {
+        BAS::Mutex lock;
+        STR::FileVersion version NP_GUARDED_BY(lock); // as it was loaded or last written
+        bool unsaved NP_GUARDED_BY(lock) = false;     // records are served that are not in it
+    };
+    MainFile mainFileM;
+
+    // Written by who checks files before they are loaded, read by the loading thread.
+    struct Expectation {
+        struct File {
+            BAS::String name;
+            STR::FileVersion version;
+        };
+        BAS::Mutex lock;
+        std::optional<File> file NP_GUARDED_BY(lock);
+    };
+    Expectation expectationM;
+
+    // Short reads that are no look-ups: one at a time and held for its length, so that every one counted has ended.
+    struct OtherReads {
+        BAS::Mutex lock;
+        std::uint64_t count NP_GUARDED_BY(lock) = 0;
+    };
+    OtherReads otherReadsM;
+
+    // Any thread's, without a lock: the loading thread counts, whoever ends loads raises the flag.
+    LoadProgress progressM;
+    LoadStop loadStopM;
 };
 
 } // namespace DAT::NumberPortability

@@ -6,7 +6,7 @@
 // line, in chunks of chunkSizeCM; a line that no chunk holds has one of its own. What a chunk has left when a line does
 // not fit any more stays unused.
 // Threads: none inside. Errors: append throws std::bad_alloc and then changes nothing; what a visitor throws travels.
-// Complexity: append linear in the line, visit and consume in the text.
+// Complexity: append linear in the line, consume in the text.
 #pragma once
 
 #include <algorithm>
@@ -28,19 +28,8 @@ class LineStore {
         chunksM.back().append(line);
     }
 
-    // Drops the lines and their memory.
-    void clear() { chunksM = std::vector<Chunk>(); }
-
-    // Calls visitor(std::string_view line, unsigned long number) for every line in order.
-    template <class Visitor>
-    void visit(Visitor&& visitor) const {
-        unsigned long number = 0;
-        for (Chunk const& chunk : chunksM)
-            chunk.visit(visitor, number);
-    }
-
-    // The same, but the memory of each chunk is freed as soon as its lines were visited. The store is empty from the
-    // start, also when the visitor throws.
+    // Calls visitor(std::string_view line, unsigned long number) for every line in order. The memory of each chunk is
+    // freed as soon as its lines were visited; the store is empty from the start, also when the visitor throws.
     template <class Visitor>
     void consume(Visitor&& visitor) {
         unsigned long number = 0;

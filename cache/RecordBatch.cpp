@@ -5,6 +5,24 @@
 
 namespace DAT::NumberPortability {
 
+void RecordBatch::add(ParsedLine const& parsed) {
+    appendLine(parsed.line);
+    std::uint32_t const line = lines() - 1;
+    if (parsed.outcome != LineOutcome::INSERTED) {
+        faultsM.push_back({line, parsed.fault()});
+        return;
+    }
+    NumberPortabilityData data;
+    data.validFromM = parsed.validFrom;
+    data.networkIdM = BAS::SimpleString(parsed.words[2]);
+    std::uint32_t written = 0;
+    if (!parsed.isKeyAll()) {
+        writtenM.push_back(parsed.column(0));
+        written = static_cast<std::uint32_t>(writtenM.size());
+    }
+    recordsM.push_back({parsed.key, std::move(data), line, written});
+}
+
 void RecordBatch::appendLine(std::string_view line) {
     textM.insert(textM.end(), line.begin(), line.end());
     endsM.push_back(textM.size());
@@ -16,6 +34,7 @@ void RecordBatch::clear() {
     textM.clear();
     endsM.clear();
     recordsM.clear();
+    writtenM.clear();
     faultsM.clear();
 }
 

@@ -2,14 +2,15 @@
 //
 // Purpose: records that enter a tree in the order of their numbers find what they need in the processor's caches, and
 // most data files are in no order. So a load gathers some hundred thousand lines, sorts their records by number and
-// inserts those; the lines stay at hand for what is to be reported of them, in their own order.
-// Units and ranges: positions of lines within the batch, from 0. A batch is full at mostLinesCM lines, or as
-// many as its maker says, or mostBytesCM bytes; one line more always fits.
+// inserts those; the lines stay at hand for what is to be reported of them, in their own order, and with them what the
+// parser has found, so that no line is parsed twice.
+// Units and ranges: positions of lines within the batch, from 0. A batch is full at as many lines as its maker says,
+// mostLinesCM in a load, or mostBytesCM bytes; one line more always fits.
 // Ownership: owns everything. Views and references stay valid until the next append or clear.
 // Threads: none inside. Errors: std::bad_alloc. Complexity: appending is amortised constant, sorting linear.
 #pragma once
 
-#include "cache/DataSummary.h"
+#include "cache/RecordParser.h"
 #include "store/Digits.h"
 #include "store/NumberPortabilityData.h"
 
@@ -24,25 +25,21 @@ class RecordBatch {
     static constexpr std::uint32_t mostLinesCM = 1U << 18;
     static constexpr std::size_t mostBytesCM = 16UL * 1024 * 1024;
 
-    explicit RecordBatch(std::uint32_t mostLines = mostLinesCM) : mostLinesM(mostLines) {}
+    explicit RecordBatch(std::uint32_t mostLines) : mostLinesM(mostLines) {}
 
     struct Record {
         PBC::Digits key; // the number's first digits
         NumberPortabilityData data;
         std::uint32_t line;
-        bool isLong; // the number has more digits than the key
+        std::uint32_t written; // where its number stands as written, from 1; 0 when the key says it all
     };
-    struct Fault { // a line that was not stored
+    struct Fault { // of a line that is no record
         std::uint32_t line;
-        LineOutcome outcome;
+        LineFault what;
     };
 
-    // Keeps a copy of the line; record or fault below belong to the line appended last.
-    void appendLine(std::string_view line);
-    void addRecord(PBC::Digits const& key, bool isLong, NumberPortabilityData data) {
-        recordsM.push_back({key, std::move(data), lines() - 1, isLong});
-    }
-    void addFault(LineOutcome outcome) { faultsM.push_back({lines() - 1, outcome}); }
+    // Keeps a copy of the line and what the parser has found in it.
+    void add(ParsedLine const& parsed);
 
     std::uint32_t lines() const { return static_cast<std::uint32_t>(endsM.size()); }
     bool isFull() const { return lines() >= mostLinesM || textM.size() >= mostBytesCM; }
@@ -50,7 +47,11 @@ class RecordBatch {
         std::size_t const begin = position == 0 ? 0 : endsM[position - 1];
         return {textM.data() + begin, endsM[position] - begin};
     }
-    std::vector<Fault> const& faults() const { return faultsM; }
+    std::vector<Fault> const& faults() const { return faultsM; } // in the order of the lines
+    // The number as the line has it, of a record whose key does not say it all.
+    std::string_view writtenNumber(Record const& record) const {
+        return writtenM[record.written - 1].of(line(record.line));
+    }
 
     // Calls visitor(Record const&) for every record by ascending key, those of one key in the order of their lines.
     template <class Visitor>
@@ -73,6 +74,7 @@ class RecordBatch {
         std::uint32_t record;
     };
 
+    void appendLine(std::string_view line);
     void sort();
     void sortByByte(unsigned shift);
 
@@ -80,6 +82,7 @@ class RecordBatch {
     std::vector<char> textM;
     std::vector<std::size_t> endsM; // of the lines in textM
     std::vector<Record> recordsM;
+    std::vector<Column> writtenM; // numbers, in their lines; most records have none
     std::vector<Fault> faultsM;
     std::vector<Place> orderM;
     std::vector<Place> spareM;

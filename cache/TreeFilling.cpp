@@ -5,16 +5,14 @@
 namespace DAT::NumberPortability {
 
 void TreeFilling::add(std::string_view line) {
-    batchM.appendLine(line);
-    LineOutcome const outcome = cacheManagerM.parse(line, parsedM);
-    lastAcceptedM = outcome == LineOutcome::INSERTED;
+    ParsedLine const parsed = parserM.parse(line);
+    batchM.add(parsed);
+    lastAcceptedM = parsed.outcome == LineOutcome::INSERTED;
     if (lastAcceptedM) {
         ++acceptedM;
-        if (!parsedM.hasDigit && countsM.withoutDigits++ == 0)
+        if (!parsed.hasDigit && countsM.withoutDigits++ == 0)
             countsM.firstWithoutDigits = linesBeforeM + batchM.lines();
-        batchM.addRecord(parsedM.key, parsedM.isLong, parsedM.record);
-    } else
-        batchM.addFault(outcome);
+    }
     if (batchM.isFull())
         insertBatch();
 }
@@ -23,48 +21,72 @@ void TreeFilling::finish() {
     insertBatch();
 }
 
+// Both trees first and then the reports: a line that is wrong is told of once per tree, one right after the other.
 void TreeFilling::insertBatch() {
-    Faults const first = insertInto(*treesM[0]);
-    report(first, treesM[1] == nullptr ? Faults() : insertInto(*treesM[1]));
-    countsM.rejected += first.size();
-    for (RecordBatch::Fault const& fault : first)
-        countsM.duplicates += fault.outcome == LineOutcome::DUPLICATE ? 1U : 0U;
+    Duplicates const first = insertInto(firstM);
+    Duplicates const second = secondM == nullptr ? Duplicates() : insertInto(*secondM);
+    report(first, second);
+    countsM.rejected += batchM.faults().size() + first.size();
+    countsM.duplicates += first.size();
     linesBeforeM += batchM.lines();
     batchM.clear();
 }
 
-// Everything that is wrong with lines of the batch, by line.
-TreeFilling::Faults TreeFilling::insertInto(NumberPortabilityTree& tree) {
-    Faults faults = batchM.faults();
+TreeFilling::Duplicates TreeFilling::insertInto(NumberPortabilityTree& tree) {
+    Duplicates duplicates;
     NumberPortabilityTree::Filler filler(tree);
     batchM.visitSorted([&](RecordBatch::Record const& record) {
-        cacheManagerM.goOn();
-        bool inserted = false;
-        if (record.isLong) {
-            cacheManagerM.parse(batchM.line(record.line), parsedM);
-            inserted = filler.insert(BAS::String(parsedM.number), record.data);
-        } else {
-            inserted = filler.insert(record.key, record.data);
-        }
-        if (!inserted)
-            faults.push_back({record.line, LineOutcome::DUPLICATE});
+        stopM.goOn();
+        // A full key may be cut off: what more digits there are shows in the number alone.
+        bool const isCut = record.written != 0 && record.key.length() == PBC::Digits::mostCM;
+        if (!(isCut ? filler.insert(BAS::String(storedNumber(record)), record.data)
+                    : filler.insert(record.key, record.data)))
+            duplicates.push_back(&record);
     });
-    std::sort(faults.begin(), faults.end(), [](auto const& left, auto const& right) { return left.line < right.line; });
-    return faults;
+    // They came by number. A batch has its records in the order of their lines, one behind the other.
+    std::sort(duplicates.begin(), duplicates.end());
+    return duplicates;
 }
 
-void TreeFilling::report(Faults const& first, Faults const& second) {
+// Faults and duplicates come by line each, and are told of by line.
+void TreeFilling::report(Duplicates const& first, Duplicates const& second) {
+    auto fault = batchM.faults().begin();
+    auto const faultsBefore = [&](std::uint32_t line) {
+        for (; fault != batchM.faults().end() && fault->line < line; ++fault)
+            reject(fault->line, fault->what.outcome, secondM != nullptr,
+                   [&](unsigned long number) { reporterM.report(fault->what, batchM.line(fault->line), number); });
+    };
     auto other = second.begin();
-    for (RecordBatch::Fault const& fault : first) {
-        cacheManagerM.goOn();
-        std::string_view const line = batchM.line(fault.line);
-        unsigned long const number = linesBeforeM + fault.line + 1;
-        cacheManagerM.reportLine(fault.outcome, line, number, readerM);
-        if (onRejectM)
-            onRejectM(number, fault.outcome, BAS::String(line));
-        if (other != second.end() && other->line == fault.line)
-            cacheManagerM.reportLine((other++)->outcome, line, number, readerM);
+    for (RecordBatch::Record const* const duplicate : first) {
+        faultsBefore(duplicate->line);
+        bool const twice = other != second.end() && *other == duplicate;
+        other += twice ? 1 : 0;
+        reject(duplicate->line, LineOutcome::DUPLICATE, twice, [&](unsigned long number) {
+            reporterM.reportDuplicate(storedNumber(*duplicate), duplicate->data.validFromM, number);
+        });
     }
+    faultsBefore(batchM.lines());
+}
+
+// The observer hears of a line once, right after the first report.
+template <class Report>
+void TreeFilling::reject(std::uint32_t line, LineOutcome outcome, bool twice, Report&& make) {
+    stopM.goOn(); // reports to a slow log may take longer than all the rest
+    unsigned long const number = linesBeforeM + line + 1;
+    make(number);
+    if (onRejectM)
+        onRejectM(number, outcome, BAS::String(batchM.line(line)));
+    if (twice)
+        make(number);
+}
+
+std::string TreeFilling::storedNumber(RecordBatch::Record const& record) const {
+    std::string number;
+    if (record.written != 0)
+        return std::string(codesM.storedForm(batchM.writtenNumber(record), number));
+    for (unsigned i = 0; i < record.key.length(); ++i)
+        number += static_cast<char>('0' + record.key.at(i));
+    return number;
 }
 
 } // namespace DAT::NumberPortability

@@ -1,27 +1,41 @@
 // DAT::NumberPortability::TreeFilling: puts the lines of one load into the trees that it fills.
 //
-// Purpose: the one way of every load from lines to trees: gathers lines in a batch, inserts its records in the order of
-// their numbers, and reports what is wrong with lines in the order of the lines, once for every tree.
-// Ownership: borrows the cache manager, the reader (for its name) and the trees. Threads: the loading thread.
-// Errors: std::bad_alloc, and what says that loads are stopped; lines of the batch under way may then be in one tree and
-// not in another, and unreported.
+// Purpose: the one way of every load from lines to trees: parses each line once, gathers lines in a batch, inserts its
+// records in the order of their numbers, and reports what is wrong with lines in the order of the lines, once for every
+// tree.
+// Ownership: borrows the word that ends loads, what parser and reporter borrow, and the trees.
+// Threads: the loading thread. Errors: std::bad_alloc and LoadStop::Stopped; lines of the batch under way may then be in
+// one tree and not in another, and unreported.
 // Complexity: linear in the lines; holds up to a batch of them.
 #pragma once
 
-#include "cache/CacheManager.h"
+#include "cache/LineReporter.h"
+#include "cache/LoadStop.h"
 #include "cache/RecordBatch.h"
+#include "cache/RecordParser.h"
+#include "store/NumberPortabilityTree.h"
 
-#include <array>
+#include <string>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
 class TreeFilling {
   public:
+    // What fills the trees of a load.
+    struct Means {
+        DiallingCodes codes;
+        std::uint32_t columns; // as of RecordParser
+        LineReporter reporter;
+        LoadStop const& stop;
+        std::uint32_t linesGathered = RecordBatch::mostLinesCM;
+    };
+
     // Without a second tree `second` is null. `onReject` may be empty; it is told of every line that is not stored.
-    TreeFilling(CacheManager& cacheManager, STR::FileIoTurbo const& reader, NumberPortabilityTree& first,
-                NumberPortabilityTree* second = nullptr, RejectObserver onReject = {})
-        : cacheManagerM(cacheManager), readerM(reader), treesM{&first, second}, onRejectM(std::move(onReject)),
-          batchM(cacheManager.linesGatheredM) {}
+    TreeFilling(Means const& means, NumberPortabilityTree& first, NumberPortabilityTree* second = nullptr,
+                RejectObserver onReject = {})
+        : stopM(means.stop), parserM(means.codes, means.columns), reporterM(means.reporter), codesM(means.codes),
+          firstM(first), secondM(second), onRejectM(std::move(onReject)), batchM(means.linesGathered) {}
     TreeFilling(TreeFilling const&) = delete;
     TreeFilling& operator=(TreeFilling const&) = delete;
 
@@ -36,18 +50,24 @@ class TreeFilling {
     std::uint64_t accepted() const { return acceptedM; }
 
   private:
-    using Faults = std::vector<RecordBatch::Fault>;
+    // Records that a tree refused, by line; they are the batch's.
+    using Duplicates = std::vector<RecordBatch::Record const*>;
 
     void insertBatch();
-    Faults insertInto(NumberPortabilityTree& tree);
-    void report(Faults const& first, Faults const& second);
+    Duplicates insertInto(NumberPortabilityTree& tree);
+    void report(Duplicates const& first, Duplicates const& second);
+    template <class Report>
+    void reject(std::uint32_t line, LineOutcome outcome, bool twice, Report&& make);
+    std::string storedNumber(RecordBatch::Record const& record) const;
 
-    CacheManager& cacheManagerM;
-    STR::FileIoTurbo const& readerM;
-    std::array<NumberPortabilityTree*, 2> treesM;
+    LoadStop const& stopM;
+    RecordParser parserM;
+    LineReporter reporterM;
+    DiallingCodes codesM;
+    NumberPortabilityTree& firstM;
+    NumberPortabilityTree* secondM;
     RejectObserver onRejectM;
     RecordBatch batchM;
-    CacheManager::ParsedLine parsedM;
     unsigned long linesBeforeM = 0; // the batch
     LineCounts countsM;
     std::uint64_t acceptedM = 0;

@@ -1,6 +1,7 @@
 // The cache manager alone: normalisation, the record parser, load, reload, delta load, and look-ups meanwhile.
 #include "cache/LineStore.h"
 #include "cache/RecordBatch.h"
+#include "cache/TreeFilling.h"
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FilePlace.h"
 #include "tests/OwnerDouble.h"
@@ -195,48 +196,75 @@ TEST_F(Cache, TakesLinesOfAnyColumnCountThatHoldsARecord) {
     }
 }
 
-// However few lines are gathered before they are inserted, the same is stored, reported and counted.
-TEST_F(Cache, LoadsAlikeInBatchesOfAnyLength) {
-    std::string lines;
-    for (int i = 0; i < 21; ++i) // the last one is good
-        lines += i % 4 == 3 ? "bad\n"
-                            : (i == 17 ? "NULL" : "017" + std::to_string(i % 7)) + " 20240101000000 N" +
-                                  std::to_string(i) + "\n";
-    struct Seen {
-        std::string listing;
-        std::vector<Arguments> reports;
-        std::vector<unsigned long> rejectedLines;
-        std::vector<std::uint64_t> counts;
-        bool operator==(Seen const&) const = default;
-    };
-    auto const load = [&](std::uint32_t gathered, std::function<bool()> const& act) {
-        use(codes);
-        if (gathered != 0)
-            cache->gatherLines(gathered);
-        write(lines);
+// However few lines are gathered before they are inserted, the same is stored, reported and counted as line by line.
+TEST_F(Cache, FillsTreesAlikeInBatchesOfAnyLength) {
+    std::vector<std::string> lines;
+    for (char const* const number : {"0171-1", "171", "+(171)1", "NULL", "+1234567890123456", "+1234567890123456-7",
+                                     "+12345678901234567", "+12345678901234568", "+123456789012345-6"})
+        for (std::string const& rest :
+             {" 20240101000000 A"s, " x B"s, " 20250101000000 N\0T"s, ""s, " 20250101000000 C"s, " 20240101000000 D"s})
+            lines.push_back(number + rest);
+    std::string stored;
+    std::vector<std::string> reports;
+    auto const see = [&](NumberPortabilityTree const& tree) {
+        std::ostringstream out;
+        tree.printTree(out, false);
+        stored = out.str();
+        reports.clear();
+        for (PlugIn::Report const& report : plugIn.reports) {
+            reports.push_back(report.identifier);
+            for (std::string const& argument : report.arguments)
+                reports.back() += "|" + argument;
+        }
         plugIn.reports.clear();
-        Seen seen;
-        EXPECT_TRUE(act());
-        LineCounts const& counts = cache->lineCounts();
-        seen.counts = {counts.rejected, counts.duplicates, counts.withoutDigits, counts.firstWithoutDigits};
-        DataSummary summary;
-        EXPECT_TRUE(cache->examine(
-            BAS::String(folder.file("main")), summary,
-            [&](unsigned long number, LineOutcome, BAS::String const&) { seen.rejectedLines.push_back(number); }, {}));
-        seen.listing = listing();
-        for (PlugIn::Report const& report : plugIn.reports)
-            seen.reports.push_back(report.arguments);
-        return seen;
     };
-    std::function<bool()> const first = [&] { return cache->load(); };
-    std::function<bool()> const reload = [&] { return cache->cacheReload(false); };
-    for (auto const& act : {first, reload}) {
-        Seen const whole = load(0, act);
-        EXPECT_EQ(whole.counts, (std::vector<std::uint64_t>{13, 8, 1, 18}));
-        EXPECT_EQ(whole.rejectedLines.size(), 13U);
-        for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 20U})
-            EXPECT_EQ(load(gathered, act), whole) << gathered;
-    }
+    STR::FileIoTurbo reader;
+    auto const expectAlike = [&](std::uint64_t withoutDigits, std::uint64_t firstWithoutDigits) {
+        NumberPortabilityTree lineByLine;
+        std::vector<unsigned long> rejectedLines;
+        for (unsigned long number = 1; number <= lines.size(); ++number) {
+            cache->insertCache(&lineByLine, lines[number - 1], number, true, reader);
+            rejectedLines.resize(plugIn.reports.size(), number);
+        }
+        see(lineByLine);
+        std::string const expected = stored;
+        std::vector<std::string> once = reports, twice;
+        for (std::string const& report : once)
+            twice.insert(twice.end(), 2, report);
+        auto const isDuplicate = [](std::string const& report) { return report.starts_with("ERR_DUPLICATE"); };
+        auto const duplicates = static_cast<std::uint64_t>(std::count_if(once.begin(), once.end(), isDuplicate));
+        ASSERT_GT(duplicates, 5U);
+        for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 53U, 54U, 1000U})
+            for (bool const two : {false, true}) {
+                SCOPED_TRACE(std::to_string(gathered) + (two ? " into two trees" : ""));
+                DiallingCodes const dialling(codes.national, codes.international, codes.country, codes.sign);
+                LoadStop const stop;
+                NumberPortabilityTree first, second;
+                std::vector<unsigned long> told;
+                TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
+                                    two ? &second : nullptr,
+                                    [&](unsigned long number, LineOutcome, BAS::String const& line) {
+                                        told.push_back(number);
+                                        EXPECT_EQ(line.str(), lines[number - 1]);
+                                    });
+                for (std::string const& line : lines)
+                    filling.add(line);
+                filling.finish();
+                see(first);
+                EXPECT_EQ(stored, expected);
+                EXPECT_EQ(reports, two ? twice : once);
+                see(second);
+                EXPECT_EQ(stored, two ? expected : "");
+                EXPECT_EQ(told, rejectedLines);
+                EXPECT_EQ(filling.counts().rejected, told.size());
+                EXPECT_EQ(filling.counts().duplicates, duplicates);
+                EXPECT_EQ(filling.counts().withoutDigits, withoutDigits);
+                EXPECT_EQ(filling.counts().firstWithoutDigits, firstWithoutDigits);
+            }
+    };
+    expectAlike(3, 19);
+    use({"0", "", "44", "+"}); // a number may then be left without a digit
+    expectAlike(0, 0);
 }
 
 // What is told in the end belongs together.
@@ -263,7 +291,6 @@ TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
     for (std::uint32_t i = 0; i < count; ++i)
         lines += "017" + std::to_string(1'000'000 + i) + " 20240101000000 N\n";
     write(lines);
-    cache->gatherLines(1000);
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
     auto const look = [&](bool isFound) { wrong += isFound && cache->numOfEntries() != count ? 1 : 0; };
@@ -991,21 +1018,17 @@ TEST(LineStore, GivesLinesBackInOrderAcrossChunks) {
                                manyLines}) {
         for (std::string const& text : lines)
             store.append(text);
-        Lines visited, consumed;
+        Lines consumed;
         auto const into = [](Lines& to) {
             return [&to](std::string_view text, unsigned long number) {
                 to.emplace_back(text);
                 ASSERT_EQ(number, to.size());
             };
         };
-        store.visit(into(visited));
-        EXPECT_TRUE(visited == lines) << lines.size() << " lines";
         store.consume(into(consumed));
         EXPECT_TRUE(consumed == lines) << lines.size() << " lines";
-        store.visit([](std::string_view, unsigned long) { FAIL() << "consumed"; });
+        store.consume([](std::string_view, unsigned long) { FAIL() << "consumed"; });
     }
-    store.append("dropped");
-    store.clear();
     store.append("kept");
     store.append("dropped by the visitor that throws");
     EXPECT_THROW(store.consume([](std::string_view text, unsigned long number) {
@@ -1014,5 +1037,5 @@ TEST(LineStore, GivesLinesBackInOrderAcrossChunks) {
         throw std::runtime_error("enough");
     }),
                  std::runtime_error);
-    store.visit([](std::string_view, unsigned long) { FAIL() << "dropped"; });
+    store.consume([](std::string_view, unsigned long) { FAIL() << "dropped"; });
 }

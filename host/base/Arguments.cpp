@@ -183,8 +183,4 @@ char const* const exitStatusHelpCM = R"(Exit status:
   2  a usage, configuration or file error; one line on standard error says which
   3  'check --guard': the guard would refuse the file; 'run': it refuses the first load)";
 
-Option addConfiguration(Arguments& arguments, CommonOptions& common, std::string const& help) {
-    return arguments.add("-c,--config", "FILE", common.configuration, help);
-}
-
 } // namespace nphost

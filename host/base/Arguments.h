@@ -23,11 +23,7 @@ class Option;
 
 namespace nphost {
 
-// What every command is told.
-struct CommonOptions {
-    std::filesystem::path configuration;
-    bool verbose = false;
-};
+struct CommonOptions;
 
 // One option or positional argument that was declared.
 class Option {
@@ -87,7 +83,8 @@ class Arguments {
     Run& chosenM;
 };
 
-// A command of the program. `declare` is called before anything is parsed.
+// A command of the program. `declare` is called before anything is parsed; the common options (config/CommonOptions.h)
+// are filled when the command runs.
 struct Command {
     char const* name;
     char const* description;
@@ -112,9 +109,6 @@ class ArgumentParser {
     Arguments::Run chosenM;
     Arguments topM;
 };
-
-Option addConfiguration(Arguments& arguments, CommonOptions& common,
-                        std::string const& help = "The configuration file, TOML (required)");
 
 // For footers: what the exit statuses mean of a command that has none of its own.
 extern char const* const exitStatusHelpCM;

@@ -4,6 +4,8 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/Interruption.h"
 #include "host/base/StandardError.h"
+#include "host/cli/Sections.h"
+#include "host/config/CommonOptions.h"
 #include "host/daemon/CtlCommand.h"
 #include "host/daemon/RunCommand.h"
 #include "host/diff/DiffCommand.h"
@@ -36,6 +38,7 @@ constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM, &pr
 
 int runChecked(int argc, char const* const* argv) {
     CommonOptions common;
+    common.sections = sectionsCM;
     ArgumentParser parser("Says to which network a telephone number belonged at an instant.", "nphost",
                           "nphost " NP_VERSION);
     parser.top().flag("-v,--verbose", common.verbose, "Show the whole log on standard error");

@@ -5,7 +5,8 @@
 #include "host/base/Instant.h"
 #include "host/base/Output.h"
 #include "host/base/Text.h"
-#include "host/config/Configuration.h"
+#include "host/config/CommonOptions.h"
+#include "host/config/DaemonFiles.h"
 #include "host/daemon/ControlProtocol.h"
 #include "host/fields/FieldOptions.h"
 #include "host/fields/NumberText.h"
@@ -50,6 +51,7 @@ Exit status:
 struct CtlOptions {
     std::filesystem::path socket;        // or
     std::filesystem::path configuration; // which names it
+    Sections sections;                   // that it may have
     bool json = false;
 
     std::string command; // its name
@@ -526,7 +528,7 @@ std::filesystem::path socketOf(CtlOptions const& options) {
         return options.socket;
     if (options.configuration.empty())
         throw HostError("--socket PATH or --config FILE must say where the daemon is");
-    std::filesystem::path socket = readConfiguration(options.configuration).socket;
+    std::filesystem::path socket = readConfiguration(options.configuration, options.sections).of<DaemonFiles>().socket;
     if (socket.empty())
         throw HostError(options.configuration.string() + ": there is no key 'socket' in [host]");
     return socket;
@@ -631,6 +633,7 @@ void declareCtl(Arguments& arguments, CommonOptions& common) {
         own.runs([options, &common, &each] {
             options->command = each.name;
             options->configuration = common.configuration;
+            options->sections = common.sections;
             return ctl(*options, each.run);
         });
     }

@@ -4,6 +4,7 @@
 #include "host/base/HostError.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/config/DaemonFiles.h"
 #include "host/daemon/ClientModules.h"
 #include "host/daemon/Daemon.h"
 #include "host/log/OwnReport.h"
@@ -84,7 +85,7 @@ FirstLoad loadUnlessStopped(Host& host, LoadGuard& guard, Signals& signals, bool
 
 // Lines of the log would break the data or the configuration.
 std::filesystem::path checkedLogFile(RunOptions const& options, Configuration const& configuration) {
-    std::filesystem::path file = options.logFile.empty() ? configuration.logFile : options.logFile;
+    std::filesystem::path file = options.logFile.empty() ? configuration.of<DaemonFiles>().logFile : options.logFile;
     char const* const kept = KeptFiles{configuration.dataFile(), options.common.configuration}.nameOf(file);
     if (!file.empty() && kept != nullptr)
         throw HostError("the log file " + visible(file.native()) + " is " + kept);
@@ -94,22 +95,22 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
 int runDaemon(RunOptions const& options) {
     Signals signals;
     StandardError::beOfService();
-    Configuration configuration = readConfiguration(options.common.configuration);
+    Configuration configuration = options.common.readConfiguration();
     std::filesystem::path const logFile = checkedLogFile(options, configuration);
     LogTarget target(logFile);
     ServiceNotifier notifier;
     // Before the load: two daemons must not both work on one data file for as long as a load takes.
     std::optional<ListeningSocket> socket;
-    if (!configuration.socket.empty())
-        socket.emplace(configuration.socket);
-    bool const announceChanges = configuration.announceChanges;
+    if (std::filesystem::path const path = configuration.of<DaemonFiles>().socket; !path.empty())
+        socket.emplace(path);
+    bool const announceChanges = configuration.of<ChangeNotices::Settings>().announceChanges;
     std::filesystem::path const dataFolder = std::filesystem::path(configuration.dataFile()).parent_path();
-    auto const deltaFolders = configuration.deltaFolders.value_or(std::vector{dataFolder});
+    auto const deltaFolders = configuration.of<DeltaFolders::Settings>().deltaFolders.value_or(std::vector{dataFolder});
     notifier.status("loading");
 
-    std::vector<std::filesystem::path> const clientFiles = std::move(configuration.clients);
+    std::vector<std::filesystem::path> const clientFiles = configuration.of<ClientModules::Settings>().clients;
     ReportHub hub;
-    GuardLimits const limits = configuration.guard;
+    GuardLimits const limits = configuration.of<GuardLimits>();
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     LoadGuard guard(limits, host.plugIn(), host.log());
     DataFileState dataFile(host.plugIn());

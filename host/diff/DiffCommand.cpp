@@ -130,7 +130,7 @@ class Comparing {
   private:
     // The plug-in wants a data file that it can open; the configured one is not touched.
     static Configuration configurationFor(DiffOptions const& options) {
-        Configuration configuration = readConfiguration(options.common.configuration);
+        Configuration configuration = options.common.readConfiguration();
         for (std::string const& file : {options.before, options.after})
             StandardError::keepOff(file, "one of the files");
         configuration.useDataFile(options.before);

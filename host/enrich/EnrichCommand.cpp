@@ -5,6 +5,7 @@
 #include "host/base/Interruption.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/config/DaemonFiles.h"
 #include "host/enrich/EnrichPipeline.h"
 #include "host/fields/FieldOptions.h"
 #include "host/module/Host.h"
@@ -277,13 +278,13 @@ int enrichCompleted(EnrichOptions const& options) {
     RecordFormat const format = formatOf(options);
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);
-    Configuration configuration = readConfiguration(options.common.configuration);
+    Configuration configuration = options.common.readConfiguration();
     FileRoles{options.inputs,
               options.output,
               options.rejects,
               {{configuration.dataFile(), "the data file itself"},
                {options.common.configuration, "the configuration file"},
-               {configuration.logFile, "the daemon's log"}}}
+               {configuration.of<DaemonFiles>().logFile, "the daemon's log"}}}
         .check();
     Host host(std::move(configuration), options.common);
     RecordInput input(options.inputs, format);

@@ -132,16 +132,6 @@ bool isWithheld(std::string_view text) {
 
 } // namespace
 
-DiallingCodes diallingCodesOf(Configuration const& configuration) {
-    BAS::RegistryEntry const* const plugIn = configuration.registry.find(plugInNameCM);
-    auto const value = [plugIn](char const* key, char const* otherwise) {
-        BAS::RegistryEntry const* const entry = plugIn == nullptr ? nullptr : plugIn->find(key);
-        return entry == nullptr ? std::string(otherwise) : entry->value().str();
-    };
-    return {value("CountryCode", ""), value("NationalAccessCode", ""), value("InternationalAccessCode", "00"),
-            value("InternationalAccessCodeSign", "+")};
-}
-
 NumberKind readPlainNumber(std::string_view text, BAS::String& out) {
     std::string place;
     std::string_view const plain = plainNumberText(text, place);

@@ -32,23 +32,13 @@
 #pragma once
 
 #include "framework/BAS/String.h"
-#include "host/config/Configuration.h"
+#include "host/config/DiallingCodes.h"
 
 #include <functional>
 #include <string>
 #include <string_view>
 
 namespace nphost {
-
-struct DiallingCodes {
-    std::string country;
-    std::string nationalAccess;
-    std::string internationalAccess;
-    std::string sign; // stands for the international access code
-};
-
-// As the module takes them: those that are not configured have its defaults.
-DiallingCodes diallingCodesOf(Configuration const& configuration);
 
 // What a text is. Only of a NUMBER does the function that tells leave something in its `out`.
 enum class NumberKind { NUMBER, NONE, UNREADABLE, DECIMAL, NO_COUNTRY };

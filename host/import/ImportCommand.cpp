@@ -5,6 +5,7 @@
 #include "host/base/Interruption.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/config/DaemonFiles.h"
 #include "host/fields/FieldOptions.h"
 #include "host/import/FeedColumns.h"
 #include "host/import/FeedConversion.h"
@@ -308,7 +309,7 @@ void checkFiles(ImportOptions const& options, Configuration const& configuration
               options.output,
               options.rejects,
               {{options.common.configuration, "the configuration file"},
-               {configuration.logFile, "the daemon's log"},
+               {configuration.of<DaemonFiles>().logFile, "the daemon's log"},
                {configuration.dataFile(), "the data file", true}}}
         .check();
 }
@@ -318,7 +319,7 @@ int importChecked(ImportOptions options) {
     bool const isConfigured = !options.common.configuration.empty();
     if (options.normalise && !isConfigured)
         throw HostError("--normalise needs --config FILE, for the dialling codes");
-    Configuration configuration = isConfigured ? readConfiguration(options.common.configuration) : Configuration();
+    Configuration configuration = isConfigured ? options.common.readConfiguration() : Configuration();
     checkFiles(options, configuration);
     if (!options.normalise)
         return Import(options, nullptr).run();

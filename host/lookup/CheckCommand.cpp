@@ -238,7 +238,7 @@ class JsonReport : public Report {
 };
 
 Configuration configurationFor(CheckOptions const& options) {
-    Configuration configuration = readConfiguration(options.common.configuration);
+    Configuration configuration = options.common.readConfiguration();
     StandardError::keepOff(options.file, "the file itself");
     configuration.useDataFile(options.file);
     return configuration;
@@ -303,7 +303,7 @@ std::unique_ptr<Report> makeReport(CheckOptions const& options) {
 
 int check(CheckOptions const& options) {
     Configuration configuration = configurationFor(options);
-    GuardLimits const limits = configuration.guard;
+    GuardLimits const limits = configuration.of<GuardLimits>();
     if (options.guard && !limits.any())
         throw HostError(visible(options.common.configuration.native()) + ": there is no limit in [host.guard]");
     Host host(std::move(configuration), options.common);

@@ -185,7 +185,7 @@ int lookup(LookupOptions const& options) {
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
     if (!fromInput && !options.normalise)
         checkNumbers(options.numbers, nullptr);
-    Host host(readConfiguration(options.common.configuration), options.common);
+    Host host(options.common.readConfiguration(), options.common);
     if (!fromInput && options.normalise)
         checkNumbers(options.numbers, &host.numbers());
     host.start();

@@ -3,6 +3,7 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
 #include "host/base/Interruption.h"
+#include "host/config/DaemonFiles.h"
 #include "host/module/Host.h"
 #include "host/records/ResultTarget.h"
 #include "host/records/SameFile.h"
@@ -105,9 +106,9 @@ void printTo(Host& host, PieceTarget& target, PrintOptions const& options) {
 }
 
 int print(PrintOptions const& options) {
-    Configuration configuration = readConfiguration(options.common.configuration);
-    KeptFiles const files{configuration.dataFile(), options.common.configuration, configuration.logFile,
-                          configuration.socket};
+    Configuration configuration = options.common.readConfiguration();
+    auto const daemon = configuration.of<DaemonFiles>();
+    KeptFiles const files{configuration.dataFile(), options.common.configuration, daemon.logFile, daemon.socket};
     if (char const* const kept = files.nameOf(fileOf(options.output).value_or("/dev/stdout")))
         throw HostError("the output " + options.output + " is " + kept);
     Host host(std::move(configuration), options.common);

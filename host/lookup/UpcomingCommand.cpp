@@ -162,7 +162,7 @@ int upcoming(UpcomingOptions const& options) {
     if (period.until < period.from) // false of an invalid one
         throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
                         (options.from ? "" : " (now)") + " is later than " + digits(period.until) + " of --until");
-    Host host(readConfiguration(options.common.configuration), options.common);
+    Host host(options.common.readConfiguration(), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);
     return FINE;

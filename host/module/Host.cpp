@@ -35,10 +35,11 @@ Host::Host(Configuration configuration, CommonOptions const& options)
     : Host(std::move(configuration), options, LogSettings{options.verbose}) {}
 
 Host::Host(Configuration configuration, CommonOptions const& options, LogSettings const& log)
-    : configurationM(std::move(configuration)), configurationFileM(options.configuration),
-      catalogueM(orDefault(configurationM.messages, NP_INSTALLED_MESSAGES, "../share/numberportability/messages.toml")),
+    : configurationM(std::move(configuration)), settingsM(configurationM.of<HostSettings>()),
+      configurationFileM(options.configuration),
+      catalogueM(orDefault(settingsM.messages, NP_INSTALLED_MESSAGES, "../share/numberportability/messages.toml")),
       logM(catalogueM, log), rootM(eventHandlerM), registryM(configurationM.registry),
-      moduleM(orDefault(configurationM.module, NP_INSTALLED_MODULE, "../lib/DAT_NumberPortability.so")),
+      moduleM(orDefault(settingsM.module, NP_INSTALLED_MODULE, "../lib/DAT_NumberPortability.so")),
       plugInM(withProbes(moduleM), plugInNameCM),
       numbersM(diallingCodesOf(configurationM), [this](BAS::String& number) { plugInM.normalize(number); }) {
     if (!plugInM.isValid())
@@ -47,8 +48,7 @@ Host::Host(Configuration configuration, CommonOptions const& options, LogSetting
 
 // The plug-in looks for its probe definitions when it is made.
 LoadedModule const& Host::withProbes(LoadedModule const& module) const {
-    std::filesystem::path const folder =
-        configurationM.probeFolder.empty() ? module.folder() : configurationM.probeFolder;
+    std::filesystem::path const folder = settingsM.probeFolder.empty() ? module.folder() : settingsM.probeFolder;
     OMF::InstrumentationProbeBrokerIf::installFolder(folder.string());
     return module;
 }

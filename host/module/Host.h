@@ -9,12 +9,12 @@
 // Complexity: that of the plug-in's steps.
 #pragma once
 
-#include "host/base/Arguments.h"
 #include "host/base/ProgressLine.h"
-#include "host/config/Configuration.h"
+#include "host/config/CommonOptions.h"
 #include "host/fields/NumberForm.h"
 #include "host/log/Log.h"
 #include "host/module/FrameworkObjects.h"
+#include "host/module/HostSettings.h"
 #include "host/module/LoadedModule.h"
 
 #include <filesystem>
@@ -62,6 +62,7 @@ class Host {
 
     // The order is that of the life cycle; destruction runs it backwards.
     Configuration configurationM;
+    HostSettings settingsM;
     std::filesystem::path configurationFileM;
     MessageCatalogue catalogueM;
     Log logM;

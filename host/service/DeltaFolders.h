@@ -10,6 +10,7 @@
 #pragma once
 
 #include "framework/STR/FileVersion.h"
+#include "host/config/Configuration.h"
 
 #include <filesystem>
 #include <optional>
@@ -20,6 +21,15 @@ namespace nphost {
 
 class DeltaFolders {
   public:
+    //     deltaFolders = ["deltas"]   # in [host]: below which a delta may lie; the data file's folder without it
+    struct Settings {
+        std::optional<std::vector<std::filesystem::path>> deltaFolders;
+
+        static void declare(Section& host, Configuration& configuration) {
+            host.files("deltaFolders", configuration.place<Settings>().deltaFolders);
+        }
+    };
+
     explicit DeltaFolders(std::vector<std::filesystem::path> folders) : foldersM(std::move(folders)) {}
 
     struct Found {

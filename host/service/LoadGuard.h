@@ -15,7 +15,7 @@
 
 #include "framework/BAS/DateTime.h"
 #include "framework/BAS/Mutex.h"
-#include "host/config/GuardLimits.h"
+#include "host/module/GuardLimits.h"
 #include "host/log/Log.h"
 #include "host/module/LoadedModule.h"
 #include "host/service/ReportHub.h"
