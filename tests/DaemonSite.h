@@ -266,7 +266,7 @@ class Site : public ConfiguredFolder {
     }
     // Each has the outcome that is named, four times, while the others are commanded as well.
     void expectAtOnce(std::vector<std::pair<std::string, int>> const& commands) const {
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads; // which end before it returns
         for (auto const& command : commands)
             threads.emplace_back([this, &command, label = "c" + std::to_string(threads.size())] {
                 for (int round = 0; round < 4; ++round) {
@@ -274,8 +274,6 @@ class Site : public ConfiguredFolder {
                     EXPECT_EQ(result.status, command.second) << command.first << result.out << result.err;
                 }
             });
-        for (std::thread& thread : threads)
-            thread.join();
     }
     Json status() const { return Json::parse(ctl({"--json", "status"}).out); }
 

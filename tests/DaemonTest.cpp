@@ -7,24 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
-#include <nlohmann/json.hpp>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 

@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <map>
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -372,20 +374,10 @@ TEST(ImportTest, CommandLine) {
 TEST(ImportTest, KeepsEveryRecordOnce) {
     SeededRandom random;
     // Some differ in a leading zero or a plus, some are too long for one machine word.
-    std::vector<std::string> const numbers = {"0",
-                                              "00",
-                                              "1",
-                                              "+1",
-                                              "10",
-                                              "+10",
-                                              "01",
-                                              "99999999999999999",
-                                              "+9999999999999999",
-                                              "999999999999999990",
-                                              "000000000000000000",
-                                              "00000000000000000",
-                                              "1234567890123456789012345",
-                                              "1234567890123456789012346"};
+    std::istringstream words(
+        "0 00 1 +1 10 +10 01 99999999999999999 +9999999999999999 999999999999999990 "
+        "000000000000000000 00000000000000000 1234567890123456789012345 1234567890123456789012346");
+    std::vector<std::string> const numbers{std::istream_iterator<std::string>(words), {}};
     std::string feed = headerCM;
     std::map<std::pair<std::string, std::string>, std::string> kept;
     std::string expected;

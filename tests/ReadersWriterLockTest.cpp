@@ -74,7 +74,7 @@ void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000
     long second = 0;
     std::atomic<bool> stop{false};
     std::atomic<long> torn{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     auto const read = [&] {
         if (first != second)
             ++torn;
@@ -103,8 +103,7 @@ void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000
     write(); // and this thread: writers exclude each other, and readers that never pause keep neither out
     writer.join();
     stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joined
     EXPECT_EQ(torn, 0);
     EXPECT_EQ(first, 2 * writes);
 }
@@ -325,8 +324,8 @@ TEST(ReadersWriterLock, AWriterMayGiveUp) {
         ADD_FAILURE() << "nobody has to be waited for";
 }
 
-// A reader that is inside leaves, and another comes, while the writer's barrier is going on: it comes after the flag was
-// raised, and before the writer looks who is inside.
+// A reader that is inside leaves, and another comes, while the writer's barrier is going on: it comes after the flag
+// was raised, and before the writer looks who is inside.
 TEST(ReadersWriterLock, AWriterHasAllPassABarrierBetweenItsFlagAndItsLook) {
     if (syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0) <= 0)
         GTEST_SKIP() << "the kernel has no such barrier";
@@ -365,7 +364,7 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     constexpr std::size_t count = 3 * (RWReadersWriterLock::ownSlotsCM + RWReadersWriterLock::sharedSlotsCM);
     std::latch inside(count);
     std::latch leave(1);
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (std::size_t i = 0; i < count; ++i)
         readers.emplace_back([&] {
             lock.acquireRead();
@@ -384,8 +383,7 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     leave.count_down();
     writer.join();
     EXPECT_TRUE(written);
-    for (std::thread& reader : readers)
-        reader.join();
+    readers.clear(); // joined
     EXPECT_EQ(lock.shortReads(), count);
 }
 
@@ -397,11 +395,9 @@ using Seed = std::mt19937::result_type;
 void breed(std::function<void(Seed)> const& act, Seed seed) {
     std::mt19937 random(seed);
     for (int generation = 0; generation < 20; ++generation) {
-        std::vector<std::thread> threads(random() % 50);
-        for (std::thread& thread : threads)
-            thread = std::thread(act, random());
-        for (std::thread& thread : threads)
-            thread.join();
+        std::vector<std::jthread> threads(random() % 50); // joined by their ends
+        for (std::jthread& thread : threads)
+            thread = std::jthread(act, random());
     }
 }
 
