@@ -66,6 +66,7 @@ struct Period {
 
 Changes collect(Host& host, Period const& period) {
     Changes changes;
+    // Of no use here: this process exchanges no data.
     BAS::DateTime liveSince;
     // The visit holds the data, so it only gathers; networks before are looked up when it is over.
     if (!host.plugIn().visitUpcoming(period.from, liveSince, [&](BAS::String const& number, Record const& record) {
@@ -136,6 +137,7 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
     out.append(object.dump());
 }
 
+// The count stands in front, since all changes are known by then: a reader can make room.
 void appendHeading(Output& out, Changes const& changes, Period const& period) {
     out.append("{\"from\":" + Json(digits(period.from)).dump());
     out.append(",\"until\":" + (period.until.isValid() ? Json(digits(period.until)) : Json()).dump());
