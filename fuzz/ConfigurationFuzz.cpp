@@ -4,7 +4,11 @@
 // TOML, parse to the same configuration; refused text must give one printable line that names the file.
 // Anything thrown other than ConfigurationError ends the program.
 #include "fuzz/Fuzz.h"
+#include "host/cli/Sections.h"
 #include "host/config/Configuration.h"
+#include "host/daemon/ClientModules.h"
+#include "host/module/GuardLimits.h"
+#include "host/module/HostSettings.h"
 
 #include <algorithm>
 #include <array>
@@ -44,18 +48,18 @@ std::string written(Configuration const& configuration) {
             if (BAS::RegistryEntry const* const entry = plugIn->find(key))
                 text += std::string(key) + " = " + tomlText(entry->value().view()) + '\n';
     }
+    auto const settings = configuration.of<nphost::HostSettings>();
     text += "[host]\n";
-    for (auto const& [key, value] :
-         {std::pair("module", configuration.module), std::pair("messages", configuration.messages),
-          std::pair("probeFolder", configuration.probeFolder)})
+    for (auto const& [key, value] : {std::pair("module", settings.module), std::pair("messages", settings.messages),
+                                     std::pair("probeFolder", settings.probeFolder)})
         if (!value.empty())
             text += std::string(key) + " = " + tomlText(value.native()) + '\n';
     text += "clients = [";
-    for (std::filesystem::path const& client : configuration.clients)
+    for (std::filesystem::path const& client : configuration.of<nphost::ClientModules::Settings>().clients)
         text += tomlText(client.native()) + ", ";
     text += "]\n";
-    if (configuration.guard.any())
-        text += "guard = {" + textOf(configuration.guard) + "}\n";
+    if (auto const guard = configuration.of<nphost::GuardLimits>(); guard.any())
+        text += "guard = {" + textOf(guard) + "}\n";
     return text;
 }
 
@@ -70,7 +74,7 @@ void checkMessage(std::string_view text, std::string_view message) {
 
 std::optional<Configuration> parsed(std::string_view text) {
     try {
-        return nphost::parseConfiguration(text, FILE_NAME);
+        return nphost::parseConfiguration(text, FILE_NAME, nphost::sectionsCM);
     } catch (nphost::ConfigurationError const& error) {
         checkMessage(text, error.what());
         return std::nullopt;
@@ -78,10 +82,11 @@ std::optional<Configuration> parsed(std::string_view text) {
 }
 
 void checkPaths(std::string_view text, Configuration const& configuration) {
-    for (std::filesystem::path const& path : {configuration.messages, configuration.probeFolder})
+    auto const settings = configuration.of<nphost::HostSettings>();
+    for (std::filesystem::path const& path : {settings.messages, settings.probeFolder})
         checkEqual("a path's being absolute", text, path.empty() || path.is_absolute(), true);
-    std::vector<std::filesystem::path> modules = configuration.clients;
-    modules.push_back(configuration.module);
+    std::vector<std::filesystem::path> modules = configuration.of<nphost::ClientModules::Settings>().clients;
+    modules.push_back(settings.module);
     for (std::filesystem::path const& module : modules) {
         bool const isName = module.native().find('/') == std::string::npos;
         checkEqual("a module's being a name or absolute", text, isName || module.is_absolute(), true);

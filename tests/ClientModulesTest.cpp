@@ -1,5 +1,6 @@
 // Client modules of the daemon, in the framework that it builds around the real module.
 #include "host/daemon/ClientModules.h"
+#include "host/cli/Sections.h"
 #include "host/module/Host.h"
 #include "host/service/ReportHub.h"
 #include "tests/DaemonSite.h"
@@ -20,7 +21,7 @@ class ClientModulesTest : public testing::Test {
         std::string const file =
             folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
                                         "NationalAccessCode = \"0\"\n");
-        nphost::Configuration configuration = nphost::readConfiguration(file);
+        nphost::Configuration configuration = nphost::readConfiguration(file, nphost::sectionsCM);
         host = std::make_unique<nphost::Host>(std::move(configuration), nphost::CommonOptions{file},
                                               nphost::LogSettings{true, false, &target, &hub});
         host->start();

@@ -1,4 +1,5 @@
 // What keeps a broken data file from going live: files against limits, and a daemon whose loads are guarded.
+#include "host/cli/Sections.h"
 #include "host/module/Host.h"
 #include "host/service/LoadGuard.h"
 #include "tests/DaemonSite.h"
@@ -392,7 +393,8 @@ TEST(GuardDaemonTest, GuardsConcurrentLoads) {
 // What a check let pass is what is loaded, or nothing is.
 TEST(GuardRaceTest, LoadsOnlyTheVersionThatWasChecked) {
     Site const site(dataCM);
-    nphost::Configuration configuration = nphost::readConfiguration(site.folder.file("nphost.toml"));
+    nphost::Configuration configuration =
+        nphost::readConfiguration(site.folder.file("nphost.toml"), nphost::sectionsCM);
     nphost::Host host(std::move(configuration), nphost::CommonOptions{site.folder.file("nphost.toml")});
     host.start();
     nphost::GuardLimits limits;

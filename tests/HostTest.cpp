@@ -3,7 +3,9 @@
 #include "host/module/Host.h"
 #include "host/base/ProgressLine.h"
 #include "host/base/Text.h"
+#include "host/cli/Sections.h"
 #include "host/config/Configuration.h"
+#include "host/daemon/ClientModules.h"
 #include "host/log/MessageCatalogue.h"
 #include "host/module/LookUpBatch.h"
 #include "host/records/ByteSource.h"
@@ -314,7 +316,7 @@ TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
 class SingleAnswers {
   public:
     explicit SingleAnswers(std::string const& configuration)
-        : hostM(nphost::readConfiguration(configuration), {configuration}) {
+        : hostM(nphost::readConfiguration(configuration, nphost::sectionsCM), {configuration}) {
         hostM.start();
     }
     std::string answer(std::string const& number, std::string const& at, std::optional<unsigned int> method) {
@@ -424,7 +426,7 @@ std::string readAll(int descriptor) {
 // The first answer needs no memory, the second does. Refused once, each is looked up by itself.
 TEST(LookUpBatchTest, WhatIsNotLookedUpIsNotNotFound) {
     Site const site("00441 20200101000000 A\n00442 20200101000000 " + std::string(100, 'N') + "\n");
-    nphost::Host host(nphost::readConfiguration(site.configuration), {site.configuration});
+    nphost::Host host(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration});
     host.start();
     nphost::LookUpBatch batch(host.plugIn(), 2);
     for (char const* const number : {"00441", "00442"}) {
@@ -523,7 +525,7 @@ TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
     EXPECT_TRUE(contains(shown.err, "Number of fields: 1 instead of 3."));
 
     for (int i = 0; i < 30; ++i)
-        data += std::string(5000, 'x') + "\n";
+        data.append(5000, 'x') += '\n';
     Site const many(data);
     Result const bounded = run({"lookup", "--config", many.configuration, "00441"});
     EXPECT_EQ(bounded.status, 0);
@@ -762,20 +764,26 @@ TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
         nphost::parseConfiguration("[DAT_NumberPortability]\nFileName = 'data/x.dat'\nSearchMethod = 2\n"
                                    "[host]\nmodule = './m.so'\nmessages = '/abs/m.toml'\nprobeFolder = '..'\n"
                                    "clients = ['c.so', 'd/e.so']\n",
-                                   "conf/nphost.toml");
+                                   "conf/nphost.toml", nphost::sectionsCM);
+    auto const moduleOf = [](char const* text, char const* file) {
+        return nphost::parseConfiguration(text, file, nphost::sectionsCM).of<nphost::HostSettings>().module;
+    };
+    auto const settings = read.of<nphost::HostSettings>();
     BAS::RegistryEntry const* const subtree = read.registry.find("DAT_NumberPortability");
     ASSERT_NE(subtree, nullptr);
     EXPECT_EQ(subtree->find("FileName")->value(), "conf/data/x.dat");
     EXPECT_EQ(subtree->find("SearchMethod")->value(), "2");
-    EXPECT_EQ(read.module, "conf/./m.so");
-    EXPECT_EQ(read.messages, "/abs/m.toml");
-    EXPECT_EQ(read.clients, (std::vector<std::filesystem::path>{"c.so", "conf/d/e.so"}));
-    EXPECT_EQ(read.probeFolder, "conf/..");
+    EXPECT_EQ(settings.module, "conf/./m.so");
+    EXPECT_EQ(settings.messages, "/abs/m.toml");
+    EXPECT_EQ(read.of<nphost::ClientModules::Settings>().clients,
+              (std::vector<std::filesystem::path>{"c.so", "conf/d/e.so"}));
+    EXPECT_EQ(settings.probeFolder, "conf/..");
     // A bare name is for the system's search; with a slash it stays a path even where the file's folder is
     // "".
-    EXPECT_EQ(nphost::parseConfiguration("[host]\nmodule = 'm.so'\n", "conf/x.toml").module, "m.so");
-    EXPECT_EQ(nphost::parseConfiguration("[host]\nmodule = './m.so'\n", "x.toml").module, "./m.so");
-    EXPECT_EQ(nphost::parseConfiguration("", "x.toml").registry.find("DAT_NumberPortability"), nullptr);
+    EXPECT_EQ(moduleOf("[host]\nmodule = 'm.so'\n", "conf/x.toml"), "m.so");
+    EXPECT_EQ(moduleOf("[host]\nmodule = './m.so'\n", "x.toml"), "./m.so");
+    EXPECT_EQ(nphost::parseConfiguration("", "x.toml", nphost::sectionsCM).registry.find("DAT_NumberPortability"),
+              nullptr);
 }
 
 TEST(HostConfigurationTest, ModuleByPathFromAnotherFolder) {

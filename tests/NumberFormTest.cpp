@@ -1,5 +1,6 @@
 // Numbers in foreign forms, brought into stored form by the module itself.
 #include "host/fields/NumberForm.h"
+#include "host/cli/Sections.h"
 #include "host/module/Host.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +25,7 @@ std::string shownAs(nphost::NumberKind kind, BAS::String const& stored) {
 
 void expectForms(std::string const& codes, std::vector<Case> const& cases) {
     nphost::Configuration configuration = nphost::parseConfiguration(
-        "[DAT_NumberPortability]\nFileName = \"" + exampleDataCM + "\"\n" + codes, "/test.toml");
+        "[DAT_NumberPortability]\nFileName = \"" + exampleDataCM + "\"\n" + codes, "/test.toml", nphost::sectionsCM);
     nphost::DiallingCodes const dialling = diallingCodesOf(configuration);
     nphost::Host host(std::move(configuration), {"/test.toml"});
     nphost::NumberForm const form(dialling, [&](BAS::String& number) { host.plugIn().normalize(number); });

@@ -1,4 +1,5 @@
 // nphost upcoming, and the daemon's notices of assignments that take effect, by a clock that the tests set.
+#include "host/cli/Sections.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/module/Host.h"
 #include "host/service/ReportHub.h"
@@ -193,7 +194,7 @@ class Served {
   public:
     explicit Served(Site const& site)
         : targetM(site.folder.file("log")),
-          hostM(nphost::readConfiguration(site.configuration), {site.configuration, false},
+          hostM(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration, false},
                 nphost::LogSettings{true, false, &targetM, &hubM}) {
         hostM.start();
         noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), [this] { return now; });

@@ -4,6 +4,8 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/Interruption.h"
 #include "host/base/StandardError.h"
+#include "host/cli/Sections.h"
+#include "host/config/CommonOptions.h"
 #include "host/daemon/CtlCommand.h"
 #include "host/daemon/RunCommand.h"
 #include "host/diff/DiffCommand.h"
@@ -35,7 +37,9 @@ constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM, &pr
                                          &importCommandCM, &runCommandCM,    &ctlCommandCM};
 
 int runChecked(int argc, char const* const* argv) {
+    // Outlives the parser and what it has chosen: commands write into it and read from it when they run.
     CommonOptions common;
+    common.sections = sectionsCM;
     ArgumentParser parser("Says to which network a telephone number belonged at an instant.", "nphost",
                           "nphost " NP_VERSION);
     parser.top().flag("-v,--verbose", common.verbose, "Show the whole log on standard error");
@@ -46,11 +50,13 @@ int runChecked(int argc, char const* const* argv) {
     }
     int status = FINE;
     Arguments::Run const chosen = parser.parse(argc, argv, status);
+    // Only commands may be interrupted: parsing has no temporary files.
     return chosen ? unlessInterrupted(chosen) : status;
 }
 
 } // namespace
 
+// The one place in which exceptions become messages: no command writes its own end.
 int run(int argc, char const* const* argv) noexcept {
     try {
         return runChecked(argc, argv);

@@ -1,7 +1,7 @@
 // nphost::Configuration: what the configuration file says.
 //
 // Purpose: the file is TOML. The table [DAT_NumberPortability] becomes the plug-in's registry subtree, key by key; the
-// table [host] is the host's own and optional, as are its keys:
+// table [host] is the host's own and optional, as are its keys, each of which the component declares that it is for:
 //
 //     [DAT_NumberPortability]
 //     FileName = "portability.dat"          # the data file
@@ -11,28 +11,13 @@
 //     InternationalAccessCodeSign = "+"
 //     SearchMethod = 0                      # 0 best match, 1 exact, 2 shortest prefix; a text or an integer
 //
-//     [host]
-//     module = "lib/DAT_NumberPortability.so"   # a name without a slash is searched for as the system does
-//     messages = "messages.toml"                # the texts of the log
-//     probeFolder = "lib"                       # where the probe definition file lies
-//     socket = "nphost.socket"                  # where the daemon is asked; without it there is no control socket
-//     logFile = "nphost.log"                    # the daemon's log; without it standard error
-//     announceChanges = true                    # the daemon tells when assignments take effect; false without it
-//     deltaFolders = ["deltas"]                 # below which a delta may lie; the data file's folder without it
-//     clients = ["lib/rating.so"]               # the daemon's client modules; names without a slash as for the module
-//
-//     [host.guard]                     # what a data file must be like to be loaded by the daemon; GuardLimits.h
-//     maxLossPercent = 5               # percentages have at most three decimals
-//     maxRejectedPercent = 0.5
-//     maxNumbersWithoutDigits = 0
-//     minRecords = 1000000             # 1 when it is not given; 0 asks for none
-//     requireCompleteLastLine = true
-//     maxMemoryMiB = 2048
+//     [host]                                # DaemonFiles.h, module/HostSettings.h, service/DeltaFolders.h, daemon/...
+//     [host.guard]                          # module/GuardLimits.h
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
-// Ownership: values.
-// Threads: no state.
+// Ownership: owns all values; it can be moved, which leaves references into it valid.
+// Threads: none inside.
 // Complexity: linear in the text.
 // Errors: ConfigurationError for what is not TOML, an unknown table or key, a value of the wrong type or an unusable
 // path; std::bad_alloc; nothing else.
@@ -40,39 +25,64 @@
 
 #include "framework/BAS/RegistryEntry.h"
 #include "host/config/ConfigurationError.h"
-#include "host/config/GuardLimits.h"
+#include "host/config/Section.h"
 
+#include <any>
 #include <filesystem>
+#include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <typeindex>
 
 namespace nphost {
 
 // The plug-in's registered name and table.
 constexpr char const* plugInNameCM = "DAT_NumberPortability";
 
-struct Configuration {
-    BAS::RegistryEntry registry{BAS::String()}; // root entry; its child is the plug-in's subtree, if it is there
-    std::filesystem::path module;               // the host's own are empty when not given
-    std::filesystem::path messages;
-    std::filesystem::path probeFolder;
-    std::filesystem::path socket;
-    std::filesystem::path logFile;
-    bool announceChanges = false;
-    std::optional<std::vector<std::filesystem::path>> deltaFolders; // none: the data file's folder
-    GuardLimits guard;
-    std::vector<std::filesystem::path> clients;
+class Configuration {
+  public:
+    Configuration() = default;
+    Configuration(Configuration const&) = delete;
+    Configuration& operator=(Configuration const&) = delete;
+    Configuration(Configuration&&) = default;
+    Configuration& operator=(Configuration&&) = default;
+    ~Configuration() = default;
 
-    // What the plug-in is told is its data file; empty when it is told none.
+    // What a component has made of its keys: its defaults, where the file has none of them.
+    template <class Settings>
+    Settings of() const {
+        auto const found = settingsM.find(typeid(Settings));
+        return found == settingsM.end() ? Settings() : *std::any_cast<Settings>(&found->second);
+    }
+
+    // Where that is kept, for whoever declares the keys.
+    template <class Settings>
+    Settings& place() {
+        std::any& settings = settingsM[typeid(Settings)];
+        return settings.has_value() ? *std::any_cast<Settings>(&settings) : settings.emplace<Settings>();
+    }
+
+    // What the plug-in is told under a key; none when it is told nothing.
+    std::optional<std::string> plugInValue(char const* key) const;
+    // What it is told is its data file; empty when it is told none.
     std::string dataFile() const;
     // Tells the plug-in another one.
     void useDataFile(std::string const& file);
+
+    BAS::RegistryEntry registry{BAS::String()}; // root entry; its child is the plug-in's subtree, if it is there
+
+  private:
+    std::map<std::type_index, std::any> settingsM;
 };
 
-Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file);
+// Declares a component's keys in [host], or in tables of it.
+using DeclareSection = void (*)(Section& host, Configuration& configuration);
+using Sections = std::span<DeclareSection const>;
+
+Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file, Sections sections);
 // Also HostError when standard error is the configuration or the data file that it names: messages would go into it.
-Configuration readConfiguration(std::filesystem::path const& file);
+Configuration readConfiguration(std::filesystem::path const& file, Sections sections);
 
 } // namespace nphost

@@ -14,6 +14,7 @@
 #include "framework/BAS/Mutex.h"
 #include "framework/BAS/RegisteredObject.h"
 #include "host/base/WakeUp.h"
+#include "host/config/Configuration.h"
 #include "host/daemon/UpcomingChanges.h"
 #include "host/module/LoadedModule.h"
 
@@ -26,6 +27,15 @@ namespace nphost {
 
 class ChangeNotices {
   public:
+    //     announceChanges = true   # in [host]: the daemon tells when assignments take effect; false without it
+    struct Settings {
+        bool announceChanges = false;
+
+        static void declare(Section& host, Configuration& configuration) {
+            host.flag("announceChanges", configuration.place<Settings>().announceChanges);
+        }
+    };
+
     ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock = BAS::DateTime::now);
     ChangeNotices(ChangeNotices const&) = delete;
     ChangeNotices& operator=(ChangeNotices const&) = delete;

@@ -10,6 +10,7 @@
 // Complexity: the clients'.
 #pragma once
 
+#include "host/config/Configuration.h"
 #include "host/module/LoadedModule.h"
 
 #include <filesystem>
@@ -19,6 +20,15 @@ namespace nphost {
 
 class ClientModules {
   public:
+    //     clients = ["lib/rating.so"]   # in [host]: the daemon's client modules; names without a slash as for the module
+    struct Settings {
+        std::vector<std::filesystem::path> clients;
+
+        static void declare(Section& host, Configuration& configuration) {
+            host.modules("clients", configuration.place<Settings>().clients);
+        }
+    };
+
     // Names without a slash are searched for as the system searches for libraries.
     ClientModules(std::vector<std::filesystem::path> const& files, LoadedPlugIn& plugIn);
     ClientModules(ClientModules const&) = delete;

@@ -12,7 +12,7 @@
 // Complexity: linear in the feed; memory of some 30 bytes a record, to find repeated ones.
 #pragma once
 
-#include "host/base/Arguments.h"
+#include "host/config/CommonOptions.h"
 
 #include <cstdint>
 #include <optional>

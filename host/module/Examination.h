@@ -8,8 +8,8 @@
 // Complexity: linear in the file; a tree of its records for as long as it takes.
 #pragma once
 
-#include "host/config/GuardLimits.h"
 #include "host/log/Log.h"
+#include "host/module/GuardLimits.h"
 #include "host/module/LoadedModule.h"
 
 #include <functional>

@@ -4,17 +4,17 @@
 // start loads the data; destruction shuts the plug-in down, deletes it, unloads the module and takes the framework
 // down, in this order, also when a step fails.
 // Ownership: owns all of it. There is one host in a process at a time, since the framework's names are process-wide.
-// Threads: one thread.
+// Threads: one thread at a time; loadProgress by any. What it lends is used as its own header says.
 // Errors: HostError or ConfigurationError, in one line; std::bad_alloc.
 // Complexity: that of the plug-in's steps.
 #pragma once
 
-#include "host/base/Arguments.h"
 #include "host/base/ProgressLine.h"
-#include "host/config/Configuration.h"
+#include "host/config/CommonOptions.h"
 #include "host/fields/NumberForm.h"
 #include "host/log/Log.h"
 #include "host/module/FrameworkObjects.h"
+#include "host/module/HostSettings.h"
 #include "host/module/LoadedModule.h"
 
 #include <filesystem>
@@ -62,6 +62,7 @@ class Host {
 
     // The order is that of the life cycle; destruction runs it backwards.
     Configuration configurationM;
+    HostSettings settingsM;
     std::filesystem::path configurationFileM;
     MessageCatalogue catalogueM;
     Log logM;

@@ -17,6 +17,8 @@
 // Ownership: values. Threads: no state. Errors: std::bad_alloc. Complexity: constant.
 #pragma once
 
+#include "host/config/Configuration.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -38,6 +40,9 @@ struct GuardLimits {
     std::uint64_t minRecords = 1; // a file without records takes all numbers out of service
     bool requireCompleteLastLine = false;
     std::optional<std::uint64_t> maxMemoryMiB;
+
+    // The keys of [host.guard].
+    static void declare(Section& host, Configuration& configuration);
 
     bool any() const {
         return maxLossPercent || maxRejectedPercent || maxNumbersWithoutDigits || minRecords > 0 ||

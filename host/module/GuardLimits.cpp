@@ -1,4 +1,4 @@
-#include "host/config/GuardLimits.h"
+#include "host/module/GuardLimits.h"
 
 #include <algorithm>
 #include <array>
@@ -113,6 +113,19 @@ class Verdict {
 };
 
 } // namespace
+
+void GuardLimits::declare(Section& host, Configuration& configuration) {
+    constexpr std::uint64_t mostRecords = 4'294'967'295; // as many as the module numbers
+    constexpr std::uint64_t mostMebibytes = 1'000'000'000;
+    Section& keys = host.table("guard");
+    auto& limits = configuration.place<GuardLimits>();
+    keys.percent("maxLossPercent", limits.maxLossPercent);
+    keys.percent("maxRejectedPercent", limits.maxRejectedPercent);
+    keys.number("maxNumbersWithoutDigits", 0, mostRecords, limits.maxNumbersWithoutDigits);
+    keys.number("minRecords", 0, mostRecords, limits.minRecords);
+    keys.flag("requireCompleteLastLine", limits.requireCompleteLastLine);
+    keys.number("maxMemoryMiB", 1, mostMebibytes, limits.maxMemoryMiB);
+}
 
 char const* nameOf(LoadKind kind) {
     switch (kind) {

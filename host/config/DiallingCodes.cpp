@@ -1,0 +1,15 @@
+#include "host/config/DiallingCodes.h"
+
+#include "host/config/Configuration.h"
+
+namespace nphost {
+
+DiallingCodes diallingCodesOf(Configuration const& configuration) {
+    auto const value = [&configuration](char const* key, char const* otherwise) {
+        return configuration.plugInValue(key).value_or(otherwise);
+    };
+    return {value("CountryCode", ""), value("NationalAccessCode", ""), value("InternationalAccessCode", "00"),
+            value("InternationalAccessCodeSign", "+")};
+}
+
+} // namespace nphost
