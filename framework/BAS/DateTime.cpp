@@ -177,10 +177,10 @@ DateTime DateTime::now() noexcept {
 String DateTime::asString(String const& pattern) const {
     if (!isValid())
         return String("INVALID");
-    // A percent sign at the end, or before what is no conversion, stands for itself.
     Civil const when = civil(secondsM);
     std::string text;
     std::string_view const from = pattern.view();
+    // A percent sign at the end, or before what is no conversion, stands for itself.
     for (std::size_t i = 0; i < from.size(); ++i) {
         if (from[i] == '%' && i + 1 < from.size() && appendConversion(text, when, from[i + 1]))
             ++i;

@@ -158,7 +158,7 @@ class FileIo::Buffer : public std::streambuf {
             ssize_t const written = write(descriptorM, from, static_cast<std::size_t>(end - from));
             if (written >= 0)
                 from += written;
-            // A device or pipe is opened so that it never blocks; waiting for it is done where a cancellation shows.
+            // What was opened by its name never blocks: it is waited for where a cancellation shows.
             else if (errno == EAGAIN)
                 waitForRoom();
             else if (errno != EINTR)
@@ -257,7 +257,7 @@ void FileIo::openReplacing(std::string const& target) {
             failureM = "it is a socket";
         return;
     }
-    // The folder's rights would let it be replaced. But a file that may not be written is not meant to be.
+    // The folder's rights would let it be replaced all the same. But who may not write a file may not exchange it.
     if (exists && faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0)
         return fail(errno, "open");
 
@@ -303,7 +303,7 @@ bool FileIo::cannotReplace(int error, char const* action) {
 bool FileIo::closeFile() {
     if (isOpen() && !commit())
         streamM.setstate(std::ios_base::badbit);
-    // Whatever failed: nothing is left beside the file, and its old content stands.
+    // Whatever failed, nothing is left beside the file.
     giveUp(); // a no-op after success
     if (failureM.empty())
         return true;
