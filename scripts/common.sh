@@ -2,7 +2,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-say() { printf '\n== %s\n' "$*"; }
+say() { printf '\n== %s [%(%T)T]\n' "$*" -1; }
 
 # Installs the Debian packages that are not there yet; says nothing to do otherwise.
 need() {
@@ -24,14 +24,36 @@ need() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}"
 }
 
-build_packages=(g++ cmake ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
+build_packages=(g++ cmake dpkg-dev ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
     libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev)
 test_packages=(libgtest-dev binutils pkg-config scdoc)
 lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
-package_packages=(dpkg-dev file git lintian scdoc)
+package_packages=(file git lintian scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config)
+
+# A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.
+if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
+export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+
+# Configures the build of which the packages are made, by the preset `package` and the flags of Debian's packages, and
+# builds it. What is shipped is what the example and the tests run. Takes options of cmake, then `--` and those of its build.
+build_product() {
+    local options=()
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do options+=("$1"); shift; done
+    flags() { DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow dpkg-buildflags --get "$1"; }
+    say "Building the preset package in build/package"
+    # Type=notify-reload is of systemd 253; Debian 12 has 252.
+    local notify_reload
+    notify_reload=$(. /etc/os-release; [ "$ID" = debian ] && [ "${VERSION_ID:-99}" -ge 13 ] && echo ON || echo OFF)
+    cmake --preset package -DNP_NOTIFY_RELOAD="$notify_reload" -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
+        -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" -DCMAKE_SHARED_LINKER_FLAGS="$(flags LDFLAGS)" \
+        -DCMAKE_MODULE_LINKER_FLAGS="$(flags LDFLAGS)" "${options[@]}" >/dev/null
+    cmake --build --preset package "${@:2}"
+}
 
 # Configures and builds one preset.
 build() {

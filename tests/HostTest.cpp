@@ -525,7 +525,7 @@ TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
     EXPECT_TRUE(contains(shown.err, "Number of fields: 1 instead of 3."));
 
     for (int i = 0; i < 30; ++i)
-        data += std::string(5000, 'x') + "\n";
+        data.append(5000, 'x') += '\n';
     Site const many(data);
     Result const bounded = run({"lookup", "--config", many.configuration, "00441"});
     EXPECT_EQ(bounded.status, 0);

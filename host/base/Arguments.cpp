@@ -31,10 +31,12 @@ std::string faultOfName(std::string const& text) {
 
 std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
     std::vector<CLI::App*> const chosen = app.get_subcommands();
+    // The library's own words for a missing command say nothing of what stands in its place.
     CLI::App const& last = chosen.empty() ? app : *chosen.front();
     bool const lacksCommand = last.get_require_subcommand_min() > 0 && last.get_subcommands().empty();
     if (!lacksCommand)
         return error.what();
+    // What is left over is what was meant for the command: it is the best hint at what is wrong.
     std::vector<std::string> const rest = app.remaining(true);
     return rest.empty() ? "a command is required" : "there is no command or option '" + rest.front() + "'";
 }
@@ -43,6 +45,7 @@ std::string reasonOf(CLI::App const& app, CLI::ParseError const& error) {
 void show(CLI::App const& app, CLI::ParseError const& error) {
     std::ostringstream text;
     app.exit(error, text, text);
+    // Help goes to standard output, for it was asked for, and through Output, which tells of a disk that is full.
     Output out(STDOUT_FILENO);
     out.append(text.view());
     out.flush();
@@ -56,6 +59,7 @@ Option& Option::required() {
 }
 
 Option& Option::single() {
+    // Else an option with a list would take all arguments behind it, positional ones too.
     optionM->allow_extra_args(false);
     return *this;
 }
@@ -100,11 +104,13 @@ Option& Option::needs(Option const& other) {
     return *this;
 }
 
+// The library knows from the place's type what to read, and how to refuse it.
 template <class Place>
 Option Arguments::add(std::string const& names, std::string const& shown, Place& place, std::string const& help) {
     return Option(appM.add_option(names, place, help)->option_text(shown));
 }
 
+// All places that commands use: so the library's header, which takes long to compile, is read in this file alone.
 template Option Arguments::add(std::string const&, std::string const&, std::string&, std::string const&);
 template Option Arguments::add(std::string const&, std::string const&, std::optional<std::string>&, std::string const&);
 template Option Arguments::add(std::string const&, std::string const&, std::vector<std::string>&, std::string const&);
@@ -115,6 +121,7 @@ template Option Arguments::add(std::string const&, std::string const&, std::opti
 
 Option Arguments::read(std::string const& names, std::string const& shown,
                        std::function<void(std::string const&)> const& take, std::string const& help) {
+    // The text is taken as it stands: the library must not read numbers or lists in it.
     return Option(appM.add_option_function<std::string>(names, take, help)->option_text(shown));
 }
 
@@ -143,6 +150,7 @@ void Arguments::footer(std::string const& text) {
 }
 
 void Arguments::runs(Run run) {
+    // Only noted here: the command runs when the library is done, and what it throws passes through none of it.
     appM.callback([&chosen = chosenM, run = std::move(run)] { chosen = run; });
 }
 
@@ -166,6 +174,7 @@ Arguments::Run ArgumentParser::parse(int argc, char const* const* argv, int& sta
         appM->parse(argc, argv);
         return chosenM;
     } catch (CLI::ParseError const& error) {
+        // Help and version come as exceptions, too.
         if (error.get_exit_code() == 0) {
             show(*appM, error);
         } else {

@@ -3,9 +3,12 @@
 // Purpose: a command says which options and positional arguments it takes, into which places their values go, and what
 // runs it; the parser turns the program's arguments into that, or into one line on standard error. It is a facade over
 // CLI11, which is compiled in one file.
-// Ownership: places, names and texts are borrowed until the parser is gone; an Arguments and an Option refer to the parser.
+// Ownership: places, names and texts are borrowed until the parser is gone; an Arguments and an Option refer to the
+// parser.
 // Threads: the main thread.
-// Errors: std::bad_alloc; a wrong declaration (a name that is taken) throws a CLI::Error.
+// Errors: std::bad_alloc; a wrong declaration (a name that is taken) throws a CLI::Error. parse throws HostError for an
+// argument that refuseLists refuses, and when help cannot be written; Interrupted when nobody reads it; and what the
+// functions that take values throw.
 // Complexity: linear in the options and arguments.
 #pragma once
 
@@ -55,8 +58,8 @@ class Arguments {
 
     Arguments(CLI::App& app, Run& chosen) : appM(app), chosenM(chosen) {}
 
-    // A value. `names` are such as "-o,--output", or "FILE" of a positional one; `shown` stands behind them in the help.
-    // Places are texts, paths, unsigned numbers and std::uint64_t, as optionals, too, and lists of texts.
+    // A value. `names` are such as "-o,--output", or "FILE" of a positional one; `shown` stands behind them in the
+    // help. Places are texts, paths, unsigned numbers and std::uint64_t, as optionals, too, and lists of texts.
     template <class Place>
     Option add(std::string const& names, std::string const& shown, Place& place, std::string const& help);
     // A value that `take` is given as it was written.
@@ -65,8 +68,8 @@ class Arguments {
     Option flag(std::string const& names, bool& place, std::string const& help);
     Option flag(std::string const& names, std::function<void()> const& given, std::string const& help);
 
-    // Refuses positional arguments in brackets, for a reason behind them: the library makes a list of one where there may
-    // be several, and '[a.csv]' would be another file.
+    // Refuses positional arguments in brackets, for a reason behind them: the library makes a list of one where there
+    // may be several, and '[a.csv]' would be another file.
     void refuseLists(char const* why);
 
     // What the help says behind the options.

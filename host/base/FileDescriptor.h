@@ -17,6 +17,7 @@ class FileDescriptor {
     FileDescriptor() noexcept = default;
     explicit FileDescriptor(int descriptor) noexcept : descriptorM(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept : descriptorM(std::exchange(other.descriptorM, -1)) {}
+    // What this one had closes with `other`.
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         std::swap(descriptorM, other.descriptorM);
         return *this;

@@ -6,9 +6,11 @@
 namespace nphost {
 
 BAS::DateTime parseInstant(std::string_view text) noexcept {
+    // By length: no other form is as long, so each has one meaning.
     if (text.size() == instantDigitsCM)
         return BAS::DateTime(text);
     constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:dd";
+    // No other offset is taken: the zone of the data is not known here.
     if (text.size() == pattern.size() + 1 && text.back() == 'Z')
         text.remove_suffix(1);
     if (text.size() != pattern.size())
@@ -26,6 +28,7 @@ BAS::DateTime parseInstant(std::string_view text) noexcept {
 
 BAS::DateTime instantOf(std::optional<std::string> const& option, BAS::DateTime otherwise) {
     BAS::DateTime const at = option ? parseInstant(*option) : otherwise;
+    // An invalid instant is later than all others, and would silently ask for the newest record.
     if (option && !at.isValid())
         throw HostError("'" + shortened(*option) +
                         "' is not a valid instant; write YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS");

@@ -14,6 +14,7 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<std::atomic<b
 // A write that began to wait just after the signal must be broken off, too: so there is another one every second.
 extern "C" void noteEnd(int number) {
     int none = 0;
+    // SIGALRM is this handler's own, and never noted.
     if (number != SIGALRM && !noted.compare_exchange_strong(none, number)) {
         std::signal(number, SIG_DFL);
         std::raise(number); // takes effect when this handler returns
@@ -28,6 +29,7 @@ extern "C" void noteEnd(int number) {
 
 Interruption::Interruption(std::atomic<bool>& stop) {
     noted.store(0);
+    // Before the handlers are there, which use it.
     target.store(&stop);
     for (std::size_t i = 0; i < numbersCM.size(); ++i) {
         struct sigaction action = {};
@@ -40,6 +42,7 @@ Interruption::Interruption(std::atomic<bool>& stop) {
 }
 
 Interruption::~Interruption() {
+    // Before the handlers go back to what they were: by default SIGALRM ends the process.
     alarm(0);
     for (std::size_t i = 0; i < numbersCM.size(); ++i)
         sigaction(numbersCM[i], &beforeM[i], nullptr);
@@ -59,11 +62,13 @@ bool Interruption::isNoted() noexcept {
 void dieOf(int signal) {
     constexpr int shellsOffset = 128; // as shells show a death by signal
     std::signal(signal, SIG_DFL);
+    // It may be blocked by whoever started the program.
     sigset_t own;
     sigemptyset(&own);
     sigaddset(&own, signal);
     pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
     std::raise(signal);
+    // Only where the signal does not end the process: the kernel spares the first process of a container.
     _exit(shellsOffset + signal);
 }
 

@@ -8,6 +8,7 @@ namespace nphost {
 
 namespace {
 
+// The new handler is the process's, the reserve one thread's: only there may it be given away.
 thread_local MemoryReserve* reserveHere = nullptr;
 
 } // namespace
@@ -31,6 +32,7 @@ bool MemoryReserve::isWhole() noexcept {
     for (void*& half : halvesM) {
         if (half != nullptr)
             continue;
+        // Mapped and not allocated: what is unmapped goes back to the system, where the allocator can get it.
         void* const place = mmap(nullptr, halfCM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         half = place == MAP_FAILED ? nullptr : place;
     }

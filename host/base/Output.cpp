@@ -13,6 +13,7 @@ void Output::flush() {
     writeAll({bufferM.data(), used});
 }
 
+// What is in the buffer comes first. A text that is larger than the buffer would gain nothing by it.
 void Output::appendLarge(std::string_view text) {
     flush();
     if (text.size() > sizeCM)
@@ -21,6 +22,7 @@ void Output::appendLarge(std::string_view text) {
 }
 
 void Output::writeAll(std::string_view text) const {
+    // A reader that has gone is no error here: writeWaiting throws Interrupted for it.
     if (int const error = writeWaiting(descriptorM, text); error != 0)
         throw HostError("cannot write the output: " + std::system_category().message(error));
 }

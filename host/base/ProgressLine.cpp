@@ -9,6 +9,7 @@ namespace nphost {
 
 namespace {
 
+// Short work shows nothing.
 constexpr std::chrono::milliseconds firstCM{500};
 constexpr std::chrono::milliseconds periodCM{250};
 
@@ -28,6 +29,7 @@ std::string progressText(ProgressLine::Reading const& reading, double seconds) {
     text += ", " + std::to_string(std::lround(static_cast<double>(reading.lines) / seconds)) + unit + "/s";
     if (!reading.more.empty())
         text += ", " + reading.more;
+    // The whole takes as long as the part took so far: files are read evenly enough for that.
     if (reading.done > 0 && reading.done < reading.total)
         text +=
             ", " +
@@ -50,10 +52,12 @@ ProgressLine::~ProgressLine() {
     if (!threadM.joinable())
         return;
     {
+        // The flag under the lock: else the notice could come between the thread's look at it and its wait.
         BAS::MutexGuard const guard(lockM);
         stopM = true;
     }
     changedM.notify_all();
+    // The source is the caller's: it must not be asked any more. The line goes only when nothing can show it again.
     threadM.join();
     StandardError::eraseProgress();
 }
@@ -61,6 +65,7 @@ ProgressLine::~ProgressLine() {
 bool ProgressLine::isStopped(std::chrono::milliseconds wait) {
     Clock::time_point const end = Clock::now() + wait;
     BAS::MutexGuard const guard(lockM);
+    // Woken before its time, it waits on.
     while (!stopM && changedM.wait_until(lockM, end) == std::cv_status::no_timeout) {
     }
     return stopM;
@@ -71,6 +76,7 @@ void ProgressLine::run() noexcept {
         show();
 }
 
+// On the helper's thread. Standard error has a lock of its own, so that lines of the log and this one do not mix.
 void ProgressLine::show() const noexcept {
     try {
         double const seconds = std::chrono::duration<double>(Clock::now() - startM).count();

@@ -6,6 +6,7 @@
 namespace nphost {
 
 std::uint64_t residentBytes() {
+    // The second number is of resident pages. Without /proc the answer is 0.
     std::ifstream file("/proc/self/statm");
     std::uint64_t all = 0;
     std::uint64_t resident = 0;

@@ -18,6 +18,7 @@ std::string loaderError() {
 
 } // namespace
 
+// The system counts: what another has loaded, too, stays mapped.
 void SharedObject::Close::operator()(void* handle) const {
     dlclose(handle);
 }
@@ -29,12 +30,14 @@ SharedObject::SharedObject(std::filesystem::path const& file)
 }
 
 std::filesystem::path SharedObject::place() const {
+    // The name that was given may have been searched for, or be relative to a folder that is another by now.
     link_map* map = nullptr;
     if (dlinfo(handleM.get(), RTLD_DI_LINKMAP, static_cast<void*>(&map)) != 0)
         return fileM;
     return map->l_name;
 }
 
+// A function's address is never null, so dlerror need not be asked.
 void* SharedObject::address(char const* symbol) const {
     return dlsym(handleM.get(), symbol);
 }

@@ -23,6 +23,7 @@ bool hasRoom(int milliseconds) noexcept {
     int ready = 0;
     do
         ready = poll(&room, 1, milliseconds);
+    // A daemon's signals do not shorten the wait; it lasts for a second at most, or begins anew.
     while (ready < 0 && errno == EINTR);
     return ready > 0;
 }
@@ -41,6 +42,7 @@ std::size_t writeWhole(int descriptor, std::string_view text) noexcept {
     return done;
 }
 
+// Of the process, as the descriptor is: log, progress line and complaints share it.
 BAS::Mutex StandardError::lockM;
 bool StandardError::progressShownM = false;
 bool StandardError::serviceM = false;
@@ -54,9 +56,11 @@ bool StandardError::isTerminal() noexcept {
 bool StandardError::write(std::string_view text) noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
+    // A service may have had to give up in the midst of a line. The next one must not be read as its end.
     if (halfM && writeAll("\n") == 0)
         return false;
     std::size_t const written = writeAll(text);
+    // Only a service gives up by itself; a command whose write fails has nobody to read on.
     halfM = serviceM && written > 0 && written < text.size();
     return written == text.size();
 }
@@ -85,10 +89,12 @@ std::size_t StandardError::writeAll(std::string_view text) noexcept {
 }
 
 bool StandardError::isStuck() noexcept {
+    // Whoever has waited in vain once asks without waiting: each line would cost its second again.
     stuckM = serviceM && !hasRoom(stuckM ? 0 : patienceMillisecondsCM);
     return stuckM;
 }
 
+// Rewritten in place: carriage return and an escape sequence, which only terminals understand.
 void StandardError::showProgress(std::string_view text) noexcept {
     BAS::MutexGuard const guard(lockM);
     eraseShown();
@@ -104,9 +110,11 @@ void StandardError::eraseProgress() noexcept {
 void StandardError::keepOff(std::filesystem::path const& file, char const* what) {
     struct stat named = {};
     struct stat opened = {};
+    // By device and file: the shell may have opened it by another name, or a link.
     if (file.empty() || stat(file.c_str(), &named) != 0 || fstat(STDERR_FILENO, &opened) != 0 ||
         !S_ISREG(named.st_mode) || named.st_dev != opened.st_dev || named.st_ino != opened.st_ino)
         return;
+    // Not closed: the next file that is opened would get its number.
     if (int const nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC); nowhere >= 0) {
         dup2(nowhere, STDERR_FILENO);
         close(nowhere);

@@ -23,8 +23,8 @@ class StandardError {
     // False when it could not be written whole.
     static bool write(std::string_view text) noexcept;
 
-    // From here on a line that nobody makes room for is given up after a second, and those behind it at once until there
-    // is room again; the line after half a one begins anew.
+    // From here on a line that nobody makes room for is given up after a second, and those behind it at once until
+    // there is room again; the line after half a one begins anew.
     static void beOfService() noexcept;
 
     // Shows `text` in place of the progress line before. Only for terminals.

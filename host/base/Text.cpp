@@ -33,6 +33,7 @@ std::size_t characterLength(std::string_view text) {
     unsigned char const first = byteAt(text, 0);
     if (first < 0x80)
         return 1;
+    // C0 and C1 would only begin longer forms of ASCII; beyond F4 there is no character.
     if (first < 0xC2 || first > 0xF4)
         return 0;
     std::size_t const length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
@@ -74,10 +75,12 @@ void appendEscaped(std::string& out, std::string_view bytes) {
 void appendVisible(std::string& out, std::string_view text, std::string_view alsoEscaped) {
     while (!text.empty()) {
         std::size_t const length = characterLength(text);
+        // A byte that begins no character goes alone, so that what follows is seen again as it is.
         std::string_view const character = text.substr(0, length == 0 ? 1 : length);
         if (length == 0 || isControl(character)) {
             appendEscaped(out, character);
         } else {
+            // Only whole characters are looked for, so that no byte in the middle of one gets a backslash.
             if (alsoEscaped.find(character) != std::string_view::npos)
                 out += '\\';
             out += character;
@@ -89,6 +92,7 @@ void appendVisible(std::string& out, std::string_view text, std::string_view als
 void appendShortened(std::string& out, std::string_view text, std::string_view alsoEscaped) {
     if (text.size() <= shownBytesCM)
         return appendVisible(out, text, alsoEscaped);
+    // Bytes and not characters: what is no UTF-8 has none, and the bound is for space.
     std::size_t end = shownBytesCM;
     for (int i = 0; i < 3 && isContinuation(text, end); ++i) // not in the middle of a character
         --end;
@@ -115,6 +119,7 @@ std::string shortened(std::string_view text) {
     return out;
 }
 
+// All bytes but those that continue a character; of wide and combining ones the width is not known here.
 std::size_t characters(std::string_view text) {
     std::size_t count = 0;
     for (std::size_t i = 0; i < text.size(); ++i)

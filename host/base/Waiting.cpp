@@ -9,6 +9,8 @@
 namespace nphost {
 
 bool becomesReady(int descriptor, short events) noexcept {
+    // Short, because a signal may be taken by another thread: then nothing ends the wait, and the caller looks for
+    // itself.
     constexpr int pollMilliseconds = 100;
     pollfd state = {descriptor, events, 0};
     int const ready = poll(&state, 1, pollMilliseconds);
@@ -26,6 +28,7 @@ int writeWaiting(int descriptor, std::string_view text) {
             becomesReady(descriptor, POLLOUT);
         else if (errno != EINTR)
             return errno;
+        // After each piece: a reader that takes a little now and then must not keep a signal waiting.
         Interruption::check();
     }
     return 0;

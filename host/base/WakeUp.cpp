@@ -23,6 +23,7 @@ void WakeUp::wake() const noexcept {
 }
 
 void WakeUp::clear() const noexcept {
+    // One reading takes all wakes so far.
     std::uint64_t count = 0;
     [[maybe_unused]] ssize_t const taken = ::read(descriptorM.get(), &count, sizeof count);
 }

@@ -37,6 +37,7 @@ constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM, &pr
                                          &importCommandCM, &runCommandCM,    &ctlCommandCM};
 
 int runChecked(int argc, char const* const* argv) {
+    // Outlives the parser and what it has chosen: commands write into it and read from it when they run.
     CommonOptions common;
     common.sections = sectionsCM;
     ArgumentParser parser("Says to which network a telephone number belonged at an instant.", "nphost",
@@ -49,11 +50,13 @@ int runChecked(int argc, char const* const* argv) {
     }
     int status = FINE;
     Arguments::Run const chosen = parser.parse(argc, argv, status);
+    // Only commands may be interrupted: parsing has no temporary files.
     return chosen ? unlessInterrupted(chosen) : status;
 }
 
 } // namespace
 
+// The one place in which exceptions become messages: no command writes its own end.
 int run(int argc, char const* const* argv) noexcept {
     try {
         return runChecked(argc, argv);

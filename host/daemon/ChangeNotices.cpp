@@ -11,6 +11,7 @@ namespace nphost {
 ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock)
     : plugInM(plugIn), wakeUpM(wakeUp), clockM(std::move(clock)), dueM(clockM), threadM([this] { run(); }) {}
 
+// A search under way is waited for: it cannot be broken off, and uses the plug-in.
 ChangeNotices::~ChangeNotices() {
     {
         BAS::MutexGuard const guard(lockM);
@@ -20,18 +21,21 @@ ChangeNotices::~ChangeNotices() {
     threadM.join();
 }
 
+// The loop's thread. What was found is taken first, so that it is announced in the same turn.
 void ChangeNotices::step() {
     if (auto const found = takeFound()) {
         askedM = false;
         if (found->complete)
             dueM.renew(found->changes, found->liveSince);
         else
+            // An old list, if there is one, goes on being announced meanwhile.
             failedAtM = clockM();
     }
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     if (dueM.isDue())
         if (auto const notice = dueM.take(status.liveSince))
             announce(*notice);
+    // After a load the old list is out of date, whatever became of it; a search that failed waits for its pause.
     if (status.loads != loadsM || ((dueM.wantsList() || failedAtM) && !askedM && pauseLeft() == 0))
         request(status);
 }
@@ -71,10 +75,12 @@ void ChangeNotices::announce(DueChanges::Notice const& notice) {
 void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status) {
     askedM = true;
     failedAtM.reset();
+    // The loads of now, not of the search's end: a load that ends meanwhile makes for another search.
     loadsM = status.loads;
     BAS::DateTime const after = dueM.listAfter(status.liveSince);
     {
         BAS::MutexGuard const guard(lockM);
+        // One that has not begun yet is replaced: nobody wants the older list any more.
         requestM = after;
     }
     changedM.notify_all();
@@ -100,6 +106,8 @@ void ChangeNotices::run() {
         search(after);
 }
 
+// The searching thread. It holds no lock while it searches, which may take seconds; only the plug-in's, as a long
+// reader.
 void ChangeNotices::search(BAS::DateTime after) {
     Found found;
     found.complete = plugInM.visitUpcoming(
@@ -109,6 +117,7 @@ void ChangeNotices::search(BAS::DateTime after) {
         });
     {
         BAS::MutexGuard const guard(lockM);
+        // The loop takes it when it is awake, so it is put down first and the loop woken then.
         foundM = std::move(found);
     }
     wakeUpM.wake();

@@ -19,6 +19,7 @@ namespace {
 using Json = nlohmann::json;
 using DAT::NumberPortability::LoadOutcome;
 
+// What there is not is null: clients find every key.
 Json clock(BAS::DateTime at) {
     return at.isValid() ? Json(clockTime(at)) : Json();
 }
@@ -59,9 +60,11 @@ char const* nameOf(STR::Rewriting::Way way) {
 
 Json toJson(DataFileState::Standing const& standing) {
     Json file = {{"name", asUtf8(standing.name.view())}, {"size", nullptr}, {"modified", nullptr}};
+    // A file that is not there has neither size nor time.
     if (standing.version != STR::FileVersion()) {
         constexpr std::int64_t nanoseconds = 1'000'000'000;
         std::int64_t const modified = standing.version.modified;
+        // Rounded down, before 1970 too.
         time_t const seconds = modified / nanoseconds - (modified % nanoseconds < 0 ? 1 : 0);
         tm parts = {};
         gmtime_r(&seconds, &parts);
@@ -103,6 +106,7 @@ Json limitsOf(GuardLimits const& limits) {
         if (value)
             object[key] = *value;
     };
+    // A whole percentage is shown as it was configured, without a decimal point.
     auto const setPercent = [&object](char const* key, std::optional<std::uint32_t> thousandths) {
         if (thousandths)
             object[key] = *thousandths % 1000 == 0 ? Json(*thousandths / 1000) : Json(*thousandths / 1000.0);
@@ -122,6 +126,7 @@ Json toJson(Standing::Progress const& progress) {
     return {{"lines", progress.lines}, {"bytes", progress.bytes}, {"totalBytes", progress.totalBytes}};
 }
 
+// Without limits there is no guard to tell of.
 Json guardOf(Standing const& standing) {
     if (!standing.limits.any())
         return nullptr;
@@ -145,6 +150,7 @@ Json guardOf(Standing const& standing) {
 // answer, and holds all of it.
 class AnswerSize {
   public:
+    // Asked before a text is added, so that no more than the bound is ever held.
     void add(std::size_t bytes) {
         bytesM += bytes;
         if (bytesM > mostAnswerBytesCM)
@@ -155,6 +161,7 @@ class AnswerSize {
     std::size_t bytesM = 0;
 };
 
+// The same keys in every answer, whether something is found or not.
 Json recordOf(Explanation::Choice const& choice) {
     if (choice.record == nullptr)
         return {{"found", false}, {"key", nullptr}, {"validFrom", nullptr}, {"network", nullptr}};
@@ -164,6 +171,7 @@ Json recordOf(Explanation::Choice const& choice) {
             {"network", asUtf8(choice.record->networkIdM.view())}};
 }
 
+// A number may have a million records; who wants them all makes a listing.
 constexpr std::size_t mostHistoryCM = 1000;
 
 Json historiesOf(Explanation::Prefixes const& prefixes) {
@@ -213,6 +221,7 @@ Json answerLookup(Service& service, LookUpQuestion const& question) {
     Json answers = Json::array();
     AnswerSize size;
     service.lookUp(question, [&](BAS::String const& number, Explanation::Record const* record) {
+        // Measured as it is sent: a byte that is not UTF-8 becomes three.
         std::string shown = asUtf8(number.view());
         std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());
         size.add(shown.size() + network.size());
@@ -231,6 +240,7 @@ Json toJson(Explained const& explained) {
         choice["reason"] = explained.reason(method);
         methods[nameOfSearchMethod(method)] = std::move(choice);
     }
+    // Null when nothing is to come.
     Json next;
     if (auto const change = explained.nextChange()) {
         next = recordOf(change->choice);
@@ -258,6 +268,7 @@ Json toJson(LoadLane::Job const& job) {
                    {"reports", std::move(reports)},
                    {"reportsLeftOut", job.check.reports.leftOut() + job.reports.leftOut()},
                    {"check", toJson(job.check)}};
+    // Keys that mean something only for these; the manual says when they are there.
     if (job.request.kind == LoadLane::UPDATE) {
         answer["result"] = job.result;
         answer["handled"] = job.handled;
@@ -272,6 +283,7 @@ Json toJson(LoadLane::Job const& job) {
 std::string_view shortLine(LoadLane::Job const& job, ShortLine& line) {
     auto const text = [](bool value) { return value ? "true" : "false"; };
     bool const isUpdate = job.request.kind == LoadLane::UPDATE;
+    // Without allocation. All its parts together stay below the line's 256 bytes.
     int const length = std::snprintf(
         line.data(), line.size(),
         "{\"check\":null,\"command\":\"%s\",%s%s%s%s\"ok\":true,\"reports\":[],\"reportsLeftOut\":%zu,\"seconds\":%.6f,"

@@ -1,9 +1,10 @@
 // The answers of the control socket: what the service returns, as the protocol's lines (docs/operations.md).
 //
-// Purpose: one function for each kind of answer, and no more than that: instants of the data are 14 digits, those of the
-// clock ISO 8601 in UTC.
+// Purpose: one function for each kind of answer, and no more than that: instants of the data are 14 digits, those of
+// the clock ISO 8601 in UTC.
 // Threads: no state.
-// Errors: AnswerTooLong; std::bad_alloc.
+// Errors: AnswerTooLong, of look-ups and explanations; what the service throws; std::bad_alloc. The JSON library ends
+// the process when it cannot allocate while it frees a value: all but shortLine want a MemoryReserve that is whole.
 // Complexity: linear in the answer.
 #pragma once
 

@@ -9,6 +9,7 @@ namespace nphost {
 
 std::string lineOf(nlohmann::json object) {
     object["version"] = protocolVersionCM;
+    // One line, since a newline ends the message: the library escapes those in texts.
     return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 

@@ -67,6 +67,7 @@ struct CtlOptions {
     std::vector<std::string> keys; // KEY=VALUE
 };
 
+// Well within what the daemon takes, a line of 64 KiB and 1000 numbers: in JSON a number may grow by escapes.
 constexpr std::size_t numbersARequestCM = 500;
 constexpr std::size_t numberBytesARequestCM = 32UL * 1024;
 
@@ -80,6 +81,8 @@ class Conversation {
     // The same; none when the answer would be too long.
     std::optional<Json> askAtOnce(Json request) { return answerTo(std::move(request), true); }
 
+    // One line of the daemon, however many pieces it comes in. What follows it, reports to a follower, stays for the
+    // next call.
     Json next() {
         std::size_t end = 0;
         while ((end = inputM.find('\n')) == std::string::npos)
@@ -107,6 +110,7 @@ class Conversation {
 
     void sendAll(std::string_view text) const {
         while (!text.empty()) {
+            // Without SIGPIPE: a daemon that turns this client away closes at once, and its reason is still to be read.
             ssize_t const count = ::send(descriptorM.get(), text.data(), text.size(), MSG_NOSIGNAL);
             if (count >= 0)
                 text.remove_prefix(static_cast<std::size_t>(count));
@@ -133,6 +137,7 @@ class Conversation {
     std::string inputM;
 };
 
+// What comes from the daemon may hold anything that a data file holds: it is made visible before it is shown.
 std::string orDash(Json const& text) {
     return text.is_string() ? visible(text.get<std::string>()) : "-";
 }
@@ -161,6 +166,7 @@ class Ctl {
     Ctl(CtlOptions const& options, std::filesystem::path const& socket)
         : optionsM(options), daemonM(socket), outM(STDOUT_FILENO) {}
 
+    // The status counts only when the answer has been written: a failure to flush becomes status 2.
     int run(int (Ctl::*command)()) {
         int const status = (this->*command)();
         outM.flush();
@@ -180,6 +186,7 @@ class Ctl {
         return request(std::move(asked));
     }
 
+    // Scripts ask for its exit status, which is that of `usable` and of nothing else that is told.
     int status() {
         Json const answer = daemonM.ask({{"command", "status"}});
         int const result = answer.at("usable").get<bool>() ? FINE : NOT_FOUND;
@@ -188,6 +195,7 @@ class Ctl {
         field("Usable:", answer.at("usable").get<bool>() ? "yes" : "no: the data file cannot be read");
         field("Loaded since:", orDash(answer.at("loadedSince")));
         field("Records:", answer.at("records").dump());
+        // Keys that are asked for with a default are not in the answers of older daemons.
         if (answer.value("unsaved", false))
             field("NOT SAVED:", "records of a delta are served, but are not in the data file: repeat the delta");
         field("Numbers:", answer.at("numbers").dump());
@@ -207,6 +215,7 @@ class Ctl {
     }
 
     int lookup() {
+        // Before anything is asked: half of the answers and then an error would help nobody.
         for (std::string const& number : optionsM.numbers)
             if (!optionsM.normalise && !hasDigit(number)) // else the daemon knows
                 throw HostError("'" + shortened(number) + "' is not a number");
@@ -217,8 +226,10 @@ class Ctl {
             Json numbers = numbersFrom(next, most);
             std::size_t const count = numbers.size();
             request["numbers"] = std::move(numbers);
+            // One number cannot be halved: an answer that is too long is an error then.
             std::optional<Json> const answer = count > 1 ? daemonM.askAtOnce(request) : daemonM.ask(request);
             if (!answer) {
+                // For all that follow, too: long names of networks seldom come alone.
                 most = count / 2;
                 continue;
             }
@@ -233,6 +244,7 @@ class Ctl {
         Json request = question("explain");
         request["number"] = checked(optionsM.numbers.front());
         Json const answer = daemonM.ask(std::move(request));
+        // The exit status is that of a look-up: by the method that is configured.
         auto const configured = answer.at("configured").get<std::string>();
         int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
         if (shownRaw(answer))
@@ -255,7 +267,9 @@ class Ctl {
                 throw HostError("'" + shortened(key) + "' is not KEY=VALUE");
             std::string const name = checked(key.substr(0, equals));
             std::string value = checked(key.substr(equals + 1));
+            // An empty value names no file: the daemon knows what it means.
             bool const isFile = (name == "AdditionalNumPortData" || name == "PrintData") && !value.empty();
+            // The plug-in would take one of the two, and nobody knows which.
             if (!keys.emplace(name, isFile ? absolute(value) : std::move(value)).second)
                 throw HostError("the key '" + shortened(name) + "' is given twice");
         }
@@ -285,6 +299,7 @@ class Ctl {
         Json const answer = daemonM.ask({{"command", "log"}, {"follow", optionsM.follow}});
         for (Json const& report : answer.at("reports"))
             showReport(report);
+        // Ends with the daemon, or by a signal.
         while (optionsM.follow) {
             outM.flush();
             Json const next = daemonM.next();
@@ -303,6 +318,7 @@ class Ctl {
         outM.append(text);
         outM.append('\n');
     }
+    // A label that is longer than the column pushes its value, and keeps one blank.
     void field(std::string label, std::string_view value) {
         constexpr std::size_t width = 18;
         label.resize(std::max(width, label.size() + 1), ' ');
@@ -406,6 +422,7 @@ class Ctl {
         return numbers;
     }
 
+    // Columns as those of 'nphost lookup': what reads the one reads the other.
     bool showAnswers(Json const& answer) {
         bool allFound = true;
         bool const raw = shownRaw(answer);
@@ -452,6 +469,7 @@ class Ctl {
 
     // A request to a probe.
     int request(Json asked) {
+        // A person at a terminal waits for the outcome; a script says what it wants.
         bool const wait = optionsM.wait.value_or(isatty(STDOUT_FILENO) == 1);
         asked["wait"] = wait;
         Json const answer = daemonM.ask(std::move(asked));
@@ -468,11 +486,13 @@ class Ctl {
     void outcome(Json const& answer) {
         bool const succeeded = answer.at("succeeded").get<bool>();
         Json const check = answer.value("check", Json());
+        // The guard's refusal is a word of its own: nothing was loaded, and nothing has failed.
         bool const refused = !check.is_null() && !check.at("passed").get<bool>();
         for (Json const& report : eachOnce(answer.at("reports"))) {
             auto const identifier = report.at("identifier").get<std::string>();
             if (identifier.starts_with("ERR_HOST_GUARD_"))
                 continue; // said below
+            // Of a success only what the plug-in counted is of interest; of a failure all that speaks of it.
             bool const counts = succeeded && identifier.starts_with("INF_NUM_");
             if (report.at("severity") != "NORMAL" || counts)
                 line((report.at("severity") == "NORMAL" ? "" : orDash(report.at("severity")) + " ") + identifier +
@@ -565,6 +585,7 @@ void declareLog(Arguments& arguments, CtlOptions& options) {
     arguments.flag("--follow", options.follow, "Go on with those to come");
 }
 
+// Two options for one value with three states: neither given is the terminal's to say.
 void declareWaiting(Arguments& arguments, CtlOptions& options) {
     Option const wait = arguments.flag(
         "--wait", [&options] { options.wait = true; }, "Wait for the outcome and show it; default on a terminal");
@@ -609,6 +630,7 @@ struct DaemonCommand {
     int (Ctl::*run)();
 };
 
+// One table for help, completion and the calls: a command cannot be in one and not in the other.
 constexpr DaemonCommand commandsCM[] = {
     {"status", "Say how the daemon stands", declareNothing, &Ctl::status},
     {"lookup", "Say to which network numbers belonged at an instant", declareLookup, &Ctl::lookup},

@@ -18,6 +18,7 @@ namespace {
 
 using Json = nlohmann::json;
 
+// The defaults, which docs/operations.md names.
 constexpr LineServer::Limits limitsCM;
 
 // The instant that a question asks for; now where it names none.
@@ -41,6 +42,7 @@ std::optional<unsigned int> methodOf(Json const& request) {
     return method;
 }
 
+// The bound is the manual's; ctl stays well below it.
 std::vector<std::string> numbersOf(Json const& request) {
     auto const numbers = request.find("numbers");
     if (numbers == request.end() || !numbers->is_array() || numbers->empty() || numbers->size() > mostLookupNumbersCM)
@@ -54,6 +56,7 @@ std::vector<std::string> numbersOf(Json const& request) {
     return texts;
 }
 
+// Asked first: of another version's request nothing else can be trusted.
 void checkVersion(Json const& request) {
     if (!request.is_object())
         throw QuestionError("the request is not an object");
@@ -80,6 +83,7 @@ Daemon::Daemon(Parts const& parts)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
 }
 
+// The manager hears READY only when the loop is about to turn: from then on signals and clients are served.
 void Daemon::run() {
     reportOwn("INF_HOST_READY", BAS::Status::NORMAL,
               {BAS::String(partsM.socket == nullptr ? "-" : partsM.socket->path().native())});
@@ -104,7 +108,10 @@ std::optional<EventLoop::Milliseconds> Daemon::patience() const {
 
 void Daemon::step() {
     shortM = false;
+    // In this order: the signal must be taken whether an older one is still to be obeyed or not.
     reloadWantedM = partsM.signals.takeReload() || reloadWantedM;
+    // Those who tell come after those who do: the manager and the followers hear in the same turn what jobs have
+    // become.
     for (auto const part : {&Daemon::reloadBySignal, &Daemon::finishJobs, &Daemon::tellManager, &Daemon::announce,
                             &Daemon::feedFollowers})
         attempt(part);
@@ -119,6 +126,8 @@ void Daemon::attempt(void (Daemon::*part)()) noexcept {
     }
 }
 
+// The manager is told first, since the lane may take its time to end. Whoever waits for the job under way gets its
+// outcome before the connections close; followers get the last reports.
 void Daemon::stop() {
     attempt(&Daemon::tellStopping);
     laneM.stop();
@@ -134,6 +143,8 @@ void Daemon::tellStopping() {
     reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
 }
 
+// The log first: a rotation ends with this signal. Should memory run out on the way, all of it is done again at the
+// next turn, and bears that.
 void Daemon::reloadBySignal() {
     if (!reloadWantedM)
         return;
@@ -146,6 +157,7 @@ void Daemon::reloadBySignal() {
     reloadWantedM = false;
 }
 
+// Taken out as a whole, and without allocation; a job whose client has gone is dropped here.
 void Daemon::finishJobs() {
     for (LoadLane::Job const& job : laneM.takeFinished()) {
         statusDueM = true;
@@ -160,6 +172,7 @@ void Daemon::answer(LoadLane::Job const& job) {
             return serverM->send(job.request.client, lineOf(toJson(job)));
     } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
+    // Whoever waits gets an answer in any case, if one without reports.
     ShortLine line;
     serverM->send(job.request.client, shortLine(job, line));
 }
@@ -188,6 +201,8 @@ void Daemon::feedFollowers() {
         bool const present = serverM->has(follower->first);
         if (present && recent.lost > 0)
             serverM->send(follower->first, lineOf({{"lost", recent.lost}}), true);
+        // From here on it counts what was sent: where memory runs out, the next turn goes on from there and repeats
+        // nothing.
         follower->second = recent.next - recent.reports.size();
         for (LogReport const& report : recent.reports) {
             if (present)
@@ -198,6 +213,7 @@ void Daemon::feedFollowers() {
     }
 }
 
+// For people, in one line of the service manager's status: what is served, and what is wrong with it, if anything is.
 std::string Daemon::statusText() {
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     std::string text = std::to_string(status.records) + " records of " + std::to_string(status.numbers) +
@@ -213,9 +229,11 @@ std::string Daemon::statusText() {
 }
 
 void Daemon::request(Client client, std::string_view line) {
+    // The JSON library must not run out of memory while it frees a value (MemoryReserve.h): so nothing is parsed.
     if (!reserveM.isWhole())
         return serverM->send(client, outOfMemoryLineCM);
     try {
+        // The parser has no recursion, so a line of brackets takes no stack; copies have (see update).
         Json const request = Json::parse(line);
         checkVersion(request);
         dispatch(client, request);
@@ -284,6 +302,7 @@ void Daemon::log(Client client, Json const& request) {
         reports.push_back(toJson(report));
     serverM->send(client, lineOf({{"ok", true}, {"reports", std::move(reports)}}), follow);
     if (follow)
+        // The number goes with the reports that were sent: none is missed or sent twice.
         followersM[client] = recent.next;
 }
 

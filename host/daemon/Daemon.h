@@ -5,9 +5,9 @@
 // announces assignments that take effect, if it is to.
 // Ownership: borrows everything but its own queues. The hub must have been the log's observer from the start.
 // Threads: run by one thread, which is the loop's; the lane and the search for upcoming assignments have theirs.
-// Errors: construction as of its parts; run throws HostError when the system refuses to wait. What goes wrong
-// with one request is that client's answer. What memory does not suffice for in the loop, with its reserve, is tried again; when it does
-// not suffice for an answer, the client gets a shorter one or is let go.
+// Errors: construction as of its parts; run std::bad_alloc, before its first turn and as it stops. What goes wrong
+// with one request is that client's answer. What memory does not suffice for in the loop, with its reserve, is tried
+// again; when it does not suffice for an answer, the client gets a shorter one or is let go.
 // Complexity: that of the requests. A load never keeps the loop from its work.
 #pragma once
 

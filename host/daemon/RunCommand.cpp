@@ -58,12 +58,14 @@ FirstLoad load(Host& host, LoadGuard& guard, bool force) {
     }
     if (check.stopped)
         return FirstLoad::STOPPED;
+    // A file that cannot be read is status 2, as without a guard; status 3 is kept for what the guard has seen.
     if (check.guarded && !check.passed && !check.examined)
         host.fail("the data file could not be checked");
     if (!check.passed) {
         complain("the first load is refused: " + joined(check.reasons) + " (ERR_HOST_GUARD_REFUSED)");
         return FirstLoad::REFUSED;
     }
+    // What the guard has checked it has bound: the load reads that version of the file, or fails.
     host.start();
     guard.ended();
     return FirstLoad::DONE;
@@ -78,6 +80,7 @@ FirstLoad loadUnlessStopped(Host& host, LoadGuard& guard, Signals& signals, bool
     });
     if (!signals.awaitStop(ended))
         return loading.get();
+    // From here on nobody asks what the load throws: a stop is a stop.
     guard.stop();
     loading.wait();
     return FirstLoad::STOPPED;
@@ -93,7 +96,9 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
 }
 
 int runDaemon(RunOptions const& options) {
+    // First of all: a signal during the start must find its handler.
     Signals signals;
+    // Before the first line of the log: from here on nobody who does not read keeps the daemon waiting.
     StandardError::beOfService();
     Configuration configuration = options.common.readConfiguration();
     std::filesystem::path const logFile = checkedLogFile(options, configuration);
@@ -109,20 +114,24 @@ int runDaemon(RunOptions const& options) {
     notifier.status("loading");
 
     std::vector<std::filesystem::path> const clientFiles = configuration.of<ClientModules::Settings>().clients;
+    // Before the host, whose log tells it of every report from the first one on.
     ReportHub hub;
     GuardLimits const limits = configuration.of<GuardLimits>();
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     LoadGuard guard(limits, host.plugIn(), host.log());
     DataFileState dataFile(host.plugIn());
+    // Before the load, which may find what a killed daemon left; who keeps deltas away is told at the start, too.
     dataFile.begin();
     FirstLoad const loaded = loadUnlessStopped(host, guard, signals, options.force);
     if (loaded == FirstLoad::REFUSED)
         return REFUSED;
+    // The manager is told as at any other stop; clients were not started, and the daemon was not.
     if (loaded == FirstLoad::STOPPED) {
         notifier.stopping("stopping");
         reportOwn("INF_HOST_STOPPING", BAS::Status::NORMAL, {});
         return FINE;
     }
+    // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
     Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile,
             socket ? &*socket : nullptr, announceChanges, logFile, deltaFolders})

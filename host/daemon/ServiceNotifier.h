@@ -5,8 +5,8 @@
 // for people. Without the variable nothing is sent.
 // Ownership: owns its socket.
 // Threads: one thread.
-// Errors: none. While the manager's queue is full a change of state waits for up to a second, but not again before there
-// was room; a status text waits not at all. What cannot be sent is lost. Construction throws std::bad_alloc.
+// Errors: none. While the manager's queue is full a change of state waits for up to a second, but not again before
+// there was room; a status text waits not at all. What cannot be sent is lost. Construction throws std::bad_alloc.
 // Complexity: one system call a change.
 #pragma once
 

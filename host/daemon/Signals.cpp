@@ -28,12 +28,15 @@ Signals::Signals() {
     for (int const number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
         struct sigaction action = {};
         action.sa_handler = number == SIGPIPE ? SIG_IGN : noteSignal;
+        // Reads and writes go on after a handler: what must see the signal waits with poll, which ends in any case. One
+        // handler at a time.
         action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
         sigaction(number, &action, nullptr);
     }
 }
 
+// The handlers stay, without anybody to wake: a late signal must not end the process with another status.
 Signals::~Signals() {
     target.store(nullptr);
 }
@@ -46,6 +49,7 @@ bool Signals::takeReload() noexcept {
     return reloadNoted.exchange(false);
 }
 
+// A SIGHUP ends the wait of poll, too, and so does one that has come before: only a stop, or the other, ends this one.
 bool Signals::awaitStop(WakeUp const& other) const noexcept {
     std::array<pollfd, 2> polled = {{{wakeUpM.descriptor(), POLLIN, 0}, {other.descriptor(), POLLIN, 0}}};
     do {

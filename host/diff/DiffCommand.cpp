@@ -72,6 +72,7 @@ using DAT::NumberPortability::FileLine;
 using DAT::NumberPortability::LineOutcome;
 
 // Takes the lines of one file to its sorter.
+// On the thread of the visit, called by the module for each line: what it throws ends the visit.
 class Reading {
   public:
     Reading(NetworkNames& names, RecordSorter& sorter, DataSummary& summary)
@@ -80,6 +81,7 @@ class Reading {
     void take(FileLine const& line) {
         ++summaryM.lines;
         summaryM.count(line.outcome);
+        // A rejected line is counted and is no record; a duplicate shows only when its file is sorted.
         if (line.outcome != LineOutcome::INSERTED)
             return;
         SortedRecord record;
@@ -87,6 +89,7 @@ class Reading {
         record.seconds = line.validFrom.seconds();
         record.line = line.number;
         record.network = namesM.numberOf(line.network);
+        // Texts are those of the line: the sorter copies them.
         record.tail = line.digits.substr(std::min(headDigitsCM, line.digits.size()));
         if (record.network == NetworkNames::noneCM)
             record.text = line.network;
@@ -105,6 +108,8 @@ class Comparing {
         : hostM(configurationFor(options), options.common), memoryM(std::size_t{options.memory} << 20U),
           namesM(memoryM / 8) {}
 
+    // Three eighths of the memory for each file, for both may be held at once; an eighth for the names, and what is
+    // left for all else.
     std::unique_ptr<RecordSource> read(FileTotals& file) {
         RecordSorter sorter(memoryM / 8 * 3);
         Reading reading(namesM, sorter, file.lines);
@@ -149,6 +154,7 @@ void complete(FileTotals& file, SideCounts const& counts) {
 }
 
 int compare(DiffOptions const& options) {
+    // The instant is read first: a wrong one is told before the files are read.
     DiffTotals totals = {instantOf(options.at, BAS::DateTime::now()), {options.before, {}}, {options.after, {}}, {}};
     Comparing comparing(options);
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
@@ -157,6 +163,7 @@ int compare(DiffOptions const& options) {
     FileComparison comparison(comparing.names(), totals.at, options.list,
                               [&](NumberChange const& change) { report->number(change); });
     totals.result = comparison.compare(std::move(before), std::move(after));
+    // Records, numbers and duplicates are known only now that the files are sorted.
     complete(totals.before, totals.result.before);
     complete(totals.after, totals.result.after);
     report->finish(totals);
@@ -168,6 +175,7 @@ int diff(DiffOptions const& options) {
     try {
         return compare(options);
     } catch (std::bad_alloc const&) {
+        // The bound is the user's, and this is the way to stay below what there is.
         throw HostError("out of memory: records may take " + std::to_string(options.memory) +
                         " MiB; a smaller --memory leaves more of them to temporary files");
     }

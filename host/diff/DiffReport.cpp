@@ -134,11 +134,14 @@ class TextReport : public DiffReport {
             return;
         std::vector<std::string> names;
         for (Move const& move : result.moves)
+            // One name too many is enough to know that the matrix does not fit; further ones are not gathered.
             for (auto const* const network : {&move.from, &move.to})
                 if (std::find(names.begin(), names.end(), nameOf(*network)) == names.end() &&
                     names.size() <= mostColumnsCM)
                     names.push_back(nameOf(*network));
+        // One order for rows and columns, so that the diagonal, where nobody moved, can be seen.
         std::sort(names.begin(), names.end());
+        // A name that is as wide as its column would touch its neighbour.
         bool const fits = names.size() <= mostColumnsCM && result.otherMoves == 0 &&
                           std::all_of(names.begin(), names.end(),
                                       [](std::string const& name) { return characters(name) < columnWidthCM; });
@@ -149,6 +152,7 @@ class TextReport : public DiffReport {
     }
 
     void matrix(ComparisonResult const& result, std::vector<std::string> const& names) {
+        // Added up, because names that are shown alike fall together.
         std::map<std::pair<std::string, std::string>, std::uint64_t> cells;
         for (Move const& move : result.moves)
             cells[{nameOf(move.from), nameOf(move.to)}] += move.numbers;
@@ -168,6 +172,7 @@ class TextReport : public DiffReport {
 
     void list(ComparisonResult const& result) {
         outM.append(std::string_view("\nNumbers moved from network to network, most first; '-' is nobody:\n"));
+        // With those that the comparison could not count one by one.
         std::uint64_t rest = result.otherMoves;
         for (std::size_t i = 0; i < result.moves.size(); ++i) {
             Move const& move = result.moves[i];

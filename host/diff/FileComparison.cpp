@@ -27,6 +27,7 @@ void FileComparison::Kept::keep(SortedRecord const& record) {
 }
 
 // The records of one file without its duplicates.
+// Of equal valid-froms the first line of the file comes first and counts, as in a load; the sorting has kept the order.
 class FileComparison::Side {
   public:
     Side(std::unique_ptr<RecordSource> source, SideCounts& counts) : sourceM(std::move(source)), countsM(counts) {
@@ -38,6 +39,7 @@ class FileComparison::Side {
     SortedRecord const& record() const { return recordM; }
     bool isAt(Number const& number) const { return hasM && recordM.head == number.head && recordM.tail == number.tail; }
 
+    // The texts of a record are gone with the source's next step: the number is copied before.
     void advance() {
         std::uint64_t const head = recordM.head;
         std::uint64_t const seconds = recordM.seconds;
@@ -61,6 +63,7 @@ class FileComparison::Held {
   public:
     explicit Held(std::uint64_t at) : atM(at) {}
 
+    // Newest first: the first that is not later than the instant is in force, and ends the search.
     void see(SortedRecord const& record) {
         if (inForceM)
             return;
@@ -89,6 +92,8 @@ class FileComparison::Histories {
         }
         if (now != nullptr)
             newHeldM.see(*now);
+        // A record that only the new file has adds to the history. One that the old file had must be there, unchanged;
+        // else it was rewritten.
         if (old == nullptr)
             keepFirst(addedM, *now);
         else if (now == nullptr || old->network != now->network || old->text != now->text)
@@ -132,6 +137,7 @@ ComparisonResult FileComparison::compare(std::unique_ptr<RecordSource> before, s
     Side young(std::move(after), resultM.after);
     while (old.has() || young.has()) {
         int const order = !old.has() ? 1 : !young.has() ? -1 : compareNumbers(old.record(), young.record());
+        // Copied, because both files are read on while the number is compared.
         SortedRecord const& first = order <= 0 ? old.record() : young.record();
         numberM.head = first.head;
         numberM.tail.assign(first.tail);
@@ -155,6 +161,7 @@ void FileComparison::takeOneSided(Difference what, Side& side) {
     note(what, what == Difference::LOST ? record : nullptr, what == Difference::GAINED ? record : nullptr);
 }
 
+// Both histories come newest first: of the two records the later one is seen alone, equal ones together.
 void FileComparison::takeCommon(Side& before, Side& after) {
     Histories histories(atM);
     before.countNumber();
@@ -170,6 +177,7 @@ void FileComparison::takeCommon(Side& before, Side& after) {
         if (now != nullptr)
             after.advance();
     }
+    // Rewritten or lengthened, not both: only a history that is there unchanged has become longer.
     if (histories.changed() != nullptr)
         note(Difference::REWRITTEN, histories.changed(), histories.changedTo());
     else if (histories.added() != nullptr)
@@ -181,9 +189,12 @@ void FileComparison::noteMove(Kept const* from, Kept const* to) {
     if (from == to || (from != nullptr && to != nullptr && from->hasNetworkOf(*to)))
         return; // the first: nobody in both
     note(Difference::MOVED, from, to);
+    // Networks beyond the table have no number, so no place in the matrix: their moves are summed.
     bool const unnamed = (from != nullptr && !from->text.empty()) || (to != nullptr && !to->text.empty());
+    // The two numbers side by side; "nobody" has that of no name.
     std::uint64_t const key = static_cast<std::uint64_t>(from == nullptr ? nobodyCM : from->network) << 32 |
                               (to == nullptr ? nobodyCM : to->network);
+    // Beyond the bound pairs are summed: the table must not grow with the files.
     auto const found = unnamed ? movesM.end() : movesM.find(key);
     if (found != movesM.end())
         ++found->second;

@@ -3,6 +3,7 @@
 namespace nphost {
 
 std::uint32_t NetworkNames::numberOf(std::string_view name) {
+    // Files come in runs of one network.
     if (latestM != noneCM && namesM[latestM] == name)
         return latestM;
     auto const found = numbersM.find(name);
@@ -15,6 +16,7 @@ std::uint32_t NetworkNames::numberOf(std::string_view name) {
     auto const number = static_cast<std::uint32_t>(namesM.size());
     namesM.emplace_back(name);
     try {
+        // The key is a view of the name that was just kept, which does not move.
         numbersM.emplace(namesM.back(), number);
     } catch (...) {
         namesM.pop_back();

@@ -33,6 +33,7 @@ FileDescriptor temporaryFile() {
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
     if (!file)
         failed("cannot make a temporary file");
+    // At once: even a kill leaves nothing behind.
     unlink(name.c_str());
     return file;
 }
@@ -45,6 +46,7 @@ RunWriter::RunWriter() : fileM(temporaryFile()) {
 
 void RunWriter::write(SortedRecord const& record) {
     PackedRecord entry = packed(record);
+    // In a run it is only yes or no: the texts follow.
     entry.texts = hasTexts(record) ? 1 : 0;
     append(&entry, sizeof entry);
     if (entry.texts == 0)
@@ -57,6 +59,7 @@ void RunWriter::write(SortedRecord const& record) {
 
 FileDescriptor RunWriter::finish() {
     writeOut(bufferM.data(), bufferM.size());
+    // By the same descriptor: a file without a name cannot be opened again.
     if (lseek(fileM.get(), 0, SEEK_SET) != 0)
         failed("cannot use a temporary file");
     return std::move(fileM);
@@ -91,6 +94,7 @@ bool RunSource::next(SortedRecord& record) {
     if (!has(sizeof(PackedRecord)))
         return false;
     PackedRecord entry;
+    // Copied: behind texts of any length the next entry is not aligned.
     std::memcpy(&entry, take(sizeof entry), sizeof entry);
     record = unpacked(entry);
     if (entry.texts != 0)
@@ -98,6 +102,7 @@ bool RunSource::next(SortedRecord& record) {
     return true;
 }
 
+// Both lie in a row in the buffer, so views of them hold until the next record.
 void RunSource::readTexts(SortedRecord& record) {
     TextLengths lengths;
     need(sizeof lengths);
@@ -125,6 +130,7 @@ bool RunSource::has(std::size_t count) {
     std::memmove(bufferM.data(), bufferM.data() + beginM, endM - beginM);
     endM -= beginM;
     beginM = 0;
+    // A text may be longer than the buffer, which then stays as long.
     if (count > bufferM.size())
         bufferM.resize(count);
     while (endM < count) {

@@ -11,6 +11,8 @@ namespace nphost {
 
 namespace {
 
+// A heap of the sources' first records. The one that was shown last stays at its end until the next call, because its
+// texts lie in its source.
 class MergedSource : public RecordSource {
   public:
     explicit MergedSource(std::vector<std::unique_ptr<RecordSource>> sources) : sourcesM(std::move(sources)) {
@@ -83,12 +85,15 @@ class RecordSorter::Block {
     bool add(SortedRecord const& record) {
         std::size_t const texts = hasTexts(record) ? textBytes(record) : 0;
         std::size_t const used = countM * sizeof(PackedRecord) + textsM;
+        // Subtracted, never added: a sum might overflow.
         if (texts > bytesM - used || bytesM - used - texts < sizeof(PackedRecord))
             return false;
         PackedRecord entry = packed(record);
         if (texts != 0)
             entry.texts = storeTexts(record, texts);
         entries()[countM] = entry;
+        // Each record is compared with the one before as it comes: a file that is in order, as listings are, is never
+        // sorted.
         inOrderM = inOrderM && (isEmpty() || isBefore(at(countM - 1), at(countM)));
         ++countM;
         return true;
@@ -99,6 +104,7 @@ class RecordSorter::Block {
     void sort() {
         if (!inOrderM)
             std::sort(entries(), entries() + countM, [this](PackedRecord const& one, PackedRecord const& other) {
+                // Nearly always enough, and the texts, elsewhere in memory, need not be looked at.
                 if (one.head != other.head)
                     return one.head < other.head;
                 return isBefore(record(one), record(other));
@@ -118,6 +124,7 @@ class RecordSorter::Block {
   private:
     static constexpr std::size_t wordCM = 8;
     static constexpr std::size_t leastBytesCM = 4096;
+    // What places of 32 bits can tell.
     static constexpr std::size_t mostBytesCM = std::size_t{UINT32_MAX} * wordCM;
 
     PackedRecord* entries() const { return reinterpret_cast<PackedRecord*>(memoryM.get()); }
@@ -128,6 +135,7 @@ class RecordSorter::Block {
     }
 
     std::uint32_t storeTexts(SortedRecord const& record, std::size_t bytes) {
+        // Counted from the end, and first: so no place is 0, which means no texts.
         textsM += bytes;
         auto const place = static_cast<std::uint32_t>(textsM / wordCM);
         TextLengths const lengths = {record.tail.size(), record.text.size()};
@@ -158,6 +166,7 @@ class RecordSorter::Block {
     bool inOrderM = true;
 };
 
+// Owns its block when that is all there is; borrows it when it is only on its way into a run.
 class RecordSorter::BlockSource : public RecordSource {
   public:
     explicit BlockSource(std::unique_ptr<Block> block) : blockM(std::move(block)) { blockM->sort(); }
@@ -188,6 +197,7 @@ void RecordSorter::add(SortedRecord const& record) {
     if (blockM->add(record))
         return;
     blockM.reset();
+    // One record that is larger than a block: the old block is freed before, and the new one stays.
     blockM = std::make_unique<Block>(Block::bytesFor(record));
     blockM->add(record);
 }
@@ -205,11 +215,13 @@ void RecordSorter::keepRun(FileDescriptor run, std::size_t level) {
     if (runsM.size() == level)
         runsM.emplace_back();
     runsM[level].push_back(std::move(run));
+    // As digits carry: so many runs of a level become one of the next, and few files are open.
     if (runsM[level].size() == mostRunsCM)
         keepRun(written(*merged(runsM[level])), level + 1);
 }
 
 std::unique_ptr<RecordSource> RecordSorter::finish() {
+    // All of it fits: nothing was written, and the block is the source.
     if (runsM.empty())
         return std::make_unique<BlockSource>(std::move(blockM));
     writeBlock();

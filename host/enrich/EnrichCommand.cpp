@@ -85,6 +85,7 @@ struct EnrichOptions {
     bool passThrough = false; // everything but the look-up, to measure what it costs
 };
 
+// The first name speaks for all inputs, which must be of one format anyway.
 std::string formatName(EnrichOptions const& options) {
     if (!options.format.empty())
         return options.format;
@@ -103,6 +104,7 @@ RecordFormat formatOf(EnrichOptions const& options) {
     std::string const name = formatName(options);
     RecordFormat format;
     format.kind = name == "ndjson" ? RecordFormat::Kind::JSON : RecordFormat::Kind::CSV;
+    // Silently passed over, they would leave their user to believe that they have been heard.
     if (format.kind == RecordFormat::Kind::JSON && (options.separator || options.noHeader || options.noQuotes))
         throw HostError("--separator, --no-header and --no-quotes have no meaning for NDJSON");
     format.csv = {separatorOf(options), !options.noQuotes};
@@ -122,6 +124,7 @@ WantedColumns wantedOf(EnrichOptions const& options) {
             throw HostError("--add names '" + name + "' twice");
         wanted.added.push_back(*added);
     }
+    // The network is what enrich is for: it is added also when others are asked for, and then first.
     if (std::find(wanted.added.begin(), wanted.added.end(), Added::NETWORK) == wanted.added.end())
         wanted.added.insert(wanted.added.begin(), Added::NETWORK);
     return wanted;
@@ -149,6 +152,7 @@ EnrichOptions completed(EnrichOptions options) {
     return options;
 }
 
+// Without columns the input has no header, and none is made up.
 std::string headerOf(EnrichPlan const& plan, RecordInput const& input) {
     std::string header = input.header();
     if (input.columns().empty())
@@ -198,8 +202,10 @@ class EnrichRun {
             output.sync();
         if (rejects)
             rejects->sync();
+        // The last look at signals: from here on the work is done, and stays done.
         Interruption::check();
         if (rejects)
+            // Before the output: who sees the new output finds its rejects beside it.
             rejects->finish();
         if (whole)
             output.finish();
@@ -210,6 +216,7 @@ class EnrichRun {
         {
             ProgressLine const progress("nphost: enriching", progressSource(),
                                         optionsM.output || isatty(STDOUT_FILENO) != 1);
+            // On this thread, the main one, whose writes a signal breaks off.
             pipelineM.run([&](EnrichJob const& job) { return take(job, output, rejects); });
         }
         summaryM.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -229,8 +236,10 @@ class EnrichRun {
             output.write(job.output);
             writtenM = true;
         }
+        // Counted when it is written: blocks behind the last one that was taken may have been read, and are not told.
         summaryM.counts += job.counts;
         summaryM.addUnreadable(job.unreadable);
+        // For the progress line, whose thread must not touch the summary.
         recordsM.store(summaryM.counts.records, std::memory_order_relaxed);
         foundM.store(summaryM.counts.found, std::memory_order_relaxed);
         rejectedM.store(summaryM.counts.rejected(), std::memory_order_relaxed);
@@ -252,6 +261,7 @@ class EnrichRun {
         };
     }
 
+    // On standard error: standard output may have the records.
     void tellText() const {
         StandardError::write(summaryM.text());
         if (optionsM.rejects && summaryM.counts.rejected() > 0)
@@ -279,6 +289,7 @@ int enrichCompleted(EnrichOptions const& options) {
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);
     Configuration configuration = options.common.readConfiguration();
+    // Before anything is opened: an output that is an input would take its place.
     FileRoles{options.inputs,
               options.output,
               options.rejects,
@@ -286,6 +297,7 @@ int enrichCompleted(EnrichOptions const& options) {
                {options.common.configuration, "the configuration file"},
                {configuration.of<DaemonFiles>().logFile, "the daemon's log"}}}
         .check();
+    // Up to the run nothing is loaded: a wrong column, format or file is told at once, not after the load.
     Host host(std::move(configuration), options.common);
     RecordInput input(options.inputs, format);
     input.start();

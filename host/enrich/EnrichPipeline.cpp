@@ -13,6 +13,7 @@ class EnrichPipeline::Threads {
     explicit Threads(EnrichPipeline& pipeline) : pipelineM(pipeline) {}
     Threads(Threads const&) = delete;
     Threads& operator=(Threads const&) = delete;
+    // Also when the taker throws: whoever waits at the ring is woken and ends.
     ~Threads() {
         pipelineM.ringM.stop();
         join();
@@ -35,6 +36,7 @@ class EnrichPipeline::Threads {
     std::vector<std::thread> threadsM;
 };
 
+// A block in work and one that waits for each thread, one that is read and one that is written.
 EnrichPipeline::EnrichPipeline(EnrichContext const& context, RecordInput& input, std::string prefix,
                                unsigned int threads)
     : contextM(context), inputM(input), prefixM(std::move(prefix)), threadsM(threads), ringM(2UL * threads + 2) {}
@@ -42,20 +44,24 @@ EnrichPipeline::EnrichPipeline(EnrichContext const& context, RecordInput& input,
 void EnrichPipeline::run(std::function<bool(EnrichJob const&)> const& take) {
     Threads threads(*this);
     threads.start();
+    // The caller's thread: it alone writes, so files need no lock, and the order is that of the input.
     while (EnrichJob const* const job = ringM.startTaking()) {
         if (!take(*job))
             ringM.stop();
         ringM.finishTaking();
     }
     threads.join();
+    // Only now, when all have ended: nobody uses what the exception's unwinding takes away.
     ringM.rethrow();
 }
 
 void EnrichPipeline::readAll() noexcept {
     try {
         while (EnrichJob* const job = ringM.startFilling()) {
+            // The header, before the first block; places are used again and must forget theirs.
             job->prefix = std::exchange(prefixM, {});
             if (!inputM.next(job->input, stopReadingM))
+                // An input that was broken off has no end: what is still in the ring must not pass for all.
                 return stopReadingM ? ringM.stop() : ringM.endFilling();
             ringM.finishFilling();
         }
@@ -71,6 +77,7 @@ void EnrichPipeline::work() noexcept {
             enricher.process(*work.job);
             ringM.finishWork(work);
         }
+        // Each thread counts alone, and takes the lock only once for it.
         BAS::MutexGuard const guard(lockM);
         enricher.networks().addTo(networksM);
     } catch (...) {

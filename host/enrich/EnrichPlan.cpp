@@ -32,9 +32,11 @@ std::optional<Added> addedOf(std::string_view name) {
 
 EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input)
     : formatM(format), addedM(wanted.added), numberCountM(wanted.numbers.size()), membersM({wanted.time}) {
+    // The time comes first, as it does among each record's values.
     membersM.insert(membersM.end(), wanted.numbers.begin(), wanted.numbers.end());
     if (format.kind == RecordFormat::Kind::JSON)
         nameAdded(wanted.numbers);
+    // Without a record nobody knows the columns, and none is missed.
     else if (!input.isEmpty())
         resolveColumns(input);
     if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||
@@ -69,6 +71,7 @@ void EnrichPlan::nameAdded(std::vector<std::string> const& numbers) {
             namesM.push_back(number + addedNamesCM[static_cast<std::size_t>(added)].suffix);
 }
 
+// Readers would differ in which of two equal names they take; so what is added must not be there yet.
 void EnrichPlan::checkNames(RecordInput const& input) const {
     std::set<std::string> taken(input.columns().begin(), input.columns().end());
     taken.insert(membersM.begin(), membersM.end());
@@ -85,6 +88,8 @@ bool EnrichPlan::explains() const {
 
 std::unique_ptr<RecordReader> EnrichPlan::makeReader() const {
     if (formatM.kind == RecordFormat::Kind::JSON)
+        // An object that has a name to be added already is refused by the reader, record by record: there is no header
+        // to ask.
         return std::make_unique<JsonReader>(membersM, namesM);
     return std::make_unique<CsvReader>(formatM.csv, columnsM, fieldCountM);
 }

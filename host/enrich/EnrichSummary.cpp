@@ -13,11 +13,13 @@ namespace nphost {
 
 namespace {
 
+// For people; the rest is counted.
 constexpr std::size_t shownNetworksCM = 20;
 
 void appendCount(std::string& text, std::string const& label, std::uint64_t number) {
     constexpr std::size_t width = 36;
     std::string const digits = std::to_string(number);
+    // A label that is too long for its column keeps one blank before the number.
     std::size_t const used = std::min(width - 1, characters(label) + digits.size());
     text += label + std::string(width - used, ' ') + digits + "\n";
 }
@@ -30,6 +32,7 @@ std::uint64_t rateOf(EnrichSummary const& summary) {
 
 } // namespace
 
+// The first of the problems is NONE.
 std::uint64_t EnrichCounts::rejected() const {
     return std::accumulate(problems.begin() + 1, problems.end(), std::uint64_t(0));
 }
@@ -53,12 +56,14 @@ void NetworkCounts::add(NetworkCounts const& other) {
 
 std::vector<std::pair<std::string, std::uint64_t>> NetworkCounts::sorted() const {
     std::vector<std::pair<std::string, std::uint64_t>> all(countsM.begin(), countsM.end());
+    // By name where counts are equal, so that the threads' order does not show.
     std::sort(all.begin(), all.end(), [](auto const& left, auto const& right) {
         return left.second != right.second ? left.second > right.second : left.first < right.first;
     });
     return all;
 }
 
+// Blocks are taken in the order of the input, so these are its first ones.
 void EnrichSummary::addUnreadable(std::vector<UnreadableNumber> const& more) {
     std::size_t const count = std::min(more.size(), shownUnreadableCM - unreadable.size());
     unreadable.insert(unreadable.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
@@ -106,6 +111,7 @@ std::string EnrichSummary::json() const {
     nlohmann::json first = nlohmann::json::array();
     for (UnreadableNumber const& number : unreadable)
         first.push_back({{"file", asUtf8(number.file)}, {"line", number.line}, {"text", asUtf8(number.text)}});
+    // Keys stay whatever the numbers are: only `stopped` comes and goes.
     nlohmann::json object = {{"records", counts.records},
                              {"found", counts.found},
                              {"notFound", counts.notFound},

@@ -1,7 +1,8 @@
 // nphost::EnrichSummary: what became of the records of an enrichment.
 //
 // Purpose: counts, added up over blocks and threads, and told at the end as text or as one JSON object.
-// Units: found, notFound, withoutNumber and unreadable count numbers, of which a record may have several; the others records.
+// Units: found, notFound, withoutNumber and unreadable count numbers, of which a record may have several; the others
+// records.
 // Ownership: values. Threads: none inside. Errors: std::bad_alloc.
 // Complexity: a hash a network that is added.
 #pragma once

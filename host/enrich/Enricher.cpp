@@ -35,6 +35,8 @@ Enricher::Enricher(EnrichContext const& context)
       valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()),
       foundM(context.plan.numberCount()) {}
 
+// A worker's thread. The job is this thread's alone until it is given back, and its texts keep their storage from block
+// to block.
 void Enricher::process(EnrichJob& job) {
     jobM = &job;
     job.result = job.prefix;
@@ -50,8 +52,11 @@ void Enricher::process(EnrichJob& job) {
     job.output = job.result.empty() ? std::string_view() : compressorM.compress(job.result, job.compressed);
 }
 
+// Many records' numbers are looked up together, since a single look-up mostly waits for memory; records are written
+// when the batch is back.
 void Enricher::processRecords() {
     RecordBlock const& block = jobM->input.block;
+    // How many fields there are may have become known only with this block.
     readerM->expectFields(jobM->input.fields);
     readerM->begin(block.text(), block.firstLine());
     while (fill()) {
@@ -62,6 +67,7 @@ void Enricher::processRecords() {
     }
 }
 
+// A record's values are gone with the next record: take uses them up. Its text and line end lie in the block and stay.
 bool Enricher::fill() {
     batchM.clear();
     countM = 0;
@@ -90,6 +96,7 @@ void Enricher::take(Record& record, std::uint32_t* questions) {
 }
 
 std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::DateTime at) {
+    // The number is read where a question would have it; without add that place is used for the next one.
     switch (readNumber(number, contextM.form, batchM.nextNumber())) {
     case NumberKind::NUMBER:
         return static_cast<std::uint32_t>(batchM.add(at));
@@ -103,6 +110,7 @@ std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::Da
 }
 
 void Enricher::write(Record& record, std::uint32_t const* questions) {
+    // Empty lines stay where they are: they belong to the file and to no count.
     if (isBlank(record)) {
         jobM->result.append(record.text).append(record.lineEnd);
         return;
@@ -111,6 +119,7 @@ void Enricher::write(Record& record, std::uint32_t const* questions) {
         return reject(record);
     std::size_t const numbers = contextM.plan.numberCount();
     bool writable = true;
+    // All are answered, even if one cannot be written: each sets its values.
     for (std::size_t i = 0; i < numbers; ++i)
         writable = answer(i, questions[i]) && writable;
     if (!writable) {
@@ -126,6 +135,7 @@ void Enricher::write(Record& record, std::uint32_t const* questions) {
 bool Enricher::answer(std::size_t number, std::uint32_t question) {
     bool const asked = question != noneCM && question != unreadableCM && !contextM.passThrough;
     LookUpBatch::Record const* const record = asked ? batchM.record(question) : nullptr;
+    // How the network is written was worked out when it came first: quoting, escapes, and whether it can be at all.
     NetworkFields::Network* const network = record != nullptr ? &networksM.at(record->networkIdM) : nullptr;
     foundM[number] = network;
     std::vector<Added> const& added = contextM.plan.added();
@@ -142,12 +152,14 @@ bool Enricher::answer(std::size_t number, std::uint32_t question) {
             writable = setValue(first + i, nameOfSearchMethod(contextM.methodInForce)) && writable;
         }
     }
+    // Explained also where nothing is found: a record may be to come.
     return (!asked || !explainsM || explain(question, first)) && writable;
 }
 
 bool Enricher::explain(std::uint32_t question, std::size_t value) {
     BAS::String const& number = batchM.number(question);
     BAS::DateTime const at = batchM.instant(question);
+    // A second look-up, alone: that of a batch does not tell the prefix, nor what is to come.
     auto const prefixes = contextM.plugIn.explain(number);
     Explanation const explanation(prefixes, number);
     bool writable = true;
@@ -167,6 +179,7 @@ bool Enricher::explain(std::uint32_t question, std::size_t value) {
 bool Enricher::setValue(std::size_t value, std::string_view text) {
     textsM[value].clear();
     bool const writable = writerM->encode(textsM[value], text);
+    // A view of this number's own place: the writer reads all of them at the end.
     valuesM[value] = textsM[value];
     return writable;
 }
@@ -199,6 +212,7 @@ void Enricher::reject(Record const& record) {
 }
 
 void Enricher::keepUnused(Record const& record) {
+    // Nothing of an answer must show that was made before the record proved unusable.
     std::fill(valuesM.begin(), valuesM.end(), std::string_view());
     if (contextM.plan.format().kind == RecordFormat::Kind::CSV || canHoldMembers(record.problem))
         writerM->write(jobM->result, record, valuesM);
@@ -207,6 +221,7 @@ void Enricher::keepUnused(Record const& record) {
 }
 
 void Enricher::beginReject(std::uint64_t line, Problem problem) {
+    // The record goes between quotation marks whatever is in it; they close where it is over, perhaps blocks later.
     beginRejectRow(jobM->rejects, contextM.input.nameOf(jobM->input.file), line, nameOf(problem));
     jobM->rejects += '"';
 }

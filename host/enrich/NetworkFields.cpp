@@ -13,6 +13,7 @@ NetworkFields::Network& NetworkFields::find(std::string_view network) {
 
 void NetworkFields::addTo(NetworkCounts& counts) const {
     for (auto const& [name, network] : networksM) {
+        // One that stood only in records that were then rejected has none.
         if (network.numbers > 0)
             counts.add(name, network.numbers);
     }

@@ -5,6 +5,7 @@
 namespace nphost {
 
 Option addMethod(Arguments& arguments, std::optional<unsigned int>& place) {
+    // The name is one of those below: the parser has looked before it calls.
     auto const take = [&place](std::string const& name) { place = searchMethodOf(name); };
     return arguments.read("--method", "METHOD", take, "best, exact or shortest; default: as configured")
         .among({"best", "exact", "shortest"});

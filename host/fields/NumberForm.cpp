@@ -19,6 +19,7 @@ bool isSeparator(char c) {
 // A number has at most 15 digits (E.164), with an access code before them. More, with a blank or a slash, are two
 // numbers, or a number and something else.
 constexpr std::size_t mostDigitsCM = 15;
+// For numbers that stay as they are, whose access code nobody has configured.
 constexpr std::size_t longAccessCodeCM = 4;
 
 bool areDigits(std::string_view text) {
@@ -31,6 +32,7 @@ char lower(char c) {
 
 // `number` is what was read of the text.
 bool holdsTwoNumbers(std::string_view text, std::string_view number, std::size_t accessCode) {
+    // The length alone tells nearly always, without counting.
     if (number.size() <= mostDigitsCM + accessCode)
         return false;
     auto const digits = std::count_if(number.begin(), number.end(), isDigit);
@@ -151,12 +153,15 @@ NumberForm::NumberForm(DiallingCodes codes, Normalise normalise)
 NumberKind NumberForm::toStored(std::string_view text, BAS::String& out) const {
     std::string place;
     text = trimmed(plainNumberText(text, place));
+    // An address in brackets stands for the whole text; brackets that are none make it unreadable.
     if (text.find('<') != std::string_view::npos)
         text = addressOf(text).value_or(text);
     NumberKind const kind = text.find('<') == std::string_view::npos ? fromAddress(text, out) : NumberKind::UNREADABLE;
+    // Asked last, of what could not be read: words for "withheld" are too many to list, but none has a digit.
     return kind == NumberKind::UNREADABLE && isWithheld(text) ? NumberKind::NONE : kind;
 }
 
+// Separators in the number are passed over, as a look-up does.
 bool NumberForm::beginsAsStored(std::string_view number) const {
     for (char const wanted : codesM.internationalAccess) {
         number.remove_prefix(std::min(number.find_first_of("0123456789"), number.size()));
@@ -176,6 +181,7 @@ NumberKind NumberForm::fromAddress(std::string_view text, BAS::String& out) cons
 }
 
 NumberKind NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
+    // Without a user there is a host only, and its digits are an address.
     std::size_t const at = uri.find('@');
     if (at == std::string_view::npos)
         return NumberKind::UNREADABLE;
@@ -184,6 +190,7 @@ NumberKind NumberForm::fromSip(std::string_view uri, BAS::String& out) const {
     std::string_view rest = uri.substr(at + 1);
     std::string_view parameters = takeUntil(rest, '?');
     takeUntil(parameters, ';'); // the host
+    // Few networks set user=phone: a user part that reads as a number is taken for one (docs/decisions.md).
     bool const isPhone = isSame(parameter(parameters, "user"), "phone") || isSubscriber(user);
     return isPhone ? fromSubscriber(user, out) : NumberKind::UNREADABLE;
 }
@@ -192,6 +199,7 @@ NumberKind NumberForm::fromSubscriber(std::string_view subscriber, BAS::String& 
     std::string_view parameters = subscriber;
     std::optional<std::string> const escapedNumber = unescaped(takeUntil(parameters, ';'));
     std::optional<std::string> const context = unescaped(parameter(parameters, "phone-context"));
+    // An escape that is none may stand for anything, digits among it.
     if (!escapedNumber || !context)
         return NumberKind::UNREADABLE;
     if (isDecimal(*escapedNumber) || isDecimal(*context))
@@ -209,6 +217,7 @@ NumberKind NumberForm::fromContext(std::string_view context, std::string_view di
     if (!areDigits(context))
         return NumberKind::UNREADABLE;
     bool const isHome = !codesM.country.empty() && context.starts_with(codesM.country);
+    // Only the own country's codes are known: what is dialled there with a code is no local number.
     if (isHome && withoutAccessCode(digits).size() < digits.size())
         return dialled(digits, out);
     return global(std::string(context) + std::string(digits), out);
@@ -220,6 +229,7 @@ NumberKind NumberForm::fromWritten(std::string_view text, BAS::String& out) cons
     std::string_view const number = withoutSign(text);
     if (isDecimal(number))
         return NumberKind::DECIMAL;
+    // A sign was in front: then the rest is a global number.
     NumberKind const kind = number.size() < text.size()
                                 ? global(withoutSeparators(withoutTrunkCode(number, codesM.country)), out)
                                 : dialled(digitsOf(text), out);
@@ -235,6 +245,7 @@ NumberKind NumberForm::global(std::string_view digits, BAS::String& out) const {
         return NumberKind::NO_COUNTRY;
     std::string const number = codesM.sign + std::string(digits);
     out.assign(number.data(), number.size());
+    // By the module's own rules, so that what is asked here is what was stored there.
     normaliseM(out);
     return NumberKind::NUMBER;
 }
@@ -249,6 +260,7 @@ NumberKind NumberForm::dialled(std::string_view number, BAS::String& out) const 
 }
 
 std::string_view NumberForm::withoutSign(std::string_view text) const {
+    // The configured sign may be another one, or longer; a plus is understood in any case.
     for (std::string_view const sign : {std::string_view(codesM.sign), std::string_view("+")})
         if (!sign.empty() && text.starts_with(sign))
             return text.substr(sign.size());

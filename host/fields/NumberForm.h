@@ -3,12 +3,12 @@
 // Purpose: feeds and call records write numbers in many forms; the data know one: international access code,
 // country code, national number. Which form a text has shows by itself:
 //   tel:...            RFC 3966, RFC 4694
-//   sip:..., sips:...  RFC 3261: the user part as in tel:, with user=phone, or if it reads as a number by itself: digits
-//                      and visual separators without blanks, behind a plus or not, parameters behind ';'
+//   sip:..., sips:...  RFC 3261: the user part as in tel:, with user=phone, or if it reads as a number by itself:
+//                      digits and visual separators without blanks, behind a plus or not, parameters behind ';'
 //   name-addr          RFC 3261, section 20.10: "Bob" <sip:...>;tag=1; what is between the angle brackets, as above
 //   anything else      a number as people write it, with an extension behind ("ext. 5", "x5"), which is dropped
-// Blanks, tabs, '-', '.', '/', '(' and ')' are visual separators, and so are Unicode's blanks and dashes; its digits and
-// its invisible marks are read as host/fields/NumberText.h says. Percent escapes of URIs are undone; parameters but
+// Blanks, tabs, '-', '.', '/', '(' and ')' are visual separators, and so are Unicode's blanks and dashes; its digits
+// and its invisible marks are read as host/fields/NumberText.h says. Percent escapes of URIs are undone; parameters but
 // phone-context (extensions, routing numbers), passwords and headers are passed over. The rules, by the configured
 // dialling codes:
 // - '+', or the configured sign, begins a global number: access code and its digits.
@@ -19,9 +19,9 @@
 //   country code, is dialled in the own country: its codes are replaced as above. Other countries' national access
 //   codes are not known and stay.
 // - phone-context=DOMAIN, or none, says nothing: the number is dialled in the own country.
-// A text without a digit holds no number: empty, "anonymous"; of a sip: address only the user part is asked. A text with
-// one that is no number cannot be read: it has letters, '*' or '#' in it, nothing behind an access code, or, with a
-// blank or a slash, more digits than a number can have. Told apart, because they would be read as other numbers:
+// A text without a digit holds no number: empty, "anonymous"; of a sip: address only the user part is asked. A text
+// with one that is no number cannot be read: it has letters, '*' or '#' in it, nothing behind an access code, or, with
+// a blank or a slash, more digits than a number can have. Told apart, because they would be read as other numbers:
 // - "447700900123.0", in an address or brackets too: a spreadsheet took the number for a quantity, and the last 0 is no
 //   digit of it;
 // - a plus before a 0, "+07700 900123": no country code begins with 0 (ITU-T E.164).

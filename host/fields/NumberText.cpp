@@ -10,7 +10,8 @@ namespace nphost {
 
 namespace {
 
-// Characters in a row that are read as one: FIRST to LAST become `as`, or, where it counts up, as + 0, as + 1 and so on.
+// Characters in a row that are read as one: FIRST to LAST become `as`, or, where it counts up, as + 0, as + 1 and so
+// on.
 struct Range {
     std::uint32_t first;
     std::uint32_t last;
@@ -33,6 +34,8 @@ constexpr std::size_t shortExtensionCM = 5; // digits behind an x
 // The character at the front, of two or three bytes: all in the table are. 0, and a length of 1, for any other byte.
 std::uint32_t characterOf(std::string_view text, std::size_t& length) {
     auto const byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    // No text is refused here, so no form need be checked beyond the bytes that follow: what is not in the table stays
+    // as it is.
     length = text.size() >= 2 && (byte(0) & 0xE0U) == 0xC0 ? 2 : text.size() >= 3 && (byte(0) & 0xF0U) == 0xE0 ? 3 : 1;
     std::uint32_t character = byte(0) & (length == 2 ? 0x1FU : 0x0FU);
     for (std::size_t i = 1; i < length; ++i) {
@@ -70,6 +73,7 @@ bool takeWord(std::string_view& text, std::string_view lowerCase) {
 } // namespace
 
 std::string_view plainNumberText(std::string_view text, std::string& place) {
+    // Nearly all texts: nothing is copied.
     if (std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; }))
         return text;
     place.clear();
@@ -81,17 +85,21 @@ std::string_view plainNumberText(std::string_view text, std::string& place) {
 }
 
 std::string_view withoutExtension(std::string_view text) {
+    // Read from its end, since what an extension is behind may have any form.
     std::string_view const whole = text;
     text = withoutEnd(text, " \t");
     std::size_t digits = 0;
     for (; !text.empty() && isDigit(text.back()) && digits <= longExtensionCM; ++digits)
         text.remove_suffix(1);
+    // More digits are a number's own.
     if (digits == 0 || digits > longExtensionCM)
         return whole;
+    // What stands between word and digits: "ext. 5", "ext=5", "x#5".
     text = withoutEnd(text, " \t.:=#-");
     bool const isWord = takeWord(text, "extension") || takeWord(text, "extn") || takeWord(text, "ext");
     bool const isX = !isWord && digits <= shortExtensionCM && takeWord(text, "x");
     text = withoutEnd(text, " \t,;.-");
+    // Before an extension there must be a number, which ends in a digit or a bracket.
     return (isWord || isX) && !text.empty() && (isDigit(text.back()) || text.back() == ')') ? text : whole;
 }
 
@@ -99,6 +107,7 @@ bool hasDigit(std::string_view text) {
     return std::any_of(text.begin(), text.end(), isDigit);
 }
 
+// One or two zeros behind the point only: other fractions are groups of digits, "0.7700.900123".
 bool isDecimal(std::string_view text) {
     text = withoutEnd(text.substr(std::min(text.find_first_not_of("( \t"), text.size())), ") \t");
     if (text.starts_with('+'))

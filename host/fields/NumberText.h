@@ -13,13 +13,13 @@
 
 namespace nphost {
 
-// The text in ASCII, as far as that says the same: Unicode's blanks become blanks, its dashes '-', full-width forms what
-// they are forms of, Arabic-Indic digits digits. Soft hyphens, marks of direction and characters without a width go.
-// All else, UTF-8 or not, stays.
+// The text in ASCII, as far as that says the same: Unicode's blanks become blanks, its dashes '-', full-width forms
+// what they are forms of, Arabic-Indic digits digits. Soft hyphens, marks of direction and characters without a width
+// go. All else, UTF-8 or not, stays.
 std::string_view plainNumberText(std::string_view text, std::string& place);
 
-// The text without an extension at its end: "ext", "extn", "extension" or ";ext=" and up to seven digits, or one 'x' and
-// up to five, in any case. More x are digits that somebody has hidden, and no extension.
+// The text without an extension at its end: "ext", "extn", "extension" or ";ext=" and up to seven digits, or one 'x'
+// and up to five, in any case. More x are digits that somebody has hidden, and no extension.
 std::string_view withoutExtension(std::string_view text);
 
 // Whether an ASCII digit is in it.

@@ -17,8 +17,10 @@ constexpr std::array<char const*, searchMethodsCM> methodsCM = {"best", "exact",
 NumberKind readNumber(std::string_view number, NumberForm const* form, BAS::String& out) {
     if (form != nullptr)
         return form->toStored(number, out);
+    // Its digits are those of several values; the look-up would take them for one number.
     if (number.starts_with('[') || number.starts_with('{'))
         return NumberKind::UNREADABLE;
+    // As it stands: the look-up passes over what is no digit.
     out.assign(number.data(), number.size());
     return hasDigit(number) ? NumberKind::NUMBER : NumberKind::NONE;
 }
@@ -51,6 +53,7 @@ std::optional<unsigned int> searchMethodOf(std::string_view name) {
                                     : std::optional(static_cast<unsigned int>(found - methodsCM.begin()));
 }
 
+// The plug-in takes any number above for the shortest prefix, too.
 char const* nameOfSearchMethod(unsigned int method) {
     return methodsCM[std::min<std::size_t>(method, methodsCM.size() - 1)];
 }

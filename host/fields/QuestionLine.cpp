@@ -11,6 +11,7 @@ namespace nphost {
 
 namespace {
 
+// Not the tab, which may stand for an empty column, nor the carriage return, which makes a line no question.
 bool isBlank(char c) {
     return c == ' ' || c == '\v' || c == '\f';
 }
@@ -51,6 +52,7 @@ constexpr std::size_t dateLengthCM = 10; // YYYY-MM-DD
 
 std::string_view takeInstant(std::string_view& line) {
     std::size_t length = columnOf(line).size();
+    // The time of day belongs to the date only if both make an instant: else it is the next column.
     if (length == dateLengthCM && line.size() > length && line[length] == ' ') {
         std::size_t const both = length + 1 + columnOf(line.substr(length + 1)).size();
         length = parseInstant(line.substr(0, both)).isValid() ? both : length;
@@ -85,6 +87,7 @@ std::string_view takeSpacedNumber(std::string_view& line) {
 
 } // namespace
 
+// Columns are taken one after the other from the front; what is left behind the method is ignored.
 QuestionLine::QuestionLine(std::string_view line, bool spaced) {
     skipBlanks(line);
     while (!line.empty() && (isBlank(line.back()) || line.back() == '\t' || line.back() == '\r'))
@@ -100,6 +103,7 @@ QuestionLine::QuestionLine(std::string_view line, bool spaced) {
 bool holdsColumns(std::string_view number) {
     if (std::any_of(number.begin(), number.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }))
         return true;
+    // The first column may be anything: a number alone may look like an instant.
     for (std::string_view rest = number; !rest.empty();) {
         takeColumn(rest);
         if (beginsInstant(rest))

@@ -88,6 +88,7 @@ class IsoTime {
     bool readDate() {
         if (!restM.takeDigits(&digitsM[0], 4))
             return false;
+        // Either all separators or none.
         bool const extended = restM.skip('-');
         return restM.takeDigits(&digitsM[monthCM], 2) && (!extended || restM.skip('-')) &&
                restM.takeDigits(&digitsM[dayCM], 2);
@@ -96,6 +97,7 @@ class IsoTime {
     bool readTime() {
         if (!restM.takeDigits(&digitsM[hourCM], 2))
             return false;
+        // The form of the date does not bind that of the time.
         bool const extended = restM.skip(':');
         if (!restM.takeDigits(&digitsM[minuteCM], 2))
             return false;
@@ -127,11 +129,13 @@ class IsoTime {
 
     // Finds out what the digits name.
     bool settle() {
+        // 24:00:00 is the next day's first instant, and the only time with that hour.
         bool const endOfDay = is(hourCM, "24") && is(minuteCM, "00") && is(secondCM, "00") && !fractionM;
         if (endOfDay)
             put(hourCM, "00");
         else if (is(secondCM, "60"))
             put(secondCM, "59");
+        // The ranges of month, day and hour are checked here, by the calendar that the data have.
         clockM = BAS::DateTime(std::string_view(digitsM.data(), digitsM.size()));
         if (endOfDay && clockM.isValid())
             clockM = BAS::DateTime::fromSeconds(clockM.seconds() + 86400);
@@ -139,6 +143,7 @@ class IsoTime {
     }
 
     Rest restM;
+    // Seconds that are missing stay "00".
     std::array<char, digitsCM> digitsM = {'0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0', '0'};
     bool fractionM = false; // one that is not zero
     std::optional<int> offsetM;
@@ -154,6 +159,7 @@ std::optional<std::int64_t> secondsOf(std::string_view text) {
     bool fraction = false;
     if (!rest.empty() && (!rest.skip('.', ',') || !rest.skipDigits(fraction) || !rest.empty()))
         return std::nullopt;
+    // The number is cut off towards zero, which before 1970 is a second too late.
     bool const downward = fraction && text.front() == '-' && seconds > std::numeric_limits<std::int64_t>::min();
     return downward ? seconds - 1 : seconds;
 }
@@ -188,6 +194,7 @@ std::string withYearsOfFourDigits(std::string const& pattern) {
     std::string result;
     for (std::size_t i = 0; i < pattern.size(); ++i) {
         std::string_view const pair = std::string_view(pattern).substr(i, 2);
+        // A pair goes together, so that the second sign of "%%Y" begins nothing.
         bool const isConversion = pair.size() == 2 && pair[0] == '%';
         result += pair == "%Y" ? std::string_view("%E4Y") : pair.substr(0, isConversion ? 2 : 1);
         i += isConversion ? 1 : 0;
@@ -224,15 +231,18 @@ bool tells(std::string const& pattern, absl::CivilSecond time) {
     if (!read)
         return false;
     absl::CivilSecond const back = absl::ToCivilSecond(*read, absl::UTCTimeZone());
+    // What the pattern leaves out of the time of day is zero.
     return back == time || back == absl::CivilMinute(time) || back == absl::CivilHour(time) ||
            back == absl::CivilDay(time);
 }
 
 void checkPattern(std::string const& pattern, std::string const& shown) {
+    // The library would take any name and not use it.
     if (hasConversion(pattern, "Z"))
         throw HostError("the time format '" + shortened(shown) +
                         "' has %Z, but the names of zones are not understood; write %z for an offset");
-    // Two days that differ in every field, in the afternoon; and one that shows that %C is passed over, which leaves %y alone.
+    // Two days that differ in every field, in the afternoon; and one that shows that %C is passed over, which leaves %y
+    // alone.
     if (!tells(pattern, absl::CivilSecond(2003, 2, 1, 16, 5, 9)) ||
         !tells(pattern, absl::CivilSecond(1999, 12, 31, 21, 58, 47)) ||
         (hasConversion(pattern, "C") && !tells(pattern, absl::CivilSecond(2099, 12, 31, 21, 58, 47))))
@@ -305,6 +315,7 @@ std::optional<TimeReader::Reading> TimeReader::readPattern(std::string_view text
     std::int64_t const seconds = absl::ToUnixSeconds(meant); // the ends of 64 bits for "infinite-future" and its like
     if (formM == Form::ABSOLUTE_PATTERN)
         return zoneM.clockAt(seconds);
+    // Beyond them, seconds would be no instant of the data.
     constexpr auto last = static_cast<std::int64_t>(BAS::DateTime::invalidSecsCM) - TimeZone::secondsTo1970CM - 1;
     if (seconds < -TimeZone::secondsTo1970CM || seconds > last)
         return std::nullopt;

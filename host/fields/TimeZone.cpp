@@ -37,9 +37,12 @@ std::int64_t asUtc(absl::CivilSecond clock) {
 TimeZone::TimeZone(std::string const& name) {
     absl::TimeZone const zone = load(name);
     absl::Time at = absl::FromUnixSeconds(-secondsTo1970CM);
+    // Local mean time, in most zones: it holds until the first change.
     firstOffsetM = zone.At(at).offset;
     std::int64_t offset = firstOffsetM;
+    // Read once for all: from here on no reading asks the library, nor takes its lock.
     for (absl::TimeZone::CivilTransition change; zone.NextTransition(at, &change);) {
+        // The library tells clock times only, before and after the change: the offsets follow from them.
         std::int64_t const instant = asUtc(change.from) - offset;
         std::int64_t const after = asUtc(change.to) - instant;
         addChange(instant, offset, after);
@@ -52,6 +55,7 @@ void TimeZone::addChange(std::int64_t at, std::int64_t before, std::int64_t afte
     if (before == after) // a new name or law for the same time
         return;
     changesM.push_back({at, after});
+    // In clock time: between the two readings of the moment at which the clocks were changed.
     doubtfulM.push_back({static_cast<std::uint64_t>(at + secondsTo1970CM + std::min(before, after)),
                          static_cast<std::uint64_t>(at + secondsTo1970CM + std::max(before, after)),
                          after < before ? Doubt::AMBIGUOUS : Doubt::IMPOSSIBLE});
@@ -66,6 +70,7 @@ std::int64_t TimeZone::offsetAt(std::int64_t secondsSince1970) const noexcept {
 std::optional<TimeZone::Reading> TimeZone::clockAt(std::int64_t secondsSince1970) const noexcept {
     constexpr auto limit = static_cast<std::int64_t>(BAS::DateTime::invalidSecsCM);
     constexpr std::int64_t margin = 7L * 86400; // more than any offset
+    // Before anything is added, which could overflow.
     if (secondsSince1970 < -secondsTo1970CM - margin || secondsSince1970 > limit - secondsTo1970CM + margin)
         return std::nullopt;
     std::int64_t const clock = secondsSince1970 + secondsTo1970CM + offsetAt(secondsSince1970);
@@ -75,11 +80,13 @@ std::optional<TimeZone::Reading> TimeZone::clockAt(std::int64_t secondsSince1970
 }
 
 TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
+    // They stand in order, so only the last that has begun can hold the time.
     auto const next = std::upper_bound(doubtfulM.begin(), doubtfulM.end(), clock.seconds(),
                                        [](std::uint64_t at, Doubtful const& change) { return at < change.begin; });
     if (next == doubtfulM.begin() || clock.seconds() >= std::prev(next)->end)
         return {clock, Doubt::NONE};
     Doubtful const& found = *std::prev(next);
+    // It stays as it stands, and means both.
     if (found.doubt == Doubt::AMBIGUOUS)
         return {clock, found.doubt};
     return {BAS::DateTime::fromSeconds(clock.seconds() + (found.end - found.begin)), found.doubt};

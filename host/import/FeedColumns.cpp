@@ -29,6 +29,7 @@ std::optional<std::size_t> takeField(std::string_view& text) {
 }
 
 // The column up to a comma behind which the next field stands.
+// A column's name may have commas in it: only one before a field ends it.
 std::string_view takeColumn(std::string_view& text) {
     for (std::size_t comma = text.find(','); comma != std::string_view::npos; comma = text.find(',', comma + 1)) {
         std::string_view next = text.substr(comma + 1);
@@ -51,6 +52,7 @@ FeedColumns::FeedColumns(std::string_view map) {
     for (std::string_view rest = map; !rest.empty();) {
         std::optional<std::size_t> const field = takeField(rest);
         std::string_view const column = takeColumn(rest);
+        // One message for all: who has the form before his eyes sees what is wrong.
         if (!field || column.empty() || !columnsM[*field].empty())
             throw HostError("'" + shortened(map) +
                             "' maps no columns; write number=COLUMN,valid-from=COLUMN,network=COLUMN");

@@ -13,6 +13,7 @@ struct Words {
     char const* name;
     char const* sentence;
 };
+// In the order of Refusal. The names stand in files of rejects, which programs read: they stay.
 constexpr std::array<Words, refusalsCM> wordsCM = {{
     {"field-count", "the record has more or fewer fields than the first"},
     {"broken-quotes", "the quotation marks do not match"},
@@ -61,6 +62,7 @@ FeedConversion::FeedConversion(TimeReader times, NumberForm const* form) : times
 
 FeedConversion::Outcome FeedConversion::convert(std::string_view number, std::string_view validFrom,
                                                 std::string_view network, std::string& out) {
+    // The first fault is the one that is told.
     if (!readNumber(number))
         return Outcome::REFUSED;
     std::optional<TimeReader::Reading> const time = timesM.read(validFrom);
@@ -95,16 +97,19 @@ bool FeedConversion::readNumber(std::string_view text) {
 bool FeedConversion::readNetwork(std::string_view text) {
     if (text.empty())
         return refuse(Refusal::NO_NETWORK, text);
+    // A line break would end the data line, and a NUL the identifier.
     if (std::any_of(text.begin(), text.end(), isControl))
         return refuse(Refusal::CONTROL_CHARACTER, text);
     if (text.size() > longestNetworkCM)
         return refuse(Refusal::LONG_NETWORK, text);
+    // Last: a name gets its number, and its place, only from a record that has all its parts.
     networkM = networksM.numberOf(text);
     return true;
 }
 
 FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, std::string& out) {
     if (std::optional<std::uint32_t> const other = seenM.insert(numberM.view(), time.instant, networkM)) {
+        // Which of the two is right is not for a program to say; the first stays.
         if (*other != networkM) {
             refuse(Refusal::OTHER_NETWORK, networksM.nameOf(*other));
             return Outcome::REFUSED;
@@ -113,6 +118,7 @@ FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, st
         return Outcome::REPEATED;
     }
     ++countsM.converted;
+    // Networks of repeated or refused records alone do not count.
     usedM.resize(std::max<std::size_t>(usedM.size(), networkM + 1));
     usedM[networkM] = true;
     countsM.ambiguous += time.doubt == TimeReader::Doubt::AMBIGUOUS ? 1 : 0;

@@ -33,9 +33,11 @@ std::uint32_t FeedNetworks::numberOf(std::string_view name) {
 
 std::uint32_t FeedNetworks::add(std::string_view name) {
     auto const number = static_cast<std::uint32_t>(networksM.size());
+    // In a deque, where it stays: both tables have views of its texts.
     networksM.push_back({std::string(name), identifierOf(name)});
     Network const& network = networksM.back();
     auto const [other, isNew] = byIdentifierM.emplace(network.identifier, number);
+    // Later their records could not be told apart, in the data or in any answer.
     if (!isNew)
         throw HostError("the networks '" + shortened(networksM[other->second].written) + "' and '" + shortened(name) +
                         "' would become one, " + shortened(network.identifier) + ": rename one in the feed");

@@ -79,6 +79,7 @@ class Rejects {
         std::string detail = sentenceOf(refusal);
         if (!subject.empty())
             detail += ": '" + shortened(subject) + "'";
+        // Without a file the first ones are shown as they come; how many there are is known only at the end.
         if (targetM)
             beginRow(line, refusal, detail);
         else if (totalM < shownCM)
@@ -93,6 +94,7 @@ class Rejects {
     void end(Refusal refusal) {
         if (targetM)
             targetM->buffer() += "\"\n";
+        // Counted at its end, so that a record in pieces counts once.
         ++countsM[static_cast<std::size_t>(refusal)];
         ++totalM;
     }
@@ -112,6 +114,7 @@ class Rejects {
     std::array<std::uint64_t, refusalsCM> const& counts() const { return countsM; }
 
     // "most often bad-time: the time cannot be read"
+    // With thousands of rejects the reason that most have is what must be mended.
     std::string mostFrequent() const {
         auto const most = static_cast<Refusal>(std::max_element(countsM.begin(), countsM.end()) - countsM.begin());
         return std::string("most often ") + nameOf(most) + ": " + sentenceOf(most);
@@ -151,9 +154,11 @@ class Import {
 
     int run() {
         inputM.start();
+        // A file of nothing would take all numbers away at the next reload: it is a failure, not a quiet day.
         if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
+        // From here on there are temporary files, which a signal must not leave.
         Interruption const interruption(stopReadingM);
         Rejects rejects(inputM.nameOf(0), optionsM.rejects);
         writeAll(reader, rejects);
@@ -167,6 +172,7 @@ class Import {
         PieceTarget target(optionsM.output);
         convertAll(reader, target, rejects);
         bool const whole = stoppedM.empty();
+        // All rejected, or nothing but empty lines: a wrong column or separator far more often than an empty feed.
         if (whole && conversionM.counts().converted == 0)
             throw HostError(inputM.nameOf(0) + ": no record could be taken; nothing is written" +
                             (rejects.total() > 0
@@ -177,6 +183,7 @@ class Import {
             target.sync();
         rejects.sync();
         Interruption::check();
+        // Also when there were too many: it says why.
         rejects.finish();
         if (whole)
             target.finish();
@@ -192,6 +199,7 @@ class Import {
                 convertBlock(block, reader, target, rejects);
             else
                 rejectPiece(block.block, rejects);
+            // A block at a time: memory stays bounded, and a signal is obeyed between blocks.
             target.write();
         }
         Interruption::check();
@@ -207,6 +215,7 @@ class Import {
                 ++emptyLinesM;
             else
                 convert(record, target, rejects);
+            // For the progress line's thread.
             linesM.store(record.line, std::memory_order_relaxed);
         }
     }

@@ -28,9 +28,11 @@ std::optional<std::uint32_t> SeenRecords::insert(std::string_view number, BAS::D
         throw std::length_error("too many networks");
     std::uint64_t const key = packed(number);
     if (key == 0) {
+        // Rare: hardly any number is longer.
         auto const [found, isNew] = othersM.emplace(std::pair(std::string(number), at.seconds()), network);
         return isNew ? std::nullopt : std::optional(found->second);
     }
+    // Equal are number and instant; the network only goes along in the bits below.
     auto const [found, isNew] = packedM.insert({key, at.seconds() << networkBitsCM | network});
     constexpr std::uint64_t networkMask = (std::uint64_t(1) << networkBitsCM) - 1;
     return isNew ? std::nullopt : std::optional(static_cast<std::uint32_t>(found->atAndNetwork & networkMask));

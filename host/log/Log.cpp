@@ -49,11 +49,13 @@ BAS::Status ownStatus(char const* identifier, BAS::Status::Severity severity, BA
     return status;
 }
 
+// An examination wants the rejected lines of its own thread; those of a load that runs meanwhile are for the log.
 thread_local bool keepsRejectsHere = false;
 
 } // namespace
 
 Log::Log(MessageCatalogue const& catalogue, LogSettings const& settings) : catalogueM(catalogue), settingsM(settings) {
+    // In the body, when all members are there: from here on any thread may report.
     BAS::RegisteredObject::installLogSink(this);
 }
 
@@ -61,6 +63,8 @@ Log::~Log() {
     BAS::RegisteredObject::installLogSink(nullptr);
 }
 
+// On the reporting thread, whichever it is. The lock is held until the line is written, so that lines keep their order;
+// that is why a service must not wait long for a reader (StandardError.h).
 void Log::write(BAS::Status const& status) noexcept {
     BAS::MutexGuard const guard(lockM);
     Taken taken = Taken::HIDDEN;
@@ -70,11 +74,13 @@ void Log::write(BAS::Status const& status) noexcept {
     } catch (...) { // a reporter must not fail for want of a log
         lose();
     }
+    // Also what is not shown: an outcome may hang on its severity.
     if (settingsM.observer != nullptr && taken != Taken::KEPT)
         settingsM.observer->noticed(status, taken == Taken::SHOWN ? &reportM : nullptr);
 }
 
 Log::Taken Log::take(BAS::Status const& status) {
+    // The first failure is the cause; those behind it follow from it.
     if (status.severity() >= BAS::Status::MAJOR && !failureM) {
         failureM.emplace();
         failureM->identifier = status.identifier().str();
@@ -93,6 +99,7 @@ Log::Taken Log::take(BAS::Status const& status) {
 void Log::keep(BAS::Status const& status) {
     BAS::Status::Arguments arguments = status.arguments();
     std::size_t const place = findReject(status)->second;
+    // Its place is told by the line's number; in the reason it would only repeat that.
     if (place < arguments.length())
         arguments[place] = BAS::String();
     lastRejectM.identifier = status.identifier().str();
@@ -107,9 +114,11 @@ bool Log::isShown(BAS::Status const& status) {
         return !isReject || isAmongFirst(static_cast<std::size_t>(reject - rejectsCM.begin()));
     if (status.severity() < BAS::Status::WARNING || status.severity() >= BAS::Status::MAJOR)
         return false;
+    // Each line is reported for both trees of a first load: the second report is left out.
     return !isReject || (!isRepeated(status) && ++rejectsM <= rejectLimitCM);
 }
 
+// Whose load it is shows by the thread.
 bool Log::isAmongFirst(std::size_t kind) {
     loaderM = std::this_thread::get_id();
     if (++loadRejectsM <= loadRejectLimitCM)
@@ -134,6 +143,7 @@ void Log::endLoad(BAS::Status const& status) {
     bool const ends = sameThread ? status.severity() != BAS::Status::WARNING : isReject(status);
     if (loadRejectsM == 0 || keepsRejectsHere || !ends)
         return;
+    // Before anything that may fail: a load's end comes only once.
     loadRejectsM = 0;
     auto const hidden = std::exchange(loadHiddenM, {});
     unsigned long sum = 0;
@@ -154,6 +164,7 @@ void Log::endLoad(BAS::Status const& status) {
 }
 
 void Log::show(BAS::Status const& status) {
+    // Before the report that follows: the gap stands where it is.
     if (unsaidM > 0 &&
         put(reportOf(ownStatus("ERR_HOST_LOG_LOST", BAS::Status::MAJOR, {BAS::String(std::to_string(unsaidM))}),
                      catalogueM)))
@@ -164,6 +175,7 @@ void Log::show(BAS::Status const& status) {
 }
 
 bool Log::put(LogReport const& report) {
+    // One text for all lines: it keeps its storage, so that most reports need no memory.
     lineM.clear();
     if (settingsM.json)
         appendJson(lineM, report);

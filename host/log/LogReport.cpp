@@ -17,6 +17,7 @@ constexpr std::array<std::string_view, 5> namesCM = {"NORMAL", "WARNING", "MINOR
 } // namespace
 
 std::string_view nameOf(BAS::Status::Severity severity) {
+    // Severities count from 1; 0 wraps round and is unknown, as all above are.
     auto const position = static_cast<std::size_t>(severity) - 1;
     return position < namesCM.size() ? namesCM[position] : "UNKNOWN";
 }
@@ -25,6 +26,7 @@ std::string clockTime(BAS::DateTime at) {
     return at.isValid() ? at.asString("%Y-%m-%dT%H:%M:%SZ").str() : "-";
 }
 
+// The order is fixed: programs that read the log cut it at blanks and quotation marks.
 void appendText(std::string& out, LogReport const& report) {
     out += clockTime(report.at);
     out += ' ';
@@ -47,6 +49,7 @@ LogReport abridged(LogReport const& report) {
         return text.substr(0, mostKeptBytesCM) + "... (" + std::to_string(text.size()) + " bytes)";
     };
     LogReport shorter;
+    // Member by member: a copy of the whole would first take the memory that is to be spared.
     shorter.at = report.at;
     shorter.severity = report.severity;
     shorter.object = cut(report.object);
@@ -76,6 +79,7 @@ void appendJson(std::string& out, LogReport const& report) {
     out += '}';
 }
 
+// The same keys as above, as a value: for answers, which the daemon makes with its reserve whole.
 nlohmann::json toJson(LogReport const& report) {
     std::vector<std::string> arguments;
     for (std::string const& argument : report.arguments)
@@ -89,6 +93,7 @@ LogReport reportOf(nlohmann::json const& object) {
     auto const severity = std::find(namesCM.begin(), namesCM.end(), object.at("severity").get<std::string>());
     LogReport report;
     report.at = parseInstant(object.at("time").get<std::string>());
+    // A name that is unknown becomes a number that nameOf calls UNKNOWN.
     report.severity = static_cast<BAS::Status::Severity>(severity - namesCM.begin() + 1);
     report.object = object.at("object").get<std::string>();
     report.identifier = object.at("identifier").get<std::string>();

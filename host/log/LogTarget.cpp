@@ -26,6 +26,7 @@ bool LogTarget::write(std::string_view line) noexcept {
     BAS::MutexGuard const guard(lockM);
     if (!descriptorM)
         return StandardError::write(line);
+    // The next line must not be read as the end of half a one.
     if (halfM && writeWhole(descriptorM.get(), "\n") == 0)
         return false;
     std::size_t const written = writeWhole(descriptorM.get(), line);
@@ -36,6 +37,7 @@ bool LogTarget::write(std::string_view line) noexcept {
 std::string LogTarget::reopen() {
     if (fileM.empty())
         return {};
+    // Opened before the old one is let go: if it cannot be, the log goes on in the old file.
     FileDescriptor fresh = open();
     if (!fresh)
         return std::system_category().message(errno);

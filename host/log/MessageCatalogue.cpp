@@ -12,6 +12,8 @@ void appendFilled(std::string& out, std::string_view text, BAS::Status::Argument
         char const next = text[i] == '%' && i + 1 < text.size() ? text[i + 1] : '\0';
         if (next >= '1' && next <= '9') {
             auto const position = static_cast<std::size_t>(next - '1');
+            // An argument that is missing leaves nothing: the texts are an operator's, and a report must not fail for
+            // one.
             if (position < arguments.length())
                 appendShortened(out, arguments[position].view());
             ++i;
@@ -26,8 +28,10 @@ void appendFilled(std::string& out, std::string_view text, BAS::Status::Argument
 
 MessageCatalogue::MessageCatalogue(std::filesystem::path const& file) {
     for (auto&& [key, node] : parseToml(readWhole(file), file)) {
+        // At the start, where a wrong text can still be told.
         if (!node.is_string())
             throw errorAt(file, key.source(), "'" + shortened(key.str()) + "' must be a text");
+        // Made fit to be shown once, not with every report.
         textsM.emplace(key.str(), visible(node.as_string()->get()));
     }
 }

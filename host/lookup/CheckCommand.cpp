@@ -80,6 +80,7 @@ class TextReport : public Report {
   public:
     explicit TextReport(bool all) : allM(all) {}
 
+    // One of each kind is kept and shown at the end, where it is not lost above the counts.
     void reject(RejectedLine const& line) override {
         if (allM)
             outM.append(textOf(line));
@@ -176,6 +177,7 @@ class JsonReport : public Report {
     void reject(RejectedLine const& line) override {
         if (!allM)
             return;
+        // The list is begun with its first line: without one it is written empty, at the end.
         outM.append(startedM ? std::string_view(",\n") : "{\"rejects\":[\n");
         startedM = true;
         outM.append(dump({{"line", line.number},
@@ -239,6 +241,7 @@ class JsonReport : public Report {
 
 Configuration configurationFor(CheckOptions const& options) {
     Configuration configuration = options.common.readConfiguration();
+    // Before the file is read: a shell may have sent complaints into it.
     StandardError::keepOff(options.file, "the file itself");
     configuration.useDataFile(options.file);
     return configuration;
@@ -271,6 +274,7 @@ void warnOfByteOrderMark(std::string const& file) {
 
 // Records that are not at hand are taken to be like those of the file, if that has enough of them.
 std::uint64_t treeBytesOf(std::uint64_t records, LoadFigures const& figures) {
+    // The upper end of what was measured, 22 to 26.
     constexpr double bytesARecord = 26;
     constexpr std::uint64_t enough = 100'000;
     double const each = figures.records < enough
@@ -287,6 +291,7 @@ Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSumma
                 limits,
                 figuresOf(summary, first),
                 {}};
+    // What a daemon takes without data, roughly: this process says nothing of it.
     constexpr std::uint64_t daemonBytes = 32UL * 1024 * 1024;
     trial.figures.otherBytes = daemonBytes;
     trial.figures.liveRecords = options.live.value_or(0);
@@ -310,12 +315,14 @@ int check(CheckOptions const& options) {
     std::unique_ptr<Report> const report = makeReport(options);
     std::string first;
     DataSummary const summary = readFile(host, options, *report, first);
+    // A failure that was reported is the outcome, also when the file could be read.
     host.throwFailure();
     warnOfByteOrderMark(options.file);
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);
     report->finish(summary, trial);
+    // The guard's word weighs more than rejected lines: what it refuses is not loaded.
     if (trial && !trial->reasons.empty())
         return REFUSED;
     return summary.rejected() == 0 ? FINE : NOT_FOUND;

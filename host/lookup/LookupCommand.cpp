@@ -71,6 +71,8 @@ void hintAtNormalise(QuestionBatch const& batch) {
              "write them");
 }
 
+// Reads ahead what has come and answers it together; before every read that may wait it answers and writes what it has
+// (LineInput's `beforeRead`), so that a program that asks and waits is served.
 class StreamLookup {
   public:
     StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
@@ -110,6 +112,7 @@ class StreamLookup {
         QuestionLine const question(line, normaliseM);
         BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
         std::optional<unsigned int> const method = question.method.empty() ? methodM : methodOfColumn(question.method);
+        // First, since the columns of such a line are not what they seem.
         if (holdsReturn(line))
             return reject(question, "a carriage return is in the line", line);
         if (question.number.empty())
@@ -123,6 +126,7 @@ class StreamLookup {
             reject(question, sentenceOf(kind), question.number);
     }
 
+    // A line that is no question gets an answer line, too, so that answers can be counted off against questions.
     void reject(QuestionLine const& question, char const* reason, std::string_view what) {
         batchM.answer(); // the answers keep the order of the lines
         outM.append(question.number);
@@ -142,6 +146,7 @@ class StreamLookup {
 
     ProgressLine::Source progressSource() const {
         struct stat status = {};
+        // Of a pipe the length is not known, so no time left is shown.
         bool const isFile = fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode);
         auto const total = isFile ? static_cast<std::uint64_t>(status.st_size) : 0;
         return [this, total] { return ProgressLine::Reading{linesM.load(), bytesM.load(), total}; };
@@ -180,9 +185,11 @@ bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at)
     return batch.allFound();
 }
 
+// Now is read once, so that all questions without an instant mean the same one.
 int lookup(LookupOptions const& options) {
     BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
+    // A wrong number is told before the data are loaded; without dialling codes that needs no module, either.
     if (!fromInput && !options.normalise)
         checkNumbers(options.numbers, nullptr);
     Host host(options.common.readConfiguration(), options.common);

@@ -39,8 +39,8 @@ struct PrintOptions {
     bool noHeading = false;
 };
 
-// Passes the listing on in pieces and counts its lines for the progress line. A failure ends the listing: a stream keeps
-// it to itself, so the caller asks for it.
+// Passes the listing on in pieces and counts its lines for the progress line. A failure ends the listing: a stream
+// keeps it to itself, so the caller asks for it.
 class ListingBuffer : public std::streambuf {
   public:
     ListingBuffer(PieceTarget& target, bool byLine) : targetM(target), byLineM(byLine) { clear(); }
@@ -55,6 +55,7 @@ class ListingBuffer : public std::streambuf {
     }
 
   protected:
+    // The stream calls it when the buffer is full, and takes end-of-file for a failure: then it writes no more.
     int_type overflow(int_type character) override {
         if (!writeOut())
             return traits_type::eof();
@@ -62,6 +63,7 @@ class ListingBuffer : public std::streambuf {
             sputc(traits_type::to_char_type(character));
         return traits_type::not_eof(character);
     }
+    // The listing flushes every line: only a terminal's reader gains by it.
     int sync() override { return !byLineM || writeOut() ? 0 : -1; }
 
   private:
@@ -112,6 +114,7 @@ int print(PrintOptions const& options) {
     if (char const* const kept = files.nameOf(fileOf(options.output).value_or("/dev/stdout")))
         throw HostError("the output " + options.output + " is " + kept);
     Host host(std::move(configuration), options.common);
+    // Signals act as ever while the data are loaded: there is no temporary file yet.
     host.start();
     std::atomic<bool> stop{false};
     Interruption const interruption(stop);

@@ -12,6 +12,7 @@ QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const
 NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
     // A very long number stands alone, so that the first place's storage is the only one that grows to hold such.
     bool const isLong = number.size() > longNumberCM;
+    // A batch has one method, and answers keep the order of the questions.
     if (method != methodM || isLong)
         answer();
     methodM = method;
@@ -24,6 +25,7 @@ NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::op
     return kind;
 }
 
+// Also without questions, which costs nothing: callers need not ask whether there are any.
 void QuestionBatch::answer() {
     batchM.search(methodM);
     for (std::size_t i = 0; i < batchM.size(); ++i)
@@ -33,6 +35,7 @@ void QuestionBatch::answer() {
 
 void QuestionBatch::countNotFound(std::string_view number) {
     allFoundM = false;
+    // One is shown, the others are counted.
     if (!formM.beginsAsStored(number) && notStoredM++ == 0)
         firstNotStoredM = number;
 }

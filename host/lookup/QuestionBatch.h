@@ -7,8 +7,8 @@
 // with the next batch: add answers what came before it.
 // Ownership: borrows the plug-in and the output; questions are copied. Destruction drops what was not answered.
 // Threads: one thread at a time.
-// Errors: what the output throws; std::bad_alloc, also when the plug-in runs out of memory: nothing of the batch is then
-// answered.
+// Errors: what the output throws; std::bad_alloc, also when the plug-in runs out of memory: nothing of the batch is
+// then answered.
 // Complexity: a look-up a question; nothing is allocated for one but what longer numbers and networks than before need.
 #pragma once
 

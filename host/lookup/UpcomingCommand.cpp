@@ -67,11 +67,13 @@ struct Period {
 Changes collect(Host& host, Period const& period) {
     Changes changes;
     BAS::DateTime liveSince;
+    // The visit holds the data, so it only gathers; networks before are looked up when it is over.
     if (!host.plugIn().visitUpcoming(period.from, liveSince, [&](BAS::String const& number, Record const& record) {
             if (record.validFromM <= period.until)
                 changes.push_back({number, record});
         }))
         host.fail("the data could not be searched for what is to come");
+    // The visit goes by number, people read by time.
     std::sort(changes.begin(), changes.end(), [](Change const& one, Change const& other) {
         return std::tie(one.record.validFromM, one.number) < std::tie(other.record.validFromM, other.number);
     });
@@ -85,6 +87,7 @@ class OriginSearch {
 
     explicit OriginSearch(Host& host) : hostM(host), recordsM(mostCM), originsM(mostCM) {}
 
+    // The second before is never below the first: a record that is to come is later than some instant.
     Origins find(std::span<Change const> changes) {
         numbersM.clear();
         instantsM.clear();
@@ -124,6 +127,7 @@ void appendText(Output& out, Change const& change, std::optional<std::string> co
 }
 
 void appendJson(Output& out, Change const& change, std::optional<std::string> const& origin, bool first) {
+    // One object a change, written as it comes: the whole list as one value would double the memory.
     Json const object = {{"at", digits(change.record.validFromM)},
                          {"number", change.number.str()},
                          {"from", origin ? Json(asUtf8(*origin)) : Json()},
@@ -143,6 +147,7 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
     OriginSearch search(host);
     if (json)
         appendHeading(out, changes, period);
+    // Some at a time, so that answers are held for no more than those.
     for (std::size_t begin = 0; begin < changes.size(); begin += OriginSearch::mostCM) {
         auto const some = std::span(changes).subspan(begin, std::min(OriginSearch::mostCM, changes.size() - begin));
         Origins const origins = search.find(some);

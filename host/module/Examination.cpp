@@ -8,6 +8,7 @@ namespace nphost {
 bool examine(LoadedPlugIn& plugIn, Log const& log, std::string const& file,
              DAT::NumberPortability::DataSummary& summary, std::function<void(RejectedLine const&)> const& onReject,
              DAT::NumberPortability::GoOn const& goOn) {
+    // The module tells a line's reason by its report only, on this thread, just before it calls.
     Log::RejectScope const scope;
     std::exception_ptr failure; // the module would report it as its own
     bool const complete = plugIn.examine(
@@ -21,6 +22,7 @@ bool examine(LoadedPlugIn& plugIn, Log const& log, std::string const& file,
             }
         },
         goOn);
+    // As it was thrown: the module's report would have lost its kind.
     if (failure)
         std::rethrow_exception(failure);
     return complete;

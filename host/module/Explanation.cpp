@@ -27,6 +27,7 @@ std::string notYet(StoredPrefix const& prefix) {
 } // namespace
 
 Explanation::Explanation(Prefixes const& prefixes, BAS::String const& number) : prefixesM(prefixes) {
+    // The tree knows digits only: keys are compared with these.
     std::copy_if(number.view().begin(), number.view().end(), std::back_inserter(digitsM), isDigit);
 }
 
@@ -43,6 +44,7 @@ Explanation::Choice Explanation::choose(unsigned int method, BAS::DateTime at) c
     for (auto prefix = firstAsked(method); prefix != prefixesM.end(); ++prefix) {
         if (Record const* const record = recordAt(*prefix, at))
             return {&*prefix, record};
+        // The other methods ask one prefix and no other, be its records still to come.
         if (method != BEST)
             break;
     }
@@ -55,6 +57,7 @@ std::string Explanation::bestReason(Choice const& choice) const {
     std::string text = choice.prefix->key.str() + (choice.prefix->key.str() == digitsM
                                                        ? " is the number itself"
                                                        : " is the longest stored prefix with a record that has begun");
+    // Why not the longest: what people ask about.
     if (choice.prefix != &prefixesM.front())
         text += "; " + notYet(prefixesM.front());
     return text;
@@ -74,6 +77,7 @@ std::string Explanation::reason(unsigned int method, BAS::DateTime at) const {
     return asked->key.str() + (method == EXACT ? " is the number itself" : " is the shortest stored prefix");
 }
 
+// A choice can change only where a record begins, so these instants, in order, are all that need be tried.
 std::optional<Explanation::Change> Explanation::nextChange(unsigned int method, BAS::DateTime after) const {
     std::vector<BAS::DateTime> instants;
     for (StoredPrefix const& prefix : prefixesM)
@@ -82,6 +86,7 @@ std::optional<Explanation::Change> Explanation::nextChange(unsigned int method, 
             instants.push_back(record->validFromM);
     std::sort(instants.begin(), instants.end());
     instants.erase(std::unique(instants.begin(), instants.end()), instants.end());
+    // Most instants change nothing for the method: a shorter prefix's record, or one of the same choice.
     Choice const now = choose(method, after);
     for (BAS::DateTime const at : instants)
         if (Choice const then = choose(method, at); then != now)

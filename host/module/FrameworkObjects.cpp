@@ -4,6 +4,7 @@ namespace nphost {
 
 void EventHandler::receiveMessage(BAS::Message const& message) {
     BAS::Status::Arguments arguments;
+    // An event has one argument, or several: the log shows them in one row.
     if (!message.argument().empty())
         arguments.append(message.argument());
     for (BAS::String const& argument : message.arguments())

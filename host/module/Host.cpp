@@ -34,6 +34,8 @@ std::filesystem::path orDefault(std::filesystem::path const& configured, char co
 Host::Host(Configuration configuration, CommonOptions const& options)
     : Host(std::move(configuration), options, LogSettings{options.verbose}) {}
 
+// The members' order is the life cycle's (Host.h): the log before whatever may report, the registry before the plug-in
+// that reads it.
 Host::Host(Configuration configuration, CommonOptions const& options, LogSettings const& log)
     : configurationM(std::move(configuration)), settingsM(configurationM.of<HostSettings>()),
       configurationFileM(options.configuration),
@@ -59,6 +61,7 @@ void Host::start() {
         ProgressLine const progress("nphost: loading", [this] { return loadProgress(); });
         started = plugInM.init();
     }
+    // After the progress line has gone, which would stand in the midst of it.
     if (unsigned long const hidden = logM.hiddenRejects(); hidden > 0)
         complain(std::to_string(hidden) + " more rejected lines are not shown; 'nphost check --all' lists every one");
     if (!started)
@@ -75,6 +78,7 @@ void Host::throwFailure() const {
     std::optional<Log::Failure> const failure = logM.failure();
     if (!failure)
         return;
+    // The registry's faults are the configuration file's: a person mends them there.
     bool const inConfiguration = failure->identifier.starts_with("ERR_REG_");
     throw HostError((inConfiguration ? configurationFileM.string() + ": " : std::string()) + failure->text + " (" +
                     failure->identifier + ")");

@@ -4,7 +4,7 @@
 // start loads the data; destruction shuts the plug-in down, deletes it, unloads the module and takes the framework
 // down, in this order, also when a step fails.
 // Ownership: owns all of it. There is one host in a process at a time, since the framework's names are process-wide.
-// Threads: one thread.
+// Threads: one thread at a time; loadProgress by any. What it lends is used as its own header says.
 // Errors: HostError or ConfigurationError, in one line; std::bad_alloc.
 // Complexity: that of the plug-in's steps.
 #pragma once

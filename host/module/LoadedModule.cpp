@@ -19,6 +19,8 @@ SharedObject loaded(std::filesystem::path const& file) {
 DAT::NumberPortability::Operations const& operationsOf(SharedObject const& module, std::filesystem::path const& file) {
     constexpr char const* name = "NumberPortabilityOperations";
     auto* const operations = module.find<decltype(NumberPortabilityOperations)>(name);
+    // The table's version and sizes are asked before anything is called: what does not fit would crash, or answer
+    // wrongly.
     std::string const fault =
         operations == nullptr ? std::string("it has no ") + name : DAT::NumberPortability::misfit(*operations());
     if (!fault.empty())
@@ -42,9 +44,11 @@ LoadedPlugIn::LoadedPlugIn(LoadedModule const& module, BAS::String const& name)
 }
 
 LoadedPlugIn::~LoadedPlugIn() {
+    // Before it is deleted: its worker ends here, while everything that it uses is still whole.
     plugInM->shutdown();
 }
 
+// Through the module's table: the host has no symbol of the plug-in's, only its virtual functions.
 bool LoadedPlugIn::search(BAS::String const& number, BAS::DateTime const& at, LoadedModule::Record& out) {
     return operationsM.search(*objectM, number, at, out);
 }
@@ -119,6 +123,7 @@ std::vector<BAS::InstrumentationProbeAttribute*> LoadedPlugIn::probes() const {
     BAS::InstrumentationProbeList list;
     plugInM->getInstrumentationProbe(list);
     for (std::size_t i = 0; i < list.length(); ++i)
+        // Probes come in groups; a host shows them singly.
         if (auto const* const group = dynamic_cast<BAS::InstrumentationProbeCollection*>(list[i]))
             for (std::size_t j = 0; j < group->length(); ++j)
                 probes.push_back((*group)[j]);

@@ -20,6 +20,7 @@ void LookUpBatch::search(std::optional<unsigned int> method) {
 }
 
 void LookUpBatch::clear() {
+    // Storage that a very long number needed is not kept for the next ones.
     for (std::size_t i = 0; holdsLongM && i < countM; ++i)
         numbersM[i] = BAS::String();
     holdsLongM = false;
@@ -27,6 +28,7 @@ void LookUpBatch::clear() {
 }
 
 void LookUpBatch::searchTogether(std::optional<unsigned int> method) {
+    // Only as much of each as there are look-ups: the plug-in refuses spans of different lengths.
     std::span const numbers(numbersM.cbegin(), countM);
     std::span const instants(instantsM.cbegin(), countM);
     std::span const records(recordsM.begin(), countM);

@@ -2,7 +2,8 @@
 //
 // Purpose: a look-up waits for memory most of its time; the plug-in lets the waits of many overlap when it is asked for
 // all at once.
-// Units and ranges: up to `capacity` look-ups, all by one search method; without one by the configured one.
+// Units and ranges: up to `capacity` look-ups, one at least, all by one search method; without one by the configured
+// one.
 // Ownership: borrows the plug-in; numbers and records are the batch's, valid until clear, their storage used again.
 // Threads: a batch a thread; several may use one plug-in.
 // Errors: std::bad_alloc, also from the plug-in; what a search then found means nothing.

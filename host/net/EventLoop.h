@@ -1,12 +1,12 @@
 // nphost::EventLoop: one thread's wait for descriptors, for times and for other threads.
 //
 // Purpose: sources say what they wait for, the loop waits for all of them at once, and each then looks at what has
-// happened. Other threads, and signals, end the wait by a WakeUp whose source was added; what they have to say lies with
-// them, so that nothing need be allocated to say it, and an outcome cannot be lost for want of memory.
+// happened. Other threads, and signals, end the wait by a WakeUp whose source was added; what they have to say lies
+// with them, so that nothing need be allocated to say it, and an outcome cannot be lost for want of memory.
 // Ownership: borrows its sources, which must outlive it.
 // Threads: one thread, the loop's; a WakeUp is woken by any.
-// Errors: add throws std::bad_alloc; turn throws nothing of its own: where the system refuses to wait, it lasts a moment,
-// and all are taken for ready.
+// Errors: add throws std::bad_alloc; turn throws nothing of its own: where the system refuses to wait, it lasts a
+// moment, and all are taken for ready.
 // Complexity: a system call and a call of each source a turn.
 #pragma once
 

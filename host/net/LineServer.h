@@ -10,8 +10,8 @@
 // A client that has ended its sending still gets the answers to what it sent.
 // Ownership: borrows the listening socket and the handler; owns the connections.
 // Threads: the loop's thread.
-// Errors: none but of construction, which throws std::bad_alloc: a connection that fails, or that memory does not suffice
-// for, is closed.
+// Errors: none but of construction, which throws std::bad_alloc: a connection that fails, or that memory does not
+// suffice for, is closed.
 // Complexity: linear in the bytes and the clients.
 #pragma once
 
@@ -33,7 +33,7 @@ namespace nphost {
 
 class LineServer : public EventLoop::Source {
   public:
-    using Client = std::uint64_t;
+    using Client = std::uint64_t; // from 1 on; none is used twice
     using Clock = std::chrono::steady_clock;
 
     struct Limits {
@@ -48,7 +48,8 @@ class LineServer : public EventLoop::Source {
     class Handler {
       public:
         virtual ~Handler() = default;
-        // One request, without its newline. The handler answers now or later, with one send.
+        // One request, without its newline, valid during the call. The handler answers now or later, with one send,
+        // and may send to other clients meanwhile; it must not close the server. What it throws closes the connection.
         virtual void request(Client client, std::string_view line) = 0;
         // The line that refuses what a client does, for a reason in a sentence.
         virtual std::string refusal(std::string const& reason) = 0;

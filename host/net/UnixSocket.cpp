@@ -25,6 +25,7 @@ namespace {
 sockaddr_un addressOf(std::filesystem::path const& path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
+    // With room for the NUL at its end.
     if (path.native().size() >= sizeof address.sun_path)
         fail(path, "has a name that is longer than 107 bytes", 0);
     std::memcpy(address.sun_path, path.c_str(), path.native().size());
@@ -66,6 +67,8 @@ class StartLock {
 
   private:
     bool take() {
+        // In a folder that others may write to, the name may be anything: a link to somebody's file, a pipe. Such a one
+        // must neither be followed nor waited for.
         constexpr mode_t ownerOnly = 0600;
         descriptorM = FileDescriptor(
             open(fileM.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, ownerOnly));
@@ -74,6 +77,8 @@ class StartLock {
             fail(socketM, "cannot be made: its lock file " + visible(fileM.native()), errno);
         if (!S_ISREG(opened.st_mode) || opened.st_uid != geteuid())
             fail(socketM, "cannot be made: its lock file " + visible(fileM.native()) + " is not this user's", 0);
+        // A lock on a file without a name is none: its owner removed it and has gone. The next try takes what is there
+        // then.
         struct stat named = {};
         return flock(descriptorM.get(), LOCK_EX | LOCK_NB) == 0 && lstat(fileM.c_str(), &named) == 0 &&
                named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
@@ -89,15 +94,18 @@ class StartLock {
 ListeningSocket::ListeningSocket(std::filesystem::path path)
     : pathM(std::move(path)), descriptorM(makeSocket(pathM, SOCK_NONBLOCK)) {
     sockaddr_un const address = addressOf(pathM);
+    // Held until the socket listens: before that it refuses connections, and would look stale to another daemon.
     StartLock const lock(pathM);
     removeStale();
     constexpr mode_t allButOwnerAndGroup = 0117;
+    // bind makes the name with the mode that the umask leaves: a later chmod would come too late.
     mode_t const before = umask(allButOwnerAndGroup);
     int const bound = bind(descriptorM.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
     int const error = errno;
     umask(before);
     if (bound != 0)
         fail(pathM, "cannot be made", error);
+    // Kept so that close can tell whether the name is still this socket's.
     struct stat status = {};
     if (lstat(pathM.c_str(), &status) == 0) {
         deviceM = status.st_dev;
@@ -113,6 +121,7 @@ void ListeningSocket::removeStale() const {
         return; // nothing there, or what bind will say
     if (!S_ISSOCK(status.st_mode))
         fail(pathM, "cannot be made: something else has that name", 0);
+    // Without waiting: a daemon whose queue is full is one, too, and answers EAGAIN.
     FileDescriptor const probe = makeSocket(pathM, SOCK_NONBLOCK);
     // One that refuses belongs to nobody any more; any other answer comes from somebody, or from the system's rules.
     if (connects(probe.get(), addressOf(pathM)) || errno == EAGAIN)
@@ -130,6 +139,7 @@ void ListeningSocket::close() noexcept {
     if (!descriptorM)
         return;
     struct stat status = {};
+    // The name may be another daemon's socket by now.
     if (nodeM != 0 && lstat(pathM.c_str(), &status) == 0 && status.st_dev == deviceM && status.st_ino == nodeM)
         unlink(pathM.c_str());
     descriptorM.reset();

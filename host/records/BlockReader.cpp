@@ -17,6 +17,8 @@ std::size_t withoutReturn(std::string_view text) {
 } // namespace
 
 bool BlockReader::next(RecordBlock& block) {
+    // What was cut off behind the last record begins this block. It is never larger: it came out of one of the same
+    // capacity.
     std::memcpy(block.bytesM.get(), restM.data(), restM.size());
     block.beginM = 0;
     block.endM = restM.size();
@@ -26,6 +28,7 @@ bool BlockReader::next(RecordBlock& block) {
     fill(block);
     std::string_view const text = block.text();
     lineM += static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+    // An empty last piece is handed over, too: it ends the record whose other pieces have gone before.
     return !text.empty() || block.pieceM == RecordBlock::Piece::LAST;
 }
 
@@ -33,6 +36,7 @@ bool BlockReader::next(RecordBlock& block) {
 void BlockReader::fill(RecordBlock& block) {
     for (;;) {
         bool const full = block.endM == block.capacityM;
+        // Goes on while there is room and nobody need be waited for: records of a pipe are handed over before it waits.
         if (!full && readMore(block) && block.endM < block.capacityM && !sourceM.mayWait())
             continue;
         std::string_view const text = block.text();
@@ -41,6 +45,7 @@ void BlockReader::fill(RecordBlock& block) {
         if (length > 0 || atEndM)
             return keepRest(block, length);
         if (block.endM == block.capacityM) {
+            // The block is full and holds no line's end: from here on the line comes in pieces.
             inPiecesM = true;
             block.pieceM = RecordBlock::Piece::FIRST;
             return keepRest(block, withoutReturn(text));
@@ -52,6 +57,7 @@ bool BlockReader::readMore(RecordBlock& block) {
     std::size_t const count = sourceM.read({block.bytesM.get() + block.endM, block.capacityM - block.endM});
     block.endM += count;
     atEndM = count == 0;
+    // A pipe may give single bytes: the mark is looked for when it can be there as a whole.
     if (!startedM && (atEndM || block.endM >= 3)) {
         startedM = true;
         takeByteOrderMark(block);
@@ -61,12 +67,14 @@ bool BlockReader::readMore(RecordBlock& block) {
 
 void BlockReader::takeByteOrderMark(RecordBlock& block) {
     std::string_view const text = block.text();
+    // Its ASCII characters have a NUL each: everything would be rejected, and nobody told why.
     if (text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
         throw HostError(sourceM.name() + ": the file is UTF-16; convert it to UTF-8 first");
     byteOrderMarkM = text.starts_with("\xef\xbb\xbf");
     block.beginM += byteOrderMarkM ? 3 : 0;
 }
 
+// At the end of the file what is left counts as whole: a last line may lack its newline.
 std::size_t BlockReader::wholeLength(std::string_view text, bool full) {
     if (atEndM)
         return text.size();
@@ -86,6 +94,7 @@ std::size_t BlockReader::pieceLength(std::string_view text, RecordBlock& block) 
 
 void BlockReader::keepRest(RecordBlock& block, std::size_t length) {
     std::string_view const rest = block.text().substr(length);
+    // Copied out, for the block goes to another thread while the next one is read.
     restM.assign(rest);
     block.endM -= rest.size();
 }

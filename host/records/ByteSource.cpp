@@ -19,6 +19,7 @@
 
 namespace nphost {
 
+// What the two libraries have in common here. A file may be of many members: one that ends is no end of the file.
 class ByteSource::Decoder {
   public:
     Decoder() = default;
@@ -51,6 +52,7 @@ class ByteSource::Gzip : public Decoder {
     ~Gzip() override { inflateEnd(&streamM); }
 
     char const* step(std::string_view& in, std::span<char>& out) override {
+        // Zeros are looked for between members only: within one they are data, and a file does not begin with them.
         if (!isOpen() && begunM)
             skipPadding(in);
         if (!isOpen() && in.empty())
@@ -71,6 +73,7 @@ class ByteSource::Gzip : public Decoder {
         setOpen(result != Z_STREAM_END);
         if (result == Z_MEM_ERROR)
             throw std::bad_alloc();
+        // Z_BUF_ERROR says that there was no room or no input, and is no error: the next step brings what lacks.
         bool const fine = result == Z_OK || result == Z_STREAM_END || result == Z_BUF_ERROR;
         return fine ? nullptr : streamM.msg != nullptr ? streamM.msg : "unknown error";
     }
@@ -108,6 +111,7 @@ class ByteSource::Zstd : public Decoder {
         std::size_t const result = ZSTD_decompressStream(streamM, &output, &input);
         in.remove_prefix(input.pos);
         out = out.subspan(output.pos);
+        // The library's hint of what it wants next: 0 is the end of a frame.
         setOpen(result != 0);
         return ZSTD_isError(result) != 0 ? ZSTD_getErrorName(result) : nullptr;
     }
@@ -133,6 +137,7 @@ ByteSource::ByteSource(std::string const& name)
     struct stat status = {};
     if (descriptorM < 0 || fstat(descriptorM, &status) != 0)
         fail("cannot be opened: " + std::system_category().message(errno));
+    // A folder can be opened, and would fail only when it is read.
     if (S_ISDIR(status.st_mode))
         fail("cannot be read: " + std::system_category().message(EISDIR));
     if (S_ISREG(status.st_mode))
@@ -156,6 +161,7 @@ bool ByteSource::waitForInput() const {
 
 std::size_t ByteSource::readSome(std::span<char> to) {
     for (;;) {
+        // All but regular files of some length may wait for a writer, and then look whether to stop.
         if (sizeM == 0 && !waitForInput()) {
             atEndM = true;
             return 0;
@@ -175,6 +181,7 @@ std::size_t ByteSource::readSome(std::span<char> to) {
 bool ByteSource::fill() {
     if (atEndM)
         return false;
+    // What the decoder left goes to the front: the buffer is read on from behind it.
     std::memmove(bufferM.data(), rawM.data(), rawM.size());
     std::size_t const kept = rawM.size();
     std::size_t const count = readSome(std::span(bufferM).subspan(kept));
@@ -182,10 +189,12 @@ bool ByteSource::fill() {
     return count > 0;
 }
 
+// By content, because files come with any name; but see the empty one below, of which there is only the name.
 void ByteSource::recognise() {
     rawM = std::string_view(bufferM.data(), bufferM.size()).substr(0, 0); // not null: recognised
     while (rawM.size() < magicBytesCM && fill()) {
     }
+    // An empty file is no compressed one: whoever wrote it was cut short.
     if (rawM.empty() && compressionOfName(nameM) != Compression::NONE)
         fail("the compressed data end early: the file is empty");
     switch (compressionOfContent(rawM)) {
@@ -208,6 +217,7 @@ std::size_t ByteSource::read(std::span<char> to) {
     return decoderM == nullptr ? readPlain(to) : readDecoded(to);
 }
 
+// What was read to recognise the file comes first; then bytes go straight to their place.
 std::size_t ByteSource::readPlain(std::span<char> to) {
     if (rawM.empty())
         return atEndM ? 0 : readSome(to);
@@ -221,10 +231,12 @@ std::size_t ByteSource::readDecoded(std::span<char> to) {
     for (std::span<char> out = to;;) {
         if (char const* const error = decoderM->step(rawM, out))
             fail(std::string("the compressed data are damaged: ") + error);
+        // As soon as anything has come out: waiting to fill it could wait for somebody who writes.
         if (out.size() < to.size())
             return to.size() - out.size();
         if (!rawM.empty() || fill())
             continue;
+        // An end that was asked for is not the data's fault.
         bool const isStopped = stopM != nullptr && stopM->load(std::memory_order_relaxed);
         if (decoderM->isOpen() && !isStopped)
             fail("the compressed data end early");
@@ -232,6 +244,8 @@ std::size_t ByteSource::readDecoded(std::span<char> to) {
     }
 }
 
+// Of a regular file there is nothing to wait for; what lies in the buffer, and what a pipe holds already, need not be
+// waited for either.
 bool ByteSource::mayWait() const noexcept {
     pollfd state = {descriptorM, POLLIN, 0};
     return rawM.empty() && !atEndM && sizeM == 0 && poll(&state, 1, 0) == 0;

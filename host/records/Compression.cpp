@@ -40,6 +40,7 @@ std::string_view withoutSuffix(std::string_view name) noexcept {
     return name;
 }
 
+// Working memory of a method is some hundred kilobytes: a compressor makes it once, and begins anew for each text.
 class Compressor::Method {
   public:
     Method() = default;
@@ -68,12 +69,14 @@ class Compressor::Gzip : public Method {
     std::size_t bound(std::size_t length) override { return deflateBound(&streamM, length); }
 
     std::size_t compress(std::string_view text, std::string& out) override {
+        // zlib counts in 32 bits; what is compressed at once is far below that.
         if (out.size() > std::numeric_limits<uInt>::max())
             throw HostError("a block is too large for gzip");
         streamM.next_in = reinterpret_cast<Bytef const*>(text.data());
         streamM.avail_in = static_cast<uInt>(text.size());
         streamM.next_out = reinterpret_cast<Bytef*>(out.data());
         streamM.avail_out = static_cast<uInt>(out.size());
+        // The bound leaves room for everything, so one call ends the member.
         bool const whole = deflate(&streamM, Z_FINISH) == Z_STREAM_END;
         std::size_t const written = out.size() - streamM.avail_out;
         deflateReset(&streamM); // now: until then the bound would lack the wrapper
@@ -91,6 +94,7 @@ class Compressor::Zstd : public Method {
     Zstd() : contextM(ZSTD_createCCtx()) {
         if (contextM == nullptr)
             throw std::bad_alloc();
+        // So that damage is found; gzip has a checksum of its own.
         ZSTD_CCtx_setParameter(contextM, ZSTD_c_checksumFlag, 1);
     }
     Zstd(Zstd const&) = delete;
@@ -120,10 +124,12 @@ Compressor::Compressor(Compression kind) {
 Compressor::~Compressor() = default;
 
 std::string_view Compressor::compress(std::string_view text, std::string& place) {
+    // Without compression the text itself is the result: nothing is copied.
     if (methodM == nullptr)
         return text;
     std::size_t const bound = methodM->bound(text.size());
     if (place.size() < bound)
+        // Only ever longer: a worker's place serves all its blocks.
         place.resize(bound);
     return std::string_view(place).substr(0, methodM->compress(text, place));
 }

@@ -54,6 +54,7 @@ CsvReader::~CsvReader() {
 // The library has no other way back to the beginning of a record.
 void CsvReader::restart() {
     csv_free(&parserM);
+    // Strict: a quotation mark that is out of place, or never closed, is an error and not guessed at.
     csv_init(&parserM, CSV_STRICT | CSV_STRICT_FINI);
     csv_set_delim(&parserM, static_cast<unsigned char>(dialectM.separator));
     csv_set_term_func(&parserM, isLineEnd);
@@ -67,11 +68,13 @@ std::size_t CsvReader::slotOf(std::size_t column) const {
 }
 
 void CsvReader::keepField(std::string_view field) {
+    // All are counted, few are kept.
     std::size_t const slot = slotOf(columnM++);
     if (slot == unwantedCM)
         return;
     if (slot >= rangesM.size())
         rangesM.resize(slot + 1);
+    // Places and not views: the text may move while it grows.
     rangesM[slot] = {unquotedM.size(), field.size()};
     unquotedM += field;
 }
@@ -86,6 +89,7 @@ CsvReader::Cut CsvReader::parse(std::string_view text, std::size_t& length) {
     unquotedM.clear();
     columnM = 0;
     rowEndedM = false;
+    // A line at a time: the library does not say where it stands when a row ends, but a row ends with a line.
     for (length = 0; !rowEndedM && length < text.size();) {
         std::string_view line = text.substr(length);
         if (std::size_t const whole = lineLength(line); whole > 0)
@@ -105,11 +109,14 @@ CsvReader::Cut CsvReader::parse(std::string_view text, std::size_t& length) {
     restart();
     if (whole && newlineLacks)
         return Cut::WHOLE;
+    // Only the first line is given up: a mark that is never closed would else swallow the file.
     std::size_t const first = lineLength(text);
     length = first > 0 ? first : text.size();
     return atEnd ? Cut::UNFINISHED : Cut::BROKEN;
 }
 
+// Where records end depends on the marks before: so a text with any is walked through, one without is asked from its
+// end.
 std::size_t CsvReader::wholeRecords(std::string_view text) {
     if (isPlain(text))
         return text.rfind('\n') + 1;
@@ -178,6 +185,7 @@ void CsvReader::keepPlain(std::size_t column, std::string_view field, Record& re
         record.values[slotsM[column]] = field;
 }
 
+// A record with another number of fields may be shifted: none of its values can be trusted.
 void CsvReader::finishFields(std::size_t count, Record& record) const {
     if (fieldsM == anyCM || count == fieldsM)
         return;
@@ -185,6 +193,7 @@ void CsvReader::finishFields(std::size_t count, Record& record) const {
     record.values.clear();
 }
 
+// The library removes the quotation marks, so these values lie in the reader; the record's text stays where it is.
 void CsvReader::takeQuoted(std::string_view text, Record& record) {
     std::size_t length = 0;
     if (parse(text, length) != Cut::WHOLE)
@@ -196,6 +205,7 @@ void CsvReader::takeQuoted(std::string_view text, Record& record) {
     std::string_view const whole = text.substr(0, length);
     setText(record, whole);
     restM.remove_prefix(length);
+    // A record of several lines counts them all; the last line may lack its newline.
     lineM += std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::count(whole.begin(), whole.end(), '\n')));
 }
 

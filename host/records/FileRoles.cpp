@@ -20,11 +20,13 @@ namespace {
     throw HostError(visible(file) + what + std::system_category().message(error));
 }
 
+// Devices and pipes may have several roles: /dev/null takes everything.
 bool isSameRegularFile(std::string const& one, std::string const& other) {
     std::error_code error;
     return !other.empty() && isSameFile(one, other) && !std::filesystem::is_other(one, error);
 }
 
+// Only regular files: on a terminal, or in a pipe, input and output may well be the same.
 bool isStandardOutputFile(std::string const& file) {
     struct stat named = {};
     struct stat out = {};
@@ -43,6 +45,7 @@ void checkWritable(std::string const& file) {
         throw HostError(visible(file) + " cannot be written: it is a socket");
     if (std::filesystem::exists(status) && access(file.c_str(), W_OK) != 0)
         failWith(file, " cannot be written: ", errno);
+    // A device or pipe is written itself, and its folder does not matter.
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
         return;
     auto const whole = std::filesystem::weakly_canonical(std::filesystem::absolute(file, error), error);
@@ -62,7 +65,9 @@ void FileRoles::checkResult(std::string const& written, bool isOutput) const {
     checkWritable(written);
 }
 
+// Standard error is looked at before the files are: what is wrong with one would be written into an input.
 void FileRoles::check() const {
+    // Rows of rejects among the records, or in the midst of the summary's JSON, would spoil both.
     if (rejects && isStandardOutput(*rejects))
         throw HostError("--rejects: standard output has the records or the summary; name a file");
     for (std::string const& input : inputs)
@@ -88,6 +93,7 @@ void FileRoles::check() const {
             throw HostError(std::string("standard output is ") + other.what);
 }
 
+// The files are in place and cannot be taken back: who reads the status alone must not think that nothing happened.
 void writeSummaryOf(std::optional<std::string> const& output, bool whole, std::string const& object) {
     try {
         writeSummary(object, !output);

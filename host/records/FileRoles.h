@@ -1,7 +1,8 @@
 // nphost::FileRoles: the files of a command that reads records and writes others, and that none is written by mistake.
 //
 // Purpose: a file that is read, or that the command needs otherwise, must not be written; nor must one file be two
-// results. A shell may have opened one as standard output. What cannot be written is refused before the work.
+// results. A shell may have opened one as standard output or standard error. What cannot be written is refused before
+// the work.
 // Units: "-" is standard input among the inputs; an output without a name is standard output.
 // Ownership: values.
 // Threads: no state.

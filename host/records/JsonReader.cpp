@@ -6,6 +6,7 @@
 
 namespace nphost {
 
+// The parser reads beyond the end, and so needs no copy of the text; blocks have room for that.
 static_assert(RecordReader::paddingCM >= simdjson::SIMDJSON_PADDING);
 
 struct JsonReader::Library {
@@ -35,6 +36,7 @@ struct JsonReader::Library {
             [[fallthrough]];
         case simdjson::dom::element_type::ARRAY:
         case simdjson::dom::element_type::OBJECT:
+            // Written anew, so it needs a place that lasts as long as the record's values.
             return list = simdjson::minify(value);
         default:
             return {};
@@ -75,8 +77,10 @@ bool JsonReader::next(Record& record) {
 
 Problem JsonReader::read(Record& record) {
     simdjson::dom::object object;
+    // The last argument: no copy, because the padding is there.
     simdjson::error_code const error =
         libraryM->parser.parse(record.text.data(), record.text.size(), false).get_object().get(object);
+    // Want of memory is no fault of the record.
     if (error == simdjson::MEMALLOC)
         throw std::bad_alloc();
     if (error != simdjson::SUCCESS)
@@ -85,14 +89,17 @@ Problem JsonReader::read(Record& record) {
     std::size_t found = 0;
     bool twice = false;
     for (auto const [name, value] : object) {
+        // Few names: a search costs less than a hash.
         auto const wanted = std::find(wantedM.begin(), wantedM.end(), name);
         if (wanted != wantedM.end()) {
             auto const i = static_cast<std::size_t>(wanted - wantedM.begin());
+            // A value that is there has a place, be it empty.
             twice = twice || record.values[i].data() != nullptr;
             std::string_view const text = Library::textOf(value, numbersM[i], listsM[i]);
             record.values[i] = text.empty() ? std::string_view("") : text; // not null: it is there
             ++found;
         } else if (std::find(forbiddenM.begin(), forbiddenM.end(), name) != forbiddenM.end()) {
+            // At once, and before what else is wrong: a further member of that name must not be added, not even a null.
             return Problem::NAME_TAKEN;
         }
     }

@@ -1,10 +1,10 @@
 // nphost::JsonReader: records of newline-delimited JSON, an object a line.
 //
-// Purpose: finds the values of named members of each object: texts unescaped, integers and other numbers in digits, with
-// an exponent where they would be longer than 32 characters; null, true and false are empty; objects and arrays are their
-// own text, without blanks. A line that is no JSON object in UTF-8 is a record with BROKEN_JSON; one that has a member of
-// a forbidden name already, one with NAME_TAKEN, whatever else is wrong with it; one that lacks a wanted member, or has it
-// twice, one with MISSING_MEMBER. An empty line, or one of blanks, is a record without values.
+// Purpose: finds the values of named members of each object: texts unescaped, integers and other numbers in digits,
+// with an exponent where they would be longer than 32 characters; null, true and false are empty; objects and arrays
+// are their own text, without blanks. A line that is no JSON object in UTF-8 is a record with BROKEN_JSON; one that has
+// a member of a forbidden name already, one with NAME_TAKEN, whatever else is wrong with it; one that lacks a wanted
+// member, or has it twice, one with MISSING_MEMBER. An empty line, or one of blanks, is a record without values.
 // Units: integers beyond 64 bits count as broken.
 // Ownership, threads: as RecordReader's; the values lie in the text or in the reader.
 // Errors: std::bad_alloc; what is wrong with a record is its problem, and no error.

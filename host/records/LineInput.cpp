@@ -20,6 +20,7 @@ bool LineInput::next(std::string_view& line) {
             line = take(length, length + 1);
             return true;
         }
+        // A long line is not searched again from its beginning each time that more of it has come.
         searchedM = endM;
         if (fill())
             continue;
@@ -47,13 +48,17 @@ bool LineInput::fill() {
     endM -= beginM;
     searchedM -= beginM;
     beginM = 0;
+    // Only a line that is longer than the buffer makes it grow, twofold, so that each byte is moved a few times at
+    // most.
     if (endM == bufferM.size())
         bufferM.resize(bufferM.size() * 2);
+    // Only now, when all lines that have come are taken: whoever asks may wait for their answers.
     beforeReadM();
     for (;;) {
         ssize_t const count = ::read(descriptorM, bufferM.data() + endM, bufferM.size() - endM);
         if (count < 0 && errno == EINTR)
             continue;
+        // Somebody else made the descriptor non-blocking, which it shares with the program.
         if (count < 0 && errno == EAGAIN) {
             becomesReady(descriptorM, POLLIN);
             continue;

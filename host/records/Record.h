@@ -5,7 +5,8 @@
 // after the other are the text that was given, byte by byte. A record that is broken is a record with a
 // problem: reading goes on with the next line.
 // Units: line is the number of the record's first line, from 1 at the beginning of the file.
-// Ownership: a record's views refer to the text or to the reader, and are valid until the next call.
+// Ownership: text and lineEnd of a record refer to the text that was given, and are valid as long as that is. Its
+// values refer to the text or to the reader, and are valid until the next call.
 // Threads: a reader a thread.
 // Errors: std::bad_alloc.
 // Complexity: linear in the text.

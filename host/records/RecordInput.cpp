@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::string_view byteOrderMarkCM = "\xef\xbb\xbf";
 
+// No values are wanted of JSON: this reader only finds where records end.
 std::unique_ptr<RecordReader> readerOf(RecordFormat const& format) {
     if (format.kind == RecordFormat::Kind::JSON)
         return std::make_unique<JsonReader>(std::vector<std::string>(), std::vector<std::string>());
@@ -28,6 +29,7 @@ std::uint64_t sizeOf(std::vector<std::string> const& files) {
     std::uint64_t total = 0;
     for (std::string const& file : files) {
         std::error_code error;
+        // Standard input may be a file, too, with a length.
         std::filesystem::path const path = file == "-" ? "/dev/stdin" : file;
         std::uintmax_t const size = std::filesystem::file_size(path, error);
         if (error)
@@ -108,6 +110,7 @@ bool RecordInput::readBlock(InputBlock& block, std::atomic<bool> const* stop) {
     RecordBlock::Piece const piece = block.block.piece();
     bool const endsRecord =
         piece == RecordBlock::Piece::LAST || (piece == RecordBlock::Piece::NONE && !block.block.text().empty());
+    // Else the first record of the next file would be appended to its last line.
     block.lacksNewline = endsRecord && !block.block.text().ends_with('\n') && openedM < filesM.size();
     if (fieldCountM == 0 && formatM.kind == RecordFormat::Kind::CSV)
         countFields(block);
@@ -122,11 +125,13 @@ Record RecordInput::firstRecord(InputBlock const& block) {
     return record;
 }
 
-// Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines before
-// the header.
+// Looks at the beginning of a file, and takes the header from it. False when there is nothing yet but blank lines
+// before the header.
 bool RecordInput::takeFirst(InputBlock& block) {
+    // First is the first file that has a record: files of blank lines alone have no header.
     bool const isFirst = !seenRecordM;
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
+    // Only the first file's mark is kept: in the middle of the output it would be a character.
     if (isFirst && blocksM->hadByteOrderMark() && headerM.empty())
         headerM = byteOrderMarkCM;
     checkLineEnds(block);
@@ -151,6 +156,7 @@ void RecordInput::checkLineEnds(InputBlock const& block) const {
     bool const isJson = formatM.kind == RecordFormat::Kind::JSON;
     bool quoted = false;
     for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+        // In quotation marks a carriage return may be part of a value.
         quoted ^= text[i] == '"' && formatM.csv.quotes && !isJson;
         bool const endsLine = text[i] == '\r' && (isJson ? i > 0 && text[i - 1] == '}' && text[i + 1] == '{' : !quoted);
         if (endsLine)
@@ -209,6 +215,7 @@ void RecordInput::keepHeader(Record const& record) {
     fieldCountM = record.values.size();
     headerLineM = record.line;
     headerM += record.text;
+    // A header that is the whole file has no line end; the output needs one.
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
     for (std::string_view const column : record.values)
         columnsM.emplace_back(column);
@@ -226,6 +233,7 @@ std::size_t RecordInput::positionOf(std::string const& column) {
                         "'; give the position, from 1, instead");
     if (named != columnsM.end())
         return static_cast<std::size_t>(named - columnsM.begin());
+    // While no record could be read, any position may be one: countFields looks again at the farthest.
     constexpr std::size_t any = std::numeric_limits<std::size_t>::max();
     std::optional<std::size_t> const position = asPosition(column, fieldCountM > 0 ? fieldCountM : any);
     if (!position)
@@ -246,6 +254,7 @@ void RecordInput::failColumn(std::string const& column) const {
                     listOf(columnsM, fieldCountM) + (fieldCountM == 1 ? "; is the separator right?" : "") + hintM);
 }
 
+// By their names and not their bytes: one file may quote them and another not.
 void RecordInput::checkHeader(Record const& record, std::size_t file) const {
     if (!std::equal(record.values.begin(), record.values.end(), columnsM.begin(), columnsM.end()))
         throw HostError(nameOf(file) + ":" + std::to_string(record.line) + ": the header is not the same as that of " +

@@ -16,6 +16,7 @@ bool isPlainJson(std::string_view text) {
 
 // As a JSON text, with U+FFFD for what is no UTF-8.
 void appendJson(std::string& out, std::string_view text) {
+    // Most names are plain ASCII, and the library would make a text of its own for each.
     if (!isPlainJson(text)) {
         out += nlohmann::json(asUtf8(text)).dump();
         return;
@@ -28,6 +29,7 @@ void appendJson(std::string& out, std::string_view text) {
 } // namespace
 
 bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
+    // Quoted only where it must be, so that most rows are as their writer would have made them.
     bool const quoted = std::any_of(field.begin(), field.end(), [dialect](char c) {
         return c == dialect.separator || c == '\n' || c == '\r' || (c == '"' && dialect.quotes);
     });
@@ -35,6 +37,7 @@ bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect
         out += field;
         return true;
     }
+    // Whoever reads it without quoting would find one field too many.
     if (!dialect.quotes)
         return false;
     out += '"';
@@ -66,6 +69,7 @@ void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line,
 }
 
 JsonWriter::JsonWriter(std::vector<std::string> const& names) {
+    // Escaped once, and not with every record.
     for (std::string const& name : names) {
         std::string& text = namesM.emplace_back();
         appendJson(text, name);

@@ -24,8 +24,8 @@ class RecordWriter {
     RecordWriter& operator=(RecordWriter const&) = delete;
     virtual ~RecordWriter() = default;
 
-    // Appends a value as it stands in a record. False, and nothing appended, when it cannot: it holds the separator, and
-    // quoting is switched off.
+    // Appends a value as it stands in a record. False, and nothing appended, when it cannot: it holds the separator,
+    // and quoting is switched off.
     virtual bool encode(std::string& out, std::string_view value) const = 0;
 
     // Appends a record with values that encode made. One without data is not there.

@@ -12,6 +12,7 @@
 namespace nphost {
 
 bool isStandardOutput(std::string_view name) {
+    // By name: a file of any other name that happens to be standard output is refused elsewhere (FileRoles.h).
     constexpr std::array<std::string_view, 4> names = {"-", "/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"};
     return std::find(names.begin(), names.end(), name) != names.end();
 }
@@ -26,11 +27,13 @@ ResultTarget::ResultTarget(std::optional<std::string> const& file) : nameM(file 
     fileM = std::make_unique<STR::FileIo>(BAS::String(*file), std::ios_base::out);
     if (!fileM->isOpen())
         fail();
+    // A pipe or a device is written as it is, by the calls that a signal ends.
     descriptorM = fileM->descriptorInPlace();
 }
 
 ResultTarget::~ResultTarget() {
     if (fileM != nullptr)
+        // A target that was finished has nothing left to discard.
         fileM->discardFile();
 }
 
@@ -45,6 +48,7 @@ void ResultTarget::write(std::string_view text) {
         return;
     }
     fileM->stream().write(text.data(), static_cast<std::streamsize>(text.size()));
+    // The stream only knows that it failed; closing tells why.
     if (!fileM->stream().good() && !fileM->closeFile())
         fail();
 }
@@ -69,6 +73,7 @@ void PieceTarget::write() {
 
 void PieceTarget::sync() {
     write();
+    // Without a text there is still a member or frame: an empty file would be damaged to those who decompress it.
     if (!writtenM)
         targetM.write(compressorM.compress({}, placeM));
     targetM.sync();

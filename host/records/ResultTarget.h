@@ -5,8 +5,8 @@
 // PieceTarget gathers small texts, and compresses where the name asks for it.
 // Ownership: owns the file; borrows standard output. Destruction before finish leaves a file of that name as it was.
 // Threads: one thread at a time.
-// Errors: HostError in one line that names the file; Interrupted when nobody reads standard output or the pipe any more,
-// or a signal came while it waited for a reader.
+// Errors: HostError in one line that names the file; Interrupted when nobody reads standard output or the pipe any
+// more, or a signal came while it waited for a reader.
 // Complexity: linear in the bytes.
 #pragma once
 

@@ -12,6 +12,7 @@ bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& o
     std::error_code error;
     if (std::filesystem::equivalent(one, other, error))
         return true;
+    // What is not there yet has no inode: its place is compared, with the links on the way followed.
     auto const place = [&error](std::filesystem::path const& path) {
         std::filesystem::path const whole = std::filesystem::absolute(STR::followLinks(path.native()), error);
         return error ? path : std::filesystem::weakly_canonical(whole, error);
@@ -20,6 +21,7 @@ bool isSameFile(std::filesystem::path const& one, std::filesystem::path const& o
 }
 
 char const* KeptFiles::nameOf(std::filesystem::path const& target) const {
+    // The most precious first: what the message names is the file that would be lost.
     if (!dataFile.empty() && isSameFile(dataFile, target))
         return "the data file itself";
     if (isSameFile(configuration, target))

@@ -1,4 +1,5 @@
-// nphost::isSameFile and KeptFiles: whether two names mean one file, and which files a listing or a log must not destroy.
+// nphost::isSameFile and KeptFiles: whether two names mean one file, and which files a listing or a log must not
+// destroy.
 //
 // Purpose: a listing must not replace the data file, since whatever it leaves out would be lost, nor the configuration,
 // the log or the control socket, nor go where the daemon has something else open.

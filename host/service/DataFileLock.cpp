@@ -48,6 +48,8 @@ DataFileLock::DataFileLock(std::filesystem::path dataFile) : dataFileM(std::move
 
 DataFileLock::~DataFileLock() {
     BAS::MutexGuard const guard(lockM);
+    // Only a file that is still this lock's: somebody may have removed it, and another daemon made its own. It goes
+    // before the lock does, so that whoever gets the lock next sees that the file has no name any more.
     if (isHeld() && isBesideM)
         unlink(lockedM.c_str());
 }
@@ -56,9 +58,11 @@ bool DataFileLock::take() {
     BAS::MutexGuard const guard(lockM);
     if (dataFileM.empty() || isHeld())
         return true;
+    // What is left of a lock whose file is gone.
     descriptorM.reset();
     reasonM.clear();
     std::error_code error;
+    // Daemons that name the file differently must come to the same lock.
     std::string const link = STR::followLinks(std::filesystem::absolute(dataFileM, error).native());
     std::filesystem::path const target = std::filesystem::weakly_canonical(link, error);
     lockBeside(error ? link : target.native());
@@ -98,6 +102,7 @@ void DataFileLock::lockFile(std::string const& file, int flags) {
                 reasonM = file + " cannot be opened: " + std::system_category().message(error);
             return;
         }
+        // Only this error is somebody else's lock. Where the file system has none, deltas are not refused for that.
         if (flock(descriptorM.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
             reasonM = (isBesideM ? holderOf(descriptorM.get()) : "another process") + " holds the lock on " + file;
             descriptorM.reset();

@@ -1,10 +1,10 @@
 // nphost::DataFileLock: says that this daemon is the one that rewrites a data file.
 //
-// Purpose: two daemons that add deltas to one data file would lose each other's records, for each writes what it serves.
-// So deltas need this lock; look-ups, reloads and the start do not, so that a lock that somebody else holds keeps no
-// daemon from serving. It is an advisory lock (flock) on .NAME.lock beside the file, its links followed, because that
-// outlives the renaming by which the file is replaced. Where no file can be made there, or the data file is mounted by
-// itself, it is on the data file, which then is overwritten in place and stays the same.
+// Purpose: two daemons that add deltas to one data file would lose each other's records, for each writes what it
+// serves. So deltas need this lock; look-ups, reloads and the start do not, so that a lock that somebody else holds
+// keeps no daemon from serving. It is an advisory lock (flock) on .NAME.lock beside the file, its links followed,
+// because that outlives the renaming by which the file is replaced. Where no file can be made there, or the data file
+// is mounted by itself, it is on the data file, which then is overwritten in place and stays the same.
 // Ownership: owns lock and lock file. Destruction gives both back; after a kill the file stays and harms nobody.
 // Threads: any.
 // Errors: none; what keeps the lock away is the reason. std::bad_alloc.

@@ -44,6 +44,8 @@ bool DataFileState::differs(DAT::NumberPortability::ServiceStatus const& status)
 }
 
 // A load of a client module may be writing the file just now; what it leaves counts.
+// The status is asked before and after the look at the file: only a difference during which no load ran or ended is
+// nobody's load.
 bool DataFileState::isChanged() const {
     constexpr int milliseconds = 10;
     for (;; poll(nullptr, 0, milliseconds)) {
@@ -72,6 +74,8 @@ bool DataFileState::refusesDelta(std::string const& file, bool force) {
     return !fault.empty();
 }
 
+// Asking takes the lock if it has become free, so that what is told is true of the next delta. During a load the file
+// may be just being rewritten: no difference is told then.
 DataFileState::Standing DataFileState::standing(DAT::NumberPortability::ServiceStatus const& status) {
     return {fileM, STR::versionOf(fileM), STR::rewritingOf(fileM), !status.loading && differs(status),
             lockM.take() ? std::string() : lockM.reason()};

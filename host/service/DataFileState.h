@@ -1,8 +1,8 @@
 // nphost::DataFileState: how the daemon's data file stands, and whether a delta may rewrite it.
 //
-// Purpose: a delta writes what is served over the data file. Asked before: a file that somebody has put there since, and
-// that was not loaded, would be lost, and so would the deltas of another daemon. Asked for the operator: which way the
-// file will be rewritten.
+// Purpose: a delta writes what is served over the data file. Asked before: a file that somebody has put there since,
+// and that was not loaded, would be lost, and so would the deltas of another daemon. Asked for the operator: which way
+// the file will be rewritten.
 // Ownership: borrows the plug-in and owns the lock for the file.
 // Threads: any. faultOfDelta waits for a load that somebody else has begun.
 // Errors: std::bad_alloc.
@@ -36,6 +36,7 @@ class DataFileState {
         bool changed = false;     // since it was loaded or last written
         std::string holder;       // who keeps deltas away; empty: nobody
     };
+    // Takes the lock for the file, too, if it has become free. `status` is the plug-in's, of now.
     Standing standing(DAT::NumberPortability::ServiceStatus const& status);
 
   private:

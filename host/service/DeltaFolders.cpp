@@ -16,6 +16,7 @@ namespace {
 
 using std::filesystem::path;
 
+// O_PATH needs no right to read the file, waits for no pipe, and disturbs nothing that is behind a device's name.
 FileDescriptor openPath(path const& name, int flags = 0) {
     return FileDescriptor(open(name.c_str(), O_PATH | O_CLOEXEC | flags));
 }
@@ -36,11 +37,14 @@ std::optional<Place> placeOf(path file, std::error_code& error) {
     FileDescriptor opened = openPath(file);
     if (struct stat status = {}; opened && fstat(opened.get(), &status) == 0)
         place.version = STR::versionOf(status);
+    // A file that is still to come is judged by the folder in which it would lie: the lane asks again when its turn
+    // comes.
     while (!opened) {
         if (errno != ENOENT && errno != ENOTDIR && errno != EACCES) {
             error.assign(errno, std::system_category());
             return std::nullopt;
         }
+        // The name is there and leads nowhere: where its link will lead later is not known now.
         if (openPath(file, O_NOFOLLOW) || !file.has_relative_path())
             return std::nullopt;
         file = file.parent_path();
@@ -68,9 +72,13 @@ DeltaFolders::Found DeltaFolders::find(path const& file) const {
         names += (names.empty() ? "" : ", ") + visible(folder.native());
         if (!place)
             continue;
+        // Both names are taken from what is open, so links on the way, and their exchange meanwhile, make no
+        // difference.
         FileDescriptor const opened = openPath(folder.empty() ? path(".") : folder, O_DIRECTORY);
         if (opened && liesBelow(realName(opened, error), *place))
             return {place->version, {}};
+        // A folder that is not there holds nothing. One that cannot be looked at may hold the file: that is told as it
+        // is.
         if (!opened && errno != ENOENT)
             error.assign(errno, std::system_category());
     }

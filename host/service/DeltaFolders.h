@@ -1,12 +1,12 @@
 // nphost::DeltaFolders: the folders below which a client of the daemon may name a delta file.
 //
-// Purpose: whoever may use the control socket has the daemon read a file and say what is wrong with its lines. So it reads
-// only what lies below these folders, whichever links lead there: a name is taken apart at the folder, and what follows
-// is opened without leaving it. The caller binds the load to the version that is returned, because the module opens the
-// file by its name, which may mean another one by then.
+// Purpose: whoever may use the control socket has the daemon read a file and say what is wrong with its lines. So it
+// reads only what lies below these folders, whichever links lead there: a name is taken apart at the folder, and what
+// follows is opened without leaving it. The caller binds the load to the version that is returned, because the module
+// opens the file by its name, which may mean another one by then.
 // Ownership: values. Folders are looked up anew each time: one may be made or replaced while the daemon runs.
-// Threads: no state that changes. Errors: std::bad_alloc. Complexity: a few system calls a folder, and a part of the name
-// that is not there.
+// Threads: no state that changes. Errors: std::bad_alloc. Complexity: a few system calls a folder, and a part of the
+// name that is not there.
 #pragma once
 
 #include "framework/STR/FileVersion.h"

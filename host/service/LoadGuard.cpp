@@ -44,11 +44,14 @@ LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
     if (!check.guarded)
         return check;
     check.file = file;
+    // Around it lies the scope of the job, which gets what the load reports afterwards.
     ReportHub::CollectingScope const scope(check.reports);
     if (!check.forced)
         carryOut(check);
     check.ended = BAS::DateTime::now();
     report(check);
+    // A check that a stop has cut short says nothing about the file. The refusal is kept for as long as the daemon
+    // runs, so it goes without its reports; they are in the answer to who asked for the load.
     if (!check.passed && !check.stopped) {
         check.loads = plugInM.serviceStatus().loads;
         LoadCheck refusal = check;
@@ -78,9 +81,11 @@ void LoadGuard::carryOut(LoadCheck& check) {
     auto const begin = ReportHub::Clock::now();
     try {
         DataSummary const summary = examineFile(check);
+        // Asked when the reading is over: a stop during it is what ended it.
         check.stopped = stopM.load();
         check.reasons = faults(check, summary.changed);
         check.passed = check.reasons.empty();
+        // Bound at once, so that the module cannot be given another file between check and load.
         if (check.passed)
             plugInM.expectFile(BAS::String(check.file), summary.version);
     } catch (std::bad_alloc const&) {
@@ -103,6 +108,7 @@ LoadGuard::Checking::~Checking() {
 DataSummary LoadGuard::examineFile(LoadCheck& check) {
     DataSummary summary;
     std::string first;
+    // mayGoOn needs it while the file is read; it is asked again at the end.
     check.figures.liveTreeBytes = plugInM.serviceStatus().treeBytes;
     check.examined = examine(
         plugInM, logM, check.file, summary,
@@ -118,6 +124,7 @@ DataSummary LoadGuard::examineFile(LoadCheck& check) {
     ServiceStatus const status = plugInM.serviceStatus(); // another load may have ended meanwhile
     check.figures.liveRecords = status.records;
     check.figures.liveTreeBytes = status.treeBytes;
+    // The live data are two trees. What these have mapped need not all be resident, so the difference may be below 0.
     std::uint64_t const resident = residentBytes();
     check.figures.otherBytes = resident - std::min(resident, 2 * status.treeBytes);
     return summary;
@@ -128,10 +135,12 @@ bool LoadGuard::mayGoOn(LoadCheck const& check, std::uint64_t treeBytes) const {
     LoadFigures soFar;
     soFar.liveTreeBytes = check.figures.liveTreeBytes;
     soFar.treeBytes = treeBytes;
+    // A reload keeps the lines in memory. Their sum is not known before the end; the file's size stands for it.
     soFar.lineBytes = plugInM.progress()->totalBytes();
     return hasRoom(limitsM, check.kind, soFar);
 }
 
+// The cause comes before what follows from it: a check that was stopped has not read to the end either.
 std::vector<std::string> LoadGuard::faults(LoadCheck const& check, bool changed) const {
     if (check.stopped)
         return {"the daemon stops"};

@@ -9,8 +9,8 @@
 // Ownership: borrows the plug-in and its log; both must outlive it.
 // Threads: check and ended by any, one at a time; standing and stop by any.
 // Errors: std::bad_alloc, from check as an outcome that has not passed.
-// Complexity: a check is linear in the file and holds one tree of its records. Where nothing is asked but that there is a
-// record it ends soon after the first one. Without limits for the kind of load it does nothing, and passes.
+// Complexity: a check is linear in the file and holds one tree of its records. Where nothing is asked but that there is
+// a record it ends soon after the first one. Without limits for the kind of load it does nothing, and passes.
 #pragma once
 
 #include "framework/BAS/DateTime.h"

@@ -84,6 +84,7 @@ void letGoOfOutput(pthread_t writer) {
         close(nowhere);
     }
     struct sigaction action = {};
+    // SIGURG is ignored by default, so one that comes too late does no harm; without SA_RESTART the write returns.
     action.sa_handler = [](int) {};
     sigaction(SIGURG, &action, nullptr);
     pthread_kill(writer, SIGURG);
@@ -108,9 +109,12 @@ LoadLane::LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, L
                    DataFileState& dataFile, WakeUp const& wakeUp)
     : plugInM(plugIn), keptM(std::move(kept)), foldersM(std::move(folders)), guardM(guard), dataFileM(dataFile),
       wakeUpM(wakeUp) {
+    // In the body: the thread uses every member.
     threadM.start([this] { run(); });
 }
 
+// All memory is taken here, before the lock: from list to list a job is spliced, which allocates nothing and cannot
+// fail. Updates are counted apart, so that neither kind keeps the other out.
 bool LoadLane::push(Request request) {
     Jobs job;
     job.emplace_back().request = std::move(request);
@@ -120,6 +124,7 @@ bool LoadLane::push(Request request) {
         auto const waiting = std::count_if(waitingM.begin(), waitingM.end(), [isUpdate](Job const& other) {
             return (other.request.kind == UPDATE) == isUpdate;
         });
+        // Nobody could be told that a signal's request was refused; its sender sees to it that no more than one waits.
         if (!isFromSignal(job.front()) &&
             static_cast<std::size_t>(waiting) >= (isUpdate ? mostUpdatesCM : mostWaitingCM))
             return false;
@@ -141,6 +146,7 @@ std::size_t LoadLane::length() const {
     return waitingM.size() + currentM.size();
 }
 
+// What has ended but was not taken counts, too: nobody has been told of its outcome.
 bool LoadLane::hasSignalRequest() const {
     BAS::MutexGuard const guard(lockM);
     return hasSignal(waitingM) || hasSignal(currentM) || hasSignal(finishedM);
@@ -151,8 +157,8 @@ bool LoadLane::hasWaitingSignalRequest() const {
     return hasSignal(waitingM);
 }
 
-// What waits for a reader is cancelled, what loads is told to stop; then nothing lasts but a delta's writing of the data
-// file and a listing to a file, which are not disturbed.
+// What waits for a reader is cancelled, what loads is told to stop; then nothing lasts but a delta's writing of the
+// data file and a listing to a file, which are not disturbed.
 void LoadLane::stop() {
     constexpr std::chrono::milliseconds pause{100};
     {
@@ -163,10 +169,12 @@ void LoadLane::stop() {
     changedM.notify_all();
     guardM.stop();
     threadM.cancel();
+    // The signal is sent again and again: one that comes just before the write begins to wait does not end it.
     while (!awaitEnd(pause)) {
         BAS::MutexGuard const guard(lockM);
         if (!laneM || currentM.empty() || !prints(currentM.front().request) || plugInM.serviceStatus().loading)
             continue;
+        // finish makes a failure of it: part of the listing went nowhere.
         outputLostM = printsToConsole(currentM.front().request);
         letGoOfOutput(*laneM);
     }
@@ -181,6 +189,8 @@ bool LoadLane::awaitEnd(std::chrono::milliseconds time) {
     return !laneM;
 }
 
+// The lane's thread. Its name for stop is withdrawn under the lock before it ends: no signal goes to a thread that is
+// gone.
 void LoadLane::run() {
     setLane(pthread_self());
     while (Job* const job = next()) {
@@ -202,6 +212,8 @@ LoadLane::Job* LoadLane::next() {
         changedM.wait(lockM);
     if (stopM)
         return nullptr;
+    // A list's element keeps its address: the lane works on the job without the lock, for everybody else asks for no
+    // more than its request, which does not change.
     currentM.splice(currentM.end(), waitingM, waitingM.begin());
     return &currentM.front();
 }
@@ -215,6 +227,8 @@ void LoadLane::finish() {
     wakeUpM.wake();
 }
 
+// Cheap refusals come before the check, which reads the file. The release comes last and always: else the module would
+// go on refusing every other version of the file.
 void LoadLane::perform(Job& job) noexcept {
     auto const begin = ReportHub::Clock::now();
     ReportHub::CollectingScope const scope(job.reports);
@@ -242,8 +256,8 @@ bool LoadLane::refusesTarget(Request const& request) const {
     return kept != nullptr;
 }
 
-// Its folder was checked when the request came. From here on the module reads the file that lies there now and no other,
-// be it for a check or for the load, whatever the name comes to mean.
+// Its folder was checked when the request came. From here on the module reads the file that lies there now and no
+// other, be it for a check or for the load, whatever the name comes to mean.
 bool LoadLane::liesElsewhere(Request const& request) {
     std::string const* const file = deltaOf(request);
     if (file == nullptr)
@@ -281,6 +295,7 @@ void LoadLane::command(Job& job) {
 void LoadLane::count(Job& job) {
     DAT::NumberPortability::LoadOutcome const load = plugInM.serviceStatus().lastLoad;
     std::string const& file = *deltaOf(job.request);
+    // The last load may be another's: client modules, and probes, load past the lane.
     job.isDelta = load.kind == DAT::NumberPortability::LoadOutcome::DELTA_LOAD && load.succeeded &&
                   load.fileName == BAS::String(file);
     if (!job.isDelta)
@@ -294,6 +309,7 @@ void LoadLane::count(Job& job) {
 // The plug-in counts a listing that could not be written as made.
 bool LoadLane::succeeds(Job& job) {
     if (job.request.kind == UPDATE)
+        // An update may make several steps, and its result does not tell of each; a failure that was reported does.
         return update(job) && !job.reports.hasFailure();
     return plugInM.carryOut(modeOf(job.request.kind), BAS::String(job.request.value)) && !job.reports.hasWriteFailure();
 }

@@ -1,15 +1,15 @@
 // nphost::LoadLane: carries out what changes or lists the data, one request after the other.
 //
 // Purpose: reloads, deltas, listings and updates of the daemon, of its clients and of SIGHUP, in the order of their
-// arrival. A thread of its own does for each: check (the target of a listing; the guard, which binds the file's version;
-// whether a delta may rewrite the data file), command, and so wait, release the file; then the job has its outcome and
-// the event loop is woken. Outcomes are what the plug-in's operations return. Reports are collected on the lane's own
-// thread, and only to be shown.
+// arrival. A thread of its own does for each: check (the target of a listing; the guard, which binds the file's
+// version; whether a delta may rewrite the data file), command, and so wait, release the file; then the job has its
+// outcome and the event loop is woken. Outcomes are what the plug-in's operations return. Reports are collected on the
+// lane's own thread, and only to be shown.
 // Ownership: borrows the plug-in, the guard, the state of the data file and the loop's wake-up. A job is made when its
-// request is accepted and moves as a whole from the queue to the finished ones, so memory that runs out meanwhile cannot
-// lose it.
-// Threads: push, takeFinished, stop and the questions by the loop's thread. The plug-in is commanded on the lane's, which
-// is a BAS::Thread, so that a listing into a pipe that nobody reads can be given up.
+// request is accepted and moves as a whole from the queue to the finished ones, so memory that runs out meanwhile
+// cannot lose it.
+// Threads: push, takeFinished, stop and the questions by the loop's thread. The plug-in is commanded on the lane's,
+// which is a BAS::Thread, so that a listing into a pipe that nobody reads can be given up.
 // Errors: construction throws std::system_error when there is no thread; push std::bad_alloc. Whatever goes wrong
 // with a job is its outcome.
 // Complexity: that of the loads; linear in the jobs for the questions.
@@ -66,7 +66,8 @@ class LoadLane {
     };
     using Jobs = std::list<Job>;
 
-    // No listing may replace a kept file; the data file among them is what a reload loads. Deltas come from the folders.
+    // No listing may replace a kept file; the data file among them is what a reload loads. Deltas come from the
+    // folders.
     LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, LoadGuard& guard, DataFileState& dataFile,
              WakeUp const& wakeUp);
     LoadLane(LoadLane const&) = delete;

@@ -7,14 +7,18 @@ namespace nphost {
 
 namespace {
 
+// A report is made on the thread whose work it is about: so each piece of work gets its own reports, and without a
+// lock.
 thread_local ReportCollector* collectorHere = nullptr;
 
 } // namespace
 
 void ReportCollector::add(BAS::Status const& status, LogReport const* shown) noexcept {
+    // First, and whatever there is room for: the outcomes of listings and updates hang on these two.
     failureM = failureM || status.severity() >= BAS::Status::MAJOR;
     writeFailureM = writeFailureM || status.identifier().view() == "ERR_WRITE_FILE";
     bool const warning = status.severity() == BAS::Status::WARNING;
+    // Rejected lines may be millions. A few stand for all, and leave the room to what else is reported.
     bool const tooMany = warning ? ++warningsM > mostWarningsCM : reportsM.size() >= mostReportsCM;
     if (tooMany || shown == nullptr) {
         ++leftOutM;
@@ -30,6 +34,7 @@ void ReportCollector::add(BAS::Status const& status, LogReport const* shown) noe
 ReportHub::CollectingScope::CollectingScope(ReportCollector& collector)
     : beforeM(std::exchange(collectorHere, &collector)) {}
 
+// Scopes nest: a check has one of its own within that of its job.
 ReportHub::CollectingScope::~CollectingScope() {
     collectorHere = beforeM;
 }
@@ -61,6 +66,7 @@ void ReportHub::keep(LogReport const& report) noexcept {
     } catch (...) {
         return;
     }
+    // Only what is kept has a number, so that the numbers of those kept have no gap: since() and last() reckon by that.
     ++nextM;
     if (recentM.size() > recentCM)
         recentM.pop_front();

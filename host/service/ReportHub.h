@@ -55,7 +55,8 @@ class ReportHub : public ReportObserver {
         std::uint64_t lost = 0; // asked for and no longer kept
     };
 
-    // Collects the reports of the thread that makes it.
+    // Collects the reports of the thread that makes it, which must also end it. Scopes nest: the innermost collects.
+    // The collector must outlive it.
     class CollectingScope {
       public:
         explicit CollectingScope(ReportCollector& collector);

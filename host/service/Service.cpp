@@ -46,6 +46,7 @@ void answerBatch(LookUpBatch& batch, std::optional<unsigned int> method, LookUpV
 Standing Service::standing() {
     Standing standing;
     standing.data = partsM.plugIn.serviceStatus();
+    // By the same status, so that the parts of one answer agree.
     standing.file = partsM.dataFile.standing(standing.data);
     if (DAT::NumberPortability::LoadProgress const* const progress = partsM.plugIn.progress())
         standing.progress = {progress->lines(), progress->bytes(), progress->totalBytes()};
@@ -57,6 +58,7 @@ Standing Service::standing() {
 }
 
 void Service::lookUp(LookUpQuestion const& question, LookUpVisitor const& visit) {
+    // At least one place: without any the batch would be full before its first number.
     LookUpBatch batch(partsM.plugIn, std::clamp<std::size_t>(question.numbers.size(), 1, lookUpsAtOnceCM));
     for (std::string const& number : question.numbers) {
         batch.nextNumber() = stored(number, question.normalise);
@@ -76,6 +78,7 @@ Explained Service::explain(std::string_view number, BAS::DateTime at, bool norma
     return {std::move(key), at, configured, std::move(prefixes)};
 }
 
+// In stored form nothing is taken for a separator: the digits of an instant behind the number would become its own.
 BAS::String Service::stored(std::string_view written, bool normalise) const {
     BAS::String number;
     if (!normalise && holdsColumns(written))
@@ -90,6 +93,8 @@ void Service::reload(bool reuse, bool force, Waiter waiter) {
     push({LoadLane::RELOAD, reuse ? "TRUE" : "FALSE", {}, waiter, false, force}, "requests");
 }
 
+// The lane asks the same when the request's turn comes, for what the name means may change meanwhile. Here the client
+// learns at once.
 void Service::delta(std::string file, bool force, Waiter waiter) {
     checkName(file, "file");
     refuseDelta(file);
@@ -101,9 +106,11 @@ void Service::print(std::optional<std::string> target, Waiter waiter) {
         checkName(*target, "file");
         refuseKeptFile(*target);
     }
+    // "NULL" is the probe's word for the console.
     push({LoadLane::PRINT, target ? std::move(*target) : "NULL", {}, waiter, false, false}, "requests");
 }
 
+// All keys are looked at before anything is taken in: an update is taken whole or refused whole.
 void Service::update(LoadLane::Keys keys, bool force, Waiter waiter) {
     for (auto const& [key, value] : keys) {
         checkUpdateKey(key);

@@ -1,12 +1,13 @@
 // nphost::Service: what the served data can be asked and commanded, as plain calls.
 //
-// Purpose: each front (the control socket, and whatever asks over a network) turns its requests into these calls and the
-// structs that they return into its answers, so that all fronts agree. Questions are answered at once from the live data;
-// what loads or lists them goes to the lane (LoadLane.h), and its outcome comes from there.
+// Purpose: each front (the control socket, and whatever asks over a network) turns its requests into these calls and
+// the structs that they return into its answers, so that all fronts agree. Questions are answered at once from the live
+// data; what loads or lists them goes to the lane (LoadLane.h), and its outcome comes from there.
 // Units: instants are of the data's clock; texts are bytes as they stand in the data, UTF-8 or not.
 // Ownership: borrows all its parts. Answers are values, but for what says that it refers to something.
 // Threads: standing, lookUp and explain by any; what commands by the loop's thread, as LoadLane::push.
-// Errors: QuestionError for what cannot be answered or commanded, in a sentence without its full stop; std::bad_alloc.
+// Errors: QuestionError for what cannot be answered or commanded, in a sentence without its full stop; std::bad_alloc;
+// what a visitor throws travels, and ends the look-ups.
 // Complexity: that of the look-ups; commands, which are only taken in, a few system calls.
 #pragma once
 
@@ -46,7 +47,7 @@ struct Standing {
 
 struct LookUpQuestion {
     std::vector<std::string> numbers;
-    BAS::DateTime at;
+    BAS::DateTime at;                   // valid: an invalid one is later than all others
     std::optional<unsigned int> method; // none: as configured
     bool normalise = false;             // numbers are as people write them, else in stored form
 };
