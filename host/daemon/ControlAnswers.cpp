@@ -1,5 +1,6 @@
 #include "host/daemon/ControlAnswers.h"
 
+#include "host/base/Instant.h"
 #include "host/base/Text.h"
 #include "host/daemon/ControlProtocol.h"
 #include "host/fields/Numbers.h"
@@ -25,7 +26,7 @@ Json clock(BAS::DateTime at) {
 }
 
 Json digits(BAS::DateTime at) {
-    return at.isValid() ? Json(at.asString("%Y%m%d%H%M%S").str()) : Json();
+    return at.isValid() ? Json(digitsOf(at)) : Json();
 }
 
 char const* nameOf(LoadOutcome::Kind kind) {

@@ -145,7 +145,7 @@ std::string orDash(Json const& text) {
 // "2026-01-31 12:00:00" from 14 digits.
 std::string readable(Json const& digits) {
     BAS::DateTime const at = parseInstant(digits.is_string() ? digits.get<std::string>() : std::string());
-    return at.isValid() ? at.asString("%Y-%m-%d %H:%M:%S").str() : "-";
+    return at.isValid() ? nphost::readable(at) : "-";
 }
 
 std::string seconds(Json const& value) {

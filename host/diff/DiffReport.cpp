@@ -43,10 +43,8 @@ class ListReport : public DiffReport {
     void append(std::optional<ShownRecord> const& record) {
         if (!record)
             return outM.append(std::string_view("\t-\t-"));
-        char digits[instantDigitsCM];
-        record->validFrom.toDigits(digits);
         outM.append('\t');
-        outM.append({digits, sizeof digits});
+        outM.append(InstantDigits(record->validFrom).view());
         outM.append('\t');
         outM.append(record->network);
     }
@@ -107,8 +105,8 @@ class TextReport : public DiffReport {
     void files(DiffTotals const& totals) {
         DataSummary const& old = totals.before.lines;
         DataSummary const& now = totals.after.lines;
-        outM.append("Old file:     " + shortened(totals.before.name) + "\nNew file:     " +
-                    shortened(totals.after.name) + "\nIn force at:  " + totals.at.asString("%Y-%m-%d %H:%M:%S").str() +
+        outM.append("Old file:     " + shortened(totals.before.name) +
+                    "\nNew file:     " + shortened(totals.after.name) + "\nIn force at:  " + readable(totals.at) +
                     "\n\n" + std::string(labelWidthCM, ' '));
         cell("old");
         cell("new");
@@ -213,10 +211,8 @@ class JsonReport : public DiffReport {
   private:
     static std::string dump(Json const& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
-    static std::string digits(BAS::DateTime at) { return at.asString("%Y%m%d%H%M%S").str(); }
-
     static Json json(std::optional<ShownRecord> const& record) {
-        return record ? Json{{"validFrom", digits(record->validFrom)}, {"network", asUtf8(record->network)}} : Json();
+        return record ? Json{{"validFrom", digitsOf(record->validFrom)}, {"network", asUtf8(record->network)}} : Json();
     }
 
     static Json json(FileTotals const& file) {
@@ -247,7 +243,7 @@ class JsonReport : public DiffReport {
     }
 
     Json object(DiffTotals const& totals) const {
-        Json all = {{"equal", totals.result.isEqual()}, {"at", digits(totals.at)},
+        Json all = {{"equal", totals.result.isEqual()}, {"at", digitsOf(totals.at)},
                     {"old", json(totals.before)},       {"new", json(totals.after)},
                     {"moves", moves(totals.result)},    {"otherMoves", totals.result.otherMoves}};
         for (std::size_t i = 0; i < differenceNamesCM.size(); ++i)

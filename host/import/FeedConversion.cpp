@@ -128,11 +128,9 @@ FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, st
 }
 
 void FeedConversion::append(BAS::DateTime validFrom, std::string& out) const {
-    char digits[instantDigitsCM];
-    validFrom.toDigits(digits);
     out += numberM.view();
     out += "  ";
-    out.append(digits, sizeof digits);
+    out += InstantDigits(validFrom).view();
     out += "  ";
     out += networksM.nameOf(networkM);
     out += '\n';

@@ -2,6 +2,7 @@
 
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
+#include "host/base/Instant.h"
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
@@ -96,7 +97,7 @@ class TextReport : public Report {
         counts(summary);
         withoutDigits(summary);
         outM.append("Valid from:       ");
-        outM.append(summary.earliest.isValid() ? instant(summary.earliest) + " to " + instant(summary.latest)
+        outM.append(summary.earliest.isValid() ? readable(summary.earliest) + " to " + readable(summary.latest)
                                                : std::string("-"));
         outM.append('\n');
         networks(summary);
@@ -112,7 +113,6 @@ class TextReport : public Report {
         return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " + line.reason.detail +
                "\n    " + shortened(line.text) + "\n";
     }
-    static std::string instant(BAS::DateTime at) { return at.asString("%Y-%m-%d %H:%M:%S").str(); }
 
     void count(std::string label, unsigned long number) {
         constexpr std::size_t width = 30;
@@ -205,7 +205,7 @@ class JsonReport : public Report {
     }
 
     static nlohmann::json instant(BAS::DateTime at) {
-        return at.isValid() ? nlohmann::json(at.asString("%Y%m%d%H%M%S").str()) : nlohmann::json();
+        return at.isValid() ? nlohmann::json(digitsOf(at)) : nlohmann::json();
     }
 
     static nlohmann::json guard(Trial const& trial) {

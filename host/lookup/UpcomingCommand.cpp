@@ -55,10 +55,6 @@ using Changes = std::vector<Change>;
 // From which networks the numbers of some changes come, one by one; none for nobody.
 using Origins = std::span<std::optional<std::string> const>;
 
-std::string digits(BAS::DateTime at) {
-    return at.asString("%Y%m%d%H%M%S").str();
-}
-
 struct Period {
     BAS::DateTime from;  // after it
     BAS::DateTime until; // up to it; invalid, and so later than all, for ever
@@ -114,9 +110,7 @@ class OriginSearch {
 };
 
 void appendText(Output& out, Change const& change, std::optional<std::string> const& origin) {
-    char instant[instantDigitsCM];
-    change.record.validFromM.toDigits(instant);
-    out.append({instant, sizeof instant});
+    out.append(InstantDigits(change.record.validFromM).view());
     out.append('\t');
     out.append(change.number.view());
     out.append('\t');
@@ -128,7 +122,7 @@ void appendText(Output& out, Change const& change, std::optional<std::string> co
 
 void appendJson(Output& out, Change const& change, std::optional<std::string> const& origin, bool first) {
     // One object a change, written as it comes: the whole list as one value would double the memory.
-    Json const object = {{"at", digits(change.record.validFromM)},
+    Json const object = {{"at", digitsOf(change.record.validFromM)},
                          {"number", change.number.str()},
                          {"from", origin ? Json(asUtf8(*origin)) : Json()},
                          {"to", asUtf8(change.record.networkIdM.view())}};
@@ -137,8 +131,8 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
 }
 
 void appendHeading(Output& out, Changes const& changes, Period const& period) {
-    out.append("{\"from\":" + Json(digits(period.from)).dump());
-    out.append(",\"until\":" + (period.until.isValid() ? Json(digits(period.until)) : Json()).dump());
+    out.append("{\"from\":" + Json(digitsOf(period.from)).dump());
+    out.append(",\"until\":" + (period.until.isValid() ? Json(digitsOf(period.until)) : Json()).dump());
     out.append(",\"count\":" + std::to_string(changes.size()) + ",\"upcoming\":[");
 }
 
@@ -165,8 +159,8 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
 int upcoming(UpcomingOptions const& options) {
     Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
     if (period.until < period.from) // false of an invalid one
-        throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
-                        (options.from ? "" : " (now)") + " is later than " + digits(period.until) + " of --until");
+        throw HostError("there is no time to list: " + digitsOf(period.from) + " of --from" +
+                        (options.from ? "" : " (now)") + " is later than " + digitsOf(period.until) + " of --until");
     Host host(options.common.readConfiguration(), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);
