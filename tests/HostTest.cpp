@@ -442,7 +442,7 @@ TEST(HostPipeTest, AClosedStandardOutputEndsEveryCommandAlike) {
     int const in = open(site.data.c_str(), O_RDONLY | O_CLOEXEC);
     for (Arguments arguments :
          {Arguments{"lookup", "-"}, Arguments{"print"}, Arguments{"diff", "--list", "gained", none, site.data},
-          Arguments{"check", site.data}}) {
+          Arguments{"check", site.data}, Arguments{"print", "--help"}}) {
         arguments.insert(arguments.begin() + 1, {"--config", site.configuration});
         Pipe out;
         out.closeEnd(0);

@@ -82,6 +82,7 @@ Json toJson(DataFileState::Standing const& standing) {
     return file;
 }
 
+// Null when no limit was asked for: that is not the same as a check that passed.
 Json toJson(LoadCheck const& check) {
     if (!check.guarded)
         return nullptr;
@@ -101,6 +102,7 @@ Json toJson(LoadCheck const& check) {
     return result;
 }
 
+// Only those that are configured, by the names that they have in the file.
 Json limitsOf(GuardLimits const& limits) {
     Json object = Json::object();
     auto const set = [&object](char const* key, auto const& value) {

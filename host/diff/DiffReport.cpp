@@ -46,6 +46,7 @@ class ListReport : public DiffReport {
         outM.append('\t');
         outM.append(InstantDigits(record->validFrom).view());
         outM.append('\t');
+        // As the file has it, without escapes: programs read the list.
         outM.append(record->network);
     }
 };
@@ -91,6 +92,7 @@ class TextReport : public DiffReport {
     static constexpr std::size_t mostColumnsCM = 7; // of the matrix; more networks are told pair by pair
     static constexpr std::size_t mostListedCM = 40;
 
+    // A cell is never without the blank that parts it from the one before.
     void cell(std::string const& text) {
         outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, characters(text)), ' ') + text);
     }
@@ -194,6 +196,7 @@ class JsonReport : public DiffReport {
     explicit JsonReport(std::optional<Difference> listed) : listedM(listed) {}
 
     void number(NumberChange const& change) override {
+        // The list is begun by its first number: without one it is written empty, at the end.
         outM.append(startedM ? std::string_view(",\n") : "{\"changes\":[\n");
         startedM = true;
         outM.append(dump({{"number", change.number}, {"old", json(change.before)}, {"new", json(change.after)}}));

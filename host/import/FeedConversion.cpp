@@ -127,6 +127,7 @@ FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, st
     return Outcome::CONVERTED;
 }
 
+// The form of a listing, so that a data file looks the same whoever wrote it.
 void FeedConversion::append(BAS::DateTime validFrom, std::string& out) const {
     out += numberM.view();
     out += "  ";

@@ -240,6 +240,7 @@ class JsonReport : public Report {
 };
 
 Configuration configurationFor(CheckOptions const& options) {
+    // The codes are the configuration's; the data file is the one to be checked, so that the module opens no other.
     Configuration configuration = options.common.readConfiguration();
     // Before the file is read: a shell may have sent complaints into it.
     StandardError::keepOff(options.file, "the file itself");
@@ -248,6 +249,7 @@ Configuration configurationFor(CheckOptions const& options) {
 }
 
 // Reads the file and tells its rejected lines; `first` becomes the first of them in words.
+// The progress line gives way where the rejected lines go to the same terminal.
 DataSummary readFile(Host& host, CheckOptions const& options, Report& report, std::string& first) {
     ProgressLine const progress(
         "nphost: checking", [&host] { return host.loadProgress(); }, !options.all || isatty(STDOUT_FILENO) != 1);
@@ -318,6 +320,7 @@ int check(CheckOptions const& options) {
     // A failure that was reported is the outcome, also when the file could be read.
     host.throwFailure();
     warnOfByteOrderMark(options.file);
+    // Only now: a verdict needs the figures of the whole file.
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);

@@ -62,6 +62,7 @@ struct Period {
 
 Changes collect(Host& host, Period const& period) {
     Changes changes;
+    // Of no use here: this process exchanges no data.
     BAS::DateTime liveSince;
     // The visit holds the data, so it only gathers; networks before are looked up when it is over.
     if (!host.plugIn().visitUpcoming(period.from, liveSince, [&](BAS::String const& number, Record const& record) {
@@ -130,6 +131,7 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
     out.append(object.dump());
 }
 
+// The count stands in front, since all changes are known by then: a reader can make room.
 void appendHeading(Output& out, Changes const& changes, Period const& period) {
     out.append("{\"from\":" + Json(digitsOf(period.from)).dump());
     out.append(",\"until\":" + (period.until.isValid() ? Json(digitsOf(period.until)) : Json()).dump());
