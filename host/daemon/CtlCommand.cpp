@@ -124,6 +124,7 @@ class Conversation {
     bool receive() {
         std::array<char, 16UL * 1024> block;
         for (;;) {
+            // An error is an end like any other: the line that is awaited does not come.
             ssize_t const count = recv(descriptorM.get(), block.data(), block.size(), 0);
             if (count < 0 && errno == EINTR)
                 continue;
@@ -302,6 +303,7 @@ class Ctl {
         // Ends with the daemon, or by a signal.
         while (optionsM.follow) {
             outM.flush();
+            // Flushed before the wait: whoever reads through a pipe would else get nothing for a long time.
             Json const next = daemonM.next();
             if (next.contains("lost") && shownRaw(next))
                 continue;
@@ -369,6 +371,7 @@ class Ctl {
         field("Data file:", orDash(file.at("name")));
         field("  size:", bytes(file.at("size")));
         field("  modified:", orDash(file.at("modified")));
+        // The answers of older daemons end here.
         if (!file.contains("rewrite"))
             return;
         std::string const way = file.at("rewrite");
@@ -648,6 +651,7 @@ constexpr DaemonCommand commandsCM[] = {
 };
 
 void declareCtl(Arguments& arguments, CommonOptions& common) {
+    // Held by the functions below, since a command runs only after this one has returned.
     auto const options = std::make_shared<CtlOptions>();
     Option const socket = arguments.add("-s,--socket", "PATH", options->socket, "The daemon's control socket");
     addConfiguration(arguments, common, "The configuration file that names it").excludes(socket);

@@ -76,6 +76,7 @@ Daemon::Daemon(Parts const& parts)
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
       signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
+    // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
@@ -161,6 +162,7 @@ void Daemon::reloadBySignal() {
 void Daemon::finishJobs() {
     for (LoadLane::Job const& job : laneM.takeFinished()) {
         statusDueM = true;
+        // 0 is nobody: a signal's request, or that of a client that does not wait.
         if (serverM && job.request.client != 0)
             answer(job);
     }
@@ -330,6 +332,7 @@ void Daemon::delta(Client client, Json const& request) {
 }
 
 void Daemon::print(Client client, Json const& request) {
+    // Without one it is the daemon's standard output.
     std::optional<std::string> target;
     if (request.contains("file"))
         target = valueOf<std::string>(request, "file");
@@ -346,6 +349,7 @@ void Daemon::update(Client client, Json const& request) {
         Service::checkUpdateKey(key); // before its value
         keys.emplace_back(key, valueOf<std::string>(given, key));
     }
+    // An update has no "wait": its answer is what the plug-in says of it.
     serviceM.update(std::move(keys), valueOf(request, "force", false), client);
 }
 
