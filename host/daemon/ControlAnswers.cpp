@@ -206,6 +206,7 @@ Json toJson(Standing const& standing) {
     return {{"ok", true},
             {"usable", data.usable},
             {"loading", data.loading},
+            // Of a load; that of a check stands with the guard.
             {"progress", data.loading ? toJson(standing.progress) : Json()},
             {"loadedSince", clock(data.liveSince)},
             {"records", data.records},

@@ -14,6 +14,7 @@ std::string lineOf(nlohmann::json object) {
 }
 
 std::string errorLine(std::string const& reason, bool tooLong) {
+    // A reason may quote the request, which may hold anything.
     nlohmann::json refusal = {{"ok", false}, {"error", visible(reason)}};
     if (tooLong)
         refusal["tooLong"] = true;

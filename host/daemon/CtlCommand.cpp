@@ -156,6 +156,7 @@ std::string seconds(Json const& value) {
 }
 
 std::string bytes(Json const& value) {
+    // Null: the file is not there.
     if (!value.is_number())
         return "-";
     return std::to_string(value.get<std::uint64_t>()) + " bytes";
@@ -523,6 +524,7 @@ class Ctl {
         std::vector<Json> shown;
         for (Json const& report : reports)
             if (report.at("severity") != "WARNING" ||
+                // Equal arguments are of one line, for its place is among them.
                 rejected.insert(report.at("identifier").dump() + report.at("arguments").dump()).second)
                 shown.push_back(report);
         return shown;
@@ -540,6 +542,7 @@ class Ctl {
         if (shownRaw(report))
             return;
         std::string text;
+        // As the daemon's log has it: what reads the one reads the other.
         appendText(text, reportOf(report));
         line(text);
     }
