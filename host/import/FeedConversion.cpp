@@ -54,6 +54,7 @@ Refusal refusalOf(Problem problem) {
     case Problem::TOO_LONG:
         return Refusal::LONG_RECORD;
     default:
+        // The others are of JSON or of enrich: of a feed's records only this one is left.
         return Refusal::FIELD_COUNT;
     }
 }

@@ -209,6 +209,7 @@ class Import {
     ProgressLine::Reading reading() const { return {linesM.load(), inputM.done(), inputM.total()}; }
 
     void convertBlock(InputBlock const& input, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        // Without a header the count is known from the first good record on, and each block brings it along.
         reader.expectFields(input.fields);
         reader.begin(input.block.text(), input.block.firstLine());
         for (Record record; stoppedM.empty() && reader.next(record);) {
@@ -235,6 +236,7 @@ class Import {
             return conversionM.convert(record.values[FeedColumns::NUMBER], record.values[FeedColumns::VALID_FROM],
                                        record.values[FeedColumns::NETWORK], target.buffer());
         } catch (HostError const& error) {
+            // Two networks' names fall together: the conversion does not know in which line.
             throw HostError(inputM.nameOf(0) + ":" + std::to_string(record.line) + ": " + error.what());
         }
     }

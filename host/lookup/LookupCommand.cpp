@@ -81,6 +81,7 @@ class StreamLookup {
 
     bool run() {
         {
+            // In a scope of its own: what is said at the end would stand in the midst of its line.
             ProgressLine const progress("nphost: looking up", progressSource(), isatty(STDOUT_FILENO) != 1);
             for (std::string_view line; inM.next(line);) {
                 take(line);

@@ -86,6 +86,7 @@ void Host::throwFailure() const {
 
 void Host::fail(char const* otherwise) const {
     throwFailure();
+    // Only where no report said more.
     throw HostError(otherwise);
 }
 
