@@ -29,6 +29,7 @@ void readKeys(Section const& section, toml::table const& keys, std::filesystem::
 
 } // namespace
 
+// A key may hold anything, and be of any length.
 std::string ConfigurationValue::shownKey() const {
     return shortened(keyM.str());
 }

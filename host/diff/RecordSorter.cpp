@@ -59,6 +59,7 @@ class MergedSource : public RecordSource {
 std::unique_ptr<RecordSource> merged(std::vector<FileDescriptor>& runs) {
     std::vector<std::unique_ptr<RecordSource>> sources;
     for (FileDescriptor& run : runs)
+        // The source closes it, and with that the file, which has no name, is gone.
         sources.push_back(std::make_unique<RunSource>(std::move(run)));
     runs.clear();
     return std::make_unique<MergedSource>(std::move(sources));

@@ -289,6 +289,7 @@ class EnrichRun {
 };
 
 int enrichCompleted(EnrichOptions const& options) {
+    // What the options alone tell is judged first, before any file is read.
     RecordFormat const format = formatOf(options);
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);

@@ -83,6 +83,7 @@ bool FeedConversion::refuse(Refusal refusal, std::string_view subject) {
 bool FeedConversion::readNumber(std::string_view text) {
     switch (formM != nullptr ? formM->toStored(text, numberM) : readPlainNumber(text, numberM)) {
     case NumberKind::NUMBER:
+        // The stored form counts: as people write it, a number may be longer.
         return numberM.length() <= longestNumberCM || refuse(Refusal::LONG_NUMBER, text);
     case NumberKind::DECIMAL:
         return refuse(Refusal::DECIMAL_NUMBER, text);

@@ -157,6 +157,7 @@ class Import {
         // A file of nothing would take all numbers away at the next reload: it is a failure, not a quiet day.
         if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
+        // Also a wrong column is told before anything is written.
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
         // From here on there are temporary files, which a signal must not leave.
         Interruption const interruption(stopReadingM);
@@ -191,6 +192,7 @@ class Import {
     }
 
     void convertAll(CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        // Without a progress line among the data of the same terminal.
         bool const onTerminal = !optionsM.output && isatty(STDOUT_FILENO) == 1;
         ProgressLine const progress(
             "nphost: importing", [this] { return reading(); }, !onTerminal);
@@ -247,6 +249,7 @@ class Import {
             rejects.begin(block.firstLine(), Refusal::LONG_RECORD, {});
         Record piece;
         piece.text = block.text();
+        // Only the last piece has the line's end, which is no part of the record.
         if (block.piece() == RecordBlock::Piece::LAST)
             setText(piece, block.text());
         rejects.addPart(piece.text);
@@ -258,6 +261,7 @@ class Import {
     }
 
     void checkRejects(Rejects const& rejects) {
+        // After each record: the one that crosses the limit is the last in the list.
         if (optionsM.maxRejects && rejects.total() > *optionsM.maxRejects)
             stoppedM =
                 "more than " + std::to_string(*optionsM.maxRejects) + " rejected records, " + rejects.mostFrequent();

@@ -302,6 +302,7 @@ Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSumma
     trial.figures.otherBytes = daemonBytes;
     trial.figures.liveRecords = options.live.value_or(0);
     trial.figures.liveTreeBytes = treeBytesOf(trial.figures.liveRecords, trial.figures);
+    // The daemon asks the same function, so that the two agree.
     trial.reasons = crossedLimits(limits, trial.kind, trial.figures);
     return trial;
 }

@@ -150,6 +150,7 @@ char const* nameOf(LoadKind kind) {
 
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
     // Of a batch of lines; what doubled while it grew may still lie in the heap beside it.
+    // Lines and text: the bounds of the module's batch (cache/RecordBatch.h).
     constexpr std::uint64_t gatheredLines = 1UL << 18;
     constexpr std::uint64_t bytesALine = 192;
     constexpr std::uint64_t gatheredText = 16 * mebibyteCM;
@@ -163,6 +164,7 @@ std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
                           std::min(lines, gatheredText) * copiesOfText + figures.longestLine * copiesOfALine;
     switch (kind) {
     case LoadKind::FIRST_LOAD:
+        // Both trees are filled at once.
         bytes += 2 * fresh;
         break;
     case LoadKind::RELOAD: // checking: live twice and fresh; filling: live, fresh and lines; refilling: fresh twice
