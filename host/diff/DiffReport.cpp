@@ -177,6 +177,7 @@ class TextReport : public DiffReport {
         std::uint64_t rest = result.otherMoves;
         for (std::size_t i = 0; i < result.moves.size(); ++i) {
             Move const& move = result.moves[i];
+            // The moves come most first, so what is left over is the small ones.
             if (i >= mostListedCM) {
                 rest += move.numbers;
                 continue;

@@ -175,6 +175,7 @@ class EnrichRun {
                     options.threads > 0 ? options.threads : std::max(1U, std::thread::hardware_concurrency())) {}
 
     int run() {
+        // Without look-ups no data are needed.
         if (!optionsM.passThrough)
             hostM.start(); // a signal ends it as it stands: there is no temporary file yet
         {
@@ -195,6 +196,7 @@ class EnrichRun {
         ResultTarget output(optionsM.output);
         std::optional<PieceTarget> rejects;
         if (optionsM.rejects)
+            // Written also when nothing is rejected: rejects of an earlier run must not stay there.
             rejects.emplace(*optionsM.rejects).buffer() = rejectsHeaderCM;
         enrichAll(output, rejects);
         if (!writtenM)
