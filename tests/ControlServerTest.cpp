@@ -145,6 +145,7 @@ TEST(ControlServerTest, TurnsAwayTheOneTooMany) {
 // While there is no descriptor for who wants to connect, the loop must wait and not turn.
 TEST(ControlServerTest, PausesWithoutDescriptors) {
     Loop loop;
+    loop.once(); // a sanitizer looks at a type when it is first met, and needs descriptors for that
     RawClient client(loop.name());
     client.send("a\n");
     rlimit before = {};
