@@ -22,6 +22,7 @@ bool checkFile(PlugIn&, BAS::String const&) {
 
 void report(PlugIn&, BAS::String const& identifier, BAS::Status::Severity severity, BAS::Status::Arguments const&) {
     if (severity >= BAS::Status::WARNING)
+        // The data are generated and clean: whatever is reported would falsify the figures.
         throw std::runtime_error("unexpected report " + identifier.str());
 }
 
@@ -75,6 +76,7 @@ TimedReaders::TimedReaders(CacheManager& cacheManager, Queries const& queries, u
     nanosecondsPerTick(); // measured now, not when the threads run
     beginM = std::chrono::steady_clock::now();
     for (unsigned i = 0; i < threads; ++i)
+        // Each begins elsewhere, so that they do not warm the caches for each other.
         threadsM.emplace_back([this, i, threads] { look(queriesM.size() / threads * i, ownTimesM[i]); });
 }
 
@@ -85,6 +87,7 @@ void TimedReaders::look(std::size_t next, Histogram& times) {
         bool const found = cacheManagerM.search(queriesM.numbers[next], queriesM.instants[next], out,
                                                 NumberPortabilityTree::BEST_MATCH);
         times.add(ticks() - before);
+        // Counted, not thrown: a thread that ends would change the load.
         if (!found)
             missedM.fetch_add(1, std::memory_order_relaxed);
         next = next + 1 == queriesM.size() ? 0 : next + 1;
@@ -99,6 +102,7 @@ void TimedReaders::stop() {
         thread.join();
     threadsM.clear();
     secondsM = secondsSince(beginM);
+    // Counts of each thread, added when all have ended: no line of a cache is shared while they run.
     for (Histogram const& own : ownTimesM)
         timesM.add(own);
     if (missedM != 0)

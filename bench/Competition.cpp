@@ -36,6 +36,7 @@ void Competition::enter(PeerMaker maker) {
         leftOutM.push_back(name);
         return;
     }
+    // Before anything is timed: a fast wrong answer is no result.
     for (Queries const& queries : queriesM)
         check(*peer, dataM, queries, checkedCM);
     entrantsM.push_back({std::move(peer), std::vector<std::vector<double>>(columnsM.size())});
@@ -44,12 +45,14 @@ void Competition::enter(PeerMaker maker) {
 // Nanoseconds a look-up. Every round goes on where the one before ended.
 double Competition::measure(Peer& peer, Column const& column, unsigned round) const {
     Queries const& queries = queriesOf(column.kind);
+    // Slow structures are asked less in a round, and go on with other queries in the next.
     std::size_t const count = queries.size() / peer.slowness() / Peer::batchCM * Peer::batchCM;
     std::size_t const begin = round % peer.slowness() * count;
     std::size_t const warm = begin + count / WARM_UP / Peer::batchCM * Peer::batchCM;
     auto const look = [&](std::size_t from, std::size_t to) {
         return column.batched ? peer.batched(queries, from, to) : peer.single(queries, from, to);
     };
+    // Not timed: it brings back what other structures have driven out of the caches.
     look(begin, warm);
     auto const start = std::chrono::steady_clock::now();
     std::uint64_t const found = look(warm, begin + count);
@@ -63,6 +66,7 @@ double Competition::measure(Peer& peer, Column const& column, unsigned round) co
 void Competition::run(unsigned rounds) {
     for (unsigned round = 0; round < rounds; ++round)
         for (std::size_t i = 0; i < columnsM.size(); ++i)
+            // All structures side by side within a round, so that a disturbance hits all of them.
             for (Entrant& entrant : entrantsM)
                 if (!columnsM[i].batched || entrant.peer->hasBatches())
                     entrant.rounds[i].push_back(measure(*entrant.peer, columnsM[i], round));

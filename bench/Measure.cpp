@@ -13,6 +13,7 @@ double nanosecondsPerTick() {
     static double const value = [] {
         auto const begin = std::chrono::steady_clock::now();
         Ticks const first = ticks();
+        // Long enough for the error of the two clocks' readings to vanish.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         Ticks const last = ticks();
         return secondsSince(begin) * 1e9 / static_cast<double>(last - first);
@@ -20,6 +21,7 @@ double nanosecondsPerTick() {
     return value;
 }
 
+// Part of every time that is measured by ticks(): whoever reads small ones must know it.
 double clockCostNs() {
     Histogram readings;
     for (int i = 0; i < 100'000; ++i) {
@@ -47,6 +49,7 @@ void Histogram::add(Histogram const& other) {
 double Histogram::quantileNs(double fraction) const {
     auto left = static_cast<std::uint64_t>(fraction * static_cast<double>(totalM));
     std::size_t index = 0;
+    // The class in which that share of all is reached; its lower end stands for it, at most 1/32 too low.
     while (index + 1 < countsM.size() && countsM[index] <= left) {
         left -= countsM[index];
         ++index;

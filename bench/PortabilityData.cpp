@@ -13,6 +13,7 @@ constexpr std::uint64_t DENSE_BLOCK = 10'000;
 constexpr std::size_t WRITE_BLOCK = 1 << 20;
 constexpr unsigned LONGEST_PREFIX = 5;
 
+// Days up to 28, so that every month has them.
 BAS::DateTime instant(unsigned year, std::uint64_t bits) {
     char text[32];
     std::snprintf(text, sizeof text, "%04u%02u%02u%02u%02u%02u", year, unsigned(bits % 12 + 1),
@@ -42,8 +43,10 @@ void PortabilityData::choosePrefixes(Random& random) {
         // 20 of six digits (two of them national), 280 of seven, 1,700 of eight and 3,000 of nine
         std::size_t const chosen = prefixesM.size();
         unsigned const digits = chosen < 20 ? 2 : chosen < 300 ? 3 : chosen < 2000 ? 4 : LONGEST_PREFIX;
+        // No prefix begins with a 0: that would be an access code.
         std::uint64_t const lowest = powerOfTen(digits - 1);
         Key const prefix(lowest + random() % (9 * lowest), digits);
+        // One prefix may begin with another, as allocated ranges do.
         if (prefixSetM.insert(prefix.bits()).second)
             prefixesM.push_back(prefix);
     }
@@ -90,8 +93,10 @@ void PortabilityData::chooseNumbers(Random& random) {
                                                                : 0;
     keysM.reserve(size);
     keysM = prefixesM;
+    // The assignment may have taken the room that was reserved.
     keysM.reserve(size);
     addDense(random, prefixesM.size() + dense);
+    // Drawn at random, some come twice: what is dropped is drawn again until there are enough.
     for (std::size_t sorted = 0; sorted == 0 || keysM.size() < size; sorted = keysM.size()) {
         while (keysM.size() < size)
             keysM.push_back(randomInRange(random));
@@ -109,9 +114,11 @@ std::vector<unsigned> PortabilityData::keyLengths() const {
     return lengths;
 }
 
+// From bits of one mixed number each, so that no key needs a generator of its own, nor any order.
 History PortabilityData::history(Key key) const {
     std::uint64_t const bits = mixed(key.bits() ^ optionsM.seed);
     History result;
+    // Before all records of numbers: a fall-back has an answer at every instant that is asked for.
     if (isPrefix(key)) {
         result.count = 1;
         result.records[0] = {BAS::DateTime("19900101000000"), unsigned(bits % networksCM)};
@@ -146,6 +153,7 @@ Key PortabilityData::randomNumber(Random& random) const {
 }
 
 std::optional<Record> PortabilityData::expected(Key key, BAS::DateTime at) const {
+    // By the rule of the best match, and as plainly as can be: this is what structures are checked against.
     for (unsigned digits = key.digits(); digits >= 2; --digits) {
         Key const prefix = key.prefix(digits);
         if (!isStored(prefix))

@@ -43,6 +43,7 @@ Json failure(char const* kind, std::string const& text) {
 
 Json runPart(std::uint64_t mostBytes, std::function<Json()> const& part) {
     struct rlimit const limit = {mostBytes, mostBytes};
+    // Of the data alone: it makes allocations fail as they do on a small machine, and takes the child only.
     setrlimit(RLIMIT_DATA, &limit);
     try {
         return {{"result", part()}};
@@ -98,6 +99,7 @@ Json inOwnProcess(std::uint64_t mostBytes, std::function<Json()> const& part) {
     int ends[2];
     if (pipe(ends) != 0)
         throw std::runtime_error("cannot make a pipe");
+    // What was freed before the fork would hide what the part allocates.
     malloc_trim(0);
     pid_t const child = fork();
     if (child < 0)
@@ -109,6 +111,7 @@ Json inOwnProcess(std::uint64_t mostBytes, std::function<Json()> const& part) {
         _exit(0); // what the parent owns too is not the child's to clean up
     }
     close(ends[1]);
+    // Read before the child is waited for: a long answer would fill the pipe and keep it from ending.
     std::string const text = readAll(ends[0]);
     close(ends[0]);
     waitpid(child, nullptr, 0);
@@ -117,6 +120,7 @@ Json inOwnProcess(std::uint64_t mostBytes, std::function<Json()> const& part) {
 
 std::uint64_t ownBytes() {
     malloc_trim(0);
+    // Without files: mapped code and libraries are no structure's cost.
     return kibField("/proc/self/smaps_rollup", "Anonymous");
 }
 
@@ -138,6 +142,7 @@ double processorSeconds() {
 }
 
 void forgetPeak() {
+    // The kernel's command for it; where it is refused the old peak stays.
     std::ofstream("/proc/self/clear_refs") << "5\n";
 }
 

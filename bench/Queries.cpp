@@ -13,6 +13,7 @@ constexpr double RANDOM_RANGE = 18446744073709551616.0; // how many values a Ran
 class QueryMaker {
   public:
     QueryMaker(PortabilityData const& data, QueryKind kind)
+        // Another seed for each kind, so that the kinds do not ask in step.
         : dataM(data), kindM(kind), randomM(data.options().seed + 2 + static_cast<std::uint64_t>(kind)),
           rankingM(data.keys().size(), data.options().seed + 7) {}
 
@@ -23,6 +24,7 @@ class QueryMaker {
             return ranked();
         for (;;) {
             Key const key = kindM == QueryKind::FALL_BACK ? dataM.randomInRange(randomM) : anywhere();
+            // Drawn until it fits: most do, for few numbers are taken.
             if (!dataM.isStored(key) && dataM.isAllocated(key) == (kindM == QueryKind::FALL_BACK))
                 return key;
         }
@@ -35,6 +37,7 @@ class QueryMaker {
             return earlyM;
         History const history = dataM.history(key);
         std::uint64_t const chosen = 1 + randomM() % history.count;
+        // One step past the oldest record is before all of them.
         return chosen == history.count ? earlyM : history.records[chosen].validFrom;
     }
 
@@ -51,6 +54,7 @@ class QueryMaker {
             auto const rank =
                 static_cast<std::uint64_t>(std::pow(size + 1, static_cast<double>(randomM()) / RANDOM_RANGE)) - 1;
             Key const key = rank < dataM.keys().size() ? dataM.keys()[rankingM(rank)] : Key();
+            // The ranking is of all keys; prefixes are no numbers to ask for.
             if (key != Key() && !PortabilityData::isPrefix(key))
                 return key;
         }

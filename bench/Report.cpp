@@ -115,6 +115,7 @@ Json cellOfRounds(std::vector<double> const& rounds, char const* unit, std::vect
     Json result = cellOfRounds(rounds, unit);
     std::vector<double> ratios;
     for (std::size_t i = 0; i < std::min(rounds.size(), other.size()); ++i)
+        // Round by round, since both were measured side by side then; the ratio of the medians would mix rounds.
         ratios.push_back(rounds[i] / other[i]);
     if (!ratios.empty())
         result["ratio"] = median(ratios);

@@ -6,7 +6,7 @@
 
 #include "bench/Report.h"
 #include "bench/Settings.h"
-#include "bench/TemporaryFolder.h"
+#include "tests/TemporaryFolder.h"
 
 #include <ostream>
 
@@ -25,7 +25,7 @@ class Ground {
   private:
     Settings const& settingsM;
     PortabilityData dataM;
-    TemporaryFolder folderM;
+    TemporaryFolder folderM{"npbench"};
 };
 
 Json measureMemory(Ground const& ground);

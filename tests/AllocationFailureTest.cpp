@@ -44,8 +44,9 @@ thread_local Mappings mappings;
 
 } // namespace
 
-// In place of the C library's, for everything that is linked into this program. The thread sanitizer needs to see these
-// calls itself and begins with some of its own before it is ready; under it they stay, and tests that refuse are skipped.
+// In place of the C library's, for everything that is linked into this program. The thread sanitizer needs to see
+// these calls itself and begins with some of its own before it is ready; under it they stay, and tests that refuse are
+// skipped.
 #if !defined(__SANITIZE_THREAD__)
 namespace {
 void* address(long result) {

@@ -6,6 +6,7 @@
 #include "framework/STR/FilePlace.h"
 #include "tests/OwnerDouble.h"
 #include "tests/TemporaryFolder.h"
+#include "tests/Texts.h"
 #include "tests/WatchedThread.h"
 
 #include <algorithm>
@@ -23,6 +24,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 using namespace DAT::NumberPortability;
 using namespace std::string_literals;
@@ -85,11 +87,9 @@ class Cache : public testing::Test {
     // Long lines, one of them bad, that are more than one batch: when the bad one is reported there is still some of
     // the file to read.
     static std::string manyLines(std::string const& network) {
-        std::string lines = "a bad line of words\n";
-        std::string const end = network + std::string(RecordBatch::mostBytesCM / 25'000, ' ') + "\n";
-        for (int i = 0; i < 30'000; ++i)
-            lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  " + end;
-        return lines;
+        return "a bad line of words\n" +
+               numberedLines(30'000, "0044", 7'000'000'000,
+                             "  20200101000000  " + network + std::string(RecordBatch::mostBytesCM / 25'000, ' '));
     }
 
     TemporaryFolder folder;
@@ -130,49 +130,49 @@ TEST_F(Cache, NormalisesByTheFirstRuleThatApplies) {
     expect("no national code", {"", "00", "44", "+"}, {{"0171", "00440171"}, {"171", "0044171"}});
 }
 
+struct Line {
+    std::string line;
+    std::string identifier; // empty: a good line
+    Arguments arguments;    // of the report, with FILE for the file's name, or the listing of the good line
+};
+
+std::string const invalidCM = "Invalid N-Port Data at Line# 1 in File 'FILE'. ";
+
+Line badFields(char const* count, std::string const& line) {
+    return {line, "ERR_NUMBER_OF_FIELDS_IN_RECORD", {count, "3", line, "At Line# 1 in File 'FILE'. "}};
+}
+
+std::vector<Line> const linesCM = {
+    {"01711234567  20240101000000  NET1", "", {"00441711234567  20240101000000  NET1\n"}},
+    {"\t 0171 \t20240101000000\v\fS\xc3\xad\x80\xff\r", "", {"0044171  20240101000000  S\xc3\xad\x80\xff\n"}},
+    {"01\00071 20240101000000 N"s, "", {"0044171  20240101000000  N\n"}},
+    {"0171 99991231235959 more-than-seven-characters", "", {"0044171  99991231235959  more-than-seven-characters\n"}},
+    badFields("0", ""),
+    badFields("0", "   "),
+    badFields("0", "\r"),
+    badFields("2", "0171 20240101000000"),
+    badFields("4", "0 171 20240101000000 NET1"),
+    {"0171 UNKNOWN NET1", "ERR_INVALID_DATETIME", {invalidCM, "UNKNOWN", "0044171"}},
+    {"0171 20230229000000 NET1", "ERR_INVALID_DATETIME", {invalidCM, "20230229000000", "0044171"}},
+    {"0171 2024010100000 NET1", "ERR_INVALID_DATETIME", {invalidCM, "2024010100000", "0044171"}},
+    {"0171 20240101000000 N\0T"s, "ERR_INVALID_NETWORK_ID", {invalidCM, "N\0T"s, "0044171"}},
+};
+
 TEST_F(Cache, ReportsEveryBadLineWithItsNumberFileAndReason) {
-    std::string const file = folder.file("main");
-    std::string const at = "At Line# 1 in File '" + file + "'. ";
-    std::string const invalid = "Invalid N-Port Data at Line# 1 in File '" + file + "'. ";
-    struct Case {
-        std::string line;
-        std::string identifier; // empty: a good line
-        Arguments arguments;    // of the report, or the listing of the good line
-    };
-    auto const fields = [&](char const* count, std::string const& line) {
-        return Case{line, "ERR_NUMBER_OF_FIELDS_IN_RECORD", {count, "3", line, at}};
-    };
-    Case const cases[] = {
-        {"01711234567  20240101000000  NET1", "", {"00441711234567  20240101000000  NET1\n"}},
-        {"\t 0171 \t20240101000000\v\fS\xc3\xad\x80\xff\r", "", {"0044171  20240101000000  S\xc3\xad\x80\xff\n"}},
-        {"01\0"
-         "71 20240101000000 N"s,
-         "",
-         {"0044171  20240101000000  N\n"}},
-        {"0171 99991231235959 more-than-seven-characters",
-         "",
-         {"0044171  99991231235959  more-than-seven-characters\n"}},
-        fields("0", ""),
-        fields("0", "   "),
-        fields("0", "\r"),
-        fields("2", "0171 20240101000000"),
-        fields("4", "0 171 20240101000000 NET1"),
-        {"0171 UNKNOWN NET1", "ERR_INVALID_DATETIME", {invalid, "UNKNOWN", "0044171"}},
-        {"0171 20230229000000 NET1", "ERR_INVALID_DATETIME", {invalid, "20230229000000", "0044171"}},
-        {"0171 2024010100000 NET1", "ERR_INVALID_DATETIME", {invalid, "2024010100000", "0044171"}},
-        {"0171 20240101000000 N\0T"s, "ERR_INVALID_NETWORK_ID", {invalid, "N\0T"s, "0044171"}},
-    };
-    for (Case const& c : cases) {
+    for (Line const& c : linesCM) {
         SCOPED_TRACE(c.line);
         use(codes);
         EXPECT_TRUE(loadLines(c.line + "\n"));
         bool const good = c.identifier.empty();
         EXPECT_EQ(listing(), good ? c.arguments[0] : "");
         ASSERT_EQ(plugIn.reports.size(), good ? 1U : 3U) << "once per tree, and the end of the file";
+        Arguments arguments = c.arguments;
+        arguments.front() = replaced(arguments.front(), "FILE", folder.file("main"));
+        arguments.back() = replaced(arguments.back(), "FILE", folder.file("main"));
         for (std::size_t i = 0; i + 1 < plugIn.reports.size(); ++i) {
             EXPECT_EQ(plugIn.reports[i].identifier, c.identifier);
             EXPECT_EQ(plugIn.reports[i].severity, 2);
-            EXPECT_EQ(plugIn.reports[i].arguments, c.arguments);
+            EXPECT_EQ(plugIn.reports[i].arguments, arguments);
         }
         plugIn.reports.clear();
     }
@@ -196,75 +196,91 @@ TEST_F(Cache, TakesLinesOfAnyColumnCountThatHoldsARecord) {
     }
 }
 
-// However few lines are gathered before they are inserted, the same is stored, reported and counted as line by line.
-TEST_F(Cache, FillsTreesAlikeInBatchesOfAnyLength) {
-    std::vector<std::string> lines;
-    for (char const* const number : {"0171-1", "171", "+(171)1", "NULL", "+1234567890123456", "+1234567890123456-7",
-                                     "+12345678901234567", "+12345678901234568", "+123456789012345-6"})
-        for (std::string const& rest :
-             {" 20240101000000 A"s, " x B"s, " 20250101000000 N\0T"s, ""s, " 20250101000000 C"s, " 20240101000000 D"s})
-            lines.push_back(number + rest);
-    std::string stored;
-    std::vector<std::string> reports;
-    auto const see = [&](NumberPortabilityTree const& tree) {
+class Filling : public Cache {
+  protected:
+    struct Seen {
+        std::string stored;
+        std::vector<std::string> reports;
+    };
+    Filling() {
+        for (char const* const number : {"0171-1", "171", "+(171)1", "NULL", "+1234567890123456", "+1234567890123456-7",
+                                         "+12345678901234567", "+12345678901234568", "+123456789012345-6"})
+            for (std::string const& rest : {" 20240101000000 A"s, " x B"s, " 20250101000000 N\0T"s, ""s,
+                                            " 20250101000000 C"s, " 20240101000000 D"s})
+                lines.push_back(number + rest);
+    }
+    Seen see(NumberPortabilityTree const& tree) {
         std::ostringstream out;
         tree.printTree(out, false);
-        stored = out.str();
-        reports.clear();
-        for (PlugIn::Report const& report : plugIn.reports) {
-            reports.push_back(report.identifier);
+        Seen seen{out.str(), {}};
+        for (PlugIn::Report const& report : std::exchange(plugIn.reports, {})) {
+            seen.reports.push_back(report.identifier);
             for (std::string const& argument : report.arguments)
-                reports.back() += "|" + argument;
+                seen.reports.back() += "|" + argument;
         }
-        plugIn.reports.clear();
-    };
-    STR::FileIoTurbo reader;
-    auto const expectAlike = [&](std::uint64_t withoutDigits, std::uint64_t firstWithoutDigits) {
-        NumberPortabilityTree lineByLine;
-        std::vector<unsigned long> rejectedLines;
+        return seen;
+    }
+    // By insertCache; keeps the numbers of the lines that are reported.
+    Seen lineByLine() {
+        NumberPortabilityTree tree;
+        rejectedLines.clear();
         for (unsigned long number = 1; number <= lines.size(); ++number) {
-            cache->insertCache(&lineByLine, lines[number - 1], number, true, reader);
+            cache->insertCache(&tree, lines[number - 1], number, true, reader);
             rejectedLines.resize(plugIn.reports.size(), number);
         }
-        see(lineByLine);
-        std::string const expected = stored;
-        std::vector<std::string> once = reports, twice;
-        for (std::string const& report : once)
-            twice.insert(twice.end(), 2, report);
-        auto const isDuplicate = [](std::string const& report) { return report.starts_with("ERR_DUPLICATE"); };
-        auto const duplicates = static_cast<std::uint64_t>(std::count_if(once.begin(), once.end(), isDuplicate));
-        ASSERT_GT(duplicates, 5U);
+        return see(tree);
+    }
+    // In batches of that many lines, into one tree or two.
+    void expectBatches(std::uint32_t gathered, bool two, Seen const& expected, LineCounts const& counts) {
+        SCOPED_TRACE(std::to_string(gathered) + (two ? " into two trees" : ""));
+        DiallingCodes const dialling(codes.national, codes.international, codes.country, codes.sign);
+        LoadStop const stop;
+        NumberPortabilityTree first, second;
+        std::vector<unsigned long> told;
+        TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
+                            two ? &second : nullptr, [&](unsigned long number, LineOutcome, BAS::String const& line) {
+                                told.push_back(number);
+                                EXPECT_EQ(line.str(), lines[number - 1]);
+                            });
+        for (std::string const& line : lines)
+            filling.add(line);
+        filling.finish();
+        Seen const seen = see(first);
+        EXPECT_EQ(seen.stored, expected.stored);
+        EXPECT_EQ(seen.reports, expected.reports);
+        EXPECT_EQ(see(second).stored, two ? expected.stored : "");
+        EXPECT_EQ(told, rejectedLines);
+        EXPECT_EQ(filling.counts().rejected, told.size());
+        EXPECT_EQ(filling.counts().duplicates, counts.duplicates);
+        EXPECT_EQ(filling.counts().withoutDigits, counts.withoutDigits);
+        EXPECT_EQ(filling.counts().firstWithoutDigits, counts.firstWithoutDigits);
+    }
+    void expectAlike(LineCounts counts) {
+        Seen const once = lineByLine();
+        Seen twice{once.stored, {}};
+        for (std::string const& report : once.reports) {
+            twice.reports.insert(twice.reports.end(), 2, report);
+            counts.duplicates += report.starts_with("ERR_DUPLICATE") ? 1 : 0;
+        }
+        ASSERT_GT(counts.duplicates, 5U);
         for (std::uint32_t const gathered : {1U, 2U, 3U, 4U, 7U, 19U, 53U, 54U, 1000U})
-            for (bool const two : {false, true}) {
-                SCOPED_TRACE(std::to_string(gathered) + (two ? " into two trees" : ""));
-                DiallingCodes const dialling(codes.national, codes.international, codes.country, codes.sign);
-                LoadStop const stop;
-                NumberPortabilityTree first, second;
-                std::vector<unsigned long> told;
-                TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
-                                    two ? &second : nullptr,
-                                    [&](unsigned long number, LineOutcome, BAS::String const& line) {
-                                        told.push_back(number);
-                                        EXPECT_EQ(line.str(), lines[number - 1]);
-                                    });
-                for (std::string const& line : lines)
-                    filling.add(line);
-                filling.finish();
-                see(first);
-                EXPECT_EQ(stored, expected);
-                EXPECT_EQ(reports, two ? twice : once);
-                see(second);
-                EXPECT_EQ(stored, two ? expected : "");
-                EXPECT_EQ(told, rejectedLines);
-                EXPECT_EQ(filling.counts().rejected, told.size());
-                EXPECT_EQ(filling.counts().duplicates, duplicates);
-                EXPECT_EQ(filling.counts().withoutDigits, withoutDigits);
-                EXPECT_EQ(filling.counts().firstWithoutDigits, firstWithoutDigits);
-            }
-    };
-    expectAlike(3, 19);
+            for (bool const two : {false, true})
+                expectBatches(gathered, two, two ? twice : once, counts);
+    }
+
+    std::vector<std::string> lines;
+    std::vector<unsigned long> rejectedLines;
+    STR::FileIoTurbo reader;
+};
+
+// However few lines are gathered before they are inserted, the same is stored, reported and counted as line by line.
+TEST_F(Filling, IsAlikeInBatchesOfAnyLength) {
+    LineCounts counts;
+    counts.withoutDigits = 3;
+    counts.firstWithoutDigits = 19;
+    expectAlike(counts);
     use({"0", "", "44", "+"}); // a number may then be left without a digit
-    expectAlike(0, 0);
+    expectAlike({});
 }
 
 // What is told in the end belongs together.
@@ -287,10 +303,7 @@ TEST_F(Cache, AnExaminationThatIsEndedCountsWhatItHasRead) {
 // Whoever calls during the first load finds nothing, or all of it once the load has ended.
 TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
     constexpr std::uint32_t count = 60'000;
-    std::string lines;
-    for (std::uint32_t i = 0; i < count; ++i)
-        lines += "017" + std::to_string(1'000'000 + i) + " 20240101000000 N\n";
-    write(lines);
+    write(numberedLines(count, "017", 1'000'000, " 20240101000000 N"));
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
     auto const look = [&](bool isFound) { wrong += isFound && cache->numOfEntries() != count ? 1 : 0; };
@@ -307,7 +320,7 @@ TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
             cache->visitUpcoming(BAS::DateTime("20200101000000"), [&](auto const&, auto const&) { ++seen; });
             wrong += seen != 0 && seen != count ? 1 : 0;
         }};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (auto const& call : calls)
         threads.emplace_back([&] {
             while (!stop)
@@ -315,8 +328,7 @@ TEST_F(Cache, NobodySeesHalfOfTheFirstLoad) {
         });
     EXPECT_TRUE(cache->load());
     stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joined
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(cache->numOfEntries(), count);
 }
@@ -364,10 +376,7 @@ TEST_F(Cache, TellsWhetherALineWasAccepted) {
 }
 
 TEST_F(Cache, LoadsWhatIsThereAndReportsTheEnd) {
-    std::string lines;
-    for (int i = 0; i < 1000; ++i)
-        lines += "0171" + std::to_string(1'000'000 + i) + " 20240101000000 NET\n";
-    EXPECT_TRUE(loadLines(lines));
+    EXPECT_TRUE(loadLines(numberedLines(1000, "0171", 1'000'000, " 20240101000000 NET")));
     EXPECT_EQ(cache->numOfEntries(), 1000U);
     EXPECT_EQ(plugIn.reports.at(0).arguments, Arguments{folder.file("main")});
     EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers{"INF_FILE_EOF"});
@@ -482,10 +491,40 @@ TEST_F(Cache, RefusesADeltaBeforeTheMainFileHasBeenRead) {
     EXPECT_EQ(cache->numOfEntries(), 2U);
 }
 
-// A child does a delta load and is killed at its first system call, its second, and so on to its last: the main file is
-// the old one or the merged one, whole, at every point. Where the file can only be overwritten that is so for a single
-// block: nothing of it goes before the new content is complete.
-TEST_F(Cache, ADeltaKilledAtAnyPointLeavesTheMainFileWhole) {
+class KilledCache : public Cache {
+  protected:
+    // A child does the delta load and is killed when it has been stopped that often, at a system call's beginning or
+    // its end. False when it has come to its own end before.
+    bool isKilledAfter(int stops, bool asNobody) {
+        pid_t const child = fork();
+        if (child == 0) {
+            if (asNobody && setresuid(nobodyCM, nobodyCM, nobodyCM) != 0)
+                _exit(2);
+            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+            raise(SIGSTOP);
+            _exit(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSTOPPED(status)) << "cannot trace a child here";
+        for (; stops > 0 && WIFSTOPPED(status); --stops) {
+            ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+            waitpid(child, &status, 0);
+        }
+        if (!WIFSTOPPED(status)) {
+            EXPECT_EQ(status, 0);
+            return false;
+        }
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return true;
+    }
+};
+
+// At its first system call, its second, and so on to its last: the main file is the old one or the merged one, whole,
+// at every point. Where the file can only be overwritten that is so for a single block: nothing of it goes before the
+// new content is complete.
+TEST_F(KilledCache, ADeltaLeavesTheMainFileWhole) {
     std::string const old = "0044171  20240101000000  A\n";
     std::string const merged = old + "0044172  20240101000000  B\n";
     folder.write("delta", "0172 20240101000000 B\n");
@@ -495,39 +534,33 @@ TEST_F(Cache, ADeltaKilledAtAnyPointLeavesTheMainFileWhole) {
             GTEST_SKIP() << "only root can have a file of somebody else, and become nobody";
         int oldFound = 0;
         int mergedFound = 0;
-        for (int calls = 0, ended = 0; ended == 0; ++calls) {
+        bool killed = true;
+        for (int stops = 0; killed; ++stops) {
             write(old);
-            pid_t const child = fork();
-            if (child == 0) {
-                if (inPlace && setresuid(nobodyCM, nobodyCM, nobodyCM) != 0)
-                    _exit(2);
-                ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-                raise(SIGSTOP);
-                _exit(cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) ? 0 : 1);
-            }
-            int status = 0;
-            ASSERT_EQ(waitpid(child, &status, 0), child);
-            ASSERT_TRUE(WIFSTOPPED(status)) << "cannot trace a child here";
-            for (int stop = 0; stop < calls && WIFSTOPPED(status); ++stop) { // a call stops it twice: before and after
-                ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-                waitpid(child, &status, 0);
-            }
-            if (WIFSTOPPED(status)) {
-                kill(child, SIGKILL);
-                waitpid(child, &status, 0);
-            } else {
-                EXPECT_EQ(WEXITSTATUS(status), 0);
-                ended = 1;
-            }
+            killed = isKilledAfter(stops, inPlace);
             std::string const content = contentOf(folder.file("main"));
             ++(content == merged ? mergedFound : oldFound);
-            ASSERT_TRUE(content == old || content == merged) << "killed after " << calls << " stops:\n" << content;
-            ASSERT_EQ(content == merged || ended == 0, true);
+            ASSERT_FALSE(HasFailure());
+            ASSERT_TRUE(content == merged || (killed && content == old)) << "after " << stops << " stops:\n" << content;
         }
         EXPECT_GT(oldFound, 20);
         EXPECT_GT(mergedFound, 2);
     }
 }
+
+struct InPlace {
+    std::string network; // that the delta adds; a reload when there is none
+    mode_t mode;         // of the data file
+    bool unsaved;
+    Identifiers reports;
+};
+
+std::vector<InPlace> const inPlaceCM = {{"B", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
+                                        {"C", 0400, true, {}},
+                                        {"D", 0400, true, {}},
+                                        {"E", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
+                                        {"F", 0400, true, {}},
+                                        {"", 0600, false, {"INF_DELETE_OLD_DATA"}}};
 
 // In a folder that is closed to the account, so that no file can be put beside the data file.
 TEST_F(Cache, ADeltaOverwritesWhatCannotBeReplacedAndTellsOfWhatItCouldNotSave) {
@@ -535,34 +568,20 @@ TEST_F(Cache, ADeltaOverwritesWhatCannotBeReplacedAndTellsOfWhatItCouldNotSave) 
         GTEST_SKIP() << "only root can have a file of somebody else, and become nobody";
     std::string const a = "0044171  20240101000000  A\n";
     ASSERT_TRUE(loadLines(a));
-    struct Case {
-        char const* network; // that the delta adds; a reload when there is none
-        mode_t mode;         // of the data file
-        bool unsaved;
-        Identifiers reports;
-    };
     std::string live = a;
     ServiceStatus status;
-    for (Case const& c : {Case{"B", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
-                          {"C", 0400, true, {}},
-                          {"D", 0400, true, {}},
-                          {"E", 0600, false, {"INF_FILE_WRITTEN_IN_PLACE"}},
-                          {"F", 0400, true, {}},
-                          {nullptr, 0600, false, {"INF_DELETE_OLD_DATA"}}}) {
-        SCOPED_TRACE(c.network == nullptr ? "reload" : c.network);
+    for (InPlace const& c : inPlaceCM) {
+        SCOPED_TRACE(c.network);
+        bool const isDelta = !c.network.empty();
         ASSERT_EQ(chmod(folder.file("main").c_str(), c.mode), 0);
         plugIn.reports.clear();
         std::string const before = contentOf(folder.file("main"));
-        if (c.network != nullptr) {
-            folder.write("delta",
-                         std::string("004418") + std::to_string(c.network[0]) + " 20240101000000 " + c.network);
-            live += "004418" + std::to_string(c.network[0]) + "  20240101000000  " + c.network + "\n";
-        }
+        std::string const record = "004418" + std::to_string(c.network[0]) + "  20240101000000  " + c.network + "\n";
+        folder.write("delta", record);
         ASSERT_EQ(seteuid(nobodyCM), 0);
-        EXPECT_TRUE(c.network == nullptr ? cache->cacheReload(true)
-                                         : cache->cacheDeltaLoad(BAS::String(folder.file("delta"))));
+        EXPECT_TRUE(isDelta ? cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) : cache->cacheReload(true));
         ASSERT_EQ(seteuid(0), 0);
-        live = c.network == nullptr ? before : live;
+        live = isDelta ? live + record : before;
         EXPECT_EQ(listing(), live);
         EXPECT_EQ(contentOf(folder.file("main")), c.unsaved ? before : live);
         EXPECT_EQ(plugIn.takeIdentifiers(), c.reports);
@@ -631,7 +650,7 @@ TEST_F(Cache, CountsLookUpsExactlyWhileItIsAsked) {
     ASSERT_TRUE(loadLines("0171 20240101000000 A\n"));
     answer("0044171");
     std::atomic<bool> wrong{false};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 3; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 3000; ++round) {
@@ -641,8 +660,7 @@ TEST_F(Cache, CountsLookUpsExactlyWhileItIsAsked) {
                 wrong = wrong || status.lookUps != 1;
             }
         });
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joined
     EXPECT_FALSE(wrong);
 }
 
@@ -666,40 +684,46 @@ TEST_F(Cache, AnswersEachOfALongBatchAtItsOwnInstant) {
     }
 }
 
-TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
-    auto const breakAt = [&](std::string const& name) {
+class ReadErrors : public Cache {
+  protected:
+    // At the next report.
+    void breakAt(std::string const& name) {
         plugIn.onReport = [this, name](PlugIn::Report const&) {
             breakReading(folder.file(name));
             plugIn.onReport = nullptr;
         };
-    };
-    auto const readError = [&](std::string const& name) {
+    }
+    void expectError(std::string const& name) const {
         EXPECT_EQ(plugIn.reports.back().identifier, "ERR_FILE_READ_ERR");
         EXPECT_EQ(plugIn.reports.back().severity, 5);
         EXPECT_EQ(plugIn.reports.back().arguments, Arguments{folder.file(name)});
-    };
+    }
+};
+
+TEST_F(ReadErrors, EndTheFirstLoad) {
     breakAt("main");
     EXPECT_FALSE(loadLines(manyLines("OLD")));
-    readError("main");
+    expectError("main");
     std::uint32_t const partial = cache->numOfEntries();
     EXPECT_GT(partial, 0U);
     EXPECT_LT(partial, 30'000U);
     EXPECT_FALSE(delta("0049 20240101000000 N\n")) << "the main file has not been read to its end";
+}
 
-    use(codes);
+TEST_F(ReadErrors, LeaveTheOldData) {
     ASSERT_TRUE(loadLines(manyLines("OLD")));
     std::string const old = listing();
     write(manyLines("NEW"));
     for (bool const reuse : {true, false}) {
         breakAt("main");
         EXPECT_FALSE(cache->cacheReload(reuse));
-        readError("main");
+        expectError("main");
         EXPECT_EQ(listing(), old);
     }
     write("untouched");
     breakAt("delta");
     EXPECT_FALSE(delta("a bad line of words\n" + manyLines("DELTA") + "0049 20240101000000 N\n"));
-    readError("delta");
+    expectError("delta");
     EXPECT_EQ(listing(), old);
     EXPECT_EQ(contentOf(folder.file("main")), "untouched");
     EXPECT_TRUE(delta("0049 20240101000000 N\n")) << "the next delta merges into the old data";
@@ -707,7 +731,7 @@ TEST_F(Cache, EndsALoadAtAReadErrorAndAdoptsNothingBroken) {
 
     std::filesystem::remove(folder.path() / "main"); // gone between the check and the opening
     EXPECT_FALSE(cache->cacheReload(true));
-    readError("main");
+    expectError("main");
 }
 
 // The file is opened as it is expected to be, and something is written to it before its end.
@@ -750,57 +774,69 @@ TEST_F(Cache, AdoptsNothingOfAnExpectedFileThatChangesWhileItIsRead) {
     EXPECT_EQ(listing(), old + "0049  20240101000000  N\n");
 }
 
-// The stop comes with a report that is made while a tree is being filled: the first bad line, or the same line again when
-// the new data are live.
-TEST_F(Cache, AStoppedLoadChangesNothingThatIsLive) {
-    BAS::String const added(folder.file("delta"));
+class StoppedCache : public Cache {
+  public:
+    bool load() { return cache->load(); }
+    bool reload() { return cache->cacheReload(true); }
+    bool addDelta() { return cache->cacheDeltaLoad(BAS::String(folder.file("delta"))); }
+    bool visit() {
+        return cache->visitFile(BAS::String(folder.file("delta")), [&](FileLine const&) { cache->stopLoads(); });
+    }
+    bool examine() {
+        return cache->examine(BAS::String(folder.file("delta")), summary,
+                              [](unsigned long, LineOutcome, BAS::String const&) {}, {});
+    }
+    void stopAtReport(int count) {
+        plugIn.reports.clear();
+        plugIn.onReport = [this, left = count](PlugIn::Report const&) mutable {
+            if (--left == 0)
+                cache->stopLoads();
+        };
+    }
+    // What comes later is refused before it looks at the file.
+    void expectRefusals() {
+        plugIn.reports.clear();
+        plugIn.fileOpens = false;
+        EXPECT_FALSE(load() || reload() || addDelta() || examine());
+        plugIn.fileOpens = true;
+        EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers(4, "ERR_LOADS_STOPPED"));
+        EXPECT_EQ(summary.lines, 0U);
+    }
+    DataSummary summary;
+};
+
+// The stop comes with a report that is made while a tree is being filled: the first bad line, or the same line again
+// when the new data are live.
+TEST_F(StoppedCache, ChangesNothingThatIsLive) {
     std::string const old = "0044171  20240101000000  OLD\n";
     std::string const fresh = "0044172  20240101000000  NEW\n";
     std::string const lines = "bad\n0172 20240101000000 NEW\n";
-    DataSummary summary;
-    auto const ignore = [](unsigned long, LineOutcome, BAS::String const&) {};
     struct Case {
         char const* what;
-        std::function<bool()> load;
+        bool (StoppedCache::*load)();
         int reports; // with the last of these comes the stop
         bool succeeds;
         std::string live, file; // afterwards
     };
-    auto const visit = [&](FileLine const&) { cache->stopLoads(); };
-    auto const reload = [&] { return cache->cacheReload(true); };
-    auto const addDelta = [&] { return cache->cacheDeltaLoad(added); };
-    for (Case const& c :
-         {Case{"first load", [&] { return cache->load(); }, 1, false, "", lines},
-          Case{"reload", reload, 1, false, old, lines}, Case{"delta load", addDelta, 1, false, old, lines},
-          Case{"reload, live", reload, 2, true, fresh, lines},
-          Case{"delta load, live", addDelta, 2, true, old + fresh, old + fresh},
-          Case{"visit", [&] { return cache->visitFile(added, visit); }, 0, false, old, lines},
-          Case{"examination", [&] { return cache->examine(added, summary, ignore, {}); }, 1, false, old, lines}}) {
+    for (Case const& c : {Case{"first load", &StoppedCache::load, 1, false, "", lines},
+                          {"reload", &StoppedCache::reload, 1, false, old, lines},
+                          {"delta load", &StoppedCache::addDelta, 1, false, old, lines},
+                          {"reload, live", &StoppedCache::reload, 2, true, fresh, lines},
+                          {"delta load, live", &StoppedCache::addDelta, 2, true, old + fresh, old + fresh},
+                          {"visit", &StoppedCache::visit, 0, false, old, lines},
+                          {"examination", &StoppedCache::examine, 1, false, old, lines}}) {
         SCOPED_TRACE(c.what);
         use(codes);
-        if (!c.live.empty()) {
-            ASSERT_TRUE(loadLines("0171 20240101000000 OLD\n"));
-        }
+        ASSERT_TRUE(c.live.empty() || loadLines("0171 20240101000000 OLD\n"));
         write(lines);
         folder.write("delta", lines);
-        plugIn.reports.clear();
-        int reports = 0;
-        plugIn.onReport = [&](PlugIn::Report const&) {
-            if (++reports == c.reports)
-                cache->stopLoads();
-        };
-        EXPECT_EQ(c.load(), c.succeeds);
+        stopAtReport(c.reports);
+        EXPECT_EQ((this->*c.load)(), c.succeeds);
         plugIn.onReport = nullptr;
-        auto const told = [&] { return plugIn.reports.back().identifier == "ERR_LOADS_STOPPED"; };
-        EXPECT_EQ(told(), !c.succeeds);
+        EXPECT_EQ(plugIn.reports.back().identifier == "ERR_LOADS_STOPPED", !c.succeeds);
         EXPECT_EQ(listing(), c.live);
         EXPECT_EQ(contentOf(folder.file("main")), c.file);
-        plugIn.reports.clear();
-        plugIn.fileOpens = false; // what comes later is refused before it looks at the file
-        EXPECT_FALSE(cache->load() || reload() || addDelta() || cache->examine(added, summary, ignore, {}));
-        plugIn.fileOpens = true;
-        EXPECT_EQ(plugIn.takeIdentifiers(), Identifiers(4, "ERR_LOADS_STOPPED"));
-        EXPECT_EQ(summary.lines, 0U);
+        expectRefusals();
         EXPECT_EQ(listing(), c.live);
     }
 }
@@ -892,33 +928,28 @@ TEST_F(Cache, ExaminesAFileWithoutServingIt) {
 
 // Every number of a generation belongs to that generation's network, so an answer from two generations in one look-up
 // shows as a network that the prefix does not have.
-TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
-    auto const generation = [](int n) {
-        std::string lines;
-        for (int i = 0; i < 300; ++i)
-            lines += "0171" + std::to_string(1000 + i) + " 20200101000000 G" + std::to_string(n) + "\n";
-        return lines;
-    };
-    ASSERT_TRUE(loadLines(generation(0)));
-    std::atomic<int> loaded{0};  // the generation whose reload has returned
-    std::atomic<int> loading{0}; // the one being loaded
-    std::atomic<bool> stop{false};
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 3; ++i)
-        readers.emplace_back([&, i] {
-            BAS::DateTime const when(BAS::String("20240101000000"));
-            NumberPortabilityData out;
-            for (int n = i; !stop; ++n) {
-                BAS::String const number(("0044171" + std::to_string(1000 + n % 300)));
-                int const least = loaded;
-                bool const answered = cache->search(number, when, out, static_cast<unsigned>(n % 3));
-                int const answeredGeneration = answered ? std::atoi(out.networkIdM.c_str() + 1) : -1; // NOLINT
-                if (answeredGeneration < least || answeredGeneration > loading)
-                    ++wrong;
-            }
-        });
-    readers.emplace_back([&] { // what one batch asks at once, it sees of one generation
+class Generations : public Cache {
+  protected:
+    static std::string generation(int n) {
+        return numberedLines(300, "0171", 1000, " 20200101000000 G" + std::to_string(n));
+    }
+    // Of the answer to a question that was asked when `least` had been loaded.
+    void judge(bool found, NumberPortabilityData const& record, int least) {
+        int const answered = found ? std::atoi(record.networkIdM.c_str() + 1) : -1; // NOLINT
+        if (answered < least || answered > loading)
+            ++wrong;
+    }
+    void askSingly(int first) {
+        BAS::DateTime const when(BAS::String("20240101000000"));
+        NumberPortabilityData out;
+        for (int n = first; !stop; ++n) {
+            BAS::String const number(("0044171" + std::to_string(1000 + n % 300)));
+            int const least = loaded;
+            judge(cache->search(number, when, out, static_cast<unsigned>(n % 3)), out, least);
+        }
+    }
+    // What one batch asks at once, it sees of one generation.
+    void askInBatches() {
         std::vector<BAS::String> numbers;
         for (std::size_t i = 0; i < CacheManager::batchSizeCM; ++i)
             numbers.emplace_back("0044171" + std::to_string(1000 + i));
@@ -928,40 +959,44 @@ TEST_F(Cache, LooksUpOldOrNewDataDuringReloadsNeverAMixture) {
         while (!stop) {
             int const least = loaded;
             cache->search(numbers, instants, records, found, 0);
-            if (std::count(found.begin(), found.end(), true) != static_cast<std::ptrdiff_t>(found.size()))
-                ++wrong;
-            for (NumberPortabilityData const& record : records)
-                if (record.networkIdM.view() != records[0].networkIdM.view())
+            for (std::size_t i = 0; i < found.size(); ++i)
+                if (!found[i] || records[i].networkIdM.view() != records[0].networkIdM.view())
                     ++wrong;
-            int const answered = std::atoi(records[0].networkIdM.c_str() + 1); // NOLINT
-            if (answered < least || answered > loading)
-                ++wrong;
+            judge(found[0], records[0], least);
         }
-    });
-    readers.emplace_back([&] {
+    }
+    // All of one generation, or the printing saw an exchange.
+    void print() {
         while (!stop) {
-            std::ostringstream out;
-            cache->print(out, false);
             if (cache->numOfEntries() != 300)
                 ++wrong;
-            std::string const text = out.str();
+            std::string const text = listing();
             std::string const network = text.substr(text.rfind(' '));
-            std::size_t lines = 0;
-            for (std::size_t at = text.find(network); at != std::string::npos; at = text.find(network, at + 1))
-                ++lines;
-            if (lines != 300) // all of one generation, or the printing saw an exchange
+            if (lineCount(text) != 300 || replaced(text, network, "").size() != text.size() - 300 * network.size())
                 ++wrong;
         }
-    });
+    }
+    std::atomic<int> loaded{0};  // the generation whose reload has returned
+    std::atomic<int> loading{0}; // the one being loaded
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+};
+
+TEST_F(Generations, LookUpsSeeTheOldOrTheNewNeverAMixture) {
+    ASSERT_TRUE(loadLines(generation(0)));
+    std::vector<std::jthread> readers;
+    for (int i = 0; i < 3; ++i)
+        readers.emplace_back([this, i] { askSingly(i); });
+    readers.emplace_back([this] { askInBatches(); });
+    readers.emplace_back([this] { print(); });
     for (int n = 1; n <= 40; ++n) {
         write(generation(n));
         loading = n;
-        ASSERT_TRUE(cache->cacheReload(n % 2 == 0));
+        EXPECT_TRUE(cache->cacheReload(n % 2 == 0));
         loaded = n;
     }
     stop = true;
-    for (std::thread& reader : readers)
-        reader.join();
+    readers.clear(); // joined
     EXPECT_EQ(wrong, 0);
 }
 
@@ -1029,6 +1064,10 @@ TEST(LineStore, GivesLinesBackInOrderAcrossChunks) {
         EXPECT_TRUE(consumed == lines) << lines.size() << " lines";
         store.consume([](std::string_view, unsigned long) { FAIL() << "consumed"; });
     }
+}
+
+TEST(LineStore, DropsWhatComesAfterAnException) {
+    LineStore store;
     store.append("kept");
     store.append("dropped by the visitor that throws");
     EXPECT_THROW(store.consume([](std::string_view text, unsigned long number) {

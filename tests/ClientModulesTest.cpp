@@ -17,12 +17,8 @@ std::string const workingCM = NP_CLIENT_FOLDER "WORKS.so";
 class ClientModulesTest : public testing::Test {
   protected:
     ClientModulesTest() {
-        folder.write("data.dat", "00447700900123 20210301020000 BRAVO\n");
-        std::string const file =
-            folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
-                                        "NationalAccessCode = \"0\"\n");
-        nphost::Configuration configuration = nphost::readConfiguration(file, nphost::sectionsCM);
-        host = std::make_unique<nphost::Host>(std::move(configuration), nphost::CommonOptions{file},
+        nphost::Configuration configuration = nphost::readConfiguration(site.configuration, nphost::sectionsCM);
+        host = std::make_unique<nphost::Host>(std::move(configuration), nphost::CommonOptions{site.configuration},
                                               nphost::LogSettings{true, false, &target, &hub});
         host->start();
         read = hub.last(0);
@@ -40,7 +36,8 @@ class ClientModulesTest : public testing::Test {
         return texts;
     }
 
-    TemporaryFolder folder;
+    ConfiguredFolder const site{"00447700900123 20210301020000 BRAVO\n"};
+    TemporaryFolder const& folder = site.folder;
     nphost::LogTarget target{folder.file("log")};
     nphost::ReportHub hub;
     std::unique_ptr<nphost::Host> host;

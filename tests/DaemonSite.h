@@ -1,12 +1,12 @@
 // A daemon as its operator meets it: in a folder of its own, with its configuration, its data and a control socket.
 #pragma once
 
-#include "tests/DefaultSignals.h"
+#include "tests/Spawn.h"
 #include "tests/TemporaryFolder.h"
+#include "tests/Texts.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -14,17 +14,21 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using Json = nlohmann::json;
@@ -32,14 +36,6 @@ using Arguments = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds patienceCM{60}; // an upper bound, not a time that is waited for
-
-inline bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != std::string::npos;
-}
-
-inline long lineCount(std::string const& text) {
-    return std::count(text.begin(), text.end(), '\n');
-}
 
 inline bool eventually(std::function<bool()> const& condition) {
     for (Clock::time_point const end = Clock::now() + patienceCM; Clock::now() < end;) {
@@ -55,11 +51,6 @@ class Process {
   public:
     Process(Arguments const& arguments, std::string const& out, std::string const& err,
             std::string const& notify = {}) {
-        std::string const program = std::string(NP_PROGRAM_FOLDER) + "/nphost";
-        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-        for (std::string const& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
         std::string const variable = "NOTIFY_SOCKET=" + notify;
         std::vector<char*> environment;
         for (char** entry = environ; *entry != nullptr; ++entry)
@@ -73,11 +64,8 @@ class Process {
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), flags, 0600);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), flags, 0600);
-        int const error =
-            posix_spawn(&idM, program.c_str(), &actions, DefaultSignals().get(), argv.data(), environment.data());
+        idM = spawn(commandOf(arguments), &actions, environment.data());
         posix_spawn_file_actions_destroy(&actions);
-        if (error != 0)
-            throw std::runtime_error("cannot start " + program);
     }
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
@@ -92,7 +80,7 @@ class Process {
     std::optional<int> status() {
         int raw = 0;
         if (!statusM && waitpid(idM, &raw, WNOHANG) == idM)
-            statusM = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+            statusM = statusOf(raw);
         return statusM;
     }
     int wait() {
@@ -104,12 +92,6 @@ class Process {
   private:
     pid_t idM = -1;
     std::optional<int> statusM;
-};
-
-struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
 };
 
 // Runs the program to its end; what it writes goes to files of the folder that are named after the label.
@@ -228,20 +210,32 @@ inline std::string const dataCM = "0044770 20200101000000 ALPHA\n"
                                   "00447700900123 20990915020000 CHARLIE\n"
                                   "004477009 20980101000000 DELTA\n";
 
-// A configuration with its data in a folder, and the daemon that serves them.
-class Site {
-  public:
-    explicit Site(std::string const& data = dataCM, std::string const& more = {}) {
-        folder.write("data.dat", data);
-        folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
-                                    "NationalAccessCode = \"0\"\n[host]\nsocket = \"s\"\n" +
-                                        more);
-    }
+// A data file of that many numbers with a record each.
+inline std::string records(int count) {
+    return numberedLines(count, "0044", 7'000'000'000, "  20200101000000  A");
+}
 
-    void start(Arguments const& more = {}, std::string const& notify = {}) {
-        Arguments arguments = {"run", "--config", folder.file("nphost.toml")};
+inline void expectResult(Result const& result, int status, std::string const& part, std::string const& label) {
+    EXPECT_EQ(result.status, status) << label << "\n" << result.out << result.err;
+    EXPECT_TRUE(contains(status == 2 ? result.err : result.out, part)) << label << "\n" << result.out << result.err;
+    EXPECT_EQ(lineCount(result.err), status == 2 ? 1 : 0) << label << "\n" << result.err;
+}
+
+// A configuration with its data in a folder, and the daemon that serves them.
+class Site : public ConfiguredFolder {
+  public:
+    explicit Site(std::string const& content = dataCM, std::string const& more = {})
+        : ConfiguredFolder(content, "[host]\nsocket = \"s\"\n" + more) {}
+
+    // Begins to run; what it says on standard error goes to a file of that name.
+    void launch(Arguments const& more = {}, std::string const& notify = {}, char const* log = "log") {
+        Arguments arguments = {"run", "--config", configuration};
         arguments.insert(arguments.end(), more.begin(), more.end());
-        daemon = std::make_unique<Process>(arguments, folder.file("out"), folder.file("log"), notify);
+        daemon = std::make_unique<Process>(arguments, folder.file("out"), folder.file(log), notify);
+    }
+    // Returns when it serves.
+    void start(Arguments const& more = {}, std::string const& notify = {}) {
+        launch(more, notify);
         ASSERT_TRUE(eventually([&] { return contains(log(), "INF_HOST_READY") || daemon->status(); }));
         ASSERT_FALSE(daemon->status()) << log();
     }
@@ -252,22 +246,37 @@ class Site {
 
     std::string log() const { return contentOf(folder.file(logName)); }
     std::string socket() const { return folder.file("s"); }
-    std::string data() const { return folder.file("data.dat"); }
 
     Result ctl(Arguments const& command, std::string const& label = "ctl") const {
         Arguments arguments = {"ctl", "--socket", socket()};
         arguments.insert(arguments.end(), command.begin(), command.end());
         return runProgram(folder, arguments, label);
     }
+    // Between blanks; '@' is the folder, with the slash behind it.
+    Arguments wordsOf(std::string const& text) const {
+        std::istringstream in(text);
+        Arguments words{std::istream_iterator<std::string>(in), {}};
+        for (std::string& word : words)
+            word = replaced(word, "@", folder.file(""));
+        return words;
+    }
+    Result tell(std::string const& words, std::string const& label = "ctl") const { return ctl(wordsOf(words), label); }
+    void expect(std::string const& words, int status, std::string const& part) const {
+        expectResult(tell(words), status, part, words);
+    }
+    // Each has the outcome that is named, four times, while the others are commanded as well.
+    void expectAtOnce(std::vector<std::pair<std::string, int>> const& commands) const {
+        std::vector<std::jthread> threads; // which end before it returns
+        for (auto const& command : commands)
+            threads.emplace_back([this, &command, label = "c" + std::to_string(threads.size())] {
+                for (int round = 0; round < 4; ++round) {
+                    Result const result = tell(command.first, label);
+                    EXPECT_EQ(result.status, command.second) << command.first << result.out << result.err;
+                }
+            });
+    }
     Json status() const { return Json::parse(ctl({"--json", "status"}).out); }
 
-    TemporaryFolder folder;
     std::string logName = "log";
     std::unique_ptr<Process> daemon;
 };
-
-inline void expectResult(Result const& result, int status, std::string const& part, std::string const& label) {
-    EXPECT_EQ(result.status, status) << label << "\n" << result.out << result.err;
-    EXPECT_TRUE(contains(status == 2 ? result.err : result.out, part)) << label << "\n" << result.out << result.err;
-    EXPECT_EQ(lineCount(result.err), status == 2 ? 1 : 0) << label << "\n" << result.err;
-}

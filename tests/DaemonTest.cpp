@@ -1,4 +1,5 @@
 // nphost run and nphost ctl as an operator meets them: a daemon of its own for each test, in a folder of its own.
+#include "host/base/Instant.h"
 #include "host/log/LogTarget.h"
 #include "host/module/Explanation.h"
 #include "host/service/DeltaFolders.h"
@@ -6,24 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
-#include <nlohmann/json.hpp>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -52,10 +41,8 @@ TEST(DaemonLifeTest, ReplacesAStaleSocketAndNothingElse) {
     site.start();
 
     // A second daemon on the same socket gives up; the first does not notice.
-    Process second({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("2.out"),
-                   site.folder.file("2.err"));
-    EXPECT_EQ(second.wait(), 2);
-    EXPECT_TRUE(contains(contentOf(site.folder.file("2.err")), "another daemon answers")) << contentOf("2.err");
+    Arguments const again = site.wordsOf("run --config @nphost.toml");
+    expectResult(runProgram(site.folder, again, "2"), 2, "another daemon answers", "the socket of another");
     EXPECT_EQ(site.ctl({"status"}).status, 0);
     EXPECT_EQ(site.stop(), 0);
 
@@ -67,14 +54,11 @@ TEST(DaemonLifeTest, ReplacesAStaleSocketAndNothingElse) {
     close(folder);
     EXPECT_FALSE(std::filesystem::exists(site.folder.file(".s.lock")));
     std::filesystem::create_symlink("data.dat", site.folder.file(".s.lock"));
-    EXPECT_EQ(runProgram(site.folder, {"run", "--config", site.folder.file("nphost.toml")}, "linked").status, 2);
-    EXPECT_TRUE(contains(contentOf(site.folder.file("linked.err")), "its lock file")) << contentOf("linked.err");
+    expectResult(runProgram(site.folder, again, "2"), 2, "its lock file", "a link for a lock file");
     std::filesystem::remove(site.folder.file(".s.lock"));
 
     site.folder.write("s", "precious");
-    Process third({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("3.out"),
-                  site.folder.file("3.err"));
-    EXPECT_EQ(third.wait(), 2);
+    EXPECT_EQ(runProgram(site.folder, again, "2").status, 2);
     EXPECT_EQ(contentOf(site.socket()), "precious");
 }
 
@@ -90,14 +74,13 @@ TEST(DaemonLifeTest, CannotStart) {
                              Case{"a socket where none can be", "", "s", "cannot be made"},
                              Case{"a log file where none can be", "logFile = \"none/log\"\n", "", "the log file"}}) {
         Site site(dataCM, test.more);
-        std::filesystem::remove(site.data());
+        std::filesystem::remove(site.data);
         if (std::string(test.name) == "data.dat")
-            std::filesystem::create_directory(site.data());
+            std::filesystem::create_directory(site.data);
         if (std::string(test.name) == "s")
             std::filesystem::create_directory(site.socket());
-        Process daemon({"run", "--config", site.folder.file("nphost.toml")}, site.folder.file("out"),
-                       site.folder.file("log"));
-        EXPECT_EQ(daemon.wait(), 2) << test.label;
+        site.launch();
+        EXPECT_EQ(site.daemon->wait(), 2) << test.label;
         std::string const log = site.log();
         EXPECT_TRUE(contains(log, std::string("nphost: ")) && contains(log, test.reason)) << test.label << "\n" << log;
         EXPECT_FALSE(std::filesystem::is_socket(site.socket())) << test.label;
@@ -156,8 +139,7 @@ TEST(DaemonLogTest, HangUpReopensTheFileAndReloads) {
 TEST(DaemonLogTest, CountsWhatCannotBeWritten) {
     Site site(dataCM, "logFile = \"daemon.log\"\n");
     std::filesystem::create_symlink("/dev/full", site.folder.file("daemon.log"));
-    site.daemon = std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml")},
-                                            site.folder.file("out"), site.folder.file("log"));
+    site.launch();
     ASSERT_TRUE(eventually([&] { return site.ctl({"status"}).status == 0; }));
     unsigned long const lost = site.status().at("reportsLost");
     EXPECT_GE(lost, 5U);
@@ -196,9 +178,7 @@ TEST(DaemonLogTest, GoesOnWhenNobodyReadsStandardError) {
     ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
     int const reader = open(site.folder.file("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GT(fcntl(reader, F_SETPIPE_SZ, 4096), 0);
-    site.daemon =
-        std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml"), "--log-format", "json"},
-                                  site.folder.file("out"), site.folder.file("fifo"));
+    site.launch({"--log-format", "json"}, {}, "fifo");
     ASSERT_TRUE(eventually([&] { return site.ctl({"status"}).status == 0; }));
     EXPECT_EQ(site.ctl({"reload", "--wait"}).status, 0);
     EXPECT_GT(site.status().at("reportsLost"), 0);
@@ -308,34 +288,43 @@ TEST(DaemonLogTest, FollowersSeeAReloadInOrder) {
     EXPECT_TRUE(contains(contentOf(site.folder.file("f.out")), "INF_HOST_STOPPING"));
 }
 
-TEST(DaemonQuestionTest, StatusAndLookups) {
+class DaemonQuestionTest : public testing::Test {
+  protected:
+    DaemonQuestionTest() { site.start(); }
     Site site;
-    site.start();
+};
+
+TEST_F(DaemonQuestionTest, CommandsAndTheirAnswers) {
     struct Case {
-        Arguments command;
+        std::string command;
         int status;
         char const* part;
     };
-    for (Case const& test :
-         {Case{{"lookup", "--at", "20240101000000", "00447700900123", "00447700"},
-               0,
-               "00447700900123\t20240101000000\t20210301020000\tBRAVO\n00447700\t20240101000000\t20200101000000\tALPHA"
-               "\n"},
-          Case{{"lookup", "--at", "20240101000000", "0033"}, 1, "0033\t20240101000000\t-\t-\n"},
-          Case{{"lookup", "--at", "20240101000000", "--method", "shortest", "00447700900123"}, 0, "ALPHA"},
-          Case{{"lookup", "--at", "20240101000000", "--method", "exact", "004477009001"}, 1, "\t-\t-\n"},
-          Case{{"lookup", "--at", "20240101000000", "--normalise", "(07700) 900-123"}, 0, "00447700900123\t"},
-          Case{{"lookup", "--at", "20230229000000", "0044"}, 2, "'20230229000000' is not a valid instant"},
-          Case{{"lookup", "00447700900123 20240101000000"}, 2, "is not one number"},
-          Case{{"lookup", "none"}, 2, "is not a number"}, Case{{"lookup", "0044\xff"}, 2, "cannot be sent"},
-          Case{{"explain", "0033"}, 1, "No prefix of the number is stored."},
-          Case{{"explain", "x"}, 2, "is not a number"},
-          Case{{"explain", std::string(2000, '1')}, 2, "longer than 1000"}, Case{{"probes"}, 0, "printData"},
-          Case{{"status"}, 0, "Search method:    best"},
-          Case{{"reload", "--wait", "--no-wait"}, 2, "--wait excludes --no-wait"},
-          Case{{"dance"}, 2, "no command or option 'dance'"}})
-        expectResult(site.ctl(test.command), test.status, test.part, test.command[0] + " " + test.part);
+    for (Case const& test : {Case{"lookup --at 20240101000000 00447700900123 00447700", 0,
+                                  "00447700900123\t20240101000000\t20210301020000\tBRAVO\n"
+                                  "00447700\t20240101000000\t20200101000000\tALPHA\n"},
+                             {"lookup --at 20240101000000 0033", 1, "0033\t20240101000000\t-\t-\n"},
+                             {"lookup --at 20240101000000 --method shortest 00447700900123", 0, "ALPHA"},
+                             {"lookup --at 20240101000000 --method exact 004477009001", 1, "\t-\t-\n"},
+                             {"lookup --at 20230229000000 0044", 2, "'20230229000000' is not a valid instant"},
+                             {"lookup none", 2, "is not a number"},
+                             {"lookup 0044\xff", 2, "cannot be sent"},
+                             {"explain 0033", 1, "No prefix of the number is stored."},
+                             {"explain x", 2, "is not a number"},
+                             {"explain " + std::string(2000, '1'), 2, "longer than 1000"},
+                             {"probes", 0, "printData"},
+                             {"status", 0, "Search method:    best"},
+                             {"reload --wait --no-wait", 2, "--wait excludes --no-wait"},
+                             {"dance", 2, "no command or option 'dance'"}})
+        site.expect(test.command, test.status, test.part);
+    expectResult(site.ctl({"lookup", "--at", "20240101000000", "--normalise", "(07700) 900-123"}), 0,
+                 "00447700900123\t", "as people write it");
+    expectResult(site.ctl({"lookup", "00447700900123 20240101000000"}), 2, "is not one number", "two words");
+    EXPECT_EQ(site.stop(), 0);
+    site.expect("status", 2, "no daemon answers");
+}
 
+TEST_F(DaemonQuestionTest, StatusAfterManyLookups) {
     Arguments many = {"lookup", "--at", "20240101000000"};
     many.resize(2500, "00447700900123"); // several requests
     EXPECT_EQ(lineCount(site.ctl(many).out), 2497);
@@ -349,53 +338,40 @@ TEST(DaemonQuestionTest, StatusAndLookups) {
     EXPECT_EQ(status.at("dataFile").at("size"), dataCM.size());
     EXPECT_EQ(status.at("lastLoad").at("kind"), "load");
     EXPECT_EQ(status.at("lastLoad").at("lines"), 4);
-    EXPECT_GE(status.at("lookUps"), 2502);
+    EXPECT_EQ(status.at("lookUps"), 2 * 2497);
     EXPECT_GT(status.at("memoryBytes"), 100000);
-
-    EXPECT_EQ(site.stop(), 0);
-    expectResult(site.ctl({"status"}), 2, "no daemon answers", "after the end");
 }
 
-TEST(DaemonQuestionTest, ExplainsNestedPrefixesAndTheNextChange) {
-    Site site;
-    site.start();
-    Result const text = site.ctl({"explain", "00447700900123", "--at", "20240101000000"});
+TEST_F(DaemonQuestionTest, ExplainsToPeople) {
+    Result const text = site.tell("explain 00447700900123 --at 20240101000000");
     EXPECT_EQ(text.status, 0);
     for (char const* const part :
          {"    2099-09-15 02:00:00  CHARLIE  (still to come)\n",
           "  best:     BRAVO since 2021-03-01 02:00:00  (as configured)", "00447700900123 is the number itself",
           "  shortest: ALPHA since", "Next change (best): 2099-09-15 02:00:00, then CHARLIE"})
         EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
+}
 
+TEST_F(DaemonQuestionTest, ExplainsNestedPrefixesAndTheNextChange) {
     struct Case {
         char const* label;
-        Arguments command;
+        char const* question;
         char const* network;
         char const* reason;
         Json next; // when, or null
     };
     for (Case const& test :
-         {Case{"a longer prefix is still to come",
-               {"00447700955", "--at", "20240101000000"},
-               "ALPHA",
+         {Case{"a longer prefix is still to come", "00447700955 --at 20240101000000", "ALPHA",
                "0044770 is the longest stored prefix with a record that has begun; 004477009 is stored, but its first "
                "record begins only at 2098-01-01 00:00:00",
                "20980101000000"},
-          Case{"a shorter prefix's future changes nothing",
-               {"00447700900123", "--at", "20240101000000"},
-               "BRAVO",
-               "00447700900123 is the number itself",
-               "20990915020000"},
-          Case{"the second before", {"00447700900123", "--at", "20990915015959"}, "BRAVO", "itself", "20990915020000"},
-          Case{"the very second", {"00447700900123", "--at", "20990915020000"}, "CHARLIE", "itself", nullptr},
-          Case{"before everything",
-               {"00447700900123", "--at", "20000101000000"},
-               "",
-               "no stored prefix has a record",
-               "20200101000000"}}) {
-        Arguments command = {"--json", "explain"};
-        command.insert(command.end(), test.command.begin(), test.command.end());
-        Json const answer = Json::parse(site.ctl(command).out);
+          {"a shorter prefix's future changes nothing", "00447700900123 --at 20240101000000", "BRAVO",
+           "00447700900123 is the number itself", "20990915020000"},
+          {"the second before", "00447700900123 --at 20990915015959", "BRAVO", "itself", "20990915020000"},
+          {"the very second", "00447700900123 --at 20990915020000", "CHARLIE", "itself", nullptr},
+          {"before everything", "00447700900123 --at 20000101000000", "", "no stored prefix has a record",
+           "20200101000000"}}) {
+        Json const answer = Json::parse(site.tell(std::string("--json explain ") + test.question).out);
         Json const& best = answer.at("methods").at("best");
         EXPECT_EQ(best.at("network").is_null() ? "" : best.at("network").get<std::string>(), test.network)
             << test.label;
@@ -434,112 +410,101 @@ TEST(ExplanationTest, AgreesWithEachMethod) {
         EXPECT_EQ(choice.record == nullptr ? "" : choice.record->networkIdM.c_str(), test.network)
             << test.method << test.at;
         auto const next = explanation.nextChange(test.method, at);
-        EXPECT_EQ(next ? next->at.asString("%Y%m%d%H%M%S").str() : "", test.next) << test.method << test.at;
+        EXPECT_EQ(next ? nphost::digitsOf(next->at) : "", test.next) << test.method << test.at;
     }
 }
 
 char const* const unguardedCM = "[host.guard]\nminRecords = 0\n"; // what the plug-in itself makes of a file
 
 TEST(DaemonRequestTest, OutcomesOfReloads) {
+    std::string const more = dataCM + "0033 20200101000000 ECHO\n";
+    enum File { WRITTEN, GONE, FOLDER };
     struct Case {
         char const* label;
-        std::function<void(Site const&)> prepare;
-        Arguments command;
+        File file;
+        std::string content;
+        char const* options;
         int status;
         char const* part;
         int records;
     };
-    std::string const more = dataCM + "0033 20200101000000 ECHO\n";
-    auto const write = [](std::string const& content) {
-        return [content](Site const& site) { site.folder.write("data.dat", content); };
-    };
-    auto const gone = [](Site const& site) { std::filesystem::remove_all(site.data()); };
-    std::vector<Case> const cases = {
-        {"a new record", write(more), {"reload"}, 0, "5 records are loaded after the reload", 5},
-        {"empty, not to be adopted", write(""), {"reload", "--no-reuse"}, 1, "ERR_NUM_PORT_RELOAD", 5},
-        {"last line bad, not to be adopted", write(dataCM + "0033"), {"reload", "--no-reuse"}, 1, "FAILED", 5},
-        {"cut off in its last line, adopted", write(dataCM + "0033"), {"reload"}, 0, "ERR_NUMBER_OF_FIELDS", 4},
-        {"vanished", gone, {"reload"}, 1, "ERR_FILE_NOT_FOUND", 4},
-        {"a folder",
-         [](Site const& site) { std::filesystem::create_directory(site.data()); },
-         {"reload"},
-         1,
-         "ERR_FILE_NOT_FOUND",
-         4},
-        {"back again",
-         [&](Site const& site) { gone(site), write(more)(site); },
-         {"reload", "--no-reuse"},
-         0,
-         "done",
-         5},
-        {"empty, adopted", write(""), {"reload"}, 0, "0 records", 0},
-    };
     Site site(dataCM, unguardedCM);
     site.start();
-    for (Case const& test : cases) {
-        test.prepare(site);
-        Arguments command = test.command;
-        command.emplace_back("--wait");
-        expectResult(site.ctl(command), test.status, test.part, test.label);
+    for (Case const& test :
+         {Case{"a new record", WRITTEN, more, "", 0, "5 records are loaded after the reload", 5},
+          {"empty, not to be adopted", WRITTEN, "", " --no-reuse", 1, "ERR_NUM_PORT_RELOAD", 5},
+          {"last line bad, not to be adopted", WRITTEN, dataCM + "0033", " --no-reuse", 1, "FAILED", 5},
+          {"cut off in its last line, adopted", WRITTEN, dataCM + "0033", "", 0, "ERR_NUMBER_OF_FIELDS", 4},
+          {"vanished", GONE, "", "", 1, "ERR_FILE_NOT_FOUND", 4},
+          {"a folder", FOLDER, "", "", 1, "ERR_FILE_NOT_FOUND", 4},
+          {"back again", WRITTEN, more, " --no-reuse", 0, "done", 5},
+          {"empty, adopted", WRITTEN, "", "", 0, "0 records", 0}}) {
+        std::filesystem::remove_all(site.data);
+        if (test.file == WRITTEN)
+            site.folder.write("data.dat", test.content);
+        if (test.file == FOLDER)
+            std::filesystem::create_directory(site.data);
+        expectResult(site.tell(std::string("reload --wait") + test.options), test.status, test.part, test.label);
         EXPECT_EQ(site.status().at("records"), test.records) << test.label;
     }
-    EXPECT_EQ(site.ctl({"reload", "--no-wait"}).out, "reload: requested\n");
+    EXPECT_EQ(site.tell("reload --no-wait").out, "reload: requested\n");
 }
+
+// The site's folder with names of every kind in it.
+void fillFolder(Site const& site) {
+    site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
+    std::filesystem::create_symlink("data.dat", site.folder.file("link"));
+    std::filesystem::create_hard_link(site.data, site.folder.file("hard"));
+    std::filesystem::create_directories(site.folder.path() / "real/sub");
+    std::filesystem::create_symlink("real/sub", site.folder.file("sub"));
+    site.folder.write("real/other", "");
+}
+
+struct Outcome {
+    std::string command;
+    int status;
+    char const* part;
+};
+
+std::vector<Outcome> const outcomesCM = {
+    {"delta @sub/../other", 0, "delta: done"},
+    {"delta @none", 1, "ERR_NUM_PORT_DELTALOAD"},
+    {"delta @fifo", 1, "FAILED"},
+    {"delta @real", 1, "FAILED"},
+    {"delta @delta", 0, "records added: 1 : "},
+    {"delta @delta", 0, "0 records added, 1 known already\ndelta: done"},
+    {"update AdditionalNumPortData=@delta", 0, "INF_HOST_DELTA_LOADED \"0\" \"1\" "},
+    {"delta @data.dat", 0, "delta: done"},
+    {"print @listing", 0, "5 records are printed"},
+    {"print", 0, "(Console)"},
+    {"print @none/x", 1, "ERR_WRITE_FILE"},
+    {"print /dev/full", 1, "ERR_WRITE_FILE"},
+    {"print @fifo", 1, "FAILED"},
+    {"print @data.dat", 2, "is the data file itself"},
+    {"print @link", 2, "itself"},
+    {"update PrintData=@link", 2, "is the data file itself"},
+    {"print @nphost.toml", 2, "is the configuration file"},
+    {"print @log", 2, "is standard error, the log"},
+    {"print @s", 2, "control socket"},
+    {"print /dev/fd/7", 2, "a descriptor of the daemon's own"},
+    {"update PrintData=@log", 2, "is standard error, the log"},
+    {"update PrintData=@sub/../../nphost.toml", 2, "is the configuration file"}};
 
 TEST(DaemonRequestTest, OutcomesOfDeltasAndPrints) {
     Site site;
     site.start();
-    site.folder.write("delta", "0033 20200101000000 ECHO\n");
-    ASSERT_EQ(mkfifo(site.folder.file("fifo").c_str(), 0600), 0);
-    std::filesystem::create_symlink("data.dat", site.folder.file("link"));
-    std::filesystem::create_hard_link(site.data(), site.folder.file("hard"));
-    std::filesystem::create_directories(site.folder.path() / "real/sub");
-    std::filesystem::create_symlink("real/sub", site.folder.file("sub"));
-    site.folder.write("real/other", "");
-    struct Case {
-        Arguments command;
-        int status;
-        std::string part;
-    };
-    auto const file = [&](char const* name) { return site.folder.file(name); };
-    for (Case const& test :
-         {Case{{"delta", file("sub/../other")}, 0, "delta: done"},
-          Case{{"delta", file("none")}, 1, "ERR_NUM_PORT_DELTALOAD"},
-          Case{{"delta", file("fifo")}, 1, "FAILED"},
-          Case{{"delta", site.folder.path().string()}, 2, "does not lie below a folder"},
-          Case{{"delta", file("real")}, 1, "FAILED"},
-          Case{{"delta", file("delta")}, 0, "records added: 1 : "},
-          Case{{"delta", file("delta")}, 0, "0 records added, 1 known already\ndelta: done"},
-          Case{{"update", "AdditionalNumPortData=" + file("delta")}, 0, "INF_HOST_DELTA_LOADED \"0\" \"1\" "},
-          Case{{"delta", site.data()}, 0, "delta: done"},
-          Case{{"print", file("listing")}, 0, "5 records are printed"},
-          Case{{"print"}, 0, "(Console)"},
-          Case{{"print", file("none/x")}, 1, "ERR_WRITE_FILE"},
-          Case{{"print", "/dev/full"}, 1, "ERR_WRITE_FILE"},
-          Case{{"print", file("fifo")}, 1, "FAILED"},
-          Case{{"print", site.data()}, 2, "is the data file itself"},
-          Case{{"print", file("link")}, 2, "itself"},
-          Case{{"update", "PrintData=" + file("link")}, 2, "is the data file itself"},
-          Case{{"print", file("nphost.toml")}, 2, "is the configuration file"},
-          Case{{"print", file("log")}, 2, "is standard error, the log"},
-          Case{{"print", file("s")}, 2, "control socket"},
-          Case{{"print", "/dev/fd/7"}, 2, "a descriptor of the daemon's own"},
-          Case{{"update", "PrintData=" + file("log")}, 2, "is standard error, the log"},
-          Case{{"update", "PrintData=" + file("sub/../../nphost.toml")}, 2, "is the configuration file"}}) {
-        Arguments command = test.command;
-        if (command[0] != "update")
-            command.emplace_back("--wait");
-        expectResult(site.ctl(command), test.status, test.part, command[0] + " " + command.back() + test.part);
-    }
-    std::string const again = site.ctl({"delta", file("delta"), "--wait"}).out;
+    fillFolder(site);
+    for (Outcome const& test : outcomesCM)
+        site.expect(test.command + (test.command.starts_with("update") ? "" : " --wait"), test.status, test.part);
+    site.expect("delta --wait " + site.folder.path().string(), 2, "does not lie below a folder");
+    std::string const again = site.tell("delta @delta --wait").out;
     EXPECT_EQ(again.find("ERR_DUPLICATE"), again.rfind("ERR_DUPLICATE")) << "once, although of two trees\n" << again;
-    EXPECT_EQ(lineCount(contentOf(site.data())), 5) << "the data file has the delta, and no heading";
-    EXPECT_EQ(lineCount(contentOf(file("listing"))), 5 + 3);
-    EXPECT_EQ(lineCount(contentOf(file("out"))), 5 + 3) << "the console is the daemon's standard output";
-
-    // Also while nothing is there, its name is the data file's.
-    std::filesystem::remove(site.data());
-    expectResult(site.ctl({"print", site.data(), "--wait"}), 2, "itself", "vanished");
+    EXPECT_EQ(lineCount(contentOf(site.data)), 5) << "the data file has the delta, and no heading";
+    EXPECT_EQ(lineCount(contentOf(site.folder.file("listing"))), 5 + 3);
+    EXPECT_EQ(lineCount(contentOf(site.folder.file("out"))), 5 + 3) << "the console is the daemon's standard output";
+    std::filesystem::remove(site.data); // also while nothing is there, its name is the data file's
+    site.expect("print @data.dat --wait", 2, "itself");
 }
 
 // Whoever asks for a delta sees its rejected lines, so not every file is read that the daemon's account may read.
@@ -573,10 +538,10 @@ TEST(DaemonRequestTest, ReadsDeltasBelowTheirFoldersOnly) {
     EXPECT_EQ(site.stop(), 0);
 }
 
-TEST(DaemonQuestionTest, WarnsOfNumbersWithoutDigits) {
+TEST(DaemonRequestTest, WarnsOfNumbersWithoutDigits) {
     Site site("NULL 20200101000000 A\n" + dataCM + "- 20200101000000 A\n");
     site.start();
-    EXPECT_TRUE(contains(site.log(), " WARNING ERR_NUMBERS_WITHOUT_DIGITS \"2\" \"1\" \"" + site.data() + "\""))
+    EXPECT_TRUE(contains(site.log(), " WARNING ERR_NUMBERS_WITHOUT_DIGITS \"2\" \"1\" \"" + site.data + "\""))
         << site.log();
     EXPECT_EQ(site.status().at("lastLoad").at("numbersWithoutDigits"), 2) << "a duplicate among them";
     EXPECT_TRUE(contains(site.ctl({"status"}).out, "  warning:        2 numbers without digits"));
@@ -587,9 +552,7 @@ TEST(DaemonQuestionTest, WarnsOfNumbersWithoutDigits) {
 
 // The worker is held by a pipe that is read late, while a name that was free comes to mean the data file.
 TEST(DaemonRequestTest, RefusesWhatANameComesToMeanWhileItWaits) {
-    std::string lines;
-    for (int i = 0; i < 15'000; ++i)
-        lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  A\n";
+    std::string const lines = records(15'000);
     Site site(lines);
     site.start();
     std::string const pipe = site.folder.file("pipe");
@@ -611,7 +574,7 @@ TEST(DaemonRequestTest, RefusesWhatANameComesToMeanWhileItWaits) {
     })) << site.log();
     EXPECT_FALSE(contains(site.log(), "secret"));
     close(reader);
-    EXPECT_EQ(contentOf(site.data()), lines);
+    EXPECT_EQ(contentOf(site.data), lines);
 }
 
 // Reports hold the lines that they are about, and lines may be of any length.
@@ -629,38 +592,35 @@ TEST(DaemonRequestTest, Updates) {
     site.start();
     site.folder.write("delta", "0033 20200101000000 ECHO\n");
     struct Case {
-        Arguments keys;
+        std::string keys;
         int status;
         char const* part;
     };
     for (Case const& test :
-         {Case{{"Reload=TRUE", "AdditionalNumPortData=" + site.folder.file("x")},
-               1,
-               "Result:           false\nHandled:          true\n"},
-          Case{{"Reload=TRUE", "AdditionalNumPortData=" + site.folder.file("x")}, 1, "ERR_INVALID_REG_ENTRIES"},
-          Case{{"Reload=x", "ReuseOnFailure=maybe"}, 1, "ERR_INVALID_REG_VALUE \"MAYBE\""},
-          Case{{"Reload=x", "ReuseOnFailure=true "}, 1, "ERR_INVALID_REG_VALUE \"TRUE \""},
-          Case{{"ReuseOnFailure=maybe"}, 1, "Result:           true\nHandled:          false\n"},
-          Case{{"Reload=FALSE", "ReuseOnFailure=false"}, 0, "EVT::RELOAD_SUCCESSFUL"},
-          Case{{"Speed=high"}, 2, "no key 'Speed' of an update; the keys are Reload, ReuseOnFailure, Add"},
-          Case{{"Reload="}, 0, "INF_NUM_NPORT_RELOADED \"4\""},
-          Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"},
-          Case{{"AdditionalNumPortData=" + site.folder.file("delta")}, 0, "INF_NUM_NPORT_ADDED \"0\""},
-          Case{{"PrintData="}, 0, "Result:           true\nHandled:          true"},
-          Case{{"AdditionalNumPortData=" + site.folder.file("none")}, 1, "EVT::ADD_NUM_PORT_DATA_FAILED"},
-          Case{{"PrintData=" + site.folder.file("none/x")}, 1, "ERR_WRITE_FILE"},
-          Case{{"PrintData=" + site.folder.file("listing")}, 0, "Handled:          true"},
-          Case{{"Reload"}, 2, "is not KEY=VALUE"}, Case{{"Reload=1", "Reload=2"}, 2, "given twice"}}) {
-        Arguments command = {"update"};
-        command.insert(command.end(), test.keys.begin(), test.keys.end());
-        expectResult(site.ctl(command), test.status, test.part, test.keys[0] + test.part);
-    }
-    std::filesystem::remove(site.data());
+         {Case{"Reload=TRUE AdditionalNumPortData=@x", 1, "Result:           false\nHandled:          true\n"},
+          {"Reload=TRUE AdditionalNumPortData=@x", 1, "ERR_INVALID_REG_ENTRIES"},
+          {"Reload=x ReuseOnFailure=maybe", 1, "ERR_INVALID_REG_VALUE \"MAYBE\""},
+          {"ReuseOnFailure=maybe", 1, "Result:           true\nHandled:          false\n"},
+          {"Reload=FALSE ReuseOnFailure=false", 0, "EVT::RELOAD_SUCCESSFUL"},
+          {"Speed=high", 2, "no key 'Speed' of an update; the keys are Reload, ReuseOnFailure, Add"},
+          {"Reload=", 0, "INF_NUM_NPORT_RELOADED \"4\""},
+          {"AdditionalNumPortData=@delta", 0, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"},
+          {"AdditionalNumPortData=@delta", 0, "INF_NUM_NPORT_ADDED \"0\""},
+          {"PrintData=", 0, "Result:           true\nHandled:          true"},
+          {"AdditionalNumPortData=@none", 1, "EVT::ADD_NUM_PORT_DATA_FAILED"},
+          {"PrintData=@none/x", 1, "ERR_WRITE_FILE"},
+          {"PrintData=@listing", 0, "Handled:          true"},
+          {"Reload", 2, "is not KEY=VALUE"},
+          {"Reload=1 Reload=2", 2, "given twice"}})
+        site.expect("update " + test.keys, test.status, test.part);
+    expectResult(site.ctl({"update", "Reload=x", "ReuseOnFailure=true "}), 1, "ERR_INVALID_REG_VALUE \"TRUE \"",
+                 "a blank behind it");
+    std::filesystem::remove(site.data);
     // Without the key the plug-in stays usable with its old data, although the file check reports its error.
-    expectResult(site.ctl({"update", "Reload=TRUE"}), 1, "Result:           true", "reuse by default");
-    EXPECT_EQ(site.ctl({"status"}).status, 0);
-    expectResult(site.ctl({"update", "Reload=TRUE", "ReuseOnFailure=FALSE"}), 1, "Result:           false", "no reuse");
-    Result const status = site.ctl({"status"});
+    site.expect("update Reload=TRUE", 1, "Result:           true");
+    EXPECT_EQ(site.tell("status").status, 0);
+    site.expect("update Reload=TRUE ReuseOnFailure=FALSE", 1, "Result:           false");
+    Result const status = site.tell("status");
     EXPECT_EQ(status.status, 1) << "not usable";
     EXPECT_TRUE(contains(status.out, "Usable:           no")) << status.out;
 }
@@ -670,25 +630,13 @@ TEST(DaemonRequestTest, ConcurrentClientsGetTheirOwnOutcomes) {
     Site site;
     site.start();
     site.folder.write("delta", "0033 20200101000000 ECHO\n");
-    std::vector<std::pair<Arguments, int>> const commands = {
-        {{"reload", "--wait"}, 0},
-        {{"delta", site.folder.file("none"), "--wait"}, 1},
-        {{"print", site.folder.file("listing"), "--wait"}, 0},
-        {{"update", "AdditionalNumPortData=" + site.folder.file("none")}, 1},
-        {{"print", site.folder.file("none/x"), "--wait"}, 1},
-        {{"delta", site.folder.file("delta"), "--wait"}, 0},
-        {{"update", "Reload=TRUE"}, 0},
-    };
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < commands.size(); ++i)
-        threads.emplace_back([&, i] {
-            for (int round = 0; round < 4; ++round) {
-                Result const result = site.ctl(commands[i].first, "c" + std::to_string(i));
-                EXPECT_EQ(result.status, commands[i].second) << commands[i].first[0] << result.out << result.err;
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    site.expectAtOnce({{"reload --wait", 0},
+                       {"delta @none --wait", 1},
+                       {"print @listing --wait", 0},
+                       {"update AdditionalNumPortData=@none", 1},
+                       {"print @none/x --wait", 1},
+                       {"delta @delta --wait", 0},
+                       {"update Reload=TRUE", 0}});
     EXPECT_EQ(site.stop(), 0);
 }
 
@@ -724,6 +672,42 @@ TEST(DaemonProtocolTest, AnswersAreBounded) {
     EXPECT_EQ(site.stop(), 0);
 }
 
+struct BadRequest {
+    char const* label;
+    std::string request;
+    char const* reason;
+};
+
+std::vector<BadRequest> const badRequestsCM = {
+    {"no JSON", "hello\n", "cannot be understood"},
+    {"empty", "\n", "cannot be understood"},
+    {"no object", "[1]\n", "not an object"},
+    {"deep", std::string(60000, '[') + "\n", "cannot be understood"},
+    {"NUL", std::string("{\0}\n", 4), "cannot be understood"},
+    {"no version", "{\"command\":\"status\"}\n", "version is 1"},
+    {"another version", "{\"version\":2,\"command\":\"status\"}\n", "version is 1"},
+    {"no command", "{\"version\":1}\n", "the key 'command' is missing"},
+    {"unknown", "{\"version\":1,\"command\":\"x\\ny\"}\n", "no command 'x\\\\ny'"},
+    {"a number for a text", "{\"version\":1,\"command\":1}\n", "'command' must be a text"},
+    {"an instant of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[\"1\"],\"at\":1}\n",
+     "'at' must be a text"},
+    {"a truth of no kind", "{\"version\":1,\"command\":\"explain\",\"number\":\"1\",\"normalise\":1}\n",
+     "'normalise' must be true or false"},
+    {"no number", "{\"version\":1,\"command\":\"explain\"}\n", "the key 'number' is missing"},
+    {"a number among the numbers", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[1]}\n",
+     "each of 'numbers' must be a text"},
+    {"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
+    {"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
+    {"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
+    {"deep keys",
+     "{\"version\":1,\"command\":\"update\",\"keys\":" + std::string(32000, '[') + std::string(32000, ']') + "}\n",
+     "must be an object"},
+    {"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
+    {"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n", "absolute"},
+};
+
+std::string const statusRequestCM = "{\"version\":1,\"command\":\"status\"}\n";
+
 TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     Site site;
     rlimit stack = {};
@@ -733,48 +717,19 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     site.start();
     setrlimit(RLIMIT_STACK, &stack);
     RawClient other(site.socket());
-    std::string const status = "{\"version\":1,\"command\":\"status\"}\n";
-    struct Case {
-        char const* label;
-        std::string request;
-        char const* reason;
-    };
-    for (Case const& test :
-         {Case{"no JSON", "hello\n", "cannot be understood"},
-          Case{"empty", "\n", "cannot be understood"},
-          Case{"no object", "[1]\n", "not an object"},
-          Case{"deep", std::string(60000, '[') + "\n", "cannot be understood"},
-          Case{"NUL", std::string("{\0}\n", 4), "cannot be understood"},
-          Case{"no version", "{\"command\":\"status\"}\n", "version is 1"},
-          Case{"another version", "{\"version\":2,\"command\":\"status\"}\n", "version is 1"},
-          Case{"no command", "{\"version\":1}\n", "the key 'command' is missing"},
-          Case{"unknown", "{\"version\":1,\"command\":\"x\\ny\"}\n", "no command 'x\\\\ny'"},
-          Case{"a number for a text", "{\"version\":1,\"command\":1}\n", "'command' must be a text"},
-          Case{"an instant of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[\"1\"],\"at\":1}\n",
-               "'at' must be a text"},
-          Case{"a truth of no kind", "{\"version\":1,\"command\":\"explain\",\"number\":\"1\",\"normalise\":1}\n",
-               "'normalise' must be true or false"},
-          Case{"no number", "{\"version\":1,\"command\":\"explain\"}\n", "the key 'number' is missing"},
-          Case{"a number among the numbers", "{\"version\":1,\"command\":\"lookup\",\"numbers\":[1]}\n",
-               "each of 'numbers' must be a text"},
-          Case{"numbers of no kind", "{\"version\":1,\"command\":\"lookup\",\"numbers\":{}}\n", "a list"},
-          Case{"a relative file", "{\"version\":1,\"command\":\"delta\",\"file\":\"x\"}\n", "absolute"},
-          Case{"a NUL in a file", "{\"version\":1,\"command\":\"print\",\"file\":\"/x\\u0000\"}\n", "must name a file"},
-          Case{"deep keys",
-               "{\"version\":1,\"command\":\"update\",\"keys\":" + std::string(32000, '[') + std::string(32000, ']') +
-                   "}\n",
-               "must be an object"},
-          Case{"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
-          Case{"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n",
-               "absolute"}}) {
+    for (BadRequest const& test : badRequestsCM) {
         RawClient client(site.socket());
-        ASSERT_TRUE(client.send(test.request + status)) << test.label;
+        ASSERT_TRUE(client.send(test.request + statusRequestCM)) << test.label;
         std::string const answer = client.line();
         EXPECT_TRUE(contains(answer, "\"ok\":false") && contains(answer, test.reason)) << test.label << answer;
         EXPECT_TRUE(contains(client.line(), "\"usable\":true")) << "the connection goes on: " << test.label;
-        ASSERT_TRUE(other.send(status));
+        ASSERT_TRUE(other.send(statusRequestCM));
         EXPECT_TRUE(contains(other.line(), "\"usable\":true")) << test.label;
     }
+    EXPECT_EQ(site.stop(), 0);
+}
+
+TEST_F(DaemonQuestionTest, LinesThatAreTooLongOrEndEarly) {
     RawClient large(site.socket());
     large.send(std::string(70000, ' '));
     EXPECT_TRUE(contains(large.line(), "longer than 65536"));
@@ -784,7 +739,7 @@ TEST(DaemonProtocolTest, BadRequestsHarmNobody) {
     half.endSending();
     EXPECT_TRUE(contains(half.line(), "does not end with a newline"));
     RawClient ended(site.socket()); // still gets its answers
-    ASSERT_TRUE(ended.send(status + status));
+    ASSERT_TRUE(ended.send(statusRequestCM + statusRequestCM));
     ended.endSending();
     EXPECT_TRUE(contains(ended.line(), "usable") && contains(ended.line(), "usable"));
     EXPECT_EQ(ended.line(), "<closed>");

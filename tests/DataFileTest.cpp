@@ -72,24 +72,24 @@ TEST(DataFileTest, ADeltaDoesNotOverwriteWhatWasNotLoaded) {
     Site site;
     std::string const delta = site.folder.write("delta", deltaCM);
     site.start();
-    ASSERT_EQ(chmod(site.data().c_str(), 0640), 0); // is no new content
+    ASSERT_EQ(chmod(site.data.c_str(), 0640), 0); // is no new content
     expectResult(site.ctl({"delta", "--wait", delta}), 0, "done", "as loaded");
     expectResult(site.ctl({"delta", "--wait", delta}), 0, "done", "as written");
     EXPECT_FALSE(site.status().at("dataFile").at("changed"));
-    std::filesystem::rename(site.folder.write("new", newer), site.data());
+    std::filesystem::rename(site.folder.write("new", newer), site.data);
     for (Arguments const& command :
          {Arguments{"delta", "--wait", delta}, {"update", "AdditionalNumPortData=" + delta}}) {
         expectResult(site.ctl(command), 1, "ERR_HOST_DELTA_REFUSED", command.front());
-        EXPECT_EQ(contentOf(site.data()), newer);
+        EXPECT_EQ(contentOf(site.data), newer);
     }
     EXPECT_TRUE(site.status().at("dataFile").at("changed"));
     EXPECT_TRUE(contains(site.ctl({"status"}).out, "since it was loaded or last written"));
     expectResult(site.ctl({"delta", "--wait", "--force", delta}), 0, "done", "forced");
-    EXPECT_FALSE(contains(contentOf(site.data()), "NEWER"));
-    std::filesystem::rename(site.folder.write("new", newer), site.data());
+    EXPECT_FALSE(contains(contentOf(site.data), "NEWER"));
+    std::filesystem::rename(site.folder.write("new", newer), site.data);
     expectResult(site.ctl({"reload", "--wait"}), 0, "done", "reload");
     expectResult(site.ctl({"update", "AdditionalNumPortData=" + delta}), 0, "true", "after the reload");
-    EXPECT_TRUE(contains(contentOf(site.data()), "NEWER") && contains(contentOf(site.data()), "ECHO"));
+    EXPECT_TRUE(contains(contentOf(site.data), "NEWER") && contains(contentOf(site.data), "ECHO"));
     EXPECT_EQ(site.stop(), 0);
 }
 
@@ -98,8 +98,8 @@ TEST(DataFileTest, OneOfTwoDaemonsAddsDeltas) {
     std::string const delta = first.folder.write("delta", deltaCM);
     first.start();
     Site second;
-    std::filesystem::remove(second.data());
-    std::filesystem::create_symlink(first.data(), second.data());
+    std::filesystem::remove(second.data);
+    std::filesystem::create_symlink(first.data, second.data);
     std::string const ownDelta = second.folder.write("delta", deltaCM);
     second.start();
     std::string const holder = "process " + first.status().at("process").dump() + " holds the lock on ";
@@ -124,7 +124,7 @@ TEST(DataFileTest, RecordsThatStandInNoFileAreToldOf) {
     Site site;
     std::string const delta = site.folder.write("delta", deltaCM);
     site.start();
-    std::string const file = site.data();
+    std::string const file = site.data;
     for (char const* const remedy : {"delta", "reload"}) {
         std::filesystem::rename(file, site.folder.file("before"));
         std::filesystem::create_directory(file);
@@ -149,7 +149,7 @@ TEST(DataFileTest, TheStartAndTheStatusSayHowItIsRewritten) {
     Site site;
     std::string const delta = site.folder.write("delta", deltaCM);
     site.folder.write(".data.dat.999999999-0.tmp", "half");
-    ProgramResult const result = runShell(
+    Result const result = runShell(
         site.folder, "unshare -m sh -c 'mount --make-rprivate / && mount --bind data.dat data.dat' || exit 77; "
                      "unshare -m sh -c 'mount --make-rprivate / && mount --bind data.dat data.dat && { "
                      "nphost run --config nphost.toml --log-file log & daemon=$!; "
@@ -164,7 +164,7 @@ TEST(DataFileTest, TheStartAndTheStatusSayHowItIsRewritten) {
     EXPECT_TRUE(contains(site.log(), "INF_HOST_REWRITE") && contains(site.log(), "it is overwritten in place"));
     EXPECT_TRUE(contains(site.log(), "INF_HOST_LEFTOVERS"));
     EXPECT_FALSE(std::filesystem::exists(site.folder.file(".data.dat.999999999-0.tmp")));
-    EXPECT_TRUE(contains(contentOf(site.data()), "ECHO"));
+    EXPECT_TRUE(contains(contentOf(site.data), "ECHO"));
 }
 
 } // namespace

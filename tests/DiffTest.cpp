@@ -1,6 +1,8 @@
 // nphost diff against a naive model of two files, and the sorter beneath it with hardly any memory.
 #include "host/diff/RecordSorter.h"
 #include "tests/ProgramRun.h"
+#include "tests/SeededRandom.h"
+#include "tests/Texts.h"
 
 #include <gtest/gtest.h>
 
@@ -191,7 +193,7 @@ class Site {
     }
     std::string write(std::string const& name, std::string const& text) const { return folderM.write(name, text); }
     std::string file(std::string const& name) const { return folderM.file(name); }
-    ProgramResult diff(std::string const& more) const {
+    Result diff(std::string const& more) const {
         return runProgram("diff --config " + configurationM + " --at " + atCM + " " + more + " " + file("old") + " " +
                           file("new"));
     }
@@ -211,13 +213,23 @@ void expectSide(Json const& side, Generated const& file, Records const& records)
     EXPECT_EQ(side.at("rejectedNetworks"), file.bad[2]);
 }
 
+void expectMoves(Json const& summary, Model const& model) {
+    unsigned long moved = summary.at("otherMoves");
+    for (Json const& move : summary.at("moves")) {
+        auto const name = [&](char const* key) {
+            return move.at(key).is_null() ? "-" : move.at(key).get<std::string>();
+        };
+        EXPECT_EQ(move.at("numbers"), model.moves.at({name("from"), name("to")}));
+        moved += move.at("numbers").get<unsigned long>();
+    }
+    EXPECT_EQ(moved, model.counts.at("moved"));
+}
+
 } // namespace
 
 // With 1 MiB each file becomes several runs, and long names find no room in the table of names.
 TEST(DiffTest, AgreesWithANaiveModel) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Random random(seed);
+    SeededRandom random;
     Records const before = randomRecords(random, 12000);
     Records const after = changed(before, random);
     Model const model(before, after);
@@ -227,21 +239,13 @@ TEST(DiffTest, AgreesWithANaiveModel) {
     site.write("old", old.text);
     site.write("new", now.text);
     for (std::string const memory : {"", "--memory 1"}) {
-        ProgramResult const summary = site.diff("--json " + memory);
+        Result const summary = site.diff("--json " + memory);
         ASSERT_EQ(summary.status, 1) << summary.err;
         Json const json = Json::parse(summary.out);
         expectSide(json.at("old"), old, before);
         expectSide(json.at("new"), now, after);
         EXPECT_EQ(json.at("equal"), false);
-        unsigned long moved = json.at("otherMoves");
-        for (Json const& move : json.at("moves")) {
-            auto const name = [&](char const* key) {
-                return move.at(key).is_null() ? "-" : move.at(key).get<std::string>();
-            };
-            EXPECT_EQ(move.at("numbers"), model.moves.at({name("from"), name("to")}));
-            moved += move.at("numbers").get<unsigned long>();
-        }
-        EXPECT_EQ(moved, model.counts.at("moved"));
+        expectMoves(json, model);
         std::istringstream matrix(site.diff(memory + " --matrix").out);
         std::map<std::pair<std::string, std::string>, unsigned long> moves;
         for (std::string from, to, numbers; matrix >> from >> to >> numbers;)
@@ -252,7 +256,7 @@ TEST(DiffTest, AgreesWithANaiveModel) {
             EXPECT_EQ((moves[{"*", "*"}]), json.at("otherMoves"));
         for (std::string const& kind : kindsCM) {
             EXPECT_EQ(json.at(kind), model.counts.at(kind)) << kind;
-            ProgramResult const list = site.diff(std::string(memory).append(" --list ").append(kind));
+            Result const list = site.diff(std::string(memory).append(" --list ").append(kind));
             EXPECT_EQ(list.status, 1);
             EXPECT_TRUE(list.out == model.lists.at(kind)) << kind;
             EXPECT_EQ(list.err, "");
@@ -260,67 +264,65 @@ TEST(DiffTest, AgreesWithANaiveModel) {
     }
 }
 
+struct Compared {
+    char const* label;
+    char const* before;
+    char const* after;
+    char const* options;
+    int status;
+    char const* part; // of standard output; of standard error with status 2
+};
+
+constexpr Compared comparedCM[] = {
+    {"another order, form and bad lines", "0171 20200101000000 A\n0172 20200101000000 B\n",
+     "+44172 20200101000000 B\nbad\n0171 20200101000000 A\n", "", 0,
+     "Rejected lines:                      0             1"},
+    {"two empty files", "", "", "--json", 0, "\"equal\":true"},
+    {"lists nothing", "0171 20200101000000 A\n", "0171 20200101000000 A\n", "--json --list moved", 0,
+     "{\"changes\":[],"},
+    {"a move", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20200202000000 B\n", "", 1,
+     "A             B\nA                                    .             1\nB "},
+    {"columns by characters", "0171 20200101000000 Ärger\n", "0171 20200101000000 Ärger\n0171 20200202000000 Zöllü\n",
+     "", 1,
+     "         Ärger\nZöllü                                .             .\nÄrger                                "
+     "1 "},
+    {"either a matrix or a list", "", "", "--matrix --list moved", 2, "excludes"},
+    {"a move still to come is none", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20300202000000 B\n",
+     "--list moved", 1, ""},
+    {"a move into nobody's hands", "0171 20200101000000 A\n", "0171 20300101000000 A\n", "--list moved", 1,
+     "0044171\t20200101000000\tA\t-\t-\n"},
+    {"a listed change as JSON", "", "0171 20200101000000 A\n", "--json --list gained", 1,
+     "{\"new\":{\"network\":\"A\",\"validFrom\":\"20200101000000\"},\"number\":\"0044171\",\"old\":null}"},
+    {"numbers that agree in sixteen digits", "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 B\n",
+     "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 C\n", "--list rewritten", 1,
+     "00441712345678901\t20200101000000\tB\t20200101000000\tC\n"},
+    {"a lost record above an older one that was rewritten", "0171 20200101000000 A\n0171 20200202000000 B\n",
+     "0171 20200101000000 C\n", "--list rewritten", 1, "0044171\t20200202000000\tB\t-\t-\n"},
+    {"no such kind", "", "", "--list swapped", 2, "--list"},
+    {"too little memory", "", "", "--memory 0", 2, "--memory"},
+    {"no folder for temporary files is needed", "", "", "--memory 1", 0, "Lines:"},
+};
+
 TEST(DiffTest, TellsEqualDifferentAndFailed) {
     Site const site;
-    struct Case {
-        char const* label;
-        char const* before;
-        char const* after;
-        char const* options;
-        int status;
-        char const* part; // of standard output; of standard error with status 2
-    };
-    std::vector<Case> const cases = {
-        {"another order, form and bad lines", "0171 20200101000000 A\n0172 20200101000000 B\n",
-         "+44172 20200101000000 B\nbad\n0171 20200101000000 A\n", "", 0,
-         "Rejected lines:                      0             1"},
-        {"two empty files", "", "", "--json", 0, "\"equal\":true"},
-        {"lists nothing", "0171 20200101000000 A\n", "0171 20200101000000 A\n", "--json --list moved", 0,
-         "{\"changes\":[],"},
-        {"a move", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20200202000000 B\n", "", 1,
-         "A             B\nA                                    .             1\nB "},
-        {"columns by characters", "0171 20200101000000 Ärger\n",
-         "0171 20200101000000 Ärger\n0171 20200202000000 Zöllü\n", "", 1,
-         "         Ärger\nZöllü                                .             .\nÄrger                                "
-         "1 "},
-        {"either a matrix or a list", "", "", "--matrix --list moved", 2, "excludes"},
-        {"a move still to come is none", "0171 20200101000000 A\n", "0171 20200101000000 A\n0171 20300202000000 B\n",
-         "--list moved", 1, ""},
-        {"a move into nobody's hands", "0171 20200101000000 A\n", "0171 20300101000000 A\n", "--list moved", 1,
-         "0044171\t20200101000000\tA\t-\t-\n"},
-        {"a listed change as JSON", "", "0171 20200101000000 A\n", "--json --list gained", 1,
-         "{\"new\":{\"network\":\"A\",\"validFrom\":\"20200101000000\"},\"number\":\"0044171\",\"old\":null}"},
-        {"numbers that agree in sixteen digits",
-         "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 B\n",
-         "0044171234567890 20200101000000 A\n00441712345678901 20200101000000 C\n", "--list rewritten", 1,
-         "00441712345678901\t20200101000000\tB\t20200101000000\tC\n"},
-        {"a lost record above an older one that was rewritten", "0171 20200101000000 A\n0171 20200202000000 B\n",
-         "0171 20200101000000 C\n", "--list rewritten", 1, "0044171\t20200202000000\tB\t-\t-\n"},
-        {"no such kind", "", "", "--list swapped", 2, "--list"},
-        {"too little memory", "", "", "--memory 0", 2, "--memory"},
-        {"no folder for temporary files is needed", "", "", "--memory 1", 0, "Lines:"},
-    };
-    for (Case const& test : cases) {
+    for (Compared const& test : comparedCM) {
         site.write("old", test.before);
         site.write("new", test.after);
-        ProgramResult const result = site.diff(test.options);
+        Result const result = site.diff(test.options);
         EXPECT_EQ(result.status, test.status) << test.label << result.err;
-        EXPECT_NE((test.status == 2 ? result.err : result.out).find(test.part), std::string::npos)
-            << test.label << "\n"
-            << result.out << result.err;
+        EXPECT_TRUE(contains(test.status == 2 ? result.err : result.out, test.part)) << test.label << "\n"
+                                                                                     << result.out << result.err;
     }
     std::filesystem::remove(site.file("new"));
-    ProgramResult const missing = site.diff("");
+    Result const missing = site.diff("");
     EXPECT_EQ(missing.status, 2);
-    EXPECT_NE(missing.err.find(site.file("new") + " cannot be opened"), std::string::npos) << missing.err;
-    EXPECT_EQ(std::count(missing.err.begin(), missing.err.end(), '\n'), 1);
+    EXPECT_TRUE(contains(missing.err, site.file("new") + " cannot be opened")) << missing.err;
+    EXPECT_EQ(lineCount(missing.err), 1);
 }
 
 // Blocks of 4 KiB give more runs than are merged at once; the largest records need larger blocks.
 TEST(RecordSorterTest, OrdersWhatNeverFitsIntoMemory) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Random random(seed);
+    SeededRandom random;
     for (bool const ordered : {false, true}) {
         using Row = std::tuple<std::string, std::int64_t, std::uint64_t, std::uint32_t, std::string>;
         std::vector<Row> rows;

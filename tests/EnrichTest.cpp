@@ -5,6 +5,8 @@
 #include "host/records/ByteSource.h"
 #include "host/records/Compression.h"
 #include "tests/ProgramRun.h"
+#include "tests/SeededRandom.h"
+#include "tests/Texts.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +18,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -23,17 +26,10 @@ namespace {
 
 using namespace std::string_literals;
 
-using Result = ProgramResult;
-
-// A shell's command with 'nphost enrich --config ...' for ENRICH, run in the folder.
-Result shell(TemporaryFolder const& folder, std::string command, std::string const& configuration) {
-    for (std::size_t at = command.find("ENRICH"); at != std::string::npos; at = command.find("ENRICH", at + 1))
-        command.replace(at, 6, "nphost enrich --config " + configuration);
-    return runShell(folder, command);
-}
-
-bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != std::string::npos;
+// A shell's command, run in the folder, with ENRICH for 'nphost enrich --config ...' and ROWS for columns by number.
+Result shell(TemporaryFolder const& folder, std::string const& command) {
+    return runShell(folder, replaced(replaced(command, "ENRICH", "nphost enrich --config nphost.toml"), "ROWS",
+                                     "--no-header --number 1 --time 2"));
 }
 
 void writeConfiguration(TemporaryFolder const& folder, std::string const& data, std::string const& country) {
@@ -49,6 +45,11 @@ std::string decompressed(std::string const& file) {
     while (std::size_t const count = source.read(buffer))
         all.append(buffer.data(), count);
     return all;
+}
+
+std::string gzipped(std::string const& text) {
+    std::string place;
+    return std::string(nphost::Compressor(nphost::Compression::GZIP).compress(text, place));
 }
 
 // ---- Against a brute-force reading
@@ -134,6 +135,18 @@ class RecordMaker {
     RecordMaker(BruteForce const& data, Shape const& run, std::mt19937& random)
         : dataM(data), runM(run), randomM(random), nameM(run.file) {}
 
+    void addHeader() {
+        if (nameM.ends_with(".ndjson"))
+            return;
+        std::string const s = nameM.ends_with(".tsv") ? "\t" : ",";
+        input = std::string("id").append(s).append("number").append(s).append("note").append(s).append("time");
+        expected = input + s + "number_network";
+        if (runM.all)
+            for (char const* const added : {"valid_from", "prefix", "next_change", "method"})
+                expected.append(s).append("number_").append(added);
+        input += "\n";
+        expected += "\n";
+    }
     void add() {
         std::string const number = someNumber();
         std::time_t const seconds = 915148800 + static_cast<std::time_t>(random(888000000)); // 1999 to 2027
@@ -244,6 +257,29 @@ class RecordMaker {
     int foundM = 0;
 };
 
+constexpr char const* patternCM = "%d.%m.%Y %H:%M:%S";
+constexpr Shape shapesCM[] = {{"a.csv", "digits", "best", true, false, 60000},
+                              {"b.csv", "iso", "exact", false, true, 4000},
+                              {"c.csv", "seconds", "shortest", false, true, 4000},
+                              {"d.csv", patternCM, "best", true, true, 4000},
+                              {"e.tsv", "milliseconds", "best", true, false, 8000},
+                              {"f.tsv", "iso", "best", false, true, 4000},
+                              {"g.ndjson", "iso", "best", true, false, 8000},
+                              {"h.ndjson", "seconds", "best", false, true, 4000},
+                              {"i.ndjson", "milliseconds", "shortest", true, false, 4000},
+                              {"j.ndjson", patternCM, "exact", true, true, 4000}};
+
+void expectSame(std::string const& got, std::string const& expected, char const* label) {
+    if (got == expected)
+        return;
+    auto const at = static_cast<std::size_t>(
+        std::mismatch(got.begin(), got.end(), expected.begin(), expected.end()).first - got.begin());
+    std::size_t const from = at - std::min<std::size_t>(at, 150);
+    ADD_FAILURE() << label << " at byte " << at << ":\n"
+                  << got.substr(from, 250) << "\ninstead of\n"
+                  << expected.substr(from, 250);
+}
+
 TEST(EnrichDataTest, AgreesWithABruteForceReading) {
     std::string const dataFolder = NP_SOURCE_FOLDER "/../shared/data/";
     for (char const* const name : {"fr-blocks.dat", "carriers.dat"})
@@ -252,55 +288,23 @@ TEST(EnrichDataTest, AgreesWithABruteForceReading) {
     TemporaryFolder const folder;
     writeConfiguration(folder, contentOf(dataFolder + "fr-blocks.dat") + contentOf(dataFolder + "carriers.dat"), "33");
     BruteForce const data(folder.file("data.dat"));
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-
-    char const* const pattern = "%d.%m.%Y %H:%M:%S";
-    for (Shape const& run : {Shape{"a.csv", "digits", "best", true, false, 60000},
-                             {"b.csv", "iso", "exact", false, true, 4000},
-                             {"c.csv", "seconds", "shortest", false, true, 4000},
-                             {"d.csv", pattern, "best", true, true, 4000},
-                             {"e.tsv", "milliseconds", "best", true, false, 8000},
-                             {"f.tsv", "iso", "best", false, true, 4000},
-                             {"g.ndjson", "iso", "best", true, false, 8000},
-                             {"h.ndjson", "seconds", "best", false, true, 4000},
-                             {"i.ndjson", "milliseconds", "shortest", true, false, 4000},
-                             {"j.ndjson", pattern, "exact", true, true, 4000}}) {
-        std::string const name = run.file;
+    SeededRandom random;
+    for (Shape const& run : shapesCM) {
         RecordMaker maker(data, run, random);
-        if (!name.ends_with(".ndjson")) {
-            std::string const s = name.ends_with(".tsv") ? "\t" : ",";
-            maker.input =
-                std::string("id").append(s).append("number").append(s).append("note").append(s).append("time\n");
-            maker.expected = maker.input.substr(0, maker.input.size() - 1) + s + "number_network";
-            if (run.all)
-                for (char const* const added : {"valid_from", "prefix", "next_change", "method"})
-                    maker.expected += s + "number_" + added;
-            maker.expected += "\n";
-        }
+        maker.addHeader();
         for (int i = 0; i < run.records; ++i)
             maker.add();
-        folder.write(name, maker.input);
+        folder.write(run.file, maker.input);
         Result const result =
-            shell(folder,
-                  "ENRICH --number number --time time --keep --threads 3 --json --time-format '" +
-                      std::string(run.timeFormat) + "' --method " + run.method + (run.normalise ? " --normalise" : "") +
-                      (run.all ? " --add valid-from,prefix,next-change,method " : " ") + name,
-                  "nphost.toml");
-        EXPECT_EQ(result.status, 0) << name << result.err;
+            shell(folder, "ENRICH --number number --time time --keep --threads 3 --json --time-format '" +
+                              std::string(run.timeFormat) + "' --method " + run.method +
+                              (run.normalise ? " --normalise" : "") +
+                              (run.all ? " --add valid-from,prefix,next-change,method " : " ") + run.file);
+        EXPECT_EQ(result.status, 0) << run.file << result.err;
         EXPECT_TRUE(contains(result.err, "\"records\":" + std::to_string(run.records) + ",")) << result.err;
         EXPECT_TRUE(contains(result.err, "\"found\":" + std::to_string(maker.found()) + ",")) << result.err;
         EXPECT_GT(maker.found(), std::string(run.method) == "exact" ? run.records / 10 : run.records / 4);
-        if (result.out == maker.expected)
-            continue;
-        auto const [got, want] =
-            std::mismatch(result.out.begin(), result.out.end(), maker.expected.begin(), maker.expected.end());
-        auto const at = static_cast<std::size_t>(got - result.out.begin());
-        std::size_t const from = at - std::min<std::size_t>(at, 150);
-        ADD_FAILURE() << name << " at byte " << at << ":\n"
-                      << result.out.substr(from, 250) << "\ninstead of\n"
-                      << maker.expected.substr(from, 250);
+        expectSame(result.out, maker.expected, run.file);
     }
 }
 
@@ -315,9 +319,7 @@ class EnrichTest : public testing::Test {
                            "44");
     }
     // With the number in column n and the time in column t.
-    Result run(std::string const& arguments) const {
-        return shell(folder, "ENRICH --number n --time t " + arguments, "nphost.toml");
-    }
+    Result run(std::string const& arguments) const { return shell(folder, "ENRICH --number n --time t " + arguments); }
     // No file but those of the test and these.
     void expectFiles(std::vector<std::string> names) const {
         names.insert(names.end(), {"data.dat", "nphost.toml"});
@@ -334,66 +336,68 @@ class EnrichTest : public testing::Test {
 std::string const headCM = "n,t\n";
 std::string const newHeadCM = "n,t,n_network\n";
 
+std::string const tCM = "20210101000000";
+
+struct Format {
+    char const* label;
+    std::string name;
+    std::string input;
+    std::string output;
+    std::string rejects; // without its header
+    char const* options = "";
+};
+
+std::vector<Format> const formatsCM = {
+    {"nothing at all", "a.csv", "", "", ""},
+    {"a header alone, without a newline", "a.csv", "n,t", newHeadCM, ""},
+    {"byte order mark, CRLF, quoted names and a value that needs quoting", "a.csv",
+     "\xef\xbb\xbf\"n\",t\r\n\"00442\"," + tCM + "\r\n",
+     "\xef\xbb\xbf\"n\",t,n_network\r\n\"00442\"," + tCM + ",\"x,\"\"y\"\r\n", ""},
+    {"no final newline", "a.csv", headCM + "00441," + tCM, newHeadCM + "00441," + tCM + ",A", ""},
+    {"empty lines stay", "a.csv", headCM + "\n00441," + tCM + "\n\n", newHeadCM + "\n00441," + tCM + ",A\n\n", ""},
+    {"and before the header", "a.csv", "\xef\xbb\xbf\r\n \n" + headCM + "00441," + tCM + "\nx\n",
+     "\xef\xbb\xbf\r\n \n" + newHeadCM + "00441," + tCM + ",A\n", "a.csv,5,field-count,\"x\"\n"},
+    {"line breaks in fields, also of the header", "a.csv", "n,\"x\ny\",t\n00441,\"\r\n\"," + tCM + "\n00441,1\n",
+     "n,\"x\ny\",t,n_network\n00441,\"\r\n\"," + tCM + ",A\n", "a.csv,5,field-count,\"00441,1\"\n"},
+    {"NUL and foreign bytes", "a.csv", headCM + "00441\0\xff,"s + tCM + "\n",
+     newHeadCM + "00441\0\xff,"s + tCM + ",A\n", ""},
+    {"every reason", "a,b.csv",
+     headCM + "00441,2021\n00441\n00441," + tCM + ",\n\"00441," + tCM + "\nx\n0044\"1," + tCM + "\n", newHeadCM,
+     "\"a,b.csv\",2,bad-time,\"00441,2021\"\n\"a,b.csv\",3,field-count,\"00441\"\n"
+     "\"a,b.csv\",4,field-count,\"00441," +
+         tCM + ",\"\n\"a,b.csv\",5,broken-quotes,\"\"\"00441," + tCM +
+         "\"\n\"a,b.csv\",6,field-count,\"x\"\n\"a,b.csv\",7,broken-quotes,\"0044\"\"1," + tCM + "\"\n"},
+    {"kept", "a.csv", headCM + "00441,2021\n00441\n\"00441\n00441," + tCM + "\n",
+     newHeadCM + "00441,2021,\n00441,\n\"00441,\n00441," + tCM + ",A\n",
+     "a.csv,2,bad-time,\"00441,2021\"\na.csv,3,field-count,\"00441\"\na.csv,4,broken-quotes,"
+     "\"\"\"00441\"\n",
+     "--keep"},
+    {"no number is not a reject", "a.csv", headCM + "," + tCM + "\nanonymous," + tCM + "\n",
+     newHeadCM + "," + tCM + ",\nanonymous," + tCM + ",\n", ""},
+    {"tabs", "a.tab", "n\tt\n00442\t" + tCM + "\n", "n\tt\tn_network\n00442\t" + tCM + "\t\"x,\"\"y\"\n", ""},
+    {"semicolons, no quoting", "a.txt", "n;t\n00442;" + tCM + ";\n\"00442;" + tCM + "\n",
+     "n;t;n_network\n\"00442;" + tCM + ";x,\"y\n", "a.txt,2,field-count,\"00442;" + tCM + ";\"\n",
+     "--separator ';' --no-quotes"},
+    {"a value that no field can hold", "a.csv", headCM + "00442," + tCM + "\n", newHeadCM,
+     "a.csv,2,unwritable,\"00442," + tCM + "\"\n", "--no-quotes"},
+    {"JSON", "a.jsonl",
+     "{\"n\":\"00442\",\"t\":" + tCM + "}\r\n\n{\"t\":\"" + tCM + "\",\"n\":\"00443\"} \n{\"n\":null,\"t\":" + tCM +
+         "}\n{\"n\":1}\n{\n{\"n\":1,\"t\":1,\"n_network\":2}\n{\"n\":\"00441\",\"t\":" + tCM + "}",
+     "{\"n\":\"00442\",\"t\":" + tCM + ",\"n_network\":\"x,\\\"y\"}\r\n\n{\"t\":\"" + tCM +
+         "\",\"n\":\"00443\",\"n_network\":\"\xc3\xa9\xef\xbf\xbd\"} \n{\"n\":null,\"t\":" + tCM +
+         ",\"n_network\":null}\n{\"n\":\"00441\",\"t\":" + tCM + ",\"n_network\":\"A\"}",
+     "a.jsonl,5,missing-member,\"{\"\"n\"\":1}\"\na.jsonl,6,broken-json,\"{\"\n"
+     "a.jsonl,7,name-taken,\"{\"\"n\"\":1,\"\"t\"\":1,\"\"n_network\"\":2}\"\n"},
+    {"JSON kept", "a.json", "{}\n[\n{ \"n\":\"00441\"}\n{\"n\":1,\"t\":1,\"n_network\":2}\n",
+     "{\"n_network\":null}\n[\n{ \"n\":\"00441\",\"n_network\":null}\n{\"n\":1,\"t\":1,\"n_network\":2}\n",
+     "a.json,1,missing-member,\"{}\"\na.json,2,broken-json,\"[\"\n"
+     "a.json,3,missing-member,\"{ \"\"n\"\":\"\"00441\"\"}\"\n"
+     "a.json,4,name-taken,\"{\"\"n\"\":1,\"\"t\"\":1,\"\"n_network\"\":2}\"\n",
+     "--keep"},
+};
+
 TEST_F(EnrichTest, FormatsToTheByte) {
-    std::string const t = "20210101000000";
-    std::string const nul("\0", 1);
-    struct Case {
-        char const* label;
-        std::string name;
-        std::string input;
-        std::string output;
-        std::string rejects; // without its header
-        char const* options = "";
-    };
-    std::vector<Case> const cases = {
-        Case{"nothing at all", "a.csv", "", "", ""},
-        Case{"a header alone, without a newline", "a.csv", "n,t", newHeadCM, ""},
-        Case{"byte order mark, CRLF, quoted names and a value that needs quoting", "a.csv",
-             "\xef\xbb\xbf\"n\",t\r\n\"00442\"," + t + "\r\n",
-             "\xef\xbb\xbf\"n\",t,n_network\r\n\"00442\"," + t + ",\"x,\"\"y\"\r\n", ""},
-        Case{"no final newline", "a.csv", headCM + "00441," + t, newHeadCM + "00441," + t + ",A", ""},
-        Case{"empty lines stay", "a.csv", headCM + "\n00441," + t + "\n\n", newHeadCM + "\n00441," + t + ",A\n\n", ""},
-        Case{"and before the header", "a.csv", "\xef\xbb\xbf\r\n \n" + headCM + "00441," + t + "\nx\n",
-             "\xef\xbb\xbf\r\n \n" + newHeadCM + "00441," + t + ",A\n", "a.csv,5,field-count,\"x\"\n"},
-        Case{"line breaks in fields, also of the header", "a.csv", "n,\"x\ny\",t\n00441,\"\r\n\"," + t + "\n00441,1\n",
-             "n,\"x\ny\",t,n_network\n00441,\"\r\n\"," + t + ",A\n", "a.csv,5,field-count,\"00441,1\"\n"},
-        Case{"NUL and foreign bytes", "a.csv", headCM + "00441" + nul + "\xff," + t + "\n",
-             newHeadCM + "00441" + nul + "\xff," + t + ",A\n", ""},
-        Case{"every reason", "a,b.csv",
-             headCM + "00441,2021\n00441\n00441," + t + ",\n\"00441," + t + "\nx\n0044\"1," + t + "\n", newHeadCM,
-             "\"a,b.csv\",2,bad-time,\"00441,2021\"\n\"a,b.csv\",3,field-count,\"00441\"\n"
-             "\"a,b.csv\",4,field-count,\"00441," +
-                 t + ",\"\n\"a,b.csv\",5,broken-quotes,\"\"\"00441," + t +
-                 "\"\n\"a,b.csv\",6,field-count,\"x\"\n\"a,b.csv\",7,broken-quotes,\"0044\"\"1," + t + "\"\n"},
-        Case{"kept", "a.csv", headCM + "00441,2021\n00441\n\"00441\n00441," + t + "\n",
-             newHeadCM + "00441,2021,\n00441,\n\"00441,\n00441," + t + ",A\n",
-             "a.csv,2,bad-time,\"00441,2021\"\na.csv,3,field-count,\"00441\"\na.csv,4,broken-quotes,"
-             "\"\"\"00441\"\n",
-             "--keep"},
-        Case{"no number is not a reject", "a.csv", headCM + "," + t + "\nanonymous," + t + "\n",
-             newHeadCM + "," + t + ",\nanonymous," + t + ",\n", ""},
-        Case{"tabs", "a.tab", "n\tt\n00442\t" + t + "\n", "n\tt\tn_network\n00442\t" + t + "\t\"x,\"\"y\"\n", ""},
-        Case{"semicolons, no quoting", "a.txt", "n;t\n00442;" + t + ";\n\"00442;" + t + "\n",
-             "n;t;n_network\n\"00442;" + t + ";x,\"y\n", "a.txt,2,field-count,\"00442;" + t + ";\"\n",
-             "--separator ';' --no-quotes"},
-        Case{"a value that no field can hold", "a.csv", headCM + "00442," + t + "\n", newHeadCM,
-             "a.csv,2,unwritable,\"00442," + t + "\"\n", "--no-quotes"},
-        Case{"JSON", "a.jsonl",
-             "{\"n\":\"00442\",\"t\":" + t + "}\r\n\n{\"t\":\"" + t + "\",\"n\":\"00443\"} \n{\"n\":null,\"t\":" + t +
-                 "}\n{\"n\":1}\n{\n{\"n\":1,\"t\":1,\"n_network\":2}\n{\"n\":\"00441\",\"t\":" + t + "}",
-             "{\"n\":\"00442\",\"t\":" + t + ",\"n_network\":\"x,\\\"y\"}\r\n\n{\"t\":\"" + t +
-                 "\",\"n\":\"00443\",\"n_network\":\"\xc3\xa9\xef\xbf\xbd\"} \n{\"n\":null,\"t\":" + t +
-                 ",\"n_network\":null}\n{\"n\":\"00441\",\"t\":" + t + ",\"n_network\":\"A\"}",
-             "a.jsonl,5,missing-member,\"{\"\"n\"\":1}\"\na.jsonl,6,broken-json,\"{\"\n"
-             "a.jsonl,7,name-taken,\"{\"\"n\"\":1,\"\"t\"\":1,\"\"n_network\"\":2}\"\n"},
-        Case{"JSON kept", "a.json", "{}\n[\n{ \"n\":\"00441\"}\n{\"n\":1,\"t\":1,\"n_network\":2}\n",
-             "{\"n_network\":null}\n[\n{ \"n\":\"00441\",\"n_network\":null}\n{\"n\":1,\"t\":1,\"n_network\":2}\n",
-             "a.json,1,missing-member,\"{}\"\na.json,2,broken-json,\"[\"\n"
-             "a.json,3,missing-member,\"{ \"\"n\"\":\"\"00441\"\"}\"\n"
-             "a.json,4,name-taken,\"{\"\"n\"\":1,\"\"t\"\":1,\"\"n_network\"\":2}\"\n",
-             "--keep"},
-    };
-    for (Case const& test : cases) {
+    for (Format const& test : formatsCM) {
         folder.write(test.name, test.input);
         Result const result = run(std::string(test.options) + " --rejects rejects '" + test.name + "'");
         EXPECT_EQ(result.status, test.rejects.empty() ? 0 : 1) << test.label << result.err;
@@ -404,23 +408,22 @@ TEST_F(EnrichTest, FormatsToTheByte) {
 
 TEST_F(EnrichTest, ColumnsByNumberAndWithoutAHeader) {
     folder.write("a.csv", "n,n,t\n00441,00442,20220101000000\n");
-    EXPECT_EQ(shell(folder, "ENRICH --number 2 --number 1 --time t a.csv", "nphost.toml").out,
+    EXPECT_EQ(shell(folder, "ENRICH --number 2 --number 1 --time t a.csv").out,
               "n,n,t,n_2_network,n_1_network\n00441,00442,20220101000000,\"x,\"\"y\",B\n");
-    Result const again = shell(folder, "ENRICH --number 1 --time t a.csv | ENRICH --number 2 --time t", "nphost.toml");
+    Result const again = shell(folder, "ENRICH --number 1 --time t a.csv | ENRICH --number 2 --time t");
     EXPECT_TRUE(again.status == 2 && contains(again.err, "'n_network', is there already: give it another name"))
         << again.err;
-    EXPECT_EQ(shell(folder, "ENRICH --number 1 --time t --keep a.csv", "nphost.toml").out,
+    EXPECT_EQ(shell(folder, "ENRICH --number 1 --time t --keep a.csv").out,
               "n,n,t,n_network\n00441,00442,20220101000000,B\n");
-    EXPECT_EQ(
-        shell(folder, "tail -n 1 a.csv | ENRICH --no-header --number 2 --number 1 --time 3 --keep", "nphost.toml").out,
-        "00441,00442,20220101000000,\"x,\"\"y\",B\n");
+    EXPECT_EQ(shell(folder, "tail -n 1 a.csv | ENRICH --no-header --number 2 --number 1 --time 3 --keep").out,
+              "00441,00442,20220101000000,\"x,\"\"y\",B\n");
 }
 
 TEST_F(EnrichTest, SeveralInputsCompressedOrNot) {
     std::string place;
     std::string const line = "00441,20210101000000";
     folder.write("a.csv", headCM + line);
-    folder.write("b", std::string(nphost::Compressor(nphost::Compression::GZIP).compress(headCM + line + "\n", place)));
+    folder.write("b", gzipped(headCM + line + "\n"));
     folder.write("c",
                  std::string(nphost::Compressor(nphost::Compression::ZSTD).compress("\xef\xbb\xbf" + headCM, place)));
     folder.write("blank", "\n\n");
@@ -436,89 +439,95 @@ TEST_F(EnrichTest, SeveralInputsCompressedOrNot) {
     }
 }
 
-TEST_F(EnrichTest, FileErrorsLeaveTheOutputAsItWas) {
-    std::string place;
-    std::string const gzip(
-        nphost::Compressor(nphost::Compression::GZIP).compress(headCM + "00441,20210101000000\n", place));
-    folder.write("good.csv", headCM + "00441,20210101000000\n");
-    folder.write("cut.gz", gzip.substr(0, gzip.size() - 3));
-    folder.write("other.csv", "t,n\n");
-    folder.write("utf16.csv", "\xff\xfen\0"s);
-    folder.write("open.csv", "\"n,t\n");
-    folder.write("old.csv", "n,t\r00441,20210101000000\r00441,20210101000000\r");
-    folder.write("old.ndjson", "{\"n\":1,\r\"t\":1}\r{\"n\":1,\"t\":1}\r");
-    folder.write("empty.csv.gz", "");
-    folder.write("one.csv", "n;t\n");
-    folder.write("lines.csv", "{n,t}\n");
-    folder.write("out.csv", "old");
-    struct Case {
-        char const* arguments;
-        char const* reason;
-    };
-    for (Case const& test : {
-             Case{"cut.gz", "cut.gz: the compressed data end early"},
-             Case{"good.csv other.csv", "other.csv:1: the header is not the same as that of good.csv"},
-             Case{"utf16.csv", "UTF-16"},
-             Case{"open.csv", "open.csv:1: the header cannot be read"},
-             Case{"good.csv none.csv", "none.csv: cannot be opened: No such file"},
-             Case{"good.csv .", ".: cannot be read"},
-             Case{"out.csv", "out.csv is to be written, but is one of the inputs"},
-             Case{"- < out.csv", "is one of the inputs"},
-             Case{"good.csv --rejects out.csv", "cannot be the output and the file of rejects"},
-             Case{"good.csv --rejects data.dat", "the data file itself"},
-             Case{"good.csv --number m", "there is no column 'm'; there are 'n', 't'"},
-             Case{"good.csv --number 3", "no column '3'"},
-             Case{"good.csv --number 2", "named twice"},
-             Case{"good.csv --add networks", "'networks' is not one of"},
-             Case{"good.csv --rejects -", "name a file"},
-             Case{"good.csv --rejects none/r", "none/r cannot be written: its folder: No such file"},
-             Case{"old.csv", "old.csv: its lines end in carriage returns alone"},
-             Case{"--format ndjson old.ndjson", "its lines end in carriage returns alone"},
-             Case{"empty.csv.gz", "empty.csv.gz: the compressed data end early"},
-             Case{"one.csv --separator ,", "is the separator right?"},
-             Case{"lines.csv", "(JSON lines? --format ndjson)"},
-             Case{"good.csv --max-rejects -1", "'-1' is not a number"},
-             Case{"good.csv --separator '\"'", "--separator"},
-             Case{"good.csv --separator ''", "one byte (ASCII)"},
-             Case{"good.csv --separator '\xc2\xa7'", "one byte (ASCII)"},
-             Case{"good.csv --time-format never", "never"},
-             Case{"good.csv --zone Nowhere", "Nowhere"},
-             Case{"good.csv --format ndjson --no-header", "no meaning"},
-             Case{"good.csv --add prefix,prefix", "--add names 'prefix' twice"},
-         }) {
+// With inputs of which most cannot be used, and an output that must stay.
+class EnrichErrorTest : public EnrichTest {
+  protected:
+    EnrichErrorTest() {
+        std::string const good = headCM + "00441,20210101000000\n";
+        for (auto const& [name, content] : std::vector<std::pair<std::string, std::string>>{
+                 {"good.csv", good},
+                 {"cut.gz", gzipped(good).substr(0, gzipped(good).size() - 3)},
+                 {"other.csv", "t,n\n"},
+                 {"utf16.csv", "\xff\xfen\0"s},
+                 {"open.csv", "\"n,t\n"},
+                 {"old.csv", "n,t\r00441,20210101000000\r00441,20210101000000\r"},
+                 {"old.ndjson", "{\"n\":1,\r\"t\":1}\r{\"n\":1,\"t\":1}\r"},
+                 {"empty.csv.gz", ""},
+                 {"one.csv", "n;t\n"},
+                 {"lines.csv", "{n,t}\n"},
+                 {"out.csv", "old"}})
+            namesM.push_back(folder.write(name, content).substr(folder.file("").size()));
+    }
+    ~EnrichErrorTest() override { expectFiles(namesM); }
+
+    void expectError(Result const& result, char const* reason, std::string const& label) const {
+        EXPECT_EQ(result.status, 2) << label;
+        EXPECT_TRUE(contains(result.err, reason)) << label << "\n" << result.err;
+        EXPECT_EQ(contentOf(folder.file("out.csv")), "old") << label;
+    }
+
+  private:
+    std::vector<std::string> namesM;
+};
+
+struct Refused {
+    char const* arguments;
+    char const* reason;
+};
+
+constexpr Refused refusedCM[] = {
+    {"cut.gz", "cut.gz: the compressed data end early"},
+    {"good.csv other.csv", "other.csv:1: the header is not the same as that of good.csv"},
+    {"utf16.csv", "UTF-16"},
+    {"open.csv", "open.csv:1: the header cannot be read"},
+    {"good.csv none.csv", "none.csv: cannot be opened: No such file"},
+    {"good.csv .", ".: cannot be read"},
+    {"out.csv", "out.csv is to be written, but is one of the inputs"},
+    {"- < out.csv", "is one of the inputs"},
+    {"good.csv --rejects out.csv", "cannot be the output and the file of rejects"},
+    {"good.csv --rejects data.dat", "the data file itself"},
+    {"good.csv --number m", "there is no column 'm'; there are 'n', 't'"},
+    {"good.csv --number 3", "no column '3'"},
+    {"good.csv --number 2", "named twice"},
+    {"good.csv --add networks", "'networks' is not one of"},
+    {"good.csv --rejects -", "name a file"},
+    {"good.csv --rejects none/r", "none/r cannot be written: its folder: No such file"},
+    {"old.csv", "old.csv: its lines end in carriage returns alone"},
+    {"--format ndjson old.ndjson", "its lines end in carriage returns alone"},
+    {"empty.csv.gz", "empty.csv.gz: the compressed data end early"},
+    {"one.csv --separator ,", "is the separator right?"},
+    {"lines.csv", "(JSON lines? --format ndjson)"},
+    {"good.csv --max-rejects -1", "'-1' is not a number"},
+    {"good.csv --separator '\"'", "--separator"},
+    {"good.csv --separator ''", "one byte (ASCII)"},
+    {"good.csv --separator '\xc2\xa7'", "one byte (ASCII)"},
+    {"good.csv --time-format never", "never"},
+    {"good.csv --zone Nowhere", "Nowhere"},
+    {"good.csv --format ndjson --no-header", "no meaning"},
+    {"good.csv --add prefix,prefix", "--add names 'prefix' twice"},
+};
+
+TEST_F(EnrichErrorTest, LeaveTheOutputAsItWas) {
+    for (Refused const& test : refusedCM) {
         Result const result = run(std::string("--output out.csv ") + test.arguments);
-        EXPECT_EQ(result.status, 2) << test.arguments;
-        EXPECT_TRUE(contains(result.err, test.reason)) << test.arguments << "\n" << result.err;
-        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << test.arguments << "\n" << result.err;
-        EXPECT_EQ(contentOf(folder.file("out.csv")), "old") << test.arguments;
+        expectError(result, test.reason, test.arguments);
+        EXPECT_EQ(lineCount(result.err), 1) << test.arguments << "\n" << result.err;
     }
-    struct Redirection {
-        char const* arguments;
-        char const* reason;
-        char const* changed = nullptr;
-    };
-    for (Redirection const& test : {
-             Redirection{"good.csv --output /dev/full", "/dev/full is no regular file"},
-             Redirection{"--keep good.csv >> good.csv", "standard output is one of the inputs"},
-             Redirection{"--rejects out.csv good.csv >> out.csv", "standard output is the file of rejects"},
-             Redirection{"--keep good.csv > /dev/full", "No space left"},
-             Redirection{"--keep --rejects out.csv good.csv > /dev/full", "No space left"},
-             Redirection{"--rejects out.csv --output /dev/full good.csv", "No space left"},
-             Redirection{"--rejects /dev/full --output out.csv good.csv", "No space left"},
-         }) {
-        Result const result = run(test.arguments);
-        EXPECT_TRUE(result.status == 2 && contains(result.err, test.reason)) << test.arguments << "\n" << result.err;
-        EXPECT_EQ(contentOf(folder.file("out.csv")), "old") << test.arguments;
-    }
-    Result const limited =
-        shell(folder,
-              "yes 00441,20210101000000 | head -n 100 | (ulimit -f 1; ENRICH --no-header --number 1 --time 2 "
-              "--output out.csv)",
-              "nphost.toml");
-    EXPECT_TRUE(limited.status == 2 && contains(limited.err, "File too large")) << limited.status << limited.err;
-    EXPECT_EQ(contentOf(folder.file("out.csv")), "old");
-    expectFiles({"good.csv", "cut.gz", "other.csv", "utf16.csv", "open.csv", "old.csv", "old.ndjson", "empty.csv.gz",
-                 "one.csv", "lines.csv", "out.csv"});
+}
+
+TEST_F(EnrichErrorTest, OfOutputs) {
+    for (Refused const& test : {
+             Refused{"good.csv --output /dev/full", "/dev/full is no regular file"},
+             {"--keep good.csv >> good.csv", "standard output is one of the inputs"},
+             {"--rejects out.csv good.csv >> out.csv", "standard output is the file of rejects"},
+             {"--keep good.csv > /dev/full", "No space left"},
+             {"--keep --rejects out.csv good.csv > /dev/full", "No space left"},
+             {"--rejects out.csv --output /dev/full good.csv", "No space left"},
+             {"--rejects /dev/full --output out.csv good.csv", "No space left"},
+         })
+        expectError(run(test.arguments), test.reason, test.arguments);
+    expectError(shell(folder, "yes 00441,20210101000000 | head -n 100 | (ulimit -f 1; ENRICH ROWS --output out.csv)"),
+                "File too large", "a limit of the size");
 }
 
 TEST_F(EnrichTest, TooManyRejectsStopAndARecordOfAnySizeIsRejectedWhole) {
@@ -573,84 +582,90 @@ TEST_F(EnrichTest, WithoutAHeaderBadRecordsEndNothing) {
     while (bad.size() < nphost::BlockReader::blockSizeCM)
         bad += "00441,20210101000000,a\"b\n";
     folder.write("a.csv", bad + "\n00441,20210101000000\n00441\n");
-    std::string const command = "ENRICH --no-header --number 1 --time 2 --output out a.csv";
-    Result const result = shell(folder, command + " && exit 9; tail -n 1 out.rejects", "nphost.toml");
+    std::string const command = "ENRICH ROWS --output out a.csv";
+    Result const result = shell(folder, command + " && exit 9; tail -n 1 out.rejects");
     EXPECT_EQ(contentOf(folder.file("out")), "\n00441,20210101000000,A\n") << result.err;
-    EXPECT_EQ(result.out,
-              "a.csv," + std::to_string(std::count(bad.begin(), bad.end(), '\n') + 3) + ",field-count,\"00441\"\n");
-    Result const beyond = shell(folder, command + " --number 3", "nphost.toml");
+    EXPECT_EQ(result.out, "a.csv," + std::to_string(lineCount(bad) + 3) + ",field-count,\"00441\"\n");
+    Result const beyond = shell(folder, command + " --number 3");
     EXPECT_TRUE(beyond.status == 2 && contains(beyond.err, "no column '3'; there are columns 1 to 2")) << beyond.err;
-    EXPECT_EQ(
-        shell(folder, "(echo; echo 00441,20210101000000) | ENRICH --no-header --number 1 --time 2", "nphost.toml").out,
-        "\n00441,20210101000000,A\n");
+    EXPECT_EQ(shell(folder, "(echo; echo 00441,20210101000000) | ENRICH ROWS").out, "\n00441,20210101000000,A\n");
 }
 
-TEST_F(EnrichTest, PipesThatEndEarlyAndThatPause) {
-    Result const head = shell(folder,
-                              "for output in - /dev/stdout; do for trap in - ''; do (trap \"$trap\" PIPE; yes "
-                              "00441,20210101000000 2>/dev/null | "
-                              "ENRICH --no-header --number 1 --time 2 --rejects rejects --output $output; echo $? "
-                              ">>status) | head -n 1; done; done",
-                              "nphost.toml");
+TEST_F(EnrichTest, AReaderThatGoesEndsItAsASignalDoes) {
+    Result const head =
+        shell(folder, "for output in - /dev/stdout; do for trap in - ''; do (trap \"$trap\" PIPE; yes "
+                      "00441,20210101000000 2>/dev/null | ENRICH ROWS --rejects rejects --output $output; echo $? "
+                      ">>status) | head -n 1; done; done");
     EXPECT_EQ(head.out,
               "00441,20210101000000,A\n00441,20210101000000,A\n00441,20210101000000,A\n00441,20210101000000,A\n");
     EXPECT_EQ(head.err, "");
-    EXPECT_EQ(contentOf(folder.file("status")), "141\n141\n141\n141\n")
-        << "as a signal ends it, also when that is ignored";
-    // The second record is asked for only when the first answer has come.
+    EXPECT_EQ(contentOf(folder.file("status")), "141\n141\n141\n141\n") << "also when the signal is ignored";
+    expectFiles({"status"});
+}
+
+// With two named pipes, and nothing else left in the end.
+class EnrichPipeTest : public EnrichTest {
+  protected:
+    EnrichPipeTest() {
+        for (char const* const name : {"in", "out"})
+            EXPECT_EQ(mkfifo(folder.file(name).c_str(), 0600), 0);
+        folder.write("a.csv", "00441,20210101000000\n");
+        folder.write("err", "");
+    }
+    ~EnrichPipeTest() override { expectFiles({"in", "out", "err", "a.csv"}); }
+
+    static constexpr char const* untilOpenedCM =
+        "timeout 20 sh -c 'until ls -l /proc/$0/fd | grep -q /in$; do :; done 2>/dev/null' $run; ";
+};
+
+// The second record is asked for only when the first answer has come.
+TEST_F(EnrichPipeTest, AnswersBeforeItAsksAgain) {
     Result const dialogue =
-        shell(folder,
-              "mkfifo in out; ENRICH --no-header --number 1 --time 2 --keep <in >out 2>err & exec 3>in 4<out; "
-              "echo 00441,20210101000000 >&3; read first <&4; echo 00441,20230101000000 >&3; read second <&4; "
-              "exec 3>&-; wait; echo $first $second",
-              "nphost.toml");
+        shell(folder, "ENRICH ROWS --keep <in >out 2>err & exec 3>in 4<out; echo 00441,20210101000000 >&3; read first "
+                      "<&4; echo 00441,20230101000000 >&3; read second <&4; exec 3>&-; wait; echo $first $second");
     EXPECT_EQ(dialogue.out, "00441,20210101000000,A 00441,20230101000000,B\n") << dialogue.err;
-    // Too many rejects, and a feed that is still open.
+}
+
+TEST_F(EnrichPipeTest, TooManyRejectsStopAFeedThatIsStillOpen) {
     Result const endless = shell(
-        folder,
-        "ENRICH --no-header --number 1 --time 2 --rejects rejects --max-rejects 0 <in 2>err & run=$!; exec 3>in; "
-        "printf '00441,20210101000000\\nx\\n' >&3; timeout 60 tail --pid=$run -f /dev/null || kill -9 $run; wait $run",
-        "nphost.toml");
+        folder, "ENRICH ROWS --rejects rejects --max-rejects 0 <in 2>err & run=$!; exec 3>in; "
+                "printf '00441,20210101000000\\nx\\n' >&3; timeout 60 tail --pid=$run -f /dev/null || kill -9 $run; "
+                "wait $run");
     EXPECT_EQ(endless.status, 1) << contentOf(folder.file("err"));
-    std::filesystem::remove(folder.file("rejects"));
-    // Signals while it waits for input, and while it waits for a reader.
+    EXPECT_TRUE(std::filesystem::remove(folder.file("rejects")));
+}
+
+// While it waits for input, and while it waits for a reader.
+TEST_F(EnrichPipeTest, SignalsEndIt) {
     for (std::string const feed : {"exec 3>in; echo 00441,20210101000000 >&3", "yes 00441,20210101000000 2>err >in &"})
         for (auto const& [signal, number] : {std::pair("TERM", SIGTERM), std::pair("HUP", SIGHUP)}) {
             Result const ended =
-                shell(folder,
-                      "ENRICH --no-header --number 1 --time 2 --rejects rejects <in >out 2>err & run=$!; "
-                      "{ " +
-                          feed + "\n }; exec 4<out; read first <&4; kill -" + signal + " $run; wait $run",
-                      "nphost.toml");
+                shell(folder, "ENRICH ROWS --rejects rejects <in >out 2>err & run=$!; { " + feed +
+                                  "\n }; exec 4<out; read first <&4; kill -" + signal + " $run; wait $run");
             EXPECT_EQ(ended.status, 128 + number) << feed << ended.err;
         }
-    // A named pipe as output, whose reader goes, or stays and reads no more while a signal comes.
+}
+
+// Its reader goes, or stays and reads no more while a signal comes.
+TEST_F(EnrichPipeTest, AsOutput) {
     for (auto const& [end, status] :
          {std::pair("exec 4<&-", 128 + SIGPIPE), std::pair("kill -TERM $run", 128 + SIGTERM)}) {
-        Result const ended = shell(
-            folder,
-            "exec 4<>out; yes 00441,20210101000000 2>/dev/null 4<&- | "
-            "ENRICH --no-header --number 1 --time 2 --rejects rejects --output out 4<&- & run=$!; read first <&4; "s +
-                end + "; wait $run",
-            "nphost.toml");
+        Result const ended =
+            shell(folder, "exec 4<>out; yes 00441,20210101000000 2>/dev/null 4<&- | ENRICH ROWS --rejects rejects "
+                          "--output out 4<&- & run=$!; read first <&4; "s +
+                              end + "; wait $run");
         EXPECT_EQ(ended.status, status) << end;
         EXPECT_FALSE(contains(ended.err, "nphost:")) << ended.err;
     }
-    // A named pipe as a further input, whose writer never comes; and one whose writer comes late.
-    folder.write("a.csv", "00441,20210101000000\n");
-    std::string const untilOpened =
-        "timeout 20 sh -c 'until ls -l /proc/$0/fd | grep -q /in$; do :; done 2>/dev/null' $run; ";
-    Result const waiting = shell(folder,
-                                 "ENRICH --no-header --number 1 --time 2 --output result a.csv in & run=$!; " +
-                                     untilOpened + "kill $run; wait $run",
-                                 "nphost.toml");
+}
+
+// Its writer never comes, or comes late.
+TEST_F(EnrichPipeTest, AsFurtherInput) {
+    Result const waiting =
+        shell(folder, "ENRICH ROWS --output result a.csv in & run=$!; "s + untilOpenedCM + "kill $run; wait $run");
     EXPECT_EQ(waiting.status, 128 + SIGTERM) << waiting.err;
-    Result const late =
-        shell(folder,
-              "ENRICH --no-header --number 1 --time 2 --keep in & run=$!; " + untilOpened + "cat a.csv >in; wait $run",
-              "nphost.toml");
+    Result const late = shell(folder, "ENRICH ROWS --keep in & run=$!; "s + untilOpenedCM + "cat a.csv >in; wait $run");
     EXPECT_EQ(late.out, "00441,20210101000000,A\n") << late.err;
-    expectFiles({"status", "in", "out", "err", "a.csv"});
 }
 
 TEST(InterruptionDeathTest, ASecondSignalOfAnyKindEndsAtOnce) {

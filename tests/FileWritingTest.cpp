@@ -163,58 +163,65 @@ TEST_F(Writing, IsWholeThoughItIsInterrupted) {
     }
 }
 
+enum Outcome { KEPT, OVERWRITTEN, REPLACED };
+using Way = STR::Rewriting;
+
+struct RefusedCall {
+    char const* call;
+    int error;
+    Outcome ifNeeded, never;
+    Way::Way foretold;
+    char const* reason;
+};
+
+constexpr RefusedCall refusedCallsCM[] = {
+    {"nothing", 0, REPLACED, REPLACED, Way::REPLACED, ""},
+    {"create", EACCES, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot create a file beside it: Permission"},
+    {"create", EROFS, OVERWRITTEN, KEPT, Way::IN_PLACE, "Read-only"},
+    {"create", ENOSPC, KEPT, KEPT, Way::IMPOSSIBLE, "No space"},
+    {"create", EMFILE, KEPT, KEPT, Way::IMPOSSIBLE, "open files"},
+    {"chown", EPERM, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot keep the owner of it: Operation"},
+    {"chmod of a private file", EPERM, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot keep the mode of it"},
+    {"rename", EBUSY, OVERWRITTEN, KEPT, Way::REPLACED, "cannot replace it: Device or resource busy"},
+    {"rename", EXDEV, OVERWRITTEN, KEPT, Way::REPLACED, "cannot replace it: Invalid cross-device link"},
+    {"rename", EIO, KEPT, KEPT, Way::REPLACED, "cannot replace it: Input/output error"},
+    {"sync", EIO, KEPT, KEPT, Way::REPLACED, "cannot sync it"},
+    {"sync folder", EIO, REPLACED, REPLACED, Way::REPLACED, "cannot sync the folder of it"},
+};
+
+class RefusedWriting : public Writing, public testing::WithParamInterface<STR::FileIo::InPlace> {};
+
 // What happens when a call is refused: to a file that may be overwritten and to one that may not; and what is foretold.
-TEST_F(Writing, ReplacesOverwritesOrKeeps) {
-    enum Outcome { KEPT, OVERWRITTEN, REPLACED };
-    struct Case {
-        char const* call;
-        int error;
-        Outcome ifNeeded, never;
-        STR::Rewriting::Way foretold;
-        char const* reason;
-    };
-    using Way = STR::Rewriting;
-    for (Case const& c : {
-             Case{"nothing", 0, REPLACED, REPLACED, Way::REPLACED, ""},
-             {"create", EACCES, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot create a file beside it: Permission"},
-             {"create", EROFS, OVERWRITTEN, KEPT, Way::IN_PLACE, "Read-only"},
-             {"create", ENOSPC, KEPT, KEPT, Way::IMPOSSIBLE, "No space"},
-             {"create", EMFILE, KEPT, KEPT, Way::IMPOSSIBLE, "open files"},
-             {"chown", EPERM, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot keep the owner of it: Operation"},
-             {"chmod of a private file", EPERM, OVERWRITTEN, KEPT, Way::IN_PLACE, "cannot keep the mode of it"},
-             {"rename", EBUSY, OVERWRITTEN, KEPT, Way::REPLACED, "cannot replace it: Device or resource busy"},
-             {"rename", EXDEV, OVERWRITTEN, KEPT, Way::REPLACED, "cannot replace it: Invalid cross-device link"},
-             {"rename", EIO, KEPT, KEPT, Way::REPLACED, "cannot replace it: Input/output error"},
-             {"sync", EIO, KEPT, KEPT, Way::REPLACED, "cannot sync it"},
-             {"sync folder", EIO, REPLACED, REPLACED, Way::REPLACED, "cannot sync the folder of it"},
-         })
-        for (STR::FileIo::InPlace const inPlace : {STR::FileIo::IF_NEEDED, STR::FileIo::NEVER}) {
-            SCOPED_TRACE(std::string(c.call) + " " + std::to_string(c.error) + " " + std::to_string(inPlace));
-            folder.write("data", "old");
-            if (geteuid() == 0) {
-                ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
-            } else if (c.call == std::string("chown")) {
-                continue;
-            }
-            ino_t const before = number();
-            Outcome const expected = inPlace == STR::FileIo::IF_NEEDED ? c.ifNeeded : c.never;
-            Calls calls;
-            calls.refused = {{c.call, c.error}};
-            STR::Rewriting const foretold = STR::rewritingOf(BAS::String(file));
-            EXPECT_EQ(foretold.way, c.foretold);
-            EXPECT_EQ(foretold.reason.empty(), c.foretold == Way::REPLACED);
-            EXPECT_EQ(contentOf(file), "old") << "it is only tried";
-            Written const written = write("new content", inPlace);
-            EXPECT_EQ(written.good, expected == OVERWRITTEN || c.error == 0) << written.failure;
-            EXPECT_EQ(contentOf(file), expected == KEPT ? "old" : "new content");
-            EXPECT_EQ(number() == before, expected != REPLACED);
-            EXPECT_EQ(written.hasVersion, expected != KEPT);
-            EXPECT_NE((expected == OVERWRITTEN ? written.inPlaceReason : written.failure).find(c.reason),
-                      std::string::npos)
-                << written.inPlaceReason << written.failure;
-            EXPECT_EQ(files(), 1U);
+TEST_P(RefusedWriting, ReplacesOverwritesOrKeeps) {
+    STR::FileIo::InPlace const inPlace = GetParam();
+    for (RefusedCall const& c : refusedCallsCM) {
+        SCOPED_TRACE(std::string(c.call) + " " + std::to_string(c.error));
+        folder.write("data", "old");
+        if (geteuid() == 0) {
+            ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
+        } else if (c.call == std::string("chown")) {
+            continue;
         }
+        ino_t const before = number();
+        Outcome const expected = inPlace == STR::FileIo::IF_NEEDED ? c.ifNeeded : c.never;
+        Calls calls;
+        calls.refused = {{c.call, c.error}};
+        STR::Rewriting const foretold = STR::rewritingOf(BAS::String(file));
+        EXPECT_EQ(foretold.way, c.foretold);
+        EXPECT_EQ(foretold.reason.empty(), c.foretold == Way::REPLACED);
+        EXPECT_EQ(contentOf(file), "old") << "it is only tried";
+        Written const written = write("new content", inPlace);
+        EXPECT_EQ(written.good, expected == OVERWRITTEN || c.error == 0) << written.failure;
+        EXPECT_EQ(contentOf(file), expected == KEPT ? "old" : "new content");
+        EXPECT_EQ(number() == before, expected != REPLACED);
+        EXPECT_EQ(written.hasVersion, expected != KEPT);
+        EXPECT_NE((expected == OVERWRITTEN ? written.inPlaceReason : written.failure).find(c.reason), std::string::npos)
+            << written.inPlaceReason << written.failure;
+        EXPECT_EQ(files(), 1U);
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(InPlace, RefusedWriting, testing::Values(STR::FileIo::IF_NEEDED, STR::FileIo::NEVER));
 
 TEST_F(Writing, LosesNoByteBeforeThereIsRoomForAll) {
     std::string const longer(3'000'000, 'x');
@@ -272,11 +279,16 @@ TEST_F(Writing, OverwritesWhatIsMountedByItself) {
     EXPECT_EQ(contentOf(file), "new");
 }
 
-TEST_F(Writing, LeftoversGoWhenNobodyWritesThem) {
-    pid_t const gone = fork();
-    if (gone == 0)
+pid_t endedProcess() {
+    pid_t const child = fork();
+    if (child == 0)
         _exit(0);
-    waitpid(gone, nullptr, 0);
+    waitpid(child, nullptr, 0);
+    return child;
+}
+
+TEST_F(Writing, LeftoversGoWhenNobodyWritesThem) {
+    pid_t const gone = endedProcess();
     struct Case {
         std::string name;
         bool stays;

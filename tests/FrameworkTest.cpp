@@ -9,13 +9,13 @@
 #include "framework/STR/FileIo.h"
 #include "framework/STR/FileIoTurbo.h"
 #include "fuzz/Calendar.h"
+#include "tests/SeededRandom.h"
 #include "tests/TemporaryFolder.h"
 
 #include <atomic>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <latch>
-#include <random>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -65,9 +65,7 @@ TEST(String, SplitsAtWhiteSpaceOnly) {
 }
 
 TEST(String, ViewsOfWordsAreThoseOfSplit) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    SeededRandom random;
     // Separators, their neighbours, and bytes that some other reader takes for blanks.
     std::string const bytes = " \t\r\v\f\n  abcdefg\x08\x0e\x1f!\x85\xa0\x89\xff\0"s;
     for (std::size_t round = 0; round < 20'000; ++round) {
@@ -94,28 +92,15 @@ TEST(String, ViewsOfWordsAreThoseOfSplit) {
 }
 
 TEST(String, ConvertsUnsignedDecimalNumbersOnly) {
-    struct Case {
-        char const* text;
-        bool good;
-        unsigned value;
-    };
-    for (Case const& c : {Case{"0", true, 0},
-                          {"007", true, 7},
-                          {"4294967295", true, 4294967295U},
-                          {"4294967296", false, 0},
-                          {"99999999999999999999", false, 0},
-                          {"", false, 0},
-                          {"-1", false, 0},
-                          {"-0", false, 0},
-                          {"+1", false, 0},
-                          {" 1", false, 0},
-                          {"1 ", false, 0},
-                          {"x1", false, 0},
-                          {"0x1", false, 0},
-                          {"1.0", false, 0}}) {
-        unsigned value = 77;
-        EXPECT_EQ(BAS::String(c.text).toNum(value), c.good) << c.text;
-        EXPECT_EQ(value, c.good ? c.value : 77) << c.text;
+    unsigned value = 77;
+    for (char const* const text :
+         {"4294967296", "99999999999999999999", "", "-1", "-0", "+1", " 1", "1 ", "x1", "0x1", "1.0"}) {
+        EXPECT_FALSE(BAS::String(text).toNum(value)) << text;
+        EXPECT_EQ(value, 77U) << text;
+    }
+    for (auto const& [text, expected] : {std::pair{"0", 0U}, {"007", 7U}, {"4294967295", 4294967295U}}) {
+        EXPECT_TRUE(BAS::String(text).toNum(value)) << text;
+        EXPECT_EQ(value, expected) << text;
     }
 }
 
@@ -162,39 +147,17 @@ TEST(SimpleString, KeepsOfAViewWhatIsBeforeItsFirstNul) {
 }
 
 TEST(DateTime, TakesRealInstantsOnly) {
-    struct Case {
-        char const* text;
-        bool valid;
-    };
-    for (Case const& c : {Case{"00010101000000", true},
-                          {"99991231235959", true},
-                          {"20240229000000", true},
-                          {"20000229000000", true},
-                          {"19000229000000", false},
-                          {"20230229000000", false},
-                          {"00000101000000", false},
-                          {"20240001000000", false},
-                          {"20241301000000", false},
-                          {"20240100000000", false},
-                          {"20240132000000", false},
-                          {"20240431000000", false},
-                          {"20240101240000", false},
-                          {"20240101006000", false},
-                          {"20240101000060", false},
-                          {"", false},
-                          {"2024010100000", false},
-                          {"202401010000000", false},
-                          {"2024010100000x", false},
-                          {"+2024010100000", false},
-                          {" 2024010100000", false},
-                          {"2024-01-01 000", false},
-                          {"UNKNOWN", false}}) {
-        BAS::DateTime const when{BAS::String(c.text)};
-        EXPECT_EQ(when.isValid(), c.valid) << c.text;
-        EXPECT_EQ(when.seconds() < BAS::DateTime::invalidSecsCM, c.valid) << c.text;
-        if (c.valid) {
-            EXPECT_EQ(when.asString("%Y%m%d%H%M%S").str(), c.text);
-        }
+    for (char const* const text : {"00010101000000", "99991231235959", "20240229000000", "20000229000000"}) {
+        BAS::DateTime const when{BAS::String(text)};
+        EXPECT_TRUE(when.isValid() && when.seconds() < BAS::DateTime::invalidSecsCM) << text;
+        EXPECT_EQ(when.asString("%Y%m%d%H%M%S").str(), text);
+    }
+    for (char const* const text :
+         {"19000229000000", "20230229000000", "00000101000000", "20240001000000", "20241301000000", "20240100000000",
+          "20240132000000", "20240431000000", "20240101240000", "20240101006000", "20240101000060", "", "2024010100000",
+          "202401010000000", "2024010100000x", "+2024010100000", " 2024010100000", "2024-01-01 000", "UNKNOWN"}) {
+        BAS::DateTime const when{BAS::String(text)};
+        EXPECT_FALSE(when.isValid() || when.seconds() < BAS::DateTime::invalidSecsCM) << text;
     }
     EXPECT_EQ(BAS::DateTime(), BAS::DateTime(BAS::String("UNKNOWN")));
     EXPECT_FALSE(BAS::DateTime().isValid());
@@ -223,9 +186,7 @@ TEST(DateTime, CountsEveryDayAndFormatsItBack) {
 }
 
 TEST(DateTime, AgreesWithTheLibrarysCalendarOnAlmostValidTexts) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    SeededRandom random;
     std::string const bytes = "0123456789/:\x2f\x3a\x20\x00\xb0\xfa\xff?-"s; // digits and their neighbours
     unsigned valid = 0;
     for (int round = 0; round < 200'000; ++round) {
@@ -639,41 +600,42 @@ TEST_F(Writer, WritesPipesAndDevicesInPlace) {
     EXPECT_EQ(contentOf(folder.file("own")), "abcdef");
 }
 
+namespace {
+
+[[noreturn]] void sleepsOn(BAS::Thread& self, unsigned milliseconds) {
+    for (;;) {
+        self.serviceCancellation();
+        self.sleep(milliseconds);
+    }
+}
+
+void isInterrupted(BAS::Thread& self) {
+    self.interrupt();
+    self.serviceInterrupt();
+    self.serviceCancellation();
+    FAIL() << "passed a cancellation";
+}
+
+void swallowsTheCancellation(BAS::Thread& self) {
+    for (int i = 0; i < 3; ++i)
+        try {
+            sleepsOn(self, 1);
+        } catch (...) { // NOLINT(bugprone-empty-catch): what a worker should not do
+        }
+}
+
+} // namespace
+
 TEST(Thread, StopEndsItWhateverItDoes) {
     struct Case {
         char const* name;
         std::function<void(BAS::Thread&)> body;
     };
-    Case const cases[] = {
-        {"returns", [](BAS::Thread&) {}},
-        {"throws", [](BAS::Thread&) { throw std::runtime_error("ends the thread only"); }},
-        {"sleeps",
-         [](BAS::Thread& self) {
-             for (;;) {
-                 self.serviceCancellation();
-                 self.sleep(3'600'000);
-             }
-         }},
-        {"is interrupted",
-         [](BAS::Thread& self) {
-             self.interrupt();
-             self.serviceInterrupt();
-             self.serviceCancellation();
-             FAIL() << "passed a cancellation";
-         }},
-        {"swallows the cancellation",
-         [](BAS::Thread& self) {
-             for (int i = 0; i < 3; ++i)
-                 try {
-                     for (;;) {
-                         self.serviceCancellation();
-                         self.sleep(1);
-                     }
-                 } catch (...) { // NOLINT(bugprone-empty-catch): what a worker should not do
-                 }
-         }},
-    };
-    for (Case const& c : cases) {
+    for (Case const& c : {Case{"returns", [](BAS::Thread&) {}},
+                          {"throws", [](BAS::Thread&) { throw std::runtime_error("ends the thread only"); }},
+                          {"sleeps", [](BAS::Thread& self) { sleepsOn(self, 3'600'000); }},
+                          {"is interrupted", isInterrupted},
+                          {"swallows the cancellation", swallowsTheCancellation}}) {
         SCOPED_TRACE(c.name);
         BAS::Thread thread(nullptr);
         std::latch started(1);

@@ -10,9 +10,11 @@
 #include "host/log/MessageCatalogue.h"
 #include "host/module/LookUpBatch.h"
 #include "host/records/ByteSource.h"
-#include "tests/DefaultSignals.h"
 #include "tests/LimitedMemory.h"
+#include "tests/SeededRandom.h"
+#include "tests/Spawn.h"
 #include "tests/TemporaryFolder.h"
+#include "tests/Texts.h"
 
 #include <gtest/gtest.h>
 
@@ -38,17 +40,10 @@
 
 namespace {
 
-std::string const programCM = std::string(NP_PROGRAM_FOLDER) + "/nphost";
 std::string const exampleCM = std::string(NP_SOURCE_FOLDER) + "/examples/nphost.toml";
 std::string const exampleDataCM = std::string(NP_SOURCE_FOLDER) + "/examples/portability.dat";
 
 using Arguments = std::vector<std::string>;
-
-struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
 
 // A pipe whose ends close with it, and are not inherited by the program but where it is told so.
 struct Pipe {
@@ -71,27 +66,14 @@ struct Pipe {
 };
 
 pid_t start(Arguments const& arguments, int in, int out, int err) {
-    std::vector<char*> argv = {const_cast<char*>(programCM.c_str())};
-    for (std::string const& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-    pid_t process = -1;
-    int const error = posix_spawn(&process, programCM.c_str(), &actions, DefaultSignals().get(), argv.data(), environ);
+    pid_t const process = spawn(commandOf(arguments), &actions);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0)
-        throw std::runtime_error("cannot start " + programCM);
     return process;
-}
-
-int statusOf(pid_t process) {
-    int status = 0;
-    waitpid(process, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 bool hasEnded(pid_t process) {
@@ -106,7 +88,7 @@ Result run(Arguments const& arguments, std::string const& input = {}) {
     int const out = open(folder.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     int const err = open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     Result result;
-    result.status = statusOf(start(arguments, in, out, err));
+    result.status = waitFor(start(arguments, in, out, err));
     for (int const descriptor : {in, out, err})
         close(descriptor);
     result.out = contentOf(folder.file("out"));
@@ -114,25 +96,9 @@ Result run(Arguments const& arguments, std::string const& input = {}) {
     return result;
 }
 
-long lineCount(std::string const& text) {
-    return std::count(text.begin(), text.end(), '\n');
+std::string dataOf(long numbers) {
+    return numberedLines(numbers, "00", 100000000, "  20200101000000  A");
 }
-
-bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// A configuration beside a data file, in a folder of its own.
-struct Site {
-    explicit Site(std::string const& content, std::string const& more = {})
-        : data(folder.write("data.dat", content)),
-          configuration(folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n"
-                                                    "CountryCode = \"44\"\nNationalAccessCode = \"0\"\n" +
-                                                        more)) {}
-    TemporaryFolder folder;
-    std::string data;
-    std::string configuration;
-};
 
 void expectOneLine(Result const& result, std::string const& part, std::string const& label) {
     EXPECT_EQ(result.status, 2) << label << "\n" << result.err;
@@ -141,68 +107,54 @@ void expectOneLine(Result const& result, std::string const& part, std::string co
     EXPECT_TRUE(contains(result.err, part)) << label << "\n" << result.err;
 }
 
+struct Answer {
+    char const* label;
+    std::string arguments; // an instant, and what follows it, between bars
+    int status;
+    char const* out;
+    char const* err = "";
+};
+
+std::vector<Answer> const answersCM = {
+    {"before the first port: the block", "20200101000000|00447700900123", 0,
+     "00447700900123\t20200101000000\t20180101000000\tALPHA\n"},
+    {"the second before a port", "20210301015959|00447700900123", 0,
+     "00447700900123\t20210301015959\t20180101000000\tALPHA\n"},
+    {"the very second of a port", "20210301020000|00447700900123", 0,
+     "00447700900123\t20210301020000\t20210301020000\tBRAVO\n"},
+    {"ISO, after the second port", "2025-01-01T00:00:00Z|00447700900123", 0,
+     "00447700900123\t20250101000000\t20240915020000\tCHARLIE\n"},
+    {"a port still to come, several numbers in order, one of nobody",
+     "2024-06-15 12:00:00|00447700900124|0033|004420794600180", 1,
+     "00447700900124\t20240615120000\t20180101000000\tALPHA\n0033\t20240615120000\t-\t-\n"
+     "004420794600180\t20240615120000\t20230522020000\tCITYTEL\n"},
+    {"before all records", "20171231235959|00447700900123", 1, "00447700900123\t20171231235959\t-\t-\n"},
+    {"exact, and the block is not enough", "20240615120000|--method|exact|00447700900199", 1,
+     "00447700900199\t20240615120000\t-\t-\n"},
+    {"shortest", "20240615120000|--method|shortest|00447700900550", 0,
+     "00447700900550\t20240615120000\t20180101000000\tALPHA\n"},
+    {"as people write numbers",
+     "20240615120000|--normalise|(07700) 900-123|+44 20.7946 0018|00447700900550|+44 (0)7700 900123|"
+     "tel:+44(0)7700900123|07700\u00a0900123 ext. 5",
+     0,
+     "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
+     "00442079460018\t20240615120000\t20230522020000\tCITYTEL\n"
+     "00447700900550\t20240615120000\t20230120020000\tALPHA\n"
+     "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
+     "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
+     "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"},
+    {"not normalised: national form is not stored form", "20240615120000|07700900123|0033|+0 0", 1,
+     "07700900123\t20240615120000\t-\t-\n0033\t20240615120000\t-\t-\n+0 0\t20240615120000\t-\t-\n",
+     "nphost: '07700900123' is not in stored form, which begins with the international access code; --normalise takes "
+     "numbers as people write them\n"},
+};
+
 TEST(HostLookupTest, AnswersFromTheExamples) {
-    struct Case {
-        char const* label;
-        Arguments more;
-        int status;
-        char const* out;
-        char const* err = "";
-    };
-    std::vector<Case> const cases = {
-        {"before the first port: the block",
-         {"--at", "20200101000000", "00447700900123"},
-         0,
-         "00447700900123\t20200101000000\t20180101000000\tALPHA\n"},
-        {"the second before a port",
-         {"--at", "20210301015959", "00447700900123"},
-         0,
-         "00447700900123\t20210301015959\t20180101000000\tALPHA\n"},
-        {"the very second of a port",
-         {"--at", "20210301020000", "00447700900123"},
-         0,
-         "00447700900123\t20210301020000\t20210301020000\tBRAVO\n"},
-        {"ISO, after the second port",
-         {"--at", "2025-01-01T00:00:00Z", "00447700900123"},
-         0,
-         "00447700900123\t20250101000000\t20240915020000\tCHARLIE\n"},
-        {"a port still to come, several numbers in order, one of nobody",
-         {"--at", "2024-06-15 12:00:00", "00447700900124", "0033", "004420794600180"},
-         1,
-         "00447700900124\t20240615120000\t20180101000000\tALPHA\n0033\t20240615120000\t-\t-\n"
-         "004420794600180\t20240615120000\t20230522020000\tCITYTEL\n"},
-        {"before all records",
-         {"--at", "20171231235959", "00447700900123"},
-         1,
-         "00447700900123\t20171231235959\t-\t-\n"},
-        {"exact, and the block is not enough",
-         {"--at", "20240615120000", "--method", "exact", "00447700900199"},
-         1,
-         "00447700900199\t20240615120000\t-\t-\n"},
-        {"shortest",
-         {"--at", "20240615120000", "--method", "shortest", "00447700900550"},
-         0,
-         "00447700900550\t20240615120000\t20180101000000\tALPHA\n"},
-        {"as people write numbers",
-         {"--at", "20240615120000", "--normalise", "(07700) 900-123", "+44 20.7946 0018", "00447700900550",
-          "+44 (0)7700 900123", "tel:+44(0)7700900123", "07700\u00a0900123 ext. 5"},
-         0,
-         "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
-         "00442079460018\t20240615120000\t20230522020000\tCITYTEL\n"
-         "00447700900550\t20240615120000\t20230120020000\tALPHA\n"
-         "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
-         "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
-         "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"},
-        {"not normalised: national form is not stored form",
-         {"--at", "20240615120000", "07700900123", "0033", "+0 0"},
-         1,
-         "07700900123\t20240615120000\t-\t-\n0033\t20240615120000\t-\t-\n+0 0\t20240615120000\t-\t-\n",
-         "nphost: '07700900123' is not in stored form, which begins with the international access code; --normalise "
-         "takes numbers as people write them\n"},
-    };
-    for (Case const& test : cases) {
-        Arguments arguments = {"lookup", "--config", exampleCM};
-        arguments.insert(arguments.end(), test.more.begin(), test.more.end());
+    for (Answer const& test : answersCM) {
+        Arguments arguments = {"lookup", "--config", exampleCM, "--at"};
+        std::istringstream words(test.arguments);
+        for (std::string word; std::getline(words, word, '|');)
+            arguments.push_back(word);
         Result const result = run(arguments);
         EXPECT_EQ(result.status, test.status) << test.label;
         EXPECT_EQ(result.out, test.out) << test.label;
@@ -210,85 +162,83 @@ TEST(HostLookupTest, AnswersFromTheExamples) {
     }
 }
 
+std::string const atCM = "20240615120000";
+std::string const longNumberCM = "00447700900123" + std::string(300000, '5');
+
+struct Question {
+    char const* label;
+    std::string line;
+    std::string answer;
+    char const* complaint; // null for a good line
+};
+
+std::vector<Question> const questionsCM = {
+    {"number alone", "00447700900123", "00447700900123\t" + atCM + "\t20210301020000\tBRAVO", nullptr},
+    {"instant", "00447700900123\t20250101000000", "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
+    {"ISO instant, CRLF", "00447700900123\t2025-01-01T00:00:00Z\r",
+     "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
+    {"own method wins over --method", "00447700900550\t" + atCM + "\t2",
+     "00447700900550\t" + atCM + "\t20180101000000\tALPHA", nullptr},
+    {"empty instant and method", "00447700900123\t\t", "00447700900123\t" + atCM + "\t20210301020000\tBRAVO", nullptr},
+    {"blanks", " 00447700900123  20250101000000 exact ", "00447700900123\t20250101000000\t20240915020000\tCHARLIE",
+     nullptr},
+    {"further columns", "00447700900123\t" + atCM + "\t0\tname\t" + std::string(600000, 'x'),
+     "00447700900123\t" + atCM + "\t20210301020000\tBRAVO", nullptr},
+    {"very long number", longNumberCM, longNumberCM + "\t" + atCM + "\t20210301020000\tBRAVO", nullptr},
+    {"nobody's number", "0033", "0033\t" + atCM + "\t-\t-", nullptr},
+    {"empty line", "", "\t\t-\t-", ":10: the line is empty"},
+    {"CRLF alone", "\r", "\t\t-\t-", ":11: the line is empty"},
+    {"no number", "\t" + atCM, "\t" + atCM + "\t-\t-", ":12: there is no number"},
+    {"no digit", "hello\t" + atCM, "hello\t" + atCM + "\t-\t-", ":13: there is no number: 'hello'"},
+    {"no such day", "0044\t20230229000000", "0044\t20230229000000\t-\t-", ":14: the instant is not valid"},
+    {"method out of range", "0044\t" + atCM + "\t3", "0044\t" + atCM + "\t-\t-",
+     ":15: the method is not best, exact or shortest, nor 0, 1 or 2: '3'"},
+    {"control characters in the complaint", "0044\t\x1b[2J", "0044\t\x1b[2J\t-\t-",
+     ":16: the instant is not valid: '\\x1b[2J'"},
+    {"blanks, a tab, and an instant in two parts", "00447700900550 \t 2024-06-15 12:00:00\vshortest more",
+     "00447700900550\t" + atCM + "\t20180101000000\tALPHA", nullptr},
+    {"lined up by tabs", "00447700900123\t\t20250101000000", "00447700900123\t20250101000000\t20240915020000\tCHARLIE",
+     nullptr},
+    {"a method, and no instant", "00447700900550\t\tshortest", "00447700900550\t" + atCM + "\t20180101000000\tALPHA",
+     nullptr},
+    {"blanks in a number", "0044 7700 900123", "0044\t7700\t-\t-", ":20: the instant is not valid: '7700'"},
+    {"half an instant", "0044 2024-06-15 12:00", "0044\t2024-06-15\t-\t-",
+     ":21: the instant is not valid: '2024-06-15'"},
+    {"lines that end in carriage returns", "0044\r0045", "0044\r0045\t\t-\t-", ":22: a carriage return is in the line"},
+    {"last line without a newline", "00447700900150", "00447700900150\t" + atCM + "\t20220610020000\tDELTA", nullptr},
+};
+
 TEST(HostLookupTest, StreamKeepsOrderAndBearsWithEveryLine) {
-    std::string const at = "20240615120000";
-    std::string const longTail(600000, 'x');
-    std::string const longNumber = "00447700900123" + std::string(300000, '5');
-    struct Case {
-        char const* label;
-        std::string line;
-        std::string answer;
-        char const* complaint; // null for a good line
-    };
-    std::vector<Case> const cases = {
-        {"number alone", "00447700900123", "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
-        {"instant", "00447700900123\t20250101000000", "00447700900123\t20250101000000\t20240915020000\tCHARLIE",
-         nullptr},
-        {"ISO instant, CRLF", "00447700900123\t2025-01-01T00:00:00Z\r",
-         "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
-        {"own method wins over --method", "00447700900550\t" + at + "\t2",
-         "00447700900550\t" + at + "\t20180101000000\tALPHA", nullptr},
-        {"empty instant and method", "00447700900123\t\t", "00447700900123\t" + at + "\t20210301020000\tBRAVO",
-         nullptr},
-        {"blanks", " 00447700900123  20250101000000 exact ", "00447700900123\t20250101000000\t20240915020000\tCHARLIE",
-         nullptr},
-        {"further columns", "00447700900123\t" + at + "\t0\tname\t" + longTail,
-         "00447700900123\t" + at + "\t20210301020000\tBRAVO", nullptr},
-        {"very long number", longNumber, longNumber + "\t" + at + "\t20210301020000\tBRAVO", nullptr},
-        {"nobody's number", "0033", "0033\t" + at + "\t-\t-", nullptr},
-        {"empty line", "", "\t\t-\t-", ":10: the line is empty"},
-        {"CRLF alone", "\r", "\t\t-\t-", ":11: the line is empty"},
-        {"no number", "\t" + at, "\t" + at + "\t-\t-", ":12: there is no number"},
-        {"no digit", "hello\t" + at, "hello\t" + at + "\t-\t-", ":13: there is no number: 'hello'"},
-        {"no such day", "0044\t20230229000000", "0044\t20230229000000\t-\t-", ":14: the instant is not valid"},
-        {"method out of range", "0044\t" + at + "\t3", "0044\t" + at + "\t-\t-",
-         ":15: the method is not best, exact or shortest, nor 0, 1 or 2: '3'"},
-        {"control characters in the complaint", "0044\t\x1b[2J", "0044\t\x1b[2J\t-\t-",
-         ":16: the instant is not valid: '\\x1b[2J'"},
-        {"blanks, a tab, and an instant in two parts", "00447700900550 \t 2024-06-15 12:00:00\vshortest more",
-         "00447700900550\t" + at + "\t20180101000000\tALPHA", nullptr},
-        {"lined up by tabs", "00447700900123\t\t20250101000000",
-         "00447700900123\t20250101000000\t20240915020000\tCHARLIE", nullptr},
-        {"a method, and no instant", "00447700900550\t\tshortest", "00447700900550\t" + at + "\t20180101000000\tALPHA",
-         nullptr},
-        {"blanks in a number", "0044 7700 900123", "0044\t7700\t-\t-", ":20: the instant is not valid: '7700'"},
-        {"half an instant", "0044 2024-06-15 12:00", "0044\t2024-06-15\t-\t-",
-         ":21: the instant is not valid: '2024-06-15'"},
-        {"lines that end in carriage returns", "0044\r0045", "0044\r0045\t\t-\t-",
-         ":22: a carriage return is in the line"},
-        {"last line without a newline", "00447700900150", "00447700900150\t" + at + "\t20220610020000\tDELTA", nullptr},
-    };
     std::string input;
     std::string expected;
     long complaints = 0;
-    for (Case const& test : cases) {
-        input += (input.empty() && &test == cases.data() ? "" : "\n") + test.line;
+    for (Question const& test : questionsCM) {
+        input += test.line + (&test == &questionsCM.back() ? "" : "\n");
         expected += test.answer + "\n";
         complaints += test.complaint == nullptr ? 0 : 1;
     }
-    Result const result = run({"lookup", "--config", exampleCM, "--at", at, "--method", "best", "-"}, input);
+    Result const result = run({"lookup", "--config", exampleCM, "--at", atCM, "--method", "best", "-"}, input);
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(result.out == expected) << result.out.substr(0, 2000);
     EXPECT_EQ(lineCount(result.err), complaints) << result.err;
-    for (Case const& test : cases)
+    for (Question const& test : questionsCM)
         EXPECT_TRUE(test.complaint == nullptr || contains(result.err, test.complaint)) << test.label << result.err;
 }
 
-TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
-    std::string bad;
-    for (int i = 0; i < 100; ++i)
-        bad += "x\n";
+TEST(HostLookupTest, StreamBoundsItsComplaints) {
+    std::string const bad = replaced(std::string(100, 'x'), "x", "?\n");
     Result const complaints = run({"lookup", "--config", exampleCM, "-"}, bad);
     EXPECT_EQ(complaints.status, 1);
     EXPECT_EQ(lineCount(complaints.out), 100);
     EXPECT_EQ(lineCount(complaints.err), 21);
+    EXPECT_TRUE(contains(complaints.err, ":1: there is no number: '?'")) << complaints.err;
     EXPECT_TRUE(contains(complaints.err, "80 more"));
-
     Result const none = run({"lookup", "--config", exampleCM, "-"});
     EXPECT_EQ(none.status, 0);
     EXPECT_EQ(none.out + none.err, "");
+}
 
-    // Blanks in numbers and between columns.
+TEST(HostLookupTest, StreamNormalisesNumbersWithBlanks) {
     Result const spaced =
         run({"lookup", "--normalise", "--config", exampleCM, "--at", "20240615120000", "-"},
             "07700 900 123\n+44 7700 900123 20250101000000 best\n(07700) 900-123 2020-01-01 00:00:00\n"
@@ -302,11 +252,12 @@ TEST(HostLookupTest, StreamBoundsItsComplaintsAndNormalises) {
                           "07700900123 20240615\t\t-\t-\n07700 900123 best\t\t-\t-\n"
                           "00447700900123\t20250101000000\t20240915020000\tCHARLIE\n");
     EXPECT_TRUE(contains(spaced.err, ":7: the number cannot be read: '07700900123 20240615'")) << spaced.err;
+}
 
-    // More than every buffer holds, and numbers that become longer and shorter.
+TEST(HostLookupTest, StreamOfMoreThanEveryBufferHolds) {
     std::string questions;
     std::string answers;
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000; ++i) { // with numbers that become longer and shorter
         bool const national = i % 3 == 0;
         questions += national ? "(07700) 900-123\t20240615120000\n" : "+44 77 00 90 01 50\t20240615120000\n";
         answers += national ? "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
@@ -354,10 +305,8 @@ std::string nestedPrefixes(std::mt19937& random) {
 // Batches of every length: cut by their own size, by a change of method, by bad lines, by long numbers and by the
 // blocks in which the input is read.
 TEST(HostLookupTest, StreamAgreesWithSingleLookUps) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    Site const site(nestedPrefixes(random), "SearchMethod = 2\n");
+    SeededRandom random;
+    ConfiguredFolder const site(nestedPrefixes(random), "SearchMethod = 2\n");
     SingleAnswers single(site.configuration);
     std::string questions;
     std::string answers;
@@ -413,7 +362,7 @@ TEST(HostLookupTest, AnswersACoprocessBeforeItAsksAgain) {
         EXPECT_EQ(std::count(answer.begin(), answer.begin() + length, '\n'), 1);
     }
     questions.closeEnd(1);
-    EXPECT_EQ(statusOf(process), 0);
+    EXPECT_EQ(waitFor(process), 0);
 }
 
 bool isAsleep(pid_t process) {
@@ -430,7 +379,7 @@ std::string readAll(int descriptor) {
 
 // The first answer needs no memory, the second does. Refused once, each is looked up by itself.
 TEST(LookUpBatchTest, WhatIsNotLookedUpIsNotNotFound) {
-    Site const site("00441 20200101000000 A\n00442 20200101000000 " + std::string(100, 'N') + "\n");
+    ConfiguredFolder const site("00441 20200101000000 A\n00442 20200101000000 " + std::string(100, 'N') + "\n");
     nphost::Host host(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration});
     host.start();
     nphost::LookUpBatch batch(host.plugIn(), 2);
@@ -453,19 +402,12 @@ TEST(LookUpBatchTest, WhatIsNotLookedUpIsNotNotFound) {
     }
 }
 
-// Whoever started the program may have made its pipes non-blocking. Nothing is written before it waits, and nothing read
-// before its output is full.
+// Whoever started the program may have made its pipes non-blocking. Nothing is written before it waits, and nothing
+// read before its output is full.
 TEST(HostPipeTest, NonBlockingPipesAreWaitedFor) {
-    std::string data;
-    std::string questions;
-    std::string records;
-    for (int i = 0; i < 3000; ++i) {
-        std::string const number = "00" + std::to_string(100000000 + i);
-        data += number + "  20200101000000  A\n";
-        questions += number + "\t20240615120000\n";
-        records += number + ",20240615120000,A\n";
-    }
-    Site const site(data);
+    ConfiguredFolder const site(dataOf(3000));
+    std::string const questions = numberedLines(3000, "00", 100000000, "\t20240615120000");
+    std::string const records = numberedLines(3000, "00", 100000000, ",20240615120000,A");
     auto* const before = std::signal(SIGPIPE, SIG_IGN); // a program that ends early is an error of this test
     for (auto const& [arguments, input] :
          {std::pair(Arguments{"lookup", "--config", site.configuration, "-"}, questions),
@@ -493,28 +435,25 @@ TEST(HostPipeTest, NonBlockingPipesAreWaitedFor) {
         out.closeEnd(1);
         EXPECT_EQ(lineCount(readAll(out.ends[0])), 3000) << arguments[0];
         asker.join();
-        EXPECT_EQ(statusOf(process), 0) << arguments[0] << readAll(err.ends[0]);
+        EXPECT_EQ(waitFor(process), 0) << arguments[0] << readAll(err.ends[0]);
     }
     std::signal(SIGPIPE, before);
 }
 
 TEST(HostPipeTest, AClosedStandardOutputEndsEveryCommandAlike) {
     TemporaryFolder const folder;
-    std::string lines;
-    for (int i = 0; i < 20000; ++i)
-        lines += "00" + std::to_string(100000000 + i) + "  20200101000000  A\n";
-    Site const site(lines);
+    ConfiguredFolder const site(dataOf(20000));
     std::string const none = folder.write("none.dat", "");
     int const in = open(site.data.c_str(), O_RDONLY | O_CLOEXEC);
     for (Arguments arguments :
          {Arguments{"lookup", "-"}, Arguments{"print"}, Arguments{"diff", "--list", "gained", none, site.data},
-          Arguments{"check", site.data}}) {
+          Arguments{"check", site.data}, Arguments{"print", "--help"}}) {
         arguments.insert(arguments.begin() + 1, {"--config", site.configuration});
         Pipe out;
         out.closeEnd(0);
         auto* const before = std::signal(SIGPIPE, SIG_IGN); // what the program inherits
         lseek(in, 0, SEEK_SET);
-        EXPECT_EQ(statusOf(start(arguments, in, out.ends[1], STDERR_FILENO)), -SIGPIPE) << arguments[0];
+        EXPECT_EQ(waitFor(start(arguments, in, out.ends[1], STDERR_FILENO)), -SIGPIPE) << arguments[0];
         std::signal(SIGPIPE, before);
     }
     close(in);
@@ -522,7 +461,7 @@ TEST(HostPipeTest, AClosedStandardOutputEndsEveryCommandAlike) {
 
 TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
     std::string data = "00441  20200101000000  A\n";
-    Site const few(data + "forged\x1b[31m\n2026-01-01T00:00:00Z\n");
+    ConfiguredFolder const few(data + "forged\x1b[31m\n2026-01-01T00:00:00Z\n");
     Result const shown = run({"lookup", "--config", few.configuration, "00441"});
     EXPECT_EQ(shown.status, 0) << shown.err;
     EXPECT_EQ(lineCount(shown.err), 2) << "each once, although two trees reject it\n" << shown.err;
@@ -531,7 +470,7 @@ TEST(HostLookupTest, ShowsRejectedLinesOfALoadUpToALimit) {
 
     for (int i = 0; i < 30; ++i)
         data.append(5000, 'x') += '\n';
-    Site const many(data);
+    ConfiguredFolder const many(data);
     Result const bounded = run({"lookup", "--config", many.configuration, "00441"});
     EXPECT_EQ(bounded.status, 0);
     EXPECT_EQ(lineCount(bounded.err), 21);
@@ -557,7 +496,7 @@ TEST(HostCheckTest, CountsEachLineOnce) {
     // Without an international access code a bare sign names no number, so that every kind of line is there.
     std::string data = badDataCM;
     data += std::string("00446  20200101000000  A\0B\n", 27); // 9: NUL in the network
-    Site const setup(data, "InternationalAccessCode = \"\"\n");
+    ConfiguredFolder const setup(data, "InternationalAccessCode = \"\"\n");
     std::filesystem::remove(setup.data);
     std::string const file = setup.folder.write("other.dat", data);
 
@@ -586,7 +525,7 @@ TEST(HostCheckTest, CountsEachLineOnce) {
 }
 
 TEST(HostCheckTest, CleanEmptyAndUnreadable) {
-    Site const setup("");
+    ConfiguredFolder const setup("");
     Result const clean = run({"check", "--config", exampleCM, exampleDataCM});
     EXPECT_EQ(clean.status, 0) << clean.err;
     EXPECT_FALSE(contains(clean.out, "line "));
@@ -610,15 +549,15 @@ TEST(HostPrintTest, ListingLoadsAgainToTheSameListing) {
     EXPECT_EQ(lineCount(plain.out), lineCount(contentOf(exampleDataCM)));
     EXPECT_TRUE(
         contains(plain.out, "\n00447700900123  20240915020000  CHARLIE\n00447700900123  20210301020000  BRAVO\n"));
-    Site const again(plain.out);
+    ConfiguredFolder const again(plain.out);
     std::string const output = again.folder.file("listing");
     Result const second = run({"print", "--no-heading", "--output", output, "--config", again.configuration});
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(second.out, "");
     EXPECT_EQ(contentOf(output), plain.out);
-    Site const none("");
+    ConfiguredFolder const none("");
     for (std::string const suffix : {".gz", ".zst"})
-        for (Site const* const site : {&again, &none}) {
+        for (ConfiguredFolder const* const site : {&again, &none}) {
             std::string const file = site->folder.file("listing") + suffix;
             EXPECT_EQ(run({"print", "--no-heading", "-o", file, "-c", site->configuration}).status, 0);
             EXPECT_NE(contentOf(file).substr(0, 2), "00") << suffix;
@@ -631,7 +570,7 @@ TEST(HostPrintTest, ListingLoadsAgainToTheSameListing) {
 }
 
 TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
-    Site const setup("00441  20200101000000  A\n");
+    ConfiguredFolder const setup("00441  20200101000000  A\n");
     std::string const hardLink = setup.folder.file("hard");
     std::string const symbolicLink = setup.folder.file("soft");
     std::filesystem::create_hard_link(setup.data, hardLink);
@@ -654,10 +593,7 @@ TEST(HostPrintTest, RefusesAnOutputThatCannotBeOrMustNotBe) {
 }
 
 TEST(HostPrintTest, ASignalLeavesNoFile) {
-    std::string data;
-    for (int i = 0; i < 100000; ++i)
-        data += "00" + std::to_string(100000000 + i) + "  20200101000000  A\n";
-    Site const site(data);
+    ConfiguredFolder const site(dataOf(100000));
     auto const files = [&site] {
         std::filesystem::directory_iterator const all(site.folder.path());
         return std::distance(begin(all), end(all));
@@ -673,7 +609,7 @@ TEST(HostPrintTest, ASignalLeavesNoFile) {
             while (files() == 2 && !hasEnded(process)) {
             }
             kill(process, signal);
-            status = statusOf(process);
+            status = waitFor(process);
         }
         EXPECT_EQ(status, -signal);
         EXPECT_EQ(files(), 2) << "data and configuration";
@@ -689,7 +625,7 @@ TEST(HostPrintTest, FullDeviceIsAnErrorForEveryCommand) {
         Arguments arguments = command;
         arguments.insert(arguments.begin() + 1, {"--config", exampleCM});
         int const err = open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        EXPECT_EQ(statusOf(start(arguments, in, full, err)), 2) << command[0];
+        EXPECT_EQ(waitFor(start(arguments, in, full, err)), 2) << command[0];
         close(err);
         EXPECT_TRUE(contains(contentOf(folder.file("err")), "No space left on device")) << command[0];
     }
@@ -697,66 +633,70 @@ TEST(HostPrintTest, FullDeviceIsAnErrorForEveryCommand) {
     close(full);
 }
 
-TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
-    Site const setup("00441  20200101000000  A\n");
-    std::string const good = contentOf(setup.configuration);
-    std::string deep;
+std::string deepKey() {
+    std::string key;
     for (unsigned part = 0; part < 50'000; ++part)
-        deep += "a.";
-    deep += "a = 1\n";
-    struct Case {
-        char const* label;
-        std::string content;
-        char const* reason;
-    };
-    std::vector<Case> const cases = {
-        {"unknown key", good + "Countrycode = \"44\"\n",
-         "bad.toml:5: unknown key 'Countrycode' in [DAT_NumberPortability]"},
-        {"a run-time key", good + "Reload = \"TRUE\"\n", "bad.toml:5: unknown key 'Reload'"},
-        {"unknown table", good + "[hosts]\n", "bad.toml:5: unknown table 'hosts'"},
-        {"key outside a table", "x = 1\n" + good, "bad.toml:1: unknown key 'x'"},
-        {"unknown key of the host", good + "[host]\nport = 1\n", "bad.toml:6: unknown key 'port' in [host]"},
-        {"an array of tables", "[[DAT_NumberPortability]]\n", "bad.toml:1: 'DAT_NumberPortability' must be a table"},
-        {"a code without quotation marks", good + "InternationalAccessCode = 11\n",
-         "bad.toml:5: 'InternationalAccessCode' must be quoted"},
-        {"wrong type", good + "SearchMethod = [0]\n", "bad.toml:5: 'SearchMethod' must be a text"},
-        {"a number for a path", good + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
-        {"clients that are no list", good + "[host]\nclients = \"c.so\"\n", "bad.toml:6: 'clients' must be a list"},
-        {"a client that is no text", good + "[host]\nclients = [\"c.so\",\n1]\n",
-         "bad.toml:7: each of 'clients' must be a text"},
-        {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n", "bad.toml:2: 'FileName' must name a file"},
-        {"no TOML", good + "what is this\n", "bad.toml:5: "},
-        {"a key of too many parts", good + "[host]\n" + deep, "bad.toml:6: a key has more than 16 parts"},
-        {"a key of too many parts in the catalogue", good + "[host]\nmessages = \"deep.toml\"\n",
-         "deep.toml:1: a key has more than 16 parts"},
-        {"too large", good + std::string(2'000'000, '\n'), "bad.toml:1: the file is larger than 1048576 bytes"},
-        {"no UTF-8", good + "# \xff\n", "bad.toml:5: "},
-        {"a key twice", good + "CountryCode = \"44\"\n", "bad.toml:5: "},
-        {"a forged key", good + "\"a\\nb\\u001b\" = 1\n", "unknown key 'a\\nb\\x1b'"},
-        {"mandatory key missing", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n",
-         "DAT_NumberPortability.CountryCode is missing (ERR_REG_NAME_NOT_FOUND)"},
-        {"no table", "", "no table [DAT_NumberPortability] (ERR_REG_SUBTREE_NOT_FOUND)"},
-        {"method that is no number", good + "SearchMethod = \"x1\"\n", "'x1' (ERR_REG_VALUE_INVALID)"},
-        {"negative method", good + "SearchMethod = -1\n", "'-1' (ERR_REG_VALUE_INVALID)"},
-        {"no data file",
-         "[DAT_NumberPortability]\nFileName = \"none.dat\"\nCountryCode = \"44\"\nNationalAccessCode = "
-         "\"0\"\n",
-         "none.dat cannot be opened"},
-        {"no module", good + "[host]\nmodule = \"./none.so\"\n", "none.so"},
-        {"a module by a name that is nowhere", good + "[host]\nmodule = \"np-none.so\"\n", "np-none.so"},
-        {"no module but a text", good + "[host]\nmodule = \"./data.dat\"\n", "the module cannot be loaded: "},
-        {"another library", good + "[host]\nmodule = \"" NP_LIBRARY_FOLDER "/libnpframework.so\"\n",
-         "does not fit this host: it has no NumberPortabilityOperations"},
-        {"another version", good + "[host]\nmodule = \"" NP_OTHER_VERSION "\"\n",
-         "does not fit this host: it is of version "},
-        {"no catalogue", good + "[host]\nmessages = \"none.toml\"\n", "none.toml: cannot be read: No such file"},
-        {"a catalogue of numbers", good + "[host]\nmessages = \"numbers.toml\"\n",
-         "numbers.toml:1: 'A' must be a text"},
-        {"no probes", good + "[host]\nprobeFolder = \".\"\n", "(ERR_PROBE_FILE)"},
-    };
+        key += "a.";
+    return key + "a = 1\n";
+}
+
+struct Misconfigured {
+    char const* label;
+    std::string content;
+    char const* reason;
+};
+
+std::vector<Misconfigured> const misconfiguredCM = {
+    {"unknown key", configurationCM + "Countrycode = \"44\"\n",
+     "bad.toml:5: unknown key 'Countrycode' in [DAT_NumberPortability]"},
+    {"a run-time key", configurationCM + "Reload = \"TRUE\"\n", "bad.toml:5: unknown key 'Reload'"},
+    {"unknown table", configurationCM + "[hosts]\n", "bad.toml:5: unknown table 'hosts'"},
+    {"key outside a table", "x = 1\n" + configurationCM, "bad.toml:1: unknown key 'x'"},
+    {"unknown key of the host", configurationCM + "[host]\nport = 1\n", "bad.toml:6: unknown key 'port' in [host]"},
+    {"an array of tables", "[[DAT_NumberPortability]]\n", "bad.toml:1: 'DAT_NumberPortability' must be a table"},
+    {"a code without quotation marks", configurationCM + "InternationalAccessCode = 11\n",
+     "bad.toml:5: 'InternationalAccessCode' must be quoted"},
+    {"wrong type", configurationCM + "SearchMethod = [0]\n", "bad.toml:5: 'SearchMethod' must be a text"},
+    {"a number for a path", configurationCM + "[host]\nmessages = 1\n", "bad.toml:6: 'messages' must be a text"},
+    {"clients that are no list", configurationCM + "[host]\nclients = \"c.so\"\n",
+     "bad.toml:6: 'clients' must be a list"},
+    {"a client that is no text", configurationCM + "[host]\nclients = [\"c.so\",\n1]\n",
+     "bad.toml:7: each of 'clients' must be a text"},
+    {"an empty path", "[DAT_NumberPortability]\nFileName = \"\"\n", "bad.toml:2: 'FileName' must name a file"},
+    {"no TOML", configurationCM + "what is this\n", "bad.toml:5: "},
+    {"a key of too many parts", configurationCM + "[host]\n" + deepKey(), "bad.toml:6: a key has more than 16 parts"},
+    {"a key of too many parts in the catalogue", configurationCM + "[host]\nmessages = \"deep.toml\"\n",
+     "deep.toml:1: a key has more than 16 parts"},
+    {"too large", configurationCM + std::string(2'000'000, '\n'), "bad.toml:1: the file is larger than 1048576 bytes"},
+    {"no UTF-8", configurationCM + "# \xff\n", "bad.toml:5: "},
+    {"a key twice", configurationCM + "CountryCode = \"44\"\n", "bad.toml:5: "},
+    {"a forged key", configurationCM + "\"a\\nb\\u001b\" = 1\n", "unknown key 'a\\nb\\x1b'"},
+    {"mandatory key missing", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n",
+     "DAT_NumberPortability.CountryCode is missing (ERR_REG_NAME_NOT_FOUND)"},
+    {"no table", "", "no table [DAT_NumberPortability] (ERR_REG_SUBTREE_NOT_FOUND)"},
+    {"method that is no number", configurationCM + "SearchMethod = \"x1\"\n", "'x1' (ERR_REG_VALUE_INVALID)"},
+    {"negative method", configurationCM + "SearchMethod = -1\n", "'-1' (ERR_REG_VALUE_INVALID)"},
+    {"no data file",
+     "[DAT_NumberPortability]\nFileName = \"none.dat\"\nCountryCode = \"44\"\nNationalAccessCode = \"0\"\n",
+     "none.dat cannot be opened"},
+    {"no module", configurationCM + "[host]\nmodule = \"./none.so\"\n", "none.so"},
+    {"a module by a name that is nowhere", configurationCM + "[host]\nmodule = \"np-none.so\"\n", "np-none.so"},
+    {"no module but a text", configurationCM + "[host]\nmodule = \"./data.dat\"\n", "the module cannot be loaded: "},
+    {"another library", configurationCM + "[host]\nmodule = \"" NP_LIBRARY_FOLDER "/libnpframework.so\"\n",
+     "does not fit this host: it has no NumberPortabilityOperations"},
+    {"another version", configurationCM + "[host]\nmodule = \"" NP_OTHER_VERSION "\"\n",
+     "does not fit this host: it is of version "},
+    {"no catalogue", configurationCM + "[host]\nmessages = \"none.toml\"\n", "none.toml: cannot be read: No such file"},
+    {"a catalogue of numbers", configurationCM + "[host]\nmessages = \"numbers.toml\"\n",
+     "numbers.toml:1: 'A' must be a text"},
+    {"no probes", configurationCM + "[host]\nprobeFolder = \".\"\n", "(ERR_PROBE_FILE)"},
+};
+
+TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
+    ConfiguredFolder const setup("00441  20200101000000  A\n");
     setup.folder.write("numbers.toml", "A = 1\n");
-    setup.folder.write("deep.toml", deep);
-    for (Case const& test : cases)
+    setup.folder.write("deep.toml", deepKey());
+    for (Misconfigured const& test : misconfiguredCM)
         expectOneLine(run({"lookup", "--config", setup.folder.write("bad.toml", test.content), "00441"}), test.reason,
                       test.label);
     expectOneLine(run({"lookup", "--config", setup.folder.file("none.toml"), "00441"}),
@@ -792,7 +732,7 @@ TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {
 }
 
 TEST(HostConfigurationTest, ModuleByPathFromAnotherFolder) {
-    Site const setup("00441  20200101000000  A\n", "[host]\nmodule = \"link.so\"\n");
+    ConfiguredFolder const setup("00441  20200101000000  A\n", "[host]\nmodule = \"link.so\"\n");
     std::filesystem::create_symlink(NP_MODULE, setup.folder.file("link.so"));
     std::string const content = contentOf(setup.configuration);
     std::string slash = content;

@@ -10,8 +10,6 @@
 namespace {
 
 char const* const dataCM = "00441  20200101000000  A\n";
-char const* const configurationCM = "[DAT_NumberPortability]\nFileName = \"data.dat\"\nCountryCode = \"44\"\n"
-                                    "NationalAccessCode = \"0\"\n";
 char const* const callsCM = "n,t\n00441,20210101000000\n";
 
 class KeptFilesTest : public testing::Test {
@@ -19,8 +17,8 @@ class KeptFilesTest : public testing::Test {
     KeptFilesTest() {
         folder.write("data.dat", dataCM);
         folder.write("np.toml", configurationCM);
-        folder.write("log.toml", std::string(configurationCM) + "[host]\nlogFile = \"data.dat\"\n");
-        folder.write("logged.toml", std::string(configurationCM) + "[host]\nlogFile = \"np.log\"\n");
+        folder.write("log.toml", configurationCM + "[host]\nlogFile = \"data.dat\"\n");
+        folder.write("logged.toml", configurationCM + "[host]\nlogFile = \"np.log\"\n");
         folder.write("np.log", "");
         folder.write("absent.toml", "[DAT_NumberPortability]\nFileName = \"absent.dat\"\n");
         folder.write("calls.csv", callsCM);
@@ -31,7 +29,7 @@ class KeptFilesTest : public testing::Test {
         mknod(folder.file("socket").c_str(), S_IFSOCK | 0600, 0);
     }
 
-    ProgramResult run(std::string const& command) const {
+    Result run(std::string const& command) const {
         return runShell(folder, "ENRICH='nphost enrich --config np.toml --number n --time t'; "
                                 "IMPORT='nphost import --map number=n,valid-from=t,network=o'; " +
                                     command);
@@ -72,7 +70,7 @@ TEST_F(KeptFilesTest, AreNeverWritten) {
               "the log file chain is the data file itself"},
              {"timeout 60 nphost run --config log.toml", "data.dat is the data file itself"},
          }) {
-        ProgramResult const result = run(test.command);
+        Result const result = run(test.command);
         EXPECT_EQ(result.status, 2) << test.command;
         EXPECT_NE(result.err.find(test.reason), std::string::npos) << test.command << "\n" << result.err;
         EXPECT_EQ(contentOf(folder.file("data.dat")), dataCM) << test.command;
@@ -114,7 +112,7 @@ TEST_F(KeptFilesTest, DoNotBecomeStandardDescriptors) {
 // A folder comes to lie where the result is to be put, while the command waits for its input.
 TEST_F(KeptFilesTest, AResultThatCannotBePutInPlaceIsAFailure) {
     for (char const* const command : {"$IMPORT --output new -", "$ENRICH --output new -"}) {
-        ProgramResult const result = run(
+        Result const result = run(
             "{ head -1 feed.csv; timeout 60 sh -c \"until ls -A | grep -q '^[.]new.*tmp$'; do :; done\"; mkdir new; "
             "tail -n +2 feed.csv; } | " +
             std::string(command));
@@ -141,7 +139,7 @@ TEST_F(KeptFilesTest, AreInPlaceThoughTheSummaryIsLost) {
     for (char const* const command :
          {"$ENRICH --json --output new calls.csv > /dev/full", "$IMPORT --json --output new feed.csv > /dev/full"}) {
         std::filesystem::remove(folder.file("new"));
-        ProgramResult const result = run(command);
+        Result const result = run(command);
         EXPECT_EQ(result.status, 2) << command;
         EXPECT_NE(result.err.find("No space left on device; the files are written, only the summary is not"),
                   std::string::npos)

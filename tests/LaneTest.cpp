@@ -11,13 +11,6 @@
 
 namespace {
 
-std::string records(int count) {
-    std::string lines;
-    for (int i = 0; i < count; ++i)
-        lines += "0044" + std::to_string(7'000'000'000 + i) + "  20200101000000  A\n";
-    return lines;
-}
-
 std::string requestOf(std::string const& command, std::string const& more = {}) {
     return R"({"version":1,"command":")" + command + "\"" + (more.empty() ? "" : "," + more) + "}\n";
 }
@@ -53,7 +46,7 @@ class UnreadPipe {
 // A daemon whose allocations are refused as the test wants.
 class StarvingSite : public Site {
   public:
-    explicit StarvingSite(std::string const& data = dataCM) : Site(data, "[host.guard]\nminRecords = 1\n") {
+    explicit StarvingSite(std::string const& content = dataCM) : Site(content, "[host.guard]\nminRecords = 1\n") {
         std::string const file = folder.write("refusal", std::string(sizeof(Refusal), '\0'));
         int const descriptor = open(file.c_str(), O_RDWR | O_CLOEXEC);
         refusal = new (mmap(nullptr, sizeof(Refusal), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0)) Refusal;
@@ -94,7 +87,44 @@ class StarvingSite : public Site {
     std::unique_ptr<RawClient> clientM;
 };
 
-class DaemonMemoryTest : public testing::TestWithParam<bool> {};
+class DaemonMemoryTest : public testing::TestWithParam<bool> {
+  protected:
+    // The answer to a request whose allocations are refused after so many; the next one finds the daemon in order.
+    static std::string spoilt(StarvingSite& site, std::string const& request, long count, bool lasts) {
+        site.refuseAfter(count, lasts);
+        std::string const answer = site.ask(request);
+        site.refuseNothing();
+        EXPECT_TRUE(answer == "<closed>" || Json::accept(answer)) << answer;
+        EXPECT_FALSE(site.daemon->status()) << site.log();
+        if (HasFailure() || !site.refusal->met)
+            return answer;
+        std::string const next = site.ask(requestOf("reload"));
+        EXPECT_TRUE(contains(next, "\"succeeded\":true")) << answer << next << site.log();
+        EXPECT_TRUE(
+            contains(site.ask(requestOf("lookup", R"("at":"20240101000000","numbers":["00447700900123"])")), "BRAVO"));
+        return answer;
+    }
+};
+
+struct Spoilt {
+    std::string request; // '@' is the folder
+    long step;
+};
+
+constexpr long oftenCM = 3;
+constexpr long seldomCM = 11; // what the lane has no part in
+
+std::vector<Spoilt> const spoiltCM = {{requestOf("reload"), oftenCM},
+                                      {requestOf("delta", R"("file":"@delta")"), oftenCM},
+                                      {requestOf("print", R"("file":"@listing")"), oftenCM},
+                                      {requestOf("update", R"("keys":{"Reload":"TRUE"})"), oftenCM},
+                                      {requestOf("update", R"("keys":{"AdditionalNumPortData":"@delta"})"), oftenCM},
+                                      {requestOf("update", R"("keys":{"PrintData":"@listing"})"), oftenCM},
+                                      {requestOf("status"), seldomCM},
+                                      {requestOf("probes"), seldomCM},
+                                      {requestOf("log"), seldomCM},
+                                      {requestOf("lookup", R"("numbers":["00447700900123"])"), seldomCM},
+                                      {requestOf("explain", R"("number":"00447700900123")"), seldomCM}};
 
 // Each allocation from a request to its answer is refused in turn, alone or with all that follow. Whatever fails, the
 // client hears of it, and the daemon serves on.
@@ -102,45 +132,20 @@ TEST_P(DaemonMemoryTest, RefusedAllocationsSpoilOneRequestAtMost) {
 #ifdef NP_SANITIZED
     GTEST_SKIP() << "sanitizers bring their own allocator";
 #endif
-    bool const lasts = GetParam();
     StarvingSite site;
-    std::string const delta = site.folder.write("delta", "0033 20200101000000 ECHO\n");
-    std::string const file = "\"file\":\"" + site.folder.file("listing") + "\"";
-    constexpr long often = 3;
-    constexpr long seldom = 11; // what the lane has no part in
-    for (auto const& [request, step] : std::vector<std::pair<std::string, long>>{
-             {requestOf("reload"), often},
-             {requestOf("delta", "\"file\":\"" + delta + "\""), often},
-             {requestOf("print", file), often},
-             {requestOf("update", R"("keys":{"Reload":"TRUE"})"), often},
-             {requestOf("update", R"("keys":{"AdditionalNumPortData":")" + delta + "\"}"), often},
-             {requestOf("update", R"("keys":{"PrintData":")" + site.folder.file("listing") + "\"}"), often},
-             {requestOf("status"), seldom},
-             {requestOf("probes"), seldom},
-             {requestOf("log"), seldom},
-             {requestOf("lookup", R"("numbers":["00447700900123"])"), seldom},
-             {requestOf("explain", R"("number":"00447700900123")"), seldom}}) {
-        int succeeded = 0;
+    site.folder.write("delta", "0033 20200101000000 ECHO\n");
+    for (Spoilt const& test : spoiltCM) {
+        std::string const request = replaced(test.request, "@", site.folder.file(""));
         site.client();
-        for (long count = 0;; count += step) {
+        long count = -test.step;
+        do {
+            count += test.step;
             SCOPED_TRACE(request + " after " + std::to_string(count) + " allocations");
-            site.refuseAfter(count, lasts);
-            std::string const answer = site.ask(request);
-            site.refuseNothing();
-            ASSERT_NE(answer, "<nothing>");
-            ASSERT_FALSE(site.daemon->status()) << site.log();
-            ASSERT_TRUE(answer == "<closed>" || Json::accept(answer)) << answer;
-            if (!site.refusal->met) {
-                EXPECT_TRUE(contains(answer, "\"ok\":true")) << answer;
-                EXPECT_GT(count, 10) << "of " << succeeded;
-                break;
-            }
-            succeeded += contains(answer, "\"succeeded\":true") ? 1 : 0;
-            std::string const next = site.ask(requestOf("reload"));
-            ASSERT_TRUE(contains(next, "\"succeeded\":true")) << answer << next << site.log();
-            ASSERT_TRUE(contains(site.ask(requestOf("lookup", R"("at":"20240101000000","numbers":["00447700900123"])")),
-                                 "BRAVO"));
-        }
+            std::string const answer = spoilt(site, request, count, GetParam());
+            ASSERT_FALSE(HasFailure());
+            EXPECT_TRUE(site.refusal->met || contains(answer, "\"ok\":true")) << answer;
+        } while (site.refusal->met);
+        EXPECT_GT(count, 10) << request;
     }
     EXPECT_FALSE(contains(site.log(), "\"42949672")) << "less than none was added";
     EXPECT_EQ(site.stop(), 0) << site.log();
@@ -193,39 +198,45 @@ TEST(DaemonMemoryTest, NoHangUpIsForgotten) {
     EXPECT_EQ(site.stop(), 0) << site.log();
 }
 
+struct BrokenOff {
+    char const* label;
+    bool large; // the data file is, or comes to be
+    char const* more;
+    std::string request; // none: it happens at the start
+    char const* sign;    // of the status, or of the log at the start: it has come so far
+    char const* never;   // in the log
+};
+
+constexpr char const* guardedCM = "[host.guard]\nmaxRejectedPercent = 50\n";
+
+std::vector<BrokenOff> const brokenOffCM = {
+    {"first load", true, "", "", "INF_FILE_OPENED", "INF_NUM_NPORT_LOADED"},
+    {"first check", true, guardedCM, "", "INF_FILE_OPENED", "INF_LOAD_DATA"},
+    {"reload", true, "", requestOf("reload"), "\"loading\":true", "EVT::RELOAD_SUCCESSFUL"},
+    {"reload by update", true, "", requestOf("update", R"("keys":{"Reload":"TRUE"})"), "\"loading\":true",
+     "EVT::RELOAD_SUCCESSFUL"},
+    {"check of a reload", true, guardedCM, requestOf("reload"), "\"checking\":{", "INF_HOST_GUARD_PASSED \"r"},
+    {"delta", false, "", requestOf("delta", R"("force":true,"file":"@large")"), "\"loading\":true",
+     "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}};
+
 // Broken off are loads and checks, at whatever they are; nothing is left behind, nothing half is live.
 TEST(DaemonStopTest, BreaksOffWhatTakesLong) {
-    constexpr int many = 1'000'000;
-    std::string const large = records(many);
-    std::string const guard = "[host.guard]\nmaxRejectedPercent = 50\n";
-    struct Case {
-        char const* label;
-        std::string data, more, request; // no request: it happens at the start
-        char const* sign;                // of the status, or of the log at the start: it has come so far
-        char const* never;               // in the log
-    };
-    for (Case const& test :
-         {Case{"first load", large, "", "", "INF_FILE_OPENED", "INF_NUM_NPORT_LOADED"},
-          Case{"first check", large, guard, "", "INF_FILE_OPENED", "INF_LOAD_DATA"},
-          Case{"reload", dataCM, "", requestOf("reload"), "\"loading\":true", "EVT::RELOAD_SUCCESSFUL"},
-          Case{"reload by update", dataCM, "", requestOf("update", R"("keys":{"Reload":"TRUE"})"), "\"loading\":true",
-               "EVT::RELOAD_SUCCESSFUL"},
-          Case{"check of a reload", dataCM, guard, requestOf("reload"), "\"checking\":{", "INF_HOST_GUARD_PASSED \"r"},
-          Case{"delta", dataCM, "", "delta", "\"loading\":true", "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"}}) {
+    std::string const large = records(1'000'000);
+    for (BrokenOff const& test : brokenOffCM) {
         SCOPED_TRACE(test.label);
-        Site site(test.data, test.more);
+        Site site(dataCM, test.more);
         std::string const other = site.folder.write("large", large);
-        if (test.request.empty()) {
-            site.daemon = std::make_unique<Process>(Arguments{"run", "--config", site.folder.file("nphost.toml")},
-                                                    site.folder.file("out"), site.folder.file("log"));
+        bool const atStart = test.request.empty();
+        if (!atStart)
+            site.start();
+        if (test.large)
+            std::filesystem::rename(other, site.data);
+        if (atStart) {
+            site.launch();
             ASSERT_TRUE(eventually([&] { return contains(site.log(), test.sign); }));
         } else {
-            site.start();
-            bool const isDelta = test.request == "delta";
-            if (!isDelta)
-                std::filesystem::rename(other, site.data());
             RawClient const client(site.socket());
-            client.send(isDelta ? requestOf("delta", "\"force\":true,\"file\":\"" + other + "\"") : test.request);
+            client.send(replaced(test.request, "@", site.folder.file("")));
             RawClient watcher(site.socket());
             ASSERT_TRUE(eventually([&] {
                 watcher.send(requestOf("status"));
@@ -233,8 +244,8 @@ TEST(DaemonStopTest, BreaksOffWhatTakesLong) {
             }));
         }
         EXPECT_EQ(site.stop(), 0);
-        EXPECT_TRUE(contains(site.log(), "ERR_LOADS_STOPPED")) << site.log();
-        EXPECT_TRUE(contains(site.log(), "INF_HOST_STOPPING")) << site.log();
+        EXPECT_TRUE(contains(site.log(), "ERR_LOADS_STOPPED") && contains(site.log(), "INF_HOST_STOPPING"))
+            << site.log();
         EXPECT_FALSE(contains(site.log(), test.never)) << site.log();
         EXPECT_FALSE(std::filesystem::exists(site.socket()));
         for (auto const& entry : std::filesystem::directory_iterator(site.folder.path()))
@@ -294,8 +305,8 @@ TEST(DaemonStopTest, SurvivesLimitsThatAreLowered) {
     EXPECT_EQ(site.stop(), 0);
 }
 
-// READY comes when the reload of the hang-up is over, not when what was before it is, however much that is; and a hang-up
-// during a reload is one for the file that is there by then.
+// READY comes when the reload of the hang-up is over, not when what was before it is, however much that is; and a
+// hang-up during a reload is one for the file that is there by then.
 TEST(DaemonServiceTest, ReadyWaitsForTheReloadThatWasAskedFor) {
     TemporaryFolder const folder;
     ServiceManager manager(folder.file("notify"));
@@ -325,7 +336,7 @@ TEST(DaemonServiceTest, ReadyWaitsForTheReloadThatWasAskedFor) {
         client.send(requestOf("status"));
         return contains(client.line(), "\"loading\":true");
     }));
-    std::filesystem::rename(next, site.data());
+    std::filesystem::rename(next, site.data);
     site.daemon->signal(SIGHUP);
     std::string message = manager.next();
     while (message.front() != '<' && !message.starts_with("READY=1\nSTATUS=5 records"))

@@ -1,9 +1,9 @@
 // The packed layout held against the plain one and a map: every result, every count and every printed byte.
 #include "store/NumberPortabilityTree.h"
+#include "tests/SeededRandom.h"
 
 #include <gtest/gtest.h>
 #include <map>
-#include <random>
 #include <set>
 #include <sstream>
 
@@ -32,8 +32,8 @@ constexpr Shape shapes[] = {Shape::DENSE,     Shape::SPARSE, Shape::NESTED,
 
 class Keys {
   public:
-    explicit Keys(Shape shape) : shapeM(shape), seedM(std::random_device()()), randomM(seedM) {}
-    unsigned seed() const { return seedM; }
+    explicit Keys(Shape shape)
+        : shapeM(shape), traceM(__FILE__, __LINE__, "shape " + std::to_string(static_cast<int>(shape))) {}
 
     unsigned below(unsigned limit) { return static_cast<unsigned>(randomM() % limit); }
 
@@ -70,8 +70,8 @@ class Keys {
     }
 
     Shape shapeM;
-    unsigned seedM;
-    std::mt19937 randomM;
+    testing::ScopedTrace traceM;
+    SeededRandom randomM;
 };
 
 std::string digitsOf(std::string const& key) {
@@ -192,7 +192,6 @@ TEST(Layout, PackedPlainAndAMapAgree) {
     std::uint64_t const nodesBefore = PBC::PtrTreeNode<Item>::nodeCountM;
     for (Shape const shape : shapes) {
         Keys keys(shape);
-        SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
         Both both;
         for (int round = 0; round < 2; ++round) {
             std::vector<std::string> asked;
@@ -221,167 +220,218 @@ TEST(Layout, PackedPlainAndAMapAgree) {
     EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM, nodesBefore);
 }
 
+namespace {
+
+std::vector<std::string> keysOfAPath(Keys& keys, bool sorted) {
+    std::vector<std::string> order;
+    while (order.size() < 2000)
+        if (std::string key = keys.next(); !key.empty() && key.size() <= PBC::Digits::mostCM)
+            order.push_back(key);
+    if (sorted)
+        std::sort(order.begin(), order.end());
+    return order;
+}
+
+// A trie that is filled by way of a path.
+template <class Trie>
+struct ByPath {
+    // Refuses a key that is there.
+    bool insert(PBC::Digits const& digits, int number) {
+        typename Trie::Place& place = trie.reach(digits, path);
+        if (trie.layout().value(place))
+            return false;
+        trie.layout().value(place, new Item(number));
+        return true;
+    }
+    Trie trie;
+    typename Trie::Path path;
+};
+
+} // namespace
+
 // Keys in any order through a path that starts from the one before: the same trie as by single insertions.
 TEST(Layout, APathGivesTheSameTrie) {
     std::uint64_t const nodesBefore = PBC::PtrTreeNode<Item>::nodeCountM;
-    for (Shape const shape : {Shape::DENSE, Shape::SPARSE, Shape::NESTED}) {
+    for (Shape const shape : {Shape::DENSE, Shape::SPARSE, Shape::NESTED})
         for (bool const sorted : {false, true}) {
             Keys keys(shape);
-            SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
-            std::vector<std::string> order;
-            while (order.size() < 2000)
-                if (std::string key = keys.next(); !key.empty() && key.size() <= PBC::Digits::mostCM)
-                    order.push_back(key);
-            if (sorted)
-                std::sort(order.begin(), order.end());
-            Packed packed;
-            Plain plain;
+            ByPath<Packed> packed;
+            ByPath<Plain> plain;
             Plain reference;
-            Packed::Path packedPath;
-            Plain::Path plainPath;
-            for (std::string const& key : order) {
+            for (std::string const& key : keysOfAPath(keys, sorted)) {
                 PBC::Digits digits;
                 std::string_view rest = key;
-                packed.takeDigits(rest, digits);
-                Packed::Place& place = packed.reach(digits, packedPath);
-                Plain::Place& plainPlace = plain.reach(digits, plainPath);
-                if (reference.search(BAS::String(key), true) != nullptr) {
-                    ASSERT_TRUE(packed.layout().value(place));
-                    ASSERT_TRUE(plain.layout().value(plainPlace));
-                    continue;
-                }
+                packed.trie.takeDigits(rest, digits);
+                bool const isNew = reference.search(BAS::String(key), true) == nullptr;
                 auto const number = static_cast<int>(reference.nodes());
-                reference.insert(BAS::String(key), new Item(number));
-                packed.layout().value(place, new Item(number));
-                plain.layout().value(plainPlace, new Item(number));
-                ASSERT_EQ(packed.nodes(), reference.nodes());
+                if (isNew)
+                    reference.insert(BAS::String(key), new Item(number));
+                ASSERT_EQ(packed.insert(digits, number), isNew);
+                ASSERT_EQ(plain.insert(digits, number), isNew);
+                ASSERT_EQ(packed.trie.nodes(), reference.nodes());
             }
-            packed.leave(packedPath);
-            plain.leave(plainPath);
+            packed.trie.leave(packed.path);
+            plain.trie.leave(plain.path);
             EXPECT_EQ(PBC::PtrTreeNode<Item>::nodeCountM - nodesBefore, 3 * reference.nodes());
-            EXPECT_EQ(printed(packed), printed(reference));
-            EXPECT_EQ(printed(plain), printed(reference));
+            EXPECT_EQ(printed(packed.trie), printed(reference));
+            EXPECT_EQ(printed(plain.trie), printed(reference));
         }
-    }
     EXPECT_EQ(Item::alive, 0);
 }
 
-// Histories of one and of several records, short and long network identifiers: the number tree, whose histories lie in
-// its nodes where they can, against a plain trie of lists.
+namespace {
+
+// A number tree, whose histories lie in its nodes where they can, and a plain trie of lists with the same records.
+class BothHistories {
+  public:
+    explicit BothHistories(Keys& keys) : keysM(keys) {
+        std::uint32_t entries = 0;
+        for (int i = 0; i < 1500; ++i)
+            entries += insert() ? 1 : 0;
+        EXPECT_EQ(tree.entries(), entries);
+    }
+
+    void compare(std::vector<BAS::String> const& numbers, unsigned method) {
+        std::vector<BAS::DateTime> instants;
+        while (instants.size() < numbers.size())
+            instants.push_back(instant());
+        std::vector<NumberPortabilityData> records(numbers.size());
+        std::unique_ptr<bool[]> const found(new bool[numbers.size()]);
+        tree.search(numbers, instants, records, {found.get(), numbers.size()}, method);
+        for (std::size_t i = 0; i < numbers.size(); ++i) {
+            NumberPortabilityData expected;
+            bool const isExpected = search(numbers[i], instants[i], expected, method);
+            NumberPortabilityData single;
+            ASSERT_EQ(tree.search(numbers[i], instants[i], single, method), isExpected) << numbers[i];
+            ASSERT_EQ(found[i], isExpected) << numbers[i];
+            for (NumberPortabilityData const& record : {single, records[i]}) {
+                ASSERT_EQ(record.validFromM, expected.validFromM);
+                ASSERT_EQ(record.networkIdM, expected.networkIdM);
+            }
+        }
+    }
+
+    NumberPortabilityTree tree;
+    PlainLists lists;
+
+  private:
+    BAS::DateTime instant() { return BAS::DateTime::fromSeconds(63'000'000'000 + keysM.below(300)); }
+    bool insert() {
+        BAS::String const number(keysM.next());
+        BAS::SimpleString const network(keysM.below(3) == 0 ? "A rather long identifier" : "NET");
+        NumberPortabilityData const record(instant(), network);
+        bool expected = false;
+        if (lists.isSignificant(number.view())) {
+            if (lists.search(number, true) == nullptr)
+                lists.insert(number, new NumberPortabilityList);
+            expected = lists.search(number, true)->insertAt(record);
+        }
+        EXPECT_EQ(tree.insert(number, record, true), expected) << number;
+        return expected;
+    }
+    bool search(BAS::String const& number, BAS::DateTime at, NumberPortabilityData& out, unsigned method) const {
+        if (method != 0) {
+            NumberPortabilityList const* const list = lists.search(number, method == 1);
+            return list != nullptr && list->search(at, out);
+        }
+        PlainLists::FoundStack stack;
+        lists.search(number, stack);
+        while (!stack.isEmpty())
+            if (stack.pop()->search(at, out))
+                return true;
+        return false;
+    }
+
+    Keys& keysM;
+};
+
+std::string printed(NumberPortabilityTree const& tree) {
+    std::ostringstream out;
+    tree.printTree(out, false);
+    return out.str();
+}
+
+} // namespace
+
+// Histories of one and of several records, short and long network identifiers.
 TEST(Layout, HistoriesAnswerAlikeInBothLayouts) {
     for (Shape const shape : shapes) {
         Keys keys(shape);
-        SCOPED_TRACE("shape " + std::to_string(static_cast<int>(shape)) + " seed " + std::to_string(keys.seed()));
-        NumberPortabilityTree tree;
-        PlainLists lists;
-        std::uint32_t entries = 0;
-        auto const instant = [&] { return BAS::DateTime::fromSeconds(63'000'000'000 + keys.below(300)); };
-        for (int i = 0; i < 1500; ++i) {
-            BAS::String const number(keys.next());
-            BAS::SimpleString const network(keys.below(3) == 0 ? "A rather long identifier" : "NET");
-            NumberPortabilityData const record(instant(), network);
-            bool expected = false;
-            if (lists.isSignificant(number.view())) {
-                if (lists.search(number, true) == nullptr)
-                    lists.insert(number, new NumberPortabilityList);
-                expected = lists.search(number, true)->insertAt(record);
-            }
-            ASSERT_EQ(tree.insert(number, record, true), expected) << number;
-            entries += expected ? 1 : 0;
-        }
-        EXPECT_EQ(tree.entries(), entries);
-        std::ostringstream treeListing;
-        tree.printTree(treeListing, false);
-        EXPECT_EQ(treeListing.str(), printed(lists));
-
+        BothHistories both(keys);
+        EXPECT_EQ(printed(both.tree), printed(both.lists));
         std::vector<BAS::String> numbers;
-        std::vector<BAS::DateTime> instants;
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < 1000; ++i)
             numbers.emplace_back(keys.next());
-            instants.push_back(instant());
-        }
-        for (unsigned const method : {0U, 1U, 2U, 3U}) {
-            std::vector<NumberPortabilityData> records(numbers.size());
-            std::unique_ptr<bool[]> const found(new bool[numbers.size()]);
-            tree.search(numbers, instants, records, {found.get(), numbers.size()}, method);
-            for (std::size_t i = 0; i < numbers.size(); ++i) {
-                NumberPortabilityData expected;
-                bool isExpected = false;
-                if (method == 0) {
-                    PlainLists::FoundStack stack;
-                    lists.search(numbers[i], stack);
-                    while (!stack.isEmpty() && !isExpected)
-                        isExpected = stack.pop()->search(instants[i], expected);
-                } else if (NumberPortabilityList const* const list = lists.search(numbers[i], method == 1)) {
-                    isExpected = list->search(instants[i], expected);
-                }
-                NumberPortabilityData single;
-                ASSERT_EQ(tree.search(numbers[i], instants[i], single, method), isExpected) << numbers[i];
-                ASSERT_EQ(found[i], isExpected) << numbers[i];
-                for (NumberPortabilityData const& record : {single, records[i]}) {
-                    ASSERT_EQ(record.validFromM, expected.validFromM);
-                    ASSERT_EQ(record.networkIdM, expected.networkIdM);
-                }
-            }
-        }
+        for (unsigned const method : {0U, 1U, 2U, 3U})
+            ASSERT_NO_FATAL_FAILURE(both.compare(numbers, method));
         NumberPortabilityTree copy;
-        copy.copyFrom(tree);
-        std::ostringstream copyListing;
-        copy.printTree(copyListing, false);
-        EXPECT_EQ(copyListing.str(), treeListing.str());
-        EXPECT_EQ(copy.numbers(), tree.numbers());
-        EXPECT_EQ(copy.entries(), tree.entries());
+        copy.copyFrom(both.tree);
+        EXPECT_EQ(printed(copy), printed(both.tree));
+        EXPECT_EQ(copy.numbers(), both.tree.numbers());
+        EXPECT_EQ(copy.entries(), both.tree.entries());
     }
 }
 
+namespace {
+
+constexpr std::uint64_t recordsCM = 300'000;
+constexpr std::uint64_t firstSecondCM = 63'000'000'000;
+
+BAS::DateTime instantOf(std::uint64_t i) {
+    return BAS::DateTime::fromSeconds(firstSecondCM + 2 * i);
+}
+
+std::string networkOf(std::uint64_t i) {
+    return (i % 100 == 0 ? "A long name " : "") + std::to_string(i);
+}
+
+std::vector<std::uint64_t> orderOf(std::string const& arrival, std::mt19937& random) {
+    std::vector<std::uint64_t> order(recordsCM);
+    for (std::uint64_t i = 0; i < recordsCM; ++i)
+        order[i] = arrival == "ascending" ? i : recordsCM - 1 - i;
+    if (arrival == "nearly descending")
+        std::rotate(order.begin(), order.end() - 7, order.end());
+    if (arrival == "shuffled")
+        std::shuffle(order.begin(), order.end(), random);
+    return order;
+}
+
+} // namespace
+
 // A history of very many records in every order of arrival. To move all of them for each that comes would take hours.
 TEST(Layout, HoldsALongHistoryInEveryOrderOfArrival) {
-    constexpr std::uint64_t records = 300'000;
-    constexpr std::uint64_t first = 63'000'000'000;
     BAS::String const number("00441711234567");
-    auto const instant = [](std::uint64_t i) { return BAS::DateTime::fromSeconds(first + 2 * i); };
-    auto const network = [](std::uint64_t i) { return (i % 100 == 0 ? "A long name " : "") + std::to_string(i); };
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    std::vector<std::uint64_t> order(records);
+    SeededRandom random;
     for (char const* const arrival : {"ascending", "descending", "nearly descending", "shuffled"}) {
         SCOPED_TRACE(arrival);
-        for (std::uint64_t i = 0; i < records; ++i)
-            order[i] = arrival[0] == 'a' ? i : records - 1 - i;
-        if (arrival[0] == 'n')
-            std::rotate(order.begin(), order.end() - 7, order.end());
-        if (arrival[0] == 's')
-            std::shuffle(order.begin(), order.end(), random);
         NumberPortabilityTree tree;
-        for (std::uint64_t const i : order)
-            ASSERT_TRUE(tree.insert(number, {instant(i), BAS::SimpleString(network(i).c_str())}, true)) << i;
-        for (std::uint64_t i = 0; i < records; i += 1 + random() % 100)
-            ASSERT_FALSE(tree.insert(number, {instant(i), BAS::SimpleString("TWICE")}, true)) << i;
-        EXPECT_EQ(tree.entries(), records);
-        EXPECT_LT(tree.bytes(), 2 * records * sizeof(NumberPortabilityData) + 2 * PBC::HugePages::pageCM);
+        for (std::uint64_t const i : orderOf(arrival, random))
+            ASSERT_TRUE(tree.insert(number, {instantOf(i), BAS::SimpleString(networkOf(i).c_str())}, true)) << i;
+        for (std::uint64_t i = 0; i < recordsCM; i += 1 + random() % 100)
+            ASSERT_FALSE(tree.insert(number, {instantOf(i), BAS::SimpleString("TWICE")}, true)) << i;
+        EXPECT_EQ(tree.entries(), recordsCM);
+        EXPECT_LT(tree.bytes(), 2 * recordsCM * sizeof(NumberPortabilityData) + 2 * PBC::HugePages::pageCM);
 
         NumberPortabilityTree copy;
         copy.copyFrom(tree);
-        EXPECT_EQ(copy.entries(), records);
+        EXPECT_EQ(copy.entries(), recordsCM);
         tree.clearAndDestroy();
-        std::uint64_t left = records;
+        std::uint64_t left = recordsCM;
         copy.visitLaterThan(BAS::DateTime::fromSeconds(0),
                             [&](BAS::String const&, NumberPortabilityData const& record) {
                                 --left;
-                                ASSERT_EQ(record.validFromM, instant(left));
-                                ASSERT_EQ(record.networkIdM.view(), network(left));
+                                ASSERT_EQ(record.validFromM, instantOf(left));
+                                ASSERT_EQ(record.networkIdM.view(), networkOf(left));
                             });
         EXPECT_EQ(left, 0U);
-        for (std::uint64_t i = 0; i < records; i += 1 + random() % 100)
-            for (unsigned const later : {0U, 1U}) {
-                NumberPortabilityData found;
-                BAS::DateTime const at = BAS::DateTime::fromSeconds(first + 2 * i + later);
-                ASSERT_TRUE(copy.search(number, at, found, NumberPortabilityTree::EXACT_MATCH));
-                ASSERT_EQ(found.validFromM, instant(i));
-            }
         NumberPortabilityData found;
-        EXPECT_FALSE(copy.search(number, BAS::DateTime::fromSeconds(first - 1), found, 0));
+        for (std::uint64_t i = 0; i < recordsCM; i += 1 + random() % 100)
+            for (unsigned const later : {0U, 1U}) {
+                BAS::DateTime const at = BAS::DateTime::fromSeconds(firstSecondCM + 2 * i + later);
+                ASSERT_TRUE(copy.search(number, at, found, NumberPortabilityTree::EXACT_MATCH));
+                ASSERT_EQ(found.validFromM, instantOf(i));
+            }
+        EXPECT_FALSE(copy.search(number, BAS::DateTime::fromSeconds(firstSecondCM - 1), found, 0));
     }
 }
 

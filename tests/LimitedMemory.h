@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <new>
+#include <thread>
 #include <utility>
 
 // NOLINTBEGIN(misc-definitions-in-headers): a program has it once, as said
@@ -16,12 +17,18 @@ std::atomic<long> liveBlocks = 0; // of operator new; a thread may free what ano
 thread_local long allowed = -1;
 thread_local bool refusesOne = false;
 
+// Refuses the next allocation of another thread than the tests'.
+std::atomic<bool> refusesOthers = false;
+std::thread::id const ownThread = std::this_thread::get_id();
+
 // Called before this thread's next allocation, and by no other.
 thread_local std::function<void()>* beforeAllocation = nullptr;
 
 void* allocate(std::size_t size) {
     if (beforeAllocation != nullptr)
         (*std::exchange(beforeAllocation, nullptr))();
+    if (refusesOthers && std::this_thread::get_id() != ownThread && refusesOthers.exchange(false))
+        throw std::bad_alloc();
     if (allowed == 0) {
         allowed = refusesOne ? -1 : 0;
         throw std::bad_alloc();

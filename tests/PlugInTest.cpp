@@ -1,6 +1,7 @@
 // The plug-in through the real module: configuration, life cycle, run-time updates, probes, and all of it at once.
 #include "tests/LimitedMemory.h"
 #include "tests/LoadedPlugIn.h"
+#include "tests/Texts.h"
 #include "tests/WatchedThread.h"
 
 #include <atomic>
@@ -188,7 +189,7 @@ TEST_F(LifeCycle, EveryoneMayCallDuringInitAndShutdown) {
     for (int round = 0; round < 20; ++round) {
         create();
         std::atomic<bool> stop{false};
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         threads.emplace_back([&] {
             while (!stop)
                 update({{round % 2 == 0 ? "Reload" : "PrintData", folder.file("printed")}});
@@ -205,8 +206,7 @@ TEST_F(LifeCycle, EveryoneMayCallDuringInitAndShutdown) {
         EXPECT_TRUE(plugIn->init());
         EXPECT_EQ(answer("0044171"), "A");
         stop = true;
-        for (std::thread& thread : threads)
-            thread.join();
+        threads.clear(); // joined
         plugIn.reset();
     }
 }
@@ -613,6 +613,10 @@ TEST_F(Probe, IsCarriedOutByTheCallingThreadAsByTheWorker) {
         EXPECT_TRUE(probe(c.probe, c.value));
         EXPECT_EQ(journal.take(c.entries), byCaller);
     }
+}
+
+TEST_F(Probe, CarriesNothingOutOnceLoadsAreStopped) {
+    createInitialised();
     stopLoads();
     EXPECT_FALSE(carryOut(PlugIn::RELOAD_PROBE, ""));
     EXPECT_EQ(journal.take(),
@@ -653,10 +657,7 @@ TEST_F(Probe, CarriesOutARequestOnceThatComesBeforeThePassBeforeHasTakenItsOwn) 
 }
 
 TEST_F(Probe, StopsAWorkerThatWritesToAPipeNobodyEmpties) {
-    std::string lines;
-    for (int i = 0; i < 20'000; ++i)
-        lines += "0171" + std::to_string(i) + " 20200101000000 A\n";
-    folder.write("main", lines);
+    folder.write("main", numberedLines(20'000, "0171", 0, " 20200101000000 A"));
     createInitialised();
     std::string const pipe = folder.file("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -676,7 +677,7 @@ TEST_F(LifeCycle, ServesEveryoneAtOnce) {
     folder.write("delta", "0173 20200101000000 C\n");
     std::atomic<bool> stop{false};
     std::atomic<long> wrong{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 2; ++i)
         threads.emplace_back([&] {
             while (!stop)
@@ -693,8 +694,7 @@ TEST_F(LifeCycle, ServesEveryoneAtOnce) {
         EXPECT_EQ(update({{"AdditionalNumPortData", folder.file("delta")}}), "true handled");
     }
     stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joined
     EXPECT_TRUE(plugIn->shutdown());
     EXPECT_EQ(wrong, 0);
     Entries const entries = journal.take();
@@ -710,10 +710,7 @@ TEST_F(LifeCycle, ServesEveryoneAtOnce) {
 }
 
 TEST_F(LifeCycle, MemoryDoesNotGrowFromReloadToReload) {
-    std::string lines;
-    for (int i = 0; i < 500; ++i)
-        lines += "0171" + std::to_string(i) + " 20200101000000 A-LONG-NETWORK-IDENTIFIER\n";
-    folder.write("main", lines);
+    folder.write("main", numberedLines(500, "0171", 0, " 20200101000000 A-LONG-NETWORK-IDENTIFIER"));
     createInitialised();
     auto const residentPages = [] {
         std::ifstream statm("/proc/self/statm");

@@ -1,5 +1,6 @@
 // The readers-writer lock's promise: exclusion, and who waits for whom. Tests wait for conditions, never for time.
 #include "framework/RW/RWReadersWriterLock.h"
+#include "tests/SeededRandom.h"
 #include "tests/WatchedThread.h"
 
 #include <array>
@@ -73,7 +74,7 @@ void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000
     long second = 0;
     std::atomic<bool> stop{false};
     std::atomic<long> torn{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     auto const read = [&] {
         if (first != second)
             ++torn;
@@ -102,8 +103,7 @@ void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000
     write(); // and this thread: writers exclude each other, and readers that never pause keep neither out
     writer.join();
     stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joined
     EXPECT_EQ(torn, 0);
     EXPECT_EQ(first, 2 * writes);
 }
@@ -324,8 +324,8 @@ TEST(ReadersWriterLock, AWriterMayGiveUp) {
         ADD_FAILURE() << "nobody has to be waited for";
 }
 
-// A reader that is inside leaves, and another comes, while the writer's barrier is going on: it comes after the flag was
-// raised, and before the writer looks who is inside.
+// A reader that is inside leaves, and another comes, while the writer's barrier is going on: it comes after the flag
+// was raised, and before the writer looks who is inside.
 TEST(ReadersWriterLock, AWriterHasAllPassABarrierBetweenItsFlagAndItsLook) {
     if (syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0) <= 0)
         GTEST_SKIP() << "the kernel has no such barrier";
@@ -364,7 +364,7 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     constexpr std::size_t count = 3 * (RWReadersWriterLock::ownSlotsCM + RWReadersWriterLock::sharedSlotsCM);
     std::latch inside(count);
     std::latch leave(1);
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (std::size_t i = 0; i < count; ++i)
         readers.emplace_back([&] {
             lock.acquireRead();
@@ -383,15 +383,29 @@ TEST(ReadersWriterLock, CountsReadersOfMoreThreadsThanSlots) {
     leave.count_down();
     writer.join();
     EXPECT_TRUE(written);
-    for (std::thread& reader : readers)
-        reader.join();
+    readers.clear(); // joined
     EXPECT_EQ(lock.shortReads(), count);
 }
 
+namespace {
+
+using Seed = std::mt19937::result_type;
+
+// Generations of threads, one after the other.
+void breed(std::function<void(Seed)> const& act, Seed seed) {
+    std::mt19937 random(seed);
+    for (int generation = 0; generation < 20; ++generation) {
+        std::vector<std::jthread> threads(random() % 50); // joined by their ends
+        for (std::jthread& thread : threads)
+            thread = std::jthread(act, random());
+    }
+}
+
+} // namespace
+
 // Threads hand their slots on to others, which go on from their counts, while a writer never pauses.
 TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    SeededRandom random;
     RWReadersWriterLock lock;
     long first = 0;
     long second = 0;
@@ -405,27 +419,17 @@ TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
     });
     std::atomic<std::uint64_t> reads{0};
     std::atomic<long> torn{0};
-    auto const read = [&](std::mt19937::result_type threadSeed) {
-        std::mt19937 random(threadSeed);
-        for (auto left = random() % 50; left != 0; --left) {
-            std::uint64_t const many = 1 + random() % 3;
+    auto const read = [&](Seed seed) {
+        std::mt19937 choice(seed);
+        for (auto left = choice() % 50; left != 0; --left) {
+            std::uint64_t const many = 1 + choice() % 3;
             RWReadersWriterLock::ReadGuard const guard(lock, many);
             torn += first == second ? 0 : 1;
             reads += many;
         }
     };
-    auto const breed = [&](unsigned breederSeed) {
-        std::mt19937 random(breederSeed);
-        for (int generation = 0; generation < 20; ++generation) {
-            std::vector<std::thread> threads(random() % 50);
-            for (std::thread& thread : threads)
-                thread = std::thread(read, random());
-            for (std::thread& thread : threads)
-                thread.join();
-        }
-    };
-    std::thread breeder(breed, seed);
-    breed(seed + 1);
+    std::thread breeder(breed, read, random());
+    breed(read, random());
     breeder.join();
     stop = true;
     writer.join();

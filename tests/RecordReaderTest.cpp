@@ -5,6 +5,7 @@
 #include "host/records/Compression.h"
 #include "host/records/CsvReader.h"
 #include "host/records/JsonReader.h"
+#include "tests/SeededRandom.h"
 #include "tests/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -109,49 +109,50 @@ TEST(CsvReaderTest, WantedColumnsAndRaggedRecords) {
     EXPECT_EQ(readAll(first, "a,b,c,d,e\na,,,,\n,,,\n"), "1:|a 2:|a 3:field-count ");
 }
 
+struct Members {
+    char const* label;
+    std::string line;
+    std::string shown;
+};
+
+std::vector<Members> const membersCM = {
+    {"texts, in any order", R"({"t":"2024","x":[1,{"n":"no"}],"n":"+33"})", "|+33|2024"},
+    {"numbers keep their digits", R"({"n":447700900123,"t":-1})", "|447700900123|-1"},
+    {"no exponent", R"({"n":18446744073709551615,"t":1.7e9})", "|18446744073709551615|1700000000"},
+    {"a fraction", R"({"n":1,"t":1700000000.25})", "|1|1700000000.25"},
+    {"digits without end are not nothing", R"({"n":4.4e307,"t":5e-324})", "|4.4e+307|5e-324"},
+    {"escapes", R"({"\u006e":"\u00e9\n\"","t":"\ud83d\ude00"})", "|\u00e9\n\"|\U0001f600"},
+    {"blanks around", " {\"n\" : \"1\" , \"t\" : \"2\" } \r", "|1|2"},
+    {"nothing is empty", R"({"n":null,"t":false})", "||"},
+    {"lists and objects are their text", R"({"n":[ "1", {}],"t":{"a":1}})", R"(|["1",{}]|{"a":1})"},
+    {"an empty text", R"({"n":"","t":true})", "||"},
+    {"a blank line", "  ", ""},
+    {"a member lacks", R"({"n":"1"})", "missing-member"},
+    {"a member twice", R"({"n":"1","t":"2","n":"1"})", "missing-member"},
+    {"twice, and empty", R"({"n":null,"t":"2","n":"1"})", "missing-member"},
+    {"a name is taken", R"({"n":"1","t":"2","n_network":"x"})", "name-taken"},
+    {"and a member twice", R"({"n":"1","n":"1","t":"2","n_network":"x"})", "name-taken"},
+    {"cut off", R"({"n":"1","t":"2")", "broken-json"},
+    {"two objects", R"({"n":"1","t":"2"}{})", "broken-json"},
+    {"an array", R"(["n","t"])", "broken-json"},
+    {"a misspelt value", R"({"n":"1","t":"2","x":tru})", "broken-json"},
+    {"a comma too many", R"({"n":"1","t":"2",})", "broken-json"},
+    {"no UTF-8", "{\"n\":\"\xff\",\"t\":\"2\"}", "broken-json"},
+    {"NUL", "{\"n\":\"1\",\"t\":\"2\"}\0"s, "broken-json"},
+    {"too deep", R"({"n":"1","t":"2","x":)" + std::string(2000, '[') + std::string(2000, ']') + "}", "broken-json"},
+    {"a number beyond 64 bits", R"({"n":"1","t":"2","x":18446744073709551616})", "broken-json"},
+};
+
 TEST(JsonReaderTest, FindsMembers) {
-    std::string const deep = std::string(2000, '[') + std::string(2000, ']');
-    struct Case {
-        char const* label;
-        std::string line;
-        std::string shown;
-    };
-    std::vector<Case> const cases = {
-        {"texts, in any order", R"({"t":"2024","x":[1,{"n":"no"}],"n":"+33"})", "|+33|2024"},
-        {"numbers keep their digits", R"({"n":447700900123,"t":-1})", "|447700900123|-1"},
-        {"no exponent", R"({"n":18446744073709551615,"t":1.7e9})", "|18446744073709551615|1700000000"},
-        {"a fraction", R"({"n":1,"t":1700000000.25})", "|1|1700000000.25"},
-        {"digits without end are not nothing", R"({"n":4.4e307,"t":5e-324})", "|4.4e+307|5e-324"},
-        {"escapes", R"({"\u006e":"\u00e9\n\"","t":"\ud83d\ude00"})", "|\u00e9\n\"|\U0001f600"},
-        {"blanks around", " {\"n\" : \"1\" , \"t\" : \"2\" } \r", "|1|2"},
-        {"nothing is empty", R"({"n":null,"t":false})", "||"},
-        {"lists and objects are their text", R"({"n":[ "1", {}],"t":{"a":1}})", R"(|["1",{}]|{"a":1})"},
-        {"an empty text", R"({"n":"","t":true})", "||"},
-        {"a blank line", "  ", ""},
-        {"a member lacks", R"({"n":"1"})", "missing-member"},
-        {"a member twice", R"({"n":"1","t":"2","n":"1"})", "missing-member"},
-        {"twice, and empty", R"({"n":null,"t":"2","n":"1"})", "missing-member"},
-        {"a name is taken", R"({"n":"1","t":"2","n_network":"x"})", "name-taken"},
-        {"and a member twice", R"({"n":"1","n":"1","t":"2","n_network":"x"})", "name-taken"},
-        {"cut off", R"({"n":"1","t":"2")", "broken-json"},
-        {"two objects", R"({"n":"1","t":"2"}{})", "broken-json"},
-        {"an array", R"(["n","t"])", "broken-json"},
-        {"a misspelt value", R"({"n":"1","t":"2","x":tru})", "broken-json"},
-        {"a comma too many", R"({"n":"1","t":"2",})", "broken-json"},
-        {"no UTF-8", "{\"n\":\"\xff\",\"t\":\"2\"}", "broken-json"},
-        {"NUL", "{\"n\":\"1\",\"t\":\"2\"}\0"s, "broken-json"},
-        {"too deep", R"({"n":"1","t":"2","x":)" + deep + "}", "broken-json"},
-        {"a number beyond 64 bits", R"({"n":"1","t":"2","x":18446744073709551616})", "broken-json"},
-    };
     JsonReader reader({"n", "t"}, {"n_network"});
     std::string text;
     std::string expected;
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        text += cases[i].line + "\n";
-        expected += std::to_string(i + 1) + ":" + cases[i].shown + " ";
+    for (std::size_t i = 0; i < membersCM.size(); ++i) {
+        text += membersCM[i].line + "\n";
+        expected += std::to_string(i + 1) + ":" + membersCM[i].shown + " ";
     }
     EXPECT_EQ(readAll(reader, text), expected);
-    for (Case const& test : cases) // alone, and without a newline
+    for (Members const& test : membersCM) // alone, and without a newline
         EXPECT_EQ(readAll(reader, test.line), "1:" + test.shown + " ") << test.label;
 }
 
@@ -172,9 +173,7 @@ std::string contentRead(std::string const& file, std::size_t piece) {
 
 TEST(ByteSourceTest, ReadsWhatWasWrittenWhateverItsForm) {
     TemporaryFolder const folder;
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    SeededRandom random;
     std::string large;
     while (large.size() < 3000000)
         large += std::to_string(random() % 100000);
@@ -262,9 +261,7 @@ std::string readBlocks(std::string const& file, std::size_t capacity) {
 
 TEST(BlockReaderTest, BlocksChangeNothing) {
     TemporaryFolder const folder;
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    SeededRandom random;
     std::array const parts = {"a", ",", "\n", "\r\n", "\"b\"", "\"c\nd\"", "\"e\"\"f\"", "gh", "i\"", ",\n", "\n\n"};
     for (int round = 0; round < 200; ++round) {
         std::string text;

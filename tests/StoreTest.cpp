@@ -1,11 +1,11 @@
 // The store: records and histories, the trie against a naive model, the number tree and its three search methods.
 #include "store/NumberPortabilityTree.h"
+#include "tests/SeededRandom.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
-#include <random>
 #include <set>
 #include <sstream>
 
@@ -268,30 +268,33 @@ TEST(Trie, IsAsDeepAsMemoryAllows) {
     EXPECT_EQ(Value::alive, 0);
 }
 
+namespace {
+
+// Digits, and the same with separators between them.
+std::pair<std::string, std::string> makeKey(std::mt19937& random, unsigned alphabet) {
+    std::string digits;
+    std::string text;
+    for (auto length = 1 + random() % 9; length > 0; --length) {
+        if (random() % 4 == 0)
+            text += "+- xA\xff"[random() % 6];
+        digits += static_cast<char>('0' + random() % alphabet);
+        text += digits.back();
+    }
+    return {digits, text};
+}
+
+} // namespace
+
 // Generated operations against a map from digit strings, with separators in the keys and keys inside each other.
 TEST(Trie, AgreesWithANaiveModel) {
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    auto const pick = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
+    SeededRandom random;
     for (unsigned alphabet : {2U, 10U}) {
         Trie trie;
         std::map<std::string, int> model;
         std::set<std::string> paths{""}; // the nodes that there should be
-        auto const makeKey = [&] {
-            std::string digits;
-            std::string text;
-            for (unsigned length = 1 + pick(9); length > 0; --length) {
-                if (pick(4) == 0)
-                    text += "+- xA\xff"[pick(6)];
-                digits += static_cast<char>('0' + pick(alphabet));
-                text += digits.back();
-            }
-            return std::pair{digits, text};
-        };
         for (int step = 0; step < 3000; ++step) {
-            auto const [digits, text] = makeKey();
-            if (pick(2) == 0 && model.emplace(digits, step).second) {
+            auto const [digits, text] = makeKey(random, alphabet);
+            if (random() % 2 == 0 && model.emplace(digits, step).second) {
                 trie.insert(BAS::String(text), new Value(step));
                 for (std::size_t length = 0; length <= digits.size(); ++length)
                     paths.insert(digits.substr(0, length));

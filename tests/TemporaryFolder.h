@@ -1,4 +1,4 @@
-// A folder of its own for one test, removed with all that is in it.
+// A folder of its own for a test or a benchmark, removed with all that is in it.
 #pragma once
 
 #include <cstdlib>
@@ -10,8 +10,8 @@
 
 class TemporaryFolder {
   public:
-    TemporaryFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "np-test-XXXXXX").string();
+    explicit TemporaryFolder(std::string const& prefix = "np-test") {
+        std::string name = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
         if (mkdtemp(name.data()) == nullptr)
             throw std::runtime_error("cannot make a temporary folder");
         pathM = name;

@@ -1,26 +1,21 @@
 // The times of foreign files: every format in a table, and zones against the C library's.
 #include "host/fields/TimeReader.h"
 #include "host/base/HostError.h"
+#include "host/base/Instant.h"
+#include "tests/SeededRandom.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <random>
 #include <set>
-#include <sstream>
 #include <vector>
 
 namespace {
 
+using nphost::digitsOf;
 using nphost::TimeReader;
 using Doubt = TimeReader::Doubt;
-
-std::string digitsOf(BAS::DateTime instant) {
-    std::ostringstream out;
-    out << instant;
-    return out.str();
-}
 
 std::string shownOf(std::optional<TimeReader::Reading> const& reading) {
     if (!reading)
@@ -29,113 +24,115 @@ std::string shownOf(std::optional<TimeReader::Reading> const& reading) {
     return digitsOf(reading->instant) + marks[static_cast<int>(reading->doubt)];
 }
 
+struct Written {
+    char const* format;
+    char const* zone;
+    std::string text;
+    char const* reading;
+};
+
+std::vector<Written> const writtenCM = {
+    {"digits", "UTC", "20240229235959", "20240229235959"},
+    {"digits", "UTC", " \t20240229235959\t ", "20240229235959"},
+    {"digits", "UTC", "20230229000000", "-"},
+    {"digits", "UTC", "202402292359", "-"},
+    {"digits", "UTC", "", "-"},
+    {"digits", "Europe/Berlin", "20240331015959", "20240331015959"},
+    {"digits", "Europe/Berlin", "20240331020000", "20240331030000 never"},
+    {"digits", "Europe/Berlin", "20240331025959", "20240331035959 never"},
+    {"digits", "Europe/Berlin", "20240331030000", "20240331030000"},
+    {"digits", "Europe/Berlin", "20241027015959", "20241027015959"},
+    {"digits", "Europe/Berlin", "20241027020000", "20241027020000 twice"},
+    {"digits", "Europe/Berlin", "20241027025959", "20241027025959 twice"},
+    {"digits", "Europe/Berlin", "20241027030000", "20241027030000"},
+    {"digits", "Pacific/Apia", "20111230120000", "20111231120000 never"}, // a whole day left out
+    // tzdata lists changes to 2037 only, and rules for those after
+    {"digits", "Europe/Berlin", "20500327023000", "20500327033000 never"},
+
+    {"iso", "UTC", "2024-06-01T12:30:45Z", "20240601123045"},
+    {"iso", "UTC", "2024-06-01t12:30:45z", "20240601123045"},
+    {"iso", "UTC", "20240601T123045Z", "20240601123045"},
+    {"iso", "UTC", "2024-06-01 12:30:45", "20240601123045"},
+    {"iso", "UTC", "2024-06-01T12:30", "20240601123000"},
+    {"iso", "UTC", "20240601T1230+0100", "20240601113000"},
+    {"iso", "UTC", "2024-06-01T12:30:45.999Z", "20240601123045"},
+    {"iso", "UTC", "2024-06-01T12:30:45,5-05:30", "20240601180045"},
+    {"iso", "UTC", "2024-06-01T00:00:00+14", "20240531100000"},
+    {"iso", "UTC", "2024-06-01 12:30:45 -0000", "20240601123045"},
+    {"iso", "UTC", "2024-12-31T24:00:00Z", "20250101000000"},
+    {"iso", "UTC", "2024-12-31T24:00:01Z", "-"},
+    {"iso", "UTC", "2024-12-31T24:00:00.5Z", "-"},
+    {"iso", "UTC", "9999-12-31T24:00:00Z", "-"},
+    {"iso", "UTC", "2016-12-31T23:59:60Z", "20161231235959"}, // leap second
+    {"iso", "UTC", "2017-01-01T05:29:60+05:30", "20161231235959"},
+    {"%d/%m/%Y %H:%M:%S", "UTC", "31/12/2016 23:59:60", "20161231235959"},
+    {"%Y-%m-%dT%H:%M:%E*S%Ez", "UTC", "2060-12-31T06:06:60.60+01:00", "20601231050659"},
+    {"%H%M%E*S %j %m/%d/%Y", "UTC", "060000.60 060 02/29/2060", "20600229060000"}, // none of them is one
+    {"%s", "UTC", "960", "19700101001600"},
+    {"digits", "UTC", "20161231235960", "-"},
+    {"iso", "UTC", "2017-01-01T05:28:60.5Z", "20170101052859"},
+    {"iso", "UTC", "0001-01-01T00:00:00+00:01", "-"},
+    {"iso", "UTC", "9999-12-31T23:59:59-00:01", "-"},
+    {"iso", "UTC", "2024-06-01", "-"},
+    {"iso", "UTC", "2024-06-01T12", "-"},
+    {"iso", "UTC", "2024-0601T12:30:45", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45.", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45.Z", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+1", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+01:", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+24:00", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+01:60", "-"},
+    {"iso", "UTC", "2024-06-01T12:30:45+01:00x", "-"},
+    {"iso", "UTC", "2024-06-01T25:30:45Z", "-"},
+    {"iso", "UTC", "2024-W22-6T12:30:45Z", "-"},
+    {"iso", "Europe/Berlin", "2024-06-01T12:30:45Z", "20240601143045"},
+    {"iso", "Europe/Berlin", "2024-06-01T12:30:45", "20240601123045"},
+    {"iso", "Europe/Berlin", "2050-06-01T12:30:45Z", "20500601143045"},
+    {"iso", "Europe/Berlin", "2024-03-31T02:30:00", "20240331033000 never"},
+    {"iso", "Europe/Berlin", "2024-10-27T00:30:00Z", "20241027023000 twice"},
+    {"iso", "Europe/Berlin", "2024-10-27T01:30:00Z", "20241027023000 twice"},
+    {"iso", "Europe/Berlin", "2024-10-27T02:00:00Z", "20241027030000"},
+
+    {"seconds", "UTC", "0", "19700101000000"},
+    {"seconds", "UTC", "1700000000.999", "20231114221320"},
+    {"seconds", "UTC", "-0.5", "19691231235959"},
+    {"seconds", "UTC", "-1.0", "19691231235959"},
+    {"seconds", "UTC", "-62135596800", "00010101000000"},
+    {"seconds", "UTC", "-62135596801", "-"},
+    {"seconds", "UTC", "253402300799", "99991231235959"},
+    {"seconds", "UTC", "253402300800", "-"},
+    {"seconds", "UTC", "9223372036854775807", "-"},
+    {"seconds", "UTC", "-9223372036854775808.5", "-"},
+    {"seconds", "UTC", "9223372036854775808", "-"},
+    {"seconds", "UTC", "1700000000.", "-"},
+    {"seconds", "UTC", "+1700000000", "-"},
+    {"seconds", "UTC", "1e9", "-"},
+    {"seconds", "America/New_York", "1700000000", "20231114171320"},
+    {"milliseconds", "UTC", "1700000000999", "20231114221320"},
+    {"milliseconds", "UTC", "-1", "19691231235959"},
+    {"milliseconds", "UTC", "-1000", "19691231235959"},
+    {"milliseconds", "UTC", "1700000000999.5", "-"},
+
+    {"%Y%m%d%H%M%S", "UTC", "20240701123045", "20240701123045"},
+    {"%d/%m/%Y %H:%M", "UTC", "01/07/2024 12:30", "20240701123000"},
+    {"%d.%m.%y", "UTC", "31.12.99", "19991231000000"},
+    {"%d %b %Y %I:%M:%S %p", "UTC", "1 Jul 2024 12:30:45 AM", "20240701003045"},
+    {"%Y-%m-%d %H:%M:%E*S", "UTC", "2024-07-01 12:30:45.77", "20240701123045"},
+    {"%Y-%m-%dT%H:%M:%S%z", "Europe/Berlin", "2024-07-01T12:30:45-0500", "20240701193045"},
+    {"%Y-%m-%d %H:%M:%S %Ez", "UTC", "2024-07-01 12:30:45 +05:30", "20240701070045"},
+    {"epoch %s", "Europe/Berlin", "epoch 1700000000", "20231114231320"},
+    {"%Y-%m-%d %H:%M", "Europe/Berlin", "2024-03-31 02:30", "20240331033000 never"},
+    {"%Y-%m-%d", "UTC", "2024-02-30", "-"},
+    {"%Y-%m-%d", "UTC", "12024-02-01", "-"},
+    {"%Y-%m-%d", "UTC", "0000-02-01", "-"},
+    {"%Y-%m-%d", "UTC", "2024-02-01 12:00", "-"},
+    {"%Y-%m-%d", "UTC", std::string("2024-02-01\0", 11), "-"},
+    {"%Y-%m-%d", "UTC", "infinite-future", "-"},
+};
+
 TEST(TimeReaderTest, ReadsEveryFormat) {
-    struct Case {
-        char const* format;
-        char const* zone;
-        std::string text;
-        char const* reading;
-    };
-    std::vector<Case> const cases = {
-        {"digits", "UTC", "20240229235959", "20240229235959"},
-        {"digits", "UTC", " \t20240229235959\t ", "20240229235959"},
-        {"digits", "UTC", "20230229000000", "-"},
-        {"digits", "UTC", "202402292359", "-"},
-        {"digits", "UTC", "", "-"},
-        {"digits", "Europe/Berlin", "20240331015959", "20240331015959"},
-        {"digits", "Europe/Berlin", "20240331020000", "20240331030000 never"},
-        {"digits", "Europe/Berlin", "20240331025959", "20240331035959 never"},
-        {"digits", "Europe/Berlin", "20240331030000", "20240331030000"},
-        {"digits", "Europe/Berlin", "20241027015959", "20241027015959"},
-        {"digits", "Europe/Berlin", "20241027020000", "20241027020000 twice"},
-        {"digits", "Europe/Berlin", "20241027025959", "20241027025959 twice"},
-        {"digits", "Europe/Berlin", "20241027030000", "20241027030000"},
-        {"digits", "Pacific/Apia", "20111230120000", "20111231120000 never"}, // a whole day left out
-        // tzdata lists changes to 2037 only, and rules for those after
-        {"digits", "Europe/Berlin", "20500327023000", "20500327033000 never"},
-
-        {"iso", "UTC", "2024-06-01T12:30:45Z", "20240601123045"},
-        {"iso", "UTC", "2024-06-01t12:30:45z", "20240601123045"},
-        {"iso", "UTC", "20240601T123045Z", "20240601123045"},
-        {"iso", "UTC", "2024-06-01 12:30:45", "20240601123045"},
-        {"iso", "UTC", "2024-06-01T12:30", "20240601123000"},
-        {"iso", "UTC", "20240601T1230+0100", "20240601113000"},
-        {"iso", "UTC", "2024-06-01T12:30:45.999Z", "20240601123045"},
-        {"iso", "UTC", "2024-06-01T12:30:45,5-05:30", "20240601180045"},
-        {"iso", "UTC", "2024-06-01T00:00:00+14", "20240531100000"},
-        {"iso", "UTC", "2024-06-01 12:30:45 -0000", "20240601123045"},
-        {"iso", "UTC", "2024-12-31T24:00:00Z", "20250101000000"},
-        {"iso", "UTC", "2024-12-31T24:00:01Z", "-"},
-        {"iso", "UTC", "2024-12-31T24:00:00.5Z", "-"},
-        {"iso", "UTC", "9999-12-31T24:00:00Z", "-"},
-        {"iso", "UTC", "2016-12-31T23:59:60Z", "20161231235959"}, // leap second
-        {"iso", "UTC", "2017-01-01T05:29:60+05:30", "20161231235959"},
-        {"%d/%m/%Y %H:%M:%S", "UTC", "31/12/2016 23:59:60", "20161231235959"},
-        {"%Y-%m-%dT%H:%M:%E*S%Ez", "UTC", "2060-12-31T06:06:60.60+01:00", "20601231050659"},
-        {"%H%M%E*S %j %m/%d/%Y", "UTC", "060000.60 060 02/29/2060", "20600229060000"}, // none of them is one
-        {"%s", "UTC", "960", "19700101001600"},
-        {"digits", "UTC", "20161231235960", "-"},
-        {"iso", "UTC", "2017-01-01T05:28:60.5Z", "20170101052859"},
-        {"iso", "UTC", "0001-01-01T00:00:00+00:01", "-"},
-        {"iso", "UTC", "9999-12-31T23:59:59-00:01", "-"},
-        {"iso", "UTC", "2024-06-01", "-"},
-        {"iso", "UTC", "2024-06-01T12", "-"},
-        {"iso", "UTC", "2024-0601T12:30:45", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45.", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45.Z", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+1", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+01:", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+24:00", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+01:60", "-"},
-        {"iso", "UTC", "2024-06-01T12:30:45+01:00x", "-"},
-        {"iso", "UTC", "2024-06-01T25:30:45Z", "-"},
-        {"iso", "UTC", "2024-W22-6T12:30:45Z", "-"},
-        {"iso", "Europe/Berlin", "2024-06-01T12:30:45Z", "20240601143045"},
-        {"iso", "Europe/Berlin", "2024-06-01T12:30:45", "20240601123045"},
-        {"iso", "Europe/Berlin", "2050-06-01T12:30:45Z", "20500601143045"},
-        {"iso", "Europe/Berlin", "2024-03-31T02:30:00", "20240331033000 never"},
-        {"iso", "Europe/Berlin", "2024-10-27T00:30:00Z", "20241027023000 twice"},
-        {"iso", "Europe/Berlin", "2024-10-27T01:30:00Z", "20241027023000 twice"},
-        {"iso", "Europe/Berlin", "2024-10-27T02:00:00Z", "20241027030000"},
-
-        {"seconds", "UTC", "0", "19700101000000"},
-        {"seconds", "UTC", "1700000000.999", "20231114221320"},
-        {"seconds", "UTC", "-0.5", "19691231235959"},
-        {"seconds", "UTC", "-1.0", "19691231235959"},
-        {"seconds", "UTC", "-62135596800", "00010101000000"},
-        {"seconds", "UTC", "-62135596801", "-"},
-        {"seconds", "UTC", "253402300799", "99991231235959"},
-        {"seconds", "UTC", "253402300800", "-"},
-        {"seconds", "UTC", "9223372036854775807", "-"},
-        {"seconds", "UTC", "-9223372036854775808.5", "-"},
-        {"seconds", "UTC", "9223372036854775808", "-"},
-        {"seconds", "UTC", "1700000000.", "-"},
-        {"seconds", "UTC", "+1700000000", "-"},
-        {"seconds", "UTC", "1e9", "-"},
-        {"seconds", "America/New_York", "1700000000", "20231114171320"},
-        {"milliseconds", "UTC", "1700000000999", "20231114221320"},
-        {"milliseconds", "UTC", "-1", "19691231235959"},
-        {"milliseconds", "UTC", "-1000", "19691231235959"},
-        {"milliseconds", "UTC", "1700000000999.5", "-"},
-
-        {"%Y%m%d%H%M%S", "UTC", "20240701123045", "20240701123045"},
-        {"%d/%m/%Y %H:%M", "UTC", "01/07/2024 12:30", "20240701123000"},
-        {"%d.%m.%y", "UTC", "31.12.99", "19991231000000"},
-        {"%d %b %Y %I:%M:%S %p", "UTC", "1 Jul 2024 12:30:45 AM", "20240701003045"},
-        {"%Y-%m-%d %H:%M:%E*S", "UTC", "2024-07-01 12:30:45.77", "20240701123045"},
-        {"%Y-%m-%dT%H:%M:%S%z", "Europe/Berlin", "2024-07-01T12:30:45-0500", "20240701193045"},
-        {"%Y-%m-%d %H:%M:%S %Ez", "UTC", "2024-07-01 12:30:45 +05:30", "20240701070045"},
-        {"epoch %s", "Europe/Berlin", "epoch 1700000000", "20231114231320"},
-        {"%Y-%m-%d %H:%M", "Europe/Berlin", "2024-03-31 02:30", "20240331033000 never"},
-        {"%Y-%m-%d", "UTC", "2024-02-30", "-"},
-        {"%Y-%m-%d", "UTC", "12024-02-01", "-"},
-        {"%Y-%m-%d", "UTC", "0000-02-01", "-"},
-        {"%Y-%m-%d", "UTC", "2024-02-01 12:00", "-"},
-        {"%Y-%m-%d", "UTC", std::string("2024-02-01\0", 11), "-"},
-        {"%Y-%m-%d", "UTC", "infinite-future", "-"},
-    };
-    for (Case const& test : cases)
+    for (Written const& test : writtenCM)
         EXPECT_EQ(shownOf(TimeReader(test.format, test.zone).read(test.text)), test.reading)
             << test.format << ", " << test.zone << ": '" << test.text << "'";
 }
@@ -239,8 +236,7 @@ void expectAgreement(nphost::TimeZone const& zone, std::int64_t time, std::strin
 
 // Random times; half of them near a change, both as absolute times and as clock times.
 TEST(TimeReaderTest, AgreesWithTheSystemAboutZones) {
-    std::uint64_t const seed = std::random_device()();
-    std::mt19937_64 random(seed);
+    SeededRandom random;
     std::uniform_int_distribution<std::int64_t> anyTime(-1'500'000'000, 12'000'000'000); // 1922 to 2350
     std::uniform_int_distribution<std::int64_t> nearby(-30L * 3600, 30L * 3600);
     for (char const* const name : {"UTC", "Europe/Berlin", "America/New_York", "Australia/Lord_Howe", "Pacific/Apia",
@@ -251,8 +247,7 @@ TEST(TimeReaderTest, AgreesWithTheSystemAboutZones) {
             std::int64_t time = anyTime(random);
             if (i % 2 == 0)
                 time = nextChange(time) + nearby(random);
-            ASSERT_NO_FATAL_FAILURE(
-                expectAgreement(zone, time, std::string(name) + ", seed " + std::to_string(seed) + ": "));
+            ASSERT_NO_FATAL_FAILURE(expectAgreement(zone, time, std::string(name) + ": "));
         }
     }
 }

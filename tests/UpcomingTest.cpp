@@ -1,9 +1,12 @@
 // nphost upcoming, and the daemon's notices of assignments that take effect, by a clock that the tests set.
+#include "host/base/Instant.h"
 #include "host/cli/Sections.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/module/Host.h"
 #include "host/service/ReportHub.h"
+#include "tests/LimitedMemory.h"
 #include "tests/ProgramRun.h"
+#include "tests/SeededRandom.h"
 
 #include <gtest/gtest.h>
 
@@ -14,60 +17,16 @@
 #include <new>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <random>
 #include <thread>
 #include <vector>
 
 namespace {
 
-// Refuses the next request for memory that comes from another thread than the tests'.
-std::atomic<bool> refusesOthers = false;
-std::thread::id const ownThread = std::this_thread::get_id();
-
-void* allocate(std::size_t size) {
-    if (refusesOthers && std::this_thread::get_id() != ownThread && refusesOthers.exchange(false))
-        throw std::bad_alloc();
-    void* const memory = std::malloc(size == 0 ? 1 : size); // NOLINT(cppcoreguidelines-no-malloc)
-    return memory == nullptr ? throw std::bad_alloc() : memory;
-}
-
-} // namespace
-
-// Not inlined: the compiler would take them for the library's own and warn of a mismatch with free.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    return allocate(size);
-}
-[[gnu::noinline]] void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
-}
-[[gnu::noinline]] void operator delete[](void* memory) noexcept {
-    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory); // NOLINT(cppcoreguidelines-no-malloc)
-}
-
-namespace {
+using nphost::digitsOf;
 
 BAS::DateTime second(std::uint64_t seconds) {
     return BAS::DateTime::fromSeconds(seconds);
 }
-
-struct Site {
-    explicit Site(std::string const& data) {
-        folder.write("data.dat", data);
-        configuration = folder.write("nphost.toml", "[DAT_NumberPortability]\nFileName = \"data.dat\"\n"
-                                                    "CountryCode = \"44\"\nNationalAccessCode = \"0\"\n");
-    }
-    TemporaryFolder folder;
-    std::string configuration;
-};
 
 // What is announced as "count first-number network instant", or "-".
 std::string taken(nphost::DueChanges& due, std::uint64_t liveSince) {
@@ -89,11 +48,11 @@ nphost::UpcomingChanges listOf(std::vector<std::pair<std::uint64_t, char const*>
 } // namespace
 
 TEST(UpcomingTest, ListsWhatIsToCome) {
-    Site const site("0770 20180101000000 ALPHA\n"
-                    "07700900124 20310301020000 CHARLIE\n" // of ALPHA's block until then
-                    "07700900123 20300101000000 BRAVO\n07700900123 20310301020000 DELTA\n"
-                    "07700900123 20200101000000 ALPHA\n07700900123 20300101000000 DUPLICATE\n"
-                    "+4930 20310101000000 EINS\n"); // nobody's until then
+    ConfiguredFolder const site("0770 20180101000000 ALPHA\n"
+                                "07700900124 20310301020000 CHARLIE\n" // of ALPHA's block until then
+                                "07700900123 20300101000000 BRAVO\n07700900123 20310301020000 DELTA\n"
+                                "07700900123 20200101000000 ALPHA\n07700900123 20300101000000 DUPLICATE\n"
+                                "+4930 20310101000000 EINS\n"); // nobody's until then
     struct Case {
         char const* options;
         std::string out;
@@ -114,7 +73,7 @@ TEST(UpcomingTest, ListsWhatIsToCome) {
          "\n"},
     };
     for (Case const& test : cases) {
-        ProgramResult const result = runProgram("upcoming --config " + site.configuration + " " + test.options);
+        Result const result = runProgram("upcoming --config " + site.configuration + " " + test.options);
         EXPECT_EQ(result.status, 0) << test.options << result.err;
         EXPECT_EQ(result.out, test.out) << test.options;
     }
@@ -163,12 +122,11 @@ TEST(DueChangesTest, AnnouncesOnceWhatIsTrueAtItsInstant) {
 
 TEST(DueChangesTest, KeepsTheNextInstantsOnly) {
     constexpr std::uint64_t many = 3 * nphost::UpcomingChanges::mostInstantsCM;
-    unsigned const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    SeededRandom random;
     std::vector<std::uint64_t> instants;
     for (std::uint64_t i = 0; i < many; ++i)
         instants.push_back(100 + i / 2); // each twice
-    std::shuffle(instants.begin(), instants.end(), std::mt19937(seed));
+    std::shuffle(instants.begin(), instants.end(), random);
     nphost::UpcomingChanges list;
     for (std::uint64_t const at : instants)
         list.add(second(at), "1", "NET");
@@ -192,7 +150,7 @@ namespace {
 // A plug-in that serves, with notices by a clock of the test's, which begins long after the load.
 class Served {
   public:
-    explicit Served(Site const& site)
+    explicit Served(ConfiguredFolder const& site)
         : targetM(site.folder.file("log")),
           hostM(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration, false},
                 nphost::LogSettings{true, false, &targetM, &hubM}) {
@@ -236,15 +194,11 @@ class Served {
     std::unique_ptr<nphost::ChangeNotices> noticesM;
 };
 
-std::string digits(BAS::DateTime at) {
-    return at.asString("%Y%m%d%H%M%S").str();
-}
-
 } // namespace
 
 TEST(ChangeNoticesTest, SearchesAgainAMinuteAfterMemoryDidNotSuffice) {
     BAS::DateTime const later = second(BAS::DateTime::now().seconds() + 300000);
-    Site const site("0171 " + digits(later) + " A\n");
+    ConfiguredFolder const site("0171 " + digitsOf(later) + " A\n");
     Served served(site);
     for (int i = 0; i < 2; ++i) {
         refusesOthers = true;
@@ -258,25 +212,25 @@ TEST(ChangeNoticesTest, SearchesAgainAMinuteAfterMemoryDidNotSuffice) {
 
 TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
     using Notices = std::vector<std::vector<std::string>>;
-    Site const site("0171 20200101000000 A\n");
+    ConfiguredFolder const site("0171 20200101000000 A\n");
     {
         Served served(site); // nothing is to come
         EXPECT_EQ(served.noticesAt(second(served.now.seconds() + 1)), Notices());
     }
     BAS::DateTime const begin = second(BAS::DateTime::now().seconds() + 200000);
     auto const after = [&](std::uint64_t seconds) { return second(begin.seconds() + seconds); };
-    site.folder.write("data.dat", "0172 " + digits(after(11)) + " B\n0171 " + digits(after(11)) + " A\n0173 " +
-                                      digits(after(31)) + " C\n");
+    site.folder.write("data.dat", "0172 " + digitsOf(after(11)) + " B\n0171 " + digitsOf(after(11)) + " A\n0173 " +
+                                      digitsOf(after(31)) + " C\n");
     Served served(site);
     served.now = begin;
     ASSERT_TRUE(served.hasListIn(10000));
     EXPECT_EQ(served.noticesAt(after(10)), Notices());
-    EXPECT_EQ(served.noticesAt(after(11)), (Notices{{"2", "0044171", "A", digits(after(11))}}));
+    EXPECT_EQ(served.noticesAt(after(11)), (Notices{{"2", "0044171", "A", digitsOf(after(11))}}));
 
-    site.folder.write("data.dat", "0174 " + digits(after(22)) + " D\n");
+    site.folder.write("data.dat", "0174 " + digitsOf(after(22)) + " D\n");
     served.reload();
     ASSERT_TRUE(served.hasListIn(10000));
-    EXPECT_EQ(served.noticesAt(after(31)), (Notices{{"1", "0044174", "D", digits(after(22))}}));
+    EXPECT_EQ(served.noticesAt(after(31)), (Notices{{"1", "0044174", "D", digitsOf(after(22))}}));
     EXPECT_NE(contentOf(site.folder.file("log")).find("assignments that have taken effect: 2; the first: 0044171 to A"),
               std::string::npos);
 }

@@ -1,8 +1,8 @@
 // A memory-mapped B+ tree in a temporary folder, from the number's text to its records; every stored length is asked,
 // longest first, all within one read transaction.
-#include "bench/TemporaryFolder.h"
 #include "bench/peers/Peer.h"
 #include "bench/peers/Records.h"
+#include "tests/TemporaryFolder.h"
 
 #include <cstring>
 #include <lmdb.h>
@@ -96,7 +96,7 @@ class Lmdb : public PeerOf<Lmdb> {
         return false;
     }
 
-    TemporaryFolder folderM;
+    TemporaryFolder folderM{"npbench"};
     MDB_env* environmentM = nullptr;
     MDB_txn* readerM = nullptr;
     MDB_dbi tableM = 0;

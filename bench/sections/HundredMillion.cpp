@@ -178,7 +178,7 @@ class Life {
 
     Settings const& settingsM;
     std::ostream& outM;
-    TemporaryFolder folderM;
+    TemporaryFolder folderM{"npbench"};
     Table tableM;
     Table tailsM{
         "hundred-million-look-ups", "One thread's look-ups meanwhile", {"look-ups", "p50", "p99", "p99.9", "worst"}};

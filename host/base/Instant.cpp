@@ -35,4 +35,12 @@ BAS::DateTime instantOf(std::optional<std::string> const& option, BAS::DateTime 
     return at;
 }
 
+std::string digitsOf(BAS::DateTime at) {
+    return at.asString("%Y%m%d%H%M%S").str();
+}
+
+std::string readable(BAS::DateTime at) {
+    return at.asString("%Y-%m-%d %H:%M:%S").str();
+}
+
 } // namespace nphost

@@ -30,18 +30,6 @@ bool hasRoom(int milliseconds) noexcept {
 
 } // namespace
 
-std::size_t writeWhole(int descriptor, std::string_view text) noexcept {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t const written = ::write(descriptor, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR)
-            break;
-        if (written > 0)
-            done += static_cast<std::size_t>(written);
-    }
-    return done;
-}
-
 // Of the process, as the descriptor is: log, progress line and complaints share it.
 BAS::Mutex StandardError::lockM;
 bool StandardError::progressShownM = false;

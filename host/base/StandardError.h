@@ -50,9 +50,6 @@ class StandardError {
     static bool halfM NP_GUARDED_BY(lockM);  // of a service's last line
 };
 
-// Writes all of it, or what can be written without waiting where the descriptor does not block. Returns how many bytes.
-std::size_t writeWhole(int descriptor, std::string_view text) noexcept;
-
 // "nphost: ", the text on one line, and a newline.
 void complain(std::string_view text) noexcept;
 

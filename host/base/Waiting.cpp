@@ -34,4 +34,16 @@ int writeWaiting(int descriptor, std::string_view text) {
     return 0;
 }
 
+std::size_t writeWhole(int descriptor, std::string_view text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t const written = ::write(descriptor, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR)
+            break;
+        if (written > 0)
+            done += static_cast<std::size_t>(written);
+    }
+    return done;
+}
+
 } // namespace nphost

@@ -8,6 +8,7 @@
 // Complexity: constant, and linear in the bytes.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace nphost {
@@ -19,5 +20,9 @@ bool becomesReady(int descriptor, short events) noexcept;
 // Writes all of it, waiting for whoever reads. Returns 0, or the system's error. Throws Interrupted when nobody reads
 // any more, or a signal was noted.
 int writeWaiting(int descriptor, std::string_view text);
+
+// Writes all of it, or what can be written without waiting where the descriptor does not block. Returns how many bytes;
+// errno says why they are not all.
+std::size_t writeWhole(int descriptor, std::string_view text) noexcept;
 
 } // namespace nphost

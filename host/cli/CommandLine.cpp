@@ -48,10 +48,12 @@ int runChecked(int argc, char const* const* argv) {
         Arguments arguments = parser.top().command(command->name, command->description);
         command->declare(arguments, common);
     }
-    int status = FINE;
-    Arguments::Run const chosen = parser.parse(argc, argv, status);
-    // Only commands may be interrupted: parsing has no temporary files.
-    return chosen ? unlessInterrupted(chosen) : status;
+    // The parser, too, may be interrupted: help goes to whoever reads, or reads no more.
+    return unlessInterrupted([&] {
+        int status = FINE;
+        Arguments::Run const chosen = parser.parse(argc, argv, status);
+        return chosen ? chosen() : status;
+    });
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "host/daemon/ChangeNotices.h"
 
+#include "host/base/Instant.h"
 #include "host/module/FrameworkObjects.h"
 
 #include <algorithm>
@@ -68,7 +69,7 @@ void ChangeNotices::announce(DueChanges::Notice const& notice) {
                          BAS::String::convert(notice.changes.count));
     message.arguments().append(BAS::String(notice.changes.number));
     message.arguments().append(BAS::String(notice.changes.network));
-    message.arguments().append(notice.at.asString("%Y%m%d%H%M%S"));
+    message.arguments().append(BAS::String(digitsOf(notice.at)));
     senderM.sendMessage(message);
 }
 

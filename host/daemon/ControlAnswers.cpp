@@ -1,5 +1,6 @@
 #include "host/daemon/ControlAnswers.h"
 
+#include "host/base/Instant.h"
 #include "host/base/Text.h"
 #include "host/daemon/ControlProtocol.h"
 #include "host/fields/Numbers.h"
@@ -25,7 +26,7 @@ Json clock(BAS::DateTime at) {
 }
 
 Json digits(BAS::DateTime at) {
-    return at.isValid() ? Json(at.asString("%Y%m%d%H%M%S").str()) : Json();
+    return at.isValid() ? Json(digitsOf(at)) : Json();
 }
 
 char const* nameOf(LoadOutcome::Kind kind) {
@@ -81,6 +82,7 @@ Json toJson(DataFileState::Standing const& standing) {
     return file;
 }
 
+// Null when no limit was asked for: that is not the same as a check that passed.
 Json toJson(LoadCheck const& check) {
     if (!check.guarded)
         return nullptr;
@@ -100,6 +102,7 @@ Json toJson(LoadCheck const& check) {
     return result;
 }
 
+// Only those that are configured, by the names that they have in the file.
 Json limitsOf(GuardLimits const& limits) {
     Json object = Json::object();
     auto const set = [&object](char const* key, auto const& value) {

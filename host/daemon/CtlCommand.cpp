@@ -145,7 +145,7 @@ std::string orDash(Json const& text) {
 // "2026-01-31 12:00:00" from 14 digits.
 std::string readable(Json const& digits) {
     BAS::DateTime const at = parseInstant(digits.is_string() ? digits.get<std::string>() : std::string());
-    return at.isValid() ? at.asString("%Y-%m-%d %H:%M:%S").str() : "-";
+    return at.isValid() ? nphost::readable(at) : "-";
 }
 
 std::string seconds(Json const& value) {
@@ -410,6 +410,8 @@ class Ctl {
     }
 
     // As many of the numbers from that one on as go into a request, and `most` at the most.
+    // By bytes as well as by count: one request is one line, and a line has a bound. A single number always goes,
+    // however long; the daemon then refuses the line.
     Json numbersFrom(std::size_t next, std::size_t most) const {
         Json numbers = Json::array();
         for (std::size_t size = 0; next < optionsM.numbers.size() && numbers.size() < most; ++next) {
@@ -436,6 +438,7 @@ class Ctl {
         return allFound;
     }
 
+    // Times compare as texts: 14 digits each.
     void histories(Json const& prefixes, std::string const& at) {
         line(prefixes.empty() ? "\nNo prefix of the number is stored." : "\nStored prefixes, longest first:");
         for (Json const& prefix : prefixes) {
@@ -554,6 +557,7 @@ std::filesystem::path socketOf(CtlOptions const& options) {
     return socket;
 }
 
+// An answer of another daemon's version may lack a key that is asked for here: that is one line, too, and no crash.
 int ctl(CtlOptions const& options, int (Ctl::*command)()) {
     try {
         return Ctl(options, socketOf(options)).run(command);

@@ -42,11 +42,10 @@ class ListReport : public DiffReport {
     void append(std::optional<ShownRecord> const& record) {
         if (!record)
             return outM.append(std::string_view("\t-\t-"));
-        char digits[instantDigitsCM];
-        record->validFrom.toDigits(digits);
         outM.append('\t');
-        outM.append({digits, sizeof digits});
+        outM.append(InstantDigits(record->validFrom).view());
         outM.append('\t');
+        // As the file has it, without escapes: programs read the list.
         outM.append(record->network);
     }
 };
@@ -92,6 +91,7 @@ class TextReport : public DiffReport {
     static constexpr std::size_t mostColumnsCM = 7; // of the matrix; more networks are told pair by pair
     static constexpr std::size_t mostListedCM = 40;
 
+    // A cell is never without the blank that parts it from the one before.
     void cell(std::string const& text) {
         outM.append(std::string(columnWidthCM - std::min(columnWidthCM - 1, characters(text)), ' ') + text);
     }
@@ -106,8 +106,8 @@ class TextReport : public DiffReport {
     void files(DiffTotals const& totals) {
         DataSummary const& old = totals.before.lines;
         DataSummary const& now = totals.after.lines;
-        outM.append("Old file:     " + shortened(totals.before.name) + "\nNew file:     " +
-                    shortened(totals.after.name) + "\nIn force at:  " + totals.at.asString("%Y-%m-%d %H:%M:%S").str() +
+        outM.append("Old file:     " + shortened(totals.before.name) +
+                    "\nNew file:     " + shortened(totals.after.name) + "\nIn force at:  " + readable(totals.at) +
                     "\n\n" + std::string(labelWidthCM, ' '));
         cell("old");
         cell("new");
@@ -195,6 +195,7 @@ class JsonReport : public DiffReport {
     explicit JsonReport(std::optional<Difference> listed) : listedM(listed) {}
 
     void number(NumberChange const& change) override {
+        // The list is begun by its first number: without one it is written empty, at the end.
         std::string text = startedM ? ",\n" : "{\"changes\":[\n";
         startedM = true;
         JsonWriter json(text);
@@ -210,7 +211,7 @@ class JsonReport : public DiffReport {
         ComparisonResult const& result = totals.result;
         std::string text = startedM ? "],\n" : listedM ? "{\"changes\":[],\n" : "{";
         JsonWriter json(text); // the object is open already
-        json.member("at", digits(totals.at))
+        json.member("at", digitsOf(totals.at))
             .member("equal", result.isEqual())
             .member("gained", result.count(Difference::GAINED))
             .member("lengthened", result.count(Difference::LENGTHENED));
@@ -228,8 +229,6 @@ class JsonReport : public DiffReport {
     }
 
   private:
-    static std::string digits(BAS::DateTime at) { return at.asString("%Y%m%d%H%M%S").str(); }
-
     static void append(JsonWriter& json, std::optional<ShownRecord> const& record) {
         if (!record) {
             json.value(nullptr);
@@ -237,7 +236,7 @@ class JsonReport : public DiffReport {
         }
         json.beginObject()
             .member("network", record->network)
-            .member("validFrom", digits(record->validFrom))
+            .member("validFrom", digitsOf(record->validFrom))
             .endObject();
     }
 

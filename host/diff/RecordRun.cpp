@@ -1,6 +1,7 @@
 #include "host/diff/RecordRun.h"
 
 #include "host/base/HostError.h"
+#include "host/base/Waiting.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -58,7 +59,7 @@ void RunWriter::write(SortedRecord const& record) {
 }
 
 FileDescriptor RunWriter::finish() {
-    writeOut(bufferM.data(), bufferM.size());
+    writeOut({bufferM.data(), bufferM.size()});
     // By the same descriptor: a file without a name cannot be opened again.
     if (lseek(fileM.get(), 0, SEEK_SET) != 0)
         failed("cannot use a temporary file");
@@ -67,25 +68,18 @@ FileDescriptor RunWriter::finish() {
 
 void RunWriter::append(void const* bytes, std::size_t count) {
     if (count > bufferBytesCM - bufferM.size()) {
-        writeOut(bufferM.data(), bufferM.size());
+        writeOut({bufferM.data(), bufferM.size()});
         bufferM.clear();
     }
     auto const* const begin = static_cast<char const*>(bytes);
     if (count > bufferBytesCM)
-        return writeOut(begin, count);
+        return writeOut({begin, count});
     bufferM.insert(bufferM.end(), begin, begin + count);
 }
 
-void RunWriter::writeOut(char const* bytes, std::size_t count) const {
-    while (count > 0) {
-        ssize_t const written = ::write(fileM.get(), bytes, count);
-        if (written < 0 && errno != EINTR)
-            failed("cannot write a temporary file");
-        if (written > 0) {
-            bytes += written;
-            count -= static_cast<std::size_t>(written);
-        }
-    }
+void RunWriter::writeOut(std::string_view bytes) const {
+    if (writeWhole(fileM.get(), bytes) != bytes.size())
+        failed("cannot write a temporary file");
 }
 
 RunSource::RunSource(FileDescriptor file) : fileM(std::move(file)), bufferM(bufferBytesCM) {}

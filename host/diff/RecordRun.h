@@ -12,6 +12,7 @@
 #include "host/base/FileDescriptor.h"
 #include "host/diff/SortedRecord.h"
 
+#include <string_view>
 #include <vector>
 
 namespace nphost {
@@ -51,7 +52,7 @@ class RunWriter {
 
   private:
     void append(void const* bytes, std::size_t count);
-    void writeOut(char const* bytes, std::size_t count) const;
+    void writeOut(std::string_view bytes) const;
 
     FileDescriptor fileM;
     std::vector<char> bufferM;

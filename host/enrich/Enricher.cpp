@@ -185,9 +185,7 @@ bool Enricher::setValue(std::size_t value, std::string_view text) {
 }
 
 bool Enricher::setInstant(std::size_t value, BAS::DateTime at) {
-    std::array<char, instantDigitsCM> digits{};
-    at.toDigits(digits.data());
-    return setValue(value, {digits.data(), digits.size()});
+    return setValue(value, InstantDigits(at).view());
 }
 
 void Enricher::count(std::size_t number, std::uint32_t question) {

@@ -127,12 +127,11 @@ FeedConversion::Outcome FeedConversion::keep(TimeReader::Reading const& time, st
     return Outcome::CONVERTED;
 }
 
+// The form of a listing, so that a data file looks the same whoever wrote it.
 void FeedConversion::append(BAS::DateTime validFrom, std::string& out) const {
-    char digits[instantDigitsCM];
-    validFrom.toDigits(digits);
     out += numberM.view();
     out += "  ";
-    out.append(digits, sizeof digits);
+    out += InstantDigits(validFrom).view();
     out += "  ";
     out += networksM.nameOf(networkM);
     out += '\n';

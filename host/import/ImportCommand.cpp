@@ -171,6 +171,7 @@ class Import {
   private:
     // All files are seen to the disk before the first is put in place.
     void writeAll(CsvReader& reader, Rejects& rejects) {
+        // Beside the old file until all is well: an exception on the way leaves the old one as it was.
         PieceTarget target(optionsM.output);
         convertAll(reader, target, rejects);
         bool const whole = stoppedM.empty();
@@ -262,6 +263,7 @@ class Import {
                 "more than " + std::to_string(*optionsM.maxRejects) + " rejected records, " + rejects.mostFrequent();
     }
 
+    // Standard error, in one line for who watches; scripts read the JSON.
     void tellText(Rejects const& rejects) const {
         FeedConversion::Counts const& counts = conversionM.counts();
         std::string text = inputM.nameOf(0) + ": records " + std::to_string(recordsM);

@@ -3,6 +3,7 @@
 #include "host/base/HostError.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/base/Waiting.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -2,6 +2,7 @@
 
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
+#include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
@@ -96,7 +97,7 @@ class TextReport : public Report {
         counts(summary);
         withoutDigits(summary);
         outM.append("Valid from:       ");
-        outM.append(summary.earliest.isValid() ? instant(summary.earliest) + " to " + instant(summary.latest)
+        outM.append(summary.earliest.isValid() ? readable(summary.earliest) + " to " + readable(summary.latest)
                                                : std::string("-"));
         outM.append('\n');
         networks(summary);
@@ -112,7 +113,6 @@ class TextReport : public Report {
         return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " + line.reason.detail +
                "\n    " + shortened(line.text) + "\n";
     }
-    static std::string instant(BAS::DateTime at) { return at.asString("%Y-%m-%d %H:%M:%S").str(); }
 
     void count(std::string label, unsigned long number) {
         constexpr std::size_t width = 30;
@@ -214,7 +214,7 @@ class JsonReport : public Report {
 
   private:
     static std::optional<std::string> instant(BAS::DateTime at) {
-        return at.isValid() ? std::optional(at.asString("%Y%m%d%H%M%S").str()) : std::nullopt;
+        return at.isValid() ? std::optional(digitsOf(at)) : std::nullopt;
     }
 
     static void guard(JsonWriter& json, Trial const& trial) {
@@ -240,6 +240,7 @@ class JsonReport : public Report {
 };
 
 Configuration configurationFor(CheckOptions const& options) {
+    // The codes are the configuration's; the data file is the one to be checked, so that the module opens no other.
     Configuration configuration = options.common.readConfiguration();
     // Before the file is read: a shell may have sent complaints into it.
     StandardError::keepOff(options.file, "the file itself");
@@ -248,6 +249,7 @@ Configuration configurationFor(CheckOptions const& options) {
 }
 
 // Reads the file and tells its rejected lines; `first` becomes the first of them in words.
+// The progress line gives way where the rejected lines go to the same terminal.
 DataSummary readFile(Host& host, CheckOptions const& options, Report& report, std::string& first) {
     ProgressLine const progress(
         "nphost: checking", [&host] { return host.loadProgress(); }, !options.all || isatty(STDOUT_FILENO) != 1);
@@ -318,6 +320,7 @@ int check(CheckOptions const& options) {
     // A failure that was reported is the outcome, also when the file could be read.
     host.throwFailure();
     warnOfByteOrderMark(options.file);
+    // Only now: a verdict needs the figures of the whole file.
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);

@@ -43,23 +43,17 @@ void QuestionBatch::countNotFound(std::string_view number) {
 void QuestionBatch::write(std::size_t i) {
     outM.append(batchM.number(i).view());
     outM.append('\t');
-    writeInstant(batchM.instant(i));
+    outM.append(InstantDigits(batchM.instant(i)).view());
     LookUpBatch::Record const* const record = batchM.record(i);
     if (record == nullptr) {
         countNotFound(batchM.number(i).view());
         return outM.append(nothingFoundCM);
     }
     outM.append('\t');
-    writeInstant(record->validFromM);
+    outM.append(InstantDigits(record->validFromM).view());
     outM.append('\t');
     outM.append(record->networkIdM.view());
     outM.append('\n');
-}
-
-void QuestionBatch::writeInstant(BAS::DateTime at) {
-    std::array<char, instantDigitsCM> digits{};
-    at.toDigits(digits.data());
-    outM.append({digits.data(), digits.size()});
 }
 
 } // namespace nphost

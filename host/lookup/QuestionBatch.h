@@ -53,7 +53,6 @@ class QuestionBatch {
 
     void write(std::size_t i);
     void countNotFound(std::string_view number);
-    void writeInstant(BAS::DateTime at);
 
     Output& outM;
     NumberForm const& formM;

@@ -53,10 +53,6 @@ using Changes = std::vector<Change>;
 // From which networks the numbers of some changes come, one by one; none for nobody.
 using Origins = std::span<std::optional<std::string> const>;
 
-std::string digits(BAS::DateTime at) {
-    return at.asString("%Y%m%d%H%M%S").str();
-}
-
 struct Period {
     BAS::DateTime from;  // after it
     BAS::DateTime until; // up to it; invalid, and so later than all, for ever
@@ -64,6 +60,7 @@ struct Period {
 
 Changes collect(Host& host, Period const& period) {
     Changes changes;
+    // Of no use here: this process exchanges no data.
     BAS::DateTime liveSince;
     // The visit holds the data, so it only gathers; networks before are looked up when it is over.
     if (!host.plugIn().visitUpcoming(period.from, liveSince, [&](BAS::String const& number, Record const& record) {
@@ -112,9 +109,7 @@ class OriginSearch {
 };
 
 void appendText(Output& out, Change const& change, std::optional<std::string> const& origin) {
-    char instant[instantDigitsCM];
-    change.record.validFromM.toDigits(instant);
-    out.append({instant, sizeof instant});
+    out.append(InstantDigits(change.record.validFromM).view());
     out.append('\t');
     out.append(change.number.view());
     out.append('\t');
@@ -129,7 +124,7 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
     std::string text = first ? "\n" : ",\n";
     JsonWriter(text)
         .beginObject()
-        .member("at", digits(change.record.validFromM))
+        .member("at", digitsOf(change.record.validFromM))
         .member("from", origin)
         .member("number", change.number.view())
         .member("to", change.record.networkIdM.view())
@@ -137,12 +132,13 @@ void appendJson(Output& out, Change const& change, std::optional<std::string> co
     out.append(text);
 }
 
+// The count stands in front, since all changes are known by then: a reader can make room.
 void appendHeading(Output& out, Changes const& changes, Period const& period) {
     std::string text;
     JsonWriter(text)
         .beginObject()
-        .member("from", digits(period.from))
-        .member("until", period.until.isValid() ? std::optional(digits(period.until)) : std::nullopt)
+        .member("from", digitsOf(period.from))
+        .member("until", period.until.isValid() ? std::optional(digitsOf(period.until)) : std::nullopt)
         .member("count", changes.size())
         .key("upcoming")
         .beginArray();
@@ -172,8 +168,8 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
 int upcoming(UpcomingOptions const& options) {
     Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
     if (period.until < period.from) // false of an invalid one
-        throw HostError("there is no time to list: " + digits(period.from) + " of --from" +
-                        (options.from ? "" : " (now)") + " is later than " + digits(period.until) + " of --until");
+        throw HostError("there is no time to list: " + digitsOf(period.from) + " of --from" +
+                        (options.from ? "" : " (now)") + " is later than " + digitsOf(period.until) + " of --until");
     Host host(options.common.readConfiguration(), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);

@@ -1,5 +1,6 @@
 #include "host/module/Explanation.h"
 
+#include "host/base/Instant.h"
 #include "host/base/Text.h"
 
 #include <algorithm>
@@ -21,7 +22,7 @@ Explanation::Record const* recordAt(StoredPrefix const& prefix, BAS::DateTime at
 
 std::string notYet(StoredPrefix const& prefix) {
     return prefix.key.str() + " is stored, but its first record begins only at " +
-           prefix.history.back().validFromM.asString("%Y-%m-%d %H:%M:%S").str();
+           readable(prefix.history.back().validFromM);
 }
 
 } // namespace

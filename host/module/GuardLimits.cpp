@@ -34,6 +34,7 @@ std::string percent(std::uint64_t part, std::uint64_t whole, std::uint32_t limit
     return text.data();
 }
 
+// In whole numbers, so that exactly at the limit is not above it. 10^14 records times 10^5 stay below 2^64.
 bool isAbove(std::uint64_t part, std::uint64_t whole, std::uint32_t limit) {
     return part * GuardLimits::wholeCM > whole * limit;
 }
@@ -45,6 +46,7 @@ class Verdict {
         : limitsM(limits), kindM(kind), figuresM(figures) {}
 
     std::vector<std::string> reasons() {
+        // What has not been read to its end says nothing but that memory was at its limit.
         if (figuresM.readToEnd)
             all();
         memory();
@@ -57,6 +59,7 @@ class Verdict {
             loss();
         rejects();
         withoutDigits();
+        // A delta is small by nature, and takes nothing away.
         if (kindM != LoadKind::DELTA)
             fewRecords();
         if (limitsM.requireCompleteLastLine && !figuresM.lastLineComplete)
@@ -66,6 +69,7 @@ class Verdict {
 
     void loss() {
         std::uint64_t const live = figuresM.liveRecords;
+        // A file with more records than are live loses none.
         std::uint64_t const lost = live - std::min(live, figuresM.records);
         if (limitsM.maxLossPercent && isAbove(lost, live, *limitsM.maxLossPercent))
             add(share(lost, live, *limitsM.maxLossPercent, " of the records would be lost") +
@@ -163,6 +167,7 @@ std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
         bytes += 2 * live + 2 * (fresh + figures.records * historyBytes) + lines;
         break;
     }
+    // An eighth more, for what growing scatters.
     return bytes + bytes / 8;
 }
 
@@ -208,6 +213,7 @@ std::string grouped(std::uint64_t number) {
     return text;
 }
 
+// Rounded up: a figure that is above the limit must not be shown as the limit.
 std::uint64_t mebibytes(std::uint64_t bytes) {
     return (bytes + mebibyteCM - 1) / mebibyteCM;
 }

@@ -30,6 +30,7 @@ DAT::NumberPortability::Operations const& operationsOf(SharedObject const& modul
 
 } // namespace
 
+// The object is mapped before its table is asked for, and unmapped last.
 LoadedModule::LoadedModule(std::filesystem::path const& file)
     : fileM(file), objectM(loaded(file)), operationsM(operationsOf(objectM, file)) {}
 

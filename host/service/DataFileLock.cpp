@@ -31,6 +31,7 @@ void writeProcess(int descriptor) {
     static_cast<void>(written);
 }
 
+// Read without a lock: the holder may just be writing its number, and then is "another process".
 std::string holderOf(int descriptor) {
     std::array<char, 32> text{};
     ssize_t const length = pread(descriptor, text.data(), text.size(), 0);

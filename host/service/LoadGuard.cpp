@@ -34,6 +34,7 @@ BAS::String countText(std::uint64_t number) {
 LoadGuard::LoadGuard(GuardLimits const& limits, LoadedPlugIn& plugIn, Log const& log)
     : limitsM(limits), plugInM(plugIn), logM(log) {}
 
+// On the lane's thread, and at the start on the first load's. Want of memory while it reads is an outcome.
 LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
     LoadCheck check;
     check.kind = kind;
