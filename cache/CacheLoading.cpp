@@ -16,6 +16,7 @@ namespace DAT::NumberPortability {
 
 namespace {
 
+// A second walk over the tree and not counts kept during the load: a load has no use for them, and would pay.
 template <class Between>
 void summarise(NumberPortabilityTree const& tree, DataSummary& summary, Between&& between) {
     constexpr std::size_t inPlace = 7;    // a longer network of one among several records has a text of its own
@@ -48,6 +49,8 @@ void summarise(NumberPortabilityTree const& tree, DataSummary& summary, Between&
 
 template <class Take>
 CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& take) {
+    // Every load goes through here, so that a full one and a delta cannot come to differ in what they take for a line.
+    // The end of the file is asked of the stream, before a read and after: which of the two shows it is reported.
     progressM.start(reader.fileSize());
     if (!reader.isOpen()) // it has gone since the file check
         return ReadEnd::ERROR;
@@ -58,6 +61,7 @@ CacheManager::ReadEnd CacheManager::readLines(STR::FileIoTurbo& reader, Take&& t
             return ReadEnd::END_AT_READ;
         if (!read)
             return ReadEnd::ERROR;
+        // Before the line is taken: what stops or throws there then finds the count of lines as it was read.
         progressM.addLine(line.length() + 1);
         loadStopM.goOn();
         take(line);
@@ -74,6 +78,7 @@ void CacheManager::beginLoad() {
 template <class Load>
 bool CacheManager::unlessStopped(BAS::String const& fileName, Load&& load) {
     try {
+        // Also at the beginning: a load that comes after the stop must not even check its file.
         loadStopM.goOn();
         return load();
     } catch (LoadStop::Stopped const&) {
@@ -95,7 +100,7 @@ template <class Load>
 bool CacheManager::usingStandby(Load&& load) {
     try {
         return load();
-    } catch (...) {
+    } catch (...) { // whatever ended it: the next load must not meet half of it in the standby tree
         abandonStandby();
         throw;
     }
@@ -113,14 +118,17 @@ bool CacheManager::firstLoad() {
     reopen(dataFileIoM, dataFileNameM);
     if (!isExpected(dataFileIoM))
         return false;
+    // Before the first line: a change while the file is read is then seen as one.
     STR::FileVersion const version = dataFileIoM.version();
     loadingM.standbyComplete = false;
     standbyTreeM->clearAndDestroy();
     auto loaded = std::make_unique<NumberPortabilityTree>();
     TreeFilling filling(means(dataFileIoM), *loaded, standbyTreeM.get());
+    // Each line goes into both trees from one parse; no lines have to be kept, as a reload must keep them.
     ReadEnd const end = readLines(dataFileIoM, [&](std::string_view line) { filling.add(line); });
     filling.finish();
     noteCounts(filling.counts(), dataFileIoM);
+    // A read error is told as one: whether the file has changed as well says nothing to whoever has to mend it.
     if (end != ReadEnd::ERROR && !isExpected(dataFileIoM)) {
         restoreStandby();
         return false;
@@ -128,6 +136,7 @@ bool CacheManager::firstLoad() {
     putLive(loaded);
     noteMainFile(true, version);
     loadingM.standbyComplete = true;
+    // What came before a read error is served, but a delta upon it would rewrite the file without the rest.
     loadingM.mainFileRead = end != ReadEnd::ERROR;
     return endLoad(end);
 }
@@ -166,13 +175,16 @@ bool CacheManager::reload(bool reuseOnFailure) {
     LineStore lines;
     bool lastAccepted = false;
     ReadEnd const end = fillStandby(lines, dataFileIoM, lastAccepted);
+    // Asked after the last line and before anything is live: from here on nothing more is read of the file.
     bool const unchanged = end == ReadEnd::ERROR || isExpected(dataFileIoM);
     if (end == ReadEnd::ERROR || !unchanged || (!lastAccepted && !reuseOnFailure)) {
+        // A reload that is not adopted is reported by who commanded it; a read error is told here.
         restoreStandby();
         return end == ReadEnd::ERROR && readError(dataFileIoM);
     }
 
     putLive(standbyTreeM);
+    // From here on the load has succeeded, whatever becomes of the standby tree and of the reports.
     loadingM.mainFileRead = true;
     noteMainFile(true, version);
     standbyTreeM->clearAndDestroy();
@@ -199,6 +211,7 @@ bool CacheManager::isMainFileLoaded() {
 }
 
 bool CacheManager::deltaLoad(BAS::String const& fileName) {
+    // A delta is read on top of what the standby tree holds, so that must be all that the active one has.
     if (!loadingM.standbyComplete) // an earlier load ran out of memory
         restoreStandby();
     reopen(deltaFileIoM, fileName);
@@ -222,10 +235,12 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
         failure = std::current_exception();
         abandonStandby();
     }
+    // Even when the load has been stopped: the records stand in no file yet.
     rewriteMainFile();
     if (failure)
         std::rethrow_exception(failure);
 
+    // Open only after a load that failed; what it holds is the file that has just been replaced.
     if (!closeReader(dataFileIoM))
         return false;
     deltaFileIoM.closeFile();
@@ -234,6 +249,7 @@ bool CacheManager::deltaLoad(BAS::String const& fileName) {
 
 bool CacheManager::examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
                            GoOn const& mayGoOn) {
+    // A check that fails leaves a summary of nothing, not one of the file before.
     summary = DataSummary();
     beginLoad();
     return standbyTreeM != nullptr && unlessStopped(fileName, [&] {
@@ -245,6 +261,7 @@ bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary
                                GoOn const& mayGoOn) {
     constexpr std::uint64_t linesBetween = 4096;
     struct Ended {};
+    // A reader and a tree of its own: the loads' stay as they are, whatever becomes of this.
     STR::FileIoTurbo reader;
     reopen(reader, fileName);
     if (!isExpected(reader))
@@ -258,6 +275,7 @@ bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary
                         });
     ReadEnd end = ReadEnd::END_AT_READ;
     try {
+        // Between lines, under no lock of the cache manager's: who is asked may take long, and throw.
         end = readLines(reader, [&](std::string_view line) {
             summary.longestLine = std::max<std::uint64_t>(summary.longestLine, line.size());
             filling.add(line);
@@ -272,6 +290,7 @@ bool CacheManager::examineFile(BAS::String const& fileName, DataSummary& summary
     } catch (Ended const&) { // what was read so far is told
     }
     filling.finish(); // so that the counts belong together
+    // Asked of the open file, not by its name, behind which another file may stand by now.
     summary.changed = summary.version != reader.version();
     summary.lastLineComplete = reader.lastLineComplete();
     summary.lines = progressM.lines();
@@ -298,6 +317,7 @@ void CacheManager::expectAnyFile() {
 bool CacheManager::isExpected(STR::FileIoTurbo const& reader) {
     {
         BAS::MutexGuard const guard(expectationM.lock);
+        // A file that nobody has bound is any load's to take.
         if (!expectationM.file || expectationM.file->name != reader.fileName() ||
             expectationM.file->version == reader.version())
             return true;
@@ -323,6 +343,7 @@ bool CacheManager::visitLines(BAS::String const& fileName, LineVisitor const& vi
         ParsedLine const parsed = parser.parse(line);
         shown = {shown.number + 1, parsed.outcome, {}, {}, {}};
         if (parsed.outcome == LineOutcome::INSERTED) {
+            // As a tree would hold it. The stored form may have other characters, which select nothing.
             digits = parsed.number;
             std::erase_if(digits, [](char character) { return !PBC::Digits::isDecimal(character); });
             shown.digits = digits;
@@ -344,6 +365,7 @@ void CacheManager::noteCounts(LineCounts const& counts, STR::FileIoTurbo const& 
 
 // Reads into the standby tree and keeps the lines.
 CacheManager::ReadEnd CacheManager::fillStandby(LineStore& lines, STR::FileIoTurbo& reader, bool& lastAccepted) {
+    // Kept as text and parsed again for the other tree: the lines of a whole file take least room as they are.
     TreeFilling filling(means(reader), *standbyTreeM);
     ReadEnd const end = readLines(reader, [&](std::string_view line) {
         filling.add(line);
@@ -368,11 +390,13 @@ bool CacheManager::readError(STR::FileIoTurbo const& reader) {
 
 // Exchanges the tree and the active one.
 void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
+    // What takes long comes before the lock, and the last look at the stop too: behind the exchange it is too late.
     tree->prepare();
     loadStopM.goOn();
     BAS::DateTime const now = BAS::DateTime::now();
     if (!treeLockM.acquireWriteUnless(loadStopM.flag())) // a print may last
         throw LoadStop::Stopped();
+    // No more than this between acquire and release, and nothing that can fail.
     activeTreeM.swap(tree);
     liveSinceM = now;
     treeLockM.releaseWrite();
@@ -382,6 +406,7 @@ void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
 void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
     try {
         TreeFilling filling(means(reader), *standbyTreeM);
+        // The lines go as the tree grows, so that memory need not hold all of both.
         lines.consume([&](std::string_view line, unsigned long) { filling.add(line); });
         filling.finish();
         loadingM.standbyComplete = true;
@@ -391,12 +416,13 @@ void CacheManager::refillStandby(LineStore& lines, STR::FileIoTurbo& reader) {
 }
 
 void CacheManager::restoreStandby() {
+    // Copied and not shared: two pointers to one tree would have the next reload clear what is being searched.
     standbyTreeM->copyFrom(active(), [this] { loadStopM.goOn(); });
     loadingM.standbyComplete = true;
 }
 
-// After a load that ran out of memory or was stopped: frees what the standby tree holds and tries to restore it. If even
-// that fails, the next delta load tries again before it uses the tree; after a stop there is none.
+// After a load that ran out of memory or was stopped: frees what the standby tree holds and tries to restore it. If
+// even that fails, the next delta load tries again before it uses the tree; after a stop there is none.
 void CacheManager::abandonStandby() noexcept {
     if (loadingM.standbyComplete)
         return;
@@ -415,11 +441,12 @@ void CacheManager::rewriteMainFile() {
     BAS::String inPlaceReason;
     try {
         STR::FileIo file(dataFileNameM, std::ios_base::out, STR::FileIo::IF_NEEDED);
+        // The standby tree, because nobody searches it: the listing takes seconds and needs no lock then.
         NumberPortabilityTree const& merged = loadingM.standbyComplete ? *standbyTreeM : active();
         merged.printTree(file.stream(), false);
         noteMainFile(file.closeFile(), file.version());
         inPlaceReason = file.inPlaceReason();
-    } catch (...) {
+    } catch (...) { // what is live is not in the file, or not all of it
         noteMainFile(false, {});
         throw;
     }

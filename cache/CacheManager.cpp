@@ -31,6 +31,7 @@ CacheManager::~CacheManager() {
 
 bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                           unsigned int method) {
+    // The lock outlives the search and no more: what is found is copied, for the tree may be gone right after.
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     return activeTreeM != nullptr && activeTreeM->search(number, at, out, method);
 }
@@ -40,6 +41,7 @@ void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::D
     if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
         throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
     for (std::size_t begin = 0; begin < numbers.size(); begin += batchSizeCM) {
+        // A lock for each part: a batch of any length would otherwise hold up an exchange for as long as it likes.
         std::size_t const count = std::min(batchSizeCM, numbers.size() - begin);
         RWReadersWriterLock::ReadGuard const guard(treeLockM, count);
         if (activeTreeM == nullptr)
@@ -52,6 +54,7 @@ void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::D
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     std::vector<StoredPrefix> prefixes;
+    // Counted before it begins and subtracted in describe: the lock counts every short read as a look-up.
     BAS::MutexGuard const one(otherReadsM.lock);
     ++otherReadsM.count;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
@@ -60,6 +63,7 @@ std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
     activeTreeM->visitPrefixes(number, [&](BAS::String const& key, NumberPortabilityTree::History const& history) {
         StoredPrefix& prefix = prefixes.emplace_back();
         prefix.key = key;
+        // Copies, since the caller reads them when the lock is gone.
         prefix.history.reserve(history.length());
         history.each([&](NumberPortabilityData const& record) {
             prefix.history.push_back(record);
@@ -70,6 +74,7 @@ std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
 }
 
 BAS::DateTime CacheManager::visitUpcoming(BAS::DateTime after, RecordVisitor const& visit) {
+    // A long reader: short ones go on beside it, however long the visitor takes.
     RWReadersWriterLock::LongReadGuard const guard(treeLockM);
     if (activeTreeM != nullptr)
         activeTreeM->visitLaterThan(after, visit);
@@ -84,6 +89,8 @@ void CacheManager::describe(ServiceStatus& status) {
         status.unsaved = mainFileM.unsaved;
     }
     BAS::MutexGuard const one(otherReadsM.lock);
+    // No other such read is under way now, so each of them is in both numbers or in neither. This one is in neither yet
+    // and counts for the next call.
     status.lookUps = treeLockM.shortReads() - otherReadsM.count++;
     RWReadersWriterLock::ReadGuard const guard(treeLockM);
     if (activeTreeM == nullptr)
@@ -98,6 +105,7 @@ std::uint32_t CacheManager::numOfEntries() {
     auto const entries = [this]() NP_REQUIRES_SHARED(treeLockM) {
         return activeTreeM == nullptr ? 0 : activeTreeM->entries();
     };
+    // An exclusive section, which waits for a print. Nobody who ends waits for one: after a stop it is a short read.
     if (treeLockM.acquireWriteUnless(loadStopM.flag())) {
         std::uint32_t const count = entries();
         treeLockM.releaseWrite();

@@ -9,10 +9,10 @@
 // codes are borrowed: the plug-in owns the cache manager and outlives it, the codes never change after construction.
 //
 // Threads:
-// - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread that runs one
-//   of them touches the standby tree and the readers.
-// - search, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the first
-//   load has ended they find nothing.
+// - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread
+//   that runs one of them, the loading thread, touches the standby tree and the readers.
+// - search, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the
+//   first load has ended they find nothing.
 // - stopLoads: any thread, at any time, and signal handlers.
 // - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
 //   and the count as writers; RWReadersWriterLock.h says how long each can wait. No report is made and no tree is
@@ -83,8 +83,8 @@ class CacheManager {
     // result; that it had to be overwritten in place is reported ("INF_FILE_WRITTEN_IN_PLACE").
     bool cacheDeltaLoad(BAS::String const& fileName);
 
-    // Reads a data file as a load would, into a tree of its own that nobody searches. False when the file check fails or
-    // a read error ends the file early; the summary then covers what was read, and after a stop it means nothing.
+    // Reads a data file as a load would, into a tree of its own that nobody searches. False when the file check fails
+    // or a read error ends the file early; the summary then covers what was read, and after a stop it means nothing.
     // `mayGoOn` may be empty; when it ends the examination, the summary covers what was read, too.
     bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
                  GoOn const& mayGoOn);
@@ -95,8 +95,8 @@ class CacheManager {
     void expectFile(BAS::String const& fileName, STR::FileVersion const& version);
     void expectAnyFile();
 
-    // Shows every line of the named file as a load would take it, in the file's order, and keeps nothing. False when the
-    // file check fails or a read error ends the file early. What `visit` throws travels.
+    // Shows every line of the named file as a load would take it, in the file's order, and keeps nothing. False when
+    // the file check fails or a read error ends the file early. What `visit` throws travels.
     bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
 
     // Ends the load under way and refuses every later one, examine and visitFile included; waits for nothing.
@@ -129,7 +129,8 @@ class CacheManager {
     // Prints the active tree to a stream. The exchange of a reload waits for it, look-ups do not.
     void print(std::ostream& out, bool header);
 
-    // The stored keys that are prefixes of the number, longest first, with their histories: what a look-up chooses from.
+    // The stored keys that are prefixes of the number, longest first, with their histories: what a look-up chooses
+    // from.
     std::vector<StoredPrefix> explain(BAS::String const& number);
 
     // Shows the live records that are valid from later than `after`, in the listing's order, and returns since when the

@@ -103,8 +103,8 @@ using LineVisitor = std::function<void(FileLine const& line)>;
 // Told of every line that is not stored, right after its report: its number from 1, what became of it, and its text.
 using RejectObserver = std::function<void(unsigned long number, LineOutcome outcome, BAS::String const& line)>;
 
-// Asked now and then during an examination, with what its tree takes so far: false ends it. Meanwhile the summary tells of
-// lines and records so far, duplicates among the records.
+// Asked now and then during an examination, with what its tree takes so far: false ends it. Meanwhile the summary tells
+// of lines and records so far, duplicates among the records.
 using GoOn = std::function<bool(std::uint64_t treeBytes)>;
 
 } // namespace DAT::NumberPortability

@@ -24,7 +24,8 @@ class DiallingCodes {
         : nationalAccessCodeM(nationalAccessCode), internationalAccessCodeM(internationalAccessCode),
           countryCodeM(countryCode), internationalAccessCodeSignM(internationalAccessCodeSign) {}
 
-    // The number in stored form: a view of itself where it is in that form already, else of `room`, where it is written.
+    // The number in stored form: a view of itself where it is in that form already, else of `room`, which then holds
+    // it.
     std::string_view storedForm(std::string_view number, std::string& room) const;
 
   private:

@@ -36,6 +36,7 @@ void LineReporter::report(LineFault const& fault, std::string_view line, unsigne
     }
 }
 
+// The tree tells it, not the line: the first record of a number and an instant stays, whatever its network.
 void LineReporter::reportDuplicate(std::string_view storedNumber, BAS::DateTime validFrom, unsigned long number) const {
     make("ERR_DUPLICATE_NUMPORTDATA",
          {at(invalidAtLine, number), BAS::String(storedNumber), validFrom.asString("%Y%m%d%H%M%S")});

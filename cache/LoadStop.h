@@ -1,7 +1,7 @@
 // DAT::NumberPortability::LoadStop: the word that ends loads for good.
 //
 // Purpose: a load asks goOn at every line and record, and so ends within some thousand of them when stop was called.
-// Ownership: none. Threads: any, at any time, signal handlers included: it is one lock-free flag, and stop wakes nobody.
+// Ownership: none. Threads: any, at any time, signal handlers included: one lock-free flag, and stop wakes nobody.
 // Errors: goOn throws Stopped after stop. Complexity: constant.
 #pragma once
 

@@ -12,10 +12,12 @@ void RecordBatch::add(ParsedLine const& parsed) {
         faultsM.push_back({line, parsed.fault()});
         return;
     }
+    // A long network needs memory of its own: first it, then the record, so that none comes in without its network.
     NumberPortabilityData data;
     data.validFromM = parsed.validFrom;
     data.networkIdM = BAS::SimpleString(parsed.words[2]);
     std::uint32_t written = 0;
+    // Nearly every number is its key. For the others a place in the line is enough to write it again.
     if (!parsed.isKeyAll()) {
         writtenM.push_back(parsed.column(0));
         written = static_cast<std::uint32_t>(writtenM.size());
@@ -60,6 +62,7 @@ void RecordBatch::sortByByte(unsigned shift) {
     for (Place const& place : orderM)
         ++next[place.key >> shift & 0xff];
     std::uint32_t begin = 0;
+    // From counts to first places, so that records of one key keep their order, in which the first one wins.
     for (std::uint32_t& count : next)
         begin += std::exchange(count, begin);
     spareM.resize(orderM.size());

@@ -1,7 +1,7 @@
 // DAT::NumberPortability::RecordParser: takes the lines of a data file apart.
 //
-// Purpose: a line gives a value, a record or what is wrong with the line. The parser inserts, reports and keeps nothing:
-// LineReporter makes the report of such a value, when it is due.
+// Purpose: a line gives a value, a record or what is wrong with the line. The parser inserts, reports and keeps
+// nothing: LineReporter makes the report of such a value, when it is due.
 // Units and ranges: positions in a line are bytes, from 0.
 // Ownership: borrows the dialling codes' texts. The views of a parsed line are of the line and of the parser; they are
 // valid until either ends or changes, or the next parse. A LineFault is a value of its own.

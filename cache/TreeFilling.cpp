@@ -8,6 +8,7 @@ void TreeFilling::add(std::string_view line) {
     ParsedLine const parsed = parserM.parse(line);
     batchM.add(parsed);
     lastAcceptedM = parsed.outcome == LineOutcome::INSERTED;
+    // A duplicate counts as accepted: that it is one shows only in a tree, and what a reload goes by is the form.
     if (lastAcceptedM) {
         ++acceptedM;
         if (!parsed.hasDigit && countsM.withoutDigits++ == 0)
@@ -28,6 +29,7 @@ void TreeFilling::insertBatch() {
     report(first, second);
     countsM.rejected += batchM.faults().size() + first.size();
     countsM.duplicates += first.size();
+    // Last: the reports above count from the lines before this batch.
     linesBeforeM += batchM.lines();
     batchM.clear();
 }

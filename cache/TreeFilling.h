@@ -4,8 +4,8 @@
 // records in the order of their numbers, and reports what is wrong with lines in the order of the lines, once for every
 // tree.
 // Ownership: borrows the word that ends loads, what parser and reporter borrow, and the trees.
-// Threads: the loading thread. Errors: std::bad_alloc and LoadStop::Stopped; lines of the batch under way may then be in
-// one tree and not in another, and unreported.
+// Threads: the loading thread. Errors: std::bad_alloc and LoadStop::Stopped; lines of the batch under way may then be
+// in one tree and not in another, and unreported.
 // Complexity: linear in the lines; holds up to a batch of them.
 #pragma once
 

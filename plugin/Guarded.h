@@ -1,6 +1,8 @@
-// The definitions of PlugIn::shielded, PlugIn::guarded, PlugIn::reported and PlugIn::recorded, for the plug-in's own sources.
+// The definitions of PlugIn::shielded, PlugIn::guarded, PlugIn::reported and PlugIn::recorded, for the plug-in's own
+// sources.
 //
-// Purpose: nothing may be thrown to the framework; every load leaves its outcome. Threads, errors: none of its own. Complexity: the action's.
+// Purpose: nothing may be thrown to the framework; every load leaves its outcome. Threads, errors: none of its own.
+// Complexity: the action's.
 #pragma once
 
 #include "cache/CacheManager.h"

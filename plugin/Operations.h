@@ -1,17 +1,17 @@
 // DAT::NumberPortability::Operations: the one place where a host that loads the module and the module meet.
 //
-// Purpose: a host is not linked against the module. It finds NumberPortabilityOperations by that name, which gives a table
-// of functions: one that makes a plug-in, and one for each operation of it that is no virtual operation of the
+// Purpose: a host is not linked against the module. It finds NumberPortabilityOperations by that name, which gives a
+// table of functions: one that makes a plug-in, and one for each operation of it that is no virtual operation of the
 // framework's. The table begins with its version and its size, and with the sizes of the objects that cross the border,
-// as the module was built: a host that was built otherwise must not call anything (misfit says why), since what it would
-// pass and what the module would take were different things.
-// Ownership: the table is the module's and lives as long as its mapping. The plug-in that create makes is the caller's, who
-// deletes it by its virtual destructor before the module is unloaded.
+// as the module was built: a host that was built otherwise must not call anything (misfit says why), since what it
+// would pass and what the module would take were different things.
+// Ownership: the table is the module's and lives as long as its mapping. The plug-in that create makes is the caller's,
+// who deletes it by its virtual destructor before the module is unloaded.
 // Threads, errors and complexity: those of the operations, which plugin/PlugIn.h tells; create is null when no plug-in
 // could be made.
 //
-// Across shared objects: objects of C++ cross, so host and module must be built with the same compiler family and standard
-// library. Whoever changes a function here, what it means, or the layout of what it passes raises the version.
+// Across shared objects: objects of C++ cross, so host and module must be built with the same compiler family and
+// standard library. Whoever changes a function here, what it means, or the layout of what it passes raises the version.
 #pragma once
 
 #include "plugin/PlugIn.h"
@@ -57,8 +57,8 @@ struct Operations {
     LoadProgress const* (*progress)(PlugIn const&);
 };
 
-// What keeps a host that was built with this header from calling the table's functions: a part of a sentence; empty when
-// nothing does.
+// What keeps a host that was built with this header from calling the table's functions: a part of a sentence; empty
+// when nothing does.
 inline std::string misfit(Operations const& table) {
     if (table.version != operationsVersionCM)
         return "it is of version " + std::to_string(table.version) + " of the operations, not " +

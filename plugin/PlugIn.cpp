@@ -9,12 +9,15 @@
 
 namespace DAT::NumberPortability {
 
+// Without a cache manager, for good: every operation asks for it first.
 PlugIn::PlugIn() {
     report("ERR_OBJ_NOT_INITIALIZED", BAS::Status::CRITICAL, {"DAT::NumberPortability::PlugIn"});
     setValid(false);
 }
 
 PlugIn::PlugIn(BAS::String const& name, BAS::String const& second) : PLG::DataPlugIn(name, second) {
+    // A step that fails leaves the plug-in invalid and skips those behind it, which need what it was to give. The cache
+    // manager is made in any case: an invalid plug-in may still be told to load, and has something to search then.
     setValid(isRegistered());
     if (isValid())
         setValid(shielded([this] { return configure(); }));
@@ -33,11 +36,13 @@ PlugIn::~PlugIn() {
         BAS::MutexGuard const guard(workerLockM);
         workerThreadM.reset();
     }
+    // A destructor may report, but nothing that the report throws may leave it.
     guarded([this] {
         closeCheckedFile();
         return true;
     });
     unLock();
+    // It refers to the codes, which are members and go after it.
     cacheManagerM.reset();
 }
 
@@ -48,6 +53,7 @@ bool PlugIn::isUsable() {
 
 bool PlugIn::init() {
     return guarded([this] {
+        // Before everything else, so that a start that fails shows as one that was tried.
         report("INF_LOAD_DATA", BAS::Status::NORMAL, {name()});
         if (cacheManagerM == nullptr)
             return false;
@@ -61,6 +67,7 @@ void PlugIn::startWorker() {
     if (workerThreadM != nullptr) // a repeated init finds it waiting at the gate
         return;
     auto worker = std::make_unique<BAS::Thread>(nullptr);
+    // Closed before the worker runs: its first pass must wait, and the gate is made open.
     lock();
     try {
         worker->start([this] { run(); });
@@ -68,6 +75,7 @@ void PlugIn::startWorker() {
         unLock(); // for the next init
         throw;
     }
+    // Only a worker that runs is kept: the next init takes one that is there for it.
     workerThreadM = std::move(worker);
 }
 
@@ -77,6 +85,7 @@ bool PlugIn::loadData() {
         return false;
     // Look-ups may have begun after another load, and the first load is not made to run beside them.
     bool const first = !loadTriedM;
+    // A reload takes the new data whatever their last line is, as a first load does.
     if (!recorded(LoadOutcome::LOAD, fileNameM,
                   [&](CacheManager& cache) { return first ? cache.load() : cache.cacheReload(true); }))
         return false;
@@ -94,6 +103,7 @@ bool PlugIn::shutdown() {
 }
 
 void PlugIn::stopWorker() {
+    // Before the gate opens: the worker looks at the flag right behind it.
     stopRequestedM.store(true);
     BAS::Thread* worker = nullptr;
     {
@@ -101,6 +111,7 @@ void PlugIn::stopWorker() {
         unLock();
         worker = workerThreadM.get();
     }
+    // Outside the lock, because it waits for a load that the worker carries out.
     if (worker != nullptr)
         worker->stop();
 }
@@ -119,6 +130,7 @@ bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPo
 
 bool PlugIn::search(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out,
                     unsigned int method) {
+    // shielded and not guarded: want of memory travels, since false would mean that nothing is stored.
     return cacheManagerM != nullptr && shielded([&] { return cacheManagerM->search(number, at, out, method); });
 }
 
@@ -145,6 +157,7 @@ void PlugIn::print(std::ostream& out, bool header) {
         cacheManagerM->print(out, header);
 }
 
+// The inner guard sees to it that the checked file is closed, whatever became of the reading.
 bool PlugIn::examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject,
                      GoOn const& goOn) {
     return cacheManagerM != nullptr && guarded([&] {
@@ -198,6 +211,7 @@ bool PlugIn::visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince,
 
 ServiceStatus PlugIn::serviceStatus() {
     ServiceStatus status;
+    // Two parts, of two moments: a load may be told as ended beside the figures of the data before it.
     status.usable = isUsable();
     status.searchMethod = searchMethodM;
     guarded([&] {
@@ -216,6 +230,7 @@ LoadProgress const* PlugIn::progress() const {
     return cacheManagerM == nullptr ? nullptr : &cacheManagerM->progress();
 }
 
+// Waits for a print, as an exchange does. So it is never called under another lock than that of loads.
 std::uint32_t PlugIn::entries() {
     return cacheManagerM == nullptr ? 0 : cacheManagerM->numOfEntries();
 }

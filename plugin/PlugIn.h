@@ -111,17 +111,14 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
 
-    // The configured search method.
-    unsigned int searchMethod() const { return searchMethodM; }
-
     // Rewrites a number into stored form by the configured dialling codes.
     void normalize(BAS::String& number) const;
 
     // Prints the live data, with or without the heading; what the stream throws travels.
     void print(std::ostream& out, bool header);
 
-    // Reads a data file as a load would, without serving it. False when it cannot be read to its end. Loads wait for it,
-    // look-ups do not. `goOn` may be empty.
+    // Reads a data file as a load would, without serving it. False when it cannot be read to its end. Loads wait for
+    // it, look-ups do not. `goOn` may be empty.
     bool examine(BAS::String const& fileName, DataSummary& summary, RejectObserver const& onReject, GoOn const& goOn);
 
     // From here on a load of the named file takes place only while the file is of this version, from its opening to its
@@ -149,8 +146,8 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     bool visitFile(BAS::String const& fileName, LineVisitor const& visit);
 
     // Shows the live records that are valid from later than `after`, by number, then newest first, and since when the
-    // data are live. Look-ups go on, the exchange of a reload waits; `visit` must not call the plug-in. False when memory
-    // ran out or `visit` threw.
+    // data are live. Look-ups go on, the exchange of a reload waits; `visit` must not call the plug-in. False when
+    // memory ran out or `visit` threw.
     bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, RecordVisitor const& visit);
 
     // How the plug-in stands. Waits for no load and no print.

@@ -11,8 +11,8 @@
 // whoever has lasting work starts a thread for it, and ends it in Stop. What may be called from such a thread is said
 // in plugin/PlugIn.h; init, shutdown, destruction and stopLoads are the host's. A client may load by registryUpdate, by
 // carryOut or by a probe, none of which displaces a request of the host's. The host's guard does not check such a load,
-// and a load that the host has checked fails if the client exchanges its file meanwhile. Reports go to the host's log by
-// BAS::RegisteredObject::writeLog, under a name of the client's own.
+// and a load that the host has checked fails if the client exchanges its file meanwhile. Reports go to the host's log
+// by BAS::RegisteredObject::writeLog, under a name of the client's own.
 // Errors: a Start that returns false or throws is reported; its Stop is not called, so it must leave no thread behind.
 // What Stop throws is reported. Neither keeps the daemon from its work; a client that crashes takes it along.
 // Complexity: the client's.

@@ -26,6 +26,7 @@ class PlugIn::ProbeValue : public BAS::InstrumentationProbeValueIf {
 
 bool PlugIn::initInstrumentationProbe() {
     OMF::InstrumentationProbeBrokerIf::ProbeInfoMap infos;
+    // A probe that the file does not describe is there all the same, with empty texts.
     if (!OMF::InstrumentationProbeBrokerIf::ReadProbeInfoFile(this, "DAT_NumberPortability.probe", infos))
         return false;
     auto group = std::make_unique<BAS::InstrumentationProbeGroup>(infos["numberPortabilityGroup"], 1);
@@ -38,6 +39,7 @@ bool PlugIn::initInstrumentationProbe() {
     append("reload", std::make_unique<ReloadProbeValue>(this));
     append("deltaLoad", std::make_unique<AdditionalNumPortDataValue>(this));
     append("printData", std::make_unique<PrintDataProbeValue>(this));
+    // Whole or not at all: whoever asks for the probes never meets some of them.
     probeGroupM = std::move(group);
     return true;
 }
@@ -66,6 +68,7 @@ void PlugIn::post(ProbeMode mode, BAS::String const& value) {
         setProbeName(mode);
         requestPendingM = true;
     }
+    // Behind the data: a worker that passes must find what it was woken for.
     unLock();
 }
 
@@ -81,11 +84,14 @@ void PlugIn::run() {
     constexpr unsigned long sleepMilliseconds = 500;
     BAS::Thread* const thread = BAS::Thread::current();
     for (;;) {
+        // At the top, so that the worker waits before its first request too. Several requests while it is busy give one
+        // further pass, with the latest mode and value.
         lock();
         if (thread != nullptr) {
             thread->serviceInterrupt();
             thread->serviceCancellation();
         }
+        // Asked behind the gate, for the stop opens it; and before the request, which is not carried out any more.
         if (stopRequestedM.load())
             break;
         guarded([this] {
@@ -95,6 +101,7 @@ void PlugIn::run() {
             return true;
         });
     }
+    // A managed thread ends by its cancellation alone; on any other thread this returns.
     while (thread != nullptr) { // until a cancellation ends the thread
         thread->serviceInterrupt();
         thread->serviceCancellation();
@@ -120,8 +127,10 @@ bool PlugIn::probeReload(BAS::String const& value) {
     bool const reuse = value.upper() != "FALSE";
     bool reloaded = false;
     {
+        // Let go before the event: its receiver may command the next load, on this thread or another.
         BAS::MutexGuard const guard(loadLockM);
         reloaded =
+            // The cache manager checks the file itself; an update checks it before, too, and so reports it twice.
             recorded(LoadOutcome::RELOAD, fileNameM, [&](CacheManager& cache) { return cache.cacheReload(reuse); });
         reported([&] {
             if (reloaded)
@@ -138,6 +147,7 @@ bool PlugIn::probeDeltaLoad(BAS::String const& fileName) {
     bool loaded = false;
     {
         BAS::MutexGuard const guard(loadLockM);
+        // Within the lock, so that no other load comes between the counts and is taken for this one.
         std::uint32_t const before = entries();
         loaded = recorded(LoadOutcome::DELTA_LOAD, fileName,
                           [&](CacheManager& cache) { return cache.cacheDeltaLoad(fileName); });

@@ -32,6 +32,7 @@ bool PlugIn::readRegistry() {
 }
 
 bool PlugIn::configure() {
+    // An invalid object reads no keys, but its file is checked and reported on all the same.
     return isValid() ? readKeys() && checkFile() : checkFile();
 }
 
@@ -41,6 +42,7 @@ bool PlugIn::readKeys() {
         report("ERR_REG_SUBTREE_NOT_FOUND", BAS::Status::CRITICAL, {name()});
         return false;
     }
+    // The first key that is missing ends it: one report, as operators know it, and not three.
     if (!readMandatory(*subtree, registryFileNameCM, fileNameM) ||
         !readMandatory(*subtree, registryCountryCodeCM, countryCodeM) ||
         !readMandatory(*subtree, registryNationalAccessCodeCM, nationalAccessCodeM))
@@ -70,6 +72,7 @@ bool PlugIn::readSearchMethod(BAS::RegistryEntry const& subtree) {
         report("ERR_REG_VALUE_INVALID", BAS::Status::CRITICAL, arguments);
         return false;
     }
+    // What is no number is refused. Another number is the default here; a tree would take it for the shortest prefix.
     if (searchMethodM != NumberPortabilityTree::EXACT_MATCH && searchMethodM != NumberPortabilityTree::ANY_PREFIX_MATCH)
         searchMethodM = defaultSearchMethodCM;
     return true;
@@ -90,9 +93,11 @@ bool PlugIn::checkFile(BAS::String const& fileName) {
 }
 
 PlugIn::Opening PlugIn::tryOpen(BAS::String const& fileName, bool keepOpen) {
+    // The framework's thread and the worker may check at once, with the one reader. No report is made under the lock.
     BAS::MutexGuard const guard(fileLockM);
     bool const called = fileIoM.openFile(fileName, STR::FileIoTurbo::readModeCM);
     bool const opens = called && fileIoM.isOpen();
+    // An additional file stays open until its load is over, when the closing is reported.
     if (called && !keepOpen)
         fileIoM.closeFile();
     return {called, opens};
@@ -112,6 +117,7 @@ void PlugIn::closeCheckedFile() {
         BAS::MutexGuard const guard(fileLockM);
         if (!fileIoM.isOpen())
             return;
+        // Copied, because the next check may replace it before the report is made.
         fileName = fileIoM.fileName();
         fileIoM.closeFile();
     }

@@ -9,6 +9,7 @@ bool PlugIn::registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool
     return guarded([&] {
         if (update == nullptr)
             return true;
+        // In this order, so that a listing shows what came of the loads; the first that fails ends the update.
         if (update->find(registryReloadCM) != nullptr && !updateReload(*update, updateHandled))
             return false;
         if (BAS::RegistryEntry const* const delta = update->find(registryAdditionalNumPortDataCM)) {
@@ -27,6 +28,7 @@ bool PlugIn::registryUpdate(BAS::RegistryEntry const* update, BAS::ProtectedBool
 // False ends the update; a failed reload with the reuse flag set does not.
 bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& updateHandled) {
     updateHandled.set(true);
+    // Refused before anything is loaded: which of the two was meant cannot be told.
     if (update.find(registryAdditionalNumPortDataCM) != nullptr) {
         report("ERR_INVALID_REG_ENTRIES", BAS::Status::CRITICAL,
                {"Both 'Reload' and 'AdditionalNumPortData' can not be specified in update registry."});
@@ -36,6 +38,7 @@ bool PlugIn::updateReload(BAS::RegistryEntry const& update, BAS::ProtectedBool& 
     if (!readReuseFlag(update, reuse))
         return false;
 
+    // The event comes when the lock for loads is free again: its receiver may command the next one.
     bool const reloaded = reloadForUpdate(reuse);
     sendEvent(reloaded ? "EVT::RELOAD_SUCCESSFUL" : "EVT::RELOAD_FAILED");
     return reloaded || reuse;
@@ -81,12 +84,14 @@ bool PlugIn::deltaLoadForUpdate(BAS::String const& fileName) {
     bool const loaded = recorded(LoadOutcome::DELTA_LOAD, fileName, [&](CacheManager& cache) {
         if (!checkFile(fileName))
             return false;
+        // Both: a load that throws is then one that added nothing.
         before = after = entries();
         bool const added = cache.cacheDeltaLoad(fileName);
         after = entries();
         return added;
     });
     reported([&] { closeCheckedFile(); });
+    // What is live is told of, even where the load failed after its exchange.
     if (loaded || after != before)
         reported([&] { report("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, {BAS::String::convert(after - before)}); });
     return loaded;

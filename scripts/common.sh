@@ -29,7 +29,7 @@ build_packages=(g++ cmake dpkg-dev ninja-build libtomlplusplus-dev libcli11-dev 
 test_packages=(libgtest-dev binutils pkg-config scdoc)
 lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
-package_packages=(file git lintian scdoc)
+package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config)
 

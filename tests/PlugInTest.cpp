@@ -31,7 +31,6 @@ TEST_F(Configuration, NeedsThreeKeysOnly) {
     EXPECT_TRUE(plugIn->isUsable());
     EXPECT_EQ(journal.take(), Entries{"INF_FILE_OPENED(1): " + file});
     EXPECT_EQ(root.asked, Entries{"REQ_EVENTHANDLER_NAME from NP"});
-    EXPECT_EQ(plugIn->messageBase().str(), "10008");
     EXPECT_TRUE(plugIn->init());
     folder.write("main", "+440171 20200101000000 C\n0044 20200101000000 D\n0172 20200101000000 E\n");
     EXPECT_EQ(update({{"Reload", ""}}), "true handled");

@@ -50,6 +50,15 @@ extern "C" long syscall(long number, ...) noexcept {
 
 namespace {
 
+class NP_SCOPED_CAPABILITY WriteGuard {
+  public:
+    explicit WriteGuard(RWReadersWriterLock& lock) NP_ACQUIRE(lock) : lockM(lock) { lockM.acquireWrite(); }
+    ~WriteGuard() NP_RELEASE() { lockM.releaseWrite(); }
+
+  private:
+    RWReadersWriterLock& lockM;
+};
+
 std::thread startWriter(RWReadersWriterLock& lock, std::atomic<bool>& written) {
     return std::thread([&] {
         lock.acquireWrite();
@@ -94,7 +103,7 @@ void expectThatNobodySeesHalfAWrite(RWReadersWriterLock& lock, int writes = 2000
     });
     auto const write = [&] {
         for (int i = 0; i < writes; ++i) {
-            RWReadersWriterLock::WriteGuard const guard(lock);
+            WriteGuard const guard(lock);
             ++first;
             ++second;
         }
@@ -134,7 +143,7 @@ void expectThatNobodyMissesTheOther(RWReadersWriterLock& lock) {
     });
     for (long round = 0; !stop; ++round) {
         dirty(round);
-        RWReadersWriterLock::WriteGuard const guard(lock);
+        WriteGuard const guard(lock);
         guarded.store(round, std::memory_order_relaxed);
     }
     reader.join();
@@ -273,7 +282,7 @@ TEST(ReadersWriterLock, ALongReaderDoesNotOvertakeAWriterThatWaits) {
         std::atomic<bool> written{false};
         lock.acquireLongRead();
         WatchedThread const writer([&] {
-            RWReadersWriterLock::WriteGuard const guard(lock);
+            WriteGuard const guard(lock);
             written = true;
         });
         writer.waitUntilAsleep();
@@ -412,7 +421,7 @@ TEST(ReadersWriterLock, ThreadsComeAndGoBesideAWriter) {
     std::atomic<bool> stop{false};
     std::thread writer([&] {
         while (!stop) {
-            RWReadersWriterLock::WriteGuard const guard(lock);
+            WriteGuard const guard(lock);
             ++first;
             ++second;
         }

@@ -72,6 +72,7 @@ std::uint64_t wordAt(char const* text) {
 
 // Whether all bytes are '0' (0x30) to '9' (0x39): the high half is 3, also with 6 added. A byte that is not may carry
 // into the next one but has failed by then.
+// Eight characters at a step: a load reads two such words a line.
 constexpr bool areDigits(std::uint64_t word) {
     constexpr std::uint64_t highHalves = 0xF0F0F0F0F0F0F0F0, threes = 0x3030303030303030, sixes = 0x0606060606060606;
     return (word & highHalves) == threes && ((word + sixes) & highHalves) == threes;
@@ -95,6 +96,7 @@ constexpr std::array<char, 200> twoDigits = [] {
     return digits;
 }();
 
+// From the table, because a listing of millions of records writes seven pairs a line.
 void putPair(char* to, unsigned value) {
     std::memcpy(to, &twoDigits[2UL * value], 2);
 }
@@ -131,6 +133,7 @@ bool appendConversion(std::string& text, Civil const& when, char conversion) {
     case '%':
         text += '%';
         return true;
+    // Left as it is written: a pattern with a conversion of somebody else's must show it.
     default:
         return false;
     }
@@ -141,6 +144,7 @@ bool appendConversion(std::string& text, Civil const& when, char conversion) {
 } // namespace
 
 DateTime::DateTime(std::string_view text) noexcept {
+    // Every way out of here leaves the invalid value of the default: a text never names an instant in part.
     if (text.size() != digitsInText)
         return;
     std::uint64_t const date = wordAt(text.data());                              // YYYYMMDD
@@ -155,6 +159,7 @@ DateTime::DateTime(std::string_view text) noexcept {
     unsigned const second = pairAt(pairsOf(time), 3);
     if (year == 0 || month == 0 || month > 12 || day == 0 || day > daysInMonth(year, month))
         return;
+    // No leap second: it would be the same instant as the next minute's first.
     if (hour > 23 || minute > 59 || second > 59)
         return;
     secondsM = daysSinceYearOne(year, month, day) * secondsPerDay + hour * 3600UL + minute * 60UL + second;
@@ -175,6 +180,7 @@ String DateTime::asString(String const& pattern) const {
     Civil const when = civil(secondsM);
     std::string text;
     std::string_view const from = pattern.view();
+    // A percent sign at the end, or before what is no conversion, stands for itself.
     for (std::size_t i = 0; i < from.size(); ++i) {
         if (from[i] == '%' && i + 1 < from.size() && appendConversion(text, when, from[i + 1]))
             ++i;

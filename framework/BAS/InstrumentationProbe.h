@@ -18,19 +18,17 @@ class InstrumentationProbe {
         String description;
     };
 
-    // `version` is the version of the description; the module passes 1.
-    InstrumentationProbe(ProbeInfo const& info, int version) : infoM(info), versionM(version) {}
+    // The number is the version of the description, which nobody asks for; the module passes 1.
+    InstrumentationProbe(ProbeInfo const& info, int) : infoM(info) {}
     InstrumentationProbe(InstrumentationProbe const&) = delete;
     InstrumentationProbe& operator=(InstrumentationProbe const&) = delete;
     virtual ~InstrumentationProbe() = default;
 
     String const& name() const { return infoM.name; }
     String const& description() const { return infoM.description; }
-    int version() const { return versionM; }
 
   private:
     ProbeInfo infoM;
-    int versionM;
 };
 
 class InstrumentationProbeList {

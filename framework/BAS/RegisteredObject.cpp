@@ -16,6 +16,8 @@ std::map<String, RegisteredObject*>& directory() {
 
 String const RegisteredObject::rootNameCM("ROOT");
 
+// One lock for all objects for each of these, as the framework has it. Where two are held, usable comes before valid,
+// and status before name. None is held while a receiver is called.
 Mutex RegisteredObject::usableLockM;
 Mutex RegisteredObject::directoryLockM;
 Mutex RegisteredObject::nameLockM;
@@ -29,11 +31,13 @@ RegisteredObject::RegisteredObject(String const& name) : nameM(name), validM(tru
     if (name.empty())
         return;
     MutexGuard const guard(directoryLockM);
+    // The first of a name keeps it: requests go on to whoever has been answering them.
     registeredM = directory().emplace(name, this).second;
 }
 
 RegisteredObject::~RegisteredObject() {
     MutexGuard const guard(directoryLockM);
+    // An object that found its name taken must not take the other one out.
     auto const entry = directory().find(nameM);
     if (entry != directory().end() && entry->second == this)
         directory().erase(entry);
@@ -77,9 +81,11 @@ bool RegisteredObject::updateBoolFlag(RegistryEntry const* update, RegistryEntry
     RegistryEntry const* const entry = update->find(key);
     if (entry == nullptr)
         return true;
+    // Handled also with a bad value: the key is this object's, whatever it says.
     updateHandled.set(true);
     if (!setBoolFlag(update, key, flag))
         return false;
+    // Behind the flag, so that the registry never shows a value that was refused.
     if (RegistryEntry* const target = own == nullptr ? nullptr : own->find(key))
         target->value(entry->value());
     setStatus(identifier, Status::NORMAL, {name() + "." + key}, true);
@@ -123,6 +129,7 @@ Status RegisteredObject::status() const {
 }
 
 RegistryEntry const* RegisteredObject::registry() const {
+    // Before the lock: the name has one of its own.
     String const own = name();
     MutexGuard const guard(directoryLockM);
     return registryRootM == nullptr ? nullptr : registryRootM->find(own);
@@ -130,6 +137,8 @@ RegistryEntry const* RegisteredObject::registry() const {
 
 RegisteredObject* RegisteredObject::find(String const& name) {
     MutexGuard const guard(directoryLockM);
+    // The object is called when the lock is free again. It must not go meanwhile, which is its owner's business: held
+    // here, the lock would keep every receiver from sending.
     auto const entry = directory().find(name);
     return entry == directory().end() ? nullptr : entry->second;
 }
@@ -157,6 +166,8 @@ void RegisteredObject::setStatus(Status const& status, bool writeToLog) {
 void RegisteredObject::setStatus(String const& identifier, Status::Severity severity,
                                  Status::Arguments const& arguments, bool writeToLog) {
     MutexGuard const guard(statusLockM);
+    // Under the lock with the log, so that reports stand in the log in the order in which they were set. A sink must
+    // therefore not report.
     statusM.set(name(), identifier, severity, arguments);
     if (writeToLog)
         writeLogLocked(statusM);
@@ -173,6 +184,7 @@ void RegisteredObject::writeLogLocked(Status const& status) {
 }
 
 void RegisteredObject::installLogSink(LogSinkIf* sink) {
+    // When this returns nobody is inside the old sink any more.
     MutexGuard const guard(statusLockM);
     logSinkM = sink;
 }

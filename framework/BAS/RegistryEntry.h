@@ -17,7 +17,6 @@ class RegistryEntry {
   public:
     explicit RegistryEntry(String name, String value = String()) : nameM(std::move(name)), valueM(std::move(value)) {}
 
-    String const& name() const { return nameM; }
     String const& value() const { return valueM; }
     void value(String value) { valueM = std::move(value); }
 

@@ -4,6 +4,7 @@
 
 namespace BAS {
 
+// A pointer's highest byte is 0 in user space on x86-64. The tag stands in its place, where a short text has its NUL.
 static_assert(sizeof(SimpleString) == 8 && sizeof(char*) == 8);
 
 SimpleString::SimpleString(SimpleString const& other) {
@@ -14,10 +15,12 @@ SimpleString::SimpleString(SimpleString const& other) {
 }
 
 void SimpleString::assignHeap(SimpleString const& other) {
+    // The memory that is there serves again where it suffices, and then nothing can fail.
     if (isHeap() && other.isHeap() && view().size() >= other.view().size()) {
         std::memcpy(heapText(), other.heapText(), other.view().size() + 1);
         return;
     }
+    // The copy first: when memory lacks, this text stays.
     SimpleString copy(other);
     swap(copy);
 }

@@ -9,6 +9,7 @@
 namespace BAS {
 
 namespace {
+// The same six characters as the C locale's, without asking a locale: a data file must not depend on one.
 constexpr std::string_view separators = " \t\r\v\f\n";
 
 constexpr std::size_t blockLength = 64; // of a text whose bytes have a bit each of a word
@@ -30,6 +31,7 @@ std::uint64_t wordBitsOf16(char const* text) {
 std::uint64_t wordBits(std::string_view text) {
     std::size_t const length = std::min(text.size(), blockLength);
     std::uint64_t bits = 0;
+    // A register takes sixteen bytes, and beyond a short text there may be none to read.
     if (length < 16) {
         for (std::size_t i = 0; i < length; ++i)
             bits |= static_cast<std::uint64_t>(!isSeparator(text[i])) << i;
@@ -46,6 +48,7 @@ String const NULL_STRING;
 
 void String::strip(char character) {
     std::size_t const last = textM.find_last_not_of(character);
+    // The end first: what is erased in front is then moved once, and shorter.
     textM.erase(last == std::string::npos ? 0 : last + 1);
     textM.erase(0, textM.find_first_not_of(character));
 }
@@ -53,6 +56,7 @@ void String::strip(char character) {
 String String::upper() const {
     String result(*this);
     for (char& character : result.textM)
+        // Not std::toupper, which asks the locale.
         if (character >= 'a' && character <= 'z')
             character = static_cast<char>(character - 'a' + 'A');
     return result;
@@ -60,22 +64,13 @@ String String::upper() const {
 
 RWTValOrderedVector<String> String::split() const {
     RWTValOrderedVector<String> words;
-    split(words, textM.size());
-    return words;
-}
-
-std::size_t String::split(RWTValOrderedVector<String>& words, std::size_t most) const {
-    words.clear();
-    std::size_t count = 0;
     std::string_view const text = textM;
-    std::size_t begin = text.find_first_not_of(separators);
-    for (; begin != std::string_view::npos; ++count) {
+    for (std::size_t begin = text.find_first_not_of(separators); begin != std::string_view::npos;) {
         std::size_t const end = text.find_first_of(separators, begin);
-        if (count < most)
-            words.append(String(text.substr(begin, end - begin)));
+        words.append(String(text.substr(begin, end - begin)));
         begin = text.find_first_not_of(separators, end);
     }
-    return count;
+    return words;
 }
 
 // No branch depends on where words begin and end, only on how many there are.
@@ -83,6 +78,7 @@ std::size_t String::splitViews(std::string_view line, std::span<std::string_view
     std::size_t begun = 0, ended = 0;
     std::uint64_t before = 0; // whether the byte before the block belongs to a word
     for (std::size_t at = 0; at < line.size(); at += blockLength) {
+        // A word may go across blocks: only its first byte begins it, and what ends it may come in the next block.
         std::uint64_t const bits = wordBits(line.substr(at));
         std::uint64_t const bitsBefore = bits << 1 | before;
         std::uint64_t begins = bits & ~bitsBefore;
@@ -98,6 +94,7 @@ std::size_t String::splitViews(std::string_view line, std::span<std::string_view
 
 bool String::toNum(unsigned int& number) const noexcept {
     char const* const end = textM.data() + textM.size();
+    // Into a number of its own, for the caller's stays when the text is none.
     unsigned int parsed = 0; // from_chars takes no sign and no blank for an unsigned number
     auto const [stop, error] = std::from_chars(textM.data(), end, parsed, 10);
     if (error != std::errc() || stop != end)

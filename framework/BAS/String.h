@@ -36,8 +36,6 @@ class String {
     // Replaces the content, keeping the storage where it suffices.
     void assign(char const* bytes, std::size_t length) { textM.assign(bytes, length); }
 
-    bool beginsWith(String const& prefix) const noexcept { return textM.starts_with(prefix.textM); }
-
     // Removes `character` at both ends.
     void strip(char character);
 
@@ -47,9 +45,6 @@ class String {
     // The words between separators: blank, tab, carriage return, vertical tab, form feed and newline. Separators at
     // either end and runs of them give no empty words.
     RWTValOrderedVector<String> split() const;
-
-    // The same into `words`, but the first `most` only; returns how many words there are.
-    std::size_t split(RWTValOrderedVector<String>& words, std::size_t most) const;
 
     // The same words of `line` as views of it, the first words.size() of them; returns how many there are. Allocates
     // nothing.

@@ -10,6 +10,7 @@ thread_local Thread* currentThread = nullptr;
 
 Thread::Thread(RegisteredObject*) {}
 
+// The functor refers to this object, so the thread must be over first.
 Thread::~Thread() {
     stop();
     MutexGuard const guard(joinLockM);
@@ -19,10 +20,12 @@ Thread::~Thread() {
 
 void Thread::start(std::function<void()> functor) {
     MutexGuard const guard(joinLockM);
+    // Under the lock: a stop that comes at once then finds a thread to wait for.
     threadM = std::thread([this, functor = std::move(functor)] { run(functor); });
 }
 
 void Thread::run(std::function<void()> const& functor) {
+    // How the functor finds the object that can cancel it; nobody else's thread has one.
     currentThread = this;
     try {
         functor();
@@ -35,11 +38,13 @@ void Thread::run(std::function<void()> const& functor) {
 void Thread::cancel() {
     MutexGuard const guard(mutexM);
     cancelledM = true;
+    // For a thread that sleeps or is interrupted: both end with a cancellation.
     changedM.notify_all();
 }
 
 void Thread::stop() {
     cancel();
+    // A thread that waited for its own end would wait for ever.
     if (currentThread == this)
         return;
     MutexGuard const guard(joinLockM);
@@ -64,6 +69,7 @@ Thread* Thread::current() {
 
 void Thread::serviceInterrupt() {
     MutexGuard const guard(mutexM);
+    // A cancellation goes before an interruption, or an interrupted thread could not be stopped.
     while (interruptedM && !cancelledM)
         changedM.wait(mutexM);
 }
@@ -74,6 +80,7 @@ void Thread::serviceCancellation() {
 }
 
 void Thread::sleep(unsigned long milliseconds) {
+    // An instant and not a length: what wakes the thread without reason does not begin the time anew.
     auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     MutexGuard const guard(mutexM);
     while (!cancelledM && changedM.wait_until(mutexM, end) != std::cv_status::timeout) {

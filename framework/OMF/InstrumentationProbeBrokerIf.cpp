@@ -10,6 +10,7 @@ namespace OMF {
 namespace {
 
 BAS::String& folder() {
+    // Never freed: plug-ins that are destroyed late, with static objects, may still ask.
     static auto* const name = new BAS::String(".");
     return *name;
 }
@@ -21,6 +22,7 @@ std::string atLine(std::size_t line) {
 void fill(toml::table const& file, InstrumentationProbeBrokerIf::ProbeInfoMap& infos) {
     for (auto const& [key, value] : file) {
         toml::table const* const probe = value.as_table();
+        // What is no table is passed over: a file of a later version may say more.
         if (probe == nullptr)
             continue;
         BAS::String const name{key.str()};
@@ -32,6 +34,7 @@ void fill(toml::table const& file, InstrumentationProbeBrokerIf::ProbeInfoMap& i
 // Not beyond the size that a file may have, but for one byte, which shows that it is larger.
 std::string contentOf(std::string const& path) {
     std::ifstream file(path, std::ios_base::binary);
+    // Read by count and not to the end: a file may be a device, or grow while it is read.
     std::string text(TomlLimits::mostBytesCM + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (!file.eof() && file.gcount() == 0) // nothing is there, or nothing that can be read, as a folder
@@ -42,6 +45,7 @@ std::string contentOf(std::string const& path) {
 
 toml::table parsed(std::string const& path) {
     std::string const text = contentOf(path);
+    // Measured first: the parser recurses, and a file that nests deep enough would end the process.
     if (auto const excess = TomlLimits::excessOf(text))
         throw std::runtime_error(excess->reason + atLine(excess->line));
     return toml::parse(text);
@@ -67,6 +71,7 @@ bool InstrumentationProbeBrokerIf::ReadProbeInfoFile(BAS::RegisteredObject* requ
     } catch (std::runtime_error const& error) {
         reason = error.what();
     }
+    // Nothing of a file that is wrong somewhere: half of the probes would look like all of them.
     infos.clear();
     BAS::Status status;
     status.set(requester->name(), "ERR_PROBE_FILE", BAS::Status::MAJOR,

@@ -12,6 +12,7 @@ class Scan {
     explicit Scan(std::string_view text) : textM(text) {}
 
     std::optional<Excess> run() {
+        // Size, parts and depth, because each alone can cost the parser its stack, its memory or its time.
         if (textM.size() > mostBytesCM)
             return excess("the file is larger than " + std::to_string(mostBytesCM) + " bytes");
         for (; atM < textM.size(); ++atM) {
@@ -34,6 +35,7 @@ class Scan {
         case '\'':
             passText(character);
             break;
+        // Dots in numbers and instants count as well: no value has enough of them to reach the limit.
         case '.':
             ++partsM;
             break;
@@ -44,9 +46,11 @@ class Scan {
             break;
         case ']':
         case '}':
+            // A bracket too many is an error that the parser finds; here it must only not wrap around.
             depthM -= depthM == 0 ? 0 : 1;
             partsM = 1;
             break;
+        // Behind these a new key may begin; the nesting goes on.
         case '\n':
         case '=':
         case ',':
@@ -60,6 +64,7 @@ class Scan {
     // Stops at its last character. A text on one line that does not end there is an error, which ends the parser.
     void passText(char quote) {
         std::string const three(3, quote);
+        // Three quotation marks open a text of several lines, which only three of the same end.
         bool const isLong = textM.substr(atM).starts_with(three);
         for (atM += isLong ? 3 : 1; atM < textM.size(); ++atM) {
             if (quote == '"' && textM[atM] == '\\') {

@@ -11,17 +11,11 @@ namespace PLG {
 class DataPlugIn : public StdPlugIn {
   public:
     DataPlugIn() = default;
-    // `messageBase` is the number from which the framework counts the module's messages; it is kept for the host.
-    DataPlugIn(BAS::String const& name, BAS::String messageBase)
-        : StdPlugIn(name), messageBaseM(std::move(messageBase)) {}
+    // The second text is the number from which the framework counts the module's messages; no host asks for it.
+    DataPlugIn(BAS::String const& name, BAS::String const&) : StdPlugIn(name) {}
 
     // Appends the names of the plug-ins that must be initialised before this one. Default: none.
     virtual void loadDependencies(RWTValOrderedVector<BAS::String>& names);
-
-    BAS::String const& messageBase() const { return messageBaseM; }
-
-  private:
-    BAS::String messageBaseM;
 };
 
 } // namespace PLG

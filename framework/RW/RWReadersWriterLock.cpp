@@ -12,7 +12,8 @@ namespace {
 
 using Lock = RWReadersWriterLock;
 
-// One bit for each own slot that no thread has. A lock-free word and no mutex, which a fork could copy while it is held.
+// One bit for each own slot that no thread has. A lock-free word and no mutex, which a fork could copy while it is
+// held.
 static_assert(Lock::ownSlotsCM == 64);
 constinit std::atomic<std::uint64_t> FREE_SLOTS{~std::uint64_t{0}};
 
@@ -103,7 +104,8 @@ void RWReadersWriterLock::releaseReadAtomically(std::uint64_t reads) noexcept NP
 // Over all slots, because a thread that ends while it reads enters by one and leaves by another.
 bool RWReadersWriterLock::readersInside() const noexcept {
     std::uint64_t inside = 0;
-    // `left` first: whoever is seen to have left is then seen to have entered, so 0 means that nobody was inside between.
+    // `left` first: whoever is seen to have left is then seen to have entered, so 0 means that nobody was inside
+    // between.
     for (Slot const& slot : slotsM)
         inside -= slot.left.load();
     for (Slot const& slot : slotsM)
@@ -168,6 +170,7 @@ bool RWReadersWriterLock::acquireWriteUnless(std::atomic<bool> const& givenUp) n
     {
         BAS::MutexGuard const guard(longLockM);
         ++waitingWritersM;
+        // Polled: whoever sets the flag may be a signal handler, which can wake nobody.
         while ((writerInsideM || longReadersM != 0) && !givenUp.load())
             longChangedM.wait_for(longLockM, between);
         --waitingWritersM;
@@ -187,6 +190,7 @@ void RWReadersWriterLock::waitForShortReaders() noexcept {
     while (waitingReadersM != 0)
         mayWriteM.wait(shortLockM);
     writerM.store(true);
+    // Between the flag and the look at the slots; readers that count by atomic additions bring their own barrier.
     if (ownSlotsM != 0)
         fenceAllThreads();
     while (readersInside())
@@ -199,6 +203,7 @@ void RWReadersWriterLock::releaseWrite() noexcept NP_NO_THREAD_SAFETY_ANALYSIS {
         writerM.store(false);
         mayReadM.notify_all();
     }
+    // Short readers first: they wait for microseconds, and long ones and writers for each other.
     BAS::MutexGuard const guard(longLockM);
     writerInsideM = false;
     longChangedM.notify_all();

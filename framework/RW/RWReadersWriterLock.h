@@ -18,10 +18,10 @@
 // thread that acquired releases. A thread takes one of ownSlotsCM indices at its first short read, for all locks of the
 // process, and gives it back when it ends; while none is free, threads share the sharedSlotsCM others. A forked child
 // may go on with a lock that was free at the fork; indices of threads that only its parent has stay taken in it.
-// Errors: none but the construction's. Complexity: a short reader with an index of its own makes a few plain accesses to its own cache line,
-// nothing atomic as a whole and no call; one without makes two atomic additions, on a line that it may share. A writer
-// interrupts every processor on which the process runs, once, and looks at all slots. Making a lock is one system call,
-// of some milliseconds for the first lock of a process that has several threads.
+// Errors: none but the construction's. Complexity: a short reader with an index of its own makes a few plain accesses
+// to its own cache line, nothing atomic as a whole and no call; one without makes two atomic additions, on a line that
+// it may share. A writer interrupts every processor on which the process runs, once, and looks at all slots. Making a
+// lock is one system call, of some milliseconds for the first lock of a process that has several threads.
 //
 // How: a short reader counts itself into its thread's slot and then looks at the writer's flag; the writer raises the
 // flag and then waits until as many have left as have entered. One of the two must see the other (Dekker's argument),
@@ -106,16 +106,6 @@ class NP_CAPABILITY("readers-writer lock") RWReadersWriterLock {
         ~LongReadGuard() NP_RELEASE() { lockM.releaseLongRead(); }
         LongReadGuard(LongReadGuard const&) = delete;
         LongReadGuard& operator=(LongReadGuard const&) = delete;
-
-      private:
-        RWReadersWriterLock& lockM;
-    };
-    class NP_SCOPED_CAPABILITY WriteGuard {
-      public:
-        explicit WriteGuard(RWReadersWriterLock& lock) NP_ACQUIRE(lock) : lockM(lock) { lockM.acquireWrite(); }
-        ~WriteGuard() NP_RELEASE() { lockM.releaseWrite(); }
-        WriteGuard(WriteGuard const&) = delete;
-        WriteGuard& operator=(WriteGuard const&) = delete;
 
       private:
         RWReadersWriterLock& lockM;

@@ -20,7 +20,6 @@ class RWTValOrderedVector {
     RWTValOrderedVector(std::initializer_list<T> values) : valuesM(values) {}
 
     void append(T value) { valuesM.push_back(std::move(value)); }
-    void clear() { valuesM.clear(); }
     std::size_t length() const { return valuesM.size(); }
     T& operator[](std::size_t position) { return valuesM.at(position); }
     T const& operator[](std::size_t position) const { return valuesM.at(position); }

@@ -5,7 +5,7 @@
 // with the empty one) allocates nothing; longer numbers move on to the heap.
 // Ownership: holds copies of trivially copyable values (pointers); owns nothing that they point to.
 // Threads: none inside; an object belongs to one thread.
-// Errors: prepend throws std::bad_alloc beyond the inline elements; first and removeFirst of an empty list is the caller's
+// Errors: prepend throws std::bad_alloc beyond the inline elements; removeFirst of an empty list is the caller's
 // error and undefined.
 // Complexity: every operation constant (prepend amortised); construction does not touch the inline elements.
 #pragma once
@@ -35,7 +35,6 @@ class RWTValSlist {
             overflow(value);
         ++lengthM;
     }
-    T first() const { return lengthM <= inlineLengthCM ? inlineM[lengthM - 1] : overflowM->back(); }
     T removeFirst() {
         --lengthM;
         if (lengthM < inlineLengthCM)
@@ -63,7 +62,6 @@ class RWTStack {
   public:
     bool isEmpty() const { return listM.isEmpty(); }
     void push(T value) { listM.prepend(value); }
-    T top() const { return listM.first(); }
     T pop() { return listM.removeFirst(); }
 
   private:

@@ -39,8 +39,10 @@ class PipeSignalBlock {
     PipeSignalBlock(PipeSignalBlock const&) = delete;
     PipeSignalBlock& operator=(PipeSignalBlock const&) = delete;
     ~PipeSignalBlock() {
+        // The caller looks at the write's error, which these calls must not change.
         int const error = errno;
         timespec const now = {};
+        // Only a signal of our own is taken: one that was pending before belongs to somebody else.
         if (!pendingBeforeM)
             sigtimedwait(&pipeM, nullptr, &now);
         pthread_sigmask(SIG_SETMASK, &oldM, nullptr);
@@ -67,6 +69,7 @@ class FileIo::Buffer : public std::streambuf {
 
     void attach(int descriptor, bool isRegular) {
         descriptorM = descriptor;
+        // A person in front of a terminal wants to see each line; a file is none the better for it.
         terminalM = isatty(descriptor) != 0;
         regularM = isRegular;
     }
@@ -85,6 +88,7 @@ class FileIo::Buffer : public std::streambuf {
         if (descriptorM < 0)
             return true;
         awaitWriter();
+        // Forgotten first: a close that fails has closed it all the same, and the number may be somebody else's by now.
         int const descriptor = descriptorM;
         descriptorM = -1;
         return close(descriptor) == 0;
@@ -103,6 +107,7 @@ class FileIo::Buffer : public std::streambuf {
     std::streamsize xsputn(char const* text, std::streamsize count) override {
         if (count > epptr() - pptr() || descriptorM < 0)
             return std::streambuf::xsputn(text, count);
+        // What fits, as nearly every piece does, costs no more than its copy.
         std::memcpy(pptr(), text, static_cast<std::size_t>(count));
         pbump(static_cast<int>(count));
         return count;
@@ -124,6 +129,7 @@ class FileIo::Buffer : public std::streambuf {
                 writeBlock(from, end);
                 sendToDisk(end - from);
             });
+            // Only when the thread runs: where it does not, this block is written below.
             std::swap(bytesM, otherBytesM);
         } catch (std::exception const&) { // no memory or no thread
             writeBlock(bytesM.get(), end);
@@ -152,6 +158,7 @@ class FileIo::Buffer : public std::streambuf {
             ssize_t const written = write(descriptorM, from, static_cast<std::size_t>(end - from));
             if (written >= 0)
                 from += written;
+            // What was opened by its name never blocks: it is waited for where a cancellation shows.
             else if (errno == EAGAIN)
                 waitForRoom();
             else if (errno != EINTR)
@@ -183,6 +190,7 @@ class FileIo::Buffer : public std::streambuf {
 FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode, InPlace inPlace)
     : fileNameM(fileName), inPlaceM(inPlace), exceptionsM(std::uncaught_exceptions()),
       bufferM(std::make_unique<Buffer>()), streamM(bufferM.get()) {
+    // NUL would cut the name off for the system, and another file would be written.
     if (mode != std::ios_base::out || fileName.view().find('\0') != std::string_view::npos) {
         fail(EINVAL, "open");
         return;
@@ -197,6 +205,7 @@ FileIo::FileIo(BAS::String const& fileName, std::ios_base::openmode mode, InPlac
 
 void FileIo::openTarget() {
     std::string const target = followLinks(fileNameM.str());
+    // A copy of the descriptor, which this object may close; the process's own stays open.
     if (int const own = ownDescriptor(target); own >= 0)
         openInPlace(fcntl(own, F_DUPFD_CLOEXEC, 0));
     else
@@ -204,6 +213,7 @@ void FileIo::openTarget() {
 }
 
 FileIo::~FileIo() {
+    // More than at the construction: only then is it this object's scope that is being left, and the text is not whole.
     if (std::uncaught_exceptions() > exceptionsM) {
         giveUp();
         return;
@@ -236,6 +246,7 @@ void FileIo::openReplacing(std::string const& target) {
     bool const exists = stat(fileNameM.data(), &old) == 0;
     if (!exists && (errno != ENOENT || target.empty()))
         return fail(errno, "open");
+    // Whoever reads a pipe or a device has it open: another file in its place would reach nobody.
     if (exists && !S_ISREG(old.st_mode)) {
         int const descriptor = open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
         bool const isUnread = descriptor < 0 && errno == ENXIO; // "No such device or address" says nothing of these
@@ -246,6 +257,7 @@ void FileIo::openReplacing(std::string const& target) {
             failureM = "it is a socket";
         return;
     }
+    // The folder's rights would let it be replaced all the same. But who may not write a file may not exchange it.
     if (exists && faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0)
         return fail(errno, "open");
 
@@ -253,6 +265,7 @@ void FileIo::openReplacing(std::string const& target) {
     mayOverwriteM = exists && inPlaceM == IF_NEEDED;
     if (char const* const fault = faultOfPlace(target); fault != nullptr && !cannotReplace(errno, fault))
         return;
+    // From here on there are two ways: a file beside that takes the name, or one elsewhere that is copied at the end.
     if (replaces())
         createTemporary(exists ? &old : nullptr);
     if (isOpen() || !failureM.empty())
@@ -276,8 +289,8 @@ void FileIo::createTemporary(struct stat const* old) {
         cannotReplace(errno, fault);
 }
 
-// What keeps the file from being replaced is a failure; or, where that is allowed, and waiting would not help, the reason
-// to overwrite it. False in the first case.
+// What keeps the file from being replaced is a failure; or, where that is allowed, and waiting would not help, the
+// reason to overwrite it. False in the first case.
 bool FileIo::cannotReplace(int error, char const* action) {
     if (!mayOverwriteM || !isLasting(error)) {
         fail(error, action);
@@ -290,11 +303,13 @@ bool FileIo::cannotReplace(int error, char const* action) {
 bool FileIo::closeFile() {
     if (isOpen() && !commit())
         streamM.setstate(std::ios_base::badbit);
+    // Whatever failed, nothing is left beside the file.
     giveUp(); // a no-op after success
     if (failureM.empty())
         return true;
     if (versionM == FileVersion()) // nothing was overwritten
         inPlaceReasonM = BAS::String();
+    // Once: the destructor closes too.
     if (!reportedM) {
         reportedM = true;
         BAS::Status status;
@@ -309,6 +324,7 @@ bool FileIo::syncFile() {
         return false;
     if (!bufferM->writeOut())
         return fail(bufferM->error(), "write"), false;
+    // Before the renaming: a crash behind it must not find a name with nothing behind it.
     if (replaces() && fsync(bufferM->descriptor()) != 0)
         return fail(errno, "sync"), false;
     return true;
@@ -317,6 +333,7 @@ bool FileIo::syncFile() {
 bool FileIo::commit() {
     if (!syncFile())
         return false;
+    // The moment that counts. Before it everything may fail; behind it the new content is what readers find.
     if (replaces() && rename(temporaryM.c_str(), targetM.c_str()) != 0 && !cannotReplace(errno, "replace"))
         return false;
     if (!inPlaceReasonM.empty() && !overwriteTarget())
@@ -328,6 +345,7 @@ bool FileIo::commit() {
     }
     if (!bufferM->closeDescriptor()) // not before: the lock on a file beside keeps it from being removed
         return fail(errno, "close"), false;
+    // The name is only safe when its folder is on the disk; until then a crash brings back the old file, whole.
     if (replaced && !syncFolder(folderOf(targetM)))
         return fail(errno, "sync the folder of"), false;
     return true;
@@ -335,6 +353,7 @@ bool FileIo::commit() {
 
 // The whole text is in the file beside, or elsewhere, by now.
 bool FileIo::overwriteTarget() {
+    // Not cut when it is opened: until there is room for the new content the old one stays.
     int const target = open(targetM.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW);
     if (target < 0)
         return fail(errno, "open"), false;
@@ -344,6 +363,7 @@ bool FileIo::overwriteTarget() {
         fail(errno, fault);
     if (fault != nullptr && begun)
         failureM = failureM + "; it is not whole now";
+    // Its version also when it failed: whoever compares must see that the file is no longer what was loaded.
     if (begun)
         noteVersion(target);
     if (close(target) != 0 && fault == nullptr)

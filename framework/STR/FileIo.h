@@ -11,12 +11,12 @@
 // - A device or a pipe is written in place, and so are the process's own descriptors by their names (/dev/stdout,
 //   /dev/stderr, /dev/fd/N, /proc/self/fd/N). Opening never waits: a pipe that nobody reads does not open.
 // Ownership: owns the stream and the open file. Destruction closes like closeFile, but while an exception unwinds the
-// stack it gives up instead, so that half a listing never replaces a file. The file beside is locked (flock) while it is
-// there.
+// stack it gives up instead, so that half a listing never replaces a file. The file beside is locked (flock) while it
+// is there.
 // Threads: one thread at a time. A regular file's blocks are written by a thread of its own while the next is filled,
 // and do not stay in the system's cache; a file of less than 1 MiB starts no thread. A thread of the framework that is
-// cancelled gives up writing to a pipe or device that takes no more, if it was opened by its name, or else when a signal ends the write that waits. A
-// pipe whose reader has gone is an error like any other: no signal is raised.
+// cancelled gives up writing to a pipe or device that takes no more, if it was opened by its name, or else when a
+// signal ends the write that waits. A pipe whose reader has gone is an error like any other: no signal is raised.
 // Errors: the framework's log is told once per object, at the latest by closeFile ("ERR_WRITE_FILE", severity 4, file
 // and the reason); closeFile returns false and the stream's badbit is set. std::bad_alloc travels.
 // Complexity: linear in the text. A flush of the stream does not reach the system but on a terminal, so that a

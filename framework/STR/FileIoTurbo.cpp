@@ -24,6 +24,7 @@ FileIoTurbo::~FileIoTurbo() {
 }
 
 bool FileIoTurbo::openFile(BAS::String const& fileName, long mode) {
+    // The name is kept whatever comes: reports about a file that does not open must name it.
     closeFile();
     fileNameM = fileName;
     fileSizeM = 0;
@@ -42,6 +43,7 @@ bool FileIoTurbo::openFile(BAS::String const& fileName, long mode) {
         return false;
     }
     fileSizeM = static_cast<unsigned long>(status.st_size);
+    // Larger read-ahead; a hint, whose failing does not matter.
     posix_fadvise(descriptor, 0, 0, POSIX_FADV_SEQUENTIAL);
     // One byte, not unbuffered: an unbuffered stream flushes the console before it reads.
     setvbuf(streamM, &streamByteM, _IOFBF, sizeof streamByteM);
@@ -58,6 +60,7 @@ bool FileIoTurbo::readLine(BAS::String& line) {
 }
 
 bool FileIoTurbo::readLine(std::string_view& line) {
+    // What was searched before a block came is not searched again: a long line would take quadratic time.
     std::size_t searched = 0;
     do {
         std::string_view const ahead(bytesM + beginM, endM - beginM);
@@ -95,6 +98,7 @@ bool FileIoTurbo::fill() {
     endReachedM = false;
     if (streamM == nullptr || std::feof(streamM) != 0)
         return false;
+    // Before the read and never behind it: what is read must have its place, or it is lost.
     makeRoom();
     ssize_t count = 0;
     do {
@@ -124,6 +128,7 @@ void FileIoTurbo::makeRoom() {
     if (capacityM - endM >= blockSize / 2)
         return;
     std::size_t const larger = capacityM == 0 ? blockSize : 2 * capacityM;
+    // Doubled, so that a line of any length is copied a constant number of times; by page tables where it is large.
     auto* const moved = static_cast<char*>(std::realloc(bytesM, larger));
     if (moved == nullptr)
         throw std::bad_alloc();
@@ -132,6 +137,7 @@ void FileIoTurbo::makeRoom() {
 }
 
 bool FileIoTurbo::closeFile() {
+    // Also the memory of a long line: a reader stays closed from one load to the next.
     std::free(bytesM);
     bytesM = nullptr;
     capacityM = beginM = endM = 0;

@@ -28,11 +28,13 @@ std::string nameIn(std::string const& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
+// A hidden name that says whose it is: listings of the folder pass it over, and leftovers can be told from other files.
 std::string temporaryPrefix(std::string const& name) {
     return std::string(".").append(name, 0, mostOfName) + ".";
 }
 
 void closeKeepingError(int descriptor) {
+    // Callers look at the error of what failed before, which a close may change.
     int const error = errno;
     close(descriptor);
     errno = error;
@@ -53,6 +55,7 @@ long writerOf(std::string_view entry, std::string const& prefix) {
     if (!entry.starts_with(prefix))
         return -1;
     entry.remove_prefix(prefix.size());
+    // Every part must fit: what is not certainly ours is never removed.
     long const process = takeNumber(entry);
     if (process <= 0 || !entry.starts_with('-'))
         return -1;
@@ -62,6 +65,7 @@ long writerOf(std::string_view entry, std::string const& prefix) {
 
 // In a container the process before this one often had the same number.
 bool isGone(long process) {
+    // A process of another account is there as well: the signal is then refused, and not without a receiver.
     auto const id = static_cast<pid_t>(process);
     return id == getpid() || (kill(id, 0) != 0 && errno == ESRCH);
 }
@@ -70,6 +74,7 @@ bool removeUnlocked(std::string const& file) {
     int const descriptor = open(file.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0)
         return false;
+    // The lock decides: a writer in another container has a number that means nothing here, but holds its lock.
     struct stat status = {};
     bool const removed = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
                          flock(descriptor, LOCK_EX | LOCK_NB) == 0 && unlink(file.c_str()) == 0;
@@ -82,6 +87,7 @@ int createBesideForTrial(std::string const& target) {
     int descriptor = open(folderOf(target).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
     if (descriptor >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return descriptor;
+    // The file system knows no file without a name. One with a name, for a moment, says the same.
     std::string name;
     descriptor = createBeside(target, 0600, name);
     if (descriptor >= 0)
@@ -92,6 +98,7 @@ int createBesideForTrial(std::string const& target) {
 // Null when the content fits; nothing is changed.
 char const* makeRoom(int target, off_t size) {
     rlimit limit = {};
+    // Asked before: a write beyond the limit raises a signal that ends the process.
     if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
         static_cast<rlim_t>(size) > limit.rlim_cur) {
         errno = EFBIG;
@@ -99,6 +106,7 @@ char const* makeRoom(int target, off_t size) {
     }
     int failed = 0;
     do {
+        // Promised before the first byte is overwritten: behind it the old content cannot be brought back.
         failed = fallocate(target, FALLOC_FL_KEEP_SIZE, 0, size);
     } while (failed != 0 && errno == EINTR);
     bool const noRoom = failed != 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG);
@@ -106,6 +114,7 @@ char const* makeRoom(int target, off_t size) {
 }
 
 bool writeAt(int target, char const* bytes, std::size_t size, off_t place) {
+    // A write may be cut short by a signal or a full disk; the rest is tried, and says which.
     while (size > 0) {
         ssize_t const written = pwrite(target, bytes, size, place);
         if (written < 0 && errno != EINTR)
@@ -131,10 +140,12 @@ char const* copy(int target, int source, off_t size, bool& begun) {
     auto const bytes = std::make_unique_for_overwrite<char[]>(block);
     for (off_t place = 0; place < size;) {
         ssize_t const count = readAt(source, bytes.get(), block, place);
+        // The end before the size is a failure: somebody cut what is copied.
         if (count <= 0) {
             errno = count < 0 ? errno : EIO;
             return "read what to write to";
         }
+        // Said before the write: one that fails may have changed something.
         begun = true;
         if (!writeAt(target, bytes.get(), static_cast<std::size_t>(count), place))
             return "write";
@@ -154,6 +165,7 @@ int ownDescriptor(std::string_view name) {
         return STDOUT_FILENO;
     if (name == "/dev/stderr")
         return STDERR_FILENO;
+    // Digits and no more, as the system itself takes these names.
     for (std::string_view const folder : {"/dev/fd/", "/proc/self/fd/"}) {
         if (!name.starts_with(folder))
             continue;
@@ -175,6 +187,7 @@ std::string folderOf(std::string const& path) {
 
 std::string followLinks(std::string path) {
     constexpr int mostLinks = 40; // as the kernel's own limit
+    // Followed by hand: the last link may name what is not there yet, and it is its target that is to be replaced.
     for (int i = 0; i < mostLinks && ownDescriptor(path) < 0; ++i) {
         std::array<char, PATH_MAX> link;
         ssize_t const length = readlink(path.c_str(), link.data(), link.size());
@@ -198,11 +211,13 @@ FileVersion versionOf(BAS::String const& fileName) {
 }
 
 bool isLasting(int error) {
+    // A full disk may have room tomorrow, a mount stays a mount: only for the second is a file put at risk.
     constexpr std::array passing = {ENOSPC, EDQUOT, EMFILE, ENFILE, ENOMEM, EIO, EINTR};
     return std::find(passing.begin(), passing.end(), error) == passing.end();
 }
 
 int createBeside(std::string const& target, unsigned mode, std::string& name) {
+    // Several writers of one process, of one file even, must not meet.
     static std::atomic<unsigned> files{0};
     name.clear();
     std::string const prefix = temporaryPrefix(nameIn(target)) + std::to_string(getpid()) + "-";
@@ -210,6 +225,7 @@ int createBeside(std::string const& target, unsigned mode, std::string& name) {
         errno = target.empty() ? ENOENT : EISDIR;
         return -1;
     }
+    // O_EXCL: a name that is there is somebody else's, a link that was put there included.
     for (;;) {
         std::string const file = folderOf(target) + "/" + prefix + std::to_string(files.fetch_add(1)) + suffix;
         int const descriptor = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
@@ -232,12 +248,14 @@ int createElsewhere() {
     std::error_code error;
     std::filesystem::path const folder = std::filesystem::temp_directory_path(error);
     int const descriptor = error ? -1 : open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
+    // In memory only where no disk takes it: a whole data file has to fit.
     return descriptor >= 0 ? descriptor : memfd_create("content", MFD_CLOEXEC);
 }
 
 char const* faultOfPlace(std::string const& target) {
     struct statx status = {};
     if (statx(AT_FDCWD, target.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0 ||
+        // A kernel that cannot say so leaves it to the renaming to fail.
         (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
         return nullptr;
@@ -248,6 +266,7 @@ char const* faultOfPlace(std::string const& target) {
 char const* keepIdentity(int descriptor, struct stat const& old) {
     struct stat created = {};
     fstat(descriptor, &created);
+    // Only where it differs: an ordinary account may not give files away, and need not.
     bool const sameOwner = old.st_uid == created.st_uid && old.st_gid == created.st_gid;
     if (!sameOwner && fchown(descriptor, old.st_uid, old.st_gid) != 0)
         return "keep the owner of";
@@ -263,6 +282,7 @@ char const* overwrite(int target, int source, bool& begun) {
     if (char const* const fault = copy(target, source, status.st_size, begun))
         return fault;
     begun = true;
+    // Cut last: what fails before leaves as much of the old content as there can be.
     if (ftruncate(target, status.st_size) != 0)
         return "cut";
     return fsync(target) != 0 ? "sync" : nullptr;
@@ -281,6 +301,7 @@ Rewriting rewritingOf(BAS::String const& fileName) {
     auto const failed = [](Rewriting::Way way, char const* action) {
         return Rewriting{isLasting(errno) ? way : Rewriting::IMPOSSIBLE, failureText(errno, action)};
     };
+    // Each step as FileIo takes it, but for the last: what this promises is what a delta will meet.
     std::string const target = followLinks(fileName.str());
     struct stat old = {};
     bool const exists = stat(fileName.data(), &old) == 0;

@@ -1,9 +1,9 @@
 // STR: the place of a file that is to be written anew, and how its content can be exchanged there.
 //
 // Purpose: a file is best replaced: a new one is written beside it and renamed over it, so that its readers, and who
-// starts again after a crash, never meet half of one. Where that cannot be, because owner or mode cannot be kept, no file
-// can be made beside it, or it is mounted by itself, its content can still be overwritten in place. rewritingOf says
-// beforehand which it will be. The rest is what STR::FileIo does it with.
+// starts again after a crash, never meet half of one. Where that cannot be, because owner or mode cannot be kept, no
+// file can be made beside it, or it is mounted by itself, its content can still be overwritten in place. rewritingOf
+// says beforehand which it will be. The rest is what STR::FileIo does it with.
 // Ownership: descriptors that are returned are the caller's to close. No state that changes.
 // Threads: any.
 // Errors: as each function says; where it is errno, it is set. std::bad_alloc.
@@ -58,8 +58,8 @@ char const* keepIdentity(int descriptor, struct stat const& old);
 // Whether an error keeps a file from being replaced for as long as nobody changes something: not a full disk.
 bool isLasting(int error);
 
-// Gives the target the content of a regular file, and sees it to the disk. Null when that is done; else what failed, with
-// errno. `begun`: the old content is gone by then.
+// Gives the target the content of a regular file, and sees it to the disk. Null when that is done; else what failed,
+// with errno. `begun`: the old content is gone by then.
 char const* overwrite(int target, int source, bool& begun);
 // Sees the entries of the folder to the disk; false with errno. True where that is not possible.
 bool syncFolder(std::string const& folder);

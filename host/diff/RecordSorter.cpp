@@ -208,7 +208,6 @@ void RecordSorter::writeBlock() {
     BlockSource source(*blockM);
     keepRun(written(source), 0);
     blockM->clear();
-    ++writtenBlocksM;
 }
 
 void RecordSorter::keepRun(FileDescriptor run, std::size_t level) {

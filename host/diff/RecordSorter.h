@@ -37,9 +37,6 @@ class RecordSorter {
     // All records in their order; nothing may be added any more.
     std::unique_ptr<RecordSource> finish();
 
-    // Blocks that did not fit into memory and were written.
-    std::uint64_t writtenBlocks() const { return writtenBlocksM; }
-
   private:
     class Block;
     class BlockSource;
@@ -49,7 +46,6 @@ class RecordSorter {
 
     std::unique_ptr<Block> blockM;
     std::vector<std::vector<FileDescriptor>> runsM; // by how often their records were merged
-    std::uint64_t writtenBlocksM = 0;
 };
 
 } // namespace nphost

@@ -15,8 +15,8 @@
 
 #include "framework/BAS/DateTime.h"
 #include "framework/BAS/Mutex.h"
-#include "host/module/GuardLimits.h"
 #include "host/log/Log.h"
+#include "host/module/GuardLimits.h"
 #include "host/module/LoadedModule.h"
 #include "host/service/ReportHub.h"
 
