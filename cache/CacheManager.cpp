@@ -20,6 +20,7 @@ CacheManager::CacheManager(PlugIn* plugIn, BAS::String const& nationalAccessCode
       activeTreeM(std::make_unique<NumberPortabilityTree>()), standbyTreeM(std::make_unique<NumberPortabilityTree>()),
       plugInM(plugIn) {}
 
+// Without trees: whatever it is asked for, it finds nothing.
 CacheManager::CacheManager(PlugIn* plugIn)
     : nationalAccessCodeM(BAS::NULL_STRING), internationalAccessCodeM(BAS::NULL_STRING), countryCodeM(BAS::NULL_STRING),
       internationalAccessCodeSignM(BAS::NULL_STRING), numberOfColumnsM(0), plugInM(plugIn) {}
@@ -134,6 +135,7 @@ bool CacheManager::printData(BAS::String const& target) {
         return true;
     }
     // Opened before and closed after the lock is held: both may report, and the sync to disk takes its time.
+    // The file reports what goes wrong with it; the result is true in any case.
     STR::FileIo file(target, std::ios_base::out);
     print(file.stream(), true);
     file.closeFile();

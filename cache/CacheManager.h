@@ -202,7 +202,7 @@ class CacheManager {
     // For the loading thread, the only one that ever exchanges the trees.
     NumberPortabilityTree& active() NP_NO_THREAD_SAFETY_ANALYSIS { return *activeTreeM; }
 
-    // These eleven have their order from the system.
+    // These twelve have their order from the system.
 
     // The constructor's, and constant from then on: any thread reads it.
     BAS::String dataFileNameM;

@@ -24,7 +24,7 @@ namespace DAT::NumberPortability {
 
 constexpr std::uint32_t operationsVersionCM = 1;
 
-// Of what crosses the border, in the order of their names: a change of one is found even if the version was forgotten.
+// Of what crosses the border: a change of one is found even if the version was forgotten.
 constexpr std::array<std::uint32_t, 9> crossingSizesCM = {
     sizeof(BAS::DateTime),    sizeof(BAS::String),  sizeof(DataSummary),
     sizeof(FileLine),         sizeof(LoadProgress), sizeof(ServiceStatus),

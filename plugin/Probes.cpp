@@ -164,6 +164,7 @@ bool PlugIn::probeDeltaLoad(BAS::String const& fileName) {
     return loaded;
 }
 
+// Without the lock for loads: a listing reads what is live, and a load may go on beside it up to its exchange.
 bool PlugIn::probePrint(BAS::String const& value) {
     bool const console = value.empty() || value.upper() == "NULL";
     bool const printed = guarded(

@@ -88,6 +88,7 @@ bool PlugIn::checkFile() {
     return reportOpening(opening, fileNameM);
 }
 
+// Of an additional file, which has no say in whether the plug-in is usable.
 bool PlugIn::checkFile(BAS::String const& fileName) {
     return reportOpening(tryOpen(fileName, true), fileName);
 }

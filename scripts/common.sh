@@ -40,7 +40,8 @@ fi
 export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
 
 # Configures the build of which the packages are made, by the preset `package` and the flags of Debian's packages, and
-# builds it. What is shipped is what the example and the tests run. Takes options of cmake, then `--` and those of its build.
+# builds it. What is shipped is what the example and the tests run. Takes options of cmake, then `--` and those of its
+# build.
 build_product() {
     local options=()
     while [ $# -gt 0 ] && [ "$1" != -- ]; do options+=("$1"); shift; done

@@ -581,7 +581,10 @@ TEST_F(Cache, ADeltaOverwritesWhatCannotBeReplacedAndTellsOfWhatItCouldNotSave) 
         ASSERT_EQ(seteuid(nobodyCM), 0);
         EXPECT_TRUE(isDelta ? cache->cacheDeltaLoad(BAS::String(folder.file("delta"))) : cache->cacheReload(true));
         ASSERT_EQ(seteuid(0), 0);
-        live = isDelta ? live + record : before;
+        if (isDelta)
+            live += record;
+        else
+            live = before;
         EXPECT_EQ(listing(), live);
         EXPECT_EQ(contentOf(folder.file("main")), c.unsaved ? before : live);
         EXPECT_EQ(plugIn.takeIdentifiers(), c.reports);

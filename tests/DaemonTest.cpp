@@ -703,6 +703,8 @@ std::vector<BadRequest> const badRequestsCM = {
      "{\"version\":1,\"command\":\"update\",\"keys\":" + std::string(32000, '[') + std::string(32000, ']') + "}\n",
      "must be an object"},
     {"keys of no kind", "{\"version\":1,\"command\":\"update\",\"keys\":[1]}\n", "must be an object"},
+    {"a truth of no kind that says nothing", "{\"version\":1,\"command\":\"print\",\"force\":1}\n",
+     "'force' must be true or false"},
     {"a relative file to print", "{\"version\":1,\"command\":\"update\",\"keys\":{\"PrintData\":\"x\"}}\n", "absolute"},
 };
 

@@ -134,6 +134,7 @@ Option Arguments::flag(std::string const& names, std::function<void()> const& gi
 }
 
 void Arguments::refuseLists(char const* why) {
+    // To the library a text in brackets is a list.
     auto const check = [why](std::string const& text) {
         if (text.starts_with('[') && text.ends_with(']'))
             throw HostError("'" + shortened(text) + "' " + why);
@@ -157,6 +158,7 @@ void Arguments::runs(Run run) {
 Arguments Arguments::command(std::string const& name, std::string const& description) {
     CLI::App* const app = appM.add_subcommand(name, description);
     app->fallthrough(); // so that options of the program may also follow the command
+    // Exactly one: the library would carry out several.
     appM.require_subcommand(1);
     return {*app, chosenM};
 }

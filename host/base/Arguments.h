@@ -59,7 +59,7 @@ class Arguments {
     Arguments(CLI::App& app, Run& chosen) : appM(app), chosenM(chosen) {}
 
     // A value. `names` are such as "-o,--output", or "FILE" of a positional one; `shown` stands behind them in the
-    // help. Places are texts, paths, unsigned numbers and std::uint64_t, as optionals, too, and lists of texts.
+    // help. Places are texts, also optional and in lists, paths, unsigned numbers and optional std::uint64_t.
     template <class Place>
     Option add(std::string const& names, std::string const& shown, Place& place, std::string const& help);
     // A value that `take` is given as it was written.

@@ -127,6 +127,7 @@ std::size_t characters(std::string_view text) {
     return count;
 }
 
+// A byte that begins no character goes alone, as in appendVisible: what follows is seen again as it is.
 std::string asUtf8(std::string_view text) {
     std::string out;
     while (!text.empty()) {

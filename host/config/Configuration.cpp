@@ -10,14 +10,16 @@ namespace {
 constexpr char const* hostTableCM = "host";
 constexpr char const* fileNameCM = "FileName";
 
-// What the plug-in is told is what the file says, key by key, in the file's order.
+// What the plug-in is told is what the file says, key by key: it looks keys up by name and has defaults of its own.
 void declarePlugIn(Section& keys, BAS::RegistryEntry& subtree) {
     auto const add = [&keys, &subtree](char const* key, auto const& textOf) {
         keys.key(key, [&subtree, key, textOf](ConfigurationValue const& value) {
             subtree.append(BAS::RegistryEntry(key, textOf(value)));
         });
     };
+    // Relative names are the configuration folder's. The plug-in would take them from wherever the process was started.
     add(fileNameCM, [](ConfigurationValue const& value) { return value.file().string(); });
+    // The plug-in reads a text, and judges it itself.
     add("SearchMethod", [](ConfigurationValue const& value) { return value.textOrInteger(); });
     for (char const* const code :
          {"CountryCode", "NationalAccessCode", "InternationalAccessCode", "InternationalAccessCodeSign"})
@@ -49,6 +51,7 @@ Configuration parseConfiguration(std::string_view text, std::filesystem::path co
     Configuration configuration;
     Section top{std::string()};
     Section& host = top.table(hostTableCM);
+    // All are declared before the file is read: its tables come in an order of their own.
     for (DeclareSection const declare : sections)
         declare(host, configuration);
     // Its subtree is there when the file has the table, be it empty: without it, the plug-in reports that it lacks.
@@ -62,6 +65,7 @@ Configuration parseConfiguration(std::string_view text, std::filesystem::path co
 }
 
 Configuration readConfiguration(std::filesystem::path const& file, Sections sections) {
+    // Before the file is read: what is wrong with it would be written into it.
     StandardError::keepOff(file, "the configuration file");
     Configuration configuration = parseConfiguration(readWhole(file), file, sections);
     StandardError::keepOff(configuration.dataFile(), "the data file itself");

@@ -16,7 +16,7 @@
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
-// Ownership: owns all values; it can be moved, which leaves references into it valid.
+// Ownership: owns all values; it can be moved, which leaves references to places valid.
 // Threads: none inside.
 // Complexity: linear in the text.
 // Errors: ConfigurationError for what is not TOML, an unknown table or key, a value of the wrong type or an unusable

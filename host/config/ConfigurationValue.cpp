@@ -12,6 +12,7 @@ namespace {
 // Of the keys at the file's top, which are all tables.
 constexpr char const* tablesCM = "; the tables are [DAT_NumberPortability] and [host]";
 
+// An unknown key is an error: misspelt, a limit or a path would be off and nobody would know.
 void readKeys(Section const& section, toml::table const& keys, std::filesystem::path const& file) {
     for (auto&& [key, node] : keys) {
         if (Section::Take const* const take = section.find(key.str())) {
@@ -28,6 +29,7 @@ void readKeys(Section const& section, toml::table const& keys, std::filesystem::
 
 } // namespace
 
+// A key may hold anything, and be of any length.
 std::string ConfigurationValue::shownKey() const {
     return shortened(keyM.str());
 }
@@ -60,6 +62,7 @@ bool ConfigurationValue::flag() const {
 }
 
 std::uint64_t ConfigurationValue::number(std::uint64_t least, std::uint64_t most) const {
+    // No number that is asked for is negative, so -1 stands for what is no integer.
     std::int64_t const value = nodeM.is_integer() ? nodeM.as_integer()->get() : -1;
     if (value < 0 || static_cast<std::uint64_t>(value) < least || static_cast<std::uint64_t>(value) > most)
         throw error(keyM.source(), "be a whole number from " + std::to_string(least) + " to " + std::to_string(most));
@@ -88,6 +91,7 @@ std::filesystem::path ConfigurationValue::file() const {
 }
 
 std::filesystem::path ConfigurationValue::module() const {
+    // First, for its checks: a name without a slash must not be empty or cut short either.
     Path const path = file();
     Path const name = text();
     return name.native().find('/') == std::string::npos ? name : path;
@@ -108,6 +112,7 @@ std::vector<std::filesystem::path> ConfigurationValue::list(Path (ConfigurationV
     for (toml::node const& member : *nodeM.as_array()) {
         if (!member.is_string())
             throw errorAt(fileM, member.source(), "each of '" + shownKey() + "' must be a text in quotation marks");
+        // An entry has no key of its own: messages name the list's.
         paths.push_back((ConfigurationValue(fileM, keyM, member).*entry)());
     }
     return paths;

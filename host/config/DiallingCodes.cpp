@@ -5,6 +5,7 @@
 namespace nphost {
 
 DiallingCodes diallingCodesOf(Configuration const& configuration) {
+    // The defaults of the access code and its sign are the plug-in's own; without the two others it does not start.
     auto const value = [&configuration](char const* key, char const* otherwise) {
         return configuration.plugInValue(key).value_or(otherwise);
     };

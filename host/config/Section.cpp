@@ -49,6 +49,7 @@ Section& Section::table(std::string const& name) {
     auto const same = [&whole](Section const& table) { return table.name() == whole; };
     if (auto const found = std::find_if(tablesM.begin(), tablesM.end(), same); found != tablesM.end())
         return *found;
+    // It may be referred to: a deque does not move its tables when further ones come.
     Section& made = tablesM.emplace_back(whole);
     key(name.c_str(), [&made](ConfigurationValue const& value) { value.readInto(made); });
     return made;

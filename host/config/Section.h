@@ -1,14 +1,15 @@
 // nphost::Section: a table of the configuration file, as the components whose keys stand in it declare it.
 //
 // Purpose: a component names its keys and the places into which their values go, next to the code that uses them; the
-// reader (Configuration.h) goes through the file and refuses what nobody has declared. What a key must be is said by the
-// function that declares it:
-//   file, files        a text that names a file or folder, or a list of them; relative ones are the configuration's folder's
+// reader (Configuration.h) goes through the file and refuses what nobody has declared. What a key must be is said by
+// the function that declares it:
+//   file, files        a text that names a file or folder, or a list of them; relative ones are taken from the
+//                      configuration's folder
 //   module, modules    the same, but a name without a slash stays one, for the system's own search
 //   flag               true or false
 //   number             a whole number, of which least and most are said
 //   percent            0 to 100 with at most three decimals, kept in thousandths
-//   text, code         a text; the message about a code asks for quotation marks, which keep its leading zeros
+//   key                what its function asks of the value (ConfigurationValue.h)
 // A place keeps its value where the file has no such key.
 // Ownership: places are borrowed until the file has been read; a section owns those within it.
 // Threads: one thread.

@@ -12,11 +12,13 @@ namespace nphost {
 
 namespace {
 
+// C's files and not a stream: they say by errno why a file cannot be read.
 struct Close {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
 ConfigurationError atLine(std::filesystem::path const& file, std::size_t line, std::string_view reason) {
+    // The reason may quote the file, which may hold anything.
     return ConfigurationError(visible(file.native()) + ":" + std::to_string(line) + ": " + visible(reason));
 }
 
@@ -37,12 +39,14 @@ std::string readWhole(std::filesystem::path const& file) {
         if (text.size() > OMF::TomlLimits::mostBytesCM) // which parseToml refuses
             return text;
     }
+    // A folder can be opened, and fails only here.
     if (std::ferror(stream.get()) != 0)
         throw unreadable(file, errno);
     return text;
 }
 
 toml::table parseToml(std::string_view text, std::filesystem::path const& file) {
+    // The parser recurses: nested too deeply, a text would end the process.
     if (auto const excess = OMF::TomlLimits::excessOf(text))
         throw atLine(file, excess->line, excess->reason);
     try {

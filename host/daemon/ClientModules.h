@@ -20,7 +20,7 @@ namespace nphost {
 
 class ClientModules {
   public:
-    //     clients = ["lib/rating.so"]   # in [host]: the daemon's client modules; names without a slash as for the module
+    //     clients = ["lib/rating.so"]   # in [host]: the daemon's client modules; names without a slash as for module
     struct Settings {
         std::vector<std::filesystem::path> clients;
 

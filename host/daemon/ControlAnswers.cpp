@@ -55,6 +55,7 @@ Json lastLoad(LoadOutcome const& load) {
 }
 
 char const* nameOf(STR::Rewriting::Way way) {
+    // In the order of Rewriting::Way.
     constexpr std::array<char const*, 3> names = {"replace", "inPlace", "impossible"};
     return names.at(way);
 }
@@ -93,6 +94,7 @@ Json toJson(LoadCheck const& check) {
                    {"forced", check.forced},
                    {"reasons", std::move(reasons)},
                    {"seconds", check.seconds}};
+    // A check that ended at the first records has no figures to tell.
     if (check.examined && !check.cursory) {
         result["lines"] = check.figures.lines;
         result["records"] = check.figures.records;
@@ -204,6 +206,7 @@ Json toJson(Standing const& standing) {
     return {{"ok", true},
             {"usable", data.usable},
             {"loading", data.loading},
+            // Of a load; that of a check stands with the guard.
             {"progress", data.loading ? toJson(standing.progress) : Json()},
             {"loadedSince", clock(data.liveSince)},
             {"records", data.records},
@@ -283,6 +286,7 @@ Json toJson(LoadLane::Job const& job) {
     return answer;
 }
 
+// With the keys that clients look for in every answer. Its reports all count as left out.
 std::string_view shortLine(LoadLane::Job const& job, ShortLine& line) {
     auto const text = [](bool value) { return value ? "true" : "false"; };
     bool const isUpdate = job.request.kind == LoadLane::UPDATE;

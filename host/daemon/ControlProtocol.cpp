@@ -37,6 +37,7 @@ LogReport reportOf(nlohmann::json const& object) {
 }
 
 std::string errorLine(std::string const& reason, bool tooLong) {
+    // A reason may quote the request, which may hold anything.
     nlohmann::json refusal = {{"ok", false}, {"error", visible(reason)}};
     if (tooLong)
         refusal["tooLong"] = true;

@@ -124,6 +124,7 @@ class Conversation {
     bool receive() {
         std::array<char, 16UL * 1024> block;
         for (;;) {
+            // An error is an end like any other: the line that is awaited does not come.
             ssize_t const count = recv(descriptorM.get(), block.data(), block.size(), 0);
             if (count < 0 && errno == EINTR)
                 continue;
@@ -155,6 +156,7 @@ std::string seconds(Json const& value) {
 }
 
 std::string bytes(Json const& value) {
+    // Null: the file is not there.
     if (!value.is_number())
         return "-";
     return std::to_string(value.get<std::uint64_t>()) + " bytes";
@@ -302,6 +304,7 @@ class Ctl {
         // Ends with the daemon, or by a signal.
         while (optionsM.follow) {
             outM.flush();
+            // Flushed before the wait: whoever reads through a pipe would else get nothing for a long time.
             Json const next = daemonM.next();
             if (next.contains("lost") && shownRaw(next))
                 continue;
@@ -369,6 +372,7 @@ class Ctl {
         field("Data file:", orDash(file.at("name")));
         field("  size:", bytes(file.at("size")));
         field("  modified:", orDash(file.at("modified")));
+        // The answers of older daemons end here.
         if (!file.contains("rewrite"))
             return;
         std::string const way = file.at("rewrite");
@@ -520,6 +524,7 @@ class Ctl {
         std::vector<Json> shown;
         for (Json const& report : reports)
             if (report.at("severity") != "WARNING" ||
+                // Equal arguments are of one line, for its place is among them.
                 rejected.insert(report.at("identifier").dump() + report.at("arguments").dump()).second)
                 shown.push_back(report);
         return shown;
@@ -537,6 +542,7 @@ class Ctl {
         if (shownRaw(report))
             return;
         std::string text;
+        // As the daemon's log has it: what reads the one reads the other.
         appendText(text, reportOf(report));
         line(text);
     }
@@ -648,6 +654,7 @@ constexpr DaemonCommand commandsCM[] = {
 };
 
 void declareCtl(Arguments& arguments, CommonOptions& common) {
+    // Held by the functions below, since a command runs only after this one has returned.
     auto const options = std::make_shared<CtlOptions>();
     Option const socket = arguments.add("-s,--socket", "PATH", options->socket, "The daemon's control socket");
     addConfiguration(arguments, common, "The configuration file that names it").excludes(socket);

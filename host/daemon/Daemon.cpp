@@ -76,6 +76,7 @@ Daemon::Daemon(Parts const& parts)
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
       signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
+    // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
     if (parts.announceChanges)
         noticesM.emplace(plugInM, parts.hub.wakeUp());
@@ -161,6 +162,7 @@ void Daemon::reloadBySignal() {
 void Daemon::finishJobs() {
     for (LoadLane::Job const& job : laneM.takeFinished()) {
         statusDueM = true;
+        // 0 is nobody: a signal's request, or that of a client that does not wait.
         if (serverM && job.request.client != 0)
             answer(job);
     }
@@ -306,34 +308,35 @@ void Daemon::log(Client client, Json const& request) {
         followersM[client] = recent.next;
 }
 
-// Who waits is answered when the job has ended (finishJobs), else now.
+// Who waits is answered when the job has ended (finishJobs), else now. Both keys are looked at in every command: one of
+// another type is refused, also where it says nothing.
 template <class Take>
 void Daemon::take(Client client, Json const& request, Take&& command) {
     bool const wait = valueOf(request, "wait", true);
+    bool const force = valueOf(request, "force", false);
     // Made before, so that memory cannot run out between taking the request and saying so.
     std::string const taken = wait ? std::string() : lineOf({{"ok", true}, {"queued", serviceM.waiting() + 1}});
-    command(wait ? client : 0);
+    command(wait ? client : 0, force);
     if (!wait)
         serverM->send(client, taken);
 }
 
 void Daemon::reload(Client client, Json const& request) {
     bool const reuse = valueOf(request, "reuse", true);
-    bool const force = valueOf(request, "force", false);
-    take(client, request, [&](Service::Waiter waiter) { serviceM.reload(reuse, force, waiter); });
+    take(client, request, [&](Service::Waiter waiter, bool force) { serviceM.reload(reuse, force, waiter); });
 }
 
 void Daemon::delta(Client client, Json const& request) {
     auto file = valueOf<std::string>(request, "file");
-    bool const force = valueOf(request, "force", false);
-    take(client, request, [&](Service::Waiter waiter) { serviceM.delta(std::move(file), force, waiter); });
+    take(client, request, [&](Service::Waiter waiter, bool force) { serviceM.delta(std::move(file), force, waiter); });
 }
 
 void Daemon::print(Client client, Json const& request) {
+    // Without one it is the daemon's standard output.
     std::optional<std::string> target;
     if (request.contains("file"))
         target = valueOf<std::string>(request, "file");
-    take(client, request, [&](Service::Waiter waiter) { serviceM.print(std::move(target), waiter); });
+    take(client, request, [&](Service::Waiter waiter, bool /*force*/) { serviceM.print(std::move(target), waiter); });
 }
 
 void Daemon::update(Client client, Json const& request) {
@@ -346,6 +349,7 @@ void Daemon::update(Client client, Json const& request) {
         Service::checkUpdateKey(key); // before its value
         keys.emplace_back(key, valueOf<std::string>(given, key));
     }
+    // An update has no "wait": its answer is what the plug-in says of it.
     serviceM.update(std::move(keys), valueOf(request, "force", false), client);
 }
 

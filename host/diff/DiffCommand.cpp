@@ -112,6 +112,7 @@ class Comparing {
     // left for all else.
     std::unique_ptr<RecordSource> read(FileTotals& file) {
         RecordSorter sorter(memoryM / 8 * 3);
+        // Both files share the names: a network has one number in both, by which records are compared.
         Reading reading(namesM, sorter, file.lines);
         ProgressLine const progress("nphost: reading " + shortened(file.name), [this] { return hostM.loadProgress(); });
         std::exception_ptr failure; // the module would report it as its own
@@ -136,6 +137,7 @@ class Comparing {
     // The plug-in wants a data file that it can open; the configured one is not touched.
     static Configuration configurationFor(DiffOptions const& options) {
         Configuration configuration = options.common.readConfiguration();
+        // Before they are read: a shell may have sent complaints into one of them.
         for (std::string const& file : {options.before, options.after})
             StandardError::keepOff(file, "one of the files");
         configuration.useDataFile(options.before);

@@ -63,6 +63,7 @@ class MatrixReport : public DiffReport {
     }
 
   private:
+    // As the files have them, without escapes, as in the list.
     void row(std::string_view from, std::string_view to, std::uint64_t numbers) {
         outM.append(from);
         outM.append('\t');
@@ -281,6 +282,7 @@ class JsonReport : public DiffReport {
 DiffReport::DiffReport() : outM(STDOUT_FILENO) {}
 
 std::unique_ptr<DiffReport> makeDiffReport(std::optional<Difference> listed, bool matrix, bool json) {
+    // --matrix stands alone, as the parser sees to; --json with --list has the numbers, too.
     if (matrix)
         return std::make_unique<MatrixReport>();
     if (json)

@@ -67,6 +67,7 @@ class FileComparison::Held {
     void see(SortedRecord const& record) {
         if (inForceM)
             return;
+        // Also while it is still to come: inForceOrFirst falls back on it.
         keptM.keep(record);
         inForceM = record.seconds <= atM;
     }
@@ -114,6 +115,7 @@ class FileComparison::Histories {
             kept.emplace().keep(record);
     }
     void seeChange(SortedRecord const& old, SortedRecord const* now) {
+        // The first that is seen is the newest, and that one is shown.
         if (changedM)
             return;
         keepFirst(changedM, old);
@@ -157,6 +159,7 @@ void FileComparison::takeOneSided(Difference what, Side& side) {
     side.countNumber();
     for (; side.isAt(numberM); side.advance())
         held.see(side.record());
+    // Nobody has moved: the number is in one of the files only.
     Kept const* const record = &held.inForceOrFirst();
     note(what, what == Difference::LOST ? record : nullptr, what == Difference::GAINED ? record : nullptr);
 }
@@ -206,6 +209,7 @@ void FileComparison::noteMove(Kept const* from, Kept const* to) {
 
 void FileComparison::note(Difference what, Kept const* before, Kept const* after) {
     ++resultM.numbers[static_cast<std::size_t>(what)];
+    // What nobody asked to see is counted, and no text is made of it.
     if (what != shownM)
         return;
     NumberChange change;
@@ -219,6 +223,7 @@ void FileComparison::note(Difference what, Kept const* before, Kept const* after
 std::optional<ShownRecord> FileComparison::shown(Kept const* kept) const {
     if (kept == nullptr)
         return std::nullopt;
+    // A name for which the table had no room goes along with its record.
     bool const numbered = kept->network != NetworkNames::noneCM;
     return ShownRecord{BAS::DateTime::fromSeconds(kept->seconds),
                        numbered ? std::string(namesM.nameOf(kept->network)) : kept->text};
@@ -231,6 +236,7 @@ void FileComparison::listMoves() {
     };
     for (auto const& [networks, numbers] : movesM)
         resultM.moves.push_back({name(networks >> 32), name(networks), numbers});
+    // By names, too: the table has no order, and equal counts would come in another one each time.
     std::sort(resultM.moves.begin(), resultM.moves.end(), [](Move const& one, Move const& other) {
         return std::tie(other.numbers, one.from, one.to) < std::tie(one.numbers, other.from, other.to);
     });

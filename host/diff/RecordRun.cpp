@@ -15,6 +15,7 @@ namespace nphost {
 
 namespace {
 
+// Every run that is merged has a buffer of its own, so it is not larger.
 constexpr std::size_t bufferBytesCM = 128UL * 1024;
 
 [[noreturn]] void failed(char const* what) {
@@ -72,6 +73,7 @@ void RunWriter::append(void const* bytes, std::size_t count) {
         bufferM.clear();
     }
     auto const* const begin = static_cast<char const*>(bytes);
+    // A text that is longer than the buffer goes past it.
     if (count > bufferBytesCM)
         return writeOut({begin, count});
     bufferM.insert(bufferM.end(), begin, begin + count);

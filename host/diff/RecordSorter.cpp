@@ -41,6 +41,7 @@ class MergedSource : public RecordSource {
         RecordSource* source;
     };
 
+    // The standard's heap has the largest in front, so the order is turned round.
     static bool comesLater(Front const& one, Front const& other) { return isBefore(other.record, one.record); }
 
     void replaceShown() {
@@ -58,6 +59,7 @@ class MergedSource : public RecordSource {
 std::unique_ptr<RecordSource> merged(std::vector<FileDescriptor>& runs) {
     std::vector<std::unique_ptr<RecordSource>> sources;
     for (FileDescriptor& run : runs)
+        // The source closes it, and with that the file, which has no name, is gone.
         sources.push_back(std::make_unique<RunSource>(std::move(run)));
     runs.clear();
     return std::make_unique<MergedSource>(std::move(sources));
@@ -75,6 +77,7 @@ FileDescriptor written(RecordSource& source) {
 // Entries grow from the front of the memory, their texts from its end, in words of eight bytes.
 class RecordSorter::Block {
   public:
+    // Not filled at first: of memory that is never used no page is taken.
     explicit Block(std::size_t bytes)
         : bytesM(std::clamp(bytes, leastBytesCM, mostBytesCM) / wordCM * wordCM),
           memoryM(std::make_unique_for_overwrite<std::byte[]>(bytesM)) {}

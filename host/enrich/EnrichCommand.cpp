@@ -171,6 +171,7 @@ class EnrichRun {
     EnrichRun(EnrichOptions const& options, EnrichContext const& context, RecordInput& input, Host& host)
         : optionsM(options), contextM(context), inputM(input), hostM(host),
           pipelineM(context, input, headerOf(context.plan, input),
+                    // The library says 0 where it does not know how many processors there are.
                     options.threads > 0 ? options.threads : std::max(1U, std::thread::hardware_concurrency())) {}
 
     int run() {
@@ -180,6 +181,7 @@ class EnrichRun {
             Interruption const interruption(pipelineM.stopReading());
             writeAll();
         }
+        // From here on nothing is left to remove, and signals act as ever again.
         pipelineM.addNetworks(summaryM.networks);
         optionsM.json ? writeSummaryOf(optionsM.output, summaryM.stopped.empty(), summaryM.json()) : tellText();
         return summaryM.counts.rejected() == 0 ? FINE : NOT_FOUND;
@@ -214,6 +216,7 @@ class EnrichRun {
     void enrichAll(ResultTarget& output, std::optional<PieceTarget>& rejects) {
         Clock::time_point const start = Clock::now();
         {
+            // Not among the records of the same terminal.
             ProgressLine const progress("nphost: enriching", progressSource(),
                                         optionsM.output || isatty(STDOUT_FILENO) != 1);
             // On this thread, the main one, whose writes a signal breaks off.
@@ -221,6 +224,7 @@ class EnrichRun {
         }
         summaryM.seconds = std::chrono::duration<double>(Clock::now() - start).count();
         summaryM.kept = optionsM.keep;
+        // A signal makes reading end early, and that must not pass for the end of the input.
         Interruption::check();
         hostM.throwFailure(); // a look-up that ran out of memory is not "not found"
     }
@@ -285,6 +289,7 @@ class EnrichRun {
 };
 
 int enrichCompleted(EnrichOptions const& options) {
+    // What the options alone tell is judged first, before any file is read.
     RecordFormat const format = formatOf(options);
     WantedColumns const wanted = wantedOf(options);
     TimeReader const times(options.timeFormat, options.zone);

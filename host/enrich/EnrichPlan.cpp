@@ -16,6 +16,7 @@ struct AddedName {
     char const* option;
     char const* suffix;
 };
+// In the order of Added.
 constexpr std::array<AddedName, 5> addedNamesCM = {{{"network", "_network"},
                                                     {"valid-from", "_valid_from"},
                                                     {"prefix", "_prefix"},
@@ -39,6 +40,7 @@ EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, 
     // Without a record nobody knows the columns, and none is missed.
     else if (!input.isEmpty())
         resolveColumns(input);
+    // By place as well as by name: a column may be called by its name, and again by its position.
     if (std::set<std::string>(membersM.begin(), membersM.end()).size() != membersM.size() ||
         std::set<std::size_t>(columnsM.begin(), columnsM.end()).size() != columnsM.size())
         throw HostError("a column is named twice by --time and --number");

@@ -103,6 +103,7 @@ std::uint32_t Enricher::ask(std::uint64_t line, std::string_view number, BAS::Da
     case NumberKind::NONE:
         return noneCM;
     default:
+        // A few are shown; all are counted when their record is written.
         if (jobM->unreadable.size() < shownUnreadableCM)
             jobM->unreadable.push_back({contextM.input.nameOf(jobM->input.file), line, std::string(number)});
         return unreadableCM;

@@ -71,6 +71,7 @@ bool beginsInstant(std::string_view line) {
            });
 }
 
+// Group by group, for its blanks may be the number's own.
 std::string_view takeSpacedNumber(std::string_view& line) {
     std::size_t length = 0;
     for (std::string_view rest = line; !rest.empty();) {
@@ -90,6 +91,7 @@ std::string_view takeSpacedNumber(std::string_view& line) {
 // Columns are taken one after the other from the front; what is left behind the method is ignored.
 QuestionLine::QuestionLine(std::string_view line, bool spaced) {
     skipBlanks(line);
+    // What stands at the end, a carriage return included, is an editor's and no column.
     while (!line.empty() && (isBlank(line.back()) || line.back() == '\t' || line.back() == '\r'))
         line.remove_suffix(1);
     number = spaced ? takeSpacedNumber(line) : takeColumn(line);

@@ -54,6 +54,7 @@ Refusal refusalOf(Problem problem) {
     case Problem::TOO_LONG:
         return Refusal::LONG_RECORD;
     default:
+        // The others are of JSON or of enrich: of a feed's records only this one is left.
         return Refusal::FIELD_COUNT;
     }
 }
@@ -82,6 +83,7 @@ bool FeedConversion::refuse(Refusal refusal, std::string_view subject) {
 bool FeedConversion::readNumber(std::string_view text) {
     switch (formM != nullptr ? formM->toStored(text, numberM) : readPlainNumber(text, numberM)) {
     case NumberKind::NUMBER:
+        // The stored form counts: as people write it, a number may be longer.
         return numberM.length() <= longestNumberCM || refuse(Refusal::LONG_NUMBER, text);
     case NumberKind::DECIMAL:
         return refuse(Refusal::DECIMAL_NUMBER, text);

@@ -24,6 +24,7 @@ std::string identifierOf(std::string_view name) {
 } // namespace
 
 std::uint32_t FeedNetworks::numberOf(std::string_view name) {
+    // Feeds are often sorted by network: then the name is nearly always the one before.
     if (latestM < networksM.size() && networksM[latestM].written == name)
         return latestM;
     auto const found = byWrittenM.find(name);

@@ -159,6 +159,7 @@ class Import {
         // A file of nothing would take all numbers away at the next reload: it is a failure, not a quiet day.
         if (inputM.isEmpty())
             throw HostError(inputM.nameOf(0) + ": the feed is empty");
+        // Also a wrong column is told before anything is written.
         CsvReader reader(formatM.csv, columnsM.positions(inputM), inputM.fieldCount());
         // From here on there are temporary files, which a signal must not leave.
         Interruption const interruption(stopReadingM);
@@ -193,6 +194,7 @@ class Import {
     }
 
     void convertAll(CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        // Without a progress line among the data of the same terminal.
         bool const onTerminal = !optionsM.output && isatty(STDOUT_FILENO) == 1;
         ProgressLine const progress(
             "nphost: importing", [this] { return reading(); }, !onTerminal);
@@ -211,6 +213,7 @@ class Import {
     ProgressLine::Reading reading() const { return {linesM.load(), inputM.done(), inputM.total()}; }
 
     void convertBlock(InputBlock const& input, CsvReader& reader, PieceTarget& target, Rejects& rejects) {
+        // Without a header the count is known from the first good record on, and each block brings it along.
         reader.expectFields(input.fields);
         reader.begin(input.block.text(), input.block.firstLine());
         for (Record record; stoppedM.empty() && reader.next(record);) {
@@ -237,6 +240,7 @@ class Import {
             return conversionM.convert(record.values[FeedColumns::NUMBER], record.values[FeedColumns::VALID_FROM],
                                        record.values[FeedColumns::NETWORK], target.buffer());
         } catch (HostError const& error) {
+            // Two networks' names fall together: the conversion does not know in which line.
             throw HostError(inputM.nameOf(0) + ":" + std::to_string(record.line) + ": " + error.what());
         }
     }
@@ -247,6 +251,7 @@ class Import {
             rejects.begin(block.firstLine(), Refusal::LONG_RECORD, {});
         Record piece;
         piece.text = block.text();
+        // Only the last piece has the line's end, which is no part of the record.
         if (block.piece() == RecordBlock::Piece::LAST)
             setText(piece, block.text());
         rejects.addPart(piece.text);
@@ -258,6 +263,7 @@ class Import {
     }
 
     void checkRejects(Rejects const& rejects) {
+        // After each record: the one that crosses the limit is the last in the list.
         if (optionsM.maxRejects && rejects.total() > *optionsM.maxRejects)
             stoppedM =
                 "more than " + std::to_string(*optionsM.maxRejects) + " rejected records, " + rejects.mostFrequent();

@@ -60,6 +60,7 @@ Log::Log(MessageCatalogue const& catalogue, LogSettings const& settings) : catal
 }
 
 Log::~Log() {
+    // Before the members go, of which every report makes use.
     BAS::RegisteredObject::installLogSink(nullptr);
 }
 

@@ -118,6 +118,7 @@ class TextReport : public Report {
         constexpr std::size_t width = 30;
         std::string const digits = std::to_string(number);
         std::size_t const used = characters(label) + digits.size();
+        // A label that is too long for its column keeps one blank before the number.
         label.append(used < width ? width - used : 1, ' ');
         outM.append(label + digits + "\n");
     }
@@ -155,8 +156,10 @@ class TextReport : public Report {
         bool const passes = trial.reasons.empty();
         outM.append(std::string("\nThe guard would ") + (passes ? "let it pass" : "refuse it") + " as a " +
                     nphost::nameOf(trial.kind));
+        // Of a delta live records count for its memory alone, and need not be given.
         if (trial.kind == LoadKind::RELOAD || trial.figures.liveRecords > 0)
             outM.append(" beside " + grouped(trial.figures.liveRecords) + " live records");
+        // Only those that are asked of this kind of load: the others would be taken for kept.
         GuardLimits const asked = trial.limits.askedOf(trial.kind);
         outM.append(":\n  limits: " + (asked.any() ? nphost::textOf(asked) : "none is asked of this kind of load") +
                     "\n  memory: up to " + grouped(mebibytes(memoryAtPeak(trial.kind, trial.figures))) + " MiB\n");
@@ -259,6 +262,7 @@ DataSummary readFile(Host& host, CheckOptions const& options, Report& report, st
             first = inWords(line);
         report.reject(line);
     };
+    // To the end of the file, whatever the limits are: all figures are told.
     if (!examine(host.plugIn(), host.log(), options.file, summary, onReject, {}))
         host.fail("the file could not be examined");
     return summary;
@@ -298,6 +302,7 @@ Trial tryGuard(GuardLimits const& limits, CheckOptions const& options, DataSumma
     trial.figures.otherBytes = daemonBytes;
     trial.figures.liveRecords = options.live.value_or(0);
     trial.figures.liveTreeBytes = treeBytesOf(trial.figures.liveRecords, trial.figures);
+    // The daemon asks the same function, so that the two agree.
     trial.reasons = crossedLimits(limits, trial.kind, trial.figures);
     return trial;
 }
@@ -311,6 +316,7 @@ std::unique_ptr<Report> makeReport(CheckOptions const& options) {
 int check(CheckOptions const& options) {
     Configuration configuration = configurationFor(options);
     GuardLimits const limits = configuration.of<GuardLimits>();
+    // Held against nothing, every file would pass, and that would look like a verdict.
     if (options.guard && !limits.any())
         throw HostError(visible(options.common.configuration.native()) + ": there is no limit in [host.guard]");
     Host host(std::move(configuration), options.common);

@@ -81,6 +81,7 @@ class StreamLookup {
 
     bool run() {
         {
+            // Ends before the last words are said: it could be shown once more beneath them.
             ProgressLine const progress("nphost: looking up", progressSource(), isatty(STDOUT_FILENO) != 1);
             for (std::string_view line; inM.next(line);) {
                 take(line);

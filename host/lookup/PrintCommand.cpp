@@ -110,17 +110,20 @@ void printTo(Host& host, PieceTarget& target, PrintOptions const& options) {
 int print(PrintOptions const& options) {
     Configuration configuration = options.common.readConfiguration();
     auto const daemon = configuration.of<DaemonFiles>();
+    // Before the load: an output that must not be is told at once.
     KeptFiles const files{configuration.dataFile(), options.common.configuration, daemon.logFile, daemon.socket};
     if (char const* const kept = files.nameOf(fileOf(options.output).value_or("/dev/stdout")))
         throw HostError("the output " + options.output + " is " + kept);
     Host host(std::move(configuration), options.common);
     // Signals act as ever while the data are loaded: there is no temporary file yet.
     host.start();
+    // Nothing is read here that the flag could end; the writes look at the signal themselves.
     std::atomic<bool> stop{false};
     Interruption const interruption(stop);
     PieceTarget target(fileOf(options.output));
     printTo(host, target, options);
     host.throwFailure();
+    // What takes time, and may fail for want of space, comes before the last look at the signal.
     target.sync();
     Interruption::check();
     target.finish();

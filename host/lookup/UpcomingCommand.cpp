@@ -104,6 +104,7 @@ class OriginSearch {
     std::vector<BAS::String> numbersM;
     std::vector<BAS::DateTime> instantsM;
     std::vector<Record> recordsM;
+    // A vector of truth values has no places that a span could show.
     std::array<bool, mostCM> foundM{};
     std::vector<std::optional<std::string>> originsM;
 };

@@ -29,6 +29,7 @@ bool examine(LoadedPlugIn& plugIn, Log const& log, std::string const& file,
 }
 
 LoadFigures figuresOf(DAT::NumberPortability::DataSummary const& summary, std::string first) {
+    // What the file says. The live data and the process's memory are for the caller to add.
     LoadFigures figures;
     figures.readToEnd = summary.readToEnd;
     figures.lines = summary.lines;

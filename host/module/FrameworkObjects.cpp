@@ -15,6 +15,7 @@ void EventHandler::receiveMessage(BAS::Message const& message) {
 }
 
 bool RootObject::receiveRequest(BAS::Message& request) {
+    // The only request that a plug-in has for the root object.
     if (request.command() != "REQ_EVENTHANDLER_NAME")
         return false;
     request.arguments().append(eventsM.name());

@@ -21,12 +21,14 @@ std::string percent(std::uint32_t thousandths) {
     return text;
 }
 
+// Of a whole that is not 0: of nothing no share is above a limit, so nobody asks for one.
 // A share above the limit, with as many decimals as it takes to see that it is above.
 std::string percent(std::uint64_t part, std::uint64_t whole, std::uint32_t limit) {
     constexpr int mostDecimals = 9;
     double const share = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
     std::array<char, 32> text{};
     for (int decimals = 1; decimals <= mostDecimals; ++decimals) {
+        // The text is compared and not the share: rounding may show the limit itself, as if it were no more.
         std::snprintf(text.data(), text.size(), "%.*f", decimals, share);
         if (std::stod(text.data()) * 1000 > limit)
             break;
@@ -120,14 +122,17 @@ class Verdict {
 
 void GuardLimits::declare(Section& host, Configuration& configuration) {
     constexpr std::uint64_t mostRecords = 4'294'967'295; // as many as the module numbers
+    // In bytes far below 2^64, for hasRoom compares bytes.
     constexpr std::uint64_t mostMebibytes = 1'000'000'000;
     Section& keys = host.table("guard");
     auto& limits = configuration.place<GuardLimits>();
     keys.percent("maxLossPercent", limits.maxLossPercent);
     keys.percent("maxRejectedPercent", limits.maxRejectedPercent);
     keys.number("maxNumbersWithoutDigits", 0, mostRecords, limits.maxNumbersWithoutDigits);
+    // 0 turns off the one limit that is on by itself.
     keys.number("minRecords", 0, mostRecords, limits.minRecords);
     keys.flag("requireCompleteLastLine", limits.requireCompleteLastLine);
+    // From 1: no load takes less, so 0 would refuse every file.
     keys.number("maxMemoryMiB", 1, mostMebibytes, limits.maxMemoryMiB);
 }
 
@@ -145,6 +150,7 @@ char const* nameOf(LoadKind kind) {
 
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
     // Of a batch of lines; what doubled while it grew may still lie in the heap beside it.
+    // Lines and text: the bounds of the module's batch (cache/RecordBatch.h).
     constexpr std::uint64_t gatheredLines = 1UL << 18;
     constexpr std::uint64_t bytesALine = 192;
     constexpr std::uint64_t gatheredText = 16 * mebibyteCM;
@@ -158,6 +164,7 @@ std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures) {
                           std::min(lines, gatheredText) * copiesOfText + figures.longestLine * copiesOfALine;
     switch (kind) {
     case LoadKind::FIRST_LOAD:
+        // Both trees are filled at once.
         bytes += 2 * fresh;
         break;
     case LoadKind::RELOAD: // checking: live twice and fresh; filling: live, fresh and lines; refilling: fresh twice

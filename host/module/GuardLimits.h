@@ -1,8 +1,8 @@
 // nphost::GuardLimits: the limits that a data file must keep to be loaded, and the verdict on one.
 //
 // Purpose: the table [host.guard] says what a sound file looks like, a check says what a file holds, and crossedLimits
-// says in words which limits it crosses. Every limit but minRecords is off unless it is configured; a file exactly at one
-// passes.
+// says in words which limits it crosses. Every limit but minRecords is off unless it is configured; a file exactly at
+// one passes.
 //
 //     maxLossPercent            of the live records, that a reload would lose: live records less those of the file. Not
 //                               for a delta, which loses none; of no live records none are lost
@@ -85,8 +85,8 @@ struct LoadFigures {
 };
 
 // What the process takes at the most while it checks the file and loads it, rather too much than too little: trees that
-// exist at once, the lines that a load keeps, what it gathers before it inserts it, what the process has besides, and an
-// eighth for what growing scatters (docs/operations.md).
+// exist at once, the lines that a load keeps, what it gathers before it inserts it, what the process has besides, and
+// an eighth for what growing scatters (docs/operations.md).
 std::uint64_t memoryAtPeak(LoadKind kind, LoadFigures const& figures);
 
 // In words, each with figure and limit. Empty when the file passes.

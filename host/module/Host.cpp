@@ -61,7 +61,7 @@ void Host::start() {
         ProgressLine const progress("nphost: loading", [this] { return loadProgress(); });
         started = plugInM.init();
     }
-    // After the progress line has gone, which would stand in the midst of it.
+    // When the progress line has gone, which could else be shown once more beneath.
     if (unsigned long const hidden = logM.hiddenRejects(); hidden > 0)
         complain(std::to_string(hidden) + " more rejected lines are not shown; 'nphost check --all' lists every one");
     if (!started)
@@ -86,6 +86,7 @@ void Host::throwFailure() const {
 
 void Host::fail(char const* otherwise) const {
     throwFailure();
+    // Only where no report said more.
     throw HostError(otherwise);
 }
 

@@ -40,6 +40,7 @@ std::filesystem::path LoadedModule::folder() const {
 
 LoadedPlugIn::LoadedPlugIn(LoadedModule const& module, BAS::String const& name)
     : operationsM(module.operationsM), objectM(operationsM.create(name)), plugInM(objectM) {
+    // No exception crosses the border here: null is all that the module says.
     if (plugInM == nullptr)
         throw HostError("the module " + module.fileM.string() + " could not make its plug-in");
 }

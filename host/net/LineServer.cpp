@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <exception>
-#include <new>
 #include <sys/socket.h>
 #include <utility>
 
@@ -66,7 +65,7 @@ void LineServer::acceptAll() {
         }
         try {
             take(std::move(accepted));
-        } catch (std::bad_alloc const&) { // NOLINT(bugprone-empty-catch): it is closed, as the client sees
+        } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): it is closed, as the client sees
         }
     }
 }

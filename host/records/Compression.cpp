@@ -104,6 +104,7 @@ class Compressor::Zstd : public Method {
     std::size_t bound(std::size_t length) override { return ZSTD_compressBound(length); }
 
     std::size_t compress(std::string_view text, std::string& out) override {
+        // Each call makes a frame of its own; the parameters stay from one to the next.
         std::size_t const written = ZSTD_compress2(contextM, out.data(), out.size(), text.data(), text.size());
         if (ZSTD_isError(written) != 0)
             throw HostError(std::string("zstd cannot compress a block: ") + ZSTD_getErrorName(written));

@@ -42,6 +42,7 @@ std::uint64_t sizeOf(std::vector<std::string> const& files) {
 // A position from 1; none for any other text.
 std::optional<std::size_t> asPosition(std::string const& text, std::size_t count) {
     std::size_t position = 0;
+    // It takes no sign and no blanks, so '+3' is no position; what is too large for a number is none either.
     auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), position);
     bool const whole = error == std::errc() && end == text.data() + text.size();
     return whole && position >= 1 && position <= count ? std::optional(position - 1) : std::nullopt;
@@ -69,6 +70,7 @@ RecordInput::RecordInput(std::vector<std::string> files, RecordFormat const& for
 }
 
 void RecordInput::start() {
+    // Without a stop: up to here a signal ends the process, for there are no temporary files yet.
     holdsFirstM = readBlock(firstM, nullptr);
 }
 
@@ -76,6 +78,7 @@ bool RecordInput::next(InputBlock& block, std::atomic<bool> const& stop) {
     if (!holdsFirstM)
         return readBlock(block, &stop);
     holdsFirstM = false;
+    // Swapped and not copied: a block is a megabyte.
     std::swap(block, firstM);
     return true;
 }
@@ -88,6 +91,7 @@ bool RecordInput::openNext() {
     if (openedM == filesM.size())
         return false;
     blocksM.reset();
+    // The reader has gone before its source goes: it refers to it.
     sourceM = std::make_unique<ByteSource>(filesM[openedM++]);
     blocksM = std::make_unique<BlockReader>(*sourceM, *recordsM);
     atFileStartM = true;
@@ -100,6 +104,7 @@ bool RecordInput::readBlock(InputBlock& block, std::atomic<bool> const* stop) {
             return false;
         sourceM->stopWhen(stop);
         bool const more = blocksM->next(block.block);
+        // The source counts its own file; the progress line is told of all of them.
         doneM.store(doneBeforeM + sourceM->done(), std::memory_order_relaxed);
         block.file = openedM - 1;
         if (!more)
@@ -217,6 +222,7 @@ void RecordInput::keepHeader(Record const& record) {
     headerM += record.text;
     // A header that is the whole file has no line end; the output needs one.
     headerEndM = record.lineEnd.empty() ? "\n" : record.lineEnd;
+    // Copied: the values end with their block.
     for (std::string_view const column : record.values)
         columnsM.emplace_back(column);
 }

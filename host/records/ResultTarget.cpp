@@ -54,6 +54,7 @@ void ResultTarget::write(std::string_view text) {
 }
 
 void ResultTarget::sync() {
+    // A file that could not be synced keeps the failure, and closing it fails for that reason.
     if (fileM != nullptr && !fileM->syncFile() && !fileM->closeFile())
         fail();
 }

@@ -58,6 +58,7 @@ bool DataFileState::isChanged() const {
     }
 }
 
+// The lock comes first, and force does not pass it: each of two daemons would write a file without the other's records.
 std::string DataFileState::faultOfDelta(bool force) {
     if (!lockM.take())
         return "another daemon seems to rewrite the data file (" + lockM.reason() + "): command that one";

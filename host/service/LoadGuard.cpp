@@ -64,6 +64,7 @@ LoadCheck LoadGuard::check(LoadKind kind, std::string const& file, bool force) {
 }
 
 void LoadGuard::ended() {
+    // Whatever became of the load: a version that stays bound would refuse the next one.
     plugInM.expectAnyFile();
 }
 
