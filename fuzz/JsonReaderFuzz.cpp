@@ -26,7 +26,7 @@ json parsed(std::string_view text) {
 void checkAdded(Record const& record, json expected, std::string_view value) {
     std::string out;
     std::string encoded;
-    nphost::JsonWriter const writer({"n \"1\"", "x"});
+    nphost::NdjsonWriter const writer({"n \"1\"", "x"});
     writer.encode(encoded, value);
     std::vector<std::string_view> const values = {encoded, {}};
     writer.write(out, record, values);

@@ -1,6 +1,7 @@
 // The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
 // hostile bytes.
 #include "host/module/Host.h"
+#include "host/base/JsonWriter.h"
 #include "host/base/ProgressLine.h"
 #include "host/base/Text.h"
 #include "host/cli/Sections.h"
@@ -19,9 +20,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
 #include <poll.h>
 #include <random>
 #include <set>
@@ -793,6 +798,77 @@ TEST(HostTextTest, ShowsBytesOnOneLine) {
     EXPECT_EQ(nphost::shortened(std::string(201, 'a')), std::string(200, 'a') + "... (201 bytes)");
     EXPECT_EQ(nphost::shortened(std::string(199, 'a') + "\xC3\xA9"), std::string(199, 'a') + "... (201 bytes)");
     EXPECT_EQ(nphost::asUtf8("a\xff\xC3\xA9"), "a\xEF\xBF\xBD\xC3\xA9");
+}
+
+TEST(HostTextTest, JsonIsThatOfTheRFC) {
+    using nphost::JsonWriter;
+    struct Case {
+        char const* label;
+        std::function<void(JsonWriter&)> write;
+        std::string json;
+    };
+    using Texts = std::vector<std::string>;
+    using Numbers = std::map<std::string, unsigned>;
+    for (Case const& test : {
+             Case{"a plain text", [](auto& json) { json.value("/ a'<&>"); }, R"("/ a'<&>")"},
+             Case{"no text", [](auto& json) { json.value(""); }, R"("")"},
+             Case{"quotation mark, backslash", [](auto& json) { json.value("\"a\\"); }, R"("\"a\\")"},
+             Case{"controls", [](auto& json) { json.value(std::string_view("\0\a\b\t\n\v\f\r\x1b\x1f\x7f", 11)); },
+                  "\"\\u0000\\u0007\\b\\t\\n\\u000b\\f\\r\\u001b\\u001f\x7f\""},
+             Case{"UTF-8 and not", [](auto& json) { json.value("\xC3\xA9\xF0\x9F\x98\x80\xC3\xff"); },
+                  "\"\xC3\xA9\xF0\x9F\x98\x80\xEF\xBF\xBD\xEF\xBF\xBD\""},
+             Case{"a key", [](auto& json) { json.beginObject().member("\"\xff", 1).endObject(); },
+                  "{\"\\\"\xEF\xBF\xBD\":1}"},
+             Case{"whole numbers",
+                  [](auto& json) { json.beginArray().value(0).value(-7).value(std::uint64_t(1) << 63U).endArray(); },
+                  "[0,-7,9223372036854775808]"},
+             Case{"fractions",
+                  [](auto& json) {
+                      json.value(std::vector{0.0, 2.0, 0.001, -1234.5, 0.1 + 0.2, 1e-4});
+                  },
+                  "[0.0,2.0,0.001,-1234.5,0.30000000000000004,0.0001]"},
+             Case{"large and small",
+                  [](auto& json) {
+                      json.value(std::vector{1e14, 1e15, 1.5e300, 9.5e-5});
+                  },
+                  "[100000000000000.0,1e+15,1.5e+300,9.5e-05]"},
+             Case{"no numbers",
+                  [](auto& json) {
+                      json.value(std::vector{std::nan(""), -HUGE_VAL});
+                  },
+                  "[null,null]"},
+             Case{"truths and null",
+                  [](auto& json) { json.beginArray().value(true).value(false).value(nullptr).endArray(); },
+                  "[true,false,null]"},
+             Case{"a text is no truth", [](auto& json) { json.member("a", static_cast<char const*>("b")); },
+                  R"("a":"b")"},
+             Case{"there or not",
+                  [](auto& json) {
+                      json.beginArray().value(std::optional<std::string>()).value(std::optional(1)).endArray();
+                  },
+                  "[null,1]"},
+             Case{"lists",
+                  [](auto& json) {
+                      json.member("a", Texts()).member("b", Texts{"x", "y"});
+                  },
+                  R"("a":[],"b":["x","y"])"},
+             Case{"maps",
+                  [](auto& json) {
+                      json.member("a", Numbers()).member("b", Numbers{{"y", 2}, {"x", 1}});
+                  },
+                  R"("a":{},"b":{"x":1,"y":2})"},
+             Case{"nested",
+                  [](auto& json) {
+                      json.beginObject().key("a").beginArray().beginArray().endArray().beginObject().endObject();
+                      json.value(1).endArray().member("b", 2).key("c").beginObject().endObject().endObject();
+                  },
+                  R"({"a":[[],{},1],"b":2,"c":{}})"},
+         }) {
+        std::string json;
+        JsonWriter writer(json);
+        test.write(writer);
+        EXPECT_EQ(json, test.json) << test.label;
+    }
 }
 
 TEST(HostTextTest, ProgressNamesWhatIsKnown) {

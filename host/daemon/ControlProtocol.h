@@ -1,11 +1,12 @@
 // What the daemon and its clients agree on: one JSON object a line, both ways (docs/operations.md).
 //
-// Purpose: the version, the bounds, and how an object becomes a line.
+// Purpose: the version, the bounds, how an object becomes a line, and what a report of the log is as an object.
 // Threads: no state.
-// Errors: std::bad_alloc.
+// Errors: std::bad_alloc; reportOf throws nlohmann::json::exception for an object of another form.
 // Complexity: linear in the object.
 #pragma once
 
+#include "host/log/LogReport.h"
 #include "host/service/QuestionError.h"
 
 #include <nlohmann/json.hpp>
@@ -51,6 +52,10 @@ Value valueOf(nlohmann::json const& request, std::string const& key, Value const
 
 // Adds the version, writes the object on one line and ends it; bytes that are not UTF-8 are replaced.
 std::string lineOf(nlohmann::json object);
+
+// A report with its keys as in the log's JSON form.
+nlohmann::json toJson(LogReport const& report);
+LogReport reportOf(nlohmann::json const& object);
 
 // {"ok": false, "error": reason}, and "tooLong": true where the answer is
 std::string errorLine(std::string const& reason, bool tooLong = false);

@@ -1,13 +1,13 @@
 #include "host/diff/DiffReport.h"
 
 #include "host/base/Instant.h"
+#include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
 
 #include <algorithm>
 #include <array>
 #include <initializer_list>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <unistd.h>
 #include <utility>
@@ -18,7 +18,6 @@ namespace nphost {
 namespace {
 
 using DAT::NumberPortability::DataSummary;
-using Json = nlohmann::json;
 
 constexpr std::array<std::pair<Difference, char const*>, 5> labelsCM = {{
     {Difference::GAINED, "Numbers gained:"},
@@ -199,63 +198,80 @@ class JsonReport : public DiffReport {
 
     void number(NumberChange const& change) override {
         // The list is begun by its first number: without one it is written empty, at the end.
-        outM.append(startedM ? std::string_view(",\n") : "{\"changes\":[\n");
+        std::string text = startedM ? ",\n" : "{\"changes\":[\n";
         startedM = true;
-        outM.append(dump({{"number", change.number}, {"old", json(change.before)}, {"new", json(change.after)}}));
+        JsonWriter json(text);
+        json.beginObject();
+        append(json.key("new"), change.after);
+        json.member("number", change.number);
+        append(json.key("old"), change.before);
+        json.endObject();
+        outM.append(text);
     }
 
     void finish(DiffTotals const& totals) override {
-        if (startedM)
-            outM.append(std::string_view("],\n"));
-        else
-            outM.append(listedM ? std::string_view("{\"changes\":[],\n") : "{");
-        outM.append(std::string_view(dump(object(totals))).substr(1)); // without its opening brace
+        ComparisonResult const& result = totals.result;
+        std::string text = startedM ? "],\n" : listedM ? "{\"changes\":[],\n" : "{";
+        JsonWriter json(text); // the object is open already
+        json.member("at", digitsOf(totals.at))
+            .member("equal", result.isEqual())
+            .member("gained", result.count(Difference::GAINED))
+            .member("lengthened", result.count(Difference::LENGTHENED));
+        if (listedM)
+            json.member("listed", differenceNamesCM[static_cast<std::size_t>(*listedM)]);
+        json.member("lost", result.count(Difference::LOST)).member("moved", result.count(Difference::MOVED));
+        append(json.key("moves"), result.moves);
+        append(json.key("new"), totals.after);
+        append(json.key("old"), totals.before);
+        json.member("otherMoves", result.otherMoves)
+            .member("rewritten", result.count(Difference::REWRITTEN))
+            .endObject();
+        outM.append(text);
         outM.append('\n');
     }
 
   private:
-    static std::string dump(Json const& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
-    static Json json(std::optional<ShownRecord> const& record) {
-        return record ? Json{{"validFrom", digitsOf(record->validFrom)}, {"network", asUtf8(record->network)}} : Json();
+    static void append(JsonWriter& json, std::optional<ShownRecord> const& record) {
+        if (!record) {
+            json.value(nullptr);
+            return;
+        }
+        json.beginObject()
+            .member("network", record->network)
+            .member("validFrom", digitsOf(record->validFrom))
+            .endObject();
     }
 
-    static Json json(FileTotals const& file) {
+    static void append(JsonWriter& json, FileTotals const& file) {
         DataSummary const& lines = file.lines;
-        return {{"file", asUtf8(file.name)},
-                {"lines", lines.lines},
-                {"records", lines.records},
-                {"numbers", lines.numbers},
-                {"rejectedFields", lines.rejectedFields},
-                {"rejectedDateTimes", lines.rejectedDateTimes},
-                {"rejectedNumbers", lines.rejectedNumbers},
-                {"rejectedNetworks", lines.rejectedNetworks},
-                {"duplicates", lines.duplicates}};
+        json.beginObject()
+            .member("duplicates", lines.duplicates)
+            .member("file", file.name)
+            .member("lines", lines.lines)
+            .member("numbers", lines.numbers)
+            .member("records", lines.records)
+            .member("rejectedDateTimes", lines.rejectedDateTimes)
+            .member("rejectedFields", lines.rejectedFields)
+            .member("rejectedNetworks", lines.rejectedNetworks)
+            .member("rejectedNumbers", lines.rejectedNumbers)
+            .endObject();
     }
 
-    static Json moves(ComparisonResult const& result) {
-        auto const name = [](std::optional<std::string> const& network) {
-            return network ? Json(asUtf8(*network)) : Json();
-        };
+    static void append(JsonWriter& json, std::vector<Move> const& moves) {
+        using Network = std::optional<std::string>;
+        auto const name = [](Network const& network) { return network ? Network(asUtf8(*network)) : Network(); };
         // Names that are no UTF-8 may become the same one.
-        std::map<std::pair<Json, Json>, std::uint64_t> summed;
-        for (Move const& move : result.moves)
+        std::map<std::pair<Network, Network>, std::uint64_t> summed;
+        for (Move const& move : moves)
             summed[{name(move.from), name(move.to)}] += move.numbers;
-        Json list = Json::array();
+        json.beginArray();
         for (auto const& [networks, numbers] : summed)
-            list.push_back({{"from", networks.first}, {"to", networks.second}, {"numbers", numbers}});
-        return list;
-    }
-
-    Json object(DiffTotals const& totals) const {
-        Json all = {{"equal", totals.result.isEqual()}, {"at", digitsOf(totals.at)},
-                    {"old", json(totals.before)},       {"new", json(totals.after)},
-                    {"moves", moves(totals.result)},    {"otherMoves", totals.result.otherMoves}};
-        for (std::size_t i = 0; i < differenceNamesCM.size(); ++i)
-            all[differenceNamesCM[i]] = totals.result.numbers[i];
-        if (listedM)
-            all["listed"] = differenceNamesCM[static_cast<std::size_t>(*listedM)];
-        return all;
+            json.beginObject()
+                .member("from", networks.first)
+                .member("numbers", numbers)
+                .member("to", networks.second)
+                .endObject();
+        json.endArray();
     }
 
     std::optional<Difference> listedM;

@@ -1,12 +1,12 @@
 #include "host/enrich/EnrichSummary.h"
 
+#include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <numeric>
 
 namespace nphost {
@@ -100,37 +100,40 @@ std::string EnrichSummary::text() const {
 }
 
 std::string EnrichSummary::json() const {
-    nlohmann::json reasons = nlohmann::json::object();
+    std::map<std::string_view, std::uint64_t> reasons;
     for (std::size_t i = 1; i < problemsCM; ++i)
         if (counts.problems[i] > 0)
             reasons[nameOf(static_cast<Problem>(i))] = counts.problems[i];
-    nlohmann::json top = nlohmann::json::array();
     auto const all = networks.sorted();
-    for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
-        top.push_back({{"network", asUtf8(all[i].first)}, {"numbers", all[i].second}});
-    nlohmann::json first = nlohmann::json::array();
+    std::string text;
+    JsonWriter json(text);
+    json.beginObject().member("ambiguousTimes", counts.ambiguous).member("complete", stopped.empty());
+    json.key("firstUnreadable").beginArray();
     for (UnreadableNumber const& number : unreadable)
-        first.push_back({{"file", asUtf8(number.file)}, {"line", number.line}, {"text", asUtf8(number.text)}});
-    // Keys stay whatever the numbers are: only `stopped` comes and goes.
-    nlohmann::json object = {{"records", counts.records},
-                             {"found", counts.found},
-                             {"notFound", counts.notFound},
-                             {"withoutNumber", counts.withoutNumber},
-                             {"unreadable", counts.unreadable},
-                             {"firstUnreadable", first},
-                             {"rejected", counts.rejected()},
-                             {"rejectedByReason", reasons},
-                             {"kept", kept},
-                             {"complete", stopped.empty()},
-                             {"ambiguousTimes", counts.ambiguous},
-                             {"impossibleTimes", counts.impossible},
-                             {"networks", all.size()},
-                             {"topNetworks", top},
-                             {"seconds", std::round(seconds * 1000) / 1000},
-                             {"recordsPerSecond", rateOf(*this)}};
+        json.beginObject()
+            .member("file", number.file)
+            .member("line", number.line)
+            .member("text", number.text)
+            .endObject();
+    json.endArray()
+        .member("found", counts.found)
+        .member("impossibleTimes", counts.impossible)
+        .member("kept", kept)
+        .member("networks", all.size())
+        .member("notFound", counts.notFound)
+        .member("records", counts.records)
+        .member("recordsPerSecond", rateOf(*this))
+        .member("rejected", counts.rejected())
+        .member("rejectedByReason", reasons)
+        .member("seconds", std::round(seconds * 1000) / 1000);
+    // The other keys stay whatever the numbers are.
     if (!stopped.empty())
-        object["stopped"] = stopped;
-    return object.dump() + "\n";
+        json.member("stopped", stopped);
+    json.key("topNetworks").beginArray();
+    for (std::size_t i = 0; i < std::min(all.size(), shownNetworksCM); ++i)
+        json.beginObject().member("network", all[i].first).member("numbers", all[i].second).endObject();
+    json.endArray().member("unreadable", counts.unreadable).member("withoutNumber", counts.withoutNumber).endObject();
+    return text + "\n";
 }
 
 } // namespace nphost

@@ -23,7 +23,7 @@ bool canHoldMembers(Problem problem) {
 
 std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
     if (plan.format().kind == RecordFormat::Kind::JSON)
-        return std::make_unique<JsonWriter>(plan.names());
+        return std::make_unique<NdjsonWriter>(plan.names());
     return std::make_unique<CsvWriter>(plan.format().csv);
 }
 

@@ -3,6 +3,7 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
 #include "host/base/Interruption.h"
+#include "host/base/JsonWriter.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/config/DaemonFiles.h"
@@ -19,10 +20,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace nphost {
@@ -288,25 +290,28 @@ class Import {
 
     void tellJson(Rejects const& rejects) const {
         FeedConversion::Counts const& counts = conversionM.counts();
-        nlohmann::json reasons = nlohmann::json::object();
+        std::map<std::string_view, std::uint64_t> reasons;
         for (std::size_t i = 0; i < refusalsCM; ++i)
             if (rejects.counts()[i] > 0)
                 reasons[nameOf(static_cast<Refusal>(i))] = rejects.counts()[i];
-        nlohmann::json object = {{"file", asUtf8(optionsM.file == "-" ? "standard input" : optionsM.file)},
-                                 {"output", asUtf8(optionsM.output.value_or("standard output"))},
-                                 {"records", recordsM},
-                                 {"written", written()},
-                                 {"networks", conversionM.networks()},
-                                 {"repeated", counts.repeated},
-                                 {"emptyLines", emptyLinesM},
-                                 {"ambiguousTimes", counts.ambiguous},
-                                 {"impossibleTimes", counts.impossible},
-                                 {"rejected", rejects.total()},
-                                 {"rejectedByReason", reasons},
-                                 {"complete", stoppedM.empty()}};
+        std::string text;
+        JsonWriter json(text);
+        json.beginObject()
+            .member("ambiguousTimes", counts.ambiguous)
+            .member("complete", stoppedM.empty())
+            .member("emptyLines", emptyLinesM)
+            .member("file", optionsM.file == "-" ? "standard input" : optionsM.file)
+            .member("impossibleTimes", counts.impossible)
+            .member("networks", conversionM.networks())
+            .member("output", optionsM.output.value_or("standard output"))
+            .member("records", recordsM)
+            .member("rejected", rejects.total())
+            .member("rejectedByReason", reasons)
+            .member("repeated", counts.repeated);
         if (!stoppedM.empty())
-            object["stopped"] = stoppedM;
-        writeSummaryOf(optionsM.output, stoppedM.empty(), object.dump() + "\n");
+            json.member("stopped", stoppedM);
+        json.member("written", written()).endObject();
+        writeSummaryOf(optionsM.output, stoppedM.empty(), text + "\n");
     }
 
     ImportOptions const& optionsM;

@@ -8,14 +8,13 @@
 // The JSON form is an object with the keys time, severity, object, identifier, arguments and text.
 // Ownership: a value.
 // Threads: no state.
-// Errors: std::bad_alloc; reportOf throws nlohmann::json::exception for an object of another form.
+// Errors: std::bad_alloc.
 // Complexity: linear in the texts.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
 #include "framework/BAS/Status.h"
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +31,8 @@ struct LogReport {
 };
 
 std::string_view nameOf(BAS::Status::Severity severity);
+// The other way round; another name makes a severity that nameOf calls "UNKNOWN".
+BAS::Status::Severity severityOf(std::string_view name);
 
 // "2026-01-31T12:00:00Z", or "-" for an invalid instant.
 std::string clockTime(BAS::DateTime at);
@@ -43,8 +44,5 @@ void appendJson(std::string& out, LogReport const& report);
 // The report with texts of at most mostKeptBytesCM each, followed by how long they were: for whoever keeps many.
 constexpr std::size_t mostKeptBytesCM = 500;
 LogReport abridged(LogReport const& report);
-
-nlohmann::json toJson(LogReport const& report);
-LogReport reportOf(nlohmann::json const& object);
 
 } // namespace nphost

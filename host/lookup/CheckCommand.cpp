@@ -3,6 +3,7 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
 #include "host/base/Instant.h"
+#include "host/base/JsonWriter.h"
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
@@ -14,7 +15,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -181,61 +181,61 @@ class JsonReport : public Report {
         if (!allM)
             return;
         // The list is begun with its first line: without one it is written empty, at the end.
-        outM.append(startedM ? std::string_view(",\n") : "{\"rejects\":[\n");
+        std::string text = startedM ? ",\n" : "{\"rejects\":[\n";
         startedM = true;
-        outM.append(dump({{"line", line.number},
-                          {"identifier", line.reason.identifier},
-                          {"detail", line.reason.detail},
-                          {"text", asUtf8(line.text)}}));
+        JsonWriter(text)
+            .beginObject()
+            .member("detail", line.reason.detail)
+            .member("identifier", line.reason.identifier)
+            .member("line", line.number)
+            .member("text", line.text)
+            .endObject();
+        outM.append(text);
     }
 
     void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
-        if (startedM)
-            outM.append("],\n");
-        else
-            outM.append(allM ? std::string_view("{\"rejects\":[],\n") : "{");
-        nlohmann::json result = object(summary);
+        std::string text = startedM ? "],\n" : allM ? "{\"rejects\":[],\n" : "{";
+        JsonWriter json(text); // the object is open already
+        json.member("duplicates", summary.duplicates).member("earliest", instant(summary.earliest));
         if (trial)
-            result["guard"] = guard(*trial);
-        outM.append(std::string_view(dump(result)).substr(1)); // without its opening brace
+            guard(json.key("guard"), *trial);
+        json.member("latest", instant(summary.latest))
+            .member("lines", summary.lines)
+            .member("networks", networks(summary))
+            .member("numbers", summary.numbers)
+            .member("numbersWithoutDigits", summary.withoutDigits)
+            .member("records", summary.records)
+            .member("rejectedDateTimes", summary.rejectedDateTimes)
+            .member("rejectedFields", summary.rejectedFields)
+            .member("rejectedNetworks", summary.rejectedNetworks)
+            .member("rejectedNumbers", summary.rejectedNumbers)
+            .endObject();
+        outM.append(text);
         outM.append('\n');
         outM.flush();
     }
 
   private:
-    static std::string dump(nlohmann::json const& value) {
-        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    static std::optional<std::string> instant(BAS::DateTime at) {
+        return at.isValid() ? std::optional(digitsOf(at)) : std::nullopt;
     }
 
-    static nlohmann::json instant(BAS::DateTime at) {
-        return at.isValid() ? nlohmann::json(digitsOf(at)) : nlohmann::json();
+    static void guard(JsonWriter& json, Trial const& trial) {
+        json.beginObject()
+            .member("kind", nameOf(trial.kind))
+            .member("liveRecords", trial.figures.liveRecords)
+            .member("memoryMiB", mebibytes(memoryAtPeak(trial.kind, trial.figures)))
+            .member("passed", trial.reasons.empty())
+            .member("reasons", trial.reasons)
+            .endObject();
     }
 
-    static nlohmann::json guard(Trial const& trial) {
-        return {{"kind", nameOf(trial.kind)},
-                {"passed", trial.reasons.empty()},
-                {"reasons", trial.reasons},
-                {"liveRecords", trial.figures.liveRecords},
-                {"memoryMiB", mebibytes(memoryAtPeak(trial.kind, trial.figures))}};
-    }
-
-    static nlohmann::json object(DataSummary const& summary) {
-        // Names that are no UTF-8 may become the same one.
-        std::map<std::string, unsigned long> networks;
-        for (auto const& [network, records] : summary.networks)
-            networks[asUtf8(network.view())] += records;
-        return {{"lines", summary.lines},
-                {"records", summary.records},
-                {"numbers", summary.numbers},
-                {"rejectedFields", summary.rejectedFields},
-                {"rejectedDateTimes", summary.rejectedDateTimes},
-                {"rejectedNumbers", summary.rejectedNumbers},
-                {"rejectedNetworks", summary.rejectedNetworks},
-                {"duplicates", summary.duplicates},
-                {"numbersWithoutDigits", summary.withoutDigits},
-                {"earliest", instant(summary.earliest)},
-                {"latest", instant(summary.latest)},
-                {"networks", networks}};
+    // Names that are no UTF-8 may become the same one.
+    static std::map<std::string, unsigned long> networks(DataSummary const& summary) {
+        std::map<std::string, unsigned long> records;
+        for (auto const& [network, count] : summary.networks)
+            records[asUtf8(network.view())] += count;
+        return records;
     }
 
     bool allM;

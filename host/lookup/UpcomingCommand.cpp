@@ -3,15 +3,14 @@
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
 #include "host/base/Instant.h"
+#include "host/base/JsonWriter.h"
 #include "host/base/Output.h"
-#include "host/base/Text.h"
 #include "host/fields/FieldOptions.h"
 #include "host/module/Host.h"
 
 #include <algorithm>
 #include <array>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
@@ -44,7 +43,6 @@ struct UpcomingOptions {
 };
 
 using Record = DAT::NumberPortability::NumberPortabilityData;
-using Json = nlohmann::json;
 
 struct Change {
     BAS::String number;
@@ -124,19 +122,28 @@ void appendText(Output& out, Change const& change, std::optional<std::string> co
 
 void appendJson(Output& out, Change const& change, std::optional<std::string> const& origin, bool first) {
     // One object a change, written as it comes: the whole list as one value would double the memory.
-    Json const object = {{"at", digitsOf(change.record.validFromM)},
-                         {"number", change.number.str()},
-                         {"from", origin ? Json(asUtf8(*origin)) : Json()},
-                         {"to", asUtf8(change.record.networkIdM.view())}};
-    out.append(first ? std::string_view("\n") : ",\n");
-    out.append(object.dump());
+    std::string text = first ? "\n" : ",\n";
+    JsonWriter(text)
+        .beginObject()
+        .member("at", digitsOf(change.record.validFromM))
+        .member("from", origin)
+        .member("number", change.number.view())
+        .member("to", change.record.networkIdM.view())
+        .endObject();
+    out.append(text);
 }
 
 // The count stands in front, since all changes are known by then: a reader can make room.
 void appendHeading(Output& out, Changes const& changes, Period const& period) {
-    out.append("{\"from\":" + Json(digitsOf(period.from)).dump());
-    out.append(",\"until\":" + (period.until.isValid() ? Json(digitsOf(period.until)) : Json()).dump());
-    out.append(",\"count\":" + std::to_string(changes.size()) + ",\"upcoming\":[");
+    std::string text;
+    JsonWriter(text)
+        .beginObject()
+        .member("from", digitsOf(period.from))
+        .member("until", period.until.isValid() ? std::optional(digitsOf(period.until)) : std::nullopt)
+        .member("count", changes.size())
+        .key("upcoming")
+        .beginArray();
+    out.append(text);
 }
 
 void write(Host& host, Changes const& changes, Period const& period, bool json) {

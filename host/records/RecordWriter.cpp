@@ -1,32 +1,10 @@
 #include "host/records/RecordWriter.h"
 
-#include "host/base/Text.h"
+#include "host/base/JsonWriter.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace nphost {
-
-namespace {
-
-bool isPlainJson(std::string_view text) {
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
-}
-
-// As a JSON text, with U+FFFD for what is no UTF-8.
-void appendJson(std::string& out, std::string_view text) {
-    // Most names are plain ASCII, and the library would make a text of its own for each.
-    if (!isPlainJson(text)) {
-        out += nlohmann::json(asUtf8(text)).dump();
-        return;
-    }
-    out += '"';
-    out += text;
-    out += '"';
-}
-
-} // namespace
 
 bool CsvWriter::appendField(std::string& out, std::string_view field, CsvDialect dialect) {
     // Quoted only where it must be, so that most rows are as their writer would have made them.
@@ -68,22 +46,22 @@ void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line,
     out.append(",").append(std::to_string(line)).append(",").append(reason).append(",");
 }
 
-JsonWriter::JsonWriter(std::vector<std::string> const& names) {
+NdjsonWriter::NdjsonWriter(std::vector<std::string> const& names) {
     // Escaped once, and not with every record.
     for (std::string const& name : names) {
         std::string& text = namesM.emplace_back();
-        appendJson(text, name);
+        appendJsonText(text, name);
         text += ':';
     }
 }
 
-bool JsonWriter::encode(std::string& out, std::string_view value) const {
-    appendJson(out, value);
+bool NdjsonWriter::encode(std::string& out, std::string_view value) const {
+    appendJsonText(out, value);
     return true;
 }
 
 // The last brace of the text closes the object; only an empty object has an opening one before it.
-void JsonWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
+void NdjsonWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
     std::size_t const brace = record.text.rfind('}');
     std::string_view const members = record.text.substr(0, brace);
     std::size_t const last = members.find_last_not_of(" \t\r");

@@ -52,10 +52,10 @@ class CsvWriter : public RecordWriter {
 // The beginning of a row that lists a rejected record: file, line and reason, and a comma.
 void beginRejectRow(std::string& out, std::string_view file, std::uint64_t line, char const* reason);
 
-class JsonWriter : public RecordWriter {
+class NdjsonWriter : public RecordWriter {
   public:
     // The names of the values.
-    explicit JsonWriter(std::vector<std::string> const& names);
+    explicit NdjsonWriter(std::vector<std::string> const& names);
 
     bool encode(std::string& out, std::string_view value) const override;
     void write(std::string& out, Record const& record, std::span<std::string_view const> values) const override;
