@@ -44,6 +44,7 @@ void appendJsonText(std::string& out, std::string_view text) {
 }
 
 JsonWriter& JsonWriter::key(std::string_view name) {
+    // The key takes the comma: none must stand before its value.
     value(name);
     outM += ':';
     followsM = false;
@@ -60,6 +61,7 @@ JsonWriter& JsonWriter::value(double number) {
     if (!std::isfinite(number))
         return value(nullptr);
     double const size = std::abs(number);
+    // Within these bounds the plain form is short enough for people, and for the place below.
     bool const isShort = size == 0 || (size >= 1e-4 && size < 1e15);
     std::array<char, 32> digits{};
     auto const [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number,

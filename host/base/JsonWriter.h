@@ -5,7 +5,7 @@
 //     JsonWriter(out).beginObject().member("found", true).key("numbers").beginArray().value(1).endArray().endObject();
 //     {"found":true,"numbers":[1]}
 //
-// Members stand in the order of the calls; all of our outputs have them sorted by their keys. The calls must make up
+// Members stand in the order of the calls; most of our outputs have them sorted by their keys. The calls must make up
 // whole values: nobody checks that. A writer may also begin in a container that the text has just opened, and end it.
 // Ownership: borrows the text.
 // Threads: no state but its own.

@@ -24,6 +24,7 @@ void appendCount(std::string& text, std::string const& label, std::uint64_t numb
     text += label + std::string(width - used, ' ') + digits + "\n";
 }
 
+// 0 of a run that was too short to be measured.
 std::uint64_t rateOf(EnrichSummary const& summary) {
     return summary.seconds > 0
                ? static_cast<std::uint64_t>(std::llround(static_cast<double>(summary.counts.records) / summary.seconds))
