@@ -92,7 +92,7 @@ class DaemonMemoryTest : public testing::TestWithParam<bool> {
     // The answer to a request whose allocations are refused after so many; the next one finds the daemon in order.
     static std::string spoilt(StarvingSite& site, std::string const& request, long count, bool lasts) {
         site.refuseAfter(count, lasts);
-        std::string const answer = site.ask(request);
+        std::string answer = site.ask(request);
         site.refuseNothing();
         EXPECT_TRUE(answer == "<closed>" || Json::accept(answer)) << answer;
         EXPECT_FALSE(site.daemon->status()) << site.log();
