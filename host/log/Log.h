@@ -12,7 +12,8 @@
 // What the target cannot take is counted; the log says how many reports are missing as soon as it can be written again.
 // Ownership: borrows the catalogue, the target and the observer; installs itself as the framework's sink while it
 // lives.
-// Threads: write by any thread, one at a time; the rest by the thread that owns the log.
+// Threads: write by any thread, one at a time; lost by any; a RejectScope and lastReject by the thread that examines a
+// file; the rest by the thread that owns the log.
 // Errors: write never throws: a report that memory does not suffice for is lost, and counted.
 // Complexity: linear in the report, constant for one that is not shown.
 #pragma once
