@@ -24,11 +24,24 @@ namespace DAT::NumberPortability {
 
 constexpr std::uint32_t operationsVersionCM = 1;
 
-// Of what crosses the border: a change of one is found even if the version was forgotten.
-constexpr std::array<std::uint32_t, 9> crossingSizesCM = {
-    sizeof(BAS::DateTime),    sizeof(BAS::String),  sizeof(DataSummary),
-    sizeof(FileLine),         sizeof(LoadProgress), sizeof(ServiceStatus),
-    sizeof(STR::FileVersion), sizeof(StoredPrefix), sizeof(NumberPortabilityData)};
+// Of what crosses the border, by the table's functions or by the framework's virtual operations, in the order of their
+// names: a change of one is found even if the version was forgotten.
+constexpr std::array<std::uint32_t, 16> crossingSizesCM = {sizeof(BAS::DateTime),
+                                                           sizeof(BAS::InstrumentationProbeAttribute),
+                                                           sizeof(BAS::InstrumentationProbeGroup),
+                                                           sizeof(BAS::Message),
+                                                           sizeof(BAS::ProtectedBool),
+                                                           sizeof(BAS::RegistryEntry),
+                                                           sizeof(BAS::Status),
+                                                           sizeof(BAS::String),
+                                                           sizeof(DataSummary),
+                                                           sizeof(FileLine),
+                                                           sizeof(LoadProgress),
+                                                           sizeof(NumberPortabilityData),
+                                                           sizeof(PLG::DataPlugIn),
+                                                           sizeof(STR::FileVersion),
+                                                           sizeof(ServiceStatus),
+                                                           sizeof(StoredPrefix)};
 
 struct Operations {
     // In this order and of these types in every version.
