@@ -20,7 +20,8 @@ need() {
         command -v sudo >/dev/null || { echo "Run this as root, or install sudo." >&2; exit 1; }
         as_root=(sudo)
     fi
-    "${as_root[@]}" apt-get update -q
+    [ -n "${apt_is_fresh:-}" ] || "${as_root[@]}" apt-get update -q
+    apt_is_fresh=1
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}"
 }
 
