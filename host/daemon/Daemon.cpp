@@ -302,10 +302,12 @@ void Daemon::log(Client client, Json const& request) {
     Json reports = Json::array();
     for (LogReport const& report : recent.reports)
         reports.push_back(toJson(report));
-    serverM->send(client, lineOf({{"ok", true}, {"reports", std::move(reports)}}), follow);
+    std::string const line = lineOf({{"ok", true}, {"reports", std::move(reports)}});
+    // Before the answer, since it may fail for want of memory. The number goes with the reports that are sent: none is
+    // missed or sent twice.
     if (follow)
-        // The number goes with the reports that were sent: none is missed or sent twice.
         followersM[client] = recent.next;
+    serverM->send(client, line, follow);
 }
 
 // Who waits is answered when the job has ended (finishJobs), else now. Both keys are looked at in every command: one of
