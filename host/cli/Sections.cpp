@@ -11,13 +11,13 @@ namespace nphost {
 
 namespace {
 
-constexpr DeclareSection declarationsCM[] = {
-    HostSettings::declare,
-    DaemonFiles::declare,
-    GuardLimits::declare,
-    DeltaFolders::Settings::declare,
-    ChangeNotices::Settings::declare,
-    ClientModules::Settings::declare,
+constexpr SectionDeclaration declarationsCM[] = {
+    {"host", HostSettings::declare},
+    {"host", DaemonFiles::declare},
+    {"host", GuardLimits::declare},
+    {"host", DeltaFolders::Settings::declare},
+    {"host", ChangeNotices::Settings::declare},
+    {"host", ClientModules::Settings::declare},
 };
 
 } // namespace
