@@ -21,6 +21,7 @@ namespace nphost {
 
 class Configuration;
 class DataClock;
+class LoadedPlugIn;
 class Metrics;
 class Networks;
 class NumberForm;
@@ -47,6 +48,7 @@ struct FrontParts {
     Configuration const& configuration;
     std::vector<std::filesystem::path> const& deltaFolders; // where deltas may lie
     Service& service;
+    LoadedPlugIn& plugIn; // for look-ups, many at once
     NumberForm const& numbers;
     Networks const& networks;
     DataClock const& clock;
