@@ -3,6 +3,7 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/daemon/ClientModules.h"
+#include "host/http/HttpSettings.h"
 #include "host/module/GuardLimits.h"
 #include "host/module/HostSettings.h"
 #include "host/service/DeltaFolders.h"
@@ -18,6 +19,7 @@ constexpr SectionDeclaration declarationsCM[] = {
     {"host", DeltaFolders::Settings::declare},
     {"host", ChangeNotices::Settings::declare},
     {"host", ClientModules::Settings::declare},
+    {"http", HttpSettings::declare},
 };
 
 } // namespace
