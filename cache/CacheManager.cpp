@@ -37,20 +37,40 @@ bool CacheManager::search(BAS::String const& number, BAS::DateTime const& at, Nu
     return activeTreeM != nullptr && activeTreeM->search(number, at, out, method);
 }
 
+template <class Look>
+void CacheManager::inParts(std::size_t size, Look&& look) {
+    for (std::size_t begin = 0; begin < size; begin += batchSizeCM) {
+        // A lock for each part: a batch of any length would otherwise hold up an exchange for as long as it likes.
+        std::size_t const count = std::min(batchSizeCM, size - begin);
+        RWReadersWriterLock::ReadGuard const guard(treeLockM, count);
+        look(activeTreeM.get(), begin, count);
+    }
+}
+
 void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                           std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) {
     if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
         throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
-    for (std::size_t begin = 0; begin < numbers.size(); begin += batchSizeCM) {
-        // A lock for each part: a batch of any length would otherwise hold up an exchange for as long as it likes.
-        std::size_t const count = std::min(batchSizeCM, numbers.size() - begin);
-        RWReadersWriterLock::ReadGuard const guard(treeLockM, count);
-        if (activeTreeM == nullptr)
+    inParts(numbers.size(), [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count) {
+        if (tree == nullptr)
             std::fill_n(found.begin() + static_cast<std::ptrdiff_t>(begin), count, false);
         else
-            activeTreeM->search(numbers.subspan(begin, count), instants.subspan(begin, count),
-                                records.subspan(begin, count), found.subspan(begin, count), method);
-    }
+            tree->search(numbers.subspan(begin, count), instants.subspan(begin, count), records.subspan(begin, count),
+                         found.subspan(begin, count), method);
+    });
+}
+
+void CacheManager::describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                                std::span<LookUpDetail> details, unsigned int method) {
+    if (instants.size() != numbers.size() || details.size() != numbers.size())
+        throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
+    inParts(numbers.size(), [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count) {
+        if (tree == nullptr)
+            std::fill_n(details.begin() + static_cast<std::ptrdiff_t>(begin), count, LookUpDetail());
+        else
+            tree->describeMany(numbers.subspan(begin, count), instants.subspan(begin, count),
+                               details.subspan(begin, count), method);
+    });
 }
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {

@@ -11,7 +11,7 @@
 // Threads:
 // - load, cacheReload, cacheDeltaLoad, examine and visitFile: one at a time, the caller sees to it. Only the thread
 //   that runs one of them, the loading thread, touches the standby tree and the readers.
-// - search, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the
+// - search, describeMany, numOfEntries, print, printData, explain, visitUpcoming and describe: any thread, at any time. Until the
 //   first load has ended they find nothing.
 // - stopLoads: any thread, at any time, and signal handlers.
 // - treeLockM guards which tree is active. Look-ups hold it as short readers, prints as long readers, the exchange
@@ -119,6 +119,11 @@ class CacheManager {
     void search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
 
+    // The same with what there is to know around each look-up (see NumberPortabilityTree); the three spans are of one
+    // length. What is told of one number is of the same data.
+    void describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                      std::span<LookUpDetail> details, unsigned int method);
+
     // Records in the active tree. Waits for the prints of that moment, but not after stopLoads.
     std::uint32_t numOfEntries();
 
@@ -165,6 +170,10 @@ class CacheManager {
     TreeFilling::Means means(STR::FileIoTurbo const& reader) const {
         return {codes(), numberOfColumnsM, LineReporter(*plugInM, codes(), reader), loadStopM};
     }
+
+    // Calls look(tree, begin, count) for each part of a batch of look-ups, under a read lock of its own.
+    template <class Look>
+    void inParts(std::size_t size, Look&& look);
 
     // Runs a load, with the report that is due when it was stopped.
     template <class Load>

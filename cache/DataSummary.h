@@ -11,6 +11,8 @@
 #include "framework/BAS/DateTime.h"
 #include "framework/STR/FileVersion.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string_view>
@@ -28,11 +30,13 @@ enum class LineOutcome {
     INVALID_NUMBER,     // no decimal digit, so it names no number
     INVALID_NETWORK_ID, // holds a NUL, which would cut it off
 };
+constexpr std::size_t lineOutcomesCM = 6;
 
 // What a load's lines were, each counted once, however many trees they went into.
 struct LineCounts {
-    std::uint64_t rejected = 0;   // duplicates included
-    std::uint64_t duplicates = 0; // of one another, or of what was there before
+    std::array<std::uint64_t, lineOutcomesCM> byOutcome{}; // the rejected ones; INSERTED stays 0
+    std::uint64_t rejected = 0;                            // all of these
+    std::uint64_t duplicates = 0;                          // of one another, or of what was there before
     // Records, duplicates among them, whose number field has no digit: normalising makes the country's own prefix of
     // such a field, and so they answer for all of the country.
     std::uint64_t withoutDigits = 0;

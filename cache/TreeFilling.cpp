@@ -27,6 +27,9 @@ void TreeFilling::insertBatch() {
     Duplicates const first = insertInto(firstM);
     Duplicates const second = secondM == nullptr ? Duplicates() : insertInto(*secondM);
     report(first, second);
+    for (RecordBatch::Fault const& fault : batchM.faults())
+        ++countsM.byOutcome[static_cast<std::size_t>(fault.what.outcome)];
+    countsM.byOutcome[static_cast<std::size_t>(LineOutcome::DUPLICATE)] += first.size();
     countsM.rejected += batchM.faults().size() + first.size();
     countsM.duplicates += first.size();
     // Last: the reports above count from the lines before this batch.

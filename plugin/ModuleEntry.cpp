@@ -37,6 +37,7 @@ using Numbers = std::span<BAS::String const>;
 using Instants = std::span<BAS::DateTime const>;
 using Records = std::span<NumberPortabilityData>;
 using Found = std::span<bool>;
+using Details = std::span<DAT::NumberPortability::LookUpDetail>;
 
 constexpr Operations operationsCM = {
     .create = [](BAS::String const& name) { return created(name, secondNameCM); },
@@ -48,6 +49,10 @@ constexpr Operations operationsCM = {
                      Found found) { return plugIn.search(numbers, instants, records, found); },
     .searchManyBy = [](PlugIn& plugIn, Numbers numbers, Instants instants, Records records, Found found,
                        unsigned int method) { return plugIn.search(numbers, instants, records, found, method); },
+    .describeMany = [](PlugIn& plugIn, Numbers numbers, Instants instants,
+                       Details details) { return plugIn.describeMany(numbers, instants, details); },
+    .describeManyBy = [](PlugIn& plugIn, Numbers numbers, Instants instants, Details details,
+                         unsigned int method) { return plugIn.describeMany(numbers, instants, details, method); },
     .normalize = [](PlugIn const& plugIn, BAS::String& number) { plugIn.normalize(number); },
     .print = [](PlugIn& plugIn, std::ostream& out, bool header) { plugIn.print(out, header); },
     .examine = [](PlugIn& plugIn, BAS::String const& file, DAT::NumberPortability::DataSummary& summary,

@@ -22,11 +22,11 @@
 
 namespace DAT::NumberPortability {
 
-constexpr std::uint32_t operationsVersionCM = 1;
+constexpr std::uint32_t operationsVersionCM = 2;
 
 // Of what crosses the border, by the table's functions or by the framework's virtual operations, in the order of their
 // names: a change of one is found even if the version was forgotten.
-constexpr std::array<std::uint32_t, 16> crossingSizesCM = {sizeof(BAS::DateTime),
+constexpr std::array<std::uint32_t, 17> crossingSizesCM = {sizeof(BAS::DateTime),
                                                            sizeof(BAS::InstrumentationProbeAttribute),
                                                            sizeof(BAS::InstrumentationProbeGroup),
                                                            sizeof(BAS::Message),
@@ -37,6 +37,7 @@ constexpr std::array<std::uint32_t, 16> crossingSizesCM = {sizeof(BAS::DateTime)
                                                            sizeof(DataSummary),
                                                            sizeof(FileLine),
                                                            sizeof(LoadProgress),
+                                                           sizeof(LookUpDetail),
                                                            sizeof(NumberPortabilityData),
                                                            sizeof(PLG::DataPlugIn),
                                                            sizeof(STR::FileVersion),
@@ -56,6 +57,10 @@ struct Operations {
                        std::span<NumberPortabilityData>, std::span<bool>);
     bool (*searchManyBy)(PlugIn&, std::span<BAS::String const>, std::span<BAS::DateTime const>,
                          std::span<NumberPortabilityData>, std::span<bool>, unsigned int method);
+    bool (*describeMany)(PlugIn&, std::span<BAS::String const>, std::span<BAS::DateTime const>,
+                         std::span<LookUpDetail>);
+    bool (*describeManyBy)(PlugIn&, std::span<BAS::String const>, std::span<BAS::DateTime const>,
+                           std::span<LookUpDetail>, unsigned int method);
     void (*normalize)(PlugIn const&, BAS::String&);
     void (*print)(PlugIn&, std::ostream&, bool header);
     bool (*examine)(PlugIn&, BAS::String const&, DataSummary&, RejectObserver const&, GoOn const&);

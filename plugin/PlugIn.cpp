@@ -147,6 +147,19 @@ bool PlugIn::search(std::span<BAS::String const> numbers, std::span<BAS::DateTim
            });
 }
 
+bool PlugIn::describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                          std::span<LookUpDetail> details) {
+    return describeMany(numbers, instants, details, searchMethodM);
+}
+
+bool PlugIn::describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                          std::span<LookUpDetail> details, unsigned int method) {
+    return cacheManagerM != nullptr && shielded([&] {
+               cacheManagerM->describeMany(numbers, instants, details, method);
+               return true;
+           });
+}
+
 void PlugIn::normalize(BAS::String& number) const {
     if (cacheManagerM != nullptr)
         cacheManagerM->normalize(number);

@@ -28,8 +28,8 @@
 //
 // Errors: nothing is thrown to the caller by a virtual operation, a load or the entry functions, which return null when
 // memory runs out. Failures are reported to the log; running out of memory is "ERR_OUT_OF_MEMORY", severity 5, and
-// leaves the data that were live. From search and explain std::bad_alloc travels, without a report: false and an empty
-// list mean that nothing is stored, and the caller, who has that memory to give, must be able to tell.
+// leaves the data that were live. From search, describeMany and explain std::bad_alloc travels, without a report: false
+// and an empty list mean that nothing is stored, and the caller, who has that memory to give, must be able to tell.
 //
 // Complexity: search as in NumberPortabilityTree.h, plus reading under the cache manager's lock.
 //
@@ -45,6 +45,7 @@
 #include "framework/PLG/DataPlugIn.h"
 #include "framework/STR/FileIoTurbo.h"
 #include "plugin/RequestGate.h"
+#include "store/LookUpDetail.h"
 #include "store/NumberPortabilityData.h"
 
 #include <atomic>
@@ -110,6 +111,13 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
                 std::span<NumberPortabilityData> records, std::span<bool> found);
     bool search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method);
+
+    // Many look-ups at once, with what there is to know around each: details[i] is filled in for numbers[i] at
+    // instants[i], all of it from the same data. Otherwise as the above; the three spans are of one length.
+    bool describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                      std::span<LookUpDetail> details);
+    bool describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                      std::span<LookUpDetail> details, unsigned int method);
 
     // Rewrites a number into stored form by the configured dialling codes.
     void normalize(BAS::String& number) const;

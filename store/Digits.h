@@ -111,6 +111,8 @@ class RemainingDigits {
     std::uint64_t bits() const { return bitsM; }
     // Four bits for each digit that goes.
     void dropBits(unsigned count) { bitsM <<= count; }
+    // How many digits there are, while the end mark is there.
+    unsigned length() const { return static_cast<unsigned>(63 - __builtin_ctzll(bitsM)) / 4; }
     // Whether the end mark has gone too: more was dropped than there was.
     bool isOver() const { return bitsM == 0; }
 

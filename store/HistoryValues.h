@@ -79,6 +79,18 @@ class HistoryValues {
         return true;
     }
 
+    // The same, and `next` tells when the next record after `at` begins; invalid when there is none.
+    bool search(Value value, BAS::DateTime const& at, NumberPortabilityData& out, BAS::DateTime& next) const {
+        if (!isRecord(value.wordM))
+            return isLong(value.wordM) ? longOf(value.wordM)->search(at, out, next)
+                                       : listOf(value.wordM)->search(at, out, next);
+        next = BAS::DateTime();
+        if (search(value, at, out))
+            return true;
+        next = validFromOf(value.wordM);
+        return false;
+    }
+
     std::uint32_t length(Value value) const;
     // Valid-from of the newest record of an ordered history; the very first instant for a history without any.
     BAS::DateTime newest(Value value) const {

@@ -1,8 +1,9 @@
-// PBC::Lanes<Layout>: the walks of some keys down a trie, all at once.
+// PBC::Lanes<Layout, measures>: the walks of some keys down a trie, all at once.
 //
 // Purpose: a walk waits for memory at every step. While the memory of one key's next node is under way, the other keys
 // take their steps. Whether a key goes on, and through a node of which kind, cannot be foretold, and a wrong guess of
 // the processor's costs more than a step, so there is no branch for either.
+// With `measures` it also notes how far down each node with a value lies, which costs a little at each step.
 // Units and ranges: up to mostCM keys of up to RemainingDigits::mostCM digits.
 // Ownership: borrows the layout and the shortcuts, which must not change meanwhile. Threads: one.
 // Errors: none; nothing is allocated. Complexity: a step for each node of each walk.
@@ -11,10 +12,12 @@
 #include "store/Shortcuts.h"
 
 #include <array>
+#include <cstdint>
+#include <type_traits>
 
 namespace PBC {
 
-template <class Layout>
+template <class Layout, bool measures = false>
 class Lanes {
   public:
     using Cursor = typename Layout::Cursor;
@@ -47,6 +50,8 @@ class Lanes {
                 RemainingDigits rest = restM[lane];
                 unsigned const metCount = metCountsM[lane];
                 metM[lane][metCount] = node;
+                if constexpr (measures)
+                    leftM.digits[lane][metCount] = rest.length();
                 metCountsM[lane] = metCount + (Layout::hasValue(node) ? 1 : 0);
                 unsigned const goes = layout.step(node, rest);
                 Layout::prefetch(node);
@@ -78,8 +83,25 @@ class Lanes {
         return startsM[lane] == Start::noneCM ? std::span<Value const>() : shortcutsM->above(startsM[lane]);
     }
 
+    // How many of the key's digits follow those that lead to each of the nodes, and how many lead to each of the values
+    // above.
+    std::span<std::uint32_t const> digitsLeft(unsigned lane) const requires measures {
+        return {leftM.digits[lane].data(), metCountsM[lane]};
+    }
+    std::span<std::uint32_t const> digitsAbove(unsigned lane) const {
+        return startsM[lane] == Start::noneCM ? std::span<std::uint32_t const>()
+                                              : shortcutsM->digitsAbove(startsM[lane]);
+    }
+
   private:
     using Start = typename Shortcuts<Layout>::Start;
+
+    template <class Element>
+    using ForEachMet = std::array<std::array<Element, RemainingDigits::mostCM + 1>, mostCM>; // the root's and a digit's
+    struct NoDigitsLeft {};
+    struct DigitsLeft {
+        ForEachMet<std::uint32_t> digits;
+    };
 
     void start(unsigned lane) {
         if (startsM[lane] != Start::noneCM)
@@ -94,7 +116,8 @@ class Lanes {
     std::array<RemainingDigits, mostCM> restM;
     std::array<typename Start::Index, mostCM> startsM;
     std::array<unsigned, mostCM> metCountsM;
-    std::array<std::array<Cursor, RemainingDigits::mostCM + 1>, mostCM> metM; // the root's and one for each digit
+    ForEachMet<Cursor> metM;
+    [[no_unique_address]] std::conditional_t<measures, DigitsLeft, NoDigitsLeft> leftM;
 };
 
 } // namespace PBC

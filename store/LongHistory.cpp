@@ -156,4 +156,17 @@ bool LongHistory::search(BAS::DateTime const& at, NumberPortabilityData& out) co
     return true;
 }
 
+bool LongHistory::search(BAS::DateTime const& at, NumberPortabilityData& out, BAS::DateTime& next) const {
+    std::uint32_t const found = runOf(at);
+    // The record before the one found, which may be the last of the run before.
+    next = found == 0 ? BAS::DateTime() : runsM[found - 1].records[runsM[found - 1].count - 1].validFromM;
+    if (found == runCountM)
+        return false;
+    NumberPortabilityData const* const record = firstStarted(runsM[found].records, runsM[found].count, at);
+    if (record != runsM[found].records)
+        next = record[-1].validFromM;
+    out = *record;
+    return true;
+}
+
 } // namespace DAT::NumberPortability

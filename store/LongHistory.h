@@ -38,6 +38,7 @@ class alignas(BlockPool::unitCM) LongHistory {
     bool insertAt(NumberPortabilityData const& record);
     void insert(NumberPortabilityData const& record);
     bool search(BAS::DateTime const& at, NumberPortabilityData& out) const;
+    bool search(BAS::DateTime const& at, NumberPortabilityData& out, BAS::DateTime& next) const;
     std::uint32_t length() const noexcept { return lengthM; }
     NumberPortabilityData const& newest() const { return runsM[0].records[0]; }
 

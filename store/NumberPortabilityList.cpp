@@ -57,6 +57,20 @@ bool NumberPortabilityList::search(BAS::DateTime const& at, NumberPortabilityDat
     return false;
 }
 
+bool NumberPortabilityList::search(BAS::DateTime const& at, NumberPortabilityData& out, BAS::DateTime& next) const {
+    std::uint32_t const length = recordsM.length();
+    next = BAS::DateTime();
+    for (std::uint32_t i = 0; i < length; ++i) {
+        NumberPortabilityData const& record = recordsM[i];
+        if (record.validFromM <= at) {
+            out = record;
+            return true;
+        }
+        next = record.validFromM;
+    }
+    return false;
+}
+
 void NumberPortabilityList::printTree(std::ostream& out, BAS::String const& number) const {
     std::string_view const label = withoutBlanks(number.view());
     std::uint32_t const length = recordsM.length();

@@ -40,6 +40,8 @@ class NumberPortabilityList {
 
     // Copies the newest record that has started by `at` into `out`; false, and `out` unchanged, when there is none.
     bool search(BAS::DateTime const& at, NumberPortabilityData& out) const;
+    // The same, and `next` tells when the next record after `at` begins; invalid when there is none.
+    bool search(BAS::DateTime const& at, NumberPortabilityData& out, BAS::DateTime& next) const;
 
     // One line a record, newest first: number, two blanks, valid-from as 14 digits, two blanks, network identifier,
     // each without surrounding blanks. These are lines of a data file.

@@ -1,5 +1,6 @@
 #include "store/NumberPortabilityTree.h"
 
+#include <algorithm>
 #include <ostream>
 #include <stdexcept>
 
@@ -72,6 +73,43 @@ void NumberPortabilityTree::search(std::span<BAS::String const> numbers, std::sp
     else
         for (std::size_t i = 0; i < numbers.size(); ++i)
             found[i] = search(numbers[i], instants[i], records[i], method);
+}
+
+// The longest key first. Whatever the method, the range is the best match of the shorter ones.
+template <class Prefixes>
+void NumberPortabilityTree::describe(std::size_t digits, Prefixes& prefixes, BAS::DateTime const& at,
+                                     unsigned int method, LookUpDetail& detail) const {
+    detail.prefixDigits = 0;
+    detail.rangeDigits = 0;
+    detail.nextChange = BAS::DateTime();
+    while (!prefixes.isEmpty()) {
+        Trie::Prefix const prefix = prefixes.pop();
+        bool const isRange = prefix.digits < digits && !detail.hasRange();
+        bool const isAsked = method == BEST_MATCH    ? !detail.found()
+                             : method == EXACT_MATCH ? prefix.digits == digits
+                                                     : prefixes.isEmpty();
+        if (isAsked) {
+            // A key that is asked in vain takes over when its first record begins, the one that is found gives way when
+            // its next does: the answer changes at the earliest of these.
+            BAS::DateTime next;
+            if (histories().search(prefix.value, at, detail.record, next))
+                detail.prefixDigits = static_cast<std::uint32_t>(prefix.digits);
+            detail.nextChange = std::min(detail.nextChange, next);
+        }
+        if (isRange && histories().search(prefix.value, at, detail.range))
+            detail.rangeDigits = static_cast<std::uint32_t>(prefix.digits);
+        if (detail.hasRange() && (method == EXACT_MATCH || (method == BEST_MATCH && detail.found())))
+            return;
+    }
+}
+
+void NumberPortabilityTree::describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                                         std::span<LookUpDetail> details, unsigned int method) const {
+    if (instants.size() != numbers.size() || details.size() != numbers.size())
+        throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
+    treeM.searchMeasured(numbers, [&](std::size_t i, std::size_t digits, auto& prefixes) {
+        describe(digits, prefixes, instants[i], method, details[i]);
+    });
 }
 
 void NumberPortabilityTree::clearAndDestroy() {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "store/HistoryValues.h"
+#include "store/LookUpDetail.h"
 #include "store/PackedLayout.h"
 #include "store/PtrTree.h"
 
@@ -70,6 +71,11 @@ class NumberPortabilityTree {
     // spans are of one length; another throws std::invalid_argument and nothing is looked up.
     void search(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                 std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) const;
+
+    // What there is to know around each of many look-ups: details[i] is filled in for numbers[i] at instants[i]. The three
+    // spans are of one length; another throws std::invalid_argument and nothing is looked up.
+    void describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                      std::span<LookUpDetail> details, unsigned int method) const;
 
     // Makes look-ups faster until the next change; to be called when a tree has been filled.
     void prepare() noexcept { treeM.makeShortcuts(bytes()); }
@@ -165,6 +171,9 @@ class NumberPortabilityTree {
     template <class Prefixes>
     bool searchAll(Prefixes& prefixes, BAS::DateTime const& at, NumberPortabilityData& out) const;
     bool searchBestMatch(BAS::String const& number, BAS::DateTime const& at, NumberPortabilityData& out) const;
+    template <class Prefixes>
+    void describe(std::size_t digits, Prefixes& prefixes, BAS::DateTime const& at, unsigned int method,
+                  LookUpDetail& detail) const;
 
     Trie treeM;
     std::uint32_t entriesM = 0;

@@ -94,6 +94,32 @@ class PtrTree {
         std::span<Value const> aboveM; // of nodes above those
     };
 
+    // A stored prefix of a key: its value, and how many digits it has.
+    struct Prefix {
+        Value value;
+        std::size_t digits;
+    };
+    // As Prefixes, with the digits of each.
+    class MeasuredPrefixes {
+      public:
+        bool isEmpty() const { return valuesM.isEmpty(); }
+        Prefix pop() {
+            std::size_t const digits = leftM.empty() ? Prefixes::taken(aboveM) : keyM - Prefixes::taken(leftM);
+            return {valuesM.pop(), digits};
+        }
+
+      private:
+        friend class PtrTree;
+        MeasuredPrefixes(Prefixes const& values, std::size_t key, std::span<std::uint32_t const> left,
+                         std::span<std::uint32_t const> above)
+            : valuesM(values), keyM(key), leftM(left), aboveM(above) {}
+
+        Prefixes valuesM;
+        std::size_t keyM;                      // its digits
+        std::span<std::uint32_t const> leftM;  // of the key's digits, below each node
+        std::span<std::uint32_t const> aboveM; // that lead to each node above those
+    };
+
     // Where the nodes along the latest key are, so that a key that begins like it starts where the two part: for keys
     // that come in order. Good for one trie, as long as all its changes are made through this path.
     class Path {
@@ -247,7 +273,14 @@ class PtrTree {
     template <class Found>
     void search(std::span<BAS::String const> keys, Found&& found) const {
         for (std::size_t begin = 0; begin < keys.size(); begin += lanesCM)
-            searchSome(keys.subspan(begin, std::min(lanesCM, keys.size() - begin)), begin, found);
+            searchSome<Lanes<Layout>>(keys.subspan(begin, std::min(lanesCM, keys.size() - begin)), begin, found);
+    }
+    // The same with the digits of each prefix: found(std::size_t i, std::size_t digits, auto& prefixes), with the count of
+    // the key's digits; prefixes.isEmpty(), and Prefix prefixes.pop(), the longest first.
+    template <class Found>
+    void searchMeasured(std::span<BAS::String const> keys, Found&& found) const {
+        for (std::size_t begin = 0; begin < keys.size(); begin += lanesCM)
+            searchSome<Lanes<Layout, true>>(keys.subspan(begin, std::min(lanesCM, keys.size() - begin)), begin, found);
     }
 
     // Calls visitor(BAS::String const& key, Value value) for every stored value but the root's, in lexicographic order of
@@ -331,9 +364,10 @@ class PtrTree {
         bool significantM = false;
     };
 
-    template <class Found>
+    template <class SomeLanes, class Found>
     void searchSome(std::span<BAS::String const> keys, std::size_t first, Found&& found) const {
-        Lanes<Layout> lanes(rootM, shortcutsM.get());
+        SomeLanes lanes(rootM, shortcutsM.get());
+        std::array<std::uint32_t, lanesCM> lengths; // asked for by those who measure
         auto const count = static_cast<unsigned>(keys.size());
         std::uint32_t tooLong = 0;
         static_assert(lanesCM <= 32);
@@ -343,22 +377,35 @@ class PtrTree {
             takeDigits(rest, digits);
             bool const fits = rest.empty() && digits.length() <= RemainingDigits::mostCM;
             tooLong |= (fits ? 0U : 1U) << i;
+            lengths[i] = digits.length();
             lanes.begin(i, fits ? digits : Digits());
         }
         lanes.walk();
         lanes.fetchValues(count);
         for (unsigned i = 0; i < count; ++i)
             if ((tooLong >> i & 1) != 0) {
-                searchLong(keys[i], first + i, found);
+                searchLong(lanes, keys[i], first + i, found);
             } else {
-                Prefixes prefixes(rootM, lanes.nodes(i), lanes.above(i));
-                found(first + i, prefixes);
+                present(lanes, i, lengths[i], first + i, found);
             }
+    }
+
+    template <class Found>
+    void present(Lanes<Layout> const& lanes, unsigned lane, std::uint32_t, std::size_t i, Found&& found) const {
+        Prefixes prefixes(rootM, lanes.nodes(lane), lanes.above(lane));
+        found(i, prefixes);
+    }
+    template <class Found>
+    void present(Lanes<Layout, true> const& lanes, unsigned lane, std::uint32_t digits, std::size_t i,
+                 Found&& found) const {
+        MeasuredPrefixes prefixes({rootM, lanes.nodes(lane), lanes.above(lane)}, digits, lanes.digitsLeft(lane),
+                                  lanes.digitsAbove(lane));
+        found(i, std::size_t{digits}, prefixes);
     }
 
     // A key too long for a lane.
     template <class Found>
-    void searchLong(BAS::String const& key, std::size_t i, Found&& found) const {
+    void searchLong(Lanes<Layout> const&, BAS::String const& key, std::size_t i, Found&& found) const {
         Walk walk(*this, key);
         std::vector<Cursor> nodes;
         do {
@@ -367,6 +414,15 @@ class PtrTree {
         } while (!walk.isAtEnd() && walk.descend());
         Prefixes prefixes(rootM, nodes, walk.above());
         found(i, prefixes);
+    }
+    template <class Found>
+    void searchLong(Lanes<Layout, true> const&, BAS::String const& key, std::size_t i, Found&& found) const {
+        RWTStack<Prefix, RWTValSlist<Prefix>> prefixes;
+        if (Value const value = rootM.value(rootM.root()))
+            prefixes.push({value, 0});
+        visitPrefixes(key, [&](std::size_t digits, Value value) { prefixes.push({value, digits}); });
+        auto const isDigit = [this](char character) { return slotOf(character) >= 0; };
+        found(i, static_cast<std::size_t>(std::count_if(key.view().begin(), key.view().end(), isDigit)), prefixes);
     }
 
     // As visit, with the key as a view that is valid during the call.

@@ -69,6 +69,12 @@ class Shortcuts {
         return {valuesM.data() + path.begin, path.count};
     }
 
+    // How many digits lead to each of those nodes.
+    std::span<std::uint32_t const> digitsAbove(typename Start::Index start) const {
+        Path const path = pathsM[waysM[start] & pathMask];
+        return {digitsOfValuesM.data() + path.begin, path.count};
+    }
+
     // All of it at once. False, and nothing changes, when the walk must begin at the root.
     bool begin(Digits& digits, Cursor& node, std::span<Value const>& above) const {
         auto const index = find(digits);
@@ -79,7 +85,9 @@ class Shortcuts {
         return true;
     }
 
-    std::size_t bytes() const { return tableM.size + pathsM.size() * sizeof(Path) + valuesM.size() * sizeof(Value); }
+    std::size_t bytes() const {
+        return tableM.size + pathsM.size() * sizeof(Path) + valuesM.size() * (sizeof(Value) + sizeof(std::uint32_t));
+    }
 
   private:
     using Copy = typename Layout::Copy;
@@ -88,6 +96,10 @@ class Shortcuts {
     using Way = std::uint16_t;
     struct Path {
         std::uint32_t begin, count; // in valuesM
+    };
+    struct Above {
+        Value value;
+        std::uint32_t digits; // that lead there
     };
     // On huge pages when it is large.
     struct Table {
@@ -131,7 +143,7 @@ class Shortcuts {
     Shortcuts(Layout const& layout, unsigned digits)
         : digitsM(digits), tableM(powerOfTen(digits) * entryBytes), nodesM(static_cast<Copy*>(tableM.memory)),
           waysM(reinterpret_cast<Way*>(nodesM + powerOfTen(digits))) {
-        std::vector<Value> above;
+        std::vector<Above> above;
         Cursor const node = afterCommon(layout, above);
         commonMaskM = commonM.empty() ? 0 : ~std::uint64_t{0} << (64 - 4 * commonM.length());
         leastLengthM = commonM.length() + digitsM;
@@ -139,7 +151,7 @@ class Shortcuts {
     }
 
     // Follows the digits that all keys begin with.
-    Cursor afterCommon(Layout const& layout, std::vector<Value>& above) {
+    Cursor afterCommon(Layout const& layout, std::vector<Above>& above) {
         Cursor node = layout.root();
         for (;;) {
             Cursor child{}, other{};
@@ -148,7 +160,7 @@ class Shortcuts {
                 !layout.wayDown(node, way.first() + 1, other).empty())
                 return node;
             if (Value const value = layout.value(node))
-                above.push_back(value);
+                above.push_back({value, commonM.length()});
             for (unsigned i = 0; i < way.length(); ++i)
                 commonM.append(way.at(i));
             node = child;
@@ -157,14 +169,14 @@ class Shortcuts {
 
     // The node serves all keys through it, until those through its children are overwritten by them. It recurses at most
     // digitsM deep.
-    void fill(Layout const& layout, Cursor node, unsigned taken, std::size_t index, std::vector<Value>& above,
+    void fill(Layout const& layout, Cursor node, unsigned taken, std::size_t index, std::vector<Above>& above,
               std::size_t path) {
         std::size_t const size = powerOfTen(digitsM - taken);
         std::fill_n(nodesM + index, size, Layout::copyOf(node));
         std::fill_n(waysM + index, size, static_cast<Way>(taken << takenShift | (path & pathMask)));
         Value const value = layout.value(node);
         if (value)
-            above.push_back(value);
+            above.push_back({value, commonM.length() + taken});
         bool isPathNew = static_cast<bool>(value); // added when a child in the table needs it
         Cursor child{};
         for (int slot = 0; slot < 10;) {
@@ -184,9 +196,12 @@ class Shortcuts {
             above.pop_back();
     }
 
-    std::size_t addPath(std::vector<Value> const& above) {
+    std::size_t addPath(std::vector<Above> const& above) {
         pathsM.push_back({static_cast<std::uint32_t>(valuesM.size()), static_cast<std::uint32_t>(above.size())});
-        valuesM.insert(valuesM.end(), above.begin(), above.end());
+        for (Above const& one : above) {
+            valuesM.push_back(one.value);
+            digitsOfValuesM.push_back(one.digits);
+        }
         return pathsM.size() - 1;
     }
 
@@ -199,6 +214,7 @@ class Shortcuts {
     Way* waysM;
     std::vector<Path> pathsM;
     std::vector<Value> valuesM;
+    std::vector<std::uint32_t> digitsOfValuesM; // apart from the values, which more is asked for
 };
 
 } // namespace PBC

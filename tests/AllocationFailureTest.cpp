@@ -313,9 +313,9 @@ class OutOfMappings : public OutOfMemory, public testing::WithParamInterface<Map
 INSTANTIATE_TEST_SUITE_P(Refusing, OutOfMappings, testing::Values(Mappings::ONE, Mappings::ALL_FROM_THEN_ON),
                          [](auto const& mode) { return mode.param == Mappings::ONE ? "One" : "AllFromThenOn"; });
 
-// Every call is refused in turn; where a sanitizer makes each try ten times as long, every third.
+// Every call is refused in turn; where a sanitizer makes each try ten times as long, every seventh.
 #ifdef NP_SANITIZED
-constexpr long stepCM = 3;
+constexpr long stepCM = 7;
 #else
 constexpr long stepCM = 1;
 #endif

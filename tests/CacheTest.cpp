@@ -237,9 +237,11 @@ class Filling : public Cache {
         LoadStop const stop;
         NumberPortabilityTree first, second;
         std::vector<unsigned long> told;
+        std::array<std::uint64_t, lineOutcomesCM> outcomes{};
         TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
-                            two ? &second : nullptr, [&](unsigned long number, LineOutcome, BAS::String const& line) {
+                            two ? &second : nullptr, [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
                                 told.push_back(number);
+                                ++outcomes[static_cast<std::size_t>(outcome)];
                                 EXPECT_EQ(line.str(), lines[number - 1]);
                             });
         for (std::string const& line : lines)
@@ -251,6 +253,7 @@ class Filling : public Cache {
         EXPECT_EQ(see(second).stored, two ? expected.stored : "");
         EXPECT_EQ(told, rejectedLines);
         EXPECT_EQ(filling.counts().rejected, told.size());
+        EXPECT_EQ(filling.counts().byOutcome, outcomes);
         EXPECT_EQ(filling.counts().duplicates, counts.duplicates);
         EXPECT_EQ(filling.counts().withoutDigits, counts.withoutDigits);
         EXPECT_EQ(filling.counts().firstWithoutDigits, counts.firstWithoutDigits);

@@ -2,6 +2,8 @@
 // with the product. The data lie beside the checkout where it is developed; elsewhere these tests are skipped.
 #include "tests/LoadedPlugIn.h"
 
+#include <algorithm>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -30,15 +32,21 @@ std::vector<Line> linesOf(std::string const& file) {
     return lines;
 }
 
-// Looks at every line: among those that are prefixes of the number and allowed by the method, the longest (best match)
-// or the shortest one's newest record that has started.
-std::string bruteForce(std::vector<Line> const& lines, std::string const& number, std::string const& instant,
+// Looks at every line for those that are prefixes of the number.
+std::vector<Line> prefixesOf(std::string const& number, std::vector<Line> const& lines) {
+    std::vector<Line> prefixes;
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(prefixes),
+                 [&](Line const& line) { return number.compare(0, line.digits.size(), line.digits) == 0; });
+    return prefixes;
+}
+
+// Among the prefixes that the method allows, the longest (best match) or the shortest one's newest record that has
+// started.
+std::string bruteForce(std::vector<Line> const& prefixes, std::string const& number, std::string const& instant,
                        unsigned method) {
     std::map<std::size_t, std::pair<std::string, std::string>> newest; // by key length: started records only
     std::size_t shortest = std::string::npos;
-    for (Line const& line : lines) {
-        if (number.compare(0, line.digits.size(), line.digits) != 0)
-            continue;
+    for (Line const& line : prefixes) {
         shortest = std::min(shortest, line.digits.size());
         auto& best = newest[line.digits.size()];
         if (line.validFrom <= instant && line.validFrom > best.first)
@@ -84,17 +92,19 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
     for (std::size_t i = 0; i < lines.size(); i += 1 + lines.size() / 300) {
         Line const& line = lines[i];
         for (std::string const& number :
-             {line.digits, line.digits + "1234", line.digits.substr(0, line.digits.size() - 1) + "7"})
+             {line.digits, line.digits + "1234", line.digits.substr(0, line.digits.size() - 1) + "7"}) {
+            std::vector<Line> const prefixes = prefixesOf(number, lines);
             for (std::string const& instant :
                  {line.validFrom, std::string("20150601120000"), std::string("20270101000000")})
                 for (unsigned const method : {0U, 1U, 2U}) {
                     DAT::NumberPortability::NumberPortabilityData out;
                     bool const answered = operationsM->searchBy(object(), BAS::String(number),
                                                                 BAS::DateTime(BAS::String(instant)), out, method);
-                    ASSERT_EQ(answered ? out.networkIdM.c_str() : "-", bruteForce(lines, number, instant, method))
+                    ASSERT_EQ(answered ? out.networkIdM.c_str() : "-", bruteForce(prefixes, number, instant, method))
                         << number << " at " << instant << " by " << method;
                     found += answered ? 1 : 0;
                 }
+        }
     }
     EXPECT_GT(found, 2000U);
 }

@@ -155,7 +155,7 @@ class Served {
           hostM(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration, false},
                 nphost::LogSettings{true, false, &targetM, &hubM}) {
         hostM.start();
-        noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), [this] { return now; });
+        noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), true, [this] { return now; });
     }
 
     void reload() {

@@ -3,6 +3,7 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/daemon/ClientModules.h"
+#include "host/http/HttpSettings.h"
 #include "host/module/GuardLimits.h"
 #include "host/module/HostSettings.h"
 #include "host/service/DeltaFolders.h"
@@ -11,13 +12,14 @@ namespace nphost {
 
 namespace {
 
-constexpr DeclareSection declarationsCM[] = {
-    HostSettings::declare,
-    DaemonFiles::declare,
-    GuardLimits::declare,
-    DeltaFolders::Settings::declare,
-    ChangeNotices::Settings::declare,
-    ClientModules::Settings::declare,
+constexpr SectionDeclaration declarationsCM[] = {
+    {"host", HostSettings::declare},
+    {"host", DaemonFiles::declare},
+    {"host", GuardLimits::declare},
+    {"host", DeltaFolders::Settings::declare},
+    {"host", ChangeNotices::Settings::declare},
+    {"host", ClientModules::Settings::declare},
+    {"http", HttpSettings::declare},
 };
 
 } // namespace

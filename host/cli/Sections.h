@@ -1,4 +1,4 @@
-// What may stand in [host] of the configuration file: the sections that the program's components declare.
+// What may stand in the configuration file: the sections that the program's components declare.
 //
 // Purpose: every command reads the whole file and refuses what no component knows, be it that of another command.
 // Threads: constant.

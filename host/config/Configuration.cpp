@@ -7,7 +7,6 @@ namespace nphost {
 
 namespace {
 
-constexpr char const* hostTableCM = "host";
 constexpr char const* fileNameCM = "FileName";
 
 // What the plug-in is told is what the file says, key by key: it looks keys up by name and has defaults of its own.
@@ -50,10 +49,9 @@ void Configuration::useDataFile(std::string const& file) {
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file, Sections sections) {
     Configuration configuration;
     Section top{std::string()};
-    Section& host = top.table(hostTableCM);
     // All are declared before the file is read: its tables come in an order of their own.
-    for (DeclareSection const declare : sections)
-        declare(host, configuration);
+    for (SectionDeclaration const& declaration : sections)
+        declaration.declare(top.table(declaration.table), configuration);
     // Its subtree is there when the file has the table, be it empty: without it, the plug-in reports that it lacks.
     top.key(plugInNameCM, [&configuration](ConfigurationValue const& value) {
         Section plugIn(plugInNameCM);

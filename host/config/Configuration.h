@@ -1,7 +1,7 @@
 // nphost::Configuration: what the configuration file says.
 //
-// Purpose: the file is TOML. The table [DAT_NumberPortability] becomes the plug-in's registry subtree, key by key; the
-// table [host] is the host's own and optional, as are its keys, each of which the component declares that it is for:
+// Purpose: the file is TOML. The table [DAT_NumberPortability] becomes the plug-in's registry subtree, key by key. The
+// other tables are the host's own and optional, as are their keys, each of which the component declares that it is for:
 //
 //     [DAT_NumberPortability]
 //     FileName = "portability.dat"          # the data file
@@ -13,6 +13,7 @@
 //
 //     [host]                                # DaemonFiles.h, module/HostSettings.h, service/DeltaFolders.h, daemon/...
 //     [host.guard]                          # module/GuardLimits.h
+//     [http]                                # http/HttpSettings.h
 //
 // Relative paths are taken from the configuration file's folder. Whether a key of the plug-in's is missing is the
 // plug-in's business, not checked here.
@@ -77,9 +78,12 @@ class Configuration {
     std::map<std::type_index, std::any> settingsM;
 };
 
-// Declares a component's keys in [host], or in tables of it.
-using DeclareSection = void (*)(Section& host, Configuration& configuration);
-using Sections = std::span<DeclareSection const>;
+// Declares a component's keys in a table at the top of the file, or in tables of it. Several may share a table.
+struct SectionDeclaration {
+    char const* table;
+    void (*declare)(Section& table, Configuration& configuration);
+};
+using Sections = std::span<SectionDeclaration const>;
 
 Configuration parseConfiguration(std::string_view text, std::filesystem::path const& file, Sections sections);
 // Also HostError when standard error is the configuration or the data file that it names: messages would go into it.

@@ -105,22 +105,29 @@ std::vector<std::filesystem::path> ConfigurationValue::modules() const {
     return list(&ConfigurationValue::module);
 }
 
-std::vector<std::filesystem::path> ConfigurationValue::list(Path (ConfigurationValue::*entry)() const) const {
+std::vector<std::string> ConfigurationValue::texts() const {
+    return list(&ConfigurationValue::text);
+}
+
+template <class Entry>
+std::vector<Entry> ConfigurationValue::list(Entry (ConfigurationValue::*entry)() const) const {
     if (!nodeM.is_array())
-        throw error(keyM.source(), "be a list: [\"FILE\", ...]");
-    std::vector<Path> paths;
+        throw error(keyM.source(),
+                    std::is_same_v<Entry, Path> ? "be a list: [\"FILE\", ...]" : "be a list: [\"TEXT\", ...]");
+    std::vector<Entry> entries;
     for (toml::node const& member : *nodeM.as_array()) {
         if (!member.is_string())
             throw errorAt(fileM, member.source(), "each of '" + shownKey() + "' must be a text in quotation marks");
         // An entry has no key of its own: messages name the list's.
-        paths.push_back((ConfigurationValue(fileM, keyM, member).*entry)());
+        entries.push_back((ConfigurationValue(fileM, keyM, member).*entry)());
     }
-    return paths;
+    return entries;
 }
 
 void ConfigurationValue::readInto(Section const& section) const {
     if (!nodeM.is_table())
         throw error(keyM.source(), "be a table: [" + shownKey() + "]");
+    section.notePresence();
     readKeys(section, *nodeM.as_table(), fileM);
 }
 

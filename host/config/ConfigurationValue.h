@@ -36,6 +36,10 @@ class ConfigurationValue {
     std::filesystem::path module() const;
     std::vector<std::filesystem::path> files() const;
     std::vector<std::filesystem::path> modules() const;
+    std::vector<std::string> texts() const;
+
+    // That relative names are taken from.
+    std::filesystem::path folder() const { return fileM.parent_path(); }
 
     // Gives each key of this table to whoever declared it in the section, and refuses one that nobody has.
     void readInto(Section const& section) const;
@@ -45,7 +49,8 @@ class ConfigurationValue {
 
     std::string shownKey() const;
     ConfigurationError error(toml::source_region const& where, std::string_view reason) const;
-    std::vector<Path> list(Path (ConfigurationValue::*entry)() const) const;
+    template <class Entry>
+    std::vector<Entry> list(Entry (ConfigurationValue::*entry)() const) const;
 
     Path const& fileM;
     toml::key const& keyM;

@@ -23,6 +23,10 @@ void Section::modules(char const* key, Paths& place) {
     this->key(key, [&place](ConfigurationValue const& value) { place = value.modules(); });
 }
 
+void Section::texts(char const* key, std::vector<std::string>& place) {
+    this->key(key, [&place](ConfigurationValue const& value) { place = value.texts(); });
+}
+
 void Section::flag(char const* key, bool& place) {
     this->key(key, [&place](ConfigurationValue const& value) { place = value.flag(); });
 }

@@ -6,6 +6,7 @@
 //   file, files        a text that names a file or folder, or a list of them; relative ones are taken from the
 //                      configuration's folder
 //   module, modules    the same, but a name without a slash stays one, for the system's own search
+//   texts              a list of texts
 //   flag               true or false
 //   number             a whole number, of which least and most are said
 //   percent            0 to 100 with at most three decimals, kept in thousandths
@@ -43,12 +44,20 @@ class Section {
     void module(char const* key, Path& place);
     void files(char const* key, std::optional<Paths>& place);
     void modules(char const* key, Paths& place);
+    void texts(char const* key, std::vector<std::string>& place);
     void flag(char const* key, bool& place);
     void number(char const* key, std::uint64_t least, std::uint64_t most, std::uint64_t& place);
     void number(char const* key, std::uint64_t least, std::uint64_t most, std::optional<std::uint64_t>& place);
     void percent(char const* key, std::optional<std::uint32_t>& place);
     // `take` says what becomes of the value.
     void key(char const* key, Take take);
+
+    // True when the file has the table, be it empty.
+    void present(bool& place) { presentM = &place; }
+    void notePresence() const {
+        if (presentM != nullptr)
+            *presentM = true;
+    }
 
     // A table in this one; the same one whoever asks for it.
     Section& table(std::string const& name);
@@ -64,6 +73,7 @@ class Section {
     };
 
     std::string nameM;
+    bool* presentM = nullptr;
     std::vector<Key> keysM;
     std::deque<Section> tablesM; // which are referred to
 };

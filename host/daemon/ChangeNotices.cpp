@@ -9,8 +9,9 @@
 
 namespace nphost {
 
-ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock)
-    : plugInM(plugIn), wakeUpM(wakeUp), clockM(std::move(clock)), dueM(clockM), threadM([this] { run(); }) {}
+ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces, DueChanges::Clock clock)
+    : plugInM(plugIn), wakeUpM(wakeUp), announcesM(announces), clockM(std::move(clock)), dueM(clockM),
+      threadM([this] { run(); }) {}
 
 // A search under way is waited for: it cannot be broken off, and uses the plug-in.
 ChangeNotices::~ChangeNotices() {
@@ -65,6 +66,8 @@ std::optional<int> ChangeNotices::patience() const {
 }
 
 void ChangeNotices::announce(DueChanges::Notice const& notice) {
+    if (!announcesM)
+        return;
     BAS::Message message("nphost", EventHandler::nameCM, "EVT::ASSIGNMENTS_IN_EFFECT",
                          BAS::String::convert(notice.changes.count));
     message.arguments().append(BAS::String(notice.changes.number));

@@ -1,8 +1,9 @@
 // nphost::ChangeNotices: tells the event handler, and so the log, when assignments take effect.
 //
-// Purpose: for the daemon with announceChanges. A thread of its own looks through the live data for what is to come
+// Purpose: for the daemon with announceChanges, or with metrics. A thread of its own looks through the live data for what is to come
 // next (UpcomingChanges.h), once after every load, whoever commanded it, and when the list is used up; the event loop
 // announces what is due as the event EVT::ASSIGNMENTS_IN_EFFECT: how many, number, network and instant of the first.
+// Where nothing is to be announced it only says what is next.
 // Ownership: borrows the plug-in and the loop's wake-up. Destruction waits for a search that is under way.
 // Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
 // it, as for a print. The one clock is that of the constructor, called by the loop's thread.
@@ -36,7 +37,8 @@ class ChangeNotices {
         }
     };
 
-    ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, DueChanges::Clock clock = BAS::DateTime::now);
+    ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces,
+                  DueChanges::Clock clock = BAS::DateTime::now);
     ChangeNotices(ChangeNotices const&) = delete;
     ChangeNotices& operator=(ChangeNotices const&) = delete;
     ~ChangeNotices();
@@ -46,6 +48,9 @@ class ChangeNotices {
     void step();
     // After how many milliseconds to call step() again, if nothing else wakes the loop; none: no need.
     std::optional<int> patience() const;
+    // When assignments take effect next; none when none are to come, and until that is known. After a load it is the
+    // old data's until the search has ended.
+    std::optional<BAS::DateTime> next() const { return dueM.next(); }
 
   private:
     struct Found {
@@ -66,6 +71,7 @@ class ChangeNotices {
     LoadedPlugIn& plugInM;
     WakeUp const& wakeUpM;
     BAS::RegisteredObject senderM; // has no name and needs none to send
+    bool const announcesM;
     DueChanges::Clock const clockM;
     DueChanges dueM;
     std::uint64_t loadsM = 0;               // that had ended when the latest search was asked for

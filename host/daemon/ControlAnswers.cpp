@@ -223,10 +223,11 @@ Json toJson(Standing const& standing) {
             {"program", NP_VERSION}};
 }
 
-Json answerLookup(Service& service, LookUpQuestion const& question) {
+Json answerLookup(Service& service, LookUpQuestion const& question, Metrics::Cell& cell) {
     Json answers = Json::array();
     AnswerSize size;
     service.lookUp(question, [&](BAS::String const& number, Explanation::Record const* record) {
+        cell.lookedUp(record != nullptr);
         // Measured as it is sent: a byte that is not UTF-8 becomes three.
         std::string shown = asUtf8(number.view());
         std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());

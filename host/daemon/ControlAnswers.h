@@ -17,7 +17,7 @@
 namespace nphost {
 
 nlohmann::json toJson(Standing const& standing);
-nlohmann::json answerLookup(Service& service, LookUpQuestion const& question);
+nlohmann::json answerLookup(Service& service, LookUpQuestion const& question, Metrics::Cell& cell);
 nlohmann::json toJson(Explained const& explained);
 nlohmann::json toJson(LoadLane::Job const& job);
 

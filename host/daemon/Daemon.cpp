@@ -8,6 +8,7 @@
 #include "host/log/OwnReport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -68,18 +69,18 @@ void checkVersion(Json const& request) {
 } // namespace
 
 Daemon::Daemon(Parts const& parts)
-    : partsM(parts), plugInM(parts.host.plugIn()),
+    : partsM(parts), plugInM(parts.host.plugIn()), cellM(parts.metrics, FrontKind::CONTROL),
       laneM(plugInM,
             {plugInM.serviceStatus().dataFileName.str(), parts.configuration, parts.logFile,
              parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
-            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.hub.wakeUp()),
+            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp()),
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
       signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
     // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
-    if (parts.announceChanges)
-        noticesM.emplace(plugInM, parts.hub.wakeUp());
+    if (parts.announceChanges || parts.watchChanges)
+        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges);
     if (parts.socket != nullptr)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
 }
@@ -89,8 +90,7 @@ void Daemon::run() {
     reportOwn("INF_HOST_READY", BAS::Status::NORMAL,
               {BAS::String(partsM.socket == nullptr ? "-" : partsM.socket->path().native())});
     partsM.notifier.ready(statusText());
-    if (noticesM)
-        noticesM->step();
+    announce();
     while (!partsM.signals.takeStop()) {
         step(); // signals may have come before
         loopM.turn(patience());
@@ -190,8 +190,10 @@ void Daemon::tellManager() {
 }
 
 void Daemon::announce() {
-    if (noticesM)
-        noticesM->step();
+    if (!noticesM)
+        return;
+    noticesM->step();
+    partsM.metrics.setNextChange(noticesM->next());
 }
 
 void Daemon::feedFollowers() {
@@ -230,25 +232,55 @@ std::string Daemon::statusText() {
     return text;
 }
 
+// What a load takes is counted with the loads: here it is the time until the request is answered or taken in.
 void Daemon::request(Client client, std::string_view line) {
+    auto const begin = std::chrono::steady_clock::now();
+    RequestOutcome const outcome = obey(client, line);
+    cellM.requestEnded(outcome, std::chrono::steady_clock::now() - begin);
+}
+
+RequestOutcome Daemon::obey(Client client, std::string_view line) {
+    auto const refuse = [&](std::string const& answer) {
+        serverM->send(client, answer);
+        return RequestOutcome::REFUSED;
+    };
     // The JSON library must not run out of memory while it frees a value (MemoryReserve.h): so nothing is parsed.
-    if (!reserveM.isWhole())
-        return serverM->send(client, outOfMemoryLineCM);
+    if (!reserveM.isWhole()) {
+        serverM->send(client, outOfMemoryLineCM);
+        return RequestOutcome::FAILED;
+    }
     try {
         // The parser has no recursion, so a line of brackets takes no stack; copies have (see update).
         Json const request = Json::parse(line);
         checkVersion(request);
         dispatch(client, request);
+        return RequestOutcome::ANSWERED;
     } catch (AnswerTooLong const& error) {
-        serverM->send(client, errorLine(error.what(), true));
+        return refuse(errorLine(error.what(), true));
     } catch (QuestionError const& error) {
-        serverM->send(client, errorLine(error.what()));
+        return refuse(errorLine(error.what()));
     } catch (Json::exception const& error) {
-        serverM->send(client, errorLine("the request cannot be understood: " + shortened(error.what())));
+        return refuse(errorLine("the request cannot be understood: " + shortened(error.what())));
     } catch (std::bad_alloc const&) {
         serverM->send(client, outOfMemoryLineCM);
     } catch (std::exception const& error) {
         serverM->send(client, errorLine(shortened(error.what())));
+    }
+    return RequestOutcome::FAILED;
+}
+
+void Daemon::noticed(LineServer::Event event) noexcept {
+    switch (event) {
+    case LineServer::Event::OPENED:
+        return cellM.connectionOpened();
+    case LineServer::Event::CLOSED:
+        return cellM.connectionClosed();
+    case LineServer::Event::TURNED_AWAY:
+        return cellM.connectionRefused(ConnectionRefusal::TOO_MANY);
+    case LineServer::Event::SLOW_REQUEST:
+        return cellM.connectionDropped(ConnectionDrop::SLOW_REQUEST);
+    case LineServer::Event::SLOW_READER:
+        return cellM.connectionDropped(ConnectionDrop::SLOW_READER);
     }
 }
 
@@ -279,7 +311,7 @@ void Daemon::lookup(Client client, Json const& request) {
     std::vector<std::string> numbers = numbersOf(request);
     LookUpQuestion const question = {std::move(numbers), instantOf(request), methodOf(request),
                                      valueOf(request, "normalise", false)};
-    serverM->send(client, lineOf(answerLookup(serviceM, question)));
+    serverM->send(client, lineOf(answerLookup(serviceM, question, cellM)));
 }
 
 void Daemon::explain(Client client, Json const& request) {

@@ -19,6 +19,7 @@
 #include "host/net/LineServer.h"
 #include "host/service/LoadGuard.h"
 #include "host/service/LoadLane.h"
+#include "host/service/Metrics.h"
 #include "host/service/ReportHub.h"
 #include "host/service/Service.h"
 
@@ -39,8 +40,10 @@ class Daemon : private LineServer::Handler {
         ServiceNotifier& notifier;
         LoadGuard& guard;
         DataFileState& dataFile;
+        Metrics& metrics;
         ListeningSocket* socket; // null: no control socket
         bool announceChanges = false;
+        bool watchChanges = false;          // the metrics are to tell when assignments take effect next
         std::filesystem::path logFile = {}; // empty: standard error
         std::vector<std::filesystem::path> deltaFolders = {};
     };
@@ -70,6 +73,8 @@ class Daemon : private LineServer::Handler {
     std::string statusText();
 
     void request(Client client, std::string_view line) override;
+    RequestOutcome obey(Client client, std::string_view line);
+    void noticed(LineServer::Event event) noexcept override;
     std::string refusal(std::string const& reason) override;
 
     // The commands of the control socket.
@@ -94,6 +99,7 @@ class Daemon : private LineServer::Handler {
 
     Parts partsM;
     LoadedPlugIn& plugInM;
+    Metrics::Cell cellM; // of the control socket
     MemoryReserve reserveM;
     LoadLane laneM;
     Service serviceM;

@@ -49,7 +49,7 @@ struct RunOptions {
 enum class FirstLoad { DONE, REFUSED, STOPPED };
 
 // When the guard refuses, standard error says why in one line.
-FirstLoad load(Host& host, LoadGuard& guard, bool force) {
+FirstLoad load(Host& host, LoadGuard& guard, Metrics& metrics, bool force) {
     LoadCheck check;
     {
         ProgressLine const progress(
@@ -68,15 +68,18 @@ FirstLoad load(Host& host, LoadGuard& guard, bool force) {
     // What the guard has checked it has bound: the load reads that version of the file, or fails.
     host.start();
     guard.ended();
+    DAT::NumberPortability::LoadOutcome const outcome = host.plugIn().serviceStatus().lastLoad;
+    metrics.loadEnded(LoadKind::FIRST_LOAD, LoadResult::SUCCEEDED, check.seconds + outcome.duration);
+    metrics.linesRejected(outcome.counts);
     return FirstLoad::DONE;
 }
 
 // The load has a thread of its own, so that a signal to stop ends it. What it throws travels, but after such a signal.
-FirstLoad loadUnlessStopped(Host& host, LoadGuard& guard, Signals& signals, bool force) {
+FirstLoad loadUnlessStopped(Host& host, LoadGuard& guard, Metrics& metrics, Signals& signals, bool force) {
     WakeUp const ended;
     auto loading = std::async(std::launch::async, [&] {
         std::unique_ptr<WakeUp const, void (*)(WakeUp const*)> const atEnd(&ended, [](auto* end) { end->wake(); });
-        return load(host, guard, force);
+        return load(host, guard, metrics, force);
     });
     if (!signals.awaitStop(ended))
         return loading.get();
@@ -116,13 +119,14 @@ int runDaemon(RunOptions const& options) {
     std::vector<std::filesystem::path> const clientFiles = configuration.of<ClientModules::Settings>().clients;
     // Before the host, whose log tells it of every report from the first one on.
     ReportHub hub;
+    Metrics metrics;
     GuardLimits const limits = configuration.of<GuardLimits>();
     Host host(std::move(configuration), options.common, LogSettings{true, options.jsonLog, &target, &hub});
     LoadGuard guard(limits, host.plugIn(), host.log());
     DataFileState dataFile(host.plugIn());
     // Before the load, which may find what a killed daemon left; who keeps deltas away is told at the start, too.
     dataFile.begin();
-    FirstLoad const loaded = loadUnlessStopped(host, guard, signals, options.force);
+    FirstLoad const loaded = loadUnlessStopped(host, guard, metrics, signals, options.force);
     if (loaded == FirstLoad::REFUSED)
         return REFUSED;
     // The manager is told as at any other stop; clients were not started, and the daemon was not.
@@ -133,8 +137,8 @@ int runDaemon(RunOptions const& options) {
     }
     // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
-    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile,
-            socket ? &*socket : nullptr, announceChanges, logFile, deltaFolders})
+    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics,
+            socket ? &*socket : nullptr, announceChanges, false, logFile, deltaFolders})
         .run();
     return FINE;
 }

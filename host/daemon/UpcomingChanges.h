@@ -70,6 +70,11 @@ class DueChanges {
     bool isDue() const;
     std::optional<std::uint64_t> secondsLeft() const;
 
+    // The next instant at which something takes effect.
+    std::optional<BAS::DateTime> next() const {
+        return groupsM.empty() ? std::nullopt : std::optional(groupsM.begin()->first);
+    }
+
     // What has taken effect and was not announced; `liveSince` is that of the data that are live now.
     std::optional<Notice> take(BAS::DateTime liveSince);
 

@@ -70,6 +70,16 @@ bool LoadedPlugIn::search(LoadedModule::Numbers numbers, LoadedModule::Instants 
     return operationsM.searchManyBy(*objectM, numbers, instants, records, found, method);
 }
 
+bool LoadedPlugIn::describe(LoadedModule::Numbers numbers, LoadedModule::Instants instants,
+                            LoadedModule::Details details) {
+    return operationsM.describeMany(*objectM, numbers, instants, details);
+}
+
+bool LoadedPlugIn::describe(LoadedModule::Numbers numbers, LoadedModule::Instants instants,
+                            LoadedModule::Details details, unsigned int method) {
+    return operationsM.describeManyBy(*objectM, numbers, instants, details, method);
+}
+
 void LoadedPlugIn::normalize(BAS::String& number) const {
     operationsM.normalize(*objectM, number);
 }

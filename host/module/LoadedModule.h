@@ -49,6 +49,7 @@ class LoadedModule {
     using Instants = std::span<BAS::DateTime const>;
     using Records = std::span<Record>;
     using Found = std::span<bool>;
+    using Details = std::span<DAT::NumberPortability::LookUpDetail>;
 
     std::filesystem::path fileM;
     SharedObject objectM;
@@ -73,6 +74,9 @@ class LoadedPlugIn {
                 LoadedModule::Found found);
     bool search(LoadedModule::Numbers numbers, LoadedModule::Instants instants, LoadedModule::Records records,
                 LoadedModule::Found found, unsigned int method);
+    bool describe(LoadedModule::Numbers numbers, LoadedModule::Instants instants, LoadedModule::Details details);
+    bool describe(LoadedModule::Numbers numbers, LoadedModule::Instants instants, LoadedModule::Details details,
+                  unsigned int method);
     void normalize(BAS::String& number) const;
     void print(std::ostream& out, bool header);
     bool examine(BAS::String const& file, LoadedModule::Summary& summary, LoadedModule::Observer const& onReject,

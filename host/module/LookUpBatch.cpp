@@ -19,6 +19,16 @@ void LookUpBatch::search(std::optional<unsigned int> method) {
     }
 }
 
+void LookUpBatch::describe(std::optional<unsigned int> method) {
+    detailsM.resize(numbersM.size());
+    try {
+        describeSome(0, countM, method);
+    } catch (std::bad_alloc const&) {
+        for (std::size_t i = 0; i < countM; ++i)
+            describeSome(i, 1, method);
+    }
+}
+
 void LookUpBatch::clear() {
     // Storage that a very long number needed is not kept for the next ones.
     for (std::size_t i = 0; holdsLongM && i < countM; ++i)
@@ -42,6 +52,16 @@ void LookUpBatch::searchTogether(std::optional<unsigned int> method) {
 bool LookUpBatch::searchOne(std::size_t i, std::optional<unsigned int> method) {
     return method ? plugInM.search(numbersM[i], instantsM[i], recordsM[i], *method)
                   : plugInM.search(numbersM[i], instantsM[i], recordsM[i]);
+}
+
+void LookUpBatch::describeSome(std::size_t begin, std::size_t count, std::optional<unsigned int> method) {
+    std::span const numbers = std::span(numbersM).subspan(begin, count);
+    std::span const instants = std::span(instantsM).subspan(begin, count);
+    std::span const details = std::span(detailsM).subspan(begin, count);
+    if (method)
+        plugInM.describe(numbers, instants, details, *method);
+    else
+        plugInM.describe(numbers, instants, details);
 }
 
 } // namespace nphost

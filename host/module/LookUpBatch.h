@@ -21,6 +21,7 @@ namespace nphost {
 class LookUpBatch {
   public:
     using Record = DAT::NumberPortability::NumberPortabilityData;
+    using Detail = DAT::NumberPortability::LookUpDetail;
 
     LookUpBatch(LoadedPlugIn& plugIn, std::size_t capacity);
 
@@ -36,18 +37,23 @@ class LookUpBatch {
     }
 
     void search(std::optional<unsigned int> method);
+    // The other way to make the look-ups: with what there is to know around them.
+    void describe(std::optional<unsigned int> method);
     void clear();
 
     BAS::String const& number(std::size_t i) const { return numbersM[i]; }
     BAS::DateTime instant(std::size_t i) const { return instantsM[i]; }
     // After search: null when no record holds.
     Record const* record(std::size_t i) const { return foundM[i] ? &recordsM[i] : nullptr; }
+    // After describe.
+    Detail const& detail(std::size_t i) const { return detailsM[i]; }
 
   private:
     static constexpr std::size_t longNumberCM = 1024; // the storage of longer ones is not kept
 
     void searchTogether(std::optional<unsigned int> method);
     bool searchOne(std::size_t i, std::optional<unsigned int> method);
+    void describeSome(std::size_t begin, std::size_t count, std::optional<unsigned int> method);
 
     LoadedPlugIn& plugInM;
     std::size_t countM = 0;
@@ -56,6 +62,7 @@ class LookUpBatch {
     std::vector<BAS::DateTime> instantsM;
     std::vector<Record> recordsM;
     std::unique_ptr<bool[]> foundM;
+    std::vector<Detail> detailsM; // of that length from the first describe on
 };
 
 } // namespace nphost

@@ -37,7 +37,11 @@ void LineServer::serve(std::vector<pollfd> const& polled) {
         }
     // Connections go here, and at the close, and nowhere else: a handler may call send for any client while the loop
     // above walks. They go before new ones are taken, which get their places.
-    std::erase_if(connectionsM, [](auto const& entry) { return entry.second.dropped; });
+    std::erase_if(connectionsM, [this](auto const& entry) {
+        if (entry.second.dropped)
+            handlerM.noticed(Event::CLOSED);
+        return entry.second.dropped;
+    });
     if (happenedTo(socketM.descriptor(), polled) != 0)
         acceptAll();
 }
@@ -77,9 +81,11 @@ void LineServer::take(FileDescriptor descriptor) {
     Connection& connection = connectionsM[nextM++];
     connection.descriptor = std::move(descriptor);
     connection.lastMove = nowM();
+    handlerM.noticed(Event::OPENED);
 }
 
 void LineServer::turnAway(FileDescriptor descriptor) {
+    handlerM.noticed(Event::TURNED_AWAY);
     std::string const line = handlerM.refusal("too many clients");
     // One try: a connection that is new has room for a line, and nobody is waited for.
     ::send(descriptor.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -159,6 +165,13 @@ void LineServer::refuse(Connection& connection, std::string const& reason) {
     connection.closing = true;
 }
 
+// Once: a connection goes only at the end of the turn.
+void LineServer::drop(Connection& connection, Event reason) {
+    if (!connection.dropped)
+        handlerM.noticed(reason);
+    connection.dropped = true;
+}
+
 void LineServer::write(Connection& connection) {
     while (unread(connection) > 0 && !connection.dropped) {
         ssize_t const count = ::send(connection.descriptor.get(), connection.output.data() + connection.written,
@@ -184,10 +197,12 @@ void LineServer::write(Connection& connection) {
 void LineServer::checkTime(Connection& connection, Clock::time_point now) {
     auto const still = now - connection.lastMove;
     if (unread(connection) > 0) {
-        connection.dropped = connection.dropped || still > limitsM.stallTime;
+        if (still > limitsM.stallTime)
+            drop(connection, Event::SLOW_READER);
     } else if (connection.awaited) {
         return; // it is this side that owes something
     } else if (!connection.input.empty() && still > limitsM.stallTime) {
+        handlerM.noticed(Event::SLOW_REQUEST);
         refuse(connection, "the request was not finished in time");
         write(connection);
     } else if (!connection.following && still > limitsM.idleTime) {
@@ -207,7 +222,7 @@ void LineServer::send(Client client, std::string_view line, bool more) noexcept 
     // Looked at before the line is added, so that a line of any length gets through to who reads. Answers are not
     // dropped for their length: pauseBytes bounds them.
     if (connection.following && unread(connection) > limitsM.mostUnreadBytes)
-        connection.dropped = true;
+        drop(connection, Event::SLOW_READER);
     try {
         if (!connection.dropped)
             connection.output += line;
@@ -217,8 +232,10 @@ void LineServer::send(Client client, std::string_view line, bool more) noexcept 
 }
 
 void LineServer::close() {
-    for (auto& [client, connection] : connectionsM)
+    for (auto& [client, connection] : connectionsM) {
         write(connection);
+        handlerM.noticed(Event::CLOSED);
+    }
     connectionsM.clear();
     // The socket's name stays until the plug-in is shut down, so that no second daemon starts on its data before.
 }

@@ -45,9 +45,13 @@ class LineServer : public EventLoop::Source {
         std::chrono::seconds idleTime{600};
     };
 
+    enum class Event { OPENED, CLOSED, TURNED_AWAY, SLOW_REQUEST, SLOW_READER }; // a slow one is closed besides
+
     class Handler {
       public:
         virtual ~Handler() = default;
+        // What happens to connections, for who counts it.
+        virtual void noticed(Event /*event*/) noexcept {}
         // One request, without its newline, valid during the call. The handler answers now or later, with one send,
         // and may send to other clients meanwhile; it must not close the server. What it throws closes the connection.
         virtual void request(Client client, std::string_view line) = 0;
@@ -101,6 +105,7 @@ class LineServer : public EventLoop::Source {
     bool isReady(Connection const& connection) const;
     void takeRequests(Client client, Connection& connection);
     void refuse(Connection& connection, std::string const& reason);
+    void drop(Connection& connection, Event reason);
     void write(Connection& connection);
     void checkTime(Connection& connection, Clock::time_point now);
     static std::size_t unread(Connection const& connection) { return connection.output.size() - connection.written; }

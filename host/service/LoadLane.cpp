@@ -106,9 +106,9 @@ char const* nameOf(LoadLane::Kind kind) {
 }
 
 LoadLane::LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, LoadGuard& guard,
-                   DataFileState& dataFile, WakeUp const& wakeUp)
+                   DataFileState& dataFile, Metrics& metrics, WakeUp const& wakeUp)
     : plugInM(plugIn), keptM(std::move(kept)), foldersM(std::move(folders)), guardM(guard), dataFileM(dataFile),
-      wakeUpM(wakeUp) {
+      metricsM(metrics), wakeUpM(wakeUp) {
     // In the body: the thread uses every member.
     threadM.start([this] { run(); });
 }
@@ -245,6 +245,21 @@ void LoadLane::perform(Job& job) noexcept {
     }
     guardM.ended();
     job.seconds = std::chrono::duration<double>(ReportHub::Clock::now() - begin).count();
+    measure(job);
+}
+
+// A check that a stop has cut short says nothing about the file.
+void LoadLane::measure(Job const& job) {
+    std::optional<LoadKind> const kind = loadOf(job.request);
+    if (!kind || job.check.stopped)
+        return;
+    if (job.check.guarded && !job.check.passed)
+        metricsM.guardRefused(*kind);
+    metricsM.loadEnded(*kind,
+                       !job.commanded  ? LoadResult::REFUSED
+                       : job.succeeded ? LoadResult::SUCCEEDED
+                                       : LoadResult::FAILED,
+                       job.seconds);
 }
 
 // The name was checked when the request came, but what it means may have changed while the request waited.
@@ -287,7 +302,15 @@ LoadCheck LoadLane::check(Request const& request) {
 
 // The plug-in counts a delta without its rewrite as loaded.
 void LoadLane::command(Job& job) {
-    job.succeeded = succeeds(job) && !(loadOf(job.request) == LoadKind::DELTA && plugInM.serviceStatus().unsaved);
+    std::uint64_t const loads = plugInM.serviceStatus().loads;
+    job.commanded = true;
+    job.succeeded = succeeds(job);
+    DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
+    if (loadOf(job.request) == LoadKind::DELTA && status.unsaved)
+        job.succeeded = false;
+    // Where the plug-in refused to load anything, the last load is still the one before.
+    if (status.loads != loads)
+        metricsM.linesRejected(status.lastLoad.counts);
     if (loadOf(job.request) == LoadKind::DELTA)
         count(job);
 }

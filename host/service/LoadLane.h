@@ -5,7 +5,7 @@
 // version; whether a delta may rewrite the data file), command, and so wait, release the file; then the job has its
 // outcome and the event loop is woken. Outcomes are what the plug-in's operations return. Reports are collected on the
 // lane's own thread, and only to be shown.
-// Ownership: borrows the plug-in, the guard, the state of the data file and the loop's wake-up. A job is made when its
+// Ownership: borrows the plug-in, the guard, the state of the data file, the metrics and the loop's wake-up. A job is made when its
 // request is accepted and moves as a whole from the queue to the finished ones, so memory that runs out meanwhile
 // cannot lose it.
 // Threads: push, takeFinished, stop and the questions by the loop's thread. The plug-in is commanded on the lane's,
@@ -22,6 +22,7 @@
 #include "host/service/DataFileState.h"
 #include "host/service/DeltaFolders.h"
 #include "host/service/LoadGuard.h"
+#include "host/service/Metrics.h"
 #include "host/service/ReportHub.h"
 
 #include <chrono>
@@ -55,11 +56,12 @@ class LoadLane {
     struct Job {
         Request request;
         bool succeeded = false;
-        bool result = false;  // of an update: what it returned,
-        bool handled = false; // and whether a key was a command
-        double seconds = 0;   // since its turn came
-        LoadCheck check;      // of a file that has not passed nothing was loaded
-        bool isDelta = false; // that was loaded: these many records were added, these many known already
+        bool commanded = false; // it was not refused before
+        bool result = false;    // of an update: what it returned,
+        bool handled = false;   // and whether a key was a command
+        double seconds = 0;     // since its turn came
+        LoadCheck check;        // of a file that has not passed nothing was loaded
+        bool isDelta = false;   // that was loaded: these many records were added, these many known already
         std::uint64_t added = 0;
         std::uint64_t known = 0;
         ReportCollector reports;
@@ -69,7 +71,7 @@ class LoadLane {
     // No listing may replace a kept file; the data file among them is what a reload loads. Deltas come from the
     // folders.
     LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, LoadGuard& guard, DataFileState& dataFile,
-             WakeUp const& wakeUp);
+             Metrics& metrics, WakeUp const& wakeUp);
     LoadLane(LoadLane const&) = delete;
     LoadLane& operator=(LoadLane const&) = delete;
     ~LoadLane() { stop(); }
@@ -107,12 +109,14 @@ class LoadLane {
     void command(Job& job);
     bool update(Job& job);
     void count(Job& job);
+    void measure(Job const& job);
 
     LoadedPlugIn& plugInM;
     KeptFiles const keptM;
     DeltaFolders const foldersM;
     LoadGuard& guardM;
     DataFileState& dataFileM;
+    Metrics& metricsM;
     WakeUp const& wakeUpM;
 
     mutable BAS::Mutex lockM;

@@ -34,13 +34,6 @@ void checkName(std::string const& file, std::string const& key) {
         throw QuestionError("'" + key + "' must be an absolute path");
 }
 
-void answerBatch(LookUpBatch& batch, std::optional<unsigned int> method, LookUpVisitor const& visit) {
-    batch.search(method);
-    for (std::size_t i = 0; i < batch.size(); ++i)
-        visit(batch.number(i), batch.record(i));
-    batch.clear();
-}
-
 } // namespace
 
 Standing Service::standing() {
@@ -57,16 +50,35 @@ Standing Service::standing() {
     return standing;
 }
 
-void Service::lookUp(LookUpQuestion const& question, LookUpVisitor const& visit) {
+template <class AnswerBatch>
+void Service::askInBatches(LookUpQuestion const& question, AnswerBatch&& answer) {
     // At least one place: without any the batch would be full before its first number.
     LookUpBatch batch(partsM.plugIn, std::clamp<std::size_t>(question.numbers.size(), 1, lookUpsAtOnceCM));
     for (std::string const& number : question.numbers) {
         batch.nextNumber() = stored(number, question.normalise);
         batch.add(question.at);
-        if (batch.isFull())
-            answerBatch(batch, question.method, visit);
+        if (batch.isFull()) {
+            answer(batch);
+            batch.clear();
+        }
     }
-    answerBatch(batch, question.method, visit);
+    answer(batch);
+}
+
+void Service::lookUp(LookUpQuestion const& question, LookUpVisitor const& visit) {
+    askInBatches(question, [&](LookUpBatch& batch) {
+        batch.search(question.method);
+        for (std::size_t i = 0; i < batch.size(); ++i)
+            visit(batch.number(i), batch.record(i));
+    });
+}
+
+void Service::describe(LookUpQuestion const& question, DescribeVisitor const& visit) {
+    askInBatches(question, [&](LookUpBatch& batch) {
+        batch.describe(question.method);
+        for (std::size_t i = 0; i < batch.size(); ++i)
+            visit({batch.number(i), batch.instant(i), batch.detail(i)});
+    });
 }
 
 Explained Service::explain(std::string_view number, BAS::DateTime at, bool normalise) {

@@ -1,0 +1,81 @@
+// nphost::Front: a network front as the daemon sees it, and what the daemon lends it.
+//
+// Purpose: a front answers questions over a network with the calls of host/service, beside the control socket. One that
+// needs libraries of its own is a shared object that is loaded only when it is configured (daemon/LoadedFront.h): it has
+// one exported C function, NumberPortabilityFront, which gives a table. Host and front are built together: the table
+// tells the version, and another one is refused.
+// Ownership: the daemon owns the front and outlives it; what FrontParts refers to outlives the front.
+// Threads: the daemon's loop calls; a front has threads of its own, and lets none of its requests hold the loop up.
+// Errors: making one throws HostError or std::exception, in one line; the other calls throw nothing.
+// Complexity: the calls return at once, but for stop.
+#pragma once
+
+#include "framework/BAS/String.h"
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace nphost {
+
+class Configuration;
+class DataClock;
+class Metrics;
+class Networks;
+class NumberForm;
+class Service;
+
+// Commands from the threads of fronts: a line of the control protocol (docs/operations.md), as `ctl` sends it.
+class CommandPost {
+  public:
+    // Called once, on the loop's thread, with the answer's line; never when the daemon stops before. It throws nothing.
+    using Answer = std::function<void(std::string line)>;
+
+    virtual ~CommandPost() = default;
+    // False when too many wait, or the daemon stops.
+    virtual bool post(std::string request, Answer answer) = 0;
+};
+
+// A socket that listens, passed by the service manager.
+struct PassedSocket {
+    int descriptor = -1;
+    std::string name; // FileDescriptorName=
+};
+
+struct FrontParts {
+    Configuration const& configuration;
+    std::vector<std::filesystem::path> const& deltaFolders; // where deltas may lie
+    Service& service;
+    NumberForm const& numbers;
+    Networks const& networks;
+    DataClock const& clock;
+    Metrics& metrics;
+    CommandPost& commands;
+    std::vector<PassedSocket> const& sockets; // of the front's name; they become its own
+    std::string version;                      // of the program
+};
+
+class Front {
+  public:
+    virtual ~Front() = default;
+    // What stands in files of its own (tokens, certificates) is read again; what is wrong is reported, and the old
+    // serves on.
+    virtual void reread() noexcept = 0;
+    // No further connections; requests under way are answered, and connections end with that.
+    virtual void beginStop() noexcept = 0;
+    // Returns when all connections have ended, which takes some seconds at the most.
+    virtual void stop() noexcept = 0;
+};
+
+struct FrontTable {
+    char const* version; // the program's
+    Front* (*make)(FrontParts const& parts);
+    void (*destroy)(Front* front);
+};
+
+// The exported function's name and type.
+constexpr char const* frontFunctionCM = "NumberPortabilityFront";
+using FrontFunction = FrontTable const*();
+
+} // namespace nphost
