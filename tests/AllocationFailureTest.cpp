@@ -224,8 +224,15 @@ TEST_F(OutOfMemory, LookingUpUsualNumbersAllocatesNothing) {
     EXPECT_STREQ(roomy.networkIdM.c_str(), "OLDER-THAN-OLD");
     EXPECT_FALSE(withAllocations(0, [&] { cache.search("0044171", earlier, out, 0); }));
     EXPECT_FALSE(out.validFromM.isValid()) << "unchanged when it could not be filled in";
-    for (unsigned const method : {0U, 1U, 2U})
+    LookUpDetail detail;
+    detail.record = detail.range = roomy;
+    for (unsigned const method : {0U, 1U, 2U}) {
         EXPECT_TRUE(withAllocations(0, [&] { EXPECT_EQ(cache.search(number, when, out, method), method != 1); }));
+        EXPECT_TRUE(withAllocations(0, [&] {
+            cache.describeMany({&number, 1}, {&when, 1}, {&detail, 1}, method);
+            EXPECT_TRUE(detail.hasRange());
+        }));
+    }
 }
 
 namespace {

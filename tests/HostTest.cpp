@@ -1,6 +1,7 @@
 // The program nphost as its users meet it, run as a process of its own; and the texts that it makes of
 // hostile bytes.
 #include "host/module/Host.h"
+#include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/ProgressLine.h"
 #include "host/base/Text.h"
@@ -8,6 +9,7 @@
 #include "host/config/Configuration.h"
 #include "host/daemon/ClientModules.h"
 #include "host/log/MessageCatalogue.h"
+#include "host/module/Explanation.h"
 #include "host/module/LookUpBatch.h"
 #include "host/records/ByteSource.h"
 #include "tests/LimitedMemory.h"
@@ -383,23 +385,108 @@ TEST(LookUpBatchTest, WhatIsNotLookedUpIsNotNotFound) {
     nphost::Host host(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration});
     host.start();
     nphost::LookUpBatch batch(host.plugIn(), 2);
+    batch.describe({}); // takes the memory for details
     for (char const* const number : {"00441", "00442"}) {
         batch.nextNumber() = number;
         batch.add(BAS::DateTime("20240101000000"));
     }
-    for (bool const once : {false, true}) {
-        bool searched = true;
+    auto const answers = [&](bool once, auto&& ask) {
+        bool answered = true;
         refusesOne = once;
         allowed = 0;
         try {
-            batch.search({});
+            ask();
         } catch (std::bad_alloc const&) {
-            searched = false;
+            answered = false;
         }
         EXPECT_EQ(std::exchange(allowed, -1) < 0, once) << "one was refused";
-        EXPECT_EQ(searched, once);
+        EXPECT_EQ(answered, once);
+        return answered;
+    };
+    for (bool const once : {false, true}) {
+        bool const searched = answers(once, [&] { batch.search({}); });
         EXPECT_TRUE(!searched || (batch.record(0) != nullptr && batch.record(1) != nullptr));
+        bool const described = answers(once, [&] { batch.describe({}); });
+        EXPECT_TRUE(!described || (batch.detail(0).found() && batch.detail(1).found()));
     }
+}
+
+namespace {
+
+using Detail = DAT::NumberPortability::LookUpDetail;
+
+// What the stored prefixes of a number, looked at one by one, say a look-up should tell.
+void expectDetail(Detail const& detail, nphost::Explanation::Prefixes const& prefixes, std::string const& number,
+                  BAS::DateTime at, unsigned int method) {
+    nphost::Explanation const explanation(prefixes, BAS::String(number));
+    auto const choice = explanation.choose(method, at);
+    ASSERT_EQ(detail.found(), choice.record != nullptr);
+    if (detail.found()) {
+        EXPECT_EQ(detail.prefixDigits, choice.prefix->key.length());
+        EXPECT_EQ(detail.record.validFromM, choice.record->validFromM);
+        EXPECT_EQ(detail.record.networkIdM, choice.record->networkIdM);
+    }
+    auto const change = explanation.nextChange(method, at);
+    EXPECT_EQ(detail.nextChange, change ? change->at : BAS::DateTime());
+    nphost::Explanation::Prefixes shorter = prefixes;
+    std::erase_if(shorter, [&](auto const& prefix) { return prefix.key.length() == number.length(); });
+    auto const range = nphost::Explanation(shorter, BAS::String(number)).choose(0, at);
+    ASSERT_EQ(detail.hasRange(), range.record != nullptr);
+    std::optional<bool> ported;
+    if (detail.hasRange()) {
+        EXPECT_EQ(detail.rangeDigits, range.prefix->key.length());
+        EXPECT_EQ(detail.range.validFromM, range.record->validFromM);
+        EXPECT_EQ(detail.range.networkIdM, range.record->networkIdM);
+        if (detail.found() && detail.prefixDigits >= detail.rangeDigits)
+            ported = detail.record.networkIdM.view() != range.record->networkIdM.view();
+    }
+    EXPECT_EQ(detail.ported(), ported);
+}
+
+} // namespace
+
+// Numbers and blocks within one another, with short and long networks and histories; more of them than share a lock, and
+// some too long for the walk of many at once.
+TEST(LookUpBatchTest, DescribesWhatTheStoredPrefixesSay) {
+    SeededRandom random;
+    auto const below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    auto const number = [&] {
+        std::string text = std::string("0044171234567890123456789").substr(0, 4 + below(20));
+        for (unsigned more = below(3); more > 0; --more)
+            text += static_cast<char>('0' + below(4));
+        return text;
+    };
+    auto const instant = [&] { return BAS::DateTime("20200101000000").seconds() + below(400); };
+    std::set<std::pair<std::string, std::uint64_t>> records;
+    while (records.size() < 1500)
+        records.emplace(number(), instant());
+    for (unsigned i = 0; i < 3000; ++i) // most of 400
+        records.emplace("0044171", instant());
+    std::string lines;
+    for (auto const& [key, validFrom] : records)
+        lines += key + " " + nphost::digitsOf(BAS::DateTime::fromSeconds(validFrom)) +
+                 (below(3) == 0 ? " A-LONG-NETWORK-" : " N") + std::to_string(below(3)) + "\n";
+    ConfiguredFolder const site(lines);
+    nphost::Host host(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration});
+    host.start();
+    nphost::LookUpBatch batch(host.plugIn(), 600);
+    std::map<std::string, int> seen; // that each kind of answer is there
+    for (std::optional<unsigned int> const method : {std::optional<unsigned int>(), {0U}, {1U}, {2U}, {3U}}) {
+        while (!batch.isFull()) {
+            batch.nextNumber() = number();
+            batch.add(BAS::DateTime::fromSeconds(instant()));
+        }
+        batch.describe(method);
+        for (std::size_t i = 0; i < batch.size() && !testing::Test::HasFailure(); ++i) {
+            SCOPED_TRACE(batch.number(i).str() + " by " + std::to_string(method.value_or(9)));
+            Detail const& detail = batch.detail(i);
+            expectDetail(detail, host.plugIn().explain(batch.number(i)), batch.number(i).str(), batch.instant(i),
+                         method.value_or(0));
+            ++seen[!detail.found() ? "nothing" : !detail.ported() ? "unknown" : *detail.ported() ? "ported" : "home"];
+        }
+        batch.clear();
+    }
+    EXPECT_EQ(seen.size(), 4U);
 }
 
 // Whoever started the program may have made its pipes non-blocking. Nothing is written before it waits, and nothing

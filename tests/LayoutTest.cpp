@@ -152,6 +152,8 @@ class Both {
         plainM.search(strings, [&](std::size_t i, Plain::Prefixes& found) {
             ASSERT_EQ(drained(found), prefixesOf(plainM, keys[i])) << keys[i];
         });
+        compareMeasured(plainM, strings);
+        compareMeasured(packedM, strings);
     }
 
     void compareWhole() const {
@@ -180,6 +182,23 @@ class Both {
     std::uint64_t nodes() const { return plainM.nodes() + packedM.nodes(); }
 
   private:
+    // Each prefix is found with the digits that lead to it.
+    template <class Trie>
+    void compareMeasured(Trie const& trie, std::vector<BAS::String> const& keys) const {
+        trie.searchMeasured(keys, [&](std::size_t i, std::size_t length, auto& found) {
+            std::string const digits = digitsOf(keys[i].str());
+            ASSERT_EQ(length, digits.size()) << keys[i];
+            std::vector<int> numbers;
+            while (!found.isEmpty()) {
+                auto const prefix = found.pop();
+                auto const stored = modelM.find(digits.substr(0, prefix.digits));
+                ASSERT_TRUE(stored != modelM.end() && stored->second == prefix.value->number) << keys[i];
+                numbers.push_back(stored->second);
+            }
+            ASSERT_EQ(numbers, prefixesOf(trie, keys[i].str())) << keys[i];
+        });
+    }
+
     Plain plainM;
     Packed packedM;
     std::map<std::string, int> modelM;
@@ -475,8 +494,11 @@ TEST(Layout, RefusesABatchOfUnequalSpans) {
     std::vector<BAS::DateTime> const instants(3);
     std::vector<NumberPortabilityData> records(2);
     bool found[2] = {};
+    std::vector<LookUpDetail> details(2);
     EXPECT_THROW(tree.search(numbers, instants, records, found, 0), std::invalid_argument);
+    EXPECT_THROW(tree.describeMany(numbers, instants, details, 0), std::invalid_argument);
     tree.search({}, {}, {}, {}, 0);
+    tree.describeMany({}, {}, {}, 0);
 }
 
 // More networks than a record's word can number: the rest of the records keep their texts themselves.
