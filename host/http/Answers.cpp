@@ -1,5 +1,6 @@
 #include "host/http/Answers.h"
 
+#include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
 #include "host/config/DiallingCodes.h"

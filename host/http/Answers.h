@@ -30,7 +30,7 @@ class AnswerWriter {
     void begin();
     // begin's: changes with the data, and with the table of networks.
     std::string const& version() const { return versionM; }
-    DAT::NumberPortability::ServiceStatus const& status() const { return statusM; }
+    std::string const& accessCode() const { return accessCodeM; }
 
     // Without a method it is the configured one. `id` is JSON, and goes with the answer if it is not empty.
     void json(std::string& out, NumberAnswer const& answer, std::optional<unsigned int> method, std::string_view id = {});

@@ -2,7 +2,8 @@
 //
 // Purpose: free of any transport, so that it is tested without one. A request without a body is answered at once; one
 // whose body matters gets a BodySink; one that commands the daemon becomes a line of the control protocol, whose answer
-// the server waits for and turns into a response (answered).
+// the server waits for and turns into a response (answered); what would hold up other requests is left to the server
+// as work.
 // Ownership: borrows all its parts.
 // Threads: one at a time; the server has one for each of its threads.
 // Errors: what is wrong with a request is its response; std::bad_alloc and std::system_error travel.
@@ -11,6 +12,7 @@
 
 #include "host/http/Request.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,13 +26,14 @@ class HttpShared;
 
 // What comes next for a request.
 struct Step {
-    enum Kind { ANSWER, BODY, COMMAND };
+    enum Kind { ANSWER, BODY, COMMAND, WORK };
 
     Kind kind = ANSWER;
     Response response;              // ANSWER
     std::unique_ptr<BodySink> sink; // BODY: takes it
     std::string command;            // COMMAND: a line of the control protocol
     std::shared_ptr<void> held;     // until the command's answer is there
+    std::function<Response()> work; // WORK: takes its time, and may be called by any thread
 
     char const* route = ""; // for the access log: the path without the number
     std::string client;     // the token's or certificate's name; empty: nobody in particular
@@ -63,6 +66,8 @@ class Api {
     ~Api();
 
     Step handle(Request const& request);
+    // Single look-ups that were made since the last call, for the counters.
+    BodySink::Counts takeCounts();
     // The answer's line of a command.
     static Response answered(std::string line);
 

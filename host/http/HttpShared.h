@@ -15,8 +15,8 @@ namespace nphost {
 
 class HttpShared {
   public:
-    HttpShared(HttpSettings settings, Digest digest, std::string startedAs)
-        : settingsM(std::move(settings)), digestM(digest), startedAsM(std::move(startedAs)) {
+    HttpShared(HttpSettings chosen, Digest function, std::string run)
+        : settingsM(std::move(chosen)), digestM(function), startedAsM(std::move(run)) {
         if (!settingsM.tokens.empty())
             tokensM = std::make_shared<Tokens const>(Tokens::read(settingsM.tokens));
         certificateScopesM = scopesOf(settingsM.clientScopes);

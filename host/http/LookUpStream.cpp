@@ -17,7 +17,7 @@ namespace nphost {
 static_assert(RecordReader::paddingCM >= simdjson::SIMDJSON_PADDING);
 
 struct LookUpStream::Library {
-    simdjson::ondemand::parser parser;
+    simdjson::dom::parser parser;
 };
 
 LookUpStream::LookUpStream(FrontParts const& parts, AnswerWriter& answers, Format format, Defaults const& defaults)
@@ -106,47 +106,140 @@ void LookUpStream::readLines(std::string_view text, std::string& out) {
     answer(out);
 }
 
-// A member that nobody knows may be a misspelt one, and the answer another than was meant.
-void LookUpStream::readJson(std::string_view line, std::size_t readable) {
-    namespace ondemand = simdjson::ondemand;
-    Question& question = nextQuestion(lineM);
+namespace {
+
+// The usual line is taken apart at once: texts of ASCII without escapes, a number for an id, and nothing that is
+// wrong. Of any other line nothing is said here: the library reads it.
+class QuickLine {
+  public:
     std::optional<std::string_view> number;
     std::optional<std::string_view> at;
     std::optional<std::string_view> method;
-    try {
-        ondemand::document document = libraryM->parser.iterate(line.data(), line.size(), readable);
-        for (ondemand::field field : document.get_object()) {
-            std::string_view const name = field.unescaped_key();
-            ondemand::value value = field.value();
-            std::optional<std::string_view>* const place =
-                name == "number" ? &number : (name == "at" ? &at : (name == "method" ? &method : nullptr));
-            if (place != nullptr) {
-                if (*place)
-                    throw QuestionError("'" + std::string(name) + "' comes twice");
-                if (place != &number && value.is_null())
-                    continue;
-                if (value.type() != ondemand::json_type::string)
-                    throw QuestionError("'" + std::string(name) + "' must be a text");
-                *place = value.get_string();
-            } else if (name == "id") {
-                question.id.clear();
-                // As it came, be it a text, a number or an object.
-                question.id = simdjson::to_json_string(value).value();
-            } else {
-                throw QuestionError("there is no member '" + shortened(name) +
-                                    "'; the members are number, at, method and id");
-            }
+    std::string_view id;
+
+    bool read(std::string_view line) {
+        nextM = line.data();
+        endM = line.data() + line.size();
+        if (!skip('{'))
+            return false;
+        do {
+            std::string_view name;
+            if (!text(name) || !skip(':') || !member(name))
+                return false;
+        } while (skip(','));
+        return skip('}') && atEnd() && number;
+    }
+
+  private:
+    bool member(std::string_view name) {
+        if (name == "number")
+            return !number && text(number.emplace());
+        if (name == "at")
+            return !at && text(at.emplace());
+        if (name == "id")
+            return id.empty() && identifier();
+        return name == "method" && !method && text(method.emplace());
+    }
+
+    void blanks() {
+        while (nextM != endM && (*nextM == ' ' || *nextM == '\t'))
+            ++nextM;
+    }
+    bool skip(char c) {
+        blanks();
+        if (nextM == endM || *nextM != c)
+            return false;
+        ++nextM;
+        return true;
+    }
+    bool atEnd() {
+        blanks();
+        return nextM == endM;
+    }
+    bool text(std::string_view& out) {
+        if (!skip('"'))
+            return false;
+        char const* const begin = nextM;
+        while (nextM != endM && *nextM != '"') {
+            if (*nextM == '\\' || *nextM < ' ') // not ASCII, too: char is signed
+                return false;
+            ++nextM;
         }
-        if (!document.at_end())
-            throw QuestionError("something follows the object");
-        if (!number)
-            throw QuestionError("the member 'number' is missing");
-        ask(*number, at, method);
-    } catch (simdjson::simdjson_error const&) {
-        question.error = "the line is no JSON object";
+        out = std::string_view(begin, static_cast<std::size_t>(nextM - begin));
+        return skip('"');
+    }
+    // A text, or a whole number of few digits without a sign.
+    bool identifier() {
+        constexpr std::size_t mostDigits = 18;
+        blanks();
+        char const* const begin = nextM;
+        if (nextM != endM && *nextM == '"') {
+            std::string_view ignored;
+            if (!text(ignored))
+                return false;
+        } else {
+            while (nextM != endM && isDigit(*nextM))
+                ++nextM;
+        }
+        id = std::string_view(begin, static_cast<std::size_t>(nextM - begin));
+        bool const isText = id.starts_with('"');
+        return !id.empty() && (isText || (id.size() <= mostDigits && (id.size() == 1 || id.front() != '0')));
+    }
+
+    char const* nextM = nullptr;
+    char const* endM = nullptr;
+};
+
+} // namespace
+
+void LookUpStream::readJson(std::string_view line, std::size_t readable) {
+    Question& question = nextQuestion(lineM);
+    QuickLine quick;
+    try {
+        if (quick.read(line)) {
+            question.id = quick.id;
+            return ask(*quick.number, quick.at, quick.method);
+        }
+        readAnyJson(line, readable, question);
     } catch (QuestionError const& error) {
         question.error = error.what();
     }
+}
+
+// A member that nobody knows may be a misspelt one, and the answer another than was meant.
+void LookUpStream::readAnyJson(std::string_view line, std::size_t readable, Question& question) {
+    if (readable < line.size() + simdjson::SIMDJSON_PADDING)
+        throw QuestionError("the line is no JSON object");
+    simdjson::dom::object object;
+    if (libraryM->parser.parse(line.data(), line.size(), false).get(object) != simdjson::SUCCESS)
+        throw QuestionError("the line is no JSON object");
+    std::array<std::optional<std::string_view>, 3> texts;
+    constexpr std::array<std::string_view, 3> names = {"number", "at", "method"};
+    bool hasId = false;
+    for (simdjson::dom::key_value_pair const field : object) {
+        if (field.key == "id") {
+            if (std::exchange(hasId, true))
+                throw QuestionError("'id' comes twice");
+            question.id = simdjson::minify(field.value);
+            continue;
+        }
+        auto const* const name = std::find(names.begin(), names.end(), field.key);
+        if (name == names.end())
+            throw QuestionError("there is no member '" + shortened(field.key) +
+                                "'; the members are number, at, method and id");
+        std::optional<std::string_view>& place = texts[static_cast<std::size_t>(name - names.begin())];
+        if (place)
+            throw QuestionError("'" + std::string(*name) + "' comes twice");
+        if (name != names.begin() && field.value.is_null()) // as one that is not there
+            continue;
+        std::string_view text;
+        if (field.value.get(text) != simdjson::SUCCESS)
+            throw QuestionError("'" + std::string(*name) + "' must be a text");
+        place = text;
+    }
+    if (!texts[0])
+        throw QuestionError("the member 'number' is missing");
+    ask(*texts[0], texts[1], texts[2]);
 }
 
 bool LookUpStream::readCsvHead(Record const& record, std::string& out) {

@@ -59,6 +59,7 @@ class LookUpStream : public BodySink {
 
     void readLines(std::string_view text, std::string& out);
     void readJson(std::string_view line, std::size_t readable);
+    void readAnyJson(std::string_view line, std::size_t readable, Question& question);
     void readCsv(Record const& record);
     bool readCsvHead(Record const& record, std::string& out);
     void ask(std::string_view number, std::optional<std::string_view> at, std::optional<std::string_view> method);

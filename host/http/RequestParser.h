@@ -85,19 +85,19 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
   private:
     enum Kept { AUTHORIZATION, CONTENT_TYPE, ACCEPT, IF_NONE_MATCH, ORIGIN, PREFLIGHT, keptCM };
 
-    static Refusal refusalOf(Error const& error) {
+    static Refusal refusalOf(Error const& wrong) {
         using boost::beast::http::error;
-        if (error == error::header_limit)
+        if (wrong == error::header_limit)
             return {431, "the header is longer than 8 KiB"};
-        if (error == error::body_limit)
+        if (wrong == error::body_limit)
             return {413, "the body is longer than this request may have"};
-        if (error == error::bad_version)
+        if (wrong == error::bad_version)
             return {505, "the version is not HTTP/1.0 or HTTP/1.1"};
-        if (error == error::bad_transfer_encoding)
+        if (wrong == error::bad_transfer_encoding)
             return {400, "Transfer-Encoding comes twice or beside Content-Length"};
-        if (error == error::bad_content_length || error == error::multiple_content_length)
+        if (wrong == error::bad_content_length || wrong == error::multiple_content_length)
             return {400, "Content-Length is no number, comes twice or beside Transfer-Encoding"};
-        if (error == error::bad_chunk || error == error::bad_chunk_extension)
+        if (wrong == error::bad_chunk || wrong == error::bad_chunk_extension)
             return {400, "a chunk of the body is malformed"};
         return {400, "the request is malformed"};
     }

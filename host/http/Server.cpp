@@ -30,9 +30,12 @@
 #include <boost/asio/write.hpp>
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <future>
 #include <list>
 #include <map>
@@ -75,6 +78,13 @@ constexpr std::size_t leftoverBytesCM = 16UL * 1024;   // that may wait for the 
 constexpr std::size_t discardedBodyCM = 64UL * 1024;   // of a body that nobody wants
 constexpr std::size_t keptBytesCM = 4096;              // of storage, of an idle connection
 constexpr unsigned int mostThreadsCM = 4;              // by default
+
+// Signals are the daemon's loop's.
+void blockSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
 
 Sha256 sha256(std::string_view text) {
     Sha256 digest;
@@ -147,12 +157,69 @@ class Connection {
 
 using Connections = std::list<std::shared_ptr<Connection>>;
 
+// Does what takes its time, one piece of work after the other, on a thread of its own.
+class Librarian {
+  public:
+    Librarian() : threadM([this] { run(); }) {}
+    Librarian(Librarian const&) = delete;
+    Librarian& operator=(Librarian const&) = delete;
+    ~Librarian() {
+        {
+            BAS::MutexGuard const guard(lockM);
+            stopM = true;
+            waitingM.clear();
+        }
+        changedM.notify_one();
+        threadM.join();
+    }
+
+    // False when too much is waiting.
+    bool post(std::function<void()> work) {
+        BAS::MutexGuard const guard(lockM);
+        if (stopM || waitingM.size() >= mostWaitingCM)
+            return false;
+        waitingM.push_back(std::move(work));
+        changedM.notify_one();
+        return true;
+    }
+
+  private:
+    static constexpr std::size_t mostWaitingCM = 16;
+
+    void run() {
+        blockSignals();
+        for (;;) {
+            std::function<void()> work;
+            {
+                BAS::MutexGuard const guard(lockM);
+                while (waitingM.empty() && !stopM)
+                    changedM.wait(lockM);
+                if (stopM)
+                    return;
+                work = std::move(waitingM.front());
+                waitingM.pop_front();
+            }
+            try {
+                work();
+            } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): its client's time runs out
+            }
+        }
+    }
+
+    BAS::Mutex lockM;
+    std::condition_variable_any changedM;
+    std::list<std::function<void()>> waitingM NP_GUARDED_BY(lockM);
+    bool stopM NP_GUARDED_BY(lockM) = false;
+    std::thread threadM; // last: it uses all else
+};
+
 // The parts that all workers share.
 struct Common {
     FrontParts parts; // references
     HttpShared shared;
     ConnectionLimits limits;
     AccessLog accessLog;
+    Librarian librarian;
     BAS::Mutex tlsLock;
     std::shared_ptr<asio::ssl::context> tls NP_GUARDED_BY(tlsLock);
 
@@ -474,6 +541,8 @@ class SocketConnection : public Connection,
         request.hasCertificate = hasCertificateM;
         isHeadM = request.method == "HEAD";
         stepM = workerM.api().handle(request);
+        BodySink::Counts const counts = workerM.api().takeCounts();
+        workerM.counts().lookedUp(counts.found, counts.notFound);
         if (stepM.kind != Step::BODY)
             return bodyUnwanted();
         parserM->limitBody(stepM.sink->mostBytes());
@@ -591,34 +660,60 @@ class SocketConnection : public Connection,
         }
         if (stepM.kind == Step::COMMAND)
             return command();
+        if (stepM.kind == Step::WORK)
+            return work();
         respond(stepM.response);
     }
 
-    // --- commands: the daemon's loop answers when it is done ---
+    // --- what others do: the answer comes later, and is dropped when nobody waits for it any more ---
 
-    void command() {
+    auto deliverer() {
         phase(Phase::COMMAND, commandTimeCM);
         commandedM = true;
-        std::uint64_t const turn = ++turnM;
-        auto const deliver = [weak = this->weak_from_this(), &context = workerM.context(), turn,
-                              held = stepM.held](std::string line) {
-            // The loop's thread only hands it over.
-            asio::post(context, [weak, turn, held, line = std::move(line)]() mutable {
+        return [weak = this->weak_from_this(), &context = workerM.context(), turn = ++turnM,
+                held = stepM.held](std::function<Response()> make) {
+            // Whoever has the answer only hands it over.
+            asio::post(context, [weak, turn, held, make = std::move(make)] {
                 auto const self = weak.lock();
                 if (!self || self->turnM != turn || !self->commandedM)
                     return;
                 self->commandedM = false;
-                self->answer(Api::answered(std::move(line)));
+                self->answer(make());
                 if (self->writingM) // then whoever ends that goes on
                     return;
                 self->processInput();
                 self->afterProcessing();
             });
         };
-        if (workerM.common().parts.commands.post(stepM.command, deliver))
-            return;
+    }
+
+    void refuseCommand() {
         commandedM = false;
-        answer(problem(503, "too many commands are waiting, or the daemon stops"));
+        answer(problem(503, "too many requests of this kind are waiting, or the daemon stops"));
+    }
+
+    void command() {
+        auto const taken = workerM.common().parts.commands.post(
+            stepM.command, [deliver = deliverer()](std::string line) {
+                deliver([line = std::move(line)] { return Api::answered(line); });
+            });
+        if (!taken)
+            refuseCommand();
+    }
+
+    void work() {
+        auto const taken = workerM.common().librarian.post(
+            [deliver = deliverer(), work = std::move(stepM.work)] {
+                Response response;
+                try {
+                    response = work();
+                } catch (std::exception const& error) {
+                    response = problem(503, error.what());
+                }
+                deliver([response = std::move(response)] { return response; });
+            });
+        if (!taken)
+            refuseCommand();
     }
 
     void answer(Response const& response) {
@@ -843,9 +938,7 @@ Worker::Worker(Common& common, std::vector<std::pair<int, bool>> const& listener
 
 // What memory does not suffice for ends its connection at the most, never the thread.
 void Worker::run() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    blockSignals();
     for (;;) {
         try {
             contextM.run();
@@ -1010,15 +1103,15 @@ std::shared_ptr<Tls> makeTls(HttpSettings const& settings) {
     SSL_CTX_set_options(tls->native_handle(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_mode(tls->native_handle(), SSL_MODE_RELEASE_BUFFERS);
     error_code error;
-    if (tls->use_certificate_chain_file(settings.certificate.native(), error))
+    if (tls->use_certificate_chain_file(settings.certificate.native(), error); error)
         failTls(settings.certificate, error);
-    if (tls->use_private_key_file(settings.key.native(), Tls::pem, error))
+    if (tls->use_private_key_file(settings.key.native(), Tls::pem, error); error)
         failTls(settings.key, error);
     if (SSL_CTX_check_private_key(tls->native_handle()) != 1)
         throw HostError("[http] the key " + visible(settings.key.native()) + " is not the certificate's");
     SSL_CTX_set_alpn_select_cb(tls->native_handle(), chooseProtocol, nullptr);
     if (!settings.clientAuthorities.empty()) {
-        if (tls->load_verify_file(settings.clientAuthorities.native(), error))
+        if (tls->load_verify_file(settings.clientAuthorities.native(), error); error)
             failTls(settings.clientAuthorities, error);
         if (STACK_OF(X509_NAME)* const names = SSL_load_client_CA_file(settings.clientAuthorities.c_str()))
             SSL_CTX_set_client_CA_list(tls->native_handle(), names);
@@ -1128,6 +1221,7 @@ class HttpFront : public Front {
                                    parts.configuration.of<HttpSettings>().maxConnectionsPerAddress),
                   AccessLog(parts.configuration.of<HttpSettings>().accessLog,
                             parts.configuration.of<HttpSettings>().logNumbers),
+                  {},
                   {},
                   {}} {
         checkSettings();

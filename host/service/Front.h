@@ -10,7 +10,7 @@
 // Complexity: the calls return at once, but for stop.
 #pragma once
 
-#include "framework/BAS/String.h"
+#include "host/base/PassedSockets.h"
 
 #include <filesystem>
 #include <functional>
@@ -36,12 +36,6 @@ class CommandPost {
     virtual ~CommandPost() = default;
     // False when too many wait, or the daemon stops.
     virtual bool post(std::string request, Answer answer) = 0;
-};
-
-// A socket that listens, passed by the service manager.
-struct PassedSocket {
-    int descriptor = -1;
-    std::string name; // FileDescriptorName=
 };
 
 struct FrontParts {
