@@ -53,7 +53,8 @@ std::set<std::string> familiesOf(std::string const& text) {
     }
     std::set<std::string> families;
     for (auto const& [family, type] : types) {
-        std::string row = family + "|" + type + "|";
+        std::string row = family;
+        row.append("|").append(type).append("|");
         for (std::string const& label : labels[family])
             row += label == "le" ? "" : label + " ";
         families.insert(row);

@@ -7,6 +7,7 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ClientModules.h"
 #include "host/daemon/Daemon.h"
+#include "host/http/HttpSettings.h"
 #include "host/log/OwnReport.h"
 #include "host/module/Host.h"
 #include "host/records/SameFile.h"
@@ -112,6 +113,7 @@ int runDaemon(RunOptions const& options) {
     if (std::filesystem::path const path = configuration.of<DaemonFiles>().socket; !path.empty())
         socket.emplace(path);
     bool const announceChanges = configuration.of<ChangeNotices::Settings>().announceChanges;
+    bool const watchChanges = configuration.of<HttpSettings>().isOn; // which tells of them
     std::filesystem::path const dataFolder = std::filesystem::path(configuration.dataFile()).parent_path();
     auto const deltaFolders = configuration.of<DeltaFolders::Settings>().deltaFolders.value_or(std::vector{dataFolder});
     notifier.status("loading");
@@ -138,7 +140,7 @@ int runDaemon(RunOptions const& options) {
     // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
     Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics,
-            socket ? &*socket : nullptr, announceChanges, false, logFile, deltaFolders})
+            socket ? &*socket : nullptr, announceChanges, watchChanges, logFile, deltaFolders})
         .run();
     return FINE;
 }

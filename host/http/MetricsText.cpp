@@ -32,7 +32,7 @@ class Exposition {
         char const* before = "{";
         for (auto const& [label, text] : labels)
             append({std::exchange(before, ","), label, "=\"", text, "\""});
-        append({labels.size() > 0 ? "} " : " "});
+        textM += labels.size() > 0 ? "} " : " ";
         append(value);
         textM += '\n';
         return *this;
