@@ -150,12 +150,13 @@ namespace {
 // A plug-in that serves, with notices by a clock of the test's, which begins long after the load.
 class Served {
   public:
-    explicit Served(ConfiguredFolder const& site)
+    explicit Served(ConfiguredFolder const& site, bool announces = true)
         : targetM(site.folder.file("log")),
           hostM(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration, false},
                 nphost::LogSettings{true, false, &targetM, &hubM}) {
         hostM.start();
-        noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), true, [this] { return now; });
+        noticesM =
+            std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), announces, [this] { return now; });
     }
 
     void reload() {
@@ -184,6 +185,8 @@ class Served {
                 notices.push_back(report.arguments);
         return notices;
     }
+
+    std::optional<BAS::DateTime> next() const { return noticesM->next(); }
 
     BAS::DateTime now = second(BAS::DateTime::now().seconds() + 100000);
 
@@ -221,6 +224,16 @@ TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
     auto const after = [&](std::uint64_t seconds) { return second(begin.seconds() + seconds); };
     site.folder.write("data.dat", "0172 " + digitsOf(after(11)) + " B\n0171 " + digitsOf(after(11)) + " A\n0173 " +
                                       digitsOf(after(31)) + " C\n");
+    {
+        Served silent(site, false);
+        silent.now = begin;
+        ASSERT_TRUE(silent.hasListIn(10000));
+        EXPECT_EQ(silent.next(), after(11));
+        EXPECT_EQ(silent.noticesAt(after(11)), Notices());
+        EXPECT_EQ(silent.next(), after(31));
+        EXPECT_EQ(silent.noticesAt(after(31)), Notices());
+        EXPECT_EQ(silent.next(), std::nullopt);
+    }
     Served served(site);
     served.now = begin;
     ASSERT_TRUE(served.hasListIn(10000));
