@@ -85,10 +85,9 @@ Daemon::Daemon(Parts const& parts)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
     // It answers at once, but for commands, which wait for the loop.
     if (!parts.httpFront.empty())
-        httpM.emplace(parts.httpFront,
-                      FrontParts{parts.host.configuration(), partsM.deltaFolders, serviceM, plugInM,
-                                 parts.host.numbers(), parts.networks, parts.clock, parts.metrics, postedM,
-                                 partsM.httpSockets, NP_VERSION});
+        httpM.emplace(parts.httpFront, FrontParts{parts.host.configuration(), partsM.deltaFolders, serviceM, plugInM,
+                                                  parts.host.numbers(), parts.networks, parts.clock, parts.metrics,
+                                                  postedM, partsM.httpSockets, NP_VERSION});
 }
 
 // The manager hears READY only when the loop is about to turn: from then on signals and clients are served.
@@ -119,8 +118,8 @@ void Daemon::step() {
     reloadWantedM = partsM.signals.takeReload() || reloadWantedM;
     // Those who tell come after those who do: the manager and the followers hear in the same turn what jobs have
     // become.
-    for (auto const part : {&Daemon::reloadBySignal, &Daemon::serveFronts, &Daemon::finishJobs, &Daemon::tellManager, &Daemon::announce,
-                            &Daemon::feedFollowers})
+    for (auto const part : {&Daemon::reloadBySignal, &Daemon::serveFronts, &Daemon::finishJobs, &Daemon::tellManager,
+                            &Daemon::announce, &Daemon::feedFollowers})
         attempt(part);
 }
 

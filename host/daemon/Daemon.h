@@ -52,8 +52,8 @@ class Daemon : private LineServer::Handler {
         bool watchChanges = false;          // the metrics are to tell when assignments take effect next
         std::filesystem::path logFile = {}; // empty: standard error
         std::vector<std::filesystem::path> deltaFolders = {};
-        std::filesystem::path httpFront = {};            // the shared object; empty: there is no such front
-        std::vector<PassedSocket> httpSockets = {};      // that the service manager passed for it
+        std::filesystem::path httpFront = {};       // the shared object; empty: there is no such front
+        std::vector<PassedSocket> httpSockets = {}; // that the service manager passed for it
     };
 
     explicit Daemon(Parts const& parts);
@@ -128,7 +128,7 @@ class Daemon : private LineServer::Handler {
     bool reloadWantedM = false;                 // a signal's reload is not in the lane yet
     bool reloadingM = false;                    // the service manager waits for the end of a reload
     bool statusDueM = false;                    // the service manager is to be told anew
-    std::optional<LoadedFront> httpM; // the last to come, the first to go
+    std::optional<LoadedFront> httpM;           // the last to come, the first to go
     bool shortM = false;                        // memory did not suffice for all that this turn of the loop had to do
 };
 

@@ -13,8 +13,8 @@ FrontTable const& tableOf(SharedObject const& object, std::filesystem::path cons
         throw HostError(visible(file.native()) + " is no front of nphost");
     FrontTable const& table = *function();
     if (version != table.version)
-        throw HostError(visible(file.native()) + " is of version " + visible(table.version) + ", and nphost of version " +
-                        version);
+        throw HostError(visible(file.native()) + " is of version " + visible(table.version) +
+                        ", and nphost of version " + version);
     return table;
 }
 

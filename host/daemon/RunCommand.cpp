@@ -157,8 +157,8 @@ int runDaemon(RunOptions const& options) {
     }
     // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
-    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics,
-            networks, clock, socket ? &*socket : nullptr, announceChanges, watchChanges, logFile, deltaFolders,
+    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics, networks,
+            clock, socket ? &*socket : nullptr, announceChanges, watchChanges, logFile, deltaFolders,
             http.isOn ? frontOf(http, host) : std::filesystem::path(), passed})
         .run();
     return FINE;

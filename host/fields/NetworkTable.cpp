@@ -97,7 +97,8 @@ void take(Network& network, toml::key const& name, toml::node const& node, std::
 Network networkOf(toml::key const& id, toml::node const& node, std::filesystem::path const& file) {
     auto const* const table = node.as_table();
     if (table == nullptr)
-        throw errorAt(file, id.source(), "'" + shortened(id.str()) + "' must be a table: [" + shortened(id.str()) + "]");
+        throw errorAt(file, id.source(),
+                      "'" + shortened(id.str()) + "' must be a table: [" + shortened(id.str()) + "]");
     if (id.str().empty())
         throw errorAt(file, id.source(), "a network must have an identifier");
     Network network;
@@ -107,9 +108,11 @@ Network networkOf(toml::key const& id, toml::node const& node, std::filesystem::
     bool const isLocal = !network.routingNumber.empty() && network.routingNumber.front() != '+';
     if (isLocal == network.routingContext.empty())
         throw errorAt(file, id.source(),
-                      isLocal ? "[" + shortened(network.id) + "] needs 'routingContext': its 'routingNumber' has no plus"
-                              : "[" + shortened(network.id) + "] has a 'routingContext', which only a 'routingNumber' "
-                                                              "without a plus has");
+                      isLocal
+                          ? "[" + shortened(network.id) + "] needs 'routingContext': its 'routingNumber' has no plus"
+                          : "[" + shortened(network.id) +
+                                "] has a 'routingContext', which only a 'routingNumber' "
+                                "without a plus has");
     return network;
 }
 
@@ -130,8 +133,9 @@ NetworkTable NetworkTable::parse(std::string_view text, std::filesystem::path co
 }
 
 Network const* NetworkTable::find(std::string_view id) const {
-    auto const found = std::lower_bound(networksM.begin(), networksM.end(), id,
-                                        [](Network const& network, std::string_view text) { return network.id < text; });
+    auto const found =
+        std::lower_bound(networksM.begin(), networksM.end(), id,
+                         [](Network const& network, std::string_view text) { return network.id < text; });
     return found != networksM.end() && found->id == id ? &*found : nullptr;
 }
 

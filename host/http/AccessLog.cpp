@@ -1,9 +1,9 @@
 #include "host/http/AccessLog.h"
 
+#include "framework/BAS/DateTime.h"
 #include "host/base/HostError.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
-#include "framework/BAS/DateTime.h"
 #include "host/log/LogReport.h"
 
 #include <cerrno>
@@ -40,8 +40,8 @@ FileDescriptor AccessLog::open() const {
     constexpr mode_t mode = 0640;
     FileDescriptor made(::open(fileM.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, mode));
     if (!made)
-        throw HostError("the access log " + visible(fileM.native()) + " cannot be opened: " +
-                        std::system_category().message(errno));
+        throw HostError("the access log " + visible(fileM.native()) +
+                        " cannot be opened: " + std::system_category().message(errno));
     return made;
 }
 

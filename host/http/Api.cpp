@@ -539,21 +539,21 @@ class Api::Impl {
 
     static PageSetting pageSetting(FrontParts const& parts, std::string const& accessCode, Standing const& standing) {
         return PageSetting{parts.clock.now(),
-                            BAS::DateTime::now(),
-                            parts.clock.zone(),
-                            [&parts](BAS::DateTime at) {
-                                std::string text;
-                                parts.clock.appendIso(text, at);
-                                return text;
-                            },
-                            [table = parts.networks.current()](std::string_view id) {
-                                PageNetwork network;
-                                if (Network const* const known = table ? table->find(id) : nullptr)
-                                    network = {known->name, known->mcc, known->mnc, known->routingNumber, known->text};
-                                return network;
-                            },
-                            accessCode,
-                            standing};
+                           BAS::DateTime::now(),
+                           parts.clock.zone(),
+                           [&parts](BAS::DateTime at) {
+                               std::string text;
+                               parts.clock.appendIso(text, at);
+                               return text;
+                           },
+                           [table = parts.networks.current()](std::string_view id) {
+                               PageNetwork network;
+                               if (Network const* const known = table ? table->find(id) : nullptr)
+                                   network = {known->name, known->mcc, known->mnc, known->routingNumber, known->text};
+                               return network;
+                           },
+                           accessCode,
+                           standing};
     }
 
     Step page(Request const& /*request*/) {
@@ -574,8 +574,8 @@ class Api::Impl {
         try {
             std::string const at = pageInstant(question.at);
             BAS::String stored;
-            bool const isStored = partsM.numbers.beginsAsStored(written) &&
-                                  std::all_of(written.begin(), written.end(), isDigit);
+            bool const isStored =
+                partsM.numbers.beginsAsStored(written) && std::all_of(written.begin(), written.end(), isDigit);
             readAskedNumber(written, !isStored, partsM.numbers, stored);
             Explained const explained = partsM.service.explain(
                 stored.view(), at.empty() ? setting.now : readAskedInstant(at, partsM.clock), false);
@@ -601,7 +601,8 @@ class Api::Impl {
         }
         Step step;
         step.kind = Step::WORK;
-        step.work = [&parts = partsM, accessCode = answersM.accessCode(), part = std::move(part), asked = std::move(asked), fault]() mutable {
+        step.work = [&parts = partsM, accessCode = answersM.accessCode(), part = std::move(part),
+                     asked = std::move(asked), fault]() mutable {
             Standing const standing = parts.service.standing();
             if (fault.empty()) {
                 UpcomingEntries found = upcoming(parts.plugIn, asked);
@@ -640,21 +641,21 @@ class Api::Impl {
 
 std::span<Api::Impl::Route const> Api::Impl::routes() {
     static constexpr Route all[] = {
-    {"/v1/lookup", "POST", lookupScopeCM, &Impl::lookup},
-    {"/v1/networks", "GET, HEAD", lookupScopeCM, &Impl::networks},
-    {"/v1/upcoming", "GET, HEAD", lookupScopeCM, &Impl::upcomingRecords},
-    {"/v1/status", "GET, HEAD", lookupScopeCM, &Impl::status},
-    {"/v1/reload", "POST", adminScopeCM, &Impl::reload},
-    {"/v1/delta", "POST", adminScopeCM, &Impl::delta},
-    {"/metrics", "GET, HEAD", metricsScopeCM, &Impl::metrics},
-    {"/livez", "GET, HEAD", 0, &Impl::live},
-    {"/readyz", "GET, HEAD", 0, &Impl::ready},
-    {"/openapi.json", "GET, HEAD", 0, &Impl::openApi},
-    {"/", "GET, HEAD", lookupScopeCM, &Impl::page},
-    {"/upcoming", "GET, HEAD", lookupScopeCM, &Impl::upcomingView},
-    {"/style.css", "GET, HEAD", 0, &Impl::style},
-    {"/app.js", "GET, HEAD", 0, &Impl::script},
-};
+        {"/v1/lookup", "POST", lookupScopeCM, &Impl::lookup},
+        {"/v1/networks", "GET, HEAD", lookupScopeCM, &Impl::networks},
+        {"/v1/upcoming", "GET, HEAD", lookupScopeCM, &Impl::upcomingRecords},
+        {"/v1/status", "GET, HEAD", lookupScopeCM, &Impl::status},
+        {"/v1/reload", "POST", adminScopeCM, &Impl::reload},
+        {"/v1/delta", "POST", adminScopeCM, &Impl::delta},
+        {"/metrics", "GET, HEAD", metricsScopeCM, &Impl::metrics},
+        {"/livez", "GET, HEAD", 0, &Impl::live},
+        {"/readyz", "GET, HEAD", 0, &Impl::ready},
+        {"/openapi.json", "GET, HEAD", 0, &Impl::openApi},
+        {"/", "GET, HEAD", lookupScopeCM, &Impl::page},
+        {"/upcoming", "GET, HEAD", lookupScopeCM, &Impl::upcomingView},
+        {"/style.css", "GET, HEAD", 0, &Impl::style},
+        {"/app.js", "GET, HEAD", 0, &Impl::script},
+    };
     return all;
 }
 

@@ -46,7 +46,8 @@ bool DeltaSink::take(std::string_view piece, std::string& /*out*/) {
 Step DeltaSink::end(std::string& /*out*/) {
     Step step;
     if (errorM != 0) {
-        step.response = problem(503, "the records cannot be written to a file: " + std::system_category().message(errorM));
+        step.response =
+            problem(503, "the records cannot be written to a file: " + std::system_category().message(errorM));
     } else if (bytesM == 0) {
         step.response = problem(400, "the body has no records");
     } else {

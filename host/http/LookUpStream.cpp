@@ -22,8 +22,7 @@ struct LookUpStream::Library {
 
 LookUpStream::LookUpStream(FrontParts const& parts, AnswerWriter& answers, Format format, Defaults const& defaults)
     : partsM(parts), answersM(answers), formatM(format), defaultsM(defaults),
-      libraryM(format == Format::NDJSON ? std::make_unique<Library>() : nullptr),
-      questionsM(batchCM) {}
+      libraryM(format == Format::NDJSON ? std::make_unique<Library>() : nullptr), questionsM(batchCM) {}
 
 LookUpStream::~LookUpStream() = default;
 

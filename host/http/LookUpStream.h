@@ -10,8 +10,8 @@
 // Threads: one. Errors: std::bad_alloc. Complexity: a look-up a line, many at once.
 #pragma once
 
-#include "host/http/Answers.h"
 #include "host/fields/Numbers.h"
+#include "host/http/Answers.h"
 #include "host/http/Api.h"
 #include "host/module/LookUpBatch.h"
 #include "host/records/Record.h"
@@ -74,7 +74,7 @@ class LookUpStream : public BodySink {
     Defaults const defaultsM;
     std::unique_ptr<Library> libraryM;
     std::unique_ptr<RecordReader> csvM;
-    std::vector<Column> columnsM; // as the header names them
+    std::vector<Column> columnsM;                                           // as the header names them
     std::array<std::unique_ptr<LookUpBatch>, searchMethodsCM + 1> batchesM; // a method each; the last: as configured
     std::vector<Question> questionsM;
     std::size_t askedM = 0;

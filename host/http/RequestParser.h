@@ -102,9 +102,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
         return {400, "the request is malformed"};
     }
 
-    std::string_view at(Kept field) const {
-        return {textsM.data() + keptM[field].begin, keptM[field].length};
-    }
+    std::string_view at(Kept field) const { return {textsM.data() + keptM[field].begin, keptM[field].length}; }
 
     void refuse(unsigned int status, char const* detail, Error& error) {
         refusalM = {status, detail};

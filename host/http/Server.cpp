@@ -73,11 +73,11 @@ constexpr seconds commandTimeCM{600}; // beyond it the client hears no more of a
 constexpr seconds graceCM{5};         // for requests under way when the daemon stops
 constexpr std::size_t bodyBlockCM = 1024;
 constexpr std::size_t readBytesCM = 64UL * 1024;
-constexpr std::size_t outputBytesCM = 128UL * 1024;    // beyond which nothing more is answered before it is written
-constexpr std::size_t leftoverBytesCM = 16UL * 1024;   // that may wait for the rest of an element
-constexpr std::size_t discardedBodyCM = 64UL * 1024;   // of a body that nobody wants
-constexpr std::size_t keptBytesCM = 4096;              // of storage, of an idle connection
-constexpr unsigned int mostThreadsCM = 4;              // by default
+constexpr std::size_t outputBytesCM = 128UL * 1024;  // beyond which nothing more is answered before it is written
+constexpr std::size_t leftoverBytesCM = 16UL * 1024; // that may wait for the rest of an element
+constexpr std::size_t discardedBodyCM = 64UL * 1024; // of a body that nobody wants
+constexpr std::size_t keptBytesCM = 4096;            // of storage, of an idle connection
+constexpr unsigned int mostThreadsCM = 4;            // by default
 
 // Signals are the daemon's loop's.
 void blockSignals() {
@@ -312,14 +312,15 @@ class SocketConnection : public Connection,
         tlsM = std::move(tls);
         if constexpr (encryptedCM) {
             phase(Phase::HANDSHAKE, headerTimeCM);
-            socketM.async_handshake(asio::ssl::stream_base::server, [self = this->shared_from_this()](error_code error) {
-                if (error) {
-                    self->workerM.counts().connectionRefused(ConnectionRefusal::HANDSHAKE);
-                    return self->close();
-                }
-                self->noteCertificate();
-                self->awaitInput(Phase::IDLE);
-            });
+            socketM.async_handshake(asio::ssl::stream_base::server,
+                                    [self = this->shared_from_this()](error_code error) {
+                                        if (error) {
+                                            self->workerM.counts().connectionRefused(ConnectionRefusal::HANDSHAKE);
+                                            return self->close();
+                                        }
+                                        self->noteCertificate();
+                                        self->awaitInput(Phase::IDLE);
+                                    });
         } else {
             awaitInput(Phase::IDLE);
         }
@@ -693,8 +694,8 @@ class SocketConnection : public Connection,
     }
 
     void command() {
-        auto const taken = workerM.common().parts.commands.post(
-            stepM.command, [deliver = deliverer()](std::string line) {
+        auto const taken =
+            workerM.common().parts.commands.post(stepM.command, [deliver = deliverer()](std::string line) {
                 deliver([line = std::move(line)] { return Api::answered(line); });
             });
         if (!taken)
@@ -702,16 +703,15 @@ class SocketConnection : public Connection,
     }
 
     void work() {
-        auto const taken = workerM.common().librarian.post(
-            [deliver = deliverer(), work = std::move(stepM.work)] {
-                Response response;
-                try {
-                    response = work();
-                } catch (std::exception const& error) {
-                    response = problem(503, error.what());
-                }
-                deliver([response = std::move(response)] { return response; });
-            });
+        auto const taken = workerM.common().librarian.post([deliver = deliverer(), work = std::move(stepM.work)] {
+            Response response;
+            try {
+                response = work();
+            } catch (std::exception const& error) {
+                response = problem(503, error.what());
+            }
+            deliver([response = std::move(response)] { return response; });
+        });
         if (!taken)
             refuseCommand();
     }
@@ -766,10 +766,10 @@ class SocketConnection : public Connection,
     void appendHead(Response const& response, std::optional<std::size_t> length) {
         std::array<char, 24> digits{};
         auto const number = [&digits](std::size_t value) {
-            return std::string_view(digits.data(),
-                                    static_cast<std::size_t>(
-                                        std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr -
-                                        digits.data()));
+            return std::string_view(
+                digits.data(),
+                static_cast<std::size_t>(std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr -
+                                         digits.data()));
         };
         outputM.append("HTTP/1.1 ").append(number(response.status)).append(" ").append(reasonOf(response.status));
         outputM.append("\r\n").append(workerM.date());
@@ -927,7 +927,8 @@ Worker::Worker(Common& common, std::vector<std::pair<int, bool>> const& listener
     for (auto const& [descriptor, encrypted] : listeners) {
         int const own = fcntl(descriptor, F_DUPFD_CLOEXEC, 3);
         if (own < 0)
-            throw HostError("a listening socket cannot be shared: " + std::string(std::strerror(errno))); // NOLINT(*-mt-unsafe)
+            throw HostError("a listening socket cannot be shared: " +
+                            std::string(std::strerror(errno))); // NOLINT(*-mt-unsafe)
         listenersM.emplace_back(contextM, own, encrypted);
     }
     for (Listener& listener : listenersM)
@@ -1337,9 +1338,8 @@ class HttpFront : public Front {
     std::vector<std::unique_ptr<Worker>> workersM; // last: they use all else
 };
 
-constexpr FrontTable tableCM = {
-    NP_VERSION, [](FrontParts const& parts) -> Front* { return new HttpFront(parts); },
-    [](Front* front) { delete front; }};
+constexpr FrontTable tableCM = {NP_VERSION, [](FrontParts const& parts) -> Front* { return new HttpFront(parts); },
+                                [](Front* front) { delete front; }};
 
 } // namespace
 

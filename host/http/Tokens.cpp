@@ -97,8 +97,8 @@ Tokens Tokens::parse(std::string_view text, std::filesystem::path const& file) {
     for (auto const& [key, node] : root) {
         auto const* const table = node.as_table();
         if (table == nullptr)
-            throw errorAt(file, key.source(), "'" + shortened(key.str()) + "' must be a table: [" +
-                                                  shortened(key.str()) + "]");
+            throw errorAt(file, key.source(),
+                          "'" + shortened(key.str()) + "' must be a table: [" + shortened(key.str()) + "]");
         Token token = tokenOf(key, *table, file);
         if (tokens.find(token.digest) != nullptr)
             throw errorAt(file, key.source(), "[" + shortened(token.name) + "] has the digest of another token");
