@@ -22,6 +22,7 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/field.hpp>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -67,7 +68,8 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     bool hasBegun() const { return got_some(); }
     bool hasHeader() const { return is_header_done(); }
     bool isDone() const { return is_done(); }
-    void limitBody(std::uint64_t bytes) { body_limit(bytes); }
+    // Beast would look at a Content-Length while the header is read alone, when the limit is not known yet.
+    void limitBody(std::uint64_t bytes) { mostBodyBytesM = bytes; }
     bool keepsAlive() const { return keep_alive(); }
     bool isHttp10() const { return versionM == 10; }
     bool awaitsContinue() const { return continueM && !isHttp10(); }
@@ -193,7 +195,10 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
 
     std::size_t on_body_impl(View body, Error& error) override {
         error = {};
-        if (!visitorM->body({body.data(), body.size()}))
+        bodyBytesM += body.size();
+        if (std::max(bodyBytesM, contentLengthM) > mostBodyBytesM)
+            error = boost::beast::http::error::body_limit;
+        else if (!visitorM->body({body.data(), body.size()}))
             error = boost::beast::http::error::end_of_stream;
         return body.size();
     }
@@ -219,6 +224,8 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     BodyVisitor* visitorM = nullptr;
     Refusal refusalM;
     std::uint64_t contentLengthM = 0;
+    std::uint64_t bodyBytesM = 0;
+    std::uint64_t mostBodyBytesM = std::numeric_limits<std::uint64_t>::max();
     std::size_t trailerBytesM = 0;
     int versionM = 11;
     bool headerM = false;
