@@ -7,6 +7,7 @@
 #include "host/base/Text.h"
 #include "host/config/DaemonFiles.h"
 #include "host/enrich/EnrichPipeline.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
 #include "host/module/Host.h"
 #include "host/records/FileRoles.h"
@@ -68,8 +69,8 @@ struct EnrichOptions {
     std::vector<std::string> numbers;
     std::string time;
     std::string timeFormat = "digits";
-    std::string zone = "UTC";
-    std::string format; // csv, tsv, ndjson; empty: by the first input's name
+    std::optional<std::string> zone; // none: as configured
+    std::string format;              // csv, tsv, ndjson; empty: by the first input's name
     std::optional<std::string> separator;
     std::vector<std::string> added; // empty: the network
     std::optional<unsigned int> method;
@@ -294,8 +295,8 @@ int enrichCompleted(EnrichOptions const& options) {
     // What the options alone tell is judged first, before any file is read.
     RecordFormat const format = formatOf(options);
     WantedColumns const wanted = wantedOf(options);
-    TimeReader const times(options.timeFormat, options.zone);
     Configuration configuration = options.common.readConfiguration();
+    TimeReader const times(options.timeFormat, options.zone.value_or(configuration.of<DataClock::Settings>().zone));
     // Before anything is opened: an output that is an input would take its place.
     FileRoles{options.inputs,
               options.output,
