@@ -80,7 +80,7 @@ Daemon::Daemon(Parts const& parts)
     // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
     if (parts.announceChanges || parts.watchChanges)
-        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges);
+        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges, ChangeNotices::Clocks{});
     if (parts.socket != nullptr)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
 }
