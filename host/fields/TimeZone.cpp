@@ -92,4 +92,15 @@ TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
     return {BAS::DateTime::fromSeconds(clock.seconds() + (found.end - found.begin)), found.doubt};
 }
 
+// No zone has two changes within two days of each other that matter here.
+std::int64_t TimeZone::offsetOf(BAS::DateTime clock) const noexcept {
+    constexpr std::int64_t day = 86400;
+    if (changesM.empty())
+        return firstOffsetM;
+    std::int64_t const shown = static_cast<std::int64_t>(clock.seconds()) - secondsTo1970CM;
+    std::int64_t const before = offsetAt(shown - day);
+    std::int64_t const after = offsetAt(shown + day);
+    return offsetAt(shown - before) == before ? before : after;
+}
+
 } // namespace nphost

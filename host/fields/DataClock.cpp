@@ -1,0 +1,52 @@
+#include "host/fields/DataClock.h"
+
+#include "host/base/Instant.h"
+#include "host/config/ConfigurationValue.h"
+
+#include <array>
+#include <cstdlib>
+
+namespace nphost {
+
+void DataClock::Settings::declare(Section& host, Configuration& configuration) {
+    auto& settings = configuration.place<Settings>();
+    host.key("dataZone", [&settings](ConfigurationValue const& value) { settings.zone = value.text(); });
+}
+
+DataClock::DataClock(std::string zone) : zoneNameM(std::move(zone)), zoneM(zoneNameM), isoM("iso", zoneNameM) {}
+
+BAS::DateTime DataClock::now() const noexcept {
+    BAS::DateTime const utc = BAS::DateTime::now();
+    auto const reading = zoneM.clockAt(static_cast<std::int64_t>(utc.seconds()) - TimeZone::secondsTo1970CM);
+    return reading ? reading->instant : utc;
+}
+
+BAS::DateTime DataClock::read(std::string_view text) const noexcept {
+    // What has no offset stays as it stands, also where a change of the clocks makes it doubtful: it is the data's own.
+    if (text.empty() || text.back() != 'Z')
+        if (BAS::DateTime const at = parseInstant(text); at.isValid())
+            return at;
+    auto const reading = isoM.read(text);
+    return reading ? reading->instant : BAS::DateTime();
+}
+
+void DataClock::appendIso(std::string& out, BAS::DateTime at) const {
+    constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:dd+00:00";
+    InstantDigits const digits(at);
+    std::array<char, pattern.size()> text{};
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < pattern.size(); ++i)
+        text[i] = pattern[i] == 'd' ? digits.view()[next++] : pattern[i];
+    if (std::int64_t const offset = zoneM.offsetOf(at); offset != 0) {
+        // Seconds of an offset, as local mean times have them, have no place in the format.
+        std::int64_t const minutes = std::abs(offset) / 60;
+        text[19] = offset < 0 ? '-' : '+';
+        text[20] = static_cast<char>('0' + minutes / 600);
+        text[21] = static_cast<char>('0' + minutes / 60 % 10);
+        text[23] = static_cast<char>('0' + minutes % 60 / 10);
+        text[24] = static_cast<char>('0' + minutes % 10);
+    }
+    out.append(text.data(), text.size());
+}
+
+} // namespace nphost

@@ -1,0 +1,75 @@
+// nphost::AnswerWriter: what the HTTP front answers about numbers, as JSON or as a line of text.
+//
+// Purpose: look-ups by the hundred thousand are written piece by piece; what repeats (networks, the state of the data)
+// is written once and kept.
+// Units: instants are of the data's clock, and written with its zone's offset (RFC 3339); numbers in stored form, and
+// as E.164 where they begin with the international access code.
+// Ownership: borrows the parts; owns what it keeps.
+// Threads: one. Errors: std::bad_alloc. Complexity: linear in what is written.
+#pragma once
+
+#include "host/fields/DataClock.h"
+#include "host/fields/NetworkTable.h"
+#include "host/service/Networks.h"
+#include "host/service/Service.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace nphost {
+
+struct FrontParts;
+
+class AnswerWriter {
+  public:
+    explicit AnswerWriter(FrontParts const& parts);
+
+    // Before answers are written: looks whether table or data are others than they were.
+    void begin();
+    // begin's: changes with the data, and with the table of networks.
+    std::string const& version() const { return versionM; }
+    std::string const& accessCode() const { return accessCodeM; }
+
+    // Without a method it is the configured one. `id` is JSON, and goes with the answer if it is not empty.
+    void json(std::string& out, NumberAnswer const& answer, std::optional<unsigned int> method,
+              std::string_view id = {});
+    // "NUMBER<TAB>INSTANT<TAB>NETWORK", without an end of the line; the network is "-" where nothing is found.
+    void text(std::string& out, NumberAnswer const& answer);
+    // Quoted as CSV needs it.
+    void csv(std::string& out, NumberAnswer const& answer);
+    static constexpr std::string_view csvHeadCM = "number,stored,at,found,network,validFrom,validUntil,ported\r\n";
+
+    void history(std::string& out, Explained const& explained);
+    void explanation(std::string& out, Explained const& explained);
+    void networks(std::string& out);
+
+    // "+447700900123", or the stored form where it does not begin with the access code.
+    void number(std::string& out, std::string_view stored) const;
+    // Between quotation marks, or null when there is none.
+    void instant(std::string& out, BAS::DateTime at) const;
+    std::string const& network(std::string_view id); // an object
+
+  private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+    static constexpr std::size_t mostKeptCM = 4096;
+
+    void head(std::string& out, Explained const& explained) const;
+    void prefixes(std::string& out, Explained const& explained);
+    void choice(std::string& out, Explained const& explained, unsigned int method);
+
+    FrontParts const& partsM;
+    std::string accessCodeM;
+    std::shared_ptr<NetworkTable const> tableM;
+    DAT::NumberPortability::ServiceStatus statusM;
+    std::uint64_t tablesM = 0; // seen
+    std::string versionM;
+    std::string dataM; // "data":{...}
+    std::unordered_map<std::string, std::string, Hash, std::equal_to<>> networksM;
+};
+
+} // namespace nphost

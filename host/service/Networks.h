@@ -1,0 +1,42 @@
+// nphost::Networks: the table of networks that is served, which may be exchanged for a new one while it is used.
+//
+// Purpose: [host] networks = "networks.toml" names its file (fields/NetworkTable.h). It is read again with every reload;
+// what is wrong with it is reported, and the old table serves on.
+// Ownership: owns the table; who asks shares it, and keeps it for as long as it likes.
+// Threads: any. Errors: construction throws ConfigurationError; std::bad_alloc.
+// Complexity: asking is a copy of a pointer under a lock.
+#pragma once
+
+#include "framework/BAS/Mutex.h"
+#include "host/config/Configuration.h"
+#include "host/fields/NetworkTable.h"
+
+#include <filesystem>
+#include <memory>
+
+namespace nphost {
+
+class Networks {
+  public:
+    struct Settings {
+        std::filesystem::path file; // empty: there is no table
+
+        static void declare(Section& host, Configuration& configuration) {
+            host.file("networks", configuration.place<Settings>().file);
+        }
+    };
+
+    explicit Networks(std::filesystem::path file);
+
+    // Null when none is configured.
+    std::shared_ptr<NetworkTable const> current() const;
+    // False when the file cannot be taken, which is reported.
+    bool reread() noexcept;
+
+  private:
+    std::filesystem::path const fileM;
+    mutable BAS::Mutex lockM;
+    std::shared_ptr<NetworkTable const> tableM NP_GUARDED_BY(lockM);
+};
+
+} // namespace nphost
