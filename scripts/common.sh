@@ -35,6 +35,7 @@ fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
 package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config)
+metrics_packages=(prometheus curl openssl python3)
 
 # A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.
 if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then

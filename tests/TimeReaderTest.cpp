@@ -2,6 +2,7 @@
 #include "host/fields/TimeReader.h"
 #include "host/base/HostError.h"
 #include "host/base/Instant.h"
+#include "host/fields/DataClock.h"
 #include "tests/SeededRandom.h"
 
 #include <gtest/gtest.h>
@@ -253,3 +254,28 @@ TEST(TimeReaderTest, AgreesWithTheSystemAboutZones) {
 }
 
 } // namespace
+
+TEST(DataClockTest, KnowsWhatItShowsAndWhen) {
+    struct {
+        char const* zone;
+        char const* utc;
+        char const* shown;
+        char const* again; // the instant of UTC when that was shown
+    } const cases[] = {
+        {"UTC", "20240601113000", "20240601113000", "20240601113000"},
+        {"Europe/London", "20240101113000", "20240101113000", "20240101113000"},
+        {"Europe/London", "20240601113000", "20240601123000", "20240601113000"},
+        {"Europe/London", "20241027003000", "20241027013000", "20241027003000"},
+        {"Europe/London", "20241027013000", "20241027013000", "20241027003000"}, // it came twice
+        {"America/New_York", "20240101030000", "20231231220000", "20240101030000"},
+        {"Europe/London", "20500601113000", "20500601123000", "20500601113000"},
+        {"Asia/Kolkata", "00010101000000", "00010101055328", "00010101000000"},     // local mean time
+        {"America/New_York", "00010101000000", "00010101000000", "00010101045602"}, // nothing before the year 1
+    };
+    for (auto const& c : cases) {
+        nphost::DataClock const clock(c.zone);
+        EXPECT_EQ(digitsOf(clock.at(BAS::DateTime(c.utc))), c.shown) << c.zone << ' ' << c.utc;
+        EXPECT_EQ(digitsOf(clock.toUtc(BAS::DateTime(c.shown))), c.again) << c.zone << ' ' << c.shown;
+    }
+    EXPECT_EQ(digitsOf(nphost::DataClock("Asia/Kolkata").toUtc(BAS::DateTime("00010101000000"))), "00010101000000");
+}

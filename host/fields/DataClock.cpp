@@ -3,6 +3,7 @@
 #include "host/base/Instant.h"
 #include "host/config/ConfigurationValue.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 
@@ -15,10 +16,15 @@ void DataClock::Settings::declare(Section& host, Configuration& configuration) {
 
 DataClock::DataClock(std::string zone) : zoneNameM(std::move(zone)), zoneM(zoneNameM), isoM("iso", zoneNameM) {}
 
-BAS::DateTime DataClock::now() const noexcept {
-    BAS::DateTime const utc = BAS::DateTime::now();
+BAS::DateTime DataClock::at(BAS::DateTime utc) const noexcept {
     auto const reading = zoneM.clockAt(static_cast<std::int64_t>(utc.seconds()) - TimeZone::secondsTo1970CM);
     return reading ? reading->instant : utc;
+}
+
+BAS::DateTime DataClock::toUtc(BAS::DateTime at) const noexcept {
+    // In the year 1 there may be none.
+    auto const seconds = static_cast<std::int64_t>(at.seconds()) - zoneM.offsetOf(at);
+    return BAS::DateTime::fromSeconds(static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0)));
 }
 
 BAS::DateTime DataClock::read(std::string_view text) const noexcept {

@@ -33,7 +33,10 @@ class DataClock {
     explicit DataClock(std::string zone = "UTC");
 
     std::string const& zone() const { return zoneNameM; }
-    BAS::DateTime now() const noexcept;
+    BAS::DateTime now() const noexcept { return at(BAS::DateTime::now()); }
+    // What it showed at a valid instant of UTC, and the instant of UTC when it showed that; the first, if it came twice.
+    BAS::DateTime at(BAS::DateTime utc) const noexcept;
+    BAS::DateTime toUtc(BAS::DateTime at) const noexcept;
     // 14 digits or ISO 8601 (TimeReader.h); without an offset they are taken as they stand. Of any other text the
     // instant is invalid.
     BAS::DateTime read(std::string_view text) const noexcept;

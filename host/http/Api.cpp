@@ -1,5 +1,6 @@
 #include "host/http/Api.h"
 
+#include "host/base/HostError.h"
 #include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
@@ -117,6 +118,8 @@ class Api::Impl {
                 step.response.headers = std::string("Allow: ") + allowedM + "\r\n";
         } catch (QuestionError const& error) {
             step = answer(problem(400, error.what()));
+        } catch (HostError const& error) {
+            step = answer(problem(503, error.what()));
         }
         step.route = routeM;
         step.client = std::exchange(clientM, {});
@@ -671,13 +674,20 @@ BodySink::Counts Api::takeCounts() {
     return {std::exchange(implM->foundM, 0), std::exchange(implM->notFoundM, 0)};
 }
 
-// What was commanded and did not succeed is no success here either.
+// What was commanded and did not succeed is no success here either: it was refused, or was tried and failed.
 Response Api::answered(std::string line) {
     simdjson::dom::parser parser;
+    simdjson::dom::object object;
     bool ok = false;
-    bool const isObject = parser.parse(line)["ok"].get(ok) == simdjson::SUCCESS;
+    bool succeeded = false;
+    bool isObject = false;
+    if (parser.parse(line).get(object) == simdjson::SUCCESS) {
+        isObject = object["ok"].get(ok) == simdjson::SUCCESS;
+        if (object["succeeded"].get(succeeded) != simdjson::SUCCESS)
+            succeeded = true; // a question, of which that is not said
+    }
     Response response = json(std::move(line));
-    response.status = !isObject ? 500 : (ok ? 200 : 409);
+    response.status = !isObject ? 500 : (ok && succeeded ? 200 : 409);
     return response;
 }
 
