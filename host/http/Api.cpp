@@ -1,5 +1,6 @@
 #include "host/http/Api.h"
 
+#include "host/base/HostError.h"
 #include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
@@ -117,6 +118,8 @@ class Api::Impl {
                 step.response.headers = std::string("Allow: ") + allowedM + "\r\n";
         } catch (QuestionError const& error) {
             step = answer(problem(400, error.what()));
+        } catch (HostError const& error) {
+            step = answer(problem(503, error.what()));
         }
         step.route = routeM;
         step.client = std::exchange(clientM, {});
@@ -305,7 +308,7 @@ class Api::Impl {
         partsM.service.describe(question, [&](NumberAnswer const& found) {
             (found.detail.found() ? foundM : notFoundM) += 1;
             response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits);
-            response.cacheControl = freshness(found.at, found.detail.nextChange);
+            response.cacheControl = freshness(found.detail.nextChange);
             if (asText) {
                 response.type = "text/plain; charset=utf-8";
                 answersM.text(response.body, found);
@@ -324,7 +327,7 @@ class Api::Impl {
         BAS::DateTime const next = change ? change->at : BAS::DateTime();
         Response response;
         response.entityTag = tag(next, 0);
-        response.cacheControl = freshness(question.at, next);
+        response.cacheControl = freshness(next);
         explains ? answersM.explanation(response.body, explained) : answersM.history(response.body, explained);
         return unlessKnown(request, std::move(response));
     }
@@ -337,11 +340,14 @@ class Api::Impl {
         return text + "\"";
     }
 
-    std::string freshness(BAS::DateTime at, BAS::DateTime nextChange) const {
+    std::string freshness(BAS::DateTime nextChange) const {
         std::uint64_t seconds = sharedM.settings().cacheSeconds;
         // What is asked of now ends with the next change; other instants stay as they are until the data change.
-        if (asksForNow() && nextChange.isValid())
-            seconds = std::min<std::uint64_t>(seconds, nextChange.seconds() - at.seconds());
+        if (asksForNow() && nextChange.isValid()) {
+            // Not by the data's clock, which may be put forward or back on the way.
+            std::uint64_t const now = BAS::DateTime::now().seconds();
+            seconds = std::min(seconds, std::max(partsM.clock.toUtc(nextChange).seconds(), now) - now);
+        }
         return seconds == 0 ? "private, no-cache" : "private, max-age=" + std::to_string(seconds);
     }
 
@@ -671,13 +677,20 @@ BodySink::Counts Api::takeCounts() {
     return {std::exchange(implM->foundM, 0), std::exchange(implM->notFoundM, 0)};
 }
 
-// What was commanded and did not succeed is no success here either.
+// What was commanded and did not succeed is no success here either: it was refused, or was tried and failed.
 Response Api::answered(std::string line) {
     simdjson::dom::parser parser;
+    simdjson::dom::object object;
     bool ok = false;
-    bool const isObject = parser.parse(line)["ok"].get(ok) == simdjson::SUCCESS;
+    bool succeeded = false;
+    bool isObject = false;
+    if (parser.parse(line).get(object) == simdjson::SUCCESS) {
+        isObject = object["ok"].get(ok) == simdjson::SUCCESS;
+        if (object["succeeded"].get(succeeded) != simdjson::SUCCESS)
+            succeeded = true; // a question, of which that is not said
+    }
     Response response = json(std::move(line));
-    response.status = !isObject ? 500 : (ok ? 200 : 409);
+    response.status = !isObject ? 500 : (ok && succeeded ? 200 : 409);
     return response;
 }
 

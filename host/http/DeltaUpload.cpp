@@ -13,7 +13,8 @@
 namespace nphost {
 
 DeltaUpload::DeltaUpload(std::filesystem::path const& folder) {
-    std::string name = (folder / ".http-delta-XXXXXX").native();
+    // Commands name files by absolute paths; a folder may be relative, as the configuration's own is.
+    std::string name = std::filesystem::absolute(folder / ".http-delta-XXXXXX").native();
     descriptorM = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
     if (!descriptorM)
         throw HostError("no file can be made in " + visible(folder.native()) + ": " +

@@ -214,12 +214,14 @@ void LookUpStream::readAnyJson(std::string_view line, std::size_t readable, Ques
         throw QuestionError("the line is no JSON object");
     std::array<std::optional<std::string_view>, 3> texts;
     constexpr std::array<std::string_view, 3> names = {"number", "at", "method"};
+    // First: whatever is wrong beside it, the answer goes to who has asked.
+    if (simdjson::dom::element id; object["id"].get(id) == simdjson::SUCCESS)
+        question.id = simdjson::minify(id);
     bool hasId = false;
     for (simdjson::dom::key_value_pair const field : object) {
         if (field.key == "id") {
             if (std::exchange(hasId, true))
                 throw QuestionError("'id' comes twice");
-            question.id = simdjson::minify(field.value);
             continue;
         }
         auto const* const name = std::find(names.begin(), names.end(), field.key);
