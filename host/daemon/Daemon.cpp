@@ -80,7 +80,9 @@ Daemon::Daemon(Parts const& parts)
     // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
     if (parts.announceChanges || parts.watchChanges)
-        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges);
+        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges,
+                         ChangeNotices::Clocks{[&clock = parts.clock] { return clock.now(); },
+                                               [&clock = parts.clock](BAS::DateTime utc) { return clock.at(utc); }});
     if (parts.socket != nullptr)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
     // It answers at once, but for commands, which wait for the loop.
@@ -233,7 +235,8 @@ void Daemon::announce() {
     if (!noticesM)
         return;
     noticesM->step();
-    partsM.metrics.setNextChange(noticesM->next());
+    std::optional<BAS::DateTime> const next = noticesM->next();
+    partsM.metrics.setNextChange(next ? std::optional(partsM.clock.toUtc(*next)) : std::nullopt);
 }
 
 void Daemon::feedFollowers() {

@@ -743,7 +743,11 @@ class SocketConnection : public Connection,
         appendHead(response, response.body.size());
         if (!isHeadM && response.status != 304)
             outputM += response.body;
-        workerM.counts().requestEnded(outcomeOf(response.status), Clock::now() - begunM);
+        // How long a command takes is told with the loads; beside look-ups it would mean nothing.
+        if (stepM.kind == Step::COMMAND)
+            workerM.counts().requestEnded(outcomeOf(response.status));
+        else
+            workerM.counts().requestEnded(outcomeOf(response.status), Clock::now() - begunM);
         note(response.status, response.body.size());
         ended();
     }

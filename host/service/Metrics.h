@@ -185,7 +185,7 @@ class Metrics {
     void linesRejected(DAT::NumberPortability::LineCounts const& counts);
     LoadCounts loads() const;
 
-    // When the next assignment takes effect, by the data's clock; none where there is none, or nobody looks.
+    // When the next assignment takes effect, UTC; none where there is none, or nobody looks.
     void setNextChange(std::optional<BAS::DateTime> at);
     std::optional<BAS::DateTime> nextChange() const;
 
