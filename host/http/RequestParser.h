@@ -4,10 +4,12 @@
 // differently lets a second one be smuggled in:
 // - Transfer-Encoding other than exactly "chunked", in HTTP/1.0, twice, or beside Content-Length;
 // - Content-Length that is no plain number, or comes twice;
-// - HTTP/1.1 without Host, or Host twice; obsolete line folding (Beast refuses it, too);
+// - tabs around the value of either; obsolete line folding, which Beast would undo;
+// - HTTP/1.1 without Host, or Host twice;
 // - trailers of more than 1 KiB in all; a header of more than 8 KiB.
 // Use: put() with what has come in, again and again with what it left; when the header is whole (hasHeader), its texts
-// can be asked for, and the body's limit must be set before the next put.
+// can be asked for, and the body's limit must be set before the next put. Requests do not depend on how their bytes were
+// split; which of several faults is told may.
 // Ownership: owns copies of the fields that the front uses. Not reused: each request gets a parser of its own.
 // Threads: none inside.
 // Errors: put returns what is wrong as a status of HTTP, and then nothing more can be parsed; std::bad_alloc.
@@ -22,6 +24,7 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/field.hpp>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -36,6 +39,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
   public:
     static constexpr std::uint32_t mostHeaderBytesCM = 8192;
     static constexpr std::size_t mostTrailerBytesCM = 1024;
+    static constexpr std::size_t leastChunkBytesCM = 5; // of a body's end: "0", CRLF, CRLF
 
     struct Refusal {
         unsigned int status = 0; // none
@@ -50,16 +54,26 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     };
 
     RequestParser() {
-        header_limit(mostHeaderBytesCM);
+        header_limit(2 * mostHeaderBytesCM); // Beast counts what is left of it; put counts all of it
         body_limit(boost::none);
     }
 
     // How much of the text it has taken. Nothing of a text that is not empty: more must come first.
     std::size_t put(std::string_view text, BodyVisitor& visitor, Refusal& refusal) {
         visitorM = &visitor;
+        bool const isHeader = !hasHeader();
+        // What follows is no less in any case, and Beast counts on it where the last chunk comes in pieces.
+        if (!isHeader && chunked() && chunkLeftM == 0 && text.size() < leastChunkBytesCM)
+            return 0;
+        std::size_t const room = mostHeaderBytesCM - headerBytesM;
+        textM = isHeader ? text.substr(0, room) : text;
         Error error;
-        std::size_t const taken = Base::put(boost::asio::buffer(text.data(), text.size()), error);
-        if (error && error != boost::beast::http::error::need_more)
+        std::size_t const taken = Base::put(boost::asio::buffer(textM.data(), textM.size()), error);
+        if (isHeader)
+            headerBytesM += taken;
+        if (error == boost::beast::http::error::need_more)
+            error = isHeader && text.size() >= room ? boost::beast::http::error::header_limit : Error();
+        if (error)
             refusal = refusalM ? refusalM : refusalOf(error);
         return taken;
     }
@@ -67,7 +81,11 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     bool hasBegun() const { return got_some(); }
     bool hasHeader() const { return is_header_done(); }
     bool isDone() const { return is_done(); }
-    void limitBody(std::uint64_t bytes) { body_limit(bytes); }
+    // False when the header says already that the body is longer; of chunks put finds it.
+    bool limitBody(std::uint64_t bytes) {
+        body_limit(bytes);
+        return contentLengthM <= bytes;
+    }
     bool keepsAlive() const { return keep_alive(); }
     bool isHttp10() const { return versionM == 10; }
     bool awaitsContinue() const { return continueM && !isHttp10(); }
@@ -127,8 +145,30 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
 
     void on_response_impl(int /*code*/, View /*reason*/, int /*version*/, Error& error) override { error = {}; }
 
+    // What stands between a name and its value, and behind that. Beast unfolds lines: then it is no piece of the text,
+    // or has the line's end in it.
+    bool isFolded(View name, View value) const {
+        std::less<> const before;
+        char const* const end = name.data() + name.size();
+        if (before(value.data(), end) || before(textM.data() + textM.size(), value.data() + value.size()))
+            return true;
+        return std::find(end, value.data(), '\n') != value.data();
+    }
+    static bool hasTabs(View name, View value) {
+        char const* last = value.data() + value.size();
+        if (std::find(name.data() + name.size(), value.data(), '\t') != value.data())
+            return true;
+        while (*last == ' ')
+            ++last;
+        return *last == '\t';
+    }
+
     void on_field_impl(Field name, View nameText, View value, Error& error) override {
         error = {};
+        if (isFolded(nameText, value))
+            return refuse(400, "a field goes on in the next line", error);
+        if ((name == Field::transfer_encoding || name == Field::content_length) && hasTabs(nameText, value))
+            return refuse(400, "there is a tab beside what says how long the body is", error);
         if (headerM) { // a trailer: counted, and passed over
             trailerBytesM += nameText.size() + value.size() + 4;
             if (trailerBytesM > mostTrailerBytesCM)
@@ -198,9 +238,13 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
         return body.size();
     }
 
-    void on_chunk_header_impl(std::uint64_t /*size*/, View /*extensions*/, Error& error) override { error = {}; }
+    void on_chunk_header_impl(std::uint64_t size, View /*extensions*/, Error& error) override {
+        error = {};
+        chunkLeftM = size;
+    }
 
     std::size_t on_chunk_body_impl(std::uint64_t /*remain*/, View body, Error& error) override {
+        chunkLeftM -= body.size();
         return on_body_impl(body, error);
     }
 
@@ -217,7 +261,10 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     std::string textsM; // of the fields that are kept
     std::array<Piece, keptCM> keptM{};
     BodyVisitor* visitorM = nullptr;
+    std::string_view textM; // that put has been given
     Refusal refusalM;
+    std::size_t headerBytesM = 0; // taken
+    std::uint64_t chunkLeftM = 0; // of the data of the chunk that has begun
     std::uint64_t contentLengthM = 0;
     std::size_t trailerBytesM = 0;
     int versionM = 11;

@@ -163,14 +163,18 @@ class Librarian {
     Librarian() : threadM([this] { run(); }) {}
     Librarian(Librarian const&) = delete;
     Librarian& operator=(Librarian const&) = delete;
-    ~Librarian() {
+    ~Librarian() { stop(); }
+
+    // What waits is dropped; what is under way ends.
+    void stop() {
         {
             BAS::MutexGuard const guard(lockM);
             stopM = true;
             waitingM.clear();
         }
         changedM.notify_one();
-        threadM.join();
+        if (threadM.joinable())
+            threadM.join();
     }
 
     // False when too much is waiting.
@@ -481,10 +485,11 @@ class SocketConnection : public Connection,
         while (taken < text.size() && !stopsReading()) {
             std::string_view rest = text.substr(taken);
             if (!parserM) {
-                // An empty line before a request is passed over (RFC 9112, section 2.2).
-                std::size_t const blank = std::min(rest.find_first_not_of("\r\n"), rest.size());
-                if (blank > 0 && blank <= 2) {
-                    taken += blank;
+                // One empty line before a request is passed over (RFC 9112, section 2.2).
+                if (rest == "\r" && !emptyLineM)
+                    break;
+                if (rest.starts_with("\r\n") && !std::exchange(emptyLineM, true)) {
+                    taken += 2;
                     continue;
                 }
                 parserM.emplace();
@@ -497,7 +502,7 @@ class SocketConnection : public Connection,
                 break;
         }
         if (text.size() - taken > leftoverBytesCM && !stopsReading())
-            refuse(400, "a part of the request is too long");
+            streamBegunM ? breakStream() : refuse(400, "a part of the request is too long");
         return taken;
     }
 
@@ -546,7 +551,8 @@ class SocketConnection : public Connection,
         workerM.counts().lookedUp(counts.found, counts.notFound);
         if (stepM.kind != Step::BODY)
             return bodyUnwanted();
-        parserM->limitBody(stepM.sink->mostBytes());
+        if (!parserM->limitBody(stepM.sink->mostBytes()))
+            return refuse(413, "the body is longer than this request may have");
         phase(Phase::BODY, bodyTimeCM);
         blockM = 0;
         if (parserM->awaitsContinue() && !parserM->isDone())
@@ -563,13 +569,12 @@ class SocketConnection : public Connection,
     void bodyUnwanted() {
         if (!parserM->hasBody())
             return;
-        if (parserM->awaitsContinue()) {
+        if (parserM->awaitsContinue() || !parserM->limitBody(discardedBodyCM)) {
             closeAfterM = true;
             respond(stepM.response);
             refusedM = true;
             return;
         }
-        parserM->limitBody(discardedBodyCM);
         phase(Phase::BODY, bodyTimeCM);
     }
 
@@ -630,9 +635,15 @@ class SocketConnection : public Connection,
     void breakStream() {
         closeAfterM = true;
         refusedM = true;
+        countStream();
         workerM.counts().requestEnded(RequestOutcome::REFUSED);
         note(400, outputM.size());
         ended();
+    }
+
+    void countStream() {
+        BodySink::Counts const counts = stepM.sink->takeCounts();
+        workerM.counts().lookedUp(counts.found, counts.notFound);
     }
 
     void endStream() {
@@ -641,10 +652,7 @@ class SocketConnection : public Connection,
         chunkEnd(begun);
         if (!parserM->isHttp10())
             outputM += "0\r\n\r\n";
-        else
-            closeAfterM = true;
-        BodySink::Counts const counts = stepM.sink->takeCounts();
-        workerM.counts().lookedUp(counts.found, counts.notFound);
+        countStream();
         workerM.counts().requestEnded(RequestOutcome::ANSWERED);
         note(200, outputM.size());
         ended();
@@ -759,6 +767,7 @@ class SocketConnection : public Connection,
         parserM.reset();
         stepM = Step();
         isHeadM = false;
+        emptyLineM = false;
         streamBegunM = false;
         if (!writingM)
             phase(Phase::IDLE, idleTime());
@@ -768,6 +777,8 @@ class SocketConnection : public Connection,
 
     // Without a length the body comes in chunks, or to HTTP/1.0 until the connection ends.
     void appendHead(Response const& response, std::optional<std::size_t> length) {
+        if (!length && parserM && parserM->isHttp10())
+            closeAfterM = true;
         std::array<char, 24> digits{};
         auto const number = [&digits](std::size_t value) {
             return std::string_view(
@@ -916,6 +927,7 @@ class SocketConnection : public Connection,
     std::size_t blockM = 0;  // bytes of the body since its deadline was set
     bool hasCertificateM = false;
     bool isHeadM = false;
+    bool emptyLineM = false; // was passed over before the request
     bool streamBegunM = false;
     bool sinkEndedM = false;
     bool refusedM = false;
@@ -969,7 +981,10 @@ void Worker::accept(Listener& listener) {
         int const descriptor = accept4(listener.socket.native_handle(), reinterpret_cast<sockaddr*>(&peer), &length,
                                        SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (descriptor >= 0) {
-            take(descriptor, peer, listener.isEncrypted);
+            try {
+                take(descriptor, peer, listener.isEncrypted);
+            } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): for want of memory: others come still
+            }
             continue;
         }
         // Without a descriptor the connection stays in the queue: it is not asked for again at once.
@@ -1028,9 +1043,14 @@ void Worker::awaitTick() {
         nowM = Clock::now();
         for (auto each = connectionsM.begin(); each != connectionsM.end();) {
             std::shared_ptr<Connection> const connection = *each++;
-            connection->tick(nowM);
+            try {
+                connection->tick(nowM);
+            } catch (std::exception const&) { // for want of memory: the others have their deadlines still
+                connection->cut();
+            }
         }
-        awaitTick();
+        if (!stoppingM || !connectionsM.empty())
+            awaitTick();
     });
 }
 
@@ -1271,6 +1291,7 @@ class HttpFront : public Front {
         for (auto const& worker : workersM)
             if (!worker->endsBy(end))
                 attempt([&worker] { worker->cut(); });
+        attempt([this] { commonM.librarian.stop(); }); // which hands its answers to the workers
         workersM.clear();
     }
 
