@@ -4,11 +4,11 @@
 #include "host/daemon/ChangeNotices.h"
 #include "host/daemon/ClientModules.h"
 #include "host/fields/DataClock.h"
+#include "host/fields/NetworkTable.h"
 #include "host/http/HttpSettings.h"
 #include "host/module/GuardLimits.h"
 #include "host/module/HostSettings.h"
 #include "host/service/DeltaFolders.h"
-#include "host/service/Networks.h"
 
 namespace nphost {
 
@@ -22,7 +22,7 @@ constexpr SectionDeclaration declarationsCM[] = {
     {"host", ChangeNotices::Settings::declare},
     {"host", ClientModules::Settings::declare},
     {"host", DataClock::Settings::declare},
-    {"host", Networks::Settings::declare},
+    {"host", NetworkTable::Settings::declare},
     {"http", HttpSettings::declare},
 };
 

@@ -130,8 +130,8 @@ int runDaemon(RunOptions const& options) {
     HttpSettings const http = configuration.of<HttpSettings>();
     bool const watchChanges = http.isOn; // which tells of them
     std::erase_if(passed, [&http](PassedSocket const& each) { return !http.isOn || each.name != "http"; });
-    Networks networks(configuration.of<Networks::Settings>().file);
-    DataClock const clock(configuration.of<DataClock::Settings>().zone);
+    Networks networks(configuration.of<NetworkTable::Settings>().file);
+    DataClock const clock(configuration);
     std::filesystem::path const dataFolder = std::filesystem::path(configuration.dataFile()).parent_path();
     auto const deltaFolders = configuration.of<DeltaFolders::Settings>().deltaFolders.value_or(std::vector{dataFolder});
     notifier.status("loading");

@@ -15,6 +15,8 @@
 // std::bad_alloc. Complexity: a look is logarithmic in the networks.
 #pragma once
 
+#include "host/config/Configuration.h"
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -35,6 +37,15 @@ struct Network { // empty: not said
 
 class NetworkTable {
   public:
+    //     networks = "networks.toml"   # in [host]
+    struct Settings {
+        std::filesystem::path file; // empty: there is no table
+
+        static void declare(Section& host, Configuration& configuration) {
+            host.file("networks", configuration.place<Settings>().file);
+        }
+    };
+
     static NetworkTable read(std::filesystem::path const& file);
     static NetworkTable parse(std::string_view text, std::filesystem::path const& file);
 

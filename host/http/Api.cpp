@@ -310,7 +310,7 @@ class Api::Impl {
         partsM.service.describe(question, [&](NumberAnswer const& found) {
             (found.detail.found() ? foundM : notFoundM) += 1;
             response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits);
-            response.cacheControl = freshness(found.at, found.detail.nextChange);
+            response.cacheControl = freshness(found.detail.nextChange);
             if (asText) {
                 response.type = "text/plain; charset=utf-8";
                 answersM.text(response.body, found);
@@ -329,7 +329,7 @@ class Api::Impl {
         BAS::DateTime const next = change ? change->at : BAS::DateTime();
         Response response;
         response.entityTag = tag(next, 0);
-        response.cacheControl = freshness(question.at, next);
+        response.cacheControl = freshness(next);
         explains ? answersM.explanation(response.body, explained) : answersM.history(response.body, explained);
         return unlessKnown(request, std::move(response));
     }
@@ -342,11 +342,14 @@ class Api::Impl {
         return text + "\"";
     }
 
-    std::string freshness(BAS::DateTime at, BAS::DateTime nextChange) const {
+    std::string freshness(BAS::DateTime nextChange) const {
         std::uint64_t seconds = sharedM.settings().cacheSeconds;
         // What is asked of now ends with the next change; other instants stay as they are until the data change.
-        if (asksForNow() && nextChange.isValid())
-            seconds = std::min<std::uint64_t>(seconds, nextChange.seconds() - at.seconds());
+        if (asksForNow() && nextChange.isValid()) {
+            // Not by the data's clock, which may be put forward or back on the way.
+            std::uint64_t const now = BAS::DateTime::now().seconds();
+            seconds = std::min(seconds, std::max(partsM.clock.toUtc(nextChange).seconds(), now) - now);
+        }
         return seconds == 0 ? "private, no-cache" : "private, max-age=" + std::to_string(seconds);
     }
 

@@ -70,6 +70,7 @@ void LookUpStream::readLines(std::string_view text, std::string& out) {
     textM.append(RecordReader::paddingCM, ' ');
     text = std::string_view(textM).substr(0, length);
     answersM.begin();
+    nowM = partsM.clock.now();
     if (formatM == Format::NDJSON) {
         while (!text.empty()) {
             std::string_view line = text.substr(0, text.find('\n'));
@@ -294,8 +295,7 @@ void LookUpStream::readCsv(Record const& record) {
 void LookUpStream::ask(std::string_view number, std::optional<std::string_view> at,
                        std::optional<std::string_view> method) {
     std::optional<unsigned int> const wanted = method ? readAskedMethod(*method) : defaultsM.method;
-    BAS::DateTime const when =
-        at ? readAskedInstant(*at, partsM.clock) : (defaultsM.at ? *defaultsM.at : partsM.clock.now());
+    BAS::DateTime const when = at ? readAskedInstant(*at, partsM.clock) : defaultsM.at.value_or(nowM);
     Question& question = questionsM[askedM - 1];
     question.method = wanted.value_or(searchMethodsCM);
     LookUpBatch& questions = batch(question.method);
@@ -336,7 +336,7 @@ void LookUpStream::answer(std::string& out) {
                                  asked.detail(question.place)};
         ++(found.detail.found() ? countsM.found : countsM.notFound);
         if (formatM == Format::NDJSON)
-            answersM.json(out, found, methodOf(question.method), question.id);
+            answersM.json(out, found, methodOf(question.method), question.id, false);
         else
             answersM.csv(out, found);
     }

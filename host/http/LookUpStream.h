@@ -79,8 +79,9 @@ class LookUpStream : public BodySink {
     std::array<std::unique_ptr<LookUpBatch>, searchMethodsCM + 1> batchesM; // a method each; the last: as configured
     std::vector<Question> questionsM;
     std::size_t askedM = 0;
-    std::string restM; // the beginning of a line, of which more is to come
-    std::string textM; // whole lines, and bytes that may be read behind them
+    BAS::DateTime nowM; // of the lines that came together
+    std::string restM;  // the beginning of a line, of which more is to come
+    std::string textM;  // whole lines, and bytes that may be read behind them
     std::uint64_t lineM = 0;
     bool brokenM = false; // nothing more is read
     Counts countsM;

@@ -73,7 +73,7 @@ constexpr seconds lingerTimeCM{2};    // for a client to read the last answer
 constexpr seconds commandTimeCM{600}; // beyond it the client hears no more of a command; it goes on
 constexpr seconds graceCM{5};         // for requests under way when the daemon stops
 constexpr std::size_t bodyBlockCM = 1024;
-constexpr std::size_t readBytesCM = 64UL * 1024;
+constexpr std::size_t readBytesCM = 16UL * 1024;     // a stream's answers to that many fit into a processor's cache
 constexpr std::size_t outputBytesCM = 128UL * 1024;  // beyond which nothing more is answered before it is written
 constexpr std::size_t leftoverBytesCM = 16UL * 1024; // that may wait for the rest of an element
 constexpr std::size_t discardedBodyCM = 64UL * 1024; // of a body that nobody wants
@@ -139,6 +139,13 @@ std::string addressOf(sockaddr_storage const& peer) {
     if (!IN6_IS_ADDR_V4MAPPED(&address))
         std::memset(address.s6_addr + 8, 0, 8);
     return inet_ntop(AF_INET6, &address, text.data(), text.size());
+}
+
+bool isLoopback(sockaddr_storage const& address) {
+    if (address.ss_family == AF_INET)
+        return ntohl(reinterpret_cast<sockaddr_in const&>(address).sin_addr.s_addr) >> 24 == 127;
+    return address.ss_family == AF_INET6 &&
+           IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr);
 }
 
 class Worker;
@@ -1048,6 +1055,12 @@ void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) 
         int const on = 1;
         setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
+    // On this machine nothing is on its way, so a large buffer only takes what is written out of the processor's cache:
+    // streams are a quarter faster without. To others the system finds out what the way needs.
+    if (isLoopback(peer)) {
+        int const bytes = 256 * 1024;
+        setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    }
     PlainSocket socket(contextM, asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
     socket.non_blocking(true);
     auto const begin = [this](auto connection, std::shared_ptr<asio::ssl::context> tls) {
@@ -1191,13 +1204,6 @@ std::shared_ptr<Tls> makeTls(HttpSettings const& settings) {
 
 std::string reasonOfErrno(int error) {
     return std::system_category().message(error);
-}
-
-bool isLoopback(sockaddr_storage const& address) {
-    if (address.ss_family == AF_INET)
-        return ntohl(reinterpret_cast<sockaddr_in const&>(address).sin_addr.s_addr) >> 24 == 127;
-    return address.ss_family == AF_INET6 &&
-           IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr);
 }
 
 // "127.0.0.1:8080" or "[::1]:8080".

@@ -8,28 +8,30 @@
 #pragma once
 
 #include "framework/BAS/Mutex.h"
-#include "host/config/Configuration.h"
 #include "host/fields/NetworkTable.h"
 
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace nphost {
 
 class Networks {
   public:
-    struct Settings {
-        std::filesystem::path file; // empty: there is no table
-
-        static void declare(Section& host, Configuration& configuration) {
-            host.file("networks", configuration.place<Settings>().file);
-        }
+    // How the table stands.
+    struct Standing {
+        std::filesystem::path file;
+        std::size_t networks = 0;
+        std::string refusal; // why the file could not be taken when it was last read; empty: it could
     };
 
-    explicit Networks(std::filesystem::path file);
+    explicit Networks(std::filesystem::path file); // empty: there is no table
 
     // Null when none is configured.
     std::shared_ptr<NetworkTable const> current() const;
+    // None when none is configured.
+    std::optional<Standing> standing() const;
     // False when the file cannot be taken, which is reported.
     bool reread() noexcept;
 
@@ -37,6 +39,7 @@ class Networks {
     std::filesystem::path const fileM;
     mutable BAS::Mutex lockM;
     std::shared_ptr<NetworkTable const> tableM NP_GUARDED_BY(lockM);
+    std::string refusalM NP_GUARDED_BY(lockM);
 };
 
 } // namespace nphost
