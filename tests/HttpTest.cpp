@@ -229,8 +229,8 @@ TEST(HttpTest, AnswersStreamsLineByLineHoweverTheyAreSplit) {
     };
     std::vector<Case> const lines = {
         {R"({"number":"+447700900123"})", R"({"number":"+447700900123","stored":"00447700900123")"},
-        {R"({"number":"+447700900123","id":7})", R"("network":"ALPHA"},"id":7,"data")"},
-        {R"({ "id" : {"a": [1, null]} , "number" : "+447700900123" } )", R"("id":{"a":[1,null]},)"},
+        {R"({"number":"+447700900123","id":7})", R"("id":7)"},
+        {R"({ "id" : {"a": [1, null]} , "number" : "+447700900123" } )", R"("id":{"a":[1,null]})"},
         {R"({"number":"\u002b447700900123","at":null,"method":null})", R"("id":"BRAVO")"},
         {R"({"number":"+447700900123","at":"20991001000000"})", R"("id":"CHARLIE")"},
         {R"({"number":"+447700900123","at":"2099-09-15T02:00:00Z","method":"exact"})", R"("method":"exact")"},
