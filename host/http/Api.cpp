@@ -316,7 +316,7 @@ class Api::Impl {
                 answersM.text(response.body, found);
                 response.body += '\n';
             } else {
-                answersM.json(response.body, found, question.method);
+                answersM.json(response.body, found);
             }
         });
         return unlessKnown(request, std::move(response));

@@ -336,7 +336,7 @@ void LookUpStream::answer(std::string& out) {
                                  asked.detail(question.place)};
         ++(found.detail.found() ? countsM.found : countsM.notFound);
         if (formatM == Format::NDJSON)
-            answersM.json(out, found, methodOf(question.method), question.id, false);
+            answersM.json(out, found, question.id);
         else
             answersM.csv(out, found);
     }
