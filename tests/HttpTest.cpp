@@ -233,7 +233,7 @@ TEST(HttpTest, AnswersStreamsLineByLineHoweverTheyAreSplit) {
         {R"({ "id" : {"a": [1, null]} , "number" : "+447700900123" } )", R"("id":{"a":[1,null]})"},
         {R"({"number":"\u002b447700900123","at":null,"method":null})", R"("id":"BRAVO")"},
         {R"({"number":"+447700900123","at":"20991001000000"})", R"("id":"CHARLIE")"},
-        {R"({"number":"+447700900123","at":"2099-09-15T02:00:00Z","method":"exact"})", R"("method":"exact")"},
+        {R"({"number":"+447700900123","at":"2099-09-15T02:00:00Z","method":"exact"})", R"("id":"CHARLIE")"},
         {R"({"number":"+15550100"})", R"("found":false)"},
         {"\r", ""},
         {"  ", ""},
@@ -718,11 +718,11 @@ TEST(HttpTest, LimitsHoldAndDescriptorsReturn) {
     for (std::size_t i = 0; i < clients.size(); ++i)
         clients[i]->send(
             wire(i % 2 == 0 ? lookupCM + std::string("Transfer-Encoding: chunked||5|") : "GET /livez HTTP/1.1|X: "));
-    EXPECT_TRUE(refused(site.place));
+    EXPECT_TRUE(eventually([&] { return refused(site.place); }));
     connect(site.folder.file("h"), 20);
     for (std::size_t i = 40; i < clients.size(); ++i)
         clients[i]->send("G");
-    EXPECT_TRUE(refused(site.folder.file("h")));
+    EXPECT_TRUE(eventually([&] { return refused(site.folder.file("h")); }));
     // Half-closed, reset, and left to their time.
     for (std::size_t i = 0; i < clients.size(); i += 3)
         clients[i]->endSending();
