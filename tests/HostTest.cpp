@@ -612,6 +612,36 @@ TEST(HostCheckTest, CountsEachLineOnce) {
     EXPECT_FALSE(contains(json.out, "\xff"));
 }
 
+TEST(HostCheckTest, HoldsTheTableOfNetworksAgainstTheFile) {
+    ConfiguredFolder const site("00441 20200101000000 A\n00442 20200101000000 B\n00443 20200101000000 C\n");
+    site.folder.write("with.toml", contentOf(site.configuration) + "[host]\nnetworks = \"networks.toml\"\n");
+    site.folder.write("networks.toml", "[B]\nname = 'Bee'\n[D]\n");
+    struct Case {
+        char const* arguments;
+        int status;
+        char const* part;
+    };
+    auto const expect = [&site](Case const& test) {
+        Result const result = runShell(site.folder, std::string("nphost check --config ") + test.arguments);
+        EXPECT_EQ(result.status, test.status) << test.arguments << result.err;
+        EXPECT_TRUE(contains(result.out + result.err, test.part)) << test.arguments << "\n" << result.out << result.err;
+    };
+    for (Case const& test :
+         {Case{"with.toml --networks", 0, "Networks in the table:       2\n"},
+          Case{"with.toml --networks --json", 0, "{\"networkTable\":{\"count\":2,\"file\":\"networks.toml\"}}\n"},
+          Case{"with.toml --networks data.dat", 0,
+               "Networks in the table:       2\n  not in it:                 2\n    A\n    C\n"
+               "  without records:           1\n    D\n"},
+          Case{"with.toml --networks --json data.dat", 0,
+               "\"file\":\"networks.toml\",\"lacking\":[\"A\",\"C\"],\"unused\":[\"D\"]},\"networks\":{\"A\":1"},
+          Case{"nphost.toml --networks", 2, "nphost.toml: there is no key 'networks' in [host]"},
+          Case{"with.toml", 2, "FILE is required"}, Case{"with.toml --networks --all", 2, "FILE is required"}})
+        expect(test);
+    site.folder.write("networks.toml", "[B]\nname = 5\n");
+    expect({"with.toml --networks data.dat", 2, "networks.toml:2: 'name' must be a text"});
+    expect({"with.toml data.dat", 0, "Records by network:"});
+}
+
 TEST(HostCheckTest, CleanEmptyAndUnreadable) {
     ConfiguredFolder const setup("");
     Result const clean = run({"check", "--config", exampleCM, exampleDataCM});

@@ -145,6 +145,10 @@ void Daemon::stop() {
     attempt(&Daemon::finishJobs);
     if (httpM)
         (*httpM)->stop();
+    // Answers are the front's code, which goes with it.
+    postersM.clear();
+    while (!postedM.takeOne().empty()) {
+    }
     httpM.reset();
     if (!serverM)
         return;
@@ -347,20 +351,21 @@ void Daemon::dispatch(Client client, Json const& request) {
 }
 
 void Daemon::status(Client client, Json const& /*request*/) {
-    send(client, lineOf(toJson(serviceM.standing())));
+    send(client, lineOf(toJson(serviceM.standing(), partsM.networks.standing())));
 }
 
 void Daemon::lookup(Client client, Json const& request) {
     std::vector<std::string> numbers = numbersOf(request);
     LookUpQuestion const question = {std::move(numbers), instantOf(request, partsM.clock), methodOf(request),
                                      valueOf(request, "normalise", false)};
-    send(client, lineOf(answerLookup(serviceM, question, cellM)));
+    send(client, lineOf(answerLookup(serviceM, question, partsM.networks.current().get(), cellM)));
 }
 
 void Daemon::explain(Client client, Json const& request) {
     auto const number = valueOf<std::string>(request, "number");
     BAS::DateTime const at = instantOf(request, partsM.clock);
-    send(client, lineOf(toJson(serviceM.explain(number, at, valueOf(request, "normalise", false)))));
+    Explained const explained = serviceM.explain(number, at, valueOf(request, "normalise", false));
+    send(client, lineOf(toJson(explained, partsM.networks.current().get())));
 }
 
 void Daemon::probes(Client client, Json const& /*request*/) {

@@ -43,22 +43,32 @@ BAS::DateTime DataClock::read(std::string_view text) const noexcept {
     return reading ? reading->instant : BAS::DateTime();
 }
 
-void DataClock::appendIso(std::string& out, BAS::DateTime at) const {
-    constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:dd+00:00";
+void DataClock::writeIso(char* out, BAS::DateTime at) const noexcept {
     InstantDigits const digits(at);
-    std::array<char, pattern.size()> text{};
-    std::size_t next = 0;
-    for (std::size_t i = 0; i < pattern.size(); ++i)
-        text[i] = pattern[i] == 'd' ? digits.view()[next++] : pattern[i];
-    if (std::int64_t const offset = zoneM.offsetOf(at); offset != 0) {
-        // Seconds of an offset, as local mean times have them, have no place in the format.
-        std::int64_t const minutes = std::abs(offset) / 60;
-        text[19] = offset < 0 ? '-' : '+';
-        text[20] = static_cast<char>('0' + minutes / 600);
-        text[21] = static_cast<char>('0' + minutes / 60 % 10);
-        text[23] = static_cast<char>('0' + minutes % 60 / 10);
-        text[24] = static_cast<char>('0' + minutes % 10);
-    }
+    char const* const from = digits.view().data();
+    auto const copy = [out, from](std::size_t place, std::size_t first, std::size_t count) {
+        std::copy_n(from + first, count, out + place);
+    };
+    std::copy_n("0000-00-00T00:00:00+00:00", isoLengthCM, out);
+    copy(0, 0, 4);
+    for (std::size_t i = 0; i < 5; ++i)
+        copy(5 + 3 * i, 4 + 2 * i, 2);
+    std::int64_t const offset = zoneM.offsetOf(at);
+    if (offset == 0)
+        return;
+    // Seconds of an offset, as local mean times have them, have no place in the format.
+    std::int64_t const minutes = std::abs(offset) / 60;
+    char* const zone = out + 19;
+    zone[0] = offset < 0 ? '-' : '+';
+    zone[1] = static_cast<char>('0' + minutes / 600);
+    zone[2] = static_cast<char>('0' + minutes / 60 % 10);
+    zone[4] = static_cast<char>('0' + minutes % 60 / 10);
+    zone[5] = static_cast<char>('0' + minutes % 10);
+}
+
+void DataClock::appendIso(std::string& out, BAS::DateTime at) const {
+    std::array<char, isoLengthCM> text{};
+    writeIso(text.data(), at);
     out.append(text.data(), text.size());
 }
 

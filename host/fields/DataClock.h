@@ -44,6 +44,8 @@ class DataClock {
     // instant is invalid.
     BAS::DateTime read(std::string_view text) const noexcept;
     // "2026-01-31T12:00:00+01:00" of a valid instant; of a clock time that came twice, the first.
+    static constexpr std::size_t isoLengthCM = 25;
+    void writeIso(char* out, BAS::DateTime at) const noexcept;
     void appendIso(std::string& out, BAS::DateTime at) const;
 
   private:

@@ -11,6 +11,8 @@
 #include "host/service/Front.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace nphost {
 
@@ -32,7 +34,7 @@ void AnswerWriter::begin() {
     std::shared_ptr<NetworkTable const> table = partsM.networks.current();
     if (table != tableM) {
         tableM = std::move(table);
-        networksM.clear();
+        forgetNetworks();
         ++tablesM;
     }
     versionM = std::to_string(statusM.loads);
@@ -41,20 +43,16 @@ void AnswerWriter::begin() {
     versionM.append("-").append(std::to_string(tablesM));
     dataM = "\"data\":{\"epoch\":";
     appendNumber(dataM, statusM.loads);
-    dataM += ",\"loaded\":";
-    if (statusM.liveSince.isValid())
-        dataM.append("\"").append(clockTime(statusM.liveSince)).append("\"");
-    else
-        dataM += "null";
     dataM += '}';
 }
 
+std::size_t AnswerWriter::accessCodeOf(std::string_view stored) const {
+    return stored.size() > accessCodeM.size() && stored.starts_with(accessCodeM) ? accessCodeM.size() : 0;
+}
+
 void AnswerWriter::number(std::string& out, std::string_view stored) const {
-    if (!accessCodeM.empty() && stored.size() > accessCodeM.size() && stored.starts_with(accessCodeM)) {
-        out += '+';
-        stored.remove_prefix(accessCodeM.size());
-    }
-    out.append(stored);
+    std::size_t const code = accessCodeOf(stored);
+    out.append(code > 0 ? "+" : "").append(stored.substr(code));
 }
 
 void AnswerWriter::instant(std::string& out, BAS::DateTime at) const {
@@ -72,46 +70,108 @@ std::string const& AnswerWriter::network(std::string_view id) {
     if (found != networksM.end())
         return found->second;
     if (networksM.size() >= mostKeptCM) // data with names without end must not fill the memory
-        networksM.clear();
+        forgetNetworks();
     std::string text;
     appendNetwork(text, id, tableM ? tableM->find(id) : nullptr);
     return networksM.emplace(id, std::move(text)).first->second;
 }
 
-void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::optional<unsigned int> method,
-                        std::string_view id) {
+void AnswerWriter::forgetNetworks() {
+    recentM.fill({});
+    networksM.clear();
+}
+
+// A text of bounded length that is put together on the stack.
+class AnswerWriter::Line {
+  public:
+    static constexpr std::size_t mostCM = 4096;
+
+    std::string_view view() const { return {textM, static_cast<std::size_t>(endM - textM)}; }
+    Line& operator<<(std::string_view text) {
+        std::memcpy(endM, text.data(), text.size());
+        endM += text.size();
+        return *this;
+    }
+    Line& operator<<(char c) {
+        *endM++ = c;
+        return *this;
+    }
+    char* grow(std::size_t count) { return std::exchange(endM, endM + count); }
+
+  private:
+    char textM[mostCM];
+    char* endM = textM;
+};
+
+void AnswerWriter::addInstant(Line& line, BAS::DateTime at) const {
+    if (!at.isValid()) {
+        line << "null";
+        return;
+    }
+    line << '"';
+    partsM.clock.writeIso(line.grow(DataClock::isoLengthCM), at);
+    line << '"';
+}
+
+void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
     auto const& detail = answer.detail;
     std::string_view const stored = answer.stored.view();
-    out += "{\"number\":\"";
-    number(out, stored);
-    out.append("\",\"stored\":\"").append(stored).append("\",\"at\":");
-    instant(out, answer.at);
-    out.append(",\"method\":\"").append(nameOfSearchMethod(method.value_or(statusM.searchMethod)));
-    if (detail.found()) {
-        out.append("\",\"found\":true,\"network\":").append(network(detail.record.networkIdM.view()));
-        out += ",\"validFrom\":";
-        instant(out, detail.record.validFromM);
+    static std::string const none = "null";
+    std::string const& chosen = detail.found() ? network(detail.record.networkIdM) : none;
+    rangeM.clear();
+    if (detail.hasRange())
+        appendJsonText(rangeM, detail.range.networkIdM.view());
+    // Longer texts of networks and identifiers are put in by themselves.
+    constexpr std::size_t longCM = 300;
+    bool const isLong = chosen.size() > longCM || rangeM.size() > longCM || id.size() > longCM;
+
+    Line line;
+    line << "{\"number\":\"";
+    std::size_t const code = accessCodeOf(stored);
+    if (code > 0)
+        line << '+';
+    line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
+    addInstant(line, answer.at);
+    line << (detail.found() ? ",\"found\":true,\"network\":" : ",\"found\":false,\"network\":");
+    if (isLong) {
+        out.append(line.view()).append(chosen);
+        line = Line();
     } else {
-        out += "\",\"found\":false,\"network\":null,\"validFrom\":null";
+        line << chosen;
     }
-    out += ",\"validUntil\":";
-    instant(out, detail.nextChange);
+    line << ",\"validFrom\":";
+    addInstant(line, detail.found() ? detail.record.validFromM : BAS::DateTime());
+    line << ",\"validUntil\":";
+    addInstant(line, detail.nextChange);
     std::optional<bool> const ported = answer.ported();
-    out.append(",\"ported\":").append(!ported ? "null" : (*ported ? "true" : "false"));
+    line << (!ported ? ",\"ported\":null" : (*ported ? ",\"ported\":true" : ",\"ported\":false"));
     if (detail.found())
-        out.append(",\"prefix\":\"").append(stored.substr(0, detail.prefixDigits)).append("\"");
+        line << ",\"prefix\":\"" << stored.substr(0, detail.prefixDigits) << '"';
     else
-        out += ",\"prefix\":null";
-    if (detail.hasRange()) {
-        out.append(",\"range\":{\"prefix\":\"").append(stored.substr(0, detail.rangeDigits)).append("\",\"network\":");
-        appendJsonText(out, detail.range.networkIdM.view());
-        out += '}';
+        line << ",\"prefix\":null";
+    if (detail.hasRange())
+        line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
+    else
+        line << ",\"range\":null";
+    if (isLong) {
+        out.append(line.view()).append(rangeM);
+        line = Line();
     } else {
-        out += ",\"range\":null";
+        line << rangeM;
     }
-    if (!id.empty())
-        out.append(",\"id\":").append(id);
-    out.append(",").append(dataM).append("}\n");
+    if (detail.hasRange())
+        line << '}';
+    if (!id.empty()) {
+        line << ",\"id\":";
+        if (isLong) {
+            out.append(line.view()).append(id);
+            line = Line();
+        } else {
+            line << id;
+        }
+    }
+    line << ',' << dataM << "}\n";
+    out.append(line.view());
 }
 
 void AnswerWriter::text(std::string& out, NumberAnswer const& answer) {

@@ -20,6 +20,10 @@ void readAskedNumber(std::string_view text, bool normalise, NumberForm const& fo
         throw QuestionError("'" + shortened(text) +
                             "' is not a number in E.164 (+ and digits) or stored form (digits); normalise=true takes "
                             "other forms");
+    if (!normalise && !isGlobal) { // the usual one
+        out.assign(text.data(), text.size());
+        return;
+    }
     NumberKind const kind = readNumber(text, normalise || isGlobal ? &form : nullptr, out);
     if (kind != NumberKind::NUMBER)
         throw QuestionError(notANumber(text, kind));
