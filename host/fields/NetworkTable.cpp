@@ -11,7 +11,7 @@ namespace nphost {
 
 namespace {
 
-bool holdsDigitsAlone(std::string_view text) {
+bool isNumeric(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), isDigit);
 }
 
@@ -20,16 +20,16 @@ bool isHex(char c) {
 }
 
 bool isMcc(std::string_view text) {
-    return text.size() == 3 && holdsDigitsAlone(text);
+    return text.size() == 3 && isNumeric(text);
 }
 
 bool isMnc(std::string_view text) {
-    return (text.size() == 2 || text.size() == 3) && holdsDigitsAlone(text);
+    return (text.size() == 2 || text.size() == 3) && isNumeric(text);
 }
 
 bool isGlobal(std::string_view text) {
     constexpr std::size_t most = 15; // E.164
-    return text.starts_with('+') && text.size() <= most + 1 && holdsDigitsAlone(text.substr(1)) && text[1] != '0';
+    return text.starts_with('+') && text.size() <= most + 1 && isNumeric(text.substr(1)) && text[1] != '0';
 }
 
 // Visual separators, which the RFC would allow, help nobody here.

@@ -18,8 +18,6 @@ namespace nphost {
 
 namespace {
 
-constexpr std::array<std::string_view, searchMethodsCM> methodNames = {"best", "exact", "shortest"};
-
 void appendNumber(std::string& out, std::uint64_t number) {
     out += std::to_string(number);
 }
@@ -45,11 +43,6 @@ void AnswerWriter::begin() {
     versionM.append("-").append(std::to_string(tablesM));
     dataM = "\"data\":{\"epoch\":";
     appendNumber(dataM, statusM.loads);
-    dataM += ",\"loaded\":";
-    if (statusM.liveSince.isValid())
-        dataM.append("\"").append(clockTime(statusM.liveSince)).append("\"");
-    else
-        dataM += "null";
     dataM += '}';
 }
 
@@ -120,8 +113,7 @@ void AnswerWriter::addInstant(Line& line, BAS::DateTime at) const {
     line << '"';
 }
 
-void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::optional<unsigned int> method,
-                        std::string_view id, bool withData) {
+void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
     auto const& detail = answer.detail;
     std::string_view const stored = answer.stored.view();
     static std::string const none = "null";
@@ -140,8 +132,7 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::optio
         line << '+';
     line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
     addInstant(line, answer.at);
-    line << ",\"method\":\"" << methodNames[std::min(method.value_or(statusM.searchMethod), searchMethodsCM - 1)]
-         << (detail.found() ? "\",\"found\":true,\"network\":" : "\",\"found\":false,\"network\":");
+    line << (detail.found() ? ",\"found\":true,\"network\":" : ",\"found\":false,\"network\":");
     if (isLong) {
         out.append(line.view()).append(chosen);
         line = Line();
@@ -179,9 +170,7 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::optio
             line << id;
         }
     }
-    if (withData)
-        line << ',' << dataM;
-    line << "}\n";
+    line << ',' << dataM << "}\n";
     out.append(line.view());
 }
 

@@ -34,10 +34,8 @@ class AnswerWriter {
     std::string const& version() const { return versionM; }
     std::string const& accessCode() const { return accessCodeM; }
 
-    // Without a method it is the configured one. `id` is JSON, and goes with the answer if it is not empty.
-    // How the data stand goes with a single answer only: in a stream it would be most of what is said again and again.
-    void json(std::string& out, NumberAnswer const& answer, std::optional<unsigned int> method,
-              std::string_view id = {}, bool withData = true);
+    // `id` is JSON, and goes with the answer if it is not empty.
+    void json(std::string& out, NumberAnswer const& answer, std::string_view id = {});
     // "NUMBER<TAB>INSTANT<TAB>NETWORK", without an end of the line; the network is "-" where nothing is found.
     void text(std::string& out, NumberAnswer const& answer);
     // Quoted as CSV needs it.
