@@ -40,11 +40,13 @@ class HttpSetting {
     nphost::DataClock clockM{"Europe/London"};
     nphost::LoadGuard guardM{{}, hostM.plugIn(), hostM.log()};
     nphost::DataFileState dataFileM{hostM.plugIn()};
+    std::vector<std::filesystem::path> const foldersM{};
+    nphost::KeptFiles const keptM{std::filesystem::path(dataM), std::filesystem::path(configurationM)};
     nphost::LoadLane laneM{
-        hostM.plugIn(), {dataM, configurationM}, nphost::DeltaFolders({}), guardM, dataFileM, metricsM, hubM.wakeUp()};
+        hostM.plugIn(),     keptM, nphost::DeltaFolders(foldersM), guardM, dataFileM, metricsM, hubM.wakeUp(),
+        [] { return true; }};
     nphost::Service serviceM{{hostM.plugIn(), hostM.numbers(), guardM, dataFileM, hostM.log(), laneM}};
     NoCommands commandsM;
-    std::vector<std::filesystem::path> const foldersM{};
     std::vector<nphost::PassedSocket> const socketsM{};
     nphost::FrontParts const partsM{hostM.configuration(),
                                     foldersM,
