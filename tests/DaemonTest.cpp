@@ -369,7 +369,9 @@ TEST(DaemonNetworksTest, KeepsTheOldTableWhenTheNewOneIsWrong) {
                                   "networks.toml:4: 'mcc' must be three digits"},
                              Case{"[BRAVO]\nname = 'New'\n[B]\n", "New", "Networks:         2 in "}}) {
         site.folder.write("networks.toml", test.table);
-        site.expect("reload --wait", 0, "reload: done");
+        Result const reload = site.tell("reload --wait");
+        EXPECT_TRUE(reload.status == 0 && contains(reload.out, "reload: done")) << reload.out;
+        EXPECT_EQ(contains(reload.out, "the old table of networks serves on"), test.refused[0] != 0) << reload.out;
         Result const status = site.tell("status");
         EXPECT_TRUE(contains(status.out, test.status)) << status.out;
         EXPECT_EQ(contains(status.out, "not reread:"), test.refused[0] != 0) << status.out;

@@ -216,8 +216,15 @@ void Daemon::finishJobs() {
 
 void Daemon::answer(LoadLane::Job const& job) {
     try {
-        if (reserveM.isWhole())
-            return send(job.request.client, lineOf(toJson(job)));
+        if (reserveM.isWhole()) {
+            Json outcome = toJson(job);
+            // A reload of the data is told as one, whatever became of the table; but who waits must not think that
+            // both are new.
+            if (auto const table = partsM.networks.standing();
+                job.request.kind == LoadLane::RELOAD && table && !table->refusal.empty())
+                outcome["networksRefused"] = asUtf8(table->refusal);
+            return send(job.request.client, lineOf(std::move(outcome)));
+        }
     } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
     // Whoever waits gets an answer in any case, if one without reports.
