@@ -528,9 +528,6 @@ class Ctl {
         if (refused)
             for (Json const& reason : check.at("reasons"))
                 line("refused: " + orDash(reason));
-        if (answer.contains("networksRefused"))
-            line("MAJOR ERR_HOST_NETWORKS : the old table of networks serves on: " +
-                 orDash(answer.at("networksRefused")));
         line(optionsM.command +
              (succeeded ? ": done in "
               : refused ? ": REFUSED after "

@@ -73,7 +73,8 @@ Daemon::Daemon(Parts const& parts)
       laneM(plugInM,
             {plugInM.serviceStatus().dataFileName.str(), parts.configuration, parts.logFile,
              parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
-            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp()),
+            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp(),
+            [this] { return rereadTables(); }),
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
       postedM(parts.hub.wakeUp()), signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
@@ -169,18 +170,16 @@ void Daemon::reloadBySignal() {
     if (std::string const reason = partsM.log.reopen(); !reason.empty())
         reportOwn("ERR_HOST_LOG_FILE", BAS::Status::MAJOR, {BAS::String(reason)});
     partsM.notifier.reloading("reloading");
-    rereadTables();
     reloadingM = true;
     if (!laneM.hasWaitingSignalRequest()) // one that has not begun will see the present file
         laneM.push({LoadLane::RELOAD, "TRUE", {}, 0, true, false});
     reloadWantedM = false;
 }
 
-// What goes with the data, and may be changed with them.
-void Daemon::rereadTables() noexcept {
-    partsM.networks.reread();
-    if (httpM)
-        (*httpM)->reread();
+// What goes with the data, and may be changed with them. The lane's thread calls: nobody waits for these files.
+bool Daemon::rereadTables() noexcept {
+    bool const table = partsM.networks.reread();
+    return (!httpM || (*httpM)->reread()) && table;
 }
 
 // The control protocol's commands, whoever sends them.
@@ -216,15 +215,8 @@ void Daemon::finishJobs() {
 
 void Daemon::answer(LoadLane::Job const& job) {
     try {
-        if (reserveM.isWhole()) {
-            Json outcome = toJson(job);
-            // A reload of the data is told as one, whatever became of the table; but who waits must not think that
-            // both are new.
-            if (auto const table = partsM.networks.standing();
-                job.request.kind == LoadLane::RELOAD && table && !table->refusal.empty())
-                outcome["networksRefused"] = asUtf8(table->refusal);
-            return send(job.request.client, lineOf(std::move(outcome)));
-        }
+        if (reserveM.isWhole())
+            return send(job.request.client, lineOf(toJson(job)));
     } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
     // Whoever waits gets an answer in any case, if one without reports.
@@ -412,7 +404,6 @@ void Daemon::take(Client client, Json const& request, Take&& command) {
 
 void Daemon::reload(Client client, Json const& request) {
     bool const reuse = valueOf(request, "reuse", true);
-    rereadTables();
     take(client, request, [&](Service::Waiter waiter, bool force) { serviceM.reload(reuse, force, waiter); });
 }
 
