@@ -200,23 +200,12 @@ class TreePair {
     }
 
     void search(std::string const& key, char when) const {
-        std::string const digits = digitsOf(key);
-        std::string const exact = validAt(digits, when);
-        std::string best, shortest;
-        bool shortestMet = false;
-        for (std::size_t length = 1; length <= digits.size(); ++length) {
-            std::string const prefix = digits.substr(0, length);
-            std::string const found = validAt(prefix, when);
-            best = found.empty() ? best : found;
-            if (!shortestMet && modelM.count(prefix) != 0) {
-                shortestMet = true;
-                shortest = found;
-            }
+        std::vector<Stored> const prefixes = prefixesOf(digitsOf(key));
+        for (unsigned const method : {NumberPortabilityTree::BEST_MATCH, NumberPortabilityTree::EXACT_MATCH,
+                                      NumberPortabilityTree::ANY_PREFIX_MATCH, 77U}) {
+            checkSearch(key, when, method, chosen(prefixes, digitsOf(key).size(), instantOf(when).seconds(), method));
+            checkDetail(key, when, method, prefixes);
         }
-        checkSearch("best match", key, when, NumberPortabilityTree::BEST_MATCH, best);
-        checkSearch("exact match", key, when, NumberPortabilityTree::EXACT_MATCH, exact);
-        checkSearch("shortest prefix", key, when, NumberPortabilityTree::ANY_PREFIX_MATCH, shortest);
-        checkSearch("an unknown method", key, when, 77, shortest);
     }
 
     void print() const { checkListing(*treeM); }
@@ -252,28 +241,78 @@ class TreePair {
   private:
     using History = std::map<std::uint64_t, std::string, std::greater<>>;
 
-    // The network that the number itself has at the instant, or an empty text.
-    std::string validAt(std::string const& digits, char when) const {
-        auto const stored = modelM.find(digits);
-        if (stored == modelM.end())
-            return {};
-        auto const record = stored->second.lower_bound(instantOf(when).seconds());
-        return record == stored->second.end() ? std::string() : record->second;
+    // A stored prefix of some digits.
+    struct Stored {
+        std::size_t length;
+        History const* history;
+    };
+    // The record that a method chooses: of which prefix, 0 for none, from when on.
+    struct Choice {
+        std::size_t length = 0;
+        std::uint64_t from = 0;
+        std::string network = {};
+        bool operator==(Choice const&) const = default;
+    };
+
+    // The shortest first.
+    std::vector<Stored> prefixesOf(std::string const& digits) const {
+        std::vector<Stored> prefixes;
+        for (std::size_t length = 1; length <= digits.size(); ++length)
+            if (auto const stored = modelM.find(digits.substr(0, length)); stored != modelM.end())
+                prefixes.push_back({length, &stored->second});
+        return prefixes;
     }
 
-    void checkSearch(char const* what, std::string const& key, char when, unsigned method,
-                     std::string const& expected) const {
+    static Choice chosen(std::vector<Stored> const& prefixes, std::size_t digits, std::uint64_t at, unsigned method) {
+        Choice choice;
+        for (Stored const& prefix : prefixes) {
+            if (method == NumberPortabilityTree::EXACT_MATCH && prefix.length != digits)
+                continue;
+            if (auto const record = prefix.history->lower_bound(at); record != prefix.history->end())
+                choice = {prefix.length, record->first, record->second};
+            if (method > NumberPortabilityTree::EXACT_MATCH)
+                break;
+        }
+        return choice;
+    }
+
+    void checkSearch(std::string const& key, char when, unsigned method, Choice const& expected) const {
+        std::string const what = "search by " + std::to_string(method);
+        std::string const network = expected.length == 0 ? "UNCHANGED" : expected.network;
         NumberPortabilityData out(BAS::DateTime(), BAS::SimpleString("UNCHANGED"));
-        bool const found = treeM->search(BAS::String(key), instantOf(when), out, method);
-        checkEqual(what, key, found, !expected.empty());
-        checkEqual(what, key, out.networkIdM.view(), expected.empty() ? "UNCHANGED" : expected);
+        checkEqual(what.c_str(), key, treeM->search(BAS::String(key), instantOf(when), out, method),
+                   expected.length != 0);
+        checkEqual(what.c_str(), key, out.networkIdM.view(), network);
         bool foundOfMany[1] = {};
         NumberPortabilityData ofMany[1] = {{BAS::DateTime(), BAS::SimpleString("UNCHANGED")}};
         BAS::String const numbers[1] = {BAS::String(key)};
         BAS::DateTime const instants[1] = {instantOf(when)};
         treeM->search(numbers, instants, ofMany, foundOfMany, method);
-        checkEqual(what, key, foundOfMany[0], found);
-        checkEqual(what, key, ofMany[0].networkIdM.view(), out.networkIdM.view());
+        checkEqual(what.c_str(), key, foundOfMany[0], expected.length != 0);
+        checkEqual(what.c_str(), key, ofMany[0].networkIdM.view(), network);
+    }
+
+    void checkDetail(std::string const& key, char when, unsigned method, std::vector<Stored> prefixes) const {
+        std::string const what = "detail by " + std::to_string(method);
+        std::size_t const digits = digitsOf(key).size();
+        std::uint64_t const at = instantOf(when).seconds();
+        LookUpDetail details[1];
+        BAS::String const numbers[1] = {BAS::String(key)};
+        BAS::DateTime const instants[1] = {instantOf(when)};
+        treeM->describeMany(numbers, instants, details, method);
+        Choice const now = chosen(prefixes, digits, at, method);
+        checkEqual(what.c_str(), key, details[0].prefixDigits, now.length);
+        checkEqual(what.c_str(), key, details[0].record.networkIdM.view(), now.network);
+        std::uint64_t next = BAS::DateTime().seconds();
+        for (Stored const& prefix : prefixes)
+            for (auto const& [from, network] : *prefix.history)
+                if (from > at && from < next && chosen(prefixes, digits, from, method) != now)
+                    next = from;
+        checkEqual(("next change, " + what).c_str(), key, details[0].nextChange.seconds(), next);
+        std::erase_if(prefixes, [=](Stored const& prefix) { return prefix.length == digits; });
+        Choice const range = chosen(prefixes, digits, at, NumberPortabilityTree::BEST_MATCH);
+        checkEqual(("range, " + what).c_str(), key, details[0].rangeDigits, range.length);
+        checkEqual(("range, " + what).c_str(), key, details[0].range.networkIdM.view(), range.network);
     }
 
     void checkListing(NumberPortabilityTree const& tree) const {

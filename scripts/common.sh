@@ -26,13 +26,16 @@ need() {
 }
 
 build_packages=(g++ cmake dpkg-dev ninja-build libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libabsl-dev tzdata
-    libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev)
-test_packages=(libgtest-dev binutils pkg-config scdoc)
+    libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev libssl-dev)
+# The front over HTTP needs Boost 1.81; Debian 12's libboost-dev is 1.74.
+build_packages+=("$(. /etc/os-release; [ "${VERSION_ID:-}" = 12 ] && echo libboost1.81-dev || echo libboost-dev)")
+test_packages=(libgtest-dev binutils pkg-config scdoc curl openssl python3-jsonschema)
 lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
 package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config)
+metrics_packages=(prometheus curl openssl python3)
 
 # A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.
 if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then

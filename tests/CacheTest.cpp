@@ -239,7 +239,8 @@ class Filling : public Cache {
         std::vector<unsigned long> told;
         std::array<std::uint64_t, lineOutcomesCM> outcomes{};
         TreeFilling filling({dialling, 3, LineReporter(plugIn, dialling, reader), stop, gathered}, first,
-                            two ? &second : nullptr, [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
+                            two ? &second : nullptr,
+                            [&](unsigned long number, LineOutcome outcome, BAS::String const& line) {
                                 told.push_back(number);
                                 ++outcomes[static_cast<std::size_t>(outcome)];
                                 EXPECT_EQ(line.str(), lines[number - 1]);
@@ -962,9 +963,17 @@ class Generations : public Cache {
         std::vector<BAS::DateTime> const instants(numbers.size(), BAS::DateTime("20240101000000"));
         std::vector<NumberPortabilityData> records(numbers.size());
         std::array<bool, CacheManager::batchSizeCM> found{};
-        while (!stop) {
+        std::vector<LookUpDetail> details(numbers.size());
+        for (bool detailed = false; !stop; detailed = !detailed) {
             int const least = loaded;
-            cache->search(numbers, instants, records, found, 0);
+            if (detailed)
+                cache->describeMany(numbers, instants, details, 0);
+            else
+                cache->search(numbers, instants, records, found, 0);
+            for (std::size_t i = 0; detailed && i < found.size(); ++i) {
+                found[i] = details[i].found();
+                records[i] = details[i].record;
+            }
             for (std::size_t i = 0; i < found.size(); ++i)
                 if (!found[i] || records[i].networkIdM.view() != records[0].networkIdM.view())
                     ++wrong;

@@ -52,6 +52,13 @@ class Loop : private nphost::LineServer::Handler {
         turn();
     }
     bool isThere() const { return serverM.has(latestM); }
+    // What was noticed: opened, closed, turned away, slow requests, slow readers.
+    std::string noticedOf() const {
+        std::string text;
+        for (int const count : noticedM)
+            text += std::to_string(count) + " ";
+        return text;
+    }
 
     nphost::LineServer::Clock::time_point now;
     std::size_t bytes = 0; // of the latest request
@@ -66,10 +73,13 @@ class Loop : private nphost::LineServer::Handler {
 
     std::string refusal(std::string const& reason) override { return nphost::errorLine(reason); }
 
+    void noticed(nphost::LineServer::Event event) noexcept override { ++noticedM[static_cast<std::size_t>(event)]; }
+
     TemporaryFolder folderM;
     nphost::ListeningSocket socketM;
     nphost::LineServer serverM;
     nphost::LineServer::Client latestM = 0;
+    std::array<int, 5> noticedM{};
 };
 
 TEST(ControlServerTest, TimeLimits) {
@@ -108,6 +118,8 @@ TEST(ControlServerTest, TimeLimits) {
         while (test.line != nullptr && last == "answer")
             last = client->line();
         EXPECT_TRUE(test.line == nullptr || contains(last, test.line)) << last;
+        bool const slow = contains(last, "not finished in time");
+        EXPECT_EQ(loop.noticedOf(), test.line == nullptr ? "1 0 0 0 0 " : slow ? "1 1 0 1 0 " : "1 1 0 0 0 ");
     }
 }
 
@@ -124,6 +136,7 @@ TEST(ControlServerTest, UnreadLimits) {
         loop.now += 6s;
         loop.turn();
         EXPECT_FALSE(loop.isThere()) << "it reads nothing";
+        EXPECT_EQ(loop.noticedOf(), "1 1 0 0 1 ");
     }
 }
 
@@ -140,6 +153,7 @@ TEST(ControlServerTest, TurnsAwayTheOneTooMany) {
     clients.pop_back();
     loop.turn();
     EXPECT_EQ(loop.connect("a\n")->line(), "answer");
+    EXPECT_EQ(loop.noticedOf(), std::to_string(limitsCM.mostClients + 1) + " 1 1 0 0 ");
 }
 
 // While there is no descriptor for who wants to connect, the loop must wait and not turn.

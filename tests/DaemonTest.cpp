@@ -72,6 +72,7 @@ TEST(DaemonLifeTest, CannotStart) {
     for (Case const& test : {Case{"no data file", "", "gone.dat", "ERR_FILE_NOT_FOUND"},
                              Case{"a folder for a data file", "", "data.dat", "ERR_FILE_NOT_FOUND"},
                              Case{"a socket where none can be", "", "s", "cannot be made"},
+                             Case{"a table of networks that is none", "networks = \"data.dat\"\n", "", "data.dat"},
                              Case{"a log file where none can be", "logFile = \"none/log\"\n", "", "the log file"}}) {
         Site site(dataCM, test.more);
         std::filesystem::remove(site.data);
@@ -350,6 +351,39 @@ TEST_F(DaemonQuestionTest, ExplainsToPeople) {
           "  best:     BRAVO since 2021-03-01 02:00:00  (as configured)", "00447700900123 is the number itself",
           "  shortest: ALPHA since", "Next change (best): 2099-09-15 02:00:00, then CHARLIE"})
         EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
+}
+
+// With the data's zone, in which the question's instant is asked.
+TEST(DaemonNetworksTest, KeepsTheOldTableWhenTheNewOneIsWrong) {
+    Site site(dataCM, "networks = \"networks.toml\"\ndataZone = \"Europe/London\"\n");
+    site.folder.write("networks.toml", "[BRAVO]\nname = 'Bravo'\nmcc = '234'\n");
+    site.start();
+    struct Case {
+        std::string table; // what the file becomes
+        char const* name;  // of the network then
+        char const* status;
+        char const* refused = "";
+    };
+    for (Case const& test : {Case{"[BRAVO]\nname = 'Bravo'\n", "Bravo", "Networks:         1 in "},
+                             Case{"[BRAVO]\nname = 'New'\n[B]\nmcc = '1'\n", "Bravo", "Networks:         1 in ",
+                                  "networks.toml:4: 'mcc' must be three digits"},
+                             Case{"[BRAVO]\nname = 'New'\n[B]\n", "New", "Networks:         2 in "}}) {
+        site.folder.write("networks.toml", test.table);
+        site.expect("reload --wait", 0, "reload: done");
+        Result const status = site.tell("status");
+        EXPECT_TRUE(contains(status.out, test.status)) << status.out;
+        EXPECT_EQ(contains(status.out, "not reread:"), test.refused[0] != 0) << status.out;
+        EXPECT_TRUE(contains(status.out, test.refused)) << status.out;
+        site.expect("explain 00447700900123 --at 20240101000000", 0,
+                    ("BRAVO (" + std::string(test.name) + ") since").c_str());
+        Result const answer = site.tell("--json lookup --at 2024-07-01T00:00:00Z 00447700900123 0033");
+        EXPECT_EQ(answer.status, 1);
+        Json const json = Json::parse(answer.out);
+        EXPECT_EQ(json.at("at"), "20240701010000");
+        EXPECT_EQ(json.at("networks"), Json({{"BRAVO", {{"id", "BRAVO"}, {"name", test.name}}}})) << answer.out;
+    }
+    EXPECT_TRUE(contains(site.log(), " MAJOR ERR_HOST_NETWORKS ")) << site.log();
+    EXPECT_EQ(site.stop(), 0);
 }
 
 TEST_F(DaemonQuestionTest, ExplainsNestedPrefixesAndTheNextChange) {

@@ -406,6 +406,27 @@ TEST_F(EnrichTest, FormatsToTheByte) {
     }
 }
 
+TEST_F(EnrichTest, AddsWhatTheTableOfNetworksSays) {
+    folder.write("networks.toml", "[A]\nname = 'Ay, \"Ltd\"'\nmcc = '234'\nmnc = '15'\n"
+                                  "[B]\nroutingNumber = '0A17'\nroutingContext = '+44'\n");
+    folder.write("nphost.toml", contentOf(folder.file("nphost.toml")) + "[host]\nnetworks = \"networks.toml\"\n");
+    folder.write("a.csv",
+                 headCM + "00441," + tCM + "\n00441,20230101000000\n00442," + tCM + "\n,\n00449," + tCM + "\n");
+    EXPECT_EQ(run("--keep --add network-name,mcc,mnc,rn,rn-context a.csv").out,
+              "n,t,n_network,n_network_name,n_mcc,n_mnc,n_rn,n_rn_context\n00441," + tCM +
+                  ",A,\"Ay, \"\"Ltd\"\"\",234,15,,\n00441,20230101000000,B,,,,0A17,+44\n00442," + tCM +
+                  ",\"x,\"\"y\",,,,,\n,,,,,,,\n00449," + tCM + ",,,,,,\n");
+    folder.write("a.ndjson", "{\"n\":\"00441\",\"t\":" + tCM + "}\n{\"n\":\"00449\",\"t\":" + tCM + "}\n");
+    EXPECT_EQ(run("--add mcc,rn a.ndjson").out, "{\"n\":\"00441\",\"t\":" + tCM +
+                                                    ",\"n_network\":\"A\",\"n_mcc\":\"234\",\"n_rn\":null}\n"
+                                                    "{\"n\":\"00449\",\"t\":" +
+                                                    tCM + ",\"n_network\":null,\"n_mcc\":null,\"n_rn\":null}\n");
+    EXPECT_TRUE(contains(run("--no-quotes --keep --add network-name a.csv").err, "unwritable")) << "its comma";
+    folder.write("networks.toml", "[A]\nmcc = 234\n");
+    EXPECT_TRUE(contains(run("--add mcc a.csv").err, "networks.toml:2: 'mcc' must"));
+    EXPECT_EQ(run("a.csv --keep --output out.csv").status, 0 + 1) << "who wants nothing of it does not read it";
+}
+
 TEST_F(EnrichTest, ColumnsByNumberAndWithoutAHeader) {
     folder.write("a.csv", "n,n,t\n00441,00442,20220101000000\n");
     EXPECT_EQ(shell(folder, "ENRICH --number 2 --number 1 --time t a.csv").out,
@@ -490,6 +511,7 @@ constexpr Refused refusedCM[] = {
     {"good.csv --number 3", "no column '3'"},
     {"good.csv --number 2", "named twice"},
     {"good.csv --add networks", "'networks' is not one of"},
+    {"good.csv --add prefix,mcc", "nphost.toml: there is no key 'networks' in [host]"},
     {"good.csv --rejects -", "name a file"},
     {"good.csv --rejects none/r", "none/r cannot be written: its folder: No such file"},
     {"old.csv", "old.csv: its lines end in carriage returns alone"},

@@ -13,6 +13,7 @@
 #include "host/module/LookUpBatch.h"
 #include "host/records/ByteSource.h"
 #include "tests/LimitedMemory.h"
+#include "tests/ProgramRun.h"
 #include "tests/SeededRandom.h"
 #include "tests/Spawn.h"
 #include "tests/TemporaryFolder.h"
@@ -611,6 +612,36 @@ TEST(HostCheckTest, CountsEachLineOnce) {
     EXPECT_FALSE(contains(json.out, "\xff"));
 }
 
+TEST(HostCheckTest, HoldsTheTableOfNetworksAgainstTheFile) {
+    ConfiguredFolder const site("00441 20200101000000 A\n00442 20200101000000 B\n00443 20200101000000 C\n");
+    site.folder.write("with.toml", contentOf(site.configuration) + "[host]\nnetworks = \"networks.toml\"\n");
+    site.folder.write("networks.toml", "[B]\nname = 'Bee'\n[D]\n");
+    struct Case {
+        char const* arguments;
+        int status;
+        char const* part;
+    };
+    auto const expect = [&site](Case const& test) {
+        Result const result = runShell(site.folder, std::string("nphost check --config ") + test.arguments);
+        EXPECT_EQ(result.status, test.status) << test.arguments << result.err;
+        EXPECT_TRUE(contains(result.out + result.err, test.part)) << test.arguments << "\n" << result.out << result.err;
+    };
+    for (Case const& test :
+         {Case{"with.toml --networks", 0, "Networks in the table:       2\n"},
+          Case{"with.toml --networks --json", 0, "{\"networkTable\":{\"count\":2,\"file\":\"networks.toml\"}}\n"},
+          Case{"with.toml --networks data.dat", 0,
+               "Networks in the table:       2\n  not in it:                 2\n    A\n    C\n"
+               "  without records:           1\n    D\n"},
+          Case{"with.toml --networks --json data.dat", 0,
+               "\"file\":\"networks.toml\",\"lacking\":[\"A\",\"C\"],\"unused\":[\"D\"]},\"networks\":{\"A\":1"},
+          Case{"nphost.toml --networks", 2, "nphost.toml: there is no key 'networks' in [host]"},
+          Case{"with.toml", 2, "FILE is required"}, Case{"with.toml --networks --all", 2, "FILE is required"}})
+        expect(test);
+    site.folder.write("networks.toml", "[B]\nname = 5\n");
+    expect({"with.toml --networks data.dat", 2, "networks.toml:2: 'name' must be a text"});
+    expect({"with.toml data.dat", 0, "Records by network:"});
+}
+
 TEST(HostCheckTest, CleanEmptyAndUnreadable) {
     ConfiguredFolder const setup("");
     Result const clean = run({"check", "--config", exampleCM, exampleDataCM});
@@ -775,6 +806,8 @@ std::vector<Misconfigured> const misconfiguredCM = {
      "does not fit this host: it is of version "},
     {"other sizes", configurationCM + "[host]\nmodule = \"" NP_OTHER_MODULES "sizes.so\"\n",
      "does not fit this host: its objects have other sizes"},
+    {"no zone", configurationCM + "[host]\ndataZone = \"Europe/Londno\"\n",
+     "bad.toml:6: 'dataZone': there is no time zone 'Europe/Londno'"},
     {"no catalogue", configurationCM + "[host]\nmessages = \"none.toml\"\n", "none.toml: cannot be read: No such file"},
     {"a catalogue of numbers", configurationCM + "[host]\nmessages = \"numbers.toml\"\n",
      "numbers.toml:1: 'A' must be a text"},
@@ -791,6 +824,51 @@ TEST(HostConfigurationTest, ErrorsAreOneLineThatNamesThePlace) {
     expectOneLine(run({"lookup", "--config", setup.folder.file("none.toml"), "00441"}),
                   "none.toml: cannot be read: No such file or directory", "no such file");
     expectOneLine(run({"lookup", "--config", setup.folder.path().string(), "00441"}), "Is a directory", "a folder");
+}
+
+// Of the records one is in force already where clocks are 14 hours ahead of UTC, and is to come elsewhere.
+TEST(HostZoneTest, EveryCommandGoesByTheDatasClock) {
+    std::string const soon = nphost::digitsOf(BAS::DateTime::fromSeconds(BAS::DateTime::now().seconds() + 7UL * 3600));
+    ConfiguredFolder const site("00441 20200101000000 OLD\n00441 " + soon + " NEW\n");
+    site.folder.write("old.dat", "00441 20200101000000 OLD\n");
+    site.folder.write("ahead.toml", contentOf(site.configuration) + "[host]\ndataZone = \"Pacific/Kiritimati\"\n");
+    site.folder.write("times.csv", "n,t,o\n00441,2020-06-01T10:00:00Z,OP\n");
+    struct Case {
+        std::string command;
+        std::string ahead; // what it writes there
+        std::string utc = {};
+    };
+    std::string const found = "\t20200101000000\tOLD\n";
+    std::string const upcoming = soon + "\t00441\tOLD\tNEW\n";
+    for (Case const& test :
+         {Case{"lookup CONFIG 00441 | cut -f 4", "NEW\n", "OLD\n"},
+          Case{"lookup CONFIG --at 2020-06-01T10:00:00Z 00441", "00441\t20200602000000" + found,
+               "00441\t20200601100000" + found},
+          Case{"lookup CONFIG --at 20200601100000 00441", "00441\t20200601100000" + found,
+               "00441\t20200601100000" + found},
+          Case{"lookup CONFIG - <questions", "00441\t20200602000000" + found + "00441\t20200602020000" + found,
+               "00441\t20200601100000" + found + "00441\t20200601120000" + found},
+          Case{"upcoming CONFIG", "", upcoming},
+          Case{"upcoming CONFIG --from 2019-12-31T09:59:59Z --until 2019-12-31T10:00:00Z",
+               "20200101000000\t00441\t-\tOLD\n"},
+          Case{"diff CONFIG --list moved old.dat data.dat | grep NEW | wc -l", "1\n", "0\n"},
+          Case{"diff CONFIG --json --at 2020-06-01T10:00:00Z old.dat old.dat | grep -o '\"at\":\"[0-9]*'",
+               "\"at\":\"20200602000000\n", "\"at\":\"20200601100000\n"},
+          Case{"import CONFIG --map number=n,valid-from=t,network=o --time-format iso times.csv",
+               "00441  20200602000000  OP\n", "00441  20200601100000  OP\n"},
+          Case{"import CONFIG --map number=n,valid-from=t,network=o --time-format iso --zone Europe/Paris times.csv",
+               "00441  20200601120000  OP\n", "00441  20200601120000  OP\n"},
+          Case{"enrich CONFIG --number n --time t --time-format iso later.csv | grep -c NEW", "1\n", "0\n"}}) {
+        site.folder.write("questions", "00441 2020-06-01 10:00:00Z best\n00441 2020-06-01T10:00:00-02:00\n");
+        std::string const iso = soon.substr(0, 8) + "T" + soon.substr(8);
+        site.folder.write("later.csv", "n,t\n00441," + iso + "+13:59\n");
+        for (bool const ahead : {true, false}) {
+            std::string const file = ahead ? "ahead.toml" : site.configuration;
+            Result const result =
+                runShell(site.folder, "nphost " + replaced(test.command, "CONFIG", "--config " + file));
+            EXPECT_EQ(result.out, ahead ? test.ahead : test.utc) << test.command << "\n" << result.err;
+        }
+    }
 }
 
 TEST(HostConfigurationTest, PathsAreTakenFromTheFilesFolder) {

@@ -1,5 +1,6 @@
 // Operators' feeds made into data files.
 #include "host/base/HostError.h"
+#include "host/fields/NetworkTable.h"
 #include "host/import/ImportCommand.h"
 #include "host/records/Compression.h"
 #include "tests/ProgramRun.h"
@@ -67,8 +68,12 @@ std::string gzipped(std::string const& text) {
     return std::string(nphost::Compressor(nphost::Compression::GZIP).compress(text, place));
 }
 
+// What the example's keys need.
+constexpr nphost::SectionDeclaration sectionsCM[] = {{"host", nphost::NetworkTable::Settings::declare}};
+
 void normalise(ImportOptions& options) {
     options.normalise = true;
+    options.common.sections = sectionsCM;
     options.common.configuration = exampleCM;
 }
 

@@ -46,7 +46,9 @@ class UnreadPipe {
 // A daemon whose allocations are refused as the test wants.
 class StarvingSite : public Site {
   public:
-    explicit StarvingSite(std::string const& content = dataCM) : Site(content, "[host.guard]\nminRecords = 1\n") {
+    explicit StarvingSite(std::string const& content = dataCM)
+        : Site(content, "networks = \"networks.toml\"\n[host.guard]\nminRecords = 1\n") {
+        folder.write("networks.toml", "[BRAVO]\nname = \"a name of more than fifteen letters\"\n");
         std::string const file = folder.write("refusal", std::string(sizeof(Refusal), '\0'));
         int const descriptor = open(file.c_str(), O_RDWR | O_CLOEXEC);
         refusal = new (mmap(nullptr, sizeof(Refusal), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0)) Refusal;

@@ -1,4 +1,5 @@
 // What the daemon counts, and the text that Prometheus scrapes.
+#include "host/base/ProcessFigures.h"
 #include "host/http/MetricsText.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -53,7 +55,8 @@ std::set<std::string> familiesOf(std::string const& text) {
     }
     std::set<std::string> families;
     for (auto const& [family, type] : types) {
-        std::string row = family + "|" + type + "|";
+        std::string row = family;
+        row.append("|").append(type).append("|");
         for (std::string const& label : labels[family])
             row += label == "le" ? "" : label + " ";
         families.insert(row);
@@ -192,6 +195,33 @@ TEST(MetricsTest, TellsHistogramsThatAddUpAndLoads) {
     };
     for (auto const& [name, value] : expected)
         EXPECT_TRUE(samples.contains(name) && samples.at(name) == value) << name << '\n' << text;
+}
+
+// The system tells them by place in a line, and by names that differ from what they are called here.
+TEST(MetricsTest, TellsOfThisProcess) {
+    using nphost::ProcessFigures;
+    auto const started = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    ProcessFigures const before = ProcessFigures::now();
+    std::vector<char> memory(64UL << 20, 'x');
+    std::array<int, 3> descriptors{};
+    for (int& descriptor : descriptors)
+        descriptor = dup(STDERR_FILENO);
+    std::atomic<bool> end{false};
+    std::thread other([&end] { end.wait(false); });
+    ProcessFigures const now = ProcessFigures::now();
+    end = true;
+    end.notify_all();
+    other.join();
+    for (int const descriptor : descriptors)
+        close(descriptor);
+    EXPECT_EQ(now.openDescriptors.value(), before.openDescriptors.value() + descriptors.size());
+    EXPECT_EQ(now.threads.value(), before.threads.value() + 1);
+    EXPECT_GE(now.residentBytes.value(), before.residentBytes.value() + memory.size());
+    EXPECT_GE(now.virtualBytes.value(), now.residentBytes.value());
+    EXPECT_GE(now.mostDescriptors.value_or(100), descriptors.size());
+    EXPECT_GT(now.cpuSeconds.value(), 0);
+    EXPECT_LT(now.cpuSeconds.value(), 60);
+    EXPECT_NEAR(now.startSeconds.value(), started, 60);
 }
 
 TEST(MetricsTest, IsDocumented) {

@@ -1,7 +1,8 @@
-// The times of foreign files: every format in a table, and zones against the C library's.
+// The times of foreign files: every format in a table, zones against the C library's, and the data's clock.
 #include "host/fields/TimeReader.h"
 #include "host/base/HostError.h"
 #include "host/base/Instant.h"
+#include "host/fields/DataClock.h"
 #include "tests/SeededRandom.h"
 
 #include <gtest/gtest.h>
@@ -232,6 +233,63 @@ void expectAgreement(nphost::TimeZone const& zone, std::int64_t time, std::strin
     std::size_t const times = SystemZone::timesOf(time).size();
     Doubt const doubt = times == 0 ? Doubt::IMPOSSIBLE : times == 1 ? Doubt::NONE : Doubt::AMBIGUOUS;
     ASSERT_EQ(zone.judge(fromUnix(time)).doubt, doubt) << label << "the clock time " << digitsOf(fromUnix(time));
+    std::int64_t const begin = zone.beginOf(fromUnix(time));
+    ASSERT_GE(begin + SystemZone::offsetAt(begin), time) << label;
+    ASSERT_LT(begin - 1 + SystemZone::offsetAt(begin - 1), time) << label;
+    if (times > 0) {
+        ASSERT_EQ(begin, *SystemZone::timesOf(time).begin()) << label;
+    }
+}
+
+struct Told {
+    char const* zone;
+    char const* text;
+    char const* iso; // as the instant that it is read as is shown; empty: it is none
+    char const* utc;
+};
+
+std::vector<Told> const toldCM = {
+    {"UTC", "20240701120000", "2024-07-01T12:00:00+00:00", "20240701120000"},
+    {"UTC", "2024-07-01T12:00:00+02:00", "2024-07-01T10:00:00+00:00", "20240701100000"},
+    {"Europe/London", "20240701120000", "2024-07-01T12:00:00+01:00", "20240701110000"},
+    {"Europe/London", "2024-07-01 12:00:00", "2024-07-01T12:00:00+01:00", "20240701110000"},
+    {"Europe/London", "2024-07-01T12:00:00Z", "2024-07-01T13:00:00+01:00", "20240701120000"},
+    {"Europe/London", "2024-07-01T12:00:00-03:30", "2024-07-01T16:30:00+01:00", "20240701153000"},
+    // the hour that came twice is one in the data, and the first is shown
+    {"Europe/London", "2024-10-27T00:59:59Z", "2024-10-27T01:59:59+01:00", "20241027005959"},
+    {"Europe/London", "2024-10-27T01:00:00Z", "2024-10-27T01:00:00+01:00", "20241027000000"},
+    {"Europe/London", "2024-10-27T01:59:59Z", "2024-10-27T01:59:59+01:00", "20241027005959"},
+    {"Europe/London", "2024-10-27T02:00:00Z", "2024-10-27T02:00:00+00:00", "20241027020000"},
+    // the hour that was left out stays in the data as it stands, and is over when it should begin
+    {"Europe/London", "2024-03-31T00:59:59Z", "2024-03-31T00:59:59+00:00", "20240331005959"},
+    {"Europe/London", "20240331013000", "2024-03-31T01:30:00+01:00", "20240331010000"},
+    {"Europe/London", "2024-03-31T01:00:00Z", "2024-03-31T02:00:00+01:00", "20240331010000"},
+    {"Asia/Kathmandu", "2024-07-01T12:00:00Z", "2024-07-01T17:45:00+05:45", "20240701120000"},
+    {"America/St_Johns", "2024-01-01T12:00:00Z", "2024-01-01T08:30:00-03:30", "20240101120000"},
+    {"Pacific/Kiritimati", "9999-12-31T12:00:00Z", "", ""},
+    {"Pacific/Kiritimati", "00010101000000", "0001-01-01T00:00:00-10:29", "00010101102920"},
+    {"Asia/Kolkata", "2050-06-01T11:30:00Z", "2050-06-01T17:00:00+05:30", "20500601113000"},
+    {"Asia/Kolkata", "00010101055328", "0001-01-01T05:53:28+05:53", "00010101000000"}, // local mean time
+    {"Etc/GMT-14", "00010101000000", "0001-01-01T00:00:00+14:00", "00010101000000"},
+    {"Etc/GMT+12", "99991231235959", "9999-12-31T23:59:59-12:00", "99991231235959"},
+    {"Europe/London", "2024-06-31T12:00:00Z", "", ""},
+    {"Europe/London", "2024-07-01", "", ""},
+    {"Europe/London", "Z", "", ""},
+    {"Europe/London", "", "", ""},
+};
+
+TEST(DataClockTest, ReadsAndShowsInstantsOfItsZone) {
+    for (Told const& test : toldCM) {
+        nphost::DataClock const clock(test.zone);
+        BAS::DateTime const at = clock.read(test.text);
+        std::string iso;
+        std::string utc;
+        if (at.isValid()) {
+            clock.appendIso(iso, at);
+            utc = digitsOf(clock.toUtc(at));
+        }
+        EXPECT_EQ(iso + " " + utc, test.iso + std::string(" ") + test.utc) << test.zone << " " << test.text;
+    }
 }
 
 // Random times; half of them near a change, both as absolute times and as clock times.

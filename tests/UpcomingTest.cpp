@@ -150,12 +150,16 @@ namespace {
 // A plug-in that serves, with notices by a clock of the test's, which begins long after the load.
 class Served {
   public:
-    explicit Served(ConfiguredFolder const& site)
+    // The data's clock is that many seconds ahead of UTC.
+    explicit Served(ConfiguredFolder const& site, bool announces = true, std::uint64_t offset = 0)
         : targetM(site.folder.file("log")),
           hostM(nphost::readConfiguration(site.configuration, nphost::sectionsCM), {site.configuration, false},
                 nphost::LogSettings{true, false, &targetM, &hubM}) {
         hostM.start();
-        noticesM = std::make_unique<nphost::ChangeNotices>(hostM.plugIn(), hubM.wakeUp(), true, [this] { return now; });
+        noticesM = std::make_unique<nphost::ChangeNotices>(
+            hostM.plugIn(), hubM.wakeUp(), announces,
+            nphost::ChangeNotices::Clocks{[this] { return now; },
+                                          [offset](BAS::DateTime utc) { return second(utc.seconds() + offset); }});
     }
 
     void reload() {
@@ -185,6 +189,8 @@ class Served {
         return notices;
     }
 
+    std::optional<BAS::DateTime> next() const { return noticesM->next(); }
+
     BAS::DateTime now = second(BAS::DateTime::now().seconds() + 100000);
 
   private:
@@ -210,6 +216,18 @@ TEST(ChangeNoticesTest, SearchesAgainAMinuteAfterMemoryDidNotSuffice) {
     EXPECT_EQ(served.noticesAt(later).size(), 1);
 }
 
+// What took effect before the load by the data's clock is not announced, though it is still to come by UTC.
+TEST(ChangeNoticesTest, KnowsWhenDataWentLiveByTheirOwnClock) {
+    std::uint64_t const utc = BAS::DateTime::now().seconds();
+    ConfiguredFolder const site("0171 " + digitsOf(second(utc + 1800)) + " A\n0172 " + digitsOf(second(utc + 7200)) +
+                                " B\n");
+    Served served(site, true, 3600);
+    served.now = second(utc + 7200 - 11);
+    ASSERT_TRUE(served.hasListIn(10'000));
+    EXPECT_EQ(served.noticesAt(second(utc + 7200)),
+              (std::vector<std::vector<std::string>>{{"1", "0044172", "B", digitsOf(second(utc + 7200))}}));
+}
+
 TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
     using Notices = std::vector<std::vector<std::string>>;
     ConfiguredFolder const site("0171 20200101000000 A\n");
@@ -221,6 +239,16 @@ TEST(ChangeNoticesTest, RenewsItsListAfterALoad) {
     auto const after = [&](std::uint64_t seconds) { return second(begin.seconds() + seconds); };
     site.folder.write("data.dat", "0172 " + digitsOf(after(11)) + " B\n0171 " + digitsOf(after(11)) + " A\n0173 " +
                                       digitsOf(after(31)) + " C\n");
+    {
+        Served silent(site, false);
+        silent.now = begin;
+        ASSERT_TRUE(silent.hasListIn(10000));
+        EXPECT_EQ(silent.next(), after(11));
+        EXPECT_EQ(silent.noticesAt(after(11)), Notices());
+        EXPECT_EQ(silent.next(), after(31));
+        EXPECT_EQ(silent.noticesAt(after(31)), Notices());
+        EXPECT_EQ(silent.next(), std::nullopt);
+    }
     Served served(site);
     served.now = begin;
     ASSERT_TRUE(served.hasListIn(10000));

@@ -7,13 +7,13 @@ namespace npbench {
 
 namespace {
 
+using DAT::NumberPortability::LookUpDetail;
 using DAT::NumberPortability::NumberPortabilityTree;
 
-class Ours : public PeerOf<Ours> {
+template <class Structure>
+class OursAs : public PeerOf<Structure> {
   public:
     static constexpr bool batchesCM = true;
-
-    char const* name() const override { return "this tree"; }
 
     void fill(PortabilityData const& data, Order order) override {
         data.visit(order, [&](Key key) {
@@ -28,13 +28,37 @@ class Ours : public PeerOf<Ours> {
     bool find(BAS::String const& number, BAS::DateTime at, NumberPortabilityData& out) const {
         return treeM.search(number, at, out, NumberPortabilityTree::BEST_MATCH);
     }
+
+  protected:
+    NumberPortabilityTree treeM;
+};
+
+class Ours : public OursAs<Ours> {
+  public:
+    char const* name() const override { return "this tree"; }
+
     void findMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                   std::span<NumberPortabilityData> records, std::span<bool> found) const {
         treeM.search(numbers, instants, records, found, NumberPortabilityTree::BEST_MATCH);
     }
+};
+
+// Batches by describeMany; single look-ups are those of the tree.
+class OursDetailed : public OursAs<OursDetailed> {
+  public:
+    char const* name() const override { return "this tree, with details"; }
+
+    void findMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
+                  std::span<NumberPortabilityData> records, std::span<bool> found) {
+        treeM.describeMany(numbers, instants, detailsM, NumberPortabilityTree::BEST_MATCH);
+        for (std::size_t i = 0; i < numbers.size(); ++i) {
+            found[i] = detailsM[i].found();
+            records[i] = detailsM[i].record;
+        }
+    }
 
   private:
-    NumberPortabilityTree treeM;
+    std::array<LookUpDetail, batchCM> detailsM;
 };
 
 class Plain : public PeerOf<Plain> {
@@ -67,6 +91,10 @@ class Plain : public PeerOf<Plain> {
 
 std::unique_ptr<Peer> makeOurs() {
     return std::make_unique<Ours>();
+}
+
+std::unique_ptr<Peer> makeOursDetailed() {
+    return std::make_unique<OursDetailed>();
 }
 
 std::unique_ptr<Peer> makePlain() {

@@ -82,8 +82,9 @@ class PeerOf : public Peer {
     Structure& self() { return static_cast<Structure&>(*this); }
 };
 
-// The tree of this project, its plain layout, and the others.
+// The tree of this project, the same asked for details, its plain layout, and the others.
 std::unique_ptr<Peer> makeOurs();
+std::unique_ptr<Peer> makeOursDetailed();
 std::unique_ptr<Peer> makePlain();
 std::unique_ptr<Peer> makeAbsl();
 std::unique_ptr<Peer> makeAbslAhead();

@@ -62,6 +62,7 @@ Json measureLookUps(Ground const& ground) {
     Competition competition(ground.data(), settings.order, settings.queries, Competition::allColumns());
     for (PeerMaker const maker : allPeers())
         competition.enter(maker);
+    competition.enter(makeOursDetailed);
     competition.run(settings.rounds);
     return Json::array({competition.table("look-ups", "Best-match look-ups")});
 }

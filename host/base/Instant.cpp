@@ -1,8 +1,5 @@
 #include "host/base/Instant.h"
 
-#include "host/base/HostError.h"
-#include "host/base/Text.h"
-
 namespace nphost {
 
 BAS::DateTime parseInstant(std::string_view text) noexcept {
@@ -10,7 +7,7 @@ BAS::DateTime parseInstant(std::string_view text) noexcept {
     if (text.size() == instantDigitsCM)
         return BAS::DateTime(text);
     constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:dd";
-    // No other offset is taken: the zone of the data is not known here.
+    // No other offset is taken: the data's zone is not known here.
     if (text.size() == pattern.size() + 1 && text.back() == 'Z')
         text.remove_suffix(1);
     if (text.size() != pattern.size())
@@ -24,15 +21,6 @@ BAS::DateTime parseInstant(std::string_view text) noexcept {
             return {};
     }
     return BAS::DateTime(std::string_view(digits, count));
-}
-
-BAS::DateTime instantOf(std::optional<std::string> const& option, BAS::DateTime otherwise) {
-    BAS::DateTime const at = option ? parseInstant(*option) : otherwise;
-    // An invalid instant is later than all others, and would silently ask for the newest record.
-    if (option && !at.isValid())
-        throw HostError("'" + shortened(*option) +
-                        "' is not a valid instant; write YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS");
-    return at;
 }
 
 std::string digitsOf(BAS::DateTime at) {

@@ -2,7 +2,7 @@
 //
 // Purpose: what is watched of every process, under whatever name: see http/MetricsText.h.
 // Ownership: a value. Threads: no state. Errors: std::bad_alloc; what the system does not tell is missing.
-// Complexity: a few system calls, and one step an open descriptor.
+// Complexity: a few system calls, and before Linux 6.2 one step an open descriptor.
 #pragma once
 
 #include <cstdint>

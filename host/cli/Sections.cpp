@@ -3,6 +3,8 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/daemon/ClientModules.h"
+#include "host/fields/DataClock.h"
+#include "host/fields/NetworkTable.h"
 #include "host/http/HttpSettings.h"
 #include "host/module/GuardLimits.h"
 #include "host/module/HostSettings.h"
@@ -19,6 +21,8 @@ constexpr SectionDeclaration declarationsCM[] = {
     {"host", DeltaFolders::Settings::declare},
     {"host", ChangeNotices::Settings::declare},
     {"host", ClientModules::Settings::declare},
+    {"host", DataClock::Settings::declare},
+    {"host", NetworkTable::Settings::declare},
     {"http", HttpSettings::declare},
 };
 

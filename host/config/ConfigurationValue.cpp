@@ -1,5 +1,6 @@
 #include "host/config/ConfigurationValue.h"
 
+#include "host/base/HostError.h"
 #include "host/base/Text.h"
 #include "host/config/Section.h"
 
@@ -107,6 +108,14 @@ std::vector<std::filesystem::path> ConfigurationValue::modules() const {
 
 std::vector<std::string> ConfigurationValue::texts() const {
     return list(&ConfigurationValue::text);
+}
+
+void ConfigurationValue::check(std::function<void()> const& judge) const {
+    try {
+        judge();
+    } catch (HostError const& reason) {
+        throw errorAt(fileM, nodeM.source(), "'" + shownKey() + "': " + reason.what());
+    }
 }
 
 template <class Entry>

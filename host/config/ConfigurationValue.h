@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,9 @@ class ConfigurationValue {
     std::vector<std::filesystem::path> files() const;
     std::vector<std::filesystem::path> modules() const;
     std::vector<std::string> texts() const;
+
+    // A HostError of the judge's becomes one of this value.
+    void check(std::function<void()> const& judge) const;
 
     // That relative names are taken from.
     std::filesystem::path folder() const { return fileM.parent_path(); }

@@ -9,8 +9,8 @@
 
 namespace nphost {
 
-ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces, DueChanges::Clock clock)
-    : plugInM(plugIn), wakeUpM(wakeUp), announcesM(announces), clockM(std::move(clock)), dueM(clockM),
+ChangeNotices::ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces, Clocks clocks)
+    : plugInM(plugIn), wakeUpM(wakeUp), announcesM(announces), clocksM(std::move(clocks)), dueM(clocksM.now),
       threadM([this] { run(); }) {}
 
 // A search under way is waited for: it cannot be broken off, and uses the plug-in.
@@ -28,14 +28,14 @@ void ChangeNotices::step() {
     if (auto const found = takeFound()) {
         askedM = false;
         if (found->complete)
-            dueM.renew(found->changes, found->liveSince);
+            dueM.renew(found->changes, clocksM.at(found->liveSince));
         else
             // An old list, if there is one, goes on being announced meanwhile.
-            failedAtM = clockM();
+            failedAtM = clocksM.now();
     }
     DAT::NumberPortability::ServiceStatus const status = plugInM.serviceStatus();
     if (dueM.isDue())
-        if (auto const notice = dueM.take(status.liveSince))
+        if (auto const notice = dueM.take(clocksM.at(status.liveSince)))
             announce(*notice);
     // After a load the old list is out of date, whatever became of it; a search that failed waits for its pause.
     if (status.loads != loadsM || ((dueM.wantsList() || failedAtM) && !askedM && pauseLeft() == 0))
@@ -47,7 +47,7 @@ std::uint64_t ChangeNotices::pauseLeft() const {
     constexpr std::uint64_t pauseSeconds = 60; // when memory is short, a search in a loop would not mend it
     if (!failedAtM)
         return 0;
-    std::uint64_t const now = clockM().seconds();
+    std::uint64_t const now = clocksM.now().seconds();
     std::uint64_t const failed = failedAtM->seconds();
     return now < failed ? 0 : failed + pauseSeconds - std::min(now, failed + pauseSeconds);
 }
@@ -81,7 +81,7 @@ void ChangeNotices::request(DAT::NumberPortability::ServiceStatus const& status)
     failedAtM.reset();
     // The loads of now, not of the search's end: a load that ends meanwhile makes for another search.
     loadsM = status.loads;
-    BAS::DateTime const after = dueM.listAfter(status.liveSince);
+    BAS::DateTime const after = dueM.listAfter(clocksM.at(status.liveSince));
     {
         BAS::MutexGuard const guard(lockM);
         // One that has not begun yet is replaced: nobody wants the older list any more.

@@ -6,7 +6,7 @@
 // Where nothing is to be announced it only says what is next.
 // Ownership: borrows the plug-in and the loop's wake-up. Destruction waits for a search that is under way.
 // Threads: the loop's, and the searching one. Look-ups are not held up by a search; an exchange of the data waits for
-// it, as for a print. The one clock is that of the constructor, called by the loop's thread.
+// it, as for a print. The clocks are called by the loop's thread.
 // Errors: construction throws std::system_error when there is no thread; std::bad_alloc. A search that memory did not
 // suffice for is reported by the plug-in, and tried again after a minute, or after the next load.
 // Complexity: a search is linear in the numbers, a step in what is due; memory is that of UpcomingChanges.
@@ -21,6 +21,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <thread>
 
@@ -37,8 +38,13 @@ class ChangeNotices {
         }
     };
 
-    ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces,
-                  DueChanges::Clock clock = BAS::DateTime::now);
+    // What the data's clock shows: now, and at an instant of UTC, in which the plug-in tells when data went live.
+    struct Clocks {
+        DueChanges::Clock now = BAS::DateTime::now;
+        std::function<BAS::DateTime(BAS::DateTime)> at = [](BAS::DateTime utc) { return utc; };
+    };
+
+    ChangeNotices(LoadedPlugIn& plugIn, WakeUp const& wakeUp, bool announces, Clocks clocks);
     ChangeNotices(ChangeNotices const&) = delete;
     ChangeNotices& operator=(ChangeNotices const&) = delete;
     ~ChangeNotices();
@@ -72,7 +78,7 @@ class ChangeNotices {
     WakeUp const& wakeUpM;
     BAS::RegisteredObject senderM; // has no name and needs none to send
     bool const announcesM;
-    DueChanges::Clock const clockM;
+    Clocks const clocksM;
     DueChanges dueM;
     std::uint64_t loadsM = 0;               // that had ended when the latest search was asked for
     bool askedM = false;                    // a search is under way

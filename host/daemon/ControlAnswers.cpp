@@ -166,6 +166,39 @@ class AnswerSize {
     std::size_t bytesM = 0;
 };
 
+// What the table says of the networks in an answer, of each once: {"D001": {"id": "D001", "name": ...}}. Without a table
+// there is nothing.
+class Details {
+  public:
+    Details(NetworkTable const* table, AnswerSize& size) : tableM(table), sizeM(size) {}
+
+    void add(std::string_view network) {
+        if (tableM == nullptr)
+            return;
+        std::string id = asUtf8(network);
+        if (networksM.contains(id))
+            return;
+        std::string text;
+        appendNetwork(text, network, tableM->find(network));
+        sizeM.add(text.size());
+        networksM[std::move(id)] = Json::parse(text);
+    }
+    // Whose record may be older than those that a history shows.
+    void add(Explanation::Choice const& choice) {
+        if (choice.record != nullptr)
+            add(choice.record->networkIdM.view());
+    }
+    void addTo(Json& answer) {
+        if (tableM != nullptr)
+            answer["networks"] = std::move(networksM);
+    }
+
+  private:
+    NetworkTable const* tableM;
+    AnswerSize& sizeM;
+    Json networksM = Json::object();
+};
+
 // The same keys in every answer, whether something is found or not.
 Json recordOf(Explanation::Choice const& choice) {
     if (choice.record == nullptr)
@@ -179,10 +212,9 @@ Json recordOf(Explanation::Choice const& choice) {
 // A number may have a million records; who wants them all makes a listing.
 constexpr std::size_t mostHistoryCM = 1000;
 
-Json historiesOf(Explanation::Prefixes const& prefixes) {
+Json historiesOf(Explanation::Prefixes const& prefixes, AnswerSize& size, Details& details) {
     constexpr std::size_t bytesARecord = 64; // besides its network
     Json all = Json::array();
-    AnswerSize size;
     for (auto const& prefix : prefixes) {
         // The newest: an answer must stay of a size that the event loop can send beside others.
         std::size_t const shown = std::min(prefix.history.size(), mostHistoryCM);
@@ -190,6 +222,7 @@ Json historiesOf(Explanation::Prefixes const& prefixes) {
         for (std::size_t i = 0; i < shown; ++i) {
             std::string network = asUtf8(prefix.history[i].networkIdM.view());
             size.add(bytesARecord + network.size());
+            details.add(prefix.history[i].networkIdM.view());
             history.push_back({{"validFrom", digits(prefix.history[i].validFromM)}, {"network", std::move(network)}});
         }
         all.push_back({{"key", prefix.key.str()},
@@ -199,9 +232,7 @@ Json historiesOf(Explanation::Prefixes const& prefixes) {
     return all;
 }
 
-} // namespace
-
-Json toJson(Standing const& standing) {
+Json standingOf(Standing const& standing) {
     DAT::NumberPortability::ServiceStatus const& data = standing.data;
     return {{"ok", true},
             {"usable", data.usable},
@@ -223,43 +254,66 @@ Json toJson(Standing const& standing) {
             {"program", NP_VERSION}};
 }
 
-Json answerLookup(Service& service, LookUpQuestion const& question, Metrics::Cell& cell) {
+} // namespace
+
+Json toJson(Standing const& standing, std::optional<Networks::Standing> const& table) {
+    Json answer = standingOf(standing);
+    if (table)
+        answer["networkTable"] = {{"file", asUtf8(table->file.native())},
+                                  {"count", table->networks},
+                                  {"refused", table->refusal.empty() ? Json() : Json(asUtf8(table->refusal))}};
+    return answer;
+}
+
+Json answerLookup(Service& service, LookUpQuestion const& question, NetworkTable const* table, Metrics::Cell& cell) {
     Json answers = Json::array();
     AnswerSize size;
+    Details details(table, size);
     service.lookUp(question, [&](BAS::String const& number, Explanation::Record const* record) {
         cell.lookedUp(record != nullptr);
         // Measured as it is sent: a byte that is not UTF-8 becomes three.
         std::string shown = asUtf8(number.view());
         std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());
         size.add(shown.size() + network.size());
+        if (record != nullptr)
+            details.add(record->networkIdM.view());
         answers.push_back({{"number", std::move(shown)},
                            {"found", record != nullptr},
                            {"validFrom", record != nullptr ? digits(record->validFromM) : Json()},
                            {"network", record != nullptr ? Json(std::move(network)) : Json()}});
     });
-    return {{"ok", true}, {"at", digits(question.at)}, {"answers", std::move(answers)}};
+    Json answer = {{"ok", true}, {"at", digits(question.at)}, {"answers", std::move(answers)}};
+    details.addTo(answer);
+    return answer;
 }
 
-Json toJson(Explained const& explained) {
+Json toJson(Explained const& explained, NetworkTable const* table) {
+    AnswerSize size;
+    Details details(table, size);
     Json methods;
     for (unsigned int method = 0; method < searchMethodsCM; ++method) {
-        Json choice = recordOf(explained.choice(method));
+        Explanation::Choice const chosen = explained.choice(method);
+        details.add(chosen);
+        Json choice = recordOf(chosen);
         choice["reason"] = explained.reason(method);
         methods[nameOfSearchMethod(method)] = std::move(choice);
     }
     // Null when nothing is to come.
     Json next;
     if (auto const change = explained.nextChange()) {
+        details.add(change->choice);
         next = recordOf(change->choice);
         next["at"] = digits(change->at);
     }
-    return {{"ok", true},
-            {"number", asUtf8(explained.number().view())},
-            {"at", digits(explained.at())},
-            {"prefixes", historiesOf(explained.prefixes())},
-            {"methods", std::move(methods)},
-            {"configured", nameOfSearchMethod(explained.configured())},
-            {"nextChange", std::move(next)}};
+    Json answer = {{"ok", true},
+                   {"number", asUtf8(explained.number().view())},
+                   {"at", digits(explained.at())},
+                   {"prefixes", historiesOf(explained.prefixes(), size, details)},
+                   {"methods", std::move(methods)},
+                   {"configured", nameOfSearchMethod(explained.configured())},
+                   {"nextChange", std::move(next)}};
+    details.addTo(answer);
+    return answer;
 }
 
 // With what was reported by the check of a request, and then by the request itself.

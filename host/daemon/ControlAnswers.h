@@ -8,6 +8,7 @@
 // Complexity: linear in the answer.
 #pragma once
 
+#include "host/service/Networks.h"
 #include "host/service/Service.h"
 
 #include <array>
@@ -16,9 +17,11 @@
 
 namespace nphost {
 
-nlohmann::json toJson(Standing const& standing);
-nlohmann::json answerLookup(Service& service, LookUpQuestion const& question, Metrics::Cell& cell);
-nlohmann::json toJson(Explained const& explained);
+// Tables are null where there are none.
+nlohmann::json toJson(Standing const& standing, std::optional<Networks::Standing> const& table);
+nlohmann::json answerLookup(Service& service, LookUpQuestion const& question, NetworkTable const* table,
+                            Metrics::Cell& cell);
+nlohmann::json toJson(Explained const& explained, NetworkTable const* table);
 nlohmann::json toJson(LoadLane::Job const& job);
 
 // What became of a job without what memory does not suffice for, as a line in the caller's place.

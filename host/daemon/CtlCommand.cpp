@@ -203,6 +203,7 @@ class Ctl {
         field("Numbers:", answer.at("numbers").dump());
         field("Search method:", orDash(answer.at("searchMethod")));
         dataFile(answer.at("dataFile"));
+        networkTable(answer.value("networkTable", Json()));
         lastLoad(answer.at("lastLoad"));
         refusedSince(answer.value("guard", Json()));
         if (answer.at("loading").get<bool>())
@@ -251,6 +252,7 @@ class Ctl {
         int const result = answer.at("methods").at(configured).at("found").get<bool>() ? FINE : NOT_FOUND;
         if (shownRaw(answer))
             return result;
+        networksM = answer.value("networks", Json::object());
         field("Number:", orDash(answer.at("number")));
         field("At:", readable(answer.at("at")));
         histories(answer.at("prefixes"), answer.at("at").get<std::string>());
@@ -386,6 +388,14 @@ class Ctl {
             field("  no deltas:", orDash(holder));
     }
 
+    void networkTable(Json const& table) {
+        if (table.is_null()) // none is configured
+            return;
+        field("Networks:", table.at("count").dump() + " in " + orDash(table.at("file")));
+        if (Json const& refused = table.at("refused"); !refused.is_null())
+            field("  not reread:", orDash(refused) + "; the old table serves");
+    }
+
     void lastLoad(Json const& load) {
         field("Last load:", orDash(load.at("kind")) + (load.at("succeeded").get<bool>() ? ", succeeded" : ", failed"));
         field("  of:", orDash(load.at("file")));
@@ -442,13 +452,20 @@ class Ctl {
         return allFound;
     }
 
+    // With its name, where the daemon's table of networks has one: "D001 (Example Mobile)".
+    std::string named(Json const& network) const {
+        auto const known = network.is_string() ? networksM.find(network.get<std::string>()) : networksM.end();
+        std::string const name = known == networksM.end() ? std::string() : known->value("name", std::string());
+        return orDash(network) + (name.empty() ? "" : " (" + visible(name) + ")");
+    }
+
     // Times compare as texts: 14 digits each.
     void histories(Json const& prefixes, std::string const& at) {
         line(prefixes.empty() ? "\nNo prefix of the number is stored." : "\nStored prefixes, longest first:");
         for (Json const& prefix : prefixes) {
             line("  " + prefix.at("key").get<std::string>());
             for (Json const& record : prefix.at("history"))
-                line("    " + readable(record.at("validFrom")) + "  " + orDash(record.at("network")) +
+                line("    " + readable(record.at("validFrom")) + "  " + named(record.at("network")) +
                      (record.at("validFrom").get<std::string>() > at ? "  (still to come)" : ""));
             if (Json const& left = prefix.at("olderLeftOut"); left != 0)
                 line("    ... and " + left.dump() + " older ones");
@@ -459,7 +476,7 @@ class Ctl {
         std::string label = "  " + method + ":";
         label.resize(12, ' ');
         label += chosen.at("found").get<bool>()
-                     ? orDash(chosen.at("network")) + " since " + readable(chosen.at("validFrom"))
+                     ? named(chosen.at("network")) + " since " + readable(chosen.at("validFrom"))
                      : "nothing found";
         line(label + (configured ? "  (as configured)" : ""));
         line("            " + orDash(chosen.at("reason")));
@@ -470,7 +487,7 @@ class Ctl {
         if (next.is_null())
             text += "none is stored";
         else
-            text += readable(next.at("at")) + ", then " + orDash(next.at("network")) + " by " + orDash(next.at("key"));
+            text += readable(next.at("at")) + ", then " + named(next.at("network")) + " by " + orDash(next.at("key"));
         line(text);
     }
 
@@ -550,6 +567,7 @@ class Ctl {
     CtlOptions const& optionsM;
     Conversation daemonM;
     Output outM;
+    Json networksM = Json::object(); // of the answer that is shown: what the daemon's table says of them
 };
 
 std::filesystem::path socketOf(CtlOptions const& options) {

@@ -23,11 +23,11 @@ using Json = nlohmann::json;
 constexpr LineServer::Limits limitsCM;
 
 // The instant that a question asks for; now where it names none.
-BAS::DateTime instantOf(Json const& request) {
+BAS::DateTime instantOf(Json const& request, DataClock const& clock) {
     if (!request.contains("at"))
-        return BAS::DateTime::now();
+        return clock.now();
     auto const text = valueOf<std::string>(request, "at");
-    BAS::DateTime const at = parseInstant(text);
+    BAS::DateTime const at = clock.read(text);
     if (!at.isValid())
         throw QuestionError("'" + shortened(text) + "' is not a valid instant");
     return at;
@@ -75,14 +75,21 @@ Daemon::Daemon(Parts const& parts)
              parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
             DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp()),
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
-      signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
+      postedM(parts.hub.wakeUp()), signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
     // One wake-up for log, lane and announcements: a turn looks at all of them anyway.
     loopM.add(newsM);
     if (parts.announceChanges || parts.watchChanges)
-        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges);
+        noticesM.emplace(plugInM, parts.hub.wakeUp(), parts.announceChanges,
+                         ChangeNotices::Clocks{[&clock = parts.clock] { return clock.now(); },
+                                               [&clock = parts.clock](BAS::DateTime utc) { return clock.at(utc); }});
     if (parts.socket != nullptr)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
+    // It answers at once, but for commands, which wait for the loop.
+    if (!parts.httpFront.empty())
+        httpM.emplace(parts.httpFront, FrontParts{parts.host.configuration(), partsM.deltaFolders, serviceM, plugInM,
+                                                  parts.host.numbers(), parts.networks, parts.clock, parts.metrics,
+                                                  postedM, partsM.httpSockets, NP_VERSION});
 }
 
 // The manager hears READY only when the loop is about to turn: from then on signals and clients are served.
@@ -113,8 +120,8 @@ void Daemon::step() {
     reloadWantedM = partsM.signals.takeReload() || reloadWantedM;
     // Those who tell come after those who do: the manager and the followers hear in the same turn what jobs have
     // become.
-    for (auto const part : {&Daemon::reloadBySignal, &Daemon::finishJobs, &Daemon::tellManager, &Daemon::announce,
-                            &Daemon::feedFollowers})
+    for (auto const part : {&Daemon::reloadBySignal, &Daemon::serveFronts, &Daemon::finishJobs, &Daemon::tellManager,
+                            &Daemon::announce, &Daemon::feedFollowers})
         attempt(part);
 }
 
@@ -131,8 +138,14 @@ void Daemon::attempt(void (Daemon::*part)()) noexcept {
 // outcome before the connections close; followers get the last reports.
 void Daemon::stop() {
     attempt(&Daemon::tellStopping);
+    postedM.close();
+    if (httpM)
+        (*httpM)->beginStop();
     laneM.stop();
     attempt(&Daemon::finishJobs);
+    if (httpM)
+        (*httpM)->stop();
+    httpM.reset();
     if (!serverM)
         return;
     attempt(&Daemon::feedFollowers);
@@ -152,18 +165,47 @@ void Daemon::reloadBySignal() {
     if (std::string const reason = partsM.log.reopen(); !reason.empty())
         reportOwn("ERR_HOST_LOG_FILE", BAS::Status::MAJOR, {BAS::String(reason)});
     partsM.notifier.reloading("reloading");
+    rereadTables();
     reloadingM = true;
     if (!laneM.hasWaitingSignalRequest()) // one that has not begun will see the present file
         laneM.push({LoadLane::RELOAD, "TRUE", {}, 0, true, false});
     reloadWantedM = false;
 }
 
+// What goes with the data, and may be changed with them.
+void Daemon::rereadTables() noexcept {
+    partsM.networks.reread();
+    if (httpM)
+        (*httpM)->reread();
+}
+
+// The control protocol's commands, whoever sends them.
+void Daemon::serveFronts() {
+    for (PostedCommands::Commands posted = postedM.takeOne(); !posted.empty(); posted = postedM.takeOne()) {
+        Client const client = nextPosterM++;
+        postersM.emplace(client, std::move(posted.front().answer));
+        request(client, posted.front().request);
+    }
+}
+
+bool Daemon::waits(Client client) const {
+    // 0 is nobody: a signal's request, or that of a client that does not wait.
+    return client >= firstPosterCM ? postersM.contains(client) : serverM && client != 0;
+}
+
+void Daemon::send(Client client, std::string_view line, bool keep) {
+    if (client < firstPosterCM)
+        return serverM->send(client, line, keep);
+    auto const poster = postersM.extract(client);
+    if (!poster.empty())
+        poster.mapped()(std::string(line));
+}
+
 // Taken out as a whole, and without allocation; a job whose client has gone is dropped here.
 void Daemon::finishJobs() {
     for (LoadLane::Job const& job : laneM.takeFinished()) {
         statusDueM = true;
-        // 0 is nobody: a signal's request, or that of a client that does not wait.
-        if (serverM && job.request.client != 0)
+        if (waits(job.request.client))
             answer(job);
     }
 }
@@ -171,12 +213,12 @@ void Daemon::finishJobs() {
 void Daemon::answer(LoadLane::Job const& job) {
     try {
         if (reserveM.isWhole())
-            return serverM->send(job.request.client, lineOf(toJson(job)));
+            return send(job.request.client, lineOf(toJson(job)));
     } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): the short one it is
     }
     // Whoever waits gets an answer in any case, if one without reports.
     ShortLine line;
-    serverM->send(job.request.client, shortLine(job, line));
+    send(job.request.client, shortLine(job, line));
 }
 
 // While a reload of a signal's is to come or under way, the service manager waits for its end.
@@ -193,7 +235,8 @@ void Daemon::announce() {
     if (!noticesM)
         return;
     noticesM->step();
-    partsM.metrics.setNextChange(noticesM->next());
+    std::optional<BAS::DateTime> const next = noticesM->next();
+    partsM.metrics.setNextChange(next ? std::optional(partsM.clock.toUtc(*next)) : std::nullopt);
 }
 
 void Daemon::feedFollowers() {
@@ -204,13 +247,13 @@ void Daemon::feedFollowers() {
         ReportHub::Recent const recent = partsM.hub.since(follower->second);
         bool const present = serverM->has(follower->first);
         if (present && recent.lost > 0)
-            serverM->send(follower->first, lineOf({{"lost", recent.lost}}), true);
+            send(follower->first, lineOf({{"lost", recent.lost}}), true);
         // From here on it counts what was sent: where memory runs out, the next turn goes on from there and repeats
         // nothing.
         follower->second = recent.next - recent.reports.size();
         for (LogReport const& report : recent.reports) {
             if (present)
-                serverM->send(follower->first, lineOf({{"report", toJson(report)}}), true);
+                send(follower->first, lineOf({{"report", toJson(report)}}), true);
             ++follower->second;
         }
         follower = serverM->has(follower->first) ? std::next(follower) : followersM.erase(follower);
@@ -241,12 +284,12 @@ void Daemon::request(Client client, std::string_view line) {
 
 RequestOutcome Daemon::obey(Client client, std::string_view line) {
     auto const refuse = [&](std::string const& answer) {
-        serverM->send(client, answer);
+        send(client, answer);
         return RequestOutcome::REFUSED;
     };
     // The JSON library must not run out of memory while it frees a value (MemoryReserve.h): so nothing is parsed.
     if (!reserveM.isWhole()) {
-        serverM->send(client, outOfMemoryLineCM);
+        send(client, outOfMemoryLineCM);
         return RequestOutcome::FAILED;
     }
     try {
@@ -262,9 +305,9 @@ RequestOutcome Daemon::obey(Client client, std::string_view line) {
     } catch (Json::exception const& error) {
         return refuse(errorLine("the request cannot be understood: " + shortened(error.what())));
     } catch (std::bad_alloc const&) {
-        serverM->send(client, outOfMemoryLineCM);
+        send(client, outOfMemoryLineCM);
     } catch (std::exception const& error) {
-        serverM->send(client, errorLine(shortened(error.what())));
+        send(client, errorLine(shortened(error.what())));
     }
     return RequestOutcome::FAILED;
 }
@@ -304,20 +347,21 @@ void Daemon::dispatch(Client client, Json const& request) {
 }
 
 void Daemon::status(Client client, Json const& /*request*/) {
-    serverM->send(client, lineOf(toJson(serviceM.standing())));
+    send(client, lineOf(toJson(serviceM.standing(), partsM.networks.standing())));
 }
 
 void Daemon::lookup(Client client, Json const& request) {
     std::vector<std::string> numbers = numbersOf(request);
-    LookUpQuestion const question = {std::move(numbers), instantOf(request), methodOf(request),
+    LookUpQuestion const question = {std::move(numbers), instantOf(request, partsM.clock), methodOf(request),
                                      valueOf(request, "normalise", false)};
-    serverM->send(client, lineOf(answerLookup(serviceM, question, cellM)));
+    send(client, lineOf(answerLookup(serviceM, question, partsM.networks.current().get(), cellM)));
 }
 
 void Daemon::explain(Client client, Json const& request) {
     auto const number = valueOf<std::string>(request, "number");
-    BAS::DateTime const at = instantOf(request);
-    serverM->send(client, lineOf(toJson(serviceM.explain(number, at, valueOf(request, "normalise", false)))));
+    BAS::DateTime const at = instantOf(request, partsM.clock);
+    Explained const explained = serviceM.explain(number, at, valueOf(request, "normalise", false));
+    send(client, lineOf(toJson(explained, partsM.networks.current().get())));
 }
 
 void Daemon::probes(Client client, Json const& /*request*/) {
@@ -325,7 +369,7 @@ void Daemon::probes(Client client, Json const& /*request*/) {
     for (BAS::InstrumentationProbeAttribute const* const probe : plugInM.probes())
         probes.push_back(
             {{"name", asUtf8(probe->name().view())}, {"description", asUtf8(probe->description().view())}});
-    serverM->send(client, lineOf({{"ok", true}, {"probes", std::move(probes)}}));
+    send(client, lineOf({{"ok", true}, {"probes", std::move(probes)}}));
 }
 
 void Daemon::log(Client client, Json const& request) {
@@ -339,7 +383,7 @@ void Daemon::log(Client client, Json const& request) {
     // missed or sent twice.
     if (follow)
         followersM[client] = recent.next;
-    serverM->send(client, line, follow);
+    send(client, line, follow);
 }
 
 // Who waits is answered when the job has ended (finishJobs), else now. Both keys are looked at in every command: one of
@@ -352,11 +396,12 @@ void Daemon::take(Client client, Json const& request, Take&& command) {
     std::string const taken = wait ? std::string() : lineOf({{"ok", true}, {"queued", serviceM.waiting() + 1}});
     command(wait ? client : 0, force);
     if (!wait)
-        serverM->send(client, taken);
+        send(client, taken);
 }
 
 void Daemon::reload(Client client, Json const& request) {
     bool const reuse = valueOf(request, "reuse", true);
+    rereadTables();
     take(client, request, [&](Service::Waiter waiter, bool force) { serviceM.reload(reuse, force, waiter); });
 }
 

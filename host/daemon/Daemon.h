@@ -13,13 +13,17 @@
 
 #include "host/base/MemoryReserve.h"
 #include "host/daemon/ChangeNotices.h"
+#include "host/daemon/LoadedFront.h"
+#include "host/daemon/PostedCommands.h"
 #include "host/daemon/ServiceNotifier.h"
 #include "host/daemon/Signals.h"
+#include "host/fields/DataClock.h"
 #include "host/module/Host.h"
 #include "host/net/LineServer.h"
 #include "host/service/LoadGuard.h"
 #include "host/service/LoadLane.h"
 #include "host/service/Metrics.h"
+#include "host/service/Networks.h"
 #include "host/service/ReportHub.h"
 #include "host/service/Service.h"
 
@@ -41,11 +45,15 @@ class Daemon : private LineServer::Handler {
         LoadGuard& guard;
         DataFileState& dataFile;
         Metrics& metrics;
+        Networks& networks;
+        DataClock const& clock;
         ListeningSocket* socket; // null: no control socket
         bool announceChanges = false;
         bool watchChanges = false;          // the metrics are to tell when assignments take effect next
         std::filesystem::path logFile = {}; // empty: standard error
         std::vector<std::filesystem::path> deltaFolders = {};
+        std::filesystem::path httpFront = {};       // the shared object; empty: there is no such front
+        std::vector<PassedSocket> httpSockets = {}; // that the service manager passed for it
     };
 
     explicit Daemon(Parts const& parts);
@@ -58,12 +66,17 @@ class Daemon : private LineServer::Handler {
 
   private:
     using Client = LineServer::Client;
+    static constexpr Client firstPosterCM = Client(1) << 63; // those of the line server are counted from 1
 
     std::optional<EventLoop::Milliseconds> patience() const;
     void step();
     void stop();
     void attempt(void (Daemon::*part)()) noexcept;
     void reloadBySignal();
+    void rereadTables() noexcept;
+    void serveFronts();
+    void send(Client client, std::string_view line, bool keep = false);
+    bool waits(Client client) const;
     void finishJobs();
     void answer(LoadLane::Job const& job);
     void tellManager();
@@ -104,6 +117,9 @@ class Daemon : private LineServer::Handler {
     LoadLane laneM;
     Service serviceM;
     std::optional<ChangeNotices> noticesM;
+    PostedCommands postedM;
+    std::map<Client, CommandPost::Answer> postersM; // who waits for the answer of a posted command
+    Client nextPosterM = firstPosterCM;
     std::optional<LineServer> serverM;
     WakeUpSource signalsM;
     WakeUpSource newsM; // of the log, the lane and the search for what is to come
@@ -112,6 +128,7 @@ class Daemon : private LineServer::Handler {
     bool reloadWantedM = false;                 // a signal's reload is not in the lane yet
     bool reloadingM = false;                    // the service manager waits for the end of a reload
     bool statusDueM = false;                    // the service manager is to be told anew
+    std::optional<LoadedFront> httpM;           // the last to come, the first to go
     bool shortM = false;                        // memory did not suffice for all that this turn of the loop had to do
 };
 

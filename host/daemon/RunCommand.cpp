@@ -2,11 +2,13 @@
 
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
+#include "host/base/PassedSockets.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ClientModules.h"
 #include "host/daemon/Daemon.h"
+#include "host/http/HttpSettings.h"
 #include "host/log/OwnReport.h"
 #include "host/module/Host.h"
 #include "host/records/SameFile.h"
@@ -98,9 +100,22 @@ std::filesystem::path checkedLogFile(RunOptions const& options, Configuration co
     return file;
 }
 
+// Beside the module, but for tests.
+std::filesystem::path frontOf(HttpSettings const& settings, Host const& host) {
+    if (!settings.module.empty())
+        return settings.module;
+    std::filesystem::path file = host.moduleFolder() / "numberportability-http.so";
+    std::error_code ignored;
+    if (!std::filesystem::exists(file, ignored))
+        throw HostError("[http] is configured, but the front is not installed: there is no " + visible(file.native()) +
+                        " (package numberportability-http)");
+    return file;
+}
+
 int runDaemon(RunOptions const& options) {
     // First of all: a signal during the start must find its handler.
     Signals signals;
+    std::vector<PassedSocket> passed = takePassedSockets();
     // Before the first line of the log: from here on nobody who does not read keeps the daemon waiting.
     StandardError::beOfService();
     Configuration configuration = options.common.readConfiguration();
@@ -112,6 +127,11 @@ int runDaemon(RunOptions const& options) {
     if (std::filesystem::path const path = configuration.of<DaemonFiles>().socket; !path.empty())
         socket.emplace(path);
     bool const announceChanges = configuration.of<ChangeNotices::Settings>().announceChanges;
+    HttpSettings const http = configuration.of<HttpSettings>();
+    bool const watchChanges = http.isOn; // which tells of them
+    std::erase_if(passed, [&http](PassedSocket const& each) { return !http.isOn || each.name != "http"; });
+    Networks networks(configuration.of<NetworkTable::Settings>().file);
+    DataClock const clock(configuration);
     std::filesystem::path const dataFolder = std::filesystem::path(configuration.dataFile()).parent_path();
     auto const deltaFolders = configuration.of<DeltaFolders::Settings>().deltaFolders.value_or(std::vector{dataFolder});
     notifier.status("loading");
@@ -137,8 +157,9 @@ int runDaemon(RunOptions const& options) {
     }
     // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
-    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics,
-            socket ? &*socket : nullptr, announceChanges, false, logFile, deltaFolders})
+    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics, networks,
+            clock, socket ? &*socket : nullptr, announceChanges, watchChanges, logFile, deltaFolders,
+            http.isOn ? frontOf(http, host) : std::filesystem::path(), passed})
         .run();
     return FINE;
 }

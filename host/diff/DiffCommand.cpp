@@ -6,6 +6,7 @@
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/diff/DiffReport.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
 #include "host/module/Host.h"
 
@@ -102,10 +103,20 @@ class Reading {
     DataSummary& summaryM;
 };
 
+// The plug-in wants a data file that it can open; the configured one is not touched.
+Configuration configurationFor(DiffOptions const& options) {
+    Configuration configuration = options.common.readConfiguration();
+    // Before they are read: a shell may have sent complaints into one of them.
+    for (std::string const& file : {options.before, options.after})
+        StandardError::keepOff(file, "one of the files");
+    configuration.useDataFile(options.before);
+    return configuration;
+}
+
 class Comparing {
   public:
-    explicit Comparing(DiffOptions const& options)
-        : hostM(configurationFor(options), options.common), memoryM(std::size_t{options.memory} << 20U),
+    Comparing(DiffOptions const& options, Configuration configuration)
+        : hostM(std::move(configuration), options.common), memoryM(std::size_t{options.memory} << 20U),
           namesM(memoryM / 8) {}
 
     // Three eighths of the memory for each file, for both may be held at once; an eighth for the names, and what is
@@ -134,16 +145,6 @@ class Comparing {
     NetworkNames const& names() const { return namesM; }
 
   private:
-    // The plug-in wants a data file that it can open; the configured one is not touched.
-    static Configuration configurationFor(DiffOptions const& options) {
-        Configuration configuration = options.common.readConfiguration();
-        // Before they are read: a shell may have sent complaints into one of them.
-        for (std::string const& file : {options.before, options.after})
-            StandardError::keepOff(file, "one of the files");
-        configuration.useDataFile(options.before);
-        return configuration;
-    }
-
     Host hostM;
     std::size_t memoryM;
     NetworkNames namesM;
@@ -156,9 +157,11 @@ void complete(FileTotals& file, SideCounts const& counts) {
 }
 
 int compare(DiffOptions const& options) {
-    // The instant is read first: a wrong one is told before the files are read.
-    DiffTotals totals = {instantOf(options.at, BAS::DateTime::now()), {options.before, {}}, {options.after, {}}, {}};
-    Comparing comparing(options);
+    Configuration configuration = configurationFor(options);
+    DataClock const clock(configuration);
+    // A wrong instant is told before the files are read.
+    DiffTotals totals = {instantOf(options.at, clock, clock.now()), {options.before, {}}, {options.after, {}}, {}};
+    Comparing comparing(options, std::move(configuration));
     std::unique_ptr<RecordSource> before = comparing.read(totals.before);
     std::unique_ptr<RecordSource> after = comparing.read(totals.after);
     std::unique_ptr<DiffReport> const report = makeDiffReport(options.list, options.matrix, options.json);

@@ -7,7 +7,9 @@
 #include "host/base/Text.h"
 #include "host/config/DaemonFiles.h"
 #include "host/enrich/EnrichPipeline.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
+#include "host/fields/NetworkTable.h"
 #include "host/module/Host.h"
 #include "host/records/FileRoles.h"
 #include "host/records/RecordOptions.h"
@@ -68,8 +70,8 @@ struct EnrichOptions {
     std::vector<std::string> numbers;
     std::string time;
     std::string timeFormat = "digits";
-    std::string zone = "UTC";
-    std::string format; // csv, tsv, ndjson; empty: by the first input's name
+    std::optional<std::string> zone; // none: as configured
+    std::string format;              // csv, tsv, ndjson; empty: by the first input's name
     std::optional<std::string> separator;
     std::vector<std::string> added; // empty: the network
     std::optional<unsigned int> method;
@@ -118,8 +120,7 @@ WantedColumns wantedOf(EnrichOptions const& options) {
     for (std::string const& name : options.added) {
         std::optional<Added> const added = addedOf(name);
         if (!added)
-            throw HostError("--add: '" + shortened(name) +
-                            "' is not one of network, valid-from, prefix, next-change and method");
+            throw HostError("--add: '" + shortened(name) + "' is not one of " + addedNames());
         if (std::find(wanted.added.begin(), wanted.added.end(), *added) != wanted.added.end())
             throw HostError("--add names '" + name + "' twice");
         wanted.added.push_back(*added);
@@ -128,6 +129,18 @@ WantedColumns wantedOf(EnrichOptions const& options) {
     if (std::find(wanted.added.begin(), wanted.added.end(), Added::NETWORK) == wanted.added.end())
         wanted.added.insert(wanted.added.begin(), Added::NETWORK);
     return wanted;
+}
+
+// None where nothing of it is wanted.
+std::optional<NetworkTable> tableOf(WantedColumns const& wanted, Configuration const& configuration,
+                                    std::filesystem::path const& name) {
+    if (std::none_of(wanted.added.begin(), wanted.added.end(), isOfTable))
+        return std::nullopt;
+    std::filesystem::path const file = configuration.of<NetworkTable::Settings>().file;
+    if (file.empty())
+        throw HostError(visible(name.native()) +
+                        ": there is no key 'networks' in [host], which --add needs for what is known of networks");
+    return NetworkTable::read(file);
 }
 
 bool isPipeOrDevice(std::string const& file) {
@@ -294,8 +307,9 @@ int enrichCompleted(EnrichOptions const& options) {
     // What the options alone tell is judged first, before any file is read.
     RecordFormat const format = formatOf(options);
     WantedColumns const wanted = wantedOf(options);
-    TimeReader const times(options.timeFormat, options.zone);
     Configuration configuration = options.common.readConfiguration();
+    TimeReader const times(options.timeFormat, options.zone.value_or(configuration.of<DataClock::Settings>().zone));
+    std::optional<NetworkTable> const networks = tableOf(wanted, configuration, options.common.configuration);
     // Before anything is opened: an output that is an input would take its place.
     FileRoles{options.inputs,
               options.output,
@@ -313,6 +327,7 @@ int enrichCompleted(EnrichOptions const& options) {
                                 plan,
                                 input,
                                 times,
+                                networks ? &*networks : nullptr,
                                 options.normalise ? &host.numbers() : nullptr,
                                 options.method,
                                 options.method.value_or(host.plugIn().serviceStatus().searchMethod),
@@ -329,7 +344,9 @@ int enrich(EnrichOptions const& options) {
 
 void declareOutput(Arguments& arguments, EnrichOptions& options) {
     arguments.add("-o,--output", "FILE", options.output, "The file to write; default: standard output").named();
-    arguments.add("--add", "LIST", options.added, "Besides the network: valid-from, prefix, next-change, method")
+    arguments
+        .add("--add", "LIST", options.added,
+             "valid-from, prefix, next-change, method; of [host] networks: network-name, mcc, mnc, rn, rn-context")
         .separatedBy(',')
         .single();
     arguments

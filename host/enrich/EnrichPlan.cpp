@@ -17,11 +17,16 @@ struct AddedName {
     char const* suffix;
 };
 // In the order of Added.
-constexpr std::array<AddedName, 5> addedNamesCM = {{{"network", "_network"},
-                                                    {"valid-from", "_valid_from"},
-                                                    {"prefix", "_prefix"},
-                                                    {"next-change", "_next_change"},
-                                                    {"method", "_method"}}};
+constexpr std::array<AddedName, 10> addedNamesCM = {{{"network", "_network"},
+                                                     {"valid-from", "_valid_from"},
+                                                     {"prefix", "_prefix"},
+                                                     {"next-change", "_next_change"},
+                                                     {"method", "_method"},
+                                                     {"network-name", "_network_name"},
+                                                     {"mcc", "_mcc"},
+                                                     {"mnc", "_mnc"},
+                                                     {"rn", "_rn"},
+                                                     {"rn-context", "_rn_context"}}};
 
 } // namespace
 
@@ -29,6 +34,13 @@ std::optional<Added> addedOf(std::string_view name) {
     auto const* const found = std::find_if(addedNamesCM.begin(), addedNamesCM.end(),
                                            [name](AddedName const& added) { return name == added.option; });
     return found == addedNamesCM.end() ? std::nullopt : std::optional(static_cast<Added>(found - addedNamesCM.begin()));
+}
+
+std::string addedNames() {
+    std::string names;
+    for (AddedName const& added : addedNamesCM)
+        names.append(names.empty() ? "" : ", ").append(added.option);
+    return names;
 }
 
 EnrichPlan::EnrichPlan(WantedColumns const& wanted, RecordFormat const& format, RecordInput& input)

@@ -2,8 +2,8 @@
 //
 // Purpose: which columns or members are the time and the numbers, and what is added for each number under which name.
 // Units: columns count from 0; the first wanted value is the time, the others are the numbers, in the order of the
-// options. Names of what is added: for each number all of `added`, COLUMN_network, COLUMN_valid_from, COLUMN_prefix,
-// COLUMN_next_change, COLUMN_method; where two numbers' columns have one name, COLUMN_1_network and so on, by position.
+// options. Names of what is added: for each number all of `added`, COLUMN_network, COLUMN_valid_from and so on; where
+// two numbers' columns have one name, COLUMN_1_network and so on, by position.
 // Ownership: a value. Threads: none inside.
 // Errors: HostError in one line: a column is not there, or its name is there twice, or a name to be added is taken.
 // Complexity: linear in the header.
@@ -18,10 +18,27 @@
 
 namespace nphost {
 
-enum class Added { NETWORK, VALID_FROM, PREFIX, NEXT_CHANGE, METHOD };
+enum class Added {
+    NETWORK,
+    VALID_FROM,
+    PREFIX,
+    NEXT_CHANGE,
+    METHOD,
+    // of the table of networks
+    NETWORK_NAME,
+    MCC,
+    MNC,
+    ROUTING_NUMBER,
+    ROUTING_CONTEXT,
+};
+constexpr bool isOfTable(Added added) {
+    return added >= Added::NETWORK_NAME;
+}
 
-// "network", "valid-from", "prefix", "next-change", "method"; none for any other text.
+// Of "network", "valid-from" and so on; none for any other text.
 std::optional<Added> addedOf(std::string_view name);
+// All of them, with commas between.
+std::string addedNames();
 
 // Names of columns or members, or numbers of columns from 1.
 struct WantedColumns {

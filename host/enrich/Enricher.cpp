@@ -30,7 +30,8 @@ std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
 Enricher::Enricher(EnrichContext const& context)
     : contextM(context), readerM(context.plan.makeReader()), writerM(writerOf(context.plan)),
       explainsM(context.plan.explains()), compressorM(context.compression),
-      batchM(context.plugIn, recordsCM * context.plan.numberCount()), networksM(*writerM), recordsM(recordsCM),
+      batchM(context.plugIn, recordsCM * context.plan.numberCount()),
+      networksM(*writerM, context.plan.added(), context.networks), recordsM(recordsCM),
       questionsM(recordsCM * context.plan.numberCount()),
       valuesM(context.plan.numberCount() * context.plan.added().size()), textsM(valuesM.size()),
       foundM(context.plan.numberCount()) {}
@@ -147,6 +148,9 @@ bool Enricher::answer(std::size_t number, std::uint32_t question) {
         if (network != nullptr && added[i] == Added::NETWORK) {
             valuesM[first + i] = network->field;
             writable = network->writable && writable;
+        } else if (network != nullptr && isOfTable(added[i])) {
+            if (std::string const& text = network->detail(added[i]); !text.empty())
+                valuesM[first + i] = text; // else it stays a value that is not there
         } else if (network != nullptr && added[i] == Added::VALID_FROM) {
             writable = setInstant(first + i, record->validFromM) && writable;
         } else if (network != nullptr && added[i] == Added::METHOD) {

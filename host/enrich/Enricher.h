@@ -33,6 +33,7 @@ struct EnrichContext {
     EnrichPlan const& plan;
     RecordInput const& input; // for the names of its files
     TimeReader const& times;
+    NetworkTable const* networks;       // null: nothing of it is wanted
     NumberForm const* form;             // null: numbers are taken as they stand
     std::optional<unsigned int> method; // none: as configured
     unsigned int methodInForce;         // the same, or what is configured

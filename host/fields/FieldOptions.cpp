@@ -13,13 +13,13 @@ Option addMethod(Arguments& arguments, std::optional<unsigned int>& place) {
 
 Option addInstant(Arguments& arguments, std::string const& name, std::optional<std::string>& place,
                   std::string const& what) {
-    return arguments.add(name, "INSTANT", place, what + "YYYYMMDDHHMMSS or YYYY-MM-DDTHH:MM:SS, UTC; default: now");
+    return arguments.add(name, "INSTANT", place, what + "YYYYMMDDHHMMSS, or YYYY-MM-DDTHH:MM:SS[+HH:MM]; default: now");
 }
 
-void addTimeForm(Arguments& arguments, std::string& format, std::string& zone) {
+void addTimeForm(Arguments& arguments, std::string& format, std::optional<std::string>& zone) {
     arguments.add("--time-format", "TIME", format, "digits, iso, seconds, milliseconds or a pattern; default: digits");
     arguments.add("--zone", "ZONE", zone,
-                  "The time zone of the data, Europe/Paris; clock changes: below; default: UTC");
+                  "The time zone of the data, Europe/Paris; default: dataZone of [host], or UTC");
 }
 
 Option addNormalise(Arguments& arguments, bool& place, std::string const& needs) {

@@ -19,8 +19,8 @@ Option addMethod(Arguments& arguments, std::optional<unsigned int>& place);
 Option addInstant(Arguments& arguments, std::string const& name, std::optional<std::string>& place,
                   std::string const& what = {});
 
-// --time-format and --zone, as TimeReader takes them.
-void addTimeForm(Arguments& arguments, std::string& format, std::string& zone);
+// --time-format and --zone, as TimeReader takes them. Without a zone it is that of the DataClock.
+void addTimeForm(Arguments& arguments, std::string& format, std::optional<std::string>& zone);
 
 // --normalise. `needs` is what the help says behind it.
 Option addNormalise(Arguments& arguments, bool& place, std::string const& needs = {});

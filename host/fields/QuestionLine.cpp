@@ -48,14 +48,21 @@ std::string_view takeColumn(std::string_view& line) {
     return takeBytes(line, columnOf(line).size());
 }
 
-constexpr std::size_t dateLengthCM = 10; // YYYY-MM-DD
+constexpr std::size_t dateLengthCM = 10;    // YYYY-MM-DD
+constexpr std::size_t instantLengthCM = 19; // YYYY-MM-DD HH:MM:SS
+
+// Whatever stands behind it: whether it is an offset is judged by who asks.
+bool beginsWithInstant(std::string_view text) {
+    return parseInstant(text.substr(0, instantLengthCM)).isValid() &&
+           (text.size() == instantLengthCM || !isDigit(text[instantLengthCM]));
+}
 
 std::string_view takeInstant(std::string_view& line) {
     std::size_t length = columnOf(line).size();
     // The time of day belongs to the date only if both make an instant: else it is the next column.
     if (length == dateLengthCM && line.size() > length && line[length] == ' ') {
         std::size_t const both = length + 1 + columnOf(line.substr(length + 1)).size();
-        length = parseInstant(line.substr(0, both)).isValid() ? both : length;
+        length = beginsWithInstant(line.substr(0, both)) ? both : length;
     }
     return takeBytes(line, length);
 }

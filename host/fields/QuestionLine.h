@@ -3,7 +3,7 @@
 // Purpose: what every reader of questions, a line each, has in common. White space separates the columns: blanks, at
 // most one tab among them, so that a second tab makes an empty column, which means as much as none. Further columns are
 // ignored. White space around the line is none of it.
-// - An instant in two parts, "2024-06-15 12:00:00", is one column.
+// - An instant in two parts, "2024-06-15 12:00:00" with an offset or without, is one column.
 // - Where numbers may be as people write them, blanks may be a part of the number: it ends at a tab, or where something
 //   stands that was meant for an instant.
 // - A carriage return within the line means that its lines ended otherwise: it makes the line no question.

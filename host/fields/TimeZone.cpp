@@ -92,4 +92,26 @@ TimeZone::Reading TimeZone::judge(BAS::DateTime clock) const noexcept {
     return {BAS::DateTime::fromSeconds(clock.seconds() + (found.end - found.begin)), found.doubt};
 }
 
+// No zone has two changes within two days of each other that matter here.
+std::int64_t TimeZone::offsetOf(BAS::DateTime clock) const noexcept {
+    constexpr std::int64_t day = 86400;
+    if (changesM.empty())
+        return firstOffsetM;
+    std::int64_t const shown = static_cast<std::int64_t>(clock.seconds()) - secondsTo1970CM;
+    std::int64_t const before = offsetAt(shown - day);
+    std::int64_t const after = offsetAt(shown + day);
+    return offsetAt(shown - before) == before ? before : after;
+}
+
+std::int64_t TimeZone::beginOf(BAS::DateTime clock) const noexcept {
+    std::int64_t const shown = static_cast<std::int64_t>(clock.seconds()) - secondsTo1970CM;
+    std::int64_t const at = shown - offsetOf(clock);
+    if (at + offsetAt(at) == shown)
+        return at;
+    // Left out: by the later offset it would lie before the change.
+    auto const change = std::upper_bound(changesM.begin(), changesM.end(), at,
+                                         [](std::int64_t each, Change const& next) { return each < next.at; });
+    return change == changesM.end() ? at : change->at;
+}
+
 } // namespace nphost

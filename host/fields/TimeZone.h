@@ -44,6 +44,13 @@ class TimeZone {
     // The same for what a clock of the zone is said to have shown; `clock` is valid.
     Reading judge(BAS::DateTime clock) const noexcept;
 
+    // Seconds east of UTC when a clock of the zone showed that; the first time, if it came twice. `clock` is valid.
+    std::int64_t offsetOf(BAS::DateTime clock) const noexcept;
+
+    // From when on a clock of the zone has shown that or more: the first time, if it came twice, and the change that
+    // left it out, if it never came. In seconds since 1970; `clock` is valid.
+    std::int64_t beginOf(BAS::DateTime clock) const noexcept;
+
   private:
     struct Change {
         std::int64_t at;     // seconds since 1970

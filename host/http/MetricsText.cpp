@@ -32,7 +32,7 @@ class Exposition {
         char const* before = "{";
         for (auto const& [label, text] : labels)
             append({std::exchange(before, ","), label, "=\"", text, "\""});
-        append({labels.size() > 0 ? "} " : " "});
+        textM += labels.size() > 0 ? "} " : " ";
         append(value);
         textM += '\n';
         return *this;
@@ -176,7 +176,7 @@ void appendFronts(Exposition& out, Fronts const& fronts) {
         out, fronts, "outcome",
         [](FrontCounts const& counts, RequestOutcome outcome) { return counts.requests(outcome); });
     out.family("numberportability_request_duration_seconds", "histogram",
-               "Time until a request was answered or taken in, streams left out.");
+               "Time until a request was answered or taken in, streams and commands over HTTP left out.");
     for (auto const& [front, counts] : fronts)
         appendDurations(out, front, counts);
     out.family("numberportability_front_lookups_total", "counter", "Look-ups that were answered over a front.");

@@ -5,7 +5,7 @@
 // have few and fixed values: never a number, a network, a file or an address.
 // docs/operations.md has the list.
 // Ownership: none. Threads: by any. Errors: std::bad_alloc; what the system does not tell of the process is left out.
-// Complexity: that of Metrics::counts; a few system calls, and one step a descriptor that is open.
+// Complexity: that of Metrics::counts; a few system calls (base/ProcessFigures.h).
 #pragma once
 
 #include "host/service/Metrics.h"

@@ -21,6 +21,7 @@ struct Request {
     std::string_view accept;
     std::string_view ifNoneMatch;
     std::string_view origin;
+    std::string_view preflight;   // the method that a browser asks whether it may use
     std::string_view certificate; // the name that the client's certificate was given to; empty without one
     bool hasCertificate = false;  // that one of the configured authorities has signed
 };

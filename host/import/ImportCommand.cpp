@@ -7,6 +7,7 @@
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
 #include "host/config/DaemonFiles.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
 #include "host/import/FeedColumns.h"
 #include "host/import/FeedConversion.h"
@@ -152,7 +153,7 @@ class Import {
   public:
     Import(ImportOptions const& options, NumberForm const* form)
         : optionsM(options), columnsM(options.map), formatM(formatOf(options)), inputM({options.file}, formatM),
-          conversionM(TimeReader(options.timeFormat, options.zone), form) {}
+          conversionM(TimeReader(options.timeFormat, *options.zone), form) {}
 
     int run() {
         inputM.start();
@@ -342,6 +343,8 @@ int importChecked(ImportOptions options) {
     if (options.normalise && !isConfigured)
         throw HostError("--normalise needs --config FILE, for the dialling codes");
     Configuration configuration = isConfigured ? options.common.readConfiguration() : Configuration();
+    if (!options.zone)
+        options.zone = configuration.of<DataClock::Settings>().zone;
     checkFiles(options, configuration);
     if (!options.normalise)
         return Import(options, nullptr).run();

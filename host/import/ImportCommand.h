@@ -27,7 +27,7 @@ struct ImportOptions {
     bool noQuotes = false;
     bool noHeader = false;
     std::string timeFormat = "digits";
-    std::string zone = "UTC";
+    std::optional<std::string> zone; // none: as configured, or UTC
     bool normalise = false;
     std::optional<std::string> output;       // none, and its names: standard output
     std::optional<std::string> rejects;      // none: the first ones on standard error

@@ -7,15 +7,18 @@
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/fields/NetworkTable.h"
 #include "host/module/Examination.h"
 #include "host/module/Host.h"
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -35,18 +38,24 @@ With --guard it is also held against the limits in [host.guard]: as the file of 
 first load; of a reload, with --live; or of a delta, with --delta, for whose memory
 --live counts, too.
 
+With --networks the table of networks that the configuration names is read, as a daemon
+would, and held against the file: which networks of the file it lacks, and which of its
+own have no record. Neither changes the exit status. Without FILE the table alone is read.
+
 Examples:
   nphost check --config examples/nphost.toml examples/portability.dat
   nphost check --config /etc/nphost.toml --guard --live 10000000 new.dat
+  nphost check --config /etc/nphost.toml --networks
 
 )";
 
 struct CheckOptions {
     CommonOptions common;
-    std::string file;
+    std::optional<std::string> file; // none: only the table of networks
     bool all = false;
     bool json = false;
     bool guard = false;
+    bool networks = false;             // the table of them, too
     bool delta = false;                // for the guard it is a delta
     std::optional<std::uint64_t> live; // records, for the guard
 };
@@ -62,6 +71,14 @@ struct Trial {
     std::vector<std::string> reasons;
 };
 
+// The table of networks beside the data.
+struct TableCheck {
+    std::filesystem::path file;
+    std::size_t networks = 0;
+    std::vector<std::string> lacking; // identifiers of the data that it does not have
+    std::vector<std::string> unused;  // that no record has
+};
+
 // How a check is told, line by line and at its end.
 class Report {
   public:
@@ -71,7 +88,10 @@ class Report {
     virtual ~Report() = default;
 
     virtual void reject(RejectedLine const& line) = 0;
-    virtual void finish(DataSummary const& summary, std::optional<Trial> const& trial) = 0;
+    virtual void finish(DataSummary const& summary, std::optional<Trial> const& trial,
+                        std::optional<TableCheck> const& table) = 0;
+    // Of the table alone.
+    virtual void finish(TableCheck const& table) = 0;
 
   protected:
     Output outM;
@@ -91,7 +111,8 @@ class TextReport : public Report {
         }
     }
 
-    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial,
+                std::optional<TableCheck> const& table) override {
         if (allM && summary.rejected() > 0)
             outM.append('\n');
         counts(summary);
@@ -101,6 +122,12 @@ class TextReport : public Report {
                                                : std::string("-"));
         outM.append('\n');
         networks(summary);
+        if (table) {
+            outM.append('\n');
+            tell(*table);
+            list("not in it", table->lacking);
+            list("without records", table->unused);
+        }
         if (!firstM.empty())
             outM.append("\nThe first rejected line of each kind (--all shows every one):\n" + firstM);
         if (trial)
@@ -108,7 +135,19 @@ class TextReport : public Report {
         outM.flush();
     }
 
+    void finish(TableCheck const& table) override {
+        tell(table);
+        outM.flush();
+    }
+
   private:
+    void tell(TableCheck const& table) { count("Networks in the table:", table.networks); }
+    void list(std::string const& label, std::vector<std::string> const& identifiers) {
+        count("  " + label + ":", identifiers.size());
+        for (std::string const& each : identifiers)
+            outM.append("    " + shortened(each) + "\n");
+    }
+
     static std::string textOf(RejectedLine const& line) {
         return "line " + std::to_string(line.number) + ": " + line.reason.identifier + ": " + line.reason.detail +
                "\n    " + shortened(line.text) + "\n";
@@ -193,15 +232,19 @@ class JsonReport : public Report {
         outM.append(text);
     }
 
-    void finish(DataSummary const& summary, std::optional<Trial> const& trial) override {
+    void finish(DataSummary const& summary, std::optional<Trial> const& trial,
+                std::optional<TableCheck> const& table) override {
         std::string text = startedM ? "],\n" : allM ? "{\"rejects\":[],\n" : "{";
         JsonWriter json(text); // the object is open already
         json.member("duplicates", summary.duplicates).member("earliest", instant(summary.earliest));
         if (trial)
             guard(json.key("guard"), *trial);
-        json.member("latest", instant(summary.latest))
-            .member("lines", summary.lines)
-            .member("networks", networks(summary))
+        json.member("latest", instant(summary.latest)).member("lines", summary.lines);
+        if (table) {
+            tell(json.key("networkTable"), *table);
+            json.member("lacking", table->lacking).member("unused", table->unused).endObject();
+        }
+        json.member("networks", networks(summary))
             .member("numbers", summary.numbers)
             .member("numbersWithoutDigits", summary.withoutDigits)
             .member("records", summary.records)
@@ -210,12 +253,30 @@ class JsonReport : public Report {
             .member("rejectedNetworks", summary.rejectedNetworks)
             .member("rejectedNumbers", summary.rejectedNumbers)
             .endObject();
+        write(text);
+    }
+
+    void finish(TableCheck const& table) override {
+        std::string text;
+        JsonWriter json(text);
+        json.beginObject();
+        tell(json.key("networkTable"), table);
+        json.endObject().endObject();
+        write(text);
+    }
+
+  private:
+    void write(std::string const& text) {
         outM.append(text);
         outM.append('\n');
         outM.flush();
     }
 
-  private:
+    // The object stays open.
+    static void tell(JsonWriter& json, TableCheck const& table) {
+        json.beginObject().member("count", table.networks).member("file", table.file.native());
+    }
+
     static std::optional<std::string> instant(BAS::DateTime at) {
         return at.isValid() ? std::optional(digitsOf(at)) : std::nullopt;
     }
@@ -242,12 +303,33 @@ class JsonReport : public Report {
     bool startedM = false;
 };
 
+NetworkTable tableOf(CheckOptions const& options, Configuration const& configuration, TableCheck& check) {
+    check.file = configuration.of<NetworkTable::Settings>().file;
+    if (check.file.empty())
+        throw HostError(visible(options.common.configuration.native()) + ": there is no key 'networks' in [host]");
+    NetworkTable table = NetworkTable::read(check.file);
+    check.networks = table.size();
+    return table;
+}
+
+void compare(NetworkTable const& table, DataSummary const& summary, TableCheck& check) {
+    std::set<std::string_view> used;
+    for (auto const& [network, records] : summary.networks) {
+        used.insert(network.view());
+        if (table.find(network.view()) == nullptr)
+            check.lacking.emplace_back(network.view());
+    }
+    for (Network const& network : table)
+        if (!used.contains(network.id))
+            check.unused.push_back(network.id);
+}
+
 Configuration configurationFor(CheckOptions const& options) {
     // The codes are the configuration's; the data file is the one to be checked, so that the module opens no other.
     Configuration configuration = options.common.readConfiguration();
     // Before the file is read: a shell may have sent complaints into it.
-    StandardError::keepOff(options.file, "the file itself");
-    configuration.useDataFile(options.file);
+    StandardError::keepOff(*options.file, "the file itself");
+    configuration.useDataFile(*options.file);
     return configuration;
 }
 
@@ -263,7 +345,7 @@ DataSummary readFile(Host& host, CheckOptions const& options, Report& report, st
         report.reject(line);
     };
     // To the end of the file, whatever the limits are: all figures are told.
-    if (!examine(host.plugIn(), host.log(), options.file, summary, onReject, {}))
+    if (!examine(host.plugIn(), host.log(), *options.file, summary, onReject, {}))
         host.fail("the file could not be examined");
     return summary;
 }
@@ -313,24 +395,42 @@ std::unique_ptr<Report> makeReport(CheckOptions const& options) {
     return std::make_unique<TextReport>(options.all);
 }
 
+int checkTable(CheckOptions const& options) {
+    TableCheck table;
+    tableOf(options, options.common.readConfiguration(), table);
+    makeReport(options)->finish(table);
+    return FINE;
+}
+
 int check(CheckOptions const& options) {
+    if (!options.file && options.networks && !options.guard && !options.all)
+        return checkTable(options);
+    if (!options.file)
+        throw HostError("FILE is required; --networks alone needs none");
     Configuration configuration = configurationFor(options);
     GuardLimits const limits = configuration.of<GuardLimits>();
     // Held against nothing, every file would pass, and that would look like a verdict.
     if (options.guard && !limits.any())
         throw HostError(visible(options.common.configuration.native()) + ": there is no limit in [host.guard]");
+    // Before the file is read, which takes its time.
+    std::optional<TableCheck> tableCheck;
+    NetworkTable table;
+    if (options.networks)
+        table = tableOf(options, configuration, tableCheck.emplace());
     Host host(std::move(configuration), options.common);
     std::unique_ptr<Report> const report = makeReport(options);
     std::string first;
     DataSummary const summary = readFile(host, options, *report, first);
     // A failure that was reported is the outcome, also when the file could be read.
     host.throwFailure();
-    warnOfByteOrderMark(options.file);
+    warnOfByteOrderMark(*options.file);
     // Only now: a verdict needs the figures of the whole file.
     std::optional<Trial> trial;
     if (options.guard)
         trial = tryGuard(limits, options, summary, first);
-    report->finish(summary, trial);
+    if (tableCheck)
+        compare(table, summary, *tableCheck);
+    report->finish(summary, trial, tableCheck);
     // The guard's word weighs more than rejected lines: what it refuses is not loaded.
     if (trial && !trial->reasons.empty())
         return REFUSED;
@@ -340,9 +440,10 @@ int check(CheckOptions const& options) {
 void declareCheck(Arguments& arguments, CommonOptions& common) {
     auto const options = std::make_shared<CheckOptions>();
     addConfiguration(arguments, common).required();
-    arguments.add("FILE", " ", options->file, "The data file").required().named();
+    arguments.add("FILE", " ", options->file, "The data file").named();
     arguments.flag("--all", options->all, "Show every rejected line, not just the first of each kind");
     arguments.flag("--json", options->json, "Write one JSON object; with --all it lists rejected lines");
+    arguments.flag("--networks", options->networks, "Read the table of networks, too, and hold it against the file");
     Option const guard = arguments.flag("--guard", options->guard, "Hold the file against the limits in [host.guard]");
     arguments.add("--live", "N", options->live, "With --guard: as a reload, or a delta, beside so many live records")
         .between(0, 4'294'967'295, "0 to 4294967295")

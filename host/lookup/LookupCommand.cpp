@@ -2,10 +2,10 @@
 
 #include "host/base/ExitStatus.h"
 #include "host/base/HostError.h"
-#include "host/base/Instant.h"
 #include "host/base/Output.h"
 #include "host/base/StandardError.h"
 #include "host/base/Text.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
 #include "host/fields/Numbers.h"
 #include "host/fields/QuestionLine.h"
@@ -19,6 +19,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace nphost {
@@ -75,9 +76,10 @@ void hintAtNormalise(QuestionBatch const& batch) {
 // (LineInput's `beforeRead`), so that a program that asks and waits is served.
 class StreamLookup {
   public:
-    StreamLookup(Host& host, LookupOptions const& options, BAS::DateTime at)
+    StreamLookup(Host& host, LookupOptions const& options, DataClock const& clock, BAS::DateTime at)
         : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, host.numbers(), options.normalise),
-          inM(STDIN_FILENO, [this] { answerAll(); }), atM(at), methodM(options.method), normaliseM(options.normalise) {}
+          inM(STDIN_FILENO, [this] { answerAll(); }), clockM(clock), atM(at), methodM(options.method),
+          normaliseM(options.normalise) {}
 
     bool run() {
         {
@@ -111,7 +113,7 @@ class StreamLookup {
 
     void take(std::string_view line) {
         QuestionLine const question(line, normaliseM);
-        BAS::DateTime const at = question.instant.empty() ? atM : parseInstant(question.instant);
+        BAS::DateTime const at = question.instant.empty() ? atM : clockM.read(question.instant);
         std::optional<unsigned int> const method = question.method.empty() ? methodM : methodOfColumn(question.method);
         // First, since the columns of such a line are not what they seem.
         if (holdsReturn(line))
@@ -156,6 +158,7 @@ class StreamLookup {
     Output outM;
     QuestionBatch batchM;
     LineInput inM;
+    DataClock const& clockM;
     BAS::DateTime atM;
     std::optional<unsigned int> methodM;
     bool normaliseM;
@@ -188,16 +191,18 @@ bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at)
 
 // Now is read once, so that all questions without an instant mean the same one.
 int lookup(LookupOptions const& options) {
-    BAS::DateTime const at = instantOf(options.at, BAS::DateTime::now());
+    Configuration configuration = options.common.readConfiguration();
+    DataClock const clock(configuration);
+    BAS::DateTime const at = instantOf(options.at, clock, clock.now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
     // A wrong number is told before the data are loaded; without dialling codes that needs no module, either.
     if (!fromInput && !options.normalise)
         checkNumbers(options.numbers, nullptr);
-    Host host(options.common.readConfiguration(), options.common);
+    Host host(std::move(configuration), options.common);
     if (!fromInput && options.normalise)
         checkNumbers(options.numbers, &host.numbers());
     host.start();
-    bool const allFound = fromInput ? StreamLookup(host, options, at).run() : lookupArguments(host, options, at);
+    bool const allFound = fromInput ? StreamLookup(host, options, clock, at).run() : lookupArguments(host, options, at);
     host.throwFailure(); // a look-up that ran out of memory is not "not found"
     return allFound ? FINE : NOT_FOUND;
 }

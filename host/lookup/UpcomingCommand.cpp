@@ -5,6 +5,7 @@
 #include "host/base/Instant.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Output.h"
+#include "host/fields/DataClock.h"
 #include "host/fields/FieldOptions.h"
 #include "host/module/Host.h"
 
@@ -16,6 +17,7 @@
 #include <string>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace nphost {
@@ -167,11 +169,13 @@ void write(Host& host, Changes const& changes, Period const& period, bool json) 
 }
 
 int upcoming(UpcomingOptions const& options) {
-    Period const period = {instantOf(options.from, BAS::DateTime::now()), instantOf(options.until, {})};
+    Configuration configuration = options.common.readConfiguration();
+    DataClock const clock(configuration);
+    Period const period = {instantOf(options.from, clock, clock.now()), instantOf(options.until, clock, {})};
     if (period.until < period.from) // false of an invalid one
         throw HostError("there is no time to list: " + digitsOf(period.from) + " of --from" +
                         (options.from ? "" : " (now)") + " is later than " + digitsOf(period.until) + " of --until");
-    Host host(options.common.readConfiguration(), options.common);
+    Host host(std::move(configuration), options.common);
     host.start();
     write(host, collect(host, period), period, options.json);
     return FINE;

@@ -33,6 +33,9 @@ class Host {
     // Loads the data. Reports of rejected lines that were not shown are summed up in one line.
     void start();
 
+    Configuration const& configuration() const { return configurationM; }
+    // The folder that the module lies in.
+    std::filesystem::path moduleFolder() const { return moduleM.folder(); }
     LoadedPlugIn& plugIn() { return plugInM; }
     Log& log() { return logM; }
 

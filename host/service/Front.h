@@ -10,7 +10,7 @@
 // Complexity: the calls return at once, but for stop.
 #pragma once
 
-#include "framework/BAS/String.h"
+#include "host/base/PassedSockets.h"
 
 #include <filesystem>
 #include <functional>
@@ -21,6 +21,7 @@ namespace nphost {
 
 class Configuration;
 class DataClock;
+class LoadedPlugIn;
 class Metrics;
 class Networks;
 class NumberForm;
@@ -37,16 +38,11 @@ class CommandPost {
     virtual bool post(std::string request, Answer answer) = 0;
 };
 
-// A socket that listens, passed by the service manager.
-struct PassedSocket {
-    int descriptor = -1;
-    std::string name; // FileDescriptorName=
-};
-
 struct FrontParts {
     Configuration const& configuration;
     std::vector<std::filesystem::path> const& deltaFolders; // where deltas may lie
     Service& service;
+    LoadedPlugIn& plugIn; // for look-ups, many at once
     NumberForm const& numbers;
     Networks const& networks;
     DataClock const& clock;

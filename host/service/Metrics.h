@@ -86,8 +86,8 @@ class FrontCounts {
     std::uint64_t requests(RequestOutcome outcome) const { return at(REQUESTS, static_cast<std::size_t>(outcome)); }
     std::uint64_t durations(std::size_t bucket) const { return at(DURATIONS, bucket); } // of DurationBuckets
     double durationSum() const { return static_cast<double>(at(NANOSECONDS, 0)) / 1e9; }
-    std::uint64_t found() const { return at(FOUND, 0); }
-    std::uint64_t notFound() const { return at(NOT_FOUND, 0); }
+    std::uint64_t found() const { return at(LOOKUPS_FOUND, 0); }
+    std::uint64_t notFound() const { return at(LOOKUPS_MISSED, 0); }
     std::uint64_t accepted() const { return at(OPENED, 0); }
     // One that was closed between two looks may be told as open, but never the other way round.
     std::uint64_t open() const { return accepted() - std::min(accepted(), at(CLOSED, 0)); }
@@ -98,8 +98,8 @@ class FrontCounts {
     friend class Metrics;
 
     enum Place : std::size_t {
-        FOUND,
-        NOT_FOUND,
+        LOOKUPS_FOUND,
+        LOOKUPS_MISSED,
         NANOSECONDS,
         OPENED,
         CLOSED,
@@ -139,10 +139,10 @@ class Metrics {
         void requestEnded(RequestOutcome outcome) noexcept {
             add(FrontCounts::REQUESTS + static_cast<std::size_t>(outcome), 1);
         }
-        void lookedUp(bool found) noexcept { add(found ? FrontCounts::FOUND : FrontCounts::NOT_FOUND, 1); }
+        void lookedUp(bool found) noexcept { add(found ? FrontCounts::LOOKUPS_FOUND : FrontCounts::LOOKUPS_MISSED, 1); }
         void lookedUp(std::uint64_t found, std::uint64_t notFound) noexcept {
-            add(FrontCounts::FOUND, found);
-            add(FrontCounts::NOT_FOUND, notFound);
+            add(FrontCounts::LOOKUPS_FOUND, found);
+            add(FrontCounts::LOOKUPS_MISSED, notFound);
         }
         // Both may be of different cells of the front.
         void connectionOpened() noexcept { add(FrontCounts::OPENED, 1); }
@@ -185,7 +185,7 @@ class Metrics {
     void linesRejected(DAT::NumberPortability::LineCounts const& counts);
     LoadCounts loads() const;
 
-    // When the next assignment takes effect, by the data's clock; none where there is none, or nobody looks.
+    // When the next assignment takes effect, UTC; none where there is none, or nobody looks.
     void setNextChange(std::optional<BAS::DateTime> at);
     std::optional<BAS::DateTime> nextChange() const;
 

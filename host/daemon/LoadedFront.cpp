@@ -1,0 +1,28 @@
+#include "host/daemon/LoadedFront.h"
+
+#include "host/base/HostError.h"
+#include "host/base/Text.h"
+
+namespace nphost {
+
+namespace {
+
+FrontTable const& tableOf(SharedObject const& object, std::filesystem::path const& file, std::string const& version) {
+    auto* const function = object.find<FrontFunction>(frontFunctionCM);
+    if (function == nullptr)
+        throw HostError(visible(file.native()) + " is no front of nphost");
+    FrontTable const& table = *function();
+    if (version != table.version)
+        throw HostError(visible(file.native()) + " is of version " + visible(table.version) +
+                        ", and nphost of version " + version);
+    return table;
+}
+
+} // namespace
+
+LoadedFront::LoadedFront(std::filesystem::path const& file, FrontParts const& parts)
+    : objectM(file), frontM(nullptr, tableOf(objectM, file, parts.version).destroy) {
+    frontM.reset(tableOf(objectM, file, parts.version).make(parts));
+}
+
+} // namespace nphost

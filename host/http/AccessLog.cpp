@@ -1,0 +1,118 @@
+#include "host/http/AccessLog.h"
+
+#include "framework/BAS/DateTime.h"
+#include "host/base/HostError.h"
+#include "host/base/JsonWriter.h"
+#include "host/base/Text.h"
+#include "host/log/LogReport.h"
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <fcntl.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace nphost {
+
+AccessLog::AccessLog(std::filesystem::path file, bool numbers) : fileM(std::move(file)), numbersM(numbers) {
+    if (fileM.empty())
+        return;
+    {
+        BAS::MutexGuard const guard(lockM);
+        descriptorM = open();
+    }
+    threadM = std::thread([this] { run(); });
+}
+
+AccessLog::~AccessLog() {
+    if (!threadM.joinable())
+        return;
+    {
+        BAS::MutexGuard const guard(lockM);
+        stopM = true;
+    }
+    changedM.notify_one();
+    threadM.join();
+}
+
+FileDescriptor AccessLog::open() const {
+    constexpr mode_t mode = 0640;
+    FileDescriptor made(::open(fileM.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, mode));
+    if (!made)
+        throw HostError("the access log " + visible(fileM.native()) +
+                        " cannot be opened: " + std::system_category().message(errno));
+    return made;
+}
+
+void AccessLog::note(Entry const& entry) noexcept {
+    try {
+        std::string line;
+        JsonWriter writer(line);
+        writer.beginObject()
+            .member("at", clockTime(BAS::DateTime::now()))
+            .member("address", entry.address.empty() ? std::string_view("unix") : entry.address)
+            .member("client", entry.client)
+            .member("method", entry.method)
+            .member(numbersM ? "target" : "route", numbersM && !entry.target.empty() ? entry.target : entry.route)
+            .member("status", entry.status)
+            .member("bytes", entry.bytes)
+            .member("microseconds", entry.duration.count())
+            .endObject();
+        line += '\n';
+        BAS::MutexGuard const guard(lockM);
+        if (waitingM.size() + line.size() > mostWaitingCM) {
+            ++lostM;
+            return;
+        }
+        bool const wasEmpty = waitingM.empty();
+        waitingM += line;
+        if (wasEmpty)
+            changedM.notify_one();
+    } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): a line less
+    }
+}
+
+void AccessLog::reopen() {
+    if (fileM.empty())
+        return;
+    FileDescriptor fresh = open();
+    BAS::MutexGuard const guard(lockM);
+    freshM = std::move(fresh);
+}
+
+void AccessLog::run() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    std::string text;
+    for (bool last = false; !last;) {
+        text.clear();
+        int descriptor = -1;
+        {
+            BAS::MutexGuard guard(lockM);
+            while (waitingM.empty() && !stopM)
+                changedM.wait(lockM);
+            last = stopM;
+            text.swap(waitingM);
+            if (freshM)
+                descriptorM = std::move(freshM);
+            if (lostM > 0) {
+                text += "{\"lost\":" + std::to_string(lostM) + "}\n";
+                lostM = 0;
+            }
+            descriptor = descriptorM.get(); // only this thread exchanges it
+        }
+        std::string_view rest = text;
+        while (!rest.empty()) {
+            ssize_t const count = write(descriptor, rest.data(), rest.size());
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count <= 0)
+                break; // lost: a full disk must not hold up anything
+            rest.remove_prefix(static_cast<std::size_t>(count));
+        }
+    }
+}
+
+} // namespace nphost

@@ -1,0 +1,63 @@
+#include "host/http/Upcoming.h"
+
+#include "host/base/Instant.h"
+#include "host/base/Text.h"
+#include "host/module/LoadedModule.h"
+
+#include <algorithm>
+
+namespace nphost {
+
+namespace {
+
+// Where a part ended: 14 digits of the instant, a hyphen, the prefix's digits.
+std::string cursorOf(UpcomingEntry const& entry) {
+    return digitsOf(entry.validFrom) + "-" + entry.prefix;
+}
+
+} // namespace
+
+bool isCursor(std::string_view text) {
+    return text.size() > instantDigitsCM && text[instantDigitsCM] == '-' &&
+           parseInstant(text.substr(0, instantDigitsCM)).isValid() &&
+           std::all_of(text.begin() + instantDigitsCM + 1, text.end(), isDigit);
+}
+
+UpcomingEntries upcoming(LoadedPlugIn& plugIn, UpcomingQuestion const& question) {
+    UpcomingEntry last;
+    bool const continues = isCursor(question.after);
+    if (continues) {
+        last.validFrom = parseInstant(std::string_view(question.after).substr(0, instantDigitsCM));
+        last.prefix = question.after.substr(instantDigitsCM + 1);
+    }
+    // A heap of the earliest, the latest of them on top; one more than wanted, to know whether there are more.
+    std::size_t const most = question.limit + 1;
+    UpcomingEntries result;
+    std::vector<UpcomingEntry>& heap = result.entries;
+    BAS::DateTime liveSince;
+    plugIn.visitUpcoming(question.from, liveSince, [&](BAS::String const& number, auto const& record) {
+        if (question.until.isValid() && !(record.validFromM < question.until))
+            return;
+        if (heap.size() == most && heap.front().validFrom < record.validFromM)
+            return;
+        UpcomingEntry entry{record.validFromM, number.str(), std::string(record.networkIdM.view())};
+        if (continues && !(last < entry))
+            return;
+        if (heap.size() == most) {
+            if (!(entry < heap.front()))
+                return;
+            std::pop_heap(heap.begin(), heap.end());
+            heap.pop_back();
+        }
+        heap.push_back(std::move(entry));
+        std::push_heap(heap.begin(), heap.end());
+    });
+    std::sort(heap.begin(), heap.end());
+    if (heap.size() == most) {
+        heap.pop_back();
+        result.next = cursorOf(heap.back());
+    }
+    return result;
+}
+
+} // namespace nphost

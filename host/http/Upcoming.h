@@ -1,0 +1,47 @@
+// nphost::Upcoming: what the HTTP front tells of assignments that are still to come.
+//
+// Purpose: a part of them at a time, by instant and then by prefix, however many there are.
+// Ownership: borrows the plug-in. Threads: any. Errors: std::bad_alloc.
+// Complexity: every stored record is looked at (seconds for ten million), and never more than a part is held: so it is
+// work for a thread that nobody waits for.
+#pragma once
+
+#include "framework/BAS/DateTime.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nphost {
+
+class LoadedPlugIn;
+
+struct UpcomingQuestion {
+    BAS::DateTime from;  // later ones than this
+    BAS::DateTime until; // earlier ones than this; invalid: all
+    std::size_t limit = 100;
+    std::string after; // a cursor: where the part before ended; empty: from the beginning
+};
+
+struct UpcomingEntry {
+    BAS::DateTime validFrom;
+    std::string prefix;
+    std::string network;
+    auto operator<=>(UpcomingEntry const& other) const {
+        if (auto const order = validFrom <=> other.validFrom; order != 0)
+            return order;
+        return prefix <=> other.prefix;
+    }
+    bool operator==(UpcomingEntry const&) const = default;
+};
+
+struct UpcomingEntries {
+    std::vector<UpcomingEntry> entries;
+    std::string next; // cursor; empty: there are no more
+};
+
+// False when a cursor is none.
+bool isCursor(std::string_view text);
+UpcomingEntries upcoming(LoadedPlugIn& plugIn, UpcomingQuestion const& question);
+
+} // namespace nphost
