@@ -2,7 +2,7 @@
 // Usage: node page.mjs NPHOST BROWSER FOLDER-FOR-SCREENSHOTS
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
-import { mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { mkdirSync, mkdtempSync, openSync, rmSync, writeFileSync } from "node:fs";
 import { createServer } from "node:net";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
@@ -56,7 +56,9 @@ networks = "networks.toml"
 [http]
 listen = ["${new URL(base).host}"]
 `);
-const daemon = spawn(nphost, ["run", "--config", join(folder, "nphost.toml")], { stdio: ["ignore", "inherit", "inherit"] });
+mkdirSync(shots, { recursive: true });
+const log = openSync(join(shots, "daemon.log"), "w");
+const daemon = spawn(nphost, ["run", "--config", join(folder, "nphost.toml")], { stdio: ["ignore", log, log] });
 const ended = new Promise(resolve => daemon.once("exit", resolve));
 const answers = () => fetch(base).then(response => response.ok, () => false);
 
@@ -94,7 +96,7 @@ const stay = page => page.evaluate(() => { window.stayed = true; });
 const stayed = async page => assert.ok(await page.evaluate(() => window.stayed), "the page was loaded anew");
 
 async function barriers(page, what) {
-  await page.addScriptTag({ content: axe.source }).catch(() => {}); // the policy forbids it; this way it does not
+  await page.addScriptTag({ content: axe.source }); // the page's policy forbids it unless the context passes that by
   const { violations } = await page.evaluate(() => window.axe.run());
   for (const { impact, id, nodes } of violations) console.log(`     ${what}: ${impact}: ${id}: ${nodes[0].html}`);
   assert.deepEqual(violations.filter(each => ["serious", "critical"].includes(each.impact)).map(each => each.id), []);
@@ -121,7 +123,7 @@ async function tryAll() {
     await page.getByRole("button", { name: "Look up" }).click();
     await becomes(page, "Bravo Mobile");
     assert.equal(await askedAt(page), seconds("2020-06-15T12:00:00"));
-    assert.equal(await page.getByLabel("At").first().inputValue(), "2020-06-15T12:00:00");
+    assert.equal(await page.getByLabel("At").first().inputValue(), "2020-06-15T12:00");
   });
 
   await step("without a script", async page => {
@@ -129,7 +131,7 @@ async function tryAll() {
     await page.getByLabel("Number").fill("+44 7700 900123");
     await page.getByRole("button", { name: "Look up" }).click();
     assert.equal(await who(page), "Charlie <b>& Sons</b>");
-    assert.ok(await page.locator("#asked line").isVisible());
+    assert.ok(await page.locator("#asked text").isVisible());
     assert.ok(await page.locator("#slider").isHidden());
     await page.getByRole("link", { name: "Earlier" }).click();
     await page.getByRole("link", { name: "Earlier" }).click();
@@ -175,9 +177,9 @@ async function tryAll() {
     // The handle stands above its line.
     const slider = await page.locator("#slider").boundingBox();
     const handle = await page.locator("#slider").evaluate(element => element.value / 10000);
-    const line = await page.locator("#asked line").boundingBox();
+    const line = await page.locator("#asked line").evaluate(element => element.getBoundingClientRect().x);
     const middle = slider.x + 12 + handle * (slider.width - 24);
-    assert.ok(Math.abs(middle - (line.x + line.width / 2)) < 2, `${middle}, not ${line.x}`);
+    assert.ok(Math.abs(middle - line) < 2, `${middle}, not ${line}`);
     await page.mouse.move(middle, slider.y + slider.height / 2);
     await page.mouse.down();
     await page.mouse.move(box.x + box.width * 0.9, slider.y + slider.height / 2, { steps: 20 });
@@ -276,7 +278,6 @@ async function tryAll() {
 
 let status = 1;
 try {
-  mkdirSync(shots, { recursive: true });
   await eventually("the daemon answers", async () => {
     if (daemon.exitCode !== null) throw new Error(`the daemon ended with ${daemon.exitCode}`);
     return answers();
