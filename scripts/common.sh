@@ -34,7 +34,7 @@ lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
 package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
-boot_packages=(systemd-container pkg-config)
+boot_packages=(systemd-container pkg-config curl)
 metrics_packages=(prometheus curl openssl python3)
 
 # A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.

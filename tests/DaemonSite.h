@@ -88,6 +88,7 @@ class Process {
         return statusM.value_or(-1000);
     }
     void signal(int number) const { kill(idM, number); }
+    pid_t id() const { return idM; }
 
   private:
     pid_t idM = -1;

@@ -145,6 +145,10 @@ void Daemon::stop() {
     attempt(&Daemon::finishJobs);
     if (httpM)
         (*httpM)->stop();
+    // Answers are the front's code, which goes with it.
+    postersM.clear();
+    while (!postedM.takeOne().empty()) {
+    }
     httpM.reset();
     if (!serverM)
         return;

@@ -123,7 +123,7 @@ class Api::Impl {
         }
         step.route = routeM;
         step.client = std::exchange(clientM, {});
-        addOrigin(request, step.response);
+        addOrigin(request, step.headers);
         return step;
     }
 
@@ -148,7 +148,8 @@ class Api::Impl {
             return result;
         std::string password;
         std::string_view secret = bearerOf(request.authorization);
-        if (secret.empty() && mediaType(request.authorization.substr(0, 6)) == "basic") {
+        if (secret.empty() && mediaType(request.authorization.substr(0, 6)) == "basic" &&
+            request.authorization.size() > 6) {
             // Browsers know no other way: the token is the password, whatever the name.
             std::string const pair = fromBase64(trimmed(request.authorization.substr(6)));
             std::size_t const colon = pair.find(':');
@@ -156,7 +157,8 @@ class Api::Impl {
             secret = password;
             result.byBasic = true;
         }
-        Tokens::Token const* const token = tokens->find(sharedM.digest()(secret));
+        // Nothing is no token, also where a file has its digest by mistake.
+        Tokens::Token const* const token = secret.empty() ? nullptr : tokens->find(sharedM.digest()(secret));
         if (token == nullptr)
             throw RequestError(401, "the token is none of those that are known");
         // A browser sends a password along with whatever page asks it to: nothing is commanded by one.
@@ -188,12 +190,12 @@ class Api::Impl {
         return std::find(origins.begin(), origins.end(), origin) != origins.end();
     }
 
-    void addOrigin(Request const& request, Response& response) const {
+    void addOrigin(Request const& request, std::string& headers) const {
         if (sharedM.settings().allowOrigins.empty())
             return;
-        response.headers += "Vary: Origin\r\n";
+        headers += "Vary: Origin\r\n";
         if (!request.origin.empty() && isAllowed(request.origin))
-            response.headers.append("Access-Control-Allow-Origin: ").append(request.origin).append("\r\n");
+            headers.append("Access-Control-Allow-Origin: ").append(request.origin).append("\r\n");
     }
 
     // --- routes ---

@@ -35,6 +35,7 @@ struct Step {
     std::shared_ptr<void> held;     // until the command's answer is there
     std::function<Response()> work; // WORK: takes its time, and may be called by any thread
 
+    std::string headers;    // of whatever answer comes of it: whole lines with CRLF
     char const* route = ""; // for the access log: the path without the number
     std::string client;     // the token's or certificate's name; empty: nobody in particular
 };

@@ -39,19 +39,20 @@ BodySink::Counts LookUpStream::takeCounts() {
 }
 
 bool LookUpStream::take(std::string_view piece, std::string& out) {
-    std::size_t const whole = piece.rfind('\n') + 1;
+    if (restM.size() + std::min(piece.find('\n'), piece.size()) > mostLineBytesCM && !brokenM) {
+        nextQuestion(lineM + 1).error = "the line is longer than 64 KiB; nothing after it is read";
+        answer(out);
+        brokenM = true;
+    }
+    std::size_t const whole = brokenM ? 0 : piece.rfind('\n') + 1;
     if (whole > 0) {
         textM.assign(restM).append(piece.substr(0, whole));
         restM.clear();
         readLines(textM, out);
         piece.remove_prefix(whole);
     }
-    restM.append(piece);
-    if (restM.size() > mostLineBytesCM && !brokenM) {
-        nextQuestion(lineM + 1).error = "the line is longer than 64 KiB; nothing after it is read";
-        answer(out);
-        brokenM = true;
-    }
+    if (!brokenM)
+        restM.append(piece);
     return !brokenM;
 }
 
@@ -87,11 +88,12 @@ void LookUpStream::readLines(std::string_view text, std::string& out) {
     } else {
         if (!csvM)
             csvM = std::make_unique<CsvReader>(CsvDialect());
-        csvM->begin(text, lineM + 1);
-        Record record;
-        while (!brokenM && csvM->next(record)) {
-            lineM = record.line;
-            if (record.text.empty())
+        // A line by itself: a field that went on in the next would be another where more has come in already.
+        for (Record record; !brokenM && !text.empty();) {
+            std::string_view const line = text.substr(0, std::min(text.find('\n'), text.size() - 1) + 1);
+            text.remove_prefix(line.size());
+            csvM->begin(line, ++lineM);
+            if (!csvM->next(record) || record.text.empty())
                 continue;
             if (columnsM.empty()) {
                 if (!readCsvHead(record, out))
@@ -252,14 +254,15 @@ bool LookUpStream::readCsvHead(Record const& record, std::string& out) {
                               : bare == "method" ? Column::METHOD
                                                  : Column::NONE;
         if (column == Column::NONE || std::find(columnsM.begin(), columnsM.end(), column) != columnsM.end()) {
-            out.append("# line 1: the header must name columns number, at and method, each once\r\n");
+            out.append("# line ").append(std::to_string(record.line));
+            out.append(": the header must name columns number, at and method, each once\r\n");
             brokenM = true;
             return false;
         }
         columnsM.push_back(column);
     }
     if (std::find(columnsM.begin(), columnsM.end(), Column::NUMBER) == columnsM.end()) {
-        out.append("# line 1: the header names no column number\r\n");
+        out.append("# line ").append(std::to_string(record.line)).append(": the header names no column number\r\n");
         brokenM = true;
         return false;
     }

@@ -4,7 +4,8 @@
 // under a header that names columns number, at and method. Each line is answered by a line, in order: in JSON by the
 // object of a single look-up, with the id as it came, in CSV by AnswerWriter::csvHeadCM. A line that cannot be answered
 // has its error there, {"line","error","id"}, or in CSV a comment "# line N: ...", and reading goes on. Instants and
-// methods that a line does not say are those of the request. An empty line is none.
+// methods that a line does not say are those of the request. An empty line is none; no field of
+// CSV goes on in the next line.
 // Units: lines count from 1; one may have 64 KiB, a longer one ends the stream with an error.
 // Ownership: borrows the parts; owns a batch of look-ups and what has come of a line. Its memory is bounded.
 // Threads: one. Errors: std::bad_alloc. Complexity: a look-up a line, many at once.

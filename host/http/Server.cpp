@@ -37,6 +37,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <future>
+#include <limits>
 #include <list>
 #include <map>
 #include <memory>
@@ -159,6 +160,8 @@ class Connection {
     virtual void tick(Clock::time_point now) = 0;
     // Ends when it is idle, else with the answer under way.
     virtual void beginStop() = 0;
+    // The command that it waits for will not be answered.
+    virtual void dismiss() = 0;
     virtual void cut() = 0;
 };
 
@@ -248,6 +251,7 @@ class Worker {
     ~Worker() { join(); }
 
     void beginStop();
+    void dismiss();
     void cut();
     // False when it still has connections then.
     bool endsBy(Clock::time_point time) { return endedM.wait_until(time) == std::future_status::ready; }
@@ -370,6 +374,17 @@ class SocketConnection : public Connection,
         closeAfterM = true;
     }
 
+    void dismiss() override {
+        if (!commandedM || stepM.kind != Step::COMMAND)
+            return;
+        commandedM = false;
+        ++turnM;
+        guarded([this] {
+            answer(problem(503, "the daemon stops; the command was not carried out"));
+            flush();
+        });
+    }
+
     void cut() override { close(); }
 
   private:
@@ -464,14 +479,26 @@ class SocketConnection : public Connection,
             return readOn();
         if (phaseM == Phase::IDLE)
             phase(Phase::HEADER, headerTimeCM);
-        if (inputM.empty()) {
-            text.remove_prefix(process(text));
-            inputM.append(text);
-        } else {
-            inputM.append(text);
-            processInput();
+        guarded([&] {
+            if (inputM.empty()) {
+                text.remove_prefix(process(text));
+                inputM.append(text);
+            } else {
+                inputM.append(text);
+                processInput();
+            }
+            afterProcessing();
+        });
+    }
+
+    // What goes wrong with a connection, for want of memory most of all, ends it and no other.
+    template <class Action>
+    void guarded(Action&& action) {
+        try {
+            action();
+        } catch (std::exception const&) {
+            close();
         }
-        afterProcessing();
     }
 
     void processInput() { inputM.erase(0, process(inputM)); }
@@ -671,6 +698,7 @@ class SocketConnection : public Connection,
                 return endStream();
             Step next = stepM.sink->end(outputM);
             next.route = stepM.route;
+            next.headers = std::move(stepM.headers);
             next.client = std::move(stepM.client);
             stepM = std::move(next);
         }
@@ -694,11 +722,13 @@ class SocketConnection : public Connection,
                 if (!self || self->turnM != turn || !self->commandedM)
                     return;
                 self->commandedM = false;
-                self->answer(make());
-                if (self->writingM) // then whoever ends that goes on
-                    return;
-                self->processInput();
-                self->afterProcessing();
+                self->guarded([&self, &make] {
+                    self->answer(make());
+                    if (self->writingM) // then whoever ends that goes on
+                        return;
+                    self->processInput();
+                    self->afterProcessing();
+                });
             });
         };
     }
@@ -806,7 +836,7 @@ class SocketConnection : public Connection,
         outputM.append("Cache-Control: ")
             .append(response.cacheControl.empty() ? std::string_view("no-store") : response.cacheControl)
             .append("\r\nX-Content-Type-Options: nosniff\r\n");
-        outputM.append(response.headers);
+        outputM.append(response.headers).append(stepM.headers);
         if (closeAfterM || workerM.isStopping() || !parserM || !parserM->keepsAlive()) {
             closeAfterM = true;
             outputM.append("Connection: close\r\n");
@@ -879,10 +909,12 @@ class SocketConnection : public Connection,
                     return;
                 if (self->parserM == std::nullopt)
                     self->phase(Phase::HEADER, headerTimeCM);
-                self->processInput();
-                if (!self->parserM && self->inputM.empty() && self->outputM.empty() && !self->closeAfterM)
-                    return self->awaitInput(Phase::IDLE);
-                self->afterProcessing();
+                self->guarded([&self] {
+                    self->processInput();
+                    if (!self->parserM && self->inputM.empty() && self->outputM.empty() && !self->closeAfterM)
+                        return self->awaitInput(Phase::IDLE);
+                    self->afterProcessing();
+                });
             });
             return;
         }
@@ -1098,6 +1130,15 @@ void Worker::beginStop() {
     });
 }
 
+void Worker::dismiss() {
+    asio::post(contextM, [this] {
+        for (auto each = connectionsM.begin(); each != connectionsM.end();) {
+            std::shared_ptr<Connection> const connection = *each++;
+            connection->dismiss();
+        }
+    });
+}
+
 void Worker::endIfDone() {
     if (stoppingM && connectionsM.empty())
         timerM.cancel();
@@ -1184,7 +1225,10 @@ sockaddr_storage parseAddress(std::string const& text, socklen_t& length) {
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     std::string const port = text.substr(colon + 1);
-    if (host.empty() || port.empty() || getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
+    // The system would take a greater number for another port.
+    bool const isPort = !port.empty() && port.size() <= 5 && std::all_of(port.begin(), port.end(), isDigit) &&
+                        std::stoi(port) <= std::numeric_limits<in_port_t>::max();
+    if (host.empty() || !isPort || getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
         throw wrong();
     sockaddr_storage address = {};
     std::memcpy(&address, found->ai_addr, found->ai_addrlen);
@@ -1293,6 +1337,9 @@ class HttpFront : public Front {
 
     void stop() noexcept override {
         beginStop();
+        // What the daemon has answered is there already; nothing more comes.
+        for (auto const& worker : workersM)
+            attempt([&worker] { worker->dismiss(); });
         Clock::time_point const end = Clock::now() + graceCM;
         for (auto const& worker : workersM)
             if (!worker->endsBy(end))

@@ -60,7 +60,7 @@ class Front {
     virtual void reread() noexcept = 0;
     // No further connections; requests under way are answered, and connections end with that.
     virtual void beginStop() noexcept = 0;
-    // Returns when all connections have ended, which takes some seconds at the most.
+    // No command will be answered any more. Returns when all connections have ended, which takes some seconds at the most.
     virtual void stop() noexcept = 0;
 };
 
