@@ -16,7 +16,7 @@ void DataClock::Settings::declare(Section& host, Configuration& configuration) {
     // A zone that is none is told with its line, whatever the command.
     host.key("dataZone", [&settings](ConfigurationValue const& value) {
         settings.zone = value.text();
-        value.check([&settings] { TimeZone const zone(settings.zone); });
+        value.check([&settings] { TimeZone const known(settings.zone); });
     });
 }
 
