@@ -694,7 +694,7 @@ void Page::guardFacts() {
 void Page::upcoming(UpcomingPart const& part) {
     htmlM.raw(
         "<section class=\"card\" aria-labelledby=\"coming\"><h2 id=\"coming\">Upcoming assignments</h2>"
-        "<form class=\"ask small\" action=\"upcoming\" method=\"get\"><p><label for=\"from\">After <span>empty is "
+        "<form class=\"ask short\" action=\"upcoming\" method=\"get\"><p><label for=\"from\">After <span>empty is "
         "now</span></label><input id=\"from\" name=\"from\" type=\"datetime-local\" step=\"1\" value=\"");
     htmlM.raw(fieldOf(part.from))
         .raw("\"></p><p><label for=\"until\">Until <span>empty is ever</span></label>"
@@ -717,27 +717,24 @@ void Page::upcoming(UpcomingPart const& part) {
 }
 
 void Page::upcomingRows(UpcomingPart const& part) {
-    bool const hasBefore = std::any_of(part.records.begin(), part.records.end(),
-                                       [](UpcomingRecord const& record) { return record.before.has_value(); });
-    htmlM.raw("<table class=\"records\"><thead><tr><th scope=\"col\">When</th><th scope=\"col\">Number or block</th>");
-    htmlM.raw(hasBefore ? "<th scope=\"col\">From</th>" : "").raw("<th scope=\"col\">To</th></tr></thead><tbody>");
+    htmlM.raw("<table class=\"records\"><thead><tr><th scope=\"col\">When</th><th scope=\"col\">Number or block</th>"
+              "<th scope=\"col\">To</th></tr></thead><tbody>");
     for (UpcomingRecord const& record : part.records) {
         htmlM.raw("<tr><td>");
         time(record.validFrom);
         htmlM.raw("<br><span class=\"small\">").raw(distanceText(record.validFrom, settingM.now));
         htmlM.raw("</span></td><td class=\"digits\"><a href=\"");
         link(record.prefix, record.validFrom);
-        htmlM.raw("\">").text(record.prefix).raw("</a></td>");
-        if (hasBefore) {
-            htmlM.raw("<td>");
-            if (record.before && !record.before->empty())
-                network(*record.before);
-            else
-                htmlM.raw("nobody");
-            htmlM.raw("</td>");
-        }
-        htmlM.raw("<td>");
+        htmlM.raw("\">").text(record.prefix).raw("</a></td><td>");
         network(record.network);
+        if (record.before) {
+            htmlM.raw("<br><span class=\"small\">from ");
+            if (record.before->empty())
+                htmlM.raw("nobody");
+            else
+                network(*record.before);
+            htmlM.raw("</span>");
+        }
         htmlM.raw("</td></tr>");
     }
     htmlM.raw("</tbody></table>");
