@@ -45,6 +45,7 @@ root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config curl)
 metrics_packages=(prometheus curl openssl python3)
 page_packages=(chromium fonts-dejavu-core)
+command -v npm >/dev/null || page_packages+=(npm) # one of other origin does as well, and has none beside it
 
 # A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.
 if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then
