@@ -149,7 +149,7 @@ TEST(HttpTest, EntityTagsHoldUntilTheDataChange) {
             EXPECT_EQ(reply.status, status) << target << " " << field;
             EXPECT_EQ(reply.field("ETag"), tag);
         }
-        site.expect("reload", 0, "");
+        site.expect("reload --wait", 0, "");
         EXPECT_EQ(site.get(target, "If-None-Match: " + tag + "|").status, 200) << target;
     }
 }

@@ -31,6 +31,7 @@ std::vector<Wrong> const wrongCM = {
     {"no identifier", "\n[\"\"]\n", "n.toml:2: a network must have an identifier"},
     {"a forged message", "[A]\n\"x\\n\\u001b\" = 1\n", "n.toml:2: unknown key 'x\\n\\x1b' in [A]"},
     {"a name that is none", "[A]\nname = \"\"\n", "n.toml:2: 'name' must be a text"},
+    {"a name on two lines", "[A]\nname = \"a\\nb\"\n", "n.toml:2: 'name' must be a text in quotation marks, on one line"},
     {"a code without quotation marks", "[A]\nmcc = 234\n", "n.toml:2: 'mcc' must be three digits in quotation marks"},
     {"a short country code", "[A]\nmcc = \"23\"\n", "n.toml:2: 'mcc' must"},
     {"a long country code", "[A]\nmcc = \"2345\"\n", "n.toml:2: 'mcc' must"},
@@ -68,7 +69,7 @@ struct Known {
 };
 
 TEST(NetworkTableTest, TellsWhatIsKnown) {
-    NetworkTable const table = NetworkTable::parse("[b]\n[\"B 1.x\"]\nmnc = \"015\"\ntext = \"a \\\"b\\\"\\n\"\n"
+    NetworkTable const table = NetworkTable::parse("[b]\n[\"B 1.x\"]\nmnc = \"015\"\ntext = \"a \\\"b\\\"\"\n"
                                                    "[A]\nname = \"\xc3\x84\"\nmcc = \"001\"\nmnc = \"01\"\n"
                                                    "routingNumber = \"+123456789012345\"\nserviceProvider = \"p\"\n"
                                                    "[D]\nroutingNumber = \"0aF\"\nroutingContext = \"n.example.COM.\"\n"
@@ -78,7 +79,7 @@ TEST(NetworkTableTest, TellsWhatIsKnown) {
     for (Known const& test : {
              Known{"A", "{\"id\":\"A\",\"name\":\"\xc3\x84\",\"mcc\":\"001\",\"mnc\":\"01\",\"routingNumber\":"
                         "\"+123456789012345\",\"serviceProvider\":\"p\"}"},
-             {"B 1.x", R"({"id":"B 1.x","mnc":"015","text":"a \"b\"\n"})"},
+             {"B 1.x", R"({"id":"B 1.x","mnc":"015","text":"a \"b\""})"},
              {"D", R"({"id":"D","routingNumber":"0aF","routingContext":"n.example.COM."})"},
              {"b", R"({"id":"b"})"},
              {"\xc3\x84", "{\"id\":\"\xc3\x84\",\"name\":\"x\"}"},

@@ -73,7 +73,8 @@ Daemon::Daemon(Parts const& parts)
       laneM(plugInM,
             {plugInM.serviceStatus().dataFileName.str(), parts.configuration, parts.logFile,
              parts.socket == nullptr ? std::filesystem::path() : parts.socket->path(), true},
-            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp()),
+            DeltaFolders(parts.deltaFolders), parts.guard, parts.dataFile, parts.metrics, parts.hub.wakeUp(),
+            [this] { return rereadTables(); }),
       serviceM({plugInM, parts.host.numbers(), parts.guard, parts.dataFile, parts.host.log(), laneM}),
       postedM(parts.hub.wakeUp()), signalsM(parts.signals.wakeUp()), newsM(parts.hub.wakeUp()) {
     loopM.add(signalsM);
@@ -169,18 +170,16 @@ void Daemon::reloadBySignal() {
     if (std::string const reason = partsM.log.reopen(); !reason.empty())
         reportOwn("ERR_HOST_LOG_FILE", BAS::Status::MAJOR, {BAS::String(reason)});
     partsM.notifier.reloading("reloading");
-    rereadTables();
     reloadingM = true;
     if (!laneM.hasWaitingSignalRequest()) // one that has not begun will see the present file
         laneM.push({LoadLane::RELOAD, "TRUE", {}, 0, true, false});
     reloadWantedM = false;
 }
 
-// What goes with the data, and may be changed with them.
-void Daemon::rereadTables() noexcept {
-    partsM.networks.reread();
-    if (httpM)
-        (*httpM)->reread();
+// What goes with the data, and may be changed with them. The lane's thread calls: nobody waits for these files.
+bool Daemon::rereadTables() noexcept {
+    bool const table = partsM.networks.reread();
+    return (!httpM || (*httpM)->reread()) && table;
 }
 
 // The control protocol's commands, whoever sends them.
@@ -405,7 +404,6 @@ void Daemon::take(Client client, Json const& request, Take&& command) {
 
 void Daemon::reload(Client client, Json const& request) {
     bool const reuse = valueOf(request, "reuse", true);
-    rereadTables();
     take(client, request, [&](Service::Waiter waiter, bool force) { serviceM.reload(reuse, force, waiter); });
 }
 

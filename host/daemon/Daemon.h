@@ -73,7 +73,7 @@ class Daemon : private LineServer::Handler {
     void stop();
     void attempt(void (Daemon::*part)()) noexcept;
     void reloadBySignal();
-    void rereadTables() noexcept;
+    bool rereadTables() noexcept;
     void serveFronts();
     void send(Client client, std::string_view line, bool keep = false);
     bool waits(Client client) const;

@@ -56,8 +56,9 @@ void DataClock::writeIso(char* out, BAS::DateTime at) const noexcept {
     std::int64_t const offset = zoneM.offsetOf(at);
     if (offset == 0)
         return;
-    // Seconds of an offset, as local mean times have them, have no place in the format.
-    std::int64_t const minutes = std::abs(offset) / 60;
+    // Seconds of an offset, as local mean times have them, have no place in the format. Rounded so that who asks with what
+    // is shown asks for no earlier instant.
+    std::int64_t const minutes = (offset < 0 ? 59 - offset : offset) / 60;
     char* const zone = out + 19;
     zone[0] = offset < 0 ? '-' : '+';
     zone[1] = static_cast<char>('0' + minutes / 600);

@@ -60,8 +60,10 @@ bool isContext(std::string_view text) {
     return isGlobal(text) || isDomain(text);
 }
 
+// On one line and without a tab, so that it can stand in any answer.
 bool isAny(std::string_view text) {
-    return !text.empty();
+    return !text.empty() &&
+           std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; });
 }
 
 struct Key {
@@ -72,15 +74,15 @@ struct Key {
 };
 
 constexpr std::array<Key, 7> keysCM = {{
-    {"name", &Network::name, isAny, "be a text in quotation marks"},
+    {"name", &Network::name, isAny, "be a text in quotation marks, on one line"},
     {"mcc", &Network::mcc, isMcc, "be three digits in quotation marks"},
     {"mnc", &Network::mnc, isMnc, "be two or three digits in quotation marks"},
     {"routingNumber", &Network::routingNumber, isRoutingNumber,
      "be a plus and digits, or at most 32 hexadecimal digits, in quotation marks"},
     {"routingContext", &Network::routingContext, isContext,
      "be a plus and digits, or a domain name, in quotation marks"},
-    {"serviceProvider", &Network::serviceProvider, isAny, "be a text in quotation marks"},
-    {"text", &Network::text, isAny, "be a text in quotation marks"},
+    {"serviceProvider", &Network::serviceProvider, isAny, "be a text in quotation marks, on one line"},
+    {"text", &Network::text, isAny, "be a text in quotation marks, on one line"},
 }};
 
 void take(Network& network, toml::key const& name, toml::node const& node, std::filesystem::path const& file) {

@@ -309,7 +309,9 @@ class Api::Impl {
         Response response;
         partsM.service.describe(question, [&](NumberAnswer const& found) {
             (found.detail.found() ? foundM : notFoundM) += 1;
-            response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits);
+            // The range is no part of what the next change is of.
+            response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits,
+                                     found.detail.hasRange() ? found.detail.range.validFromM : BAS::DateTime());
             response.cacheControl = freshness(found.detail.nextChange);
             if (asText) {
                 response.type = "text/plain; charset=utf-8";
@@ -325,8 +327,12 @@ class Api::Impl {
     Step whole(Request const& request, LookUpQuestion const& question, bool explains) {
         answersM.begin();
         Explained const explained = partsM.service.explain(question.numbers.front(), question.at, false);
-        auto const change = explained.nextChange();
-        BAS::DateTime const next = change ? change->at : BAS::DateTime();
+        // Whatever is still to come of any prefix may change what one of the methods answers.
+        BAS::DateTime next;
+        for (auto const& prefix : explained.prefixes())
+            for (auto const& record : prefix.history)
+                if (question.at < record.validFromM && (!next.isValid() || record.validFromM < next))
+                    next = record.validFromM;
         Response response;
         response.entityTag = tag(next, 0);
         response.cacheControl = freshness(next);
@@ -335,10 +341,12 @@ class Api::Impl {
     }
 
     // Weak: an answer for now tells the instant of the question, which is all that may differ under one tag.
-    std::string tag(BAS::DateTime nextChange, std::uint32_t prefixDigits) const {
+    std::string tag(BAS::DateTime nextChange, std::uint32_t prefixDigits, BAS::DateTime rangeSince = {}) const {
         std::string text = "W/\"" + sharedM.startedAs() + "-" + answersM.version() + "-" + std::to_string(prefixDigits);
         if (nextChange.isValid())
             text.append("-").append(InstantDigits(nextChange).view());
+        if (rangeSince.isValid())
+            text.append("-r").append(InstantDigits(rangeSince).view());
         return text + "\"";
     }
 

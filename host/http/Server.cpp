@@ -1318,14 +1318,15 @@ class HttpFront : public Front {
     }
     ~HttpFront() override { stop(); }
 
-    void reread() noexcept override {
-        attempt([this] { commonM.shared.rereadTokens(); });
-        attempt([this] {
-            std::shared_ptr<Tls> fresh = makeTls(settings());
-            BAS::MutexGuard const guard(commonM.tlsLock);
-            commonM.tls.swap(fresh);
-        });
-        attempt([this] { commonM.accessLog.reopen(); });
+    bool reread() noexcept override {
+        bool fine = attempt([this] { commonM.shared.rereadTokens(); });
+        fine = attempt([this] {
+                   std::shared_ptr<Tls> fresh = makeTls(settings());
+                   BAS::MutexGuard const guard(commonM.tlsLock);
+                   commonM.tls.swap(fresh);
+               }) &&
+               fine;
+        return attempt([this] { commonM.accessLog.reopen(); }) && fine;
     }
 
     void beginStop() noexcept override {
@@ -1352,15 +1353,17 @@ class HttpFront : public Front {
     HttpSettings const& settings() const { return commonM.shared.settings(); }
 
     template <class Action>
-    void attempt(Action&& action) noexcept {
+    bool attempt(Action&& action) noexcept {
         try {
             action();
+            return true;
         } catch (std::exception const& error) {
             try {
                 reportOwn("ERR_HOST_HTTP", BAS::Status::MAJOR, {BAS::String(error.what())});
             } catch (...) { // NOLINT(bugprone-empty-catch): not even the report could be made
             }
         }
+        return false;
     }
 
     void checkSettings() const {

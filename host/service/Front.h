@@ -56,8 +56,8 @@ class Front {
   public:
     virtual ~Front() = default;
     // What stands in files of its own (tokens, certificates) is read again; what is wrong is reported, and the old
-    // serves on.
-    virtual void reread() noexcept = 0;
+    // serves on. False when something was. Called by the lane of loads.
+    virtual bool reread() noexcept = 0;
     // No further connections; requests under way are answered, and connections end with that.
     virtual void beginStop() noexcept = 0;
     // No command will be answered any more. Returns when all connections have ended, which takes some seconds at the most.

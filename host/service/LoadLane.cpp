@@ -106,9 +106,9 @@ char const* nameOf(LoadLane::Kind kind) {
 }
 
 LoadLane::LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, LoadGuard& guard,
-                   DataFileState& dataFile, Metrics& metrics, WakeUp const& wakeUp)
+                   DataFileState& dataFile, Metrics& metrics, WakeUp const& wakeUp, RereadTables rereadTables)
     : plugInM(plugIn), keptM(std::move(kept)), foldersM(std::move(folders)), guardM(guard), dataFileM(dataFile),
-      metricsM(metrics), wakeUpM(wakeUp) {
+      metricsM(metrics), wakeUpM(wakeUp), rereadTablesM(std::move(rereadTables)) {
     // In the body: the thread uses every member.
     threadM.start([this] { run(); });
 }
@@ -233,11 +233,13 @@ void LoadLane::perform(Job& job) noexcept {
     auto const begin = ReportHub::Clock::now();
     ReportHub::CollectingScope const scope(job.reports);
     try {
+        bool const fresh = loadOf(job.request) != LoadKind::RELOAD || rereadTablesM();
         if (!refusesTarget(job.request) && !liesElsewhere(job.request)) {
             job.check = check(job.request);
             if (job.check.passed && !refusesDelta(job.request)) // last, for a check takes its time
                 command(job);
         }
+        job.succeeded = job.succeeded && fresh;
     } catch (std::bad_alloc const&) {
         reportFailure("ERR_OUT_OF_MEMORY", "");
     } catch (std::exception const& error) {

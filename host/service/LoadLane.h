@@ -28,6 +28,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <optional>
 #include <pthread.h>
@@ -68,10 +69,14 @@ class LoadLane {
     };
     using Jobs = std::list<Job>;
 
+    // Reads again what goes with the data and stands in files of its own, as every reload does; false, and reported, when
+    // something cannot be taken: then the old serves on, and the reload, though it goes on, is no success.
+    using RereadTables = std::function<bool()>;
+
     // No listing may replace a kept file; the data file among them is what a reload loads. Deltas come from the
     // folders.
     LoadLane(LoadedPlugIn& plugIn, KeptFiles kept, DeltaFolders folders, LoadGuard& guard, DataFileState& dataFile,
-             Metrics& metrics, WakeUp const& wakeUp);
+             Metrics& metrics, WakeUp const& wakeUp, RereadTables rereadTables);
     LoadLane(LoadLane const&) = delete;
     LoadLane& operator=(LoadLane const&) = delete;
     ~LoadLane() { stop(); }
@@ -118,6 +123,7 @@ class LoadLane {
     DataFileState& dataFileM;
     Metrics& metricsM;
     WakeUp const& wakeUpM;
+    RereadTables const rereadTablesM;
 
     mutable BAS::Mutex lockM;
     std::condition_variable_any changedM;
