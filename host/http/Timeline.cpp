@@ -257,7 +257,7 @@ std::vector<Timeline::Tick> Timeline::ticks() const {
     else
         for (std::uint64_t const seconds : beginnings())
             instants.push_back(BAS::DateTime::fromSeconds(seconds));
-    double const apart = isToScaleM ? unit->apart : 24;
+    double const apart = isToScaleM ? unit->apart : 36;
     std::vector<Tick> ticks;
     for (BAS::DateTime const at : instants)
         if (double const place = percent(at);

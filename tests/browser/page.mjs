@@ -2,7 +2,7 @@
 // Usage: node page.mjs NPHOST BROWSER FOLDER-FOR-SCREENSHOTS
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
-import { mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { mkdirSync, mkdtempSync, openSync, rmSync, writeFileSync } from "node:fs";
 import { createServer } from "node:net";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
@@ -13,7 +13,7 @@ const [nphost, executablePath, shots] = process.argv.slice(2);
 const folder = mkdtempSync(join(tmpdir(), "nphost-page-"));
 const digits = seconds => new Date(seconds * 1000).toISOString().replace(/\D/g, "").slice(0, 14);
 const hostile = "<img/src=x/onerror=alert(1)>\"'&";
-const soon = Math.ceil(Date.now() / 1000) + 20; // when a number changes hands before the eyes of the test
+const soon = Math.ceil(Date.now() / 1000) + 25; // when a number changes hands before the eyes of the test
 
 writeFileSync(join(folder, "data"), `0044 20000101000000 NATION
 00447700900 20180101000000 ALPHA
@@ -56,7 +56,10 @@ networks = "networks.toml"
 [http]
 listen = ["${new URL(base).host}"]
 `);
-const daemon = spawn(nphost, ["run", "--config", join(folder, "nphost.toml")], { stdio: ["ignore", "inherit", "inherit"] });
+mkdirSync(shots, { recursive: true });
+const log = openSync(join(shots, "daemon.log"), "w");
+const options = ["run", "--config", join(folder, "nphost.toml")];
+const daemon = spawn(nphost, options, { stdio: ["ignore", log, log] });
 const ended = new Promise(resolve => daemon.once("exit", resolve));
 const answers = () => fetch(base).then(response => response.ok, () => false);
 
@@ -94,21 +97,32 @@ const stay = page => page.evaluate(() => { window.stayed = true; });
 const stayed = async page => assert.ok(await page.evaluate(() => window.stayed), "the page was loaded anew");
 
 async function barriers(page, what) {
-  await page.addScriptTag({ content: axe.source }).catch(() => {}); // the policy forbids it; this way it does not
+  await page.addScriptTag({ content: axe.source }); // the page's policy forbids it unless the context passes that by
   const { violations } = await page.evaluate(() => window.axe.run());
   for (const { impact, id, nodes } of violations) console.log(`     ${what}: ${impact}: ${id}: ${nodes[0].html}`);
   assert.deepEqual(violations.filter(each => ["serious", "critical"].includes(each.impact)).map(each => each.id), []);
 }
 
 async function tryAll() {
+  await step("the next change is counted down, and the answer changes when it comes", async page => {
+    await page.goto(base + "?number=%2B447700900777");
+    assert.equal(await who(page), "Bravo Mobile");
+    await stay(page);
+    await page.waitForFunction(() => /^in 00:00:\d\d$/.test(document.querySelector(".next .big").textContent));
+    page.setDefaultTimeout(60_000);
+    await becomes(page, "Charlie <b>& Sons</b>");
+    assert.ok(Date.now() / 1000 >= soon, "the answer came before the change");
+    await stayed(page);
+  });
+
   await step("a number is typed, and its answer stands there", async page => {
     await page.goto(base);
     await page.getByLabel("Number").fill("07700 900 123");
     await page.keyboard.press("Enter");
     await becomes(page, "Charlie <b>& Sons</b>");
     const text = await page.locator("main").innerText();
-    for (const part of ["+447700900123", "belongs to", "Best match", "00447700900123 is the number itself", "Bravo Mobile"])
-      assert.ok(text.includes(part), part);
+    const parts = ["+447700900123", "belongs to", "Best match", "00447700900123 is the number itself", "Bravo Mobile"];
+    for (const part of parts) assert.ok(text.includes(part), part);
     assert.equal(await page.locator(".band.answers").count(), 6);
     assert.equal(await page.locator(".band.answers.ported").count(), 3);
     assert.equal(await page.locator(".methods li").count(), 3);
@@ -121,7 +135,7 @@ async function tryAll() {
     await page.getByRole("button", { name: "Look up" }).click();
     await becomes(page, "Bravo Mobile");
     assert.equal(await askedAt(page), seconds("2020-06-15T12:00:00"));
-    assert.equal(await page.getByLabel("At").first().inputValue(), "2020-06-15T12:00:00");
+    assert.equal(await page.getByLabel("At").first().inputValue(), "2020-06-15T12:00");
   });
 
   await step("without a script", async page => {
@@ -129,7 +143,7 @@ async function tryAll() {
     await page.getByLabel("Number").fill("+44 7700 900123");
     await page.getByRole("button", { name: "Look up" }).click();
     assert.equal(await who(page), "Charlie <b>& Sons</b>");
-    assert.ok(await page.locator("#asked line").isVisible());
+    assert.ok(await page.locator("#asked text").isVisible());
     assert.ok(await page.locator("#slider").isHidden());
     await page.getByRole("link", { name: "Earlier" }).click();
     await page.getByRole("link", { name: "Earlier" }).click();
@@ -175,9 +189,9 @@ async function tryAll() {
     // The handle stands above its line.
     const slider = await page.locator("#slider").boundingBox();
     const handle = await page.locator("#slider").evaluate(element => element.value / 10000);
-    const line = await page.locator("#asked line").boundingBox();
+    const line = await page.locator("#asked line").evaluate(element => element.getBoundingClientRect().x);
     const middle = slider.x + 12 + handle * (slider.width - 24);
-    assert.ok(Math.abs(middle - (line.x + line.width / 2)) < 2, `${middle}, not ${line.x}`);
+    assert.ok(Math.abs(middle - line) < 2, `${middle}, not ${line}`);
     await page.mouse.move(middle, slider.y + slider.height / 2);
     await page.mouse.down();
     await page.mouse.move(box.x + box.width * 0.9, slider.y + slider.height / 2, { steps: 20 });
@@ -240,8 +254,10 @@ async function tryAll() {
         for (const [name, path] of Object.entries(views)) {
           await page.goto(base + path);
           await page.screenshot({ path: join(shots, `${name}-${device}-${colorScheme}.png`), fullPage: true });
-          assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `${name} is too wide`);
-          const [red] = (await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor)).match(/\d+/g);
+          const fits = await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth);
+          assert.ok(fits, `${name} is too wide`);
+          const ground = await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor);
+          const [red] = ground.match(/\d+/g);
           assert.equal(red < 128, colorScheme === "dark");
           await barriers(page, `${name}, ${device}, ${colorScheme}`);
         }
@@ -250,17 +266,10 @@ async function tryAll() {
   await step("on paper", async page => {
     await page.emulateMedia({ media: "print" });
     await page.goto(base + number + "&at=20200615120000");
-    for (const control of ["#slider", ".ask", ".steps"]) assert.ok(await page.locator(control).first().isHidden(), control);
+    for (const control of ["#slider", ".ask", ".steps"])
+      assert.ok(await page.locator(control).first().isHidden(), control);
     assert.ok(await page.locator("#drawing").isVisible());
     await page.pdf({ path: join(shots, "answer.pdf"), format: "A4", printBackground: true });
-  });
-
-  await step("the next change is counted down, and the answer changes when it comes", async page => {
-    await page.goto(base + "?number=%2B447700900777");
-    await stay(page);
-    if (Date.now() / 1000 < soon - 2) assert.match(await page.locator(".next .big").innerText(), /^in 00:00:\d\d$|second/);
-    await becomes(page, "Charlie <b>& Sons</b>");
-    await stayed(page);
   });
 
   await step("the daemon stops meanwhile", async page => {
@@ -276,7 +285,6 @@ async function tryAll() {
 
 let status = 1;
 try {
-  mkdirSync(shots, { recursive: true });
   await eventually("the daemon answers", async () => {
     if (daemon.exitCode !== null) throw new Error(`the daemon ended with ${daemon.exitCode}`);
     return answers();

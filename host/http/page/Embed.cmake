@@ -1,5 +1,7 @@
-# Writes TARGET, C++ that holds the page's style and script, and the front's description, as they stand in FOLDER. Their text has no ")~".
-set(text "// Made by host/http/page/Embed.cmake.\n#include \"host/http/OpenApi.h\"\n#include \"host/http/Page.h\"\n\nnamespace nphost {\n")
+# Writes TARGET, C++ that holds the page's style and script, and the front's description, as they stand in FOLDER. Their
+# text has no ")~".
+set(text "// Made by host/http/page/Embed.cmake.\n")
+string(APPEND text "#include \"host/http/OpenApi.h\"\n#include \"host/http/Page.h\"\n\nnamespace nphost {\n")
 foreach(file "pageStyle style.css" "pageScript app.js" "openApiDocument openapi.json")
   separate_arguments(file)
   list(GET file 0 function)
