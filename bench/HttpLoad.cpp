@@ -186,8 +186,9 @@ void latency(int port, double seconds) {
     std::mt19937 random(1);
     auto const ask = [&](std::size_t i) {
         std::array<char, 128> text{};
-        int const length = std::snprintf(text.data(), text.size(), "GET /v1/numbers/004477%08u HTTP/1.1\r\nHost: x\r\n\r\n",
-                                         static_cast<unsigned int>(random() % 100'000'000U));
+        int const length =
+            std::snprintf(text.data(), text.size(), "GET /v1/numbers/004477%08u HTTP/1.1\r\nHost: x\r\n\r\n",
+                          static_cast<unsigned int>(random() % 100'000'000U));
         begun[i] = Clock::now();
         connections[i].write({text.data(), static_cast<std::size_t>(length)});
     };
