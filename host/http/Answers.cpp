@@ -113,14 +113,26 @@ void AnswerWriter::addInstant(Line& line, BAS::DateTime at) const {
     line << '"';
 }
 
+// What many ask for is one instant: now.
+void AnswerWriter::addAsked(Line& line, BAS::DateTime at) {
+    if (askedTextM.empty() || askedM != at) {
+        askedTextM.clear();
+        instant(askedTextM, at);
+        askedM = at;
+    }
+    line << askedTextM;
+}
+
 void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
     auto const& detail = answer.detail;
     std::string_view const stored = answer.stored.view();
     static std::string const none = "null";
     std::string const& chosen = detail.found() ? network(detail.record.networkIdM) : none;
-    rangeM.clear();
-    if (detail.hasRange())
+    if (detail.hasRange() && (rangeM.empty() || !(rangeOfM == detail.range.networkIdM))) {
+        rangeM.clear();
         appendJsonText(rangeM, detail.range.networkIdM.view());
+        rangeOfM = detail.range.networkIdM;
+    }
     // Longer texts of networks and identifiers are put in by themselves.
     constexpr std::size_t longCM = 300;
     bool const isLong = chosen.size() > longCM || rangeM.size() > longCM || id.size() > longCM;
@@ -131,7 +143,7 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
     if (code > 0)
         line << '+';
     line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
-    addInstant(line, answer.at);
+    addAsked(line, answer.at);
     line << (detail.found() ? ",\"found\":true,\"network\":" : ",\"found\":false,\"network\":");
     if (isLong) {
         out.append(line.view()).append(chosen);
@@ -153,14 +165,15 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
         line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
     else
         line << ",\"range\":null";
-    if (isLong) {
-        out.append(line.view()).append(rangeM);
-        line = Line();
-    } else {
-        line << rangeM;
-    }
-    if (detail.hasRange())
+    if (detail.hasRange()) {
+        if (isLong) {
+            out.append(line.view()).append(rangeM);
+            line = Line();
+        } else {
+            line << rangeM;
+        }
         line << '}';
+    }
     if (!id.empty()) {
         line << ",\"id\":";
         if (isLong) {

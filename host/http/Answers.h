@@ -81,6 +81,7 @@ class AnswerWriter {
     void forgetNetworks();
     std::size_t accessCodeOf(std::string_view stored) const; // its length, where the number begins with it; else 0
     void addInstant(Line& line, BAS::DateTime at) const;
+    void addAsked(Line& line, BAS::DateTime at);
     void head(std::string& out, Explained const& explained) const;
     void prefixes(std::string& out, Explained const& explained);
     void choice(std::string& out, Explained const& explained, unsigned int method);
@@ -94,7 +95,10 @@ class AnswerWriter {
     std::string dataM;                                                             // "data":{...}
     std::unordered_map<std::string, std::string, Hash, std::equal_to<>> networksM; // they stay where they are
     std::array<Recent, std::size_t(1) << recentBitsCM> recentM{};                  // of those, by a short text
-    std::string rangeM;                                                            // the network of a range, as JSON
+    BAS::SimpleString rangeOfM;
+    std::string rangeM; // that network, as JSON
+    BAS::DateTime askedM;
+    std::string askedTextM; // that instant, as JSON; empty: none
 };
 
 } // namespace nphost
