@@ -1,9 +1,5 @@
-# What the scripts share that try things in a bare Debian root. Sourced after common.sh, not run; whoever does names in
-# `skipped` the file that says why nothing could be tried.
-
-mkdir -p build
-rm -f "$skipped"
-skip() { echo "SKIPPED: $*" | tee "$skipped" >&2; exit 77; }
+# What the scripts share that try things in a bare Debian root. Sourced after common.sh, not run; whoever does calls
+# may_skip before.
 
 folder=  # holds the root; a new one each time, which goes at the end
 running= # the process whose child is the first one in the root

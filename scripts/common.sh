@@ -4,6 +4,14 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 say() { printf '\n== %s [%(%T)T]\n' "$*" -1; }
 
+# For scripts that cannot try on every machine what they try: may_skip names the file that says why nothing was tried.
+may_skip() {
+    skipped=$1
+    mkdir -p build
+    rm -f "$skipped"
+}
+skip() { echo "SKIPPED: $*" | tee "$skipped" >&2; exit 77; }
+
 # Installs the Debian packages that are not there yet; says nothing to do otherwise.
 need() {
     local missing=() package
@@ -36,6 +44,8 @@ package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config curl)
 metrics_packages=(prometheus curl openssl python3)
+page_packages=(chromium fonts-dejavu-core)
+command -v npm >/dev/null || page_packages+=(npm) # one of other origin does as well, and has none beside it
 
 # A compiler's work is kept where ccache is there; it must not look at times, which are others in each checkout.
 if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then

@@ -545,7 +545,27 @@ class SocketConnection : public Connection,
                phaseM == Phase::CLOSED || refusedM || (closeAfterM && !parserM && answeredM);
     }
 
+    // What the system has no means for ends this request and no other.
     std::size_t advance(std::string_view rest) {
+        std::size_t const whole = outputM.size();
+        try {
+            return parse(rest);
+        } catch (std::exception const&) {
+            outputM.resize(whole); // without the beginning of an answer
+            fail();
+            return 0;
+        }
+    }
+
+    void fail() {
+        try {
+            streamBegunM ? breakStream() : refuse(503, "the system has no memory, thread or file for this now");
+        } catch (std::exception const&) {
+            close();
+        }
+    }
+
+    std::size_t parse(std::string_view rest) {
         RequestParser::Refusal refusal;
         bool const hadHeader = parserM->hasHeader();
         std::size_t const begun = chunkBegin();
