@@ -624,6 +624,8 @@ class SocketConnection : public Connection,
         if (!parserM->hasBody())
             return;
         if (parserM->awaitsContinue() || !parserM->limitBody(discardedBodyCM)) {
+            if (stepM.kind != Step::ANSWER) // which comes only when others have done what was asked for
+                return refuse(413, "this request takes no body");
             closeAfterM = true;
             respond(stepM.response);
             refusedM = true;
