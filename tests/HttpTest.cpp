@@ -739,20 +739,21 @@ TEST(HttpTest, LimitsHoldAndDescriptorsReturn) {
     half.endSending();
     EXPECT_EQ(statusesOf(half.rest()), "200 200 200");
     // Who reads nothing is read no further, and nobody else waits for him.
-    HttpClient deaf(site.place);
-    fcntl(deaf.descriptor(), F_SETFL, O_NONBLOCK);
+    auto deaf = std::make_unique<HttpClient>(site.place);
+    fcntl(deaf->descriptor(), F_SETFL, O_NONBLOCK);
     std::string many;
     for (int i = 0; i < 1000; ++i)
         many += wire("GET /openapi.json HTTP/1.1|Host: a||");
     auto const begin = Clock::now();
     std::size_t sent = 0;
     while (Clock::now() - begin < std::chrono::milliseconds(500) && sent < 100'000'000) {
-        ssize_t const count = send(deaf.descriptor(), many.data(), many.size(), MSG_NOSIGNAL);
+        ssize_t const count = send(deaf->descriptor(), many.data(), many.size(), MSG_NOSIGNAL);
         sent += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     EXPECT_LT(sent, 20'000'000U);
     EXPECT_EQ(site.get("/livez").status, 200);
-    shutdown(deaf.descriptor(), SHUT_RDWR);
+    setsockopt(deaf->descriptor(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    deaf.reset();
     EXPECT_TRUE(eventually([&] { return descriptors() <= before; })) << descriptors() << " of " << before;
     EXPECT_EQ(site.stop(), 0) << site.log();
 }

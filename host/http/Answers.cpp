@@ -31,16 +31,16 @@ AnswerWriter::AnswerWriter(FrontParts const& parts)
 
 void AnswerWriter::begin() {
     statusM = partsM.plugIn.serviceStatus();
+    std::uint64_t const tables = partsM.networks.version(); // the same for all threads
     std::shared_ptr<NetworkTable const> table = partsM.networks.current();
     if (table != tableM) {
         tableM = std::move(table);
         forgetNetworks();
-        ++tablesM;
     }
     versionM = std::to_string(statusM.loads);
     if (statusM.liveSince.isValid())
         versionM.append("-").append(digitsOf(statusM.liveSince));
-    versionM.append("-").append(std::to_string(tablesM));
+    versionM.append("-").append(std::to_string(tables));
     dataM = "\"data\":{\"epoch\":";
     appendNumber(dataM, statusM.loads);
     dataM += '}';

@@ -90,7 +90,6 @@ class AnswerWriter {
     std::string accessCodeM;
     std::shared_ptr<NetworkTable const> tableM;
     DAT::NumberPortability::ServiceStatus statusM;
-    std::uint64_t tablesM = 0; // seen
     std::string versionM;
     std::string dataM;                                                             // "data":{...}
     std::unordered_map<std::string, std::string, Hash, std::equal_to<>> networksM; // they stay where they are
