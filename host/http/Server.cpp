@@ -1064,13 +1064,14 @@ void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) 
     constexpr std::string_view refusal = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 5\r\n"
                                          "Connection: close\r\n\r\n";
     // Whatever memory does not suffice for: the socket closes, and what was entered is left.
-    PlainSocket socket(contextM);
+    std::optional<PlainSocket> owner;
     try {
-        socket.assign(asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
+        owner.emplace(contextM).assign(asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
     } catch (std::exception const&) {
         ::close(descriptor);
         throw;
     }
+    PlainSocket& socket = *owner;
     std::string const address = addressOf(peer);
     if (auto const reason = commonM.limits.enter(address)) {
         countsM.connectionRefused(*reason);
