@@ -1082,12 +1082,20 @@ void Worker::accept(Listener& listener) {
 void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) {
     constexpr std::string_view refusal = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 5\r\n"
                                          "Connection: close\r\n\r\n";
-    std::string address = addressOf(peer);
+    // Whatever memory does not suffice for: the socket closes, and what was entered is left.
+    std::optional<PlainSocket> owner;
+    try {
+        owner.emplace(contextM).assign(asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
+    } catch (std::exception const&) {
+        ::close(descriptor);
+        throw;
+    }
+    PlainSocket& socket = *owner;
+    std::string const address = addressOf(peer);
     if (auto const reason = commonM.limits.enter(address)) {
         countsM.connectionRefused(*reason);
         if (!encrypted)
             (void)send(descriptor, refusal.data(), refusal.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        ::close(descriptor);
         return;
     }
     if (peer.ss_family != AF_UNIX) {
@@ -1100,17 +1108,27 @@ void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) 
         int const bytes = 256 * 1024;
         setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
     }
-    PlainSocket socket(contextM, asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
-    socket.non_blocking(true);
+    error_code ignored;
+    socket.non_blocking(true, ignored);
+    auto const made = [this, &address](auto make) {
+        try {
+            return make();
+        } catch (std::exception const&) {
+            commonM.limits.leave(address);
+            throw;
+        }
+    };
     auto const begin = [this](auto connection, std::shared_ptr<asio::ssl::context> tls) {
         auto const place = connectionsM.insert(connectionsM.end(), connection);
         connection->start(place, std::move(tls));
     };
     if (!encrypted)
-        return begin(std::make_shared<SocketConnection<PlainSocket>>(*this, std::move(address), std::move(socket)),
-                     nullptr);
+        return begin(
+            made([&] { return std::make_shared<SocketConnection<PlainSocket>>(*this, address, std::move(socket)); }),
+            nullptr);
     std::shared_ptr<asio::ssl::context> const tls = commonM.tlsContext();
-    begin(std::make_shared<SocketConnection<TlsSocket>>(*this, std::move(address), std::move(socket), *tls), tls);
+    begin(made([&] { return std::make_shared<SocketConnection<TlsSocket>>(*this, address, std::move(socket), *tls); }),
+          tls);
 }
 
 void Worker::remove(Connections::iterator place) {
