@@ -563,10 +563,14 @@ TEST(HttpTest, SpeaksTls) {
         {server + own + " -H 'Content-Type: text/csv' --data-binary @questions https://127.0.0.1:" + port +
              "/v1/lookup",
          "true,BRAVO"},
+        {server + own + " -H 'Content-Type: text/csv' -H Expect: -X POST -T wrong https://127.0.0.1:" + port +
+             "/v1/lookup && echo fine",
+         "each once\r\nfine"}, // answered long before all of it has come
         {server + " --unix-socket h http://a/v1/networks", "a token is needed"}, // no certificates there
         {"curl -sS -m 20 http://127.0.0.1:" + port + "/livez", "failed: "},
     };
     site.folder.write("questions", "number\n" + numberedLines(20'000, "+44", 7'700'900'123, ""));
+    site.folder.write("wrong", "numbr\n" + numberedLines(500'000, "+44", 7'700'900'123, ""));
     for (Case const& test : cases)
         EXPECT_TRUE(contains(shell(test.command), test.part)) << test.command << "\n"
                                                               << contentOf(site.folder.file("shell"));

@@ -624,6 +624,8 @@ class SocketConnection : public Connection,
         if (!parserM->hasBody())
             return;
         if (parserM->awaitsContinue() || !parserM->limitBody(discardedBodyCM)) {
+            if (stepM.kind != Step::ANSWER) // which comes only when others have done what was asked for
+                return refuse(413, "this request takes no body");
             closeAfterM = true;
             respond(stepM.response);
             refusedM = true;
@@ -948,13 +950,30 @@ class SocketConnection : public Connection,
         if (phaseM == Phase::CLOSED || phaseM == Phase::LINGER)
             return;
         phase(Phase::LINGER, lingerTimeCM);
-        error_code ignored;
         if constexpr (encryptedCM) {
-            socketM.async_shutdown([self = this->shared_from_this()](error_code) { self->close(); });
+            socketM.async_shutdown([self = this->shared_from_this()](error_code error) {
+                if (!error || self->phaseM == Phase::CLOSED)
+                    return self->close();
+                // It still sends, and what that is need not be deciphered any more.
+                self->plain().shutdown(PlainSocket::shutdown_send, error);
+                self->passOver();
+            });
         } else {
+            error_code ignored;
             socketM.shutdown(PlainSocket::shutdown_send, ignored);
             readOn();
         }
+    }
+
+    // What comes, until it ends or the time is over.
+    void passOver() {
+        plain().async_wait(PlainSocket::wait_read, [self = this->shared_from_this()](error_code error) {
+            if (!error)
+                self->plain().read_some(asio::buffer(self->workerM.scratch()), error);
+            if (error && error != asio::error::would_block && error != asio::error::interrupted)
+                return self->close();
+            self->passOver();
+        });
     }
 
     void close() {
