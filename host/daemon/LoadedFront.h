@@ -2,7 +2,7 @@
 //
 // Purpose: finds the object's table (service/Front.h), refuses one of another version, and makes the front.
 // Ownership: owns front and mapping; the front goes first. What the parts refer to must outlive it.
-// Threads: the loop's. Errors: construction throws HostError in one line, and what making the front throws.
+// Threads: the loop's. Errors: construction throws HostError in one line.
 // Complexity: that of the system's loader.
 #pragma once
 

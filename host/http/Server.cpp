@@ -1476,8 +1476,18 @@ class HttpFront : public Front {
     std::vector<std::unique_ptr<Worker>> workersM; // last: they use all else
 };
 
-constexpr FrontTable tableCM = {NP_VERSION, [](FrontParts const& parts) -> Front* { return new HttpFront(parts); },
-                                [](Front* front) { delete front; }};
+Front* makeFront(FrontParts const& parts, std::string& reason) {
+    try {
+        return new HttpFront(parts);
+    } catch (std::bad_alloc const&) {
+        reason = "out of memory";
+    } catch (std::exception const& error) {
+        reason = error.what();
+    }
+    return nullptr;
+}
+
+constexpr FrontTable tableCM = {NP_VERSION, makeFront, [](Front* front) { delete front; }};
 
 } // namespace
 
