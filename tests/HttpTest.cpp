@@ -218,6 +218,11 @@ TEST(HttpTest, RefusesWhatProgramsReadDifferently) {
         EXPECT_EQ(statusesOf(answers), test.statuses) << test.what << (i < cases.size() ? "" : ", in bytes") << "\n"
                                                       << answers;
     }
+    // None took longer than a header may, whatever came of it.
+    std::string const sum = "duration_seconds_sum{front=\"http\"} ";
+    std::string const metrics = site.get("/metrics").body;
+    ASSERT_TRUE(contains(metrics, sum));
+    EXPECT_LT(std::stod(metrics.substr(metrics.find(sum) + sum.size())), 6.0 * static_cast<double>(clients.size()));
     EXPECT_EQ(site.get("/livez").status, 200);
     EXPECT_EQ(site.stop(), 0) << site.log();
 }

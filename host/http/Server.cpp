@@ -519,6 +519,7 @@ class SocketConnection : public Connection,
         while (taken < text.size() && !stopsReading()) {
             std::string_view rest = text.substr(taken);
             if (!parserM) {
+                begunM = Clock::now();
                 // One empty line before a request is passed over (RFC 9112, section 2.2).
                 if (rest == "\r" && !emptyLineM)
                     break;
@@ -527,7 +528,6 @@ class SocketConnection : public Connection,
                     continue;
                 }
                 parserM.emplace();
-                begunM = Clock::now();
                 phase(Phase::HEADER, headerTimeCM);
             }
             std::size_t const count = advance(rest);
