@@ -1367,11 +1367,16 @@ class HttpFront : public Front {
             listeners.emplace_back(each.get(), isEncrypted(each.get()));
         for (std::unique_ptr<ListeningSocket> const& each : unixM)
             listeners.emplace_back(each->descriptor(), false);
-        for (std::size_t i = 0; i < threads; ++i)
-            workersM.push_back(std::make_unique<Worker>(commonM, listeners));
-        for (auto const& [descriptor, encrypted] : listeners)
-            reportOwn("INF_HOST_HTTP", BAS::Status::NORMAL,
-                      {BAS::String((encrypted ? "https://" : "http://") + placeOf(descriptor))});
+        try {
+            for (std::size_t i = 0; i < threads; ++i)
+                workersM.push_back(std::make_unique<Worker>(commonM, listeners));
+            for (auto const& [descriptor, encrypted] : listeners)
+                reportOwn("INF_HOST_HTTP", BAS::Status::NORMAL,
+                          {BAS::String((encrypted ? "https://" : "http://") + placeOf(descriptor))});
+        } catch (...) { // those that have begun already would be waited for without end
+            stop();
+            throw;
+        }
     }
     ~HttpFront() override { stop(); }
 
