@@ -840,14 +840,21 @@ TEST(HostZoneTest, EveryCommandGoesByTheDatasClock) {
     };
     std::string const found = "\t20200101000000\tOLD\n";
     std::string const upcoming = soon + "\t00441\tOLD\tNEW\n";
+    auto const bothAt = [](char const* first, char const* second) {
+        return std::string("00441\t")
+            .append(first)
+            .append("\t20200101000000\tOLD\n00441\t")
+            .append(second)
+            .append("\t20200101000000\tOLD\n");
+    };
     for (Case const& test :
          {Case{"lookup CONFIG 00441 | cut -f 4", "NEW\n", "OLD\n"},
           Case{"lookup CONFIG --at 2020-06-01T10:00:00Z 00441", "00441\t20200602000000" + found,
                "00441\t20200601100000" + found},
           Case{"lookup CONFIG --at 20200601100000 00441", "00441\t20200601100000" + found,
                "00441\t20200601100000" + found},
-          Case{"lookup CONFIG - <questions", "00441\t20200602000000" + found + "00441\t20200602020000" + found,
-               "00441\t20200601100000" + found + "00441\t20200601120000" + found},
+          Case{"lookup CONFIG - <questions", bothAt("20200602000000", "20200602020000"),
+               bothAt("20200601100000", "20200601120000")},
           Case{"upcoming CONFIG", "", upcoming},
           Case{"upcoming CONFIG --from 2019-12-31T09:59:59Z --until 2019-12-31T10:00:00Z",
                "20200101000000\t00441\t-\tOLD\n"},

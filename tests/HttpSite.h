@@ -130,7 +130,7 @@ class HttpClient {
 
   private:
     std::string take(std::size_t count) {
-        std::string const taken = inputM.substr(0, count);
+        std::string taken = inputM.substr(0, count);
         inputM.erase(0, count);
         return taken;
     }
