@@ -20,7 +20,7 @@ class HttpSetting {
 
   private:
     struct NoCommands : nphost::CommandPost {
-        bool post(std::string /*request*/, Answer /*answer*/) override { return false; }
+        bool post(Kind /*kind*/, std::string /*request*/, Answer /*answer*/) override { return false; }
     };
     static nphost::Sha256 noDigest(std::string_view /*text*/) { return {}; }
 

@@ -184,11 +184,17 @@ bool Daemon::rereadTables() noexcept {
 
 // The control protocol's commands, whoever sends them.
 void Daemon::serveFronts() {
-    for (PostedCommands::Commands posted = postedM.takeOne(); !posted.empty(); posted = postedM.takeOne()) {
+    // A few a turn: others wait for the loop, too.
+    constexpr int mostAtOnce = 16;
+    for (int i = 0; i < mostAtOnce; ++i) {
+        PostedCommands::Commands const posted = postedM.takeOne();
+        if (posted.empty())
+            return;
         Client const client = nextPosterM++;
-        postersM.emplace(client, std::move(posted.front().answer));
+        postersM.emplace(client, posted.front().answer);
         request(client, posted.front().request);
     }
+    partsM.hub.wakeUp().wake(); // for what may still wait
 }
 
 bool Daemon::waits(Client client) const {

@@ -27,25 +27,27 @@ class PostedCommands : public CommandPost {
 
     explicit PostedCommands(WakeUp const& wakeUp) : wakeUpM(wakeUp) {}
 
-    bool post(std::string request, Answer answer) override {
+    bool post(Kind kind, std::string request, Answer answer) override {
         Commands one;
         one.push_back({std::move(request), std::move(answer)});
         {
             BAS::MutexGuard const guard(lockM);
-            if (closedM || waitingM.size() >= mostWaitingCM)
+            Commands& waiting = kind == COMMAND ? commandsM : questionsM;
+            if (closedM || waiting.size() >= mostWaitingCM)
                 return false;
-            waitingM.splice(waitingM.end(), one);
+            waiting.splice(waiting.end(), one);
         }
         wakeUpM.wake();
         return true;
     }
 
-    // The one that waits longest; none when none waits.
+    // The one that waits longest, commands first; none when none waits.
     Commands takeOne() noexcept {
         Commands one;
         BAS::MutexGuard const guard(lockM);
-        if (!waitingM.empty())
-            one.splice(one.end(), waitingM, waitingM.begin());
+        Commands& waiting = commandsM.empty() ? questionsM : commandsM;
+        if (!waiting.empty())
+            one.splice(one.end(), waiting, waiting.begin());
         return one;
     }
 
@@ -56,11 +58,12 @@ class PostedCommands : public CommandPost {
     }
 
   private:
-    static constexpr std::size_t mostWaitingCM = 64;
+    static constexpr std::size_t mostWaitingCM = 64; // of a kind
 
     WakeUp const& wakeUpM;
     BAS::Mutex lockM;
-    Commands waitingM NP_GUARDED_BY(lockM);
+    Commands commandsM NP_GUARDED_BY(lockM);
+    Commands questionsM NP_GUARDED_BY(lockM);
     bool closedM NP_GUARDED_BY(lockM) = false;
 };
 

@@ -485,7 +485,9 @@ class Api::Impl {
 
     Step status(Request const& /*request*/) {
         allowValues();
-        return command(commandLine("status", {}));
+        Step step = command(commandLine("status", {}));
+        step.asksOnly = true;
+        return step;
     }
 
     Step reload(Request const& /*request*/) {

@@ -31,7 +31,8 @@ struct Step {
     Kind kind = ANSWER;
     Response response;              // ANSWER
     std::unique_ptr<BodySink> sink; // BODY: takes it
-    std::string command;            // COMMAND: a line of the control protocol
+    std::string command;            // COMMAND: a line of the control protocol,
+    bool asksOnly = false;          // which changes nothing
     std::shared_ptr<void> held;     // until the command's answer is there
     std::function<Response()> work; // WORK: takes its time, and may be called by any thread
 

@@ -762,9 +762,10 @@ class SocketConnection : public Connection,
 
     void command() {
         auto const taken =
-            workerM.common().parts.commands.post(stepM.command, [deliver = deliverer()](std::string line) {
-                deliver([line = std::move(line)] { return Api::answered(line); });
-            });
+            workerM.common().parts.commands.post(stepM.asksOnly ? CommandPost::QUESTION : CommandPost::COMMAND,
+                                                 stepM.command, [deliver = deliverer()](std::string line) {
+                                                     deliver([line = std::move(line)] { return Api::answered(line); });
+                                                 });
         if (!taken)
             refuseCommand();
     }

@@ -34,8 +34,10 @@ class CommandPost {
     using Answer = std::function<void(std::string line)>;
 
     virtual ~CommandPost() = default;
-    // False when too many wait, or the daemon stops.
-    virtual bool post(std::string request, Answer answer) = 0;
+    // Who only asks must not keep out who commands: they wait in places of their own.
+    enum Kind { QUESTION, COMMAND };
+    // False when too many of the kind wait, or the daemon stops.
+    virtual bool post(Kind kind, std::string request, Answer answer) = 0;
 };
 
 struct FrontParts {
