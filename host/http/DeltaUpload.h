@@ -10,6 +10,7 @@
 #include "host/base/FileDescriptor.h"
 #include "host/http/Api.h"
 
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -22,6 +23,9 @@ class DeltaUpload {
     DeltaUpload(DeltaUpload const&) = delete;
     DeltaUpload& operator=(DeltaUpload const&) = delete;
     ~DeltaUpload();
+
+    // Removes what killed processes have left there, and tells how many files.
+    static std::size_t removeLeftovers(std::filesystem::path const& folder);
 
     std::filesystem::path const& name() const { return nameM; }
     // 0, or what the system says.

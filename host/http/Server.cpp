@@ -9,6 +9,7 @@
 #include "host/config/Configuration.h"
 #include "host/http/AccessLog.h"
 #include "host/http/Api.h"
+#include "host/http/DeltaUpload.h"
 #include "host/http/HttpShared.h"
 #include "host/http/RequestParser.h"
 #include "host/log/OwnReport.h"
@@ -1320,6 +1321,7 @@ class HttpFront : public Front {
                   {},
                   {}} {
         checkSettings();
+        removeLeftovers();
         commonM.tls = makeTls(settings());
         raiseDescriptorLimit();
         open();
@@ -1384,6 +1386,15 @@ class HttpFront : public Front {
             }
         }
         return false;
+    }
+
+    void removeLeftovers() const {
+        if (commonM.parts.deltaFolders.empty())
+            return;
+        std::filesystem::path const& folder = commonM.parts.deltaFolders.front();
+        if (std::size_t const count = DeltaUpload::removeLeftovers(folder); count > 0)
+            reportOwn("INF_HOST_LEFTOVERS", BAS::Status::NORMAL,
+                      {BAS::String(std::to_string(count)), BAS::String(folder.native())});
     }
 
     void checkSettings() const {
