@@ -564,10 +564,14 @@ TEST(HttpTest, SpeaksTls) {
         {server + own + " -H 'Content-Type: text/csv' --data-binary @questions https://127.0.0.1:" + port +
              "/v1/lookup",
          "true,BRAVO"},
+        {server + own + " -H 'Content-Type: text/csv' -H Expect: -X POST -T wrong https://127.0.0.1:" + port +
+             "/v1/lookup && echo fine",
+         "each once\r\nfine"}, // answered long before all of it has come
         {server + " --unix-socket h http://a/v1/networks", "a token is needed"}, // no certificates there
         {"curl -sS -m 20 http://127.0.0.1:" + port + "/livez", "failed: "},
     };
     site.folder.write("questions", "number\n" + numberedLines(20'000, "+44", 7'700'900'123, ""));
+    site.folder.write("wrong", "numbr\n" + numberedLines(500'000, "+44", 7'700'900'123, ""));
     for (Case const& test : cases)
         EXPECT_TRUE(contains(shell(test.command), test.part)) << test.command << "\n"
                                                               << contentOf(site.folder.file("shell"));
@@ -740,20 +744,21 @@ TEST(HttpTest, LimitsHoldAndDescriptorsReturn) {
     half.endSending();
     EXPECT_EQ(statusesOf(half.rest()), "200 200 200");
     // Who reads nothing is read no further, and nobody else waits for him.
-    HttpClient deaf(site.place);
-    fcntl(deaf.descriptor(), F_SETFL, O_NONBLOCK);
+    auto deaf = std::make_unique<HttpClient>(site.place);
+    fcntl(deaf->descriptor(), F_SETFL, O_NONBLOCK);
     std::string many;
     for (int i = 0; i < 1000; ++i)
         many += wire("GET /openapi.json HTTP/1.1|Host: a||");
     auto const begin = Clock::now();
     std::size_t sent = 0;
     while (Clock::now() - begin < std::chrono::milliseconds(500) && sent < 100'000'000) {
-        ssize_t const count = send(deaf.descriptor(), many.data(), many.size(), MSG_NOSIGNAL);
+        ssize_t const count = send(deaf->descriptor(), many.data(), many.size(), MSG_NOSIGNAL);
         sent += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     EXPECT_LT(sent, 20'000'000U);
     EXPECT_EQ(site.get("/livez").status, 200);
-    shutdown(deaf.descriptor(), SHUT_RDWR);
+    setsockopt(deaf->descriptor(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    deaf.reset();
     EXPECT_TRUE(eventually([&] { return descriptors() <= before; })) << descriptors() << " of " << before;
     EXPECT_EQ(site.stop(), 0) << site.log();
 }

@@ -288,7 +288,8 @@ TEST(DataClockTest, ReadsAndShowsInstantsOfItsZone) {
             clock.appendIso(iso, at);
             utc = digitsOf(clock.toUtc(at));
         }
-        EXPECT_EQ(iso + " " + utc, test.iso + std::string(" ") + test.utc) << test.zone << " " << test.text;
+        EXPECT_EQ(std::pair(iso, utc), std::pair(std::string(test.iso), std::string(test.utc)))
+            << test.zone << " " << test.text;
     }
 }
 

@@ -22,7 +22,10 @@ FrontTable const& tableOf(SharedObject const& object, std::filesystem::path cons
 
 LoadedFront::LoadedFront(std::filesystem::path const& file, FrontParts const& parts)
     : objectM(file), frontM(nullptr, tableOf(objectM, file, parts.version).destroy) {
-    frontM.reset(tableOf(objectM, file, parts.version).make(parts));
+    std::string reason;
+    frontM.reset(tableOf(objectM, file, parts.version).make(parts, reason));
+    if (!frontM)
+        throw HostError(reason);
 }
 
 } // namespace nphost

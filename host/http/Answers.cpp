@@ -31,6 +31,7 @@ AnswerWriter::AnswerWriter(FrontParts const& parts)
 
 void AnswerWriter::begin() {
     epochM = partsM.plugIn.serviceStatus().epoch;
+    std::uint64_t const tables = partsM.networks.version(); // the same for all threads
     std::shared_ptr<NetworkTable const> table = partsM.networks.current();
     if (table != tableM) {
         tableM = std::move(table);

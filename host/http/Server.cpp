@@ -625,6 +625,8 @@ class SocketConnection : public Connection,
         if (!parserM->hasBody())
             return;
         if (parserM->awaitsContinue() || !parserM->limitBody(discardedBodyCM)) {
+            if (stepM.kind != Step::ANSWER) // which comes only when others have done what was asked for
+                return refuse(413, "this request takes no body");
             closeAfterM = true;
             respond(stepM.response);
             refusedM = true;
@@ -949,13 +951,30 @@ class SocketConnection : public Connection,
         if (phaseM == Phase::CLOSED || phaseM == Phase::LINGER)
             return;
         phase(Phase::LINGER, lingerTimeCM);
-        error_code ignored;
         if constexpr (encryptedCM) {
-            socketM.async_shutdown([self = this->shared_from_this()](error_code) { self->close(); });
+            socketM.async_shutdown([self = this->shared_from_this()](error_code error) {
+                if (!error || self->phaseM == Phase::CLOSED)
+                    return self->close();
+                // It still sends, and what that is need not be deciphered any more.
+                self->plain().shutdown(PlainSocket::shutdown_send, error);
+                self->passOver();
+            });
         } else {
+            error_code ignored;
             socketM.shutdown(PlainSocket::shutdown_send, ignored);
             readOn();
         }
+    }
+
+    // What comes, until it ends or the time is over.
+    void passOver() {
+        plain().async_wait(PlainSocket::wait_read, [self = this->shared_from_this()](error_code error) {
+            if (!error)
+                self->plain().read_some(asio::buffer(self->workerM.scratch()), error);
+            if (error && error != asio::error::would_block && error != asio::error::interrupted)
+                return self->close();
+            self->passOver();
+        });
     }
 
     void close() {
@@ -1064,12 +1083,20 @@ void Worker::accept(Listener& listener) {
 void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) {
     constexpr std::string_view refusal = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 5\r\n"
                                          "Connection: close\r\n\r\n";
-    std::string address = addressOf(peer);
+    // Whatever memory does not suffice for: the socket closes, and what was entered is left.
+    std::optional<PlainSocket> owner;
+    try {
+        owner.emplace(contextM).assign(asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
+    } catch (std::exception const&) {
+        ::close(descriptor);
+        throw;
+    }
+    PlainSocket& socket = *owner;
+    std::string const address = addressOf(peer);
     if (auto const reason = commonM.limits.enter(address)) {
         countsM.connectionRefused(*reason);
         if (!encrypted)
             (void)send(descriptor, refusal.data(), refusal.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        ::close(descriptor);
         return;
     }
     if (peer.ss_family != AF_UNIX) {
@@ -1082,17 +1109,27 @@ void Worker::take(int descriptor, sockaddr_storage const& peer, bool encrypted) 
         int const bytes = 256 * 1024;
         setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
     }
-    PlainSocket socket(contextM, asio::generic::stream_protocol(peer.ss_family, 0), descriptor);
-    socket.non_blocking(true);
+    error_code ignored;
+    socket.non_blocking(true, ignored);
+    auto const made = [this, &address](auto make) {
+        try {
+            return make();
+        } catch (std::exception const&) {
+            commonM.limits.leave(address);
+            throw;
+        }
+    };
     auto const begin = [this](auto connection, std::shared_ptr<asio::ssl::context> tls) {
         auto const place = connectionsM.insert(connectionsM.end(), connection);
         connection->start(place, std::move(tls));
     };
     if (!encrypted)
-        return begin(std::make_shared<SocketConnection<PlainSocket>>(*this, std::move(address), std::move(socket)),
-                     nullptr);
+        return begin(
+            made([&] { return std::make_shared<SocketConnection<PlainSocket>>(*this, address, std::move(socket)); }),
+            nullptr);
     std::shared_ptr<asio::ssl::context> const tls = commonM.tlsContext();
-    begin(std::make_shared<SocketConnection<TlsSocket>>(*this, std::move(address), std::move(socket), *tls), tls);
+    begin(made([&] { return std::make_shared<SocketConnection<TlsSocket>>(*this, address, std::move(socket), *tls); }),
+          tls);
 }
 
 void Worker::remove(Connections::iterator place) {
@@ -1450,8 +1487,18 @@ class HttpFront : public Front {
     std::vector<std::unique_ptr<Worker>> workersM; // last: they use all else
 };
 
-constexpr FrontTable tableCM = {NP_VERSION, [](FrontParts const& parts) -> Front* { return new HttpFront(parts); },
-                                [](Front* front) { delete front; }};
+Front* makeFront(FrontParts const& parts, std::string& reason) {
+    try {
+        return new HttpFront(parts);
+    } catch (std::bad_alloc const&) {
+        reason = "out of memory";
+    } catch (std::exception const& error) {
+        reason = error.what();
+    }
+    return nullptr;
+}
+
+constexpr FrontTable tableCM = {NP_VERSION, makeFront, [](Front* front) { delete front; }};
 
 } // namespace
 

@@ -6,7 +6,7 @@
 // tells the version, and another one is refused.
 // Ownership: the daemon owns the front and outlives it; what FrontParts refers to outlives the front.
 // Threads: the daemon's loop calls; a front has threads of its own, and lets none of its requests hold the loop up.
-// Errors: making one throws HostError or std::exception, in one line; the other calls throw nothing.
+// Errors: making one tells the reason in one line; the other calls throw nothing.
 // Complexity: the calls return at once, but for stop.
 #pragma once
 
@@ -66,7 +66,9 @@ class Front {
 
 struct FrontTable {
     char const* version; // the program's
-    Front* (*make)(FrontParts const& parts);
+    // Null, and `reason` in one line, when it cannot be made. Nothing is thrown across the border: what is thrown would
+    // outlive the code that it belongs to.
+    Front* (*make)(FrontParts const& parts, std::string& reason);
     void (*destroy)(Front* front);
 };
 

@@ -31,6 +31,7 @@ bool Networks::reread() noexcept {
             BAS::MutexGuard const guard(lockM);
             tableM.swap(fresh); // the old one goes after the lock
             refusalM.clear();
+            ++versionM;
             return true;
         } catch (std::exception const& error) {
             reportOwn("ERR_HOST_NETWORKS", BAS::Status::MAJOR, {BAS::String(error.what())});

@@ -10,6 +10,8 @@
 #include "framework/BAS/Mutex.h"
 #include "host/fields/NetworkTable.h"
 
+#include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -30,6 +32,8 @@ class Networks {
 
     // Null when none is configured.
     std::shared_ptr<NetworkTable const> current() const;
+    // How often it has been another since the start. Asked before current, it is never ahead of it.
+    std::uint64_t version() const noexcept { return versionM.load(); }
     // None when none is configured.
     std::optional<Standing> standing() const;
     // False when the file cannot be taken, which is reported.
@@ -37,6 +41,7 @@ class Networks {
 
   private:
     std::filesystem::path const fileM;
+    std::atomic<std::uint64_t> versionM{0};
     mutable BAS::Mutex lockM;
     std::shared_ptr<NetworkTable const> tableM NP_GUARDED_BY(lockM);
     std::string refusalM NP_GUARDED_BY(lockM);
