@@ -45,7 +45,9 @@ DeltaUpload::~DeltaUpload() {
 std::size_t DeltaUpload::removeLeftovers(std::filesystem::path const& folder) {
     std::size_t count = 0;
     std::error_code error;
-    for (std::filesystem::directory_iterator each(folder, error), end; !error && each != end; each.increment(error)) {
+    // The folder's name is empty where the data file is named without one.
+    std::filesystem::path const place = std::filesystem::absolute(folder / prefixCM).parent_path();
+    for (std::filesystem::directory_iterator each(place, error), end; !error && each != end; each.increment(error)) {
         std::string const name = each->path().filename().native();
         if (!name.starts_with(prefixCM) || name.size() != prefixCM.size() + chanceCM.size())
             continue;
