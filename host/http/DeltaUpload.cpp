@@ -2,6 +2,7 @@
 
 #include "host/base/HostError.h"
 #include "host/base/Text.h"
+#include "host/log/OwnReport.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -32,7 +33,7 @@ DeltaUpload::DeltaUpload(std::filesystem::path const& folder) {
     name += chanceCM;
     descriptorM = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
     if (!descriptorM)
-        throw HostError("no file can be made in " + visible(folder.native()) + ": " +
+        throw HostError("no file can be made in " + visible(std::filesystem::path(name).parent_path().native()) + ": " +
                         std::system_category().message(errno));
     nameM = std::move(name);
     (void)takeLock(descriptorM); // held until all is over: who cannot see it to be in use would remove it
@@ -42,7 +43,7 @@ DeltaUpload::~DeltaUpload() {
     unlink(nameM.c_str());
 }
 
-std::size_t DeltaUpload::removeLeftovers(std::filesystem::path const& folder) {
+void DeltaUpload::removeLeftovers(std::filesystem::path const& folder) {
     std::size_t count = 0;
     std::error_code error;
     // The folder's name is empty where the data file is named without one.
@@ -56,7 +57,9 @@ std::size_t DeltaUpload::removeLeftovers(std::filesystem::path const& folder) {
         if (file && takeLock(file) && unlink(each->path().c_str()) == 0)
             ++count;
     }
-    return count;
+    if (count > 0)
+        reportOwn("INF_HOST_LEFTOVERS", BAS::Status::NORMAL,
+                  {BAS::String(std::to_string(count)), BAS::String(place.native())});
 }
 
 int DeltaUpload::write(std::string_view text) {

@@ -10,7 +10,6 @@
 #include "host/base/FileDescriptor.h"
 #include "host/http/Api.h"
 
-#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -24,8 +23,8 @@ class DeltaUpload {
     DeltaUpload& operator=(DeltaUpload const&) = delete;
     ~DeltaUpload();
 
-    // Removes what killed processes have left there, and tells how many files.
-    static std::size_t removeLeftovers(std::filesystem::path const& folder);
+    // Removes and reports what killed processes have left there.
+    static void removeLeftovers(std::filesystem::path const& folder);
 
     std::filesystem::path const& name() const { return nameM; }
     // 0, or what the system says.

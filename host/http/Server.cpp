@@ -1358,7 +1358,8 @@ class HttpFront : public Front {
                   {},
                   {}} {
         checkSettings();
-        removeLeftovers();
+        if (!parts.deltaFolders.empty())
+            DeltaUpload::removeLeftovers(parts.deltaFolders.front());
         commonM.tls = makeTls(settings());
         raiseDescriptorLimit();
         open();
@@ -1423,15 +1424,6 @@ class HttpFront : public Front {
             }
         }
         return false;
-    }
-
-    void removeLeftovers() const {
-        if (commonM.parts.deltaFolders.empty())
-            return;
-        std::filesystem::path const& folder = commonM.parts.deltaFolders.front();
-        if (std::size_t const count = DeltaUpload::removeLeftovers(folder); count > 0)
-            reportOwn("INF_HOST_LEFTOVERS", BAS::Status::NORMAL,
-                      {BAS::String(std::to_string(count)), BAS::String(folder.native())});
     }
 
     void checkSettings() const {
