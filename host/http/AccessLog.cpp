@@ -123,6 +123,8 @@ void AccessLog::run() {
         if (rest.empty())
             continue;
         // Told with what can be written next. The last of the lines is the one that tells.
+        if (broken && rest.size() == text.size())
+            rest.remove_prefix(1); // the end of the broken one is no line
         auto const lines = static_cast<std::uint64_t>(std::count(rest.begin(), rest.end(), '\n'));
         BAS::MutexGuard const guard(lockM);
         lostM += told > 0 ? told + lines - 1 : lines;
