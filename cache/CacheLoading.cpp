@@ -399,6 +399,7 @@ void CacheManager::putLive(std::unique_ptr<NumberPortabilityTree>& tree) {
     // No more than this between acquire and release, and nothing that can fail.
     activeTreeM.swap(tree);
     liveSinceM = now;
+    ++epochM;
     treeLockM.releaseWrite();
 }
 

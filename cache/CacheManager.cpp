@@ -43,7 +43,7 @@ void CacheManager::inParts(std::size_t size, Look&& look) {
         // A lock for each part: a batch of any length would otherwise hold up an exchange for as long as it likes.
         std::size_t const count = std::min(batchSizeCM, size - begin);
         RWReadersWriterLock::ReadGuard const guard(treeLockM, count);
-        look(activeTreeM.get(), begin, count);
+        look(activeTreeM.get(), begin, count, epochM);
     }
 }
 
@@ -51,26 +51,30 @@ void CacheManager::search(std::span<BAS::String const> numbers, std::span<BAS::D
                           std::span<NumberPortabilityData> records, std::span<bool> found, unsigned int method) {
     if (instants.size() != numbers.size() || records.size() != numbers.size() || found.size() != numbers.size())
         throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
-    inParts(numbers.size(), [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count) {
-        if (tree == nullptr)
-            std::fill_n(found.begin() + static_cast<std::ptrdiff_t>(begin), count, false);
-        else
-            tree->search(numbers.subspan(begin, count), instants.subspan(begin, count), records.subspan(begin, count),
-                         found.subspan(begin, count), method);
-    });
+    inParts(numbers.size(),
+            [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count, std::uint64_t /*epoch*/) {
+                if (tree == nullptr)
+                    std::fill_n(found.begin() + static_cast<std::ptrdiff_t>(begin), count, false);
+                else
+                    tree->search(numbers.subspan(begin, count), instants.subspan(begin, count),
+                                 records.subspan(begin, count), found.subspan(begin, count), method);
+            });
 }
 
 void CacheManager::describeMany(std::span<BAS::String const> numbers, std::span<BAS::DateTime const> instants,
                                 std::span<LookUpDetail> details, unsigned int method) {
     if (instants.size() != numbers.size() || details.size() != numbers.size())
         throw std::invalid_argument("CacheManager: a batch whose spans differ in length");
-    inParts(numbers.size(), [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count) {
-        if (tree == nullptr)
-            std::fill_n(details.begin() + static_cast<std::ptrdiff_t>(begin), count, LookUpDetail());
-        else
-            tree->describeMany(numbers.subspan(begin, count), instants.subspan(begin, count),
-                               details.subspan(begin, count), method);
-    });
+    inParts(numbers.size(),
+            [&](NumberPortabilityTree const* tree, std::size_t begin, std::size_t count, std::uint64_t epoch) {
+                if (tree == nullptr)
+                    std::fill_n(details.begin() + static_cast<std::ptrdiff_t>(begin), count, LookUpDetail());
+                else
+                    tree->describeMany(numbers.subspan(begin, count), instants.subspan(begin, count),
+                                       details.subspan(begin, count), method);
+                for (LookUpDetail& detail : details.subspan(begin, count))
+                    detail.epoch = epoch;
+            });
 }
 
 std::vector<StoredPrefix> CacheManager::explain(BAS::String const& number) {
@@ -120,6 +124,7 @@ void CacheManager::describe(ServiceStatus& status) {
     status.numbers = activeTreeM->numbers();
     status.treeBytes = activeTreeM->bytes();
     status.liveSince = liveSinceM;
+    status.epoch = epochM;
 }
 
 std::uint32_t CacheManager::numOfEntries() {

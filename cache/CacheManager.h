@@ -234,6 +234,7 @@ class CacheManager {
 
     // Changes with the active tree.
     BAS::DateTime liveSinceM NP_GUARDED_BY(treeLockM);
+    std::uint64_t epochM NP_GUARDED_BY(treeLockM) = 0;
 
     // The loading thread's, from one load to the next.
     struct Loading {

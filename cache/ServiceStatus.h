@@ -39,6 +39,7 @@ struct ServiceStatus {
     std::uint64_t treeBytes = 0; // live: memory of one of the two trees, bytes
     std::uint64_t lookUps = 0;   // served, found or not
     BAS::DateTime liveSince;     // when the live data were put to work; invalid before
+    std::uint64_t epoch = 0;     // how often data were put to work: which they are
     LoadOutcome lastLoad;
     std::uint64_t loads = 0; // that have ended, well or not, whoever commanded them
     // The data file as it was opened for the latest load that was adopted, or as the latest delta load left it; all 0

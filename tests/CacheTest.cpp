@@ -973,6 +973,9 @@ class Generations : public Cache {
             for (std::size_t i = 0; detailed && i < found.size(); ++i) {
                 found[i] = details[i].found();
                 records[i] = details[i].record;
+                // The first load is of generation 0.
+                if (details[i].epoch != std::strtoull(records[i].networkIdM.c_str() + 1, nullptr, 10) + 1)
+                    ++wrong;
             }
             for (std::size_t i = 0; i < found.size(); ++i)
                 if (!found[i] || records[i].networkIdM.view() != records[0].networkIdM.view())

@@ -479,6 +479,7 @@ TEST(HttpTest, TakesReloadsAndDeltas) {
                       "[chief]\nsha256 = \"baa5a0964d3320fbc0c6a922140453c8513ea24ab8fd0577034804a967248096\"\nscopes "
                       "= [\"admin\", \"lookup\"]\n");
     std::filesystem::create_directory(site.folder.file("d"));
+    site.folder.write("d/.http-delta-killed", "x"); // the start removes it
     ASSERT_NO_FATAL_FAILURE(site.start());
     std::string const token = "Authorization: Bearer baz|";
     auto const answers = [&](std::string const& number, std::string const& network) {

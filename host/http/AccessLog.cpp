@@ -6,12 +6,14 @@
 #include "host/base/Text.h"
 #include "host/log/LogReport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <exception>
 #include <fcntl.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace nphost {
 
@@ -86,9 +88,11 @@ void AccessLog::run() {
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     std::string text;
+    bool broken = false; // the last line that was written has no end
     for (bool last = false; !last;) {
         text.clear();
         int descriptor = -1;
+        std::uint64_t told = 0;
         {
             BAS::MutexGuard guard(lockM);
             while (waitingM.empty() && !stopM)
@@ -99,8 +103,10 @@ void AccessLog::run() {
                 descriptorM = std::move(freshM);
             if (lostM > 0) {
                 text += "{\"lost\":" + std::to_string(lostM) + "}\n";
-                lostM = 0;
+                told = std::exchange(lostM, 0);
             }
+            if (broken)
+                text.insert(0, 1, '\n');
             descriptor = descriptorM.get(); // only this thread exchanges it
         }
         std::string_view rest = text;
@@ -112,6 +118,16 @@ void AccessLog::run() {
                 break; // lost: a full disk must not hold up anything
             rest.remove_prefix(static_cast<std::size_t>(count));
         }
+        if (rest.size() < text.size())
+            broken = text[text.size() - rest.size() - 1] != '\n';
+        if (rest.empty())
+            continue;
+        // Told with what can be written next. The last of the lines is the one that tells.
+        if (broken && rest.size() == text.size())
+            rest.remove_prefix(1); // the end of the broken one is no line
+        auto const lines = static_cast<std::uint64_t>(std::count(rest.begin(), rest.end(), '\n'));
+        BAS::MutexGuard const guard(lockM);
+        lostM += told > 0 ? told + lines - 1 : lines;
     }
 }
 

@@ -30,20 +30,25 @@ AnswerWriter::AnswerWriter(FrontParts const& parts)
 }
 
 void AnswerWriter::begin() {
-    statusM = partsM.plugIn.serviceStatus();
+    epochM = partsM.plugIn.serviceStatus().epoch;
     std::uint64_t const tables = partsM.networks.version(); // the same for all threads
     std::shared_ptr<NetworkTable const> table = partsM.networks.current();
     if (table != tableM) {
         tableM = std::move(table);
         forgetNetworks();
     }
-    versionM = std::to_string(statusM.loads);
-    if (statusM.liveSince.isValid())
-        versionM.append("-").append(digitsOf(statusM.liveSince));
+    versionM = std::to_string(epochM);
     versionM.append("-").append(std::to_string(tables));
-    dataM = "\"data\":{\"epoch\":";
-    appendNumber(dataM, statusM.loads);
-    dataM += '}';
+}
+
+std::string const& AnswerWriter::data(std::uint64_t epoch) {
+    if (dataM.empty() || dataOfM != epoch) {
+        dataM = "\"data\":{\"epoch\":";
+        appendNumber(dataM, epoch);
+        dataM += '}';
+        dataOfM = epoch;
+    }
+    return dataM;
 }
 
 std::size_t AnswerWriter::accessCodeOf(std::string_view stored) const {
@@ -183,7 +188,7 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
             line << id;
         }
     }
-    line << ',' << dataM << "}\n";
+    line << ',' << data(detail.epoch) << "}\n";
     out.append(line.view());
 }
 
@@ -246,7 +251,7 @@ void AnswerWriter::prefixes(std::string& out, Explained const& explained) {
 void AnswerWriter::history(std::string& out, Explained const& explained) {
     head(out, explained);
     prefixes(out, explained);
-    out.append(",").append(dataM).append("}\n");
+    out.append(",").append(data(epochM)).append("}\n");
 }
 
 void AnswerWriter::choice(std::string& out, Explained const& explained, unsigned int method) {
@@ -283,7 +288,7 @@ void AnswerWriter::explanation(std::string& out, Explained const& explained) {
     } else {
         out += "null";
     }
-    out.append(",").append(dataM).append("}\n");
+    out.append(",").append(data(epochM)).append("}\n");
 }
 
 void AnswerWriter::networks(std::string& out) {

@@ -32,6 +32,8 @@ class AnswerWriter {
     void begin();
     // begin's: changes with the data, and with the table of networks.
     std::string const& version() const { return versionM; }
+    // begin's: which data were live then.
+    std::uint64_t epoch() const { return epochM; }
     std::string const& accessCode() const { return accessCodeM; }
 
     // `id` is JSON, and goes with the answer if it is not empty.
@@ -79,6 +81,7 @@ class AnswerWriter {
     class Line;
 
     void forgetNetworks();
+    std::string const& data(std::uint64_t epoch);
     std::size_t accessCodeOf(std::string_view stored) const; // its length, where the number begins with it; else 0
     void addInstant(Line& line, BAS::DateTime at) const;
     void addAsked(Line& line, BAS::DateTime at);
@@ -89,9 +92,10 @@ class AnswerWriter {
     FrontParts const& partsM;
     std::string accessCodeM;
     std::shared_ptr<NetworkTable const> tableM;
-    DAT::NumberPortability::ServiceStatus statusM;
+    std::uint64_t epochM = 0;
     std::string versionM;
-    std::string dataM;                                                             // "data":{...}
+    std::uint64_t dataOfM = 0;
+    std::string dataM; // that epoch, as "data":{...}; empty: none
     std::unordered_map<std::string, std::string, Hash, std::equal_to<>> networksM; // they stay where they are
     std::array<Recent, std::size_t(1) << recentBitsCM> recentM{};                  // of those, by a short text
     BAS::SimpleString rangeOfM;

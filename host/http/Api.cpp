@@ -327,6 +327,9 @@ class Api::Impl {
     Step whole(Request const& request, LookUpQuestion const& question, bool explains) {
         answersM.begin();
         Explained const explained = partsM.service.explain(question.numbers.front(), question.at, false);
+        // The answer tells which data have answered: if others were put to work meanwhile, it is asked of them.
+        if (partsM.plugIn.serviceStatus().epoch != answersM.epoch())
+            return whole(request, question, explains);
         // Whatever is still to come of any prefix may change what one of the methods answers.
         BAS::DateTime next;
         for (auto const& prefix : explained.prefixes())

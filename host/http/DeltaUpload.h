@@ -23,6 +23,9 @@ class DeltaUpload {
     DeltaUpload& operator=(DeltaUpload const&) = delete;
     ~DeltaUpload();
 
+    // Removes and reports what killed processes have left there.
+    static void removeLeftovers(std::filesystem::path const& folder);
+
     std::filesystem::path const& name() const { return nameM; }
     // 0, or what the system says.
     int write(std::string_view text);

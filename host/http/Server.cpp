@@ -9,6 +9,7 @@
 #include "host/config/Configuration.h"
 #include "host/http/AccessLog.h"
 #include "host/http/Api.h"
+#include "host/http/DeltaUpload.h"
 #include "host/http/HttpShared.h"
 #include "host/http/RequestParser.h"
 #include "host/log/OwnReport.h"
@@ -1358,6 +1359,8 @@ class HttpFront : public Front {
                   {},
                   {}} {
         checkSettings();
+        if (!parts.deltaFolders.empty())
+            DeltaUpload::removeLeftovers(parts.deltaFolders.front());
         commonM.tls = makeTls(settings());
         raiseDescriptorLimit();
         open();
