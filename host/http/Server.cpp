@@ -13,12 +13,13 @@
 #include "host/http/HttpShared.h"
 #include "host/http/RequestParser.h"
 #include "host/log/OwnReport.h"
+#include "host/net/InternetSocket.h"
 #include "host/net/UnixSocket.h"
+#include "host/service/ConnectionLimits.h"
 #include "host/service/Front.h"
 #include "host/service/Metrics.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <atomic>
 #include <boost/asio/generic/stream_protocol.hpp>
@@ -29,27 +30,19 @@
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <functional>
 #include <future>
-#include <limits>
 #include <list>
-#include <map>
 #include <memory>
-#include <netdb.h>
 #include <netinet/tcp.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <optional>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -81,72 +74,10 @@ constexpr std::size_t discardedBodyCM = 64UL * 1024; // of a body that nobody wa
 constexpr std::size_t keptBytesCM = 4096;            // of storage, of an idle connection
 constexpr unsigned int mostThreadsCM = 4;            // by default
 
-// Signals are the daemon's loop's.
-void blockSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);
-}
-
 Sha256 sha256(std::string_view text) {
     Sha256 digest;
     SHA256(reinterpret_cast<unsigned char const*>(text.data()), text.size(), digest.data());
     return digest;
-}
-
-// Connections are counted over all threads: in all, and by address.
-class ConnectionLimits {
-  public:
-    ConnectionLimits(std::uint64_t most, std::uint64_t mostOfAddress) : mostM(most), mostOfAddressM(mostOfAddress) {}
-
-    // UNIX sockets' peers have no address.
-    std::optional<ConnectionRefusal> enter(std::string const& address) {
-        BAS::MutexGuard const guard(lockM);
-        if (countM >= mostM)
-            return ConnectionRefusal::TOO_MANY;
-        if (!address.empty()) {
-            std::uint64_t& count = addressesM[address];
-            if (count >= mostOfAddressM)
-                return ConnectionRefusal::TOO_MANY_OF_ADDRESS;
-            ++count;
-        }
-        ++countM;
-        return std::nullopt;
-    }
-    void leave(std::string const& address) {
-        BAS::MutexGuard const guard(lockM);
-        --countM;
-        auto const found = addressesM.find(address);
-        if (found != addressesM.end() && --found->second == 0)
-            addressesM.erase(found);
-    }
-
-  private:
-    std::uint64_t const mostM;
-    std::uint64_t const mostOfAddressM;
-    BAS::Mutex lockM;
-    std::uint64_t countM NP_GUARDED_BY(lockM) = 0;
-    std::map<std::string, std::uint64_t> addressesM NP_GUARDED_BY(lockM);
-};
-
-// What a peer's connections are counted by: its address, of IPv6 the network that one customer has (/64).
-std::string addressOf(sockaddr_storage const& peer) {
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    if (peer.ss_family == AF_INET)
-        return inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in const&>(peer).sin_addr, text.data(), text.size());
-    if (peer.ss_family != AF_INET6)
-        return {};
-    in6_addr address = reinterpret_cast<sockaddr_in6 const&>(peer).sin6_addr;
-    if (!IN6_IS_ADDR_V4MAPPED(&address))
-        std::memset(address.s6_addr + 8, 0, 8);
-    return inet_ntop(AF_INET6, &address, text.data(), text.size());
-}
-
-bool isLoopback(sockaddr_storage const& address) {
-    if (address.ss_family == AF_INET)
-        return ntohl(reinterpret_cast<sockaddr_in const&>(address).sin_addr.s_addr) >> 24 == 127;
-    return address.ss_family == AF_INET6 &&
-           IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr);
 }
 
 class Worker;
@@ -1261,80 +1192,19 @@ std::shared_ptr<Tls> makeTls(HttpSettings const& settings) {
     return tls;
 }
 
-std::string reasonOfErrno(int error) {
-    return std::system_category().message(error);
-}
-
-// "127.0.0.1:8080" or "[::1]:8080".
-sockaddr_storage parseAddress(std::string const& text, socklen_t& length) {
-    auto const wrong = [&text] {
-        return HostError("[http] '" + shortened(text) +
-                         "' is no place to listen on: ADDRESS:PORT, [ADDRESS]:PORT or unix:FILE");
-    };
-    std::size_t const colon = text.rfind(':');
-    if (colon == std::string::npos)
-        throw wrong();
-    std::string host = text.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
-    else if (host.find(':') != std::string::npos)
-        throw wrong();
-    addrinfo hints = {};
-    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    std::string const port = text.substr(colon + 1);
-    // The system would take a greater number for another port.
-    bool const isPort = !port.empty() && port.size() <= 5 && std::all_of(port.begin(), port.end(), isDigit) &&
-                        std::stoi(port) <= std::numeric_limits<in_port_t>::max();
-    if (host.empty() || !isPort || getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
-        throw wrong();
-    sockaddr_storage address = {};
-    std::memcpy(&address, found->ai_addr, found->ai_addrlen);
-    length = found->ai_addrlen;
-    freeaddrinfo(found);
-    return address;
-}
-
 FileDescriptor listenAt(std::string const& text) {
-    socklen_t length = 0;
-    sockaddr_storage const address = parseAddress(text, length);
-    FileDescriptor made(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    int const on = 1;
-    if (made) {
-        setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        if (address.ss_family == AF_INET6)
-            setsockopt(made.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    SocketAddress address;
+    if (!readSocketAddress(text, address))
+        throw HostError("[http] '" + shortened(text) +
+                        "' is no place to listen on: ADDRESS:PORT, [ADDRESS]:PORT or unix:FILE");
+    try {
+        FileDescriptor made = openAt(address, SOCK_STREAM);
+        if (::listen(made.get(), SOMAXCONN) != 0)
+            throw HostError("cannot listen on " + placeOf(address) + ": " + std::system_category().message(errno));
+        return made;
+    } catch (HostError const& error) {
+        throw HostError(std::string("[http] ") + error.what());
     }
-    if (!made || bind(made.get(), reinterpret_cast<sockaddr const*>(&address), length) != 0 ||
-        ::listen(made.get(), SOMAXCONN) != 0)
-        throw HostError("[http] cannot listen on " + shortened(text) + ": " + reasonOfErrno(errno));
-    return made;
-}
-
-// For people and tests: where a socket listens, also where the port was chosen by the system.
-std::string placeOf(int descriptor) {
-    sockaddr_storage address = {};
-    socklen_t length = sizeof address;
-    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        return "?";
-    if (address.ss_family == AF_UNIX)
-        return std::string("unix:") + reinterpret_cast<sockaddr_un const&>(address).sun_path;
-    std::array<char, INET6_ADDRSTRLEN> host{};
-    std::array<char, 8> port{};
-    getnameinfo(reinterpret_cast<sockaddr const*>(&address), length, host.data(), host.size(), port.data(), port.size(),
-                NI_NUMERICHOST | NI_NUMERICSERV);
-    std::string const name = host.data();
-    return (address.ss_family == AF_INET6 ? "[" + name + "]" : name) + ":" + port.data();
-}
-
-// 10,000 connections need as many descriptors.
-void raiseDescriptorLimit() {
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 std::string randomName() {
@@ -1442,18 +1312,12 @@ class HttpFront : public Front {
     }
 
     bool isEncrypted(int descriptor) const {
-        sockaddr_storage address = {};
-        socklen_t length = sizeof address;
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
-        return settings().hasTls() && address.ss_family != AF_UNIX;
+        return settings().hasTls() && addressOfSocket(descriptor).bytes.ss_family != AF_UNIX;
     }
 
     // What anybody in the network could reach must be encrypted, and ask who they are.
     void checkPlace(int descriptor) const {
-        sockaddr_storage address = {};
-        socklen_t length = sizeof address;
-        if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            throw HostError("[http] a passed descriptor is no socket: " + reasonOfErrno(errno));
+        sockaddr_storage const address = addressOfSocket(descriptor).bytes;
         if (address.ss_family == AF_UNIX || isLoopback(address))
             return;
         if (!settings().hasTls() || !settings().hasAuthentication())
