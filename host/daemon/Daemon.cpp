@@ -4,6 +4,7 @@
 #include "host/base/Text.h"
 #include "host/daemon/ControlAnswers.h"
 #include "host/daemon/ControlProtocol.h"
+#include "host/dns/Server.h"
 #include "host/fields/Numbers.h"
 #include "host/log/OwnReport.h"
 
@@ -87,10 +88,23 @@ Daemon::Daemon(Parts const& parts)
     if (parts.socket != nullptr)
         loopM.add(serverM.emplace(*parts.socket, static_cast<LineServer::Handler&>(*this), limitsCM));
     // It answers at once, but for commands, which wait for the loop.
+    auto const partsOf = [this](std::vector<PassedSocket> const& sockets) {
+        return FrontParts{partsM.host.configuration(),
+                          partsM.deltaFolders,
+                          serviceM,
+                          plugInM,
+                          partsM.host.numbers(),
+                          partsM.networks,
+                          partsM.clock,
+                          partsM.metrics,
+                          postedM,
+                          sockets,
+                          NP_VERSION};
+    };
+    if (parts.answersDns)
+        dnsM = std::make_unique<DnsFront>(partsOf(partsM.dnsSockets));
     if (!parts.httpFront.empty())
-        httpM.emplace(parts.httpFront, FrontParts{parts.host.configuration(), partsM.deltaFolders, serviceM, plugInM,
-                                                  parts.host.numbers(), parts.networks, parts.clock, parts.metrics,
-                                                  postedM, partsM.httpSockets, NP_VERSION});
+        httpM.emplace(parts.httpFront, partsOf(partsM.httpSockets));
 }
 
 // The manager hears READY only when the loop is about to turn: from then on signals and clients are served.
@@ -142,10 +156,13 @@ void Daemon::stop() {
     postedM.close();
     if (httpM)
         (*httpM)->beginStop();
+    if (dnsM)
+        dnsM->beginStop();
     laneM.stop();
     attempt(&Daemon::finishJobs);
     if (httpM)
         (*httpM)->stop();
+    dnsM.reset();
     // Answers are the front's code, which goes with it.
     postersM.clear();
     while (!postedM.takeOne().empty()) {

@@ -28,6 +28,7 @@
 #include "host/service/Service.h"
 
 #include <map>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string_view>
 
@@ -54,6 +55,8 @@ class Daemon : private LineServer::Handler {
         std::vector<std::filesystem::path> deltaFolders = {};
         std::filesystem::path httpFront = {};       // the shared object; empty: there is no such front
         std::vector<PassedSocket> httpSockets = {}; // that the service manager passed for it
+        bool answersDns = false;
+        std::vector<PassedSocket> dnsSockets = {};
     };
 
     explicit Daemon(Parts const& parts);
@@ -128,8 +131,9 @@ class Daemon : private LineServer::Handler {
     bool reloadWantedM = false;                 // a signal's reload is not in the lane yet
     bool reloadingM = false;                    // the service manager waits for the end of a reload
     bool statusDueM = false;                    // the service manager is to be told anew
-    std::optional<LoadedFront> httpM;           // the last to come, the first to go
-    bool shortM = false;                        // memory did not suffice for all that this turn of the loop had to do
+    std::optional<LoadedFront> httpM;           // the last to come, with the next, and the first to go
+    std::unique_ptr<Front> dnsM;
+    bool shortM = false; // memory did not suffice for all that this turn of the loop had to do
 };
 
 } // namespace nphost

@@ -8,16 +8,20 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ClientModules.h"
 #include "host/daemon/Daemon.h"
+#include "host/dns/EnumSettings.h"
 #include "host/http/HttpSettings.h"
 #include "host/log/OwnReport.h"
 #include "host/module/Host.h"
 #include "host/records/SameFile.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -112,10 +116,18 @@ std::filesystem::path frontOf(HttpSettings const& settings, Host const& host) {
     return file;
 }
 
+// Those that are meant for one front.
+std::vector<PassedSocket> socketsOf(std::vector<PassedSocket> const& passed, std::string_view name) {
+    std::vector<PassedSocket> sockets;
+    std::copy_if(passed.begin(), passed.end(), std::back_inserter(sockets),
+                 [name](PassedSocket const& each) { return each.name == name; });
+    return sockets;
+}
+
 int runDaemon(RunOptions const& options) {
     // First of all: a signal during the start must find its handler.
     Signals signals;
-    std::vector<PassedSocket> passed = takePassedSockets();
+    std::vector<PassedSocket> const passed = takePassedSockets();
     // Before the first line of the log: from here on nobody who does not read keeps the daemon waiting.
     StandardError::beOfService();
     Configuration configuration = options.common.readConfiguration();
@@ -129,7 +141,9 @@ int runDaemon(RunOptions const& options) {
     bool const announceChanges = configuration.of<ChangeNotices::Settings>().announceChanges;
     HttpSettings const http = configuration.of<HttpSettings>();
     bool const watchChanges = http.isOn; // which tells of them
-    std::erase_if(passed, [&http](PassedSocket const& each) { return !http.isOn || each.name != "http"; });
+    bool const answersDns = configuration.of<EnumSettings>().isOn;
+    std::vector<PassedSocket> const httpSockets = http.isOn ? socketsOf(passed, "http") : std::vector<PassedSocket>();
+    std::vector<PassedSocket> const dnsSockets = answersDns ? socketsOf(passed, "dns") : std::vector<PassedSocket>();
     Networks networks(configuration.of<NetworkTable::Settings>().file);
     DataClock const clock(configuration);
     std::filesystem::path const dataFolder = std::filesystem::path(configuration.dataFile()).parent_path();
@@ -157,9 +171,26 @@ int runDaemon(RunOptions const& options) {
     }
     // Clients find data when they start, and are stopped when the daemon has ended but before the plug-in goes.
     ClientModules const clients(clientFiles, host.plugIn());
-    Daemon({host, options.common.configuration, hub, target, signals, notifier, guard, dataFile, metrics, networks,
-            clock, socket ? &*socket : nullptr, announceChanges, watchChanges, logFile, deltaFolders,
-            http.isOn ? frontOf(http, host) : std::filesystem::path(), passed})
+    Daemon({host,
+            options.common.configuration,
+            hub,
+            target,
+            signals,
+            notifier,
+            guard,
+            dataFile,
+            metrics,
+            networks,
+            clock,
+            socket ? &*socket : nullptr,
+            announceChanges,
+            watchChanges,
+            logFile,
+            deltaFolders,
+            http.isOn ? frontOf(http, host) : std::filesystem::path(),
+            httpSockets,
+            answersDns,
+            dnsSockets})
         .run();
     return FINE;
 }

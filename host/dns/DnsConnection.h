@@ -89,9 +89,9 @@ class DnsConnection {
     FileDescriptor socketM;
     DnsClient const clientM;
     Patience const patienceM;
-    std::string inputM;        // the beginning of a message
-    std::size_t skippedM = 0;  // bytes to come of a message that is too long
-    std::string outputM;       // answers for which the system has no room
+    std::string inputM;       // the beginning of a message
+    std::size_t skippedM = 0; // bytes to come of a message that is too long
+    std::string outputM;      // answers for which the system has no room
     Time deadlineM;
     enum { IDLE, MESSAGE, ANSWER } waitsForM = IDLE;
     bool canReadM = true; // there may be more

@@ -17,7 +17,7 @@ namespace nphost {
 namespace {
 
 constexpr std::chrono::milliseconds tickTimeCM{500};
-constexpr int mostAcceptedCM = 16;  // at once
+constexpr int mostAcceptedCM = 16;    // at once
 constexpr int mostLastBatchesCM = 64; // of datagrams, when it stops
 
 RequestOutcome requestOutcomeOf(DnsOutcome outcome) {
@@ -38,8 +38,8 @@ RequestOutcome requestOutcomeOf(DnsOutcome outcome) {
 
 } // namespace
 
-DnsWorker::Client::Client(FileDescriptor socket, sockaddr_storage const& peer,
-                          DnsConnection::Patience const& patience, Clock::time_point now)
+DnsWorker::Client::Client(FileDescriptor socket, sockaddr_storage const& peer, DnsConnection::Patience const& patience,
+                          Clock::time_point now)
     : Source{CONNECTION, socket.get()}, connection(std::move(socket), clientOf(peer), patience, now),
       address(addressOf(peer)) {}
 
@@ -150,8 +150,8 @@ void DnsWorker::accept(Source& listener) noexcept {
     for (int i = 0; i < mostAcceptedCM; ++i) {
         sockaddr_storage peer = {};
         socklen_t length = sizeof peer;
-        FileDescriptor socket(accept4(listener.descriptor, reinterpret_cast<sockaddr*>(&peer), &length,
-                                      SOCK_CLOEXEC | SOCK_NONBLOCK));
+        FileDescriptor socket(
+            accept4(listener.descriptor, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             try {
                 take(std::move(socket), peer);

@@ -24,6 +24,7 @@
 #include "host/dns/Wire.h"
 #include "host/dns/Zone.h"
 #include "host/module/LookUpBatch.h"
+#include "host/service/Metrics.h"
 
 #include <memory>
 #include <span>
@@ -35,21 +36,6 @@ namespace nphost {
 class DataClock;
 class NetworkTable;
 class Networks;
-
-// What became of a question, for counters.
-enum class DnsOutcome {
-    ANSWERED,
-    NODATA,
-    NXDOMAIN,
-    REFUSED,
-    FORMERR,
-    NOTIMP,
-    BADVERS,
-    BADCOOKIE,
-    TRUNCATED,
-    SERVFAIL,
-    SILENCE // not a question
-};
 
 struct EnumQuery {
     std::string_view packet; // as received; over TCP without its length

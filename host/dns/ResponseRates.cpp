@@ -40,7 +40,8 @@ bool ResponseRates::isOver(DnsClient const& client, std::chrono::nanoseconds now
 
 std::size_t ResponseRates::placeOf(DnsClient const& client) const noexcept {
     std::array<char, 8> network{};
-    std::size_t const bytes = client.bytes == 4 ? bytesOfNetwork4CM : std::min<std::size_t>(client.bytes, bytesOfNetwork6CM);
+    std::size_t const bytes =
+        client.bytes == 4 ? bytesOfNetwork4CM : std::min<std::size_t>(client.bytes, bytesOfNetwork6CM);
     std::copy_n(client.address.begin(), bytes, network.begin());
     network[7] = static_cast<char>(client.bytes);
     return sipHash24(keyM, std::string_view(network.data(), network.size())) % placesCM;

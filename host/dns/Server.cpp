@@ -95,13 +95,12 @@ DnsFront::DnsFront(FrontParts const& parts)
             udp.push_back(each.get());
         for (std::vector<FileDescriptor> const& each : ownM)
             udp.push_back(each[i].get());
-        workersM.emplace_back(
-            DnsWorker::Parts{{parts.plugIn, parts.networks, parts.clock, zonesM, cookiesM},
-                             settings,
-                             parts.metrics,
-                             limitsM,
-                             ratesM},
-            udp, tcp);
+        workersM.emplace_back(DnsWorker::Parts{{parts.plugIn, parts.networks, parts.clock, zonesM, cookiesM},
+                                               settings,
+                                               parts.metrics,
+                                               limitsM,
+                                               ratesM},
+                              udp, tcp);
     }
     report();
 }

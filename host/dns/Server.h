@@ -39,10 +39,10 @@ class DnsFront : public Front {
     DnsCookies const cookiesM;
     ConnectionLimits limitsM;
     ResponseRates ratesM;
-    std::vector<FileDescriptor> listenersM;              // TCP
-    std::vector<FileDescriptor> sharedM;                 // UDP, of all threads
-    std::vector<std::vector<FileDescriptor>> ownM;       // UDP, of each thread
-    std::list<DnsWorker> workersM;                       // last: they use all else
+    std::vector<FileDescriptor> listenersM;        // TCP
+    std::vector<FileDescriptor> sharedM;           // UDP, of all threads
+    std::vector<std::vector<FileDescriptor>> ownM; // UDP, of each thread
+    std::list<DnsWorker> workersM;                 // last: they use all else
 };
 
 } // namespace nphost

@@ -199,6 +199,17 @@ void appendFronts(Exposition& out, Fronts const& fronts) {
         out, fronts, "reason", [](FrontCounts const& counts, ConnectionDrop reason) { return counts.dropped(reason); });
 }
 
+void appendDns(Exposition& out, FrontCounts const& counts) {
+    out.family("numberportability_dns_messages_total", "counter",
+               "Messages of DNS that came, by what became of them; silence is for what is no question.");
+    for (bool const isTcp : {false, true})
+        for (std::size_t i = 0; i < dnsOutcomesCM; ++i) {
+            auto const outcome = static_cast<DnsOutcome>(i);
+            out.sample({{"transport", isTcp ? "tcp" : "udp"}, {"result", nameOf(outcome)}},
+                       counts.dnsMessages(outcome, isTcp));
+        }
+}
+
 void appendProcess(Exposition& out) {
     ProcessFigures const process = ProcessFigures::now();
     out.family("numberportability_build_info", "gauge", "The program; always 1.").sample({{"version", NP_VERSION}}, 1);
@@ -223,6 +234,7 @@ std::string metricsText(Metrics const& metrics, Standing const& standing) {
         fronts[i] = {nameOf(front), metrics.counts(front)};
     }
     appendFronts(out, fronts);
+    appendDns(out, metrics.counts(FrontKind::ENUM));
     appendProcess(out);
     return std::move(out).take();
 }

@@ -30,6 +30,7 @@
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>

@@ -5,7 +5,7 @@
 namespace nphost {
 
 char const* nameOf(FrontKind front) {
-    static constexpr std::array<char const*, frontKindsCM> names = {"control", "http"};
+    static constexpr std::array<char const*, frontKindsCM> names = {"control", "http", "enum"};
     return names[static_cast<std::size_t>(front)];
 }
 
@@ -23,6 +23,13 @@ char const* nameOf(ConnectionRefusal reason) {
 char const* nameOf(ConnectionDrop reason) {
     static constexpr std::array<char const*, connectionDropsCM> names = {"slow_request", "slow_reader"};
     return names[static_cast<std::size_t>(reason)];
+}
+
+char const* nameOf(DnsOutcome outcome) {
+    static constexpr std::array<char const*, dnsOutcomesCM> names = {"answered",  "nodata",   "nxdomain", "refused",
+                                                                     "formerr",   "notimp",   "badvers",  "badcookie",
+                                                                     "truncated", "servfail", "silence"};
+    return names[static_cast<std::size_t>(outcome)];
 }
 
 char const* nameOf(LoadResult result) {

@@ -27,9 +27,9 @@
 
 namespace nphost {
 
-enum class FrontKind { CONTROL, HTTP };
-constexpr std::size_t frontKindsCM = 2;
-// "control", "http"
+enum class FrontKind { CONTROL, HTTP, ENUM };
+constexpr std::size_t frontKindsCM = 3;
+// "control", "http", "enum"
 char const* nameOf(FrontKind front);
 
 // What became of a request.
@@ -51,6 +51,23 @@ char const* nameOf(ConnectionRefusal reason);
 enum class ConnectionDrop { SLOW_REQUEST, SLOW_READER };
 constexpr std::size_t connectionDropsCM = 2;
 char const* nameOf(ConnectionDrop reason);
+
+// What became of a message of DNS.
+enum class DnsOutcome {
+    ANSWERED,
+    NODATA,
+    NXDOMAIN,
+    REFUSED,
+    FORMERR,
+    NOTIMP,
+    BADVERS,
+    BADCOOKIE,
+    TRUNCATED,
+    SERVFAIL,
+    SILENCE // not a question
+};
+constexpr std::size_t dnsOutcomesCM = 11;
+char const* nameOf(DnsOutcome outcome);
 
 enum class LoadResult {
     SUCCEEDED,
@@ -93,6 +110,9 @@ class FrontCounts {
     std::uint64_t open() const { return accepted() - std::min(accepted(), at(CLOSED, 0)); }
     std::uint64_t refused(ConnectionRefusal reason) const { return at(TURNED_AWAY, static_cast<std::size_t>(reason)); }
     std::uint64_t dropped(ConnectionDrop reason) const { return at(DROPPED, static_cast<std::size_t>(reason)); }
+    std::uint64_t dnsMessages(DnsOutcome outcome, bool isTcp) const {
+        return at(isTcp ? DNS_TCP : DNS_UDP, static_cast<std::size_t>(outcome));
+    }
 
   private:
     friend class Metrics;
@@ -107,7 +127,9 @@ class FrontCounts {
         DURATIONS = REQUESTS + requestOutcomesCM,
         TURNED_AWAY = DURATIONS + DurationBuckets::countCM,
         DROPPED = TURNED_AWAY + connectionRefusalsCM,
-        placesCM = DROPPED + connectionDropsCM
+        DNS_UDP = DROPPED + connectionDropsCM,
+        DNS_TCP = DNS_UDP + dnsOutcomesCM,
+        placesCM = DNS_TCP + dnsOutcomesCM
     };
     std::uint64_t at(Place place, std::size_t index) const { return placesM[place + index]; }
 
@@ -153,6 +175,10 @@ class Metrics {
         // Before it is closed, which is counted besides.
         void connectionDropped(ConnectionDrop reason) noexcept {
             add(FrontCounts::DROPPED + static_cast<std::size_t>(reason), 1);
+        }
+        // Also of what is no request.
+        void dnsMessage(DnsOutcome outcome, bool isTcp) noexcept {
+            add((isTcp ? FrontCounts::DNS_TCP : FrontCounts::DNS_UDP) + static_cast<std::size_t>(outcome), 1);
         }
 
       private:
