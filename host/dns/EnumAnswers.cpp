@@ -5,6 +5,7 @@
 #include "host/service/Networks.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 
 namespace nphost {
@@ -14,6 +15,7 @@ namespace {
 constexpr std::uint32_t refreshSeconds = 3600; // of the SOA, for secondaries that there are not
 constexpr std::uint32_t retrySeconds = 600;
 constexpr std::uint32_t expireSeconds = 86'400;
+constexpr std::size_t mostStoredBytes = 64; // of a number with its access code
 constexpr std::uint16_t orderCM = 100;
 constexpr std::uint16_t telPreference = 10;
 constexpr std::uint16_t sipPreference = 20;
@@ -72,7 +74,15 @@ Expression sipExpression(std::string_view telUri, std::string_view gateway) {
 } // namespace
 
 EnumAnswers::EnumAnswers(Parts const& parts, std::size_t most)
-    : partsM(parts), tableM(parts.networks.current()), batchM(parts.plugIn, most + 1), askedM(most) {}
+    : partsM(parts), tableM(parts.networks.current()), batchM(parts.plugIn, most + 1), askedM(most) {
+    // Room for every number, so that none is made later.
+    std::array<char, mostStoredBytes> const longest{};
+    for (std::size_t i = 0; i <= most; ++i) {
+        batchM.nextNumber().assign(longest.data(), longest.size());
+        batchM.add({});
+    }
+    batchM.clear();
+}
 
 void EnumAnswers::answer(std::span<EnumQuery> queries, BAS::DateTime utc) noexcept {
     utcM = utc;
@@ -140,7 +150,7 @@ void EnumAnswers::ask(Asked& asked) {
             batchM.nextNumber().assign(code.data(), code.size());
             batchM.add(atM);
         }
-        std::array<char, 64> stored;
+        std::array<char, mostStoredBytes> stored;
         std::size_t const head = std::min(code.size(), stored.size() - asked.name.count);
         std::copy_n(code.data(), head, stored.data());
         std::copy_n(asked.name.bytes.data(), asked.name.count, stored.data() + head);
@@ -174,8 +184,9 @@ void EnumAnswers::settle(EnumQuery& query, Asked const& asked) {
         return refuse(query, asked, DnsOutcome::SERVFAIL);
     if (asked.name.kind == EnumName::APEX)
         return writeApex(query, asked);
-    if (asked.name.kind == EnumName::NEVER)
-        return writeNothing(query, asked, DnsOutcome::NXDOMAIN, ttlOf({}));
+    if (asked.name.kind == EnumName::NEVER || asked.name.kind == EnumName::EMPTY)
+        return writeNothing(query, asked,
+                            asked.name.kind == EnumName::NEVER ? DnsOutcome::NXDOMAIN : DnsOutcome::NODATA, ttlOf({}));
     writeNumber(query, asked);
 }
 

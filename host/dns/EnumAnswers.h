@@ -14,7 +14,7 @@
 // Ownership: borrows its parts and the messages; owns a batch of look-ups.
 // Threads: one each; the parts are shared.
 // Errors: none; where memory lacks, the answer is SERVFAIL.
-// Complexity: that of the look-ups. After the first batch nothing is allocated, but by networks' names that are longer
+// Complexity: that of the look-ups. From the second batch on nothing is allocated, but by networks' names that are longer
 // than all before; no lock is taken but the look-ups', and one when the table of networks is another.
 // Source: RFC 1035, 6116, 4769, 4694, 2308, 6891, 7873, 8020, 8482.
 #pragma once

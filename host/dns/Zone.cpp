@@ -50,6 +50,15 @@ EnumZones::EnumZones(EnumSettings settings, Configuration const& configuration)
                      [](auto const& one, auto const& other) { return one.name.size() > other.name.size(); });
 }
 
+bool EnumZones::isAboveApex(std::string_view name) const {
+    return std::any_of(settingsM.apexes.begin(), settingsM.apexes.end(), [name](EnumApexSettings const& each) {
+        std::string_view apex = each.name;
+        while (apex.size() > name.size())
+            apex.remove_prefix(static_cast<unsigned char>(apex[0]) + std::size_t{1});
+        return apex.size() == name.size() && endsWith(name, apex);
+    });
+}
+
 EnumName EnumZones::read(std::string_view name) const {
     for (EnumApexSettings const& apex : settingsM.apexes) {
         if (!endsWith(name, apex.name))
@@ -58,6 +67,8 @@ EnumName EnumZones::read(std::string_view name) const {
         if (std::optional<EnumName> meaning = readBefore(name.substr(0, at), EnumName().bytes.size())) {
             meaning->apex = &apex;
             meaning->apexAt = at;
+            if (meaning->kind == EnumName::NEVER && isAboveApex(name))
+                meaning->kind = EnumName::EMPTY;
             return *meaning;
         }
     }

@@ -21,7 +21,8 @@ struct EnumName {
         OUTSIDE, // of every apex
         APEX,
         NUMBER, // or the beginning of one
-        NEVER   // nothing that a number could be, nor below it
+        NEVER,  // nothing that a number could be, nor below it
+        EMPTY   // the same, but that another apex is below it
     };
 
     Kind kind = OUTSIDE;
@@ -44,6 +45,8 @@ class EnumZones {
     EnumName read(std::string_view name) const;
 
   private:
+    bool isAboveApex(std::string_view name) const;
+
     EnumSettings settingsM; // apexes with the longest name first
     std::string accessCodeM;
 };
