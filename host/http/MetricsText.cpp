@@ -205,7 +205,7 @@ void appendDns(Exposition& out, FrontCounts const& counts) {
     for (bool const isTcp : {false, true})
         for (std::size_t i = 0; i < dnsOutcomesCM; ++i) {
             auto const outcome = static_cast<DnsOutcome>(i);
-            out.sample({{"transport", isTcp ? "tcp" : "udp"}, {"result", nameOf(outcome)}},
+            out.sample({{"transport", isTcp ? "tcp" : "udp"}, {"result", labelOf(outcome)}},
                        counts.dnsMessages(outcome, isTcp));
         }
 }

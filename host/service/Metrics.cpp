@@ -25,7 +25,7 @@ char const* nameOf(ConnectionDrop reason) {
     return names[static_cast<std::size_t>(reason)];
 }
 
-char const* nameOf(DnsOutcome outcome) {
+char const* labelOf(DnsOutcome outcome) {
     static constexpr std::array<char const*, dnsOutcomesCM> names = {"answered",  "nodata",   "nxdomain", "refused",
                                                                      "formerr",   "notimp",   "badvers",  "badcookie",
                                                                      "truncated", "servfail", "silence"};

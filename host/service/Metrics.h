@@ -67,7 +67,7 @@ enum class DnsOutcome {
     SILENCE // not a question
 };
 constexpr std::size_t dnsOutcomesCM = 11;
-char const* nameOf(DnsOutcome outcome);
+char const* labelOf(DnsOutcome outcome);
 
 enum class LoadResult {
     SUCCEEDED,
