@@ -35,7 +35,6 @@ std::atomic<std::size_t> allocations{0};
 namespace {
 
 using nphost::DnsOutcome;
-using nphost::EnumAnswers;
 using nphost::EnumQuery;
 
 char const* nameOf(DnsOutcome outcome) {
@@ -97,7 +96,7 @@ TEST(EnumTest, AnswersByTheData) {
         std::string text; // of the answer; records without their owner where that is the question's name
     };
     std::string const soa = "e164.example.\t300\tIN\tSOA\te164.example. nobody.invalid. 1 3600 600 86400 300\n";
-    auto const soaFor = [&soa](std::string const& ttl) {
+    auto const soaFor = [](std::string const& ttl) {
         return "e164.example.\t" + ttl + "\tIN\tSOA\te164.example. nobody.invalid. 1 3600 600 86400 " + ttl + "\n";
     };
     auto const tel = [](std::string const& ttl, std::string const& uri) {

@@ -296,7 +296,7 @@ DnsSoa EnumAnswers::soaOf(Asked const& asked, std::uint32_t ttl) const {
 // By UTC, for the data's clock may be put forward or back on the way.
 std::uint32_t EnumAnswers::ttlOf(BAS::DateTime nextChange) const {
     std::uint64_t ttl = partsM.zones.settings().ttl;
-    constexpr std::uint64_t mostShift = 2 * 86'400; // of any clock, many times over
+    constexpr std::uint64_t mostShift = 172'800; // of any clock, many times over
     if (nextChange.isValid() && nextChange.seconds() < atM.seconds() + ttl + mostShift) {
         std::uint64_t const at = partsM.clock.toUtc(nextChange).seconds();
         ttl = std::clamp<std::uint64_t>(at - std::min(at, utcM.seconds()), 1, ttl);
