@@ -70,14 +70,16 @@ TEST(HttpTest, AnswersEachRoute) {
         {"GET /v1/numbers/+447700900123/history", 200, {R"("prefixes":[{"prefix":"00447700900123","records":[{)"}},
         {"GET /v1/numbers/+447700900123/explain?at=20260101000000",
          200,
-         {R"("methods":{"best":{"found":true,"prefix":"00447700900123")",
-          R"("configured":"best","nextChange":{"at":)"}},
+         {R"("methods":{"best":{"found":true,"prefix":"00447700900123")", R"("ported":true,"reason":)",
+          R"("configured":"best","range":{"prefix":"0044770","network":"ALPHA"},"nextChange":{"at":)"}},
         {"GET /v1/networks", 200, {R"({"networks":[]})"}},
         {"GET /v1/upcoming?from=20260101000000&until=20981231000000",
          200,
-         {R"({"records":[{"prefix":"004477009","validFrom":"2098-01-01T00:00:00+00:00","network":{"id":"DELTA"}}],)"
+         {R"({"records":[{"prefix":"004477009","validFrom":"2098-01-01T00:00:00+00:00","network":{"id":"DELTA"},)"
+          R"("from":{"id":"ALPHA"}}],)"
           R"("next":null})"}},
         {"GET /v1/upcoming?from=20260101000000&limit=1", 200, {"\"next\":\""}},
+        {"GET /v1/upcoming?from=20190101000000&limit=1", 200, {"\"id\":\"ALPHA\"},\"from\":null}"}},
         {"GET /v1/upcoming?limit=0", 400, {"from 1 to 1000"}},
         {"GET /v1/upcoming?after=x", 400, {"no cursor"}},
         {"GET /v1/status", 200, {"\"ok\":true", "\"usable\":true"}},
@@ -87,7 +89,7 @@ TEST(HttpTest, AnswersEachRoute) {
         {"GET /openapi.json", 200, {"\"openapi\""}},
         {"GET /?number=%2B447700900123", 200, {"Content-Security-Policy: default-src 'none'", "BRAVO"}},
         {"GET /?number=x", 400, {"text/html"}},
-        {"GET /upcoming", 200, {"text/html"}},
+        {"GET /upcoming?from=20190101000000", 200, {"text/html", ">from nobody<", ">from <"}},
         {"GET /style.css", 200, {"text/css", "ETag: \""}},
         {"GET /app.js", 200, {"text/javascript"}},
         {"GET /nothing", 404, {"application/problem+json"}},

@@ -22,6 +22,10 @@ void appendNumber(std::string& out, std::uint64_t number) {
     out += std::to_string(number);
 }
 
+std::string_view jsonOf(std::optional<bool> known) {
+    return !known ? "null" : *known ? "true" : "false";
+}
+
 } // namespace
 
 AnswerWriter::AnswerWriter(FrontParts const& parts)
@@ -160,8 +164,7 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
     addInstant(line, detail.found() ? detail.record.validFromM : BAS::DateTime());
     line << ",\"validUntil\":";
     addInstant(line, detail.nextChange);
-    std::optional<bool> const ported = answer.ported();
-    line << (!ported ? ",\"ported\":null" : (*ported ? ",\"ported\":true" : ",\"ported\":false"));
+    line << ",\"ported\":" << jsonOf(answer.ported());
     if (detail.found())
         line << ",\"prefix\":\"" << stored.substr(0, detail.prefixDigits) << '"';
     else
@@ -218,7 +221,7 @@ void AnswerWriter::csv(std::string& out, NumberAnswer const& answer) {
     if (detail.nextChange.isValid())
         partsM.clock.appendIso(out, detail.nextChange);
     std::optional<bool> const ported = answer.ported();
-    out.append(",").append(!ported ? "" : (*ported ? "true" : "false")).append("\r\n");
+    out.append(",").append(ported ? jsonOf(ported) : "").append("\r\n");
 }
 
 void AnswerWriter::head(std::string& out, Explained const& explained) const {
@@ -265,7 +268,7 @@ void AnswerWriter::choice(std::string& out, Explained const& explained, unsigned
     } else {
         out += "null,\"network\":null,\"validFrom\":null";
     }
-    out += ",\"reason\":";
+    out.append(",\"ported\":").append(jsonOf(explained.ported(method))).append(",\"reason\":");
     appendJsonText(out, explained.reason(method));
     out += '}';
 }
@@ -278,7 +281,15 @@ void AnswerWriter::explanation(std::string& out, Explained const& explained) {
         out += method > 0 ? "," : "";
         choice(out, explained, method);
     }
-    out.append("},\"configured\":\"").append(nameOfSearchMethod(explained.configured())).append("\",\"nextChange\":");
+    out.append("},\"configured\":\"").append(nameOfSearchMethod(explained.configured())).append("\",\"range\":");
+    if (Explanation::Choice const range = explained.range(); range.record != nullptr) {
+        out.append("{\"prefix\":\"").append(range.prefix->key.view()).append("\",\"network\":");
+        appendJsonText(out, range.record->networkIdM.view());
+        out += '}';
+    } else {
+        out += "null";
+    }
+    out += ",\"nextChange\":";
     if (auto const change = explained.nextChange()) {
         out += "{\"at\":";
         instant(out, change->at);

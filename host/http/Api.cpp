@@ -451,7 +451,8 @@ class Api::Impl {
                 out.append(&entry == found.entries.data() ? "" : ",").append("{\"prefix\":\"").append(entry.prefix);
                 out += "\",\"validFrom\":";
                 answers.instant(out, entry.validFrom);
-                out.append(",\"network\":").append(answers.network(entry.network)).append("}");
+                out.append(",\"network\":").append(answers.network(entry.network)).append(",\"from\":");
+                out.append(entry.before ? answers.network(*entry.before) : "null").append("}");
             }
             out += "],\"next\":";
             if (found.next.empty())
@@ -627,9 +628,7 @@ class Api::Impl {
             Standing const standing = parts.service.standing();
             if (fault.empty()) {
                 UpcomingEntries found = upcoming(parts.plugIn, asked);
-                for (UpcomingEntry& entry : found.entries)
-                    part.records.push_back(
-                        {std::move(entry.prefix), entry.validFrom, std::move(entry.network), std::nullopt});
+                part.records = std::move(found.entries);
                 part.next = std::move(found.next);
             }
             Response response = html(upcomingPage(pageSetting(parts, accessCode, standing), part, fault));

@@ -2,7 +2,7 @@
 
 #include "host/base/Instant.h"
 #include "host/base/Text.h"
-#include "host/module/LoadedModule.h"
+#include "host/module/LookUpBatch.h"
 
 #include <algorithm>
 
@@ -13,6 +13,23 @@ namespace {
 // Where a part ended: 14 digits of the instant, a hyphen, the prefix's digits.
 std::string cursorOf(UpcomingEntry const& entry) {
     return digitsOf(entry.validFrom) + "-" + entry.prefix;
+}
+
+void findNetworksBefore(LoadedPlugIn& plugIn, std::vector<UpcomingEntry>& entries) {
+    constexpr std::size_t most = 256; // what the plug-in looks up without letting go of its data
+    LookUpBatch batch(plugIn, most);
+    for (std::size_t begin = 0; begin < entries.size(); begin += batch.size()) {
+        batch.clear();
+        for (std::size_t i = begin; i < entries.size() && !batch.isFull(); ++i) {
+            batch.nextNumber() = entries[i].prefix;
+            // Never below the first second: a record that is to come is later than some instant.
+            batch.add(BAS::DateTime::fromSeconds(entries[i].validFrom.seconds() - 1));
+        }
+        batch.search({});
+        for (std::size_t i = 0; i < batch.size(); ++i)
+            if (LookUpBatch::Record const* const record = batch.record(i))
+                entries[begin + i].before = record->networkIdM.view();
+    }
 }
 
 } // namespace
@@ -40,7 +57,7 @@ UpcomingEntries upcoming(LoadedPlugIn& plugIn, UpcomingQuestion const& question)
             return;
         if (heap.size() == most && heap.front().validFrom < record.validFromM)
             return;
-        UpcomingEntry entry{record.validFromM, number.str(), std::string(record.networkIdM.view())};
+        UpcomingEntry entry{record.validFromM, number.str(), std::string(record.networkIdM.view()), {}};
         if (continues && !(last < entry))
             return;
         if (heap.size() == most) {
@@ -57,6 +74,7 @@ UpcomingEntries upcoming(LoadedPlugIn& plugIn, UpcomingQuestion const& question)
         heap.pop_back();
         result.next = cursorOf(heap.back());
     }
+    findNetworksBefore(plugIn, heap);
     return result;
 }
 
