@@ -7,6 +7,7 @@
 #include <random>
 #include <set>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -389,8 +390,10 @@ TEST(HttpTest, AsksForTokensAndScopes) {
         "[chief]\nsha256 = \"baa5a0964d3320fbc0c6a922140453c8513ea24ab8fd0577034804a967248096\"\nscopes = [\"admin\"]\n"
         "[nobody]\nsha256 = \"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855\"\nscopes = "
         "[\"lookup\"]\n";
-    HttpSite site("tokens = \"tokens.toml\"\nallowOrigins = [\"https://a.b\"]\naccessLog = \"access\"\n");
+    HttpSite site("tokens = \"tokens.toml\"\nallowOrigins = [\"https://a.b\"]\naccessLog = \"access\"\n",
+                  "networks = \"networks\"\n");
     site.folder.write("tokens.toml", tokens);
+    site.folder.write("networks", "");
     ASSERT_NO_FATAL_FAILURE(site.start());
     struct Case {
         char const* request;
@@ -455,7 +458,18 @@ TEST(HttpTest, AsksForTokensAndScopes) {
     site.folder.write("tokens.toml", "[asker]\nsha256 = \"2\"\n");
     site.daemon->signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return contains(site.log(), "tokens.toml:2: 'sha256' must be 64"); })) << site.log();
+    // Nobody writes into these.
+    for (char const* const name : {"tokens.toml", "networks"}) {
+        std::filesystem::remove(site.folder.file(name));
+        ASSERT_EQ(mkfifo(site.folder.file(name).c_str(), 0600), 0);
+    }
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] {
+        return contains(site.log(), "networks: is no regular file") &&
+               contains(site.log(), "tokens.toml: is no regular file");
+    })) << site.log();
     EXPECT_EQ(asks("foo"), 200);
+    std::filesystem::remove(site.folder.file("tokens.toml"));
     site.folder.write(
         "tokens.toml",
         tokens.substr(tokens.find("[chief]")) +
@@ -592,6 +606,9 @@ TEST(HttpTest, SpeaksTls) {
                             isBroken ? "subject: CN=a" : "subject: CN=new");
         })) << contentOf(site.folder.file("shell"));
     }
+    shell("openssl pkey -in server.key -aes128 -passout pass:x -out locked && mv locked server.key");
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return contains(site.log(), "server.key has a pass phrase"); })) << site.log();
     // Those who do not speak TLS to the end: none of them stays.
     std::vector<std::unique_ptr<HttpClient>> strange;
     for (char const* const bytes : {"", "x", "GET / HTTP/1.1\r\n\r\n", "\x16\x03\x01\x02"}) {
@@ -628,12 +645,17 @@ TEST(HttpTest, StartsOnlyWhereItIsSafe) {
         {"\"127.0.0.1:0\"", "tokens = \"none\"\n", "none"},
         {"\"127.0.0.1:0\"", "tokens = \"nphost.toml\"\n", "nphost.toml:"},
         {"\"127.0.0.1:0\"", "accessLog = \"none/log\"\n", "none/log cannot be opened"},
+        {"\"127.0.0.1:0\"", "accessLog = \"pipe\"\n", "pipe cannot be opened: nobody reads"},
+        {"\"127.0.0.1:0\"", "tokens = \"pipe\"\n", "pipe: is no regular file"},
+        {"\"127.0.0.1:0\"", "tokens = \"/dev/zero\"\n", "/dev/zero: is no regular file"},
+        {"\"127.0.0.1:0\"", "key = \"pipe\"\ncertificate = \"tokens\"\n", "pipe: is no regular file"},
         {"\"127.0.0.1:0\"", "threads = 0\n", "threads"},
         {"\"127.0.0.1:0\"", "module = \"data.dat\"\n", "data.dat"},
     };
     for (Case const& test : cases) {
         HttpSite site(test.http, "", dataCM, test.listen);
         site.folder.write("tokens", "");
+        mkfifo(site.folder.file("pipe").c_str(), 0600);
         Result const result = runProgram(site.folder, {"run", "--config", site.configuration}, "run");
         EXPECT_EQ(result.status, 2) << test.listen << test.http << result.err;
         EXPECT_TRUE(contains(result.err, test.part)) << test.listen << test.http << result.err;
