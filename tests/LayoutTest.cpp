@@ -441,7 +441,8 @@ TEST(Layout, HoldsALongHistoryInEveryOrderOfArrival) {
                                 --left;
                                 ASSERT_EQ(record.validFromM, instantOf(left));
                                 ASSERT_EQ(record.networkIdM.view(), networkOf(left));
-                            });
+                            },
+                            [] {});
         EXPECT_EQ(left, 0U);
         NumberPortabilityData found;
         for (std::uint64_t i = 0; i < recordsCM; i += 1 + random() % 100)
