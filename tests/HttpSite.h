@@ -28,8 +28,8 @@ struct Reply {
 
 class HttpClient {
   public:
-    // A port of 127.0.0.1, or a UNIX socket's path.
-    explicit HttpClient(std::string const& place) {
+    // A port of 127.0.0.1, which may be asked from another address of this machine, or a UNIX socket's path.
+    explicit HttpClient(std::string const& place, in_addr_t from = INADDR_LOOPBACK) {
         sockaddr_un local = {};
         sockaddr_in address = {};
         bool const isLocal = place.starts_with('/');
@@ -42,6 +42,13 @@ class HttpClient {
         int const on = 1;
         if (!isLocal)
             setsockopt(descriptorM, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (!isLocal) {
+            sockaddr_in own = {};
+            own.sin_family = AF_INET;
+            own.sin_addr.s_addr = htonl(from);
+            setsockopt(descriptorM, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+            bind(descriptorM, reinterpret_cast<sockaddr const*>(&own), sizeof own);
+        }
         auto const* const to =
             isLocal ? reinterpret_cast<sockaddr const*>(&local) : reinterpret_cast<sockaddr const*>(&address);
         connectedM = connect(descriptorM, to, isLocal ? sizeof local : sizeof address) == 0;

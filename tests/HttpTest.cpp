@@ -730,6 +730,100 @@ TEST(HttpTest, StopsWhenAllThatIsUnderWayIsAnswered) {
     EXPECT_FALSE(HttpClient(site.place).connected());
 }
 
+// As many connections as the limit of descriptors allows, 10,000 at the most: of addresses that each have as many as
+// they may, and of kinds that each have to be let go in another way.
+TEST(HttpTest, BearsManyConnectionsOfWhichNoneHurries) {
+#ifdef NP_SANITIZED
+    constexpr std::size_t wanted = 500;
+#else
+    constexpr std::size_t wanted = 10'000;
+#endif
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    constexpr rlim_t others = 200; // what else the daemon and this program have open
+    std::size_t const most = std::min<std::size_t>(wanted, std::max(limit.rlim_cur, others + 100) - others);
+    if (most < wanted)
+        std::cout << "only " << most << " connections: no more descriptors may be open here\n";
+    std::size_t const ofAddress = most / 10 + 1; // ten addresses suffice for all of them
+    HttpSite site("maxConnections = " + std::to_string(most) +
+                      "\nmaxConnectionsPerAddress = " + std::to_string(ofAddress) + "\nidleSeconds = 6\nthreads = 2\n",
+                  "", dataCM, "\"127.0.0.1:0\", \"unix:h\"");
+    ASSERT_NO_FATAL_FAILURE(site.start());
+    std::optional<HttpClient> observer(site.folder.file("h")); // its connection is one of them
+    auto const counts = [&](std::string const& what) {
+        return contains(observer->ask("GET /metrics HTTP/1.1|Host: a||").body, "numberportability_connections" + what);
+    };
+    ASSERT_TRUE(counts("{front=\"http\"} 1\n"));
+    std::size_t const before = descriptorsOf(site.daemon->id());
+
+    std::vector<std::unique_ptr<HttpClient>> clients;
+    auto const refused = [&](in_addr_t from) {
+        Reply const reply = HttpClient(site.place, from).read();
+        return reply.status == 503 && reply.field("Retry-After") == "5" && reply.field("Connection") == "close";
+    };
+    for (in_addr_t from = INADDR_LOOPBACK; clients.size() + 1 < most; ++from) {
+        for (std::size_t i = 0; i < ofAddress && clients.size() + 1 < most; ++i)
+            clients.push_back(std::make_unique<HttpClient>(site.place, from));
+        // Not more at once than the system queues.
+        ASSERT_TRUE(
+            eventually([&] { return counts("{front=\"http\"} " + std::to_string(clients.size() + 1) + "\n"); }));
+        if (clients.size() + 1 < most) {
+            ASSERT_TRUE(refused(from)) << clients.size();
+        }
+    }
+    EXPECT_TRUE(refused(INADDR_LOOPBACK + 100));
+    EXPECT_TRUE(counts("_refused_total{front=\"http\",reason=\"too_many\"} 1\n"));
+    EXPECT_TRUE(counts("_refused_total{front=\"http\",reason=\"too_many_of_address\"} 9\n"));
+
+    enum Kind { IDLE, USED, SENDS_SLOWLY, READS_SLOWLY, HALF_CLOSED };
+    auto const kindOf = [](std::size_t i) {
+        if (i % 50 == 0) // each of these fills the buffers of both ends
+            return i % 100 == 0 ? READS_SLOWLY : HALF_CLOSED;
+        return i % 3 == 0 ? IDLE : (i % 3 == 1 ? USED : SENDS_SLOWLY);
+    };
+    std::string large;
+    for (int i = 0; i < 100; ++i)
+        large += wire("GET /openapi.json HTTP/1.1|Host: a||");
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        HttpClient& client = *clients[i];
+        if (kindOf(i) == USED) {
+            ASSERT_EQ(client.ask("GET /livez HTTP/1.1|Host: a||").status, 200);
+        }
+        if (kindOf(i) >= READS_SLOWLY)
+            client.send(large);
+        if (kindOf(i) == HALF_CLOSED)
+            client.endSending();
+    }
+    // A byte now and then of each of those: of a header, which so is never whole, or of an answer.
+    std::jthread trickle([&](std::stop_token const& stop) {
+        for (std::size_t round = 0; !stop.stop_requested(); ++round, poll(nullptr, 0, 300))
+            for (std::size_t i = 0; i < clients.size() && !stop.stop_requested(); ++i) {
+                char byte = "GET /livez HTTP/1.1\r\nHost: a\r\nX: yyyyyyyyyyyyyy"[std::min<std::size_t>(round, 45)];
+                if (kindOf(i) == SENDS_SLOWLY)
+                    (void)::send(clients[i]->descriptor(), &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+                else if (kindOf(i) >= READS_SLOWLY)
+                    (void)::recv(clients[i]->descriptor(), &byte, 1, MSG_DONTWAIT);
+            }
+    });
+    for (std::size_t i = 0; i < clients.size(); ++i)
+        if (kindOf(i) < READS_SLOWLY) {
+            ASSERT_EQ(statusesOf(clients[i]->rest()), kindOf(i) == SENDS_SLOWLY ? "408" : "") << i;
+        }
+    // Who reads, however slowly, has his time still; all others have gone, and leave room.
+    auto const left = static_cast<std::size_t>(std::count_if(
+        clients.begin(), clients.end(), [&, i = 0UL](auto const&) mutable { return kindOf(i++) > SENDS_SLOWLY; }));
+    observer.emplace(site.folder.file("h")); // it was idle, too
+    EXPECT_TRUE(eventually([&] { return counts("{front=\"http\"} " + std::to_string(left + 1) + "\n"); }));
+    EXPECT_EQ(HttpClient(site.place).ask("GET /livez HTTP/1.1|Host: a||").status, 200);
+    trickle = {}; // stopped and joined
+    clients.clear();
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(site.daemon->id()) <= before; }))
+        << descriptorsOf(site.daemon->id()) << " of " << before;
+    EXPECT_EQ(site.stop(), 0) << site.log();
+}
+
 TEST(HttpTest, LimitsHoldAndDescriptorsReturn) {
     HttpSite site("maxConnections = 60\nmaxConnectionsPerAddress = 40\nidleSeconds = 1\nthreads = 2\n", "", dataCM,
                   "\"127.0.0.1:0\", \"unix:h\"");
