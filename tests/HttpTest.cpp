@@ -266,7 +266,8 @@ TEST(HttpTest, AnswersStreamsLineByLineHoweverTheyAreSplit) {
     std::string body;
     for (Case const& each : lines)
         body += (body.empty() ? "" : "\n") + each.line;
-    HttpSite site;
+    HttpSite site("", "networks = \"networks\"\n");
+    site.folder.write("networks", "[BRAVO]\ntext = \"" + std::string(5000, 'x') + "\"\n"); // longer than answers' lines
     ASSERT_NO_FATAL_FAILURE(site.start());
     std::string const head = replaced(lookupCM, "lookup HTTP", "lookup?at=20260131000000 HTTP");
     HttpClient client(site.place);
@@ -651,6 +652,10 @@ TEST(HttpTest, StartsOnlyWhereItIsSafe) {
         {"\"127.0.0.1:0\"", "key = \"pipe\"\ncertificate = \"tokens\"\n", "pipe: is no regular file"},
         {"\"127.0.0.1:0\"", "threads = 0\n", "threads"},
         {"\"127.0.0.1:0\"", "module = \"data.dat\"\n", "data.dat"},
+        {"\"127.0.0.1:0\"", "module = \"" NP_OTHER_FRONTS "version.so\"\n",
+         "does not fit this host: it is of version 0"},
+        {"\"127.0.0.1:0\"", "module = \"" NP_OTHER_FRONTS "sizes.so\"\n", "its objects have other sizes"},
+        {"\"192.0.2.1:0\"", "", "is passed its sockets: see numberportability-http.socket"},
     };
     for (Case const& test : cases) {
         HttpSite site(test.http, "", dataCM, test.listen);

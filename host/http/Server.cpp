@@ -15,7 +15,7 @@
 #include "host/http/RequestParser.h"
 #include "host/log/OwnReport.h"
 #include "host/net/UnixSocket.h"
-#include "host/service/Front.h"
+#include "host/service/FrontTable.h"
 #include "host/service/Metrics.h"
 
 #include <algorithm>
@@ -593,6 +593,7 @@ class SocketConnection : public Connection,
         Request request;
         request.method = parserM->method();
         request.target = parserM->target();
+        request.host = parserM->host();
         request.authorization = parserM->authorization();
         request.contentType = parserM->contentType();
         request.accept = parserM->accept();
@@ -1327,8 +1328,15 @@ FileDescriptor listenAt(std::string const& text) {
             setsockopt(made.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     }
     if (!made || bind(made.get(), reinterpret_cast<sockaddr const*>(&address), length) != 0 ||
-        ::listen(made.get(), SOMAXCONN) != 0)
-        throw HostError("[http] cannot listen on " + shortened(text) + ": " + reasonOfErrno(errno));
+        ::listen(made.get(), SOMAXCONN) != 0) {
+        int const error = errno;
+        // The unit's PrivateNetwork=yes: there is a loopback of its own, if that.
+        bool const isElsewhere = error == EADDRNOTAVAIL || error == EAFNOSUPPORT || error == EPERM || error == EACCES;
+        throw HostError("[http] cannot listen on " + shortened(text) + ": " + reasonOfErrno(error) +
+                        (isElsewhere ? "; a service without a network of its own is passed its sockets: see "
+                                       "numberportability-http.socket"
+                                     : ""));
+    }
     return made;
 }
 
@@ -1516,7 +1524,8 @@ Front* makeFront(FrontParts const& parts, std::string& reason) {
     return nullptr;
 }
 
-constexpr FrontTable tableCM = {NP_VERSION, makeFront, [](Front* front) { delete front; }};
+constexpr FrontTable tableCM = {
+    .version = NP_VERSION, .make = makeFront, .destroy = [](Front* front) { delete front; }};
 
 } // namespace
 
