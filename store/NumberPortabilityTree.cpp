@@ -113,7 +113,10 @@ void NumberPortabilityTree::describeMany(std::span<BAS::String const> numbers, s
     if (instants.size() != numbers.size() || details.size() != numbers.size())
         throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
     treeM.searchMeasured(numbers, [&](std::size_t i, std::size_t digits, auto& prefixes) {
-        describe(digits, prefixes, instants[i], method, details[i]);
+        LookUpDetail& detail = details[i];
+        describe(digits, prefixes, instants[i], method, detail);
+        // A walk of its own, which few look-ups need: the others' must not be slower for it.
+        detail.hasLonger = !detail.found() && !detail.nextChange.isValid() && treeM.hasLonger(numbers[i]);
     });
 }
 
