@@ -433,6 +433,8 @@ void expectDetail(Detail const& detail, nphost::Explanation::Prefixes const& pre
     std::erase_if(shorter, [&](auto const& prefix) { return prefix.key.length() == number.length(); });
     auto const range = nphost::Explanation(shorter, BAS::String(number)).choose(0, at);
     ASSERT_EQ(detail.hasRange(), range.record != nullptr);
+    auto const rangeChange = nphost::Explanation(shorter, BAS::String(number)).nextChange(0, at);
+    EXPECT_EQ(detail.rangeChange, rangeChange ? rangeChange->at : BAS::DateTime());
     std::optional<bool> ported;
     if (detail.hasRange()) {
         EXPECT_EQ(detail.rangeDigits, range.prefix->key.length());
