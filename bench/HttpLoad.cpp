@@ -3,6 +3,7 @@
 //   nphttpload stream PORT FILE       sends the file as one POST /v1/lookup in chunks, and counts the lines of the answer
 //   nphttpload mget PORT FILE         asks a Redis server for the numbers of the file, 100 a command, many under way
 //   nphttpload latency PORT SECONDS   single GETs of random numbers over 8 connections, one after the other on each
+//   nphttpload latency PORT SECONDS RATE  the same at that many a second, each asked on time
 //   nphttpload idle PORT COUNT        opens connections, one request each, and holds them until its input ends
 //   nphttpload lines FILE             counts lines as fast as it does for `stream`: what the counting itself costs
 //
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <fstream>
 #include <iterator>
@@ -26,6 +28,7 @@
 #include <string_view>
 #include <sys/socket.h>
 #include <thread>
+#include <time.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -178,44 +181,97 @@ void mget(int port, std::string const& body) {
     std::printf("%zu %.3f\n", values, seconds);
 }
 
-void latency(int port, double seconds) {
-    constexpr std::size_t width = 8;
-    std::vector<Connection> connections;
-    std::vector<Clock::time_point> begun(width);
-    std::vector<pollfd> polled;
-    std::mt19937 random(1);
-    auto const ask = [&](std::size_t i) {
+class Questions {
+  public:
+    explicit Questions(int port) {
+        for (std::size_t i = 0; i < widthCM; ++i) {
+            connectionsM.emplace_back(port);
+            polledM.push_back({connectionsM.back().descriptor(), POLLIN, 0});
+        }
+    }
+
+    static constexpr std::size_t widthCM = 8;
+
+    void ask(std::size_t connection, Clock::time_point due) {
         std::array<char, 128> text{};
         int const length =
             std::snprintf(text.data(), text.size(), "GET /v1/numbers/004477%08u HTTP/1.1\r\nHost: x\r\n\r\n",
-                          static_cast<unsigned int>(random() % 100'000'000U));
-        begun[i] = Clock::now();
-        connections[i].write({text.data(), static_cast<std::size_t>(length)});
-    };
-    for (std::size_t i = 0; i < width; ++i) {
-        connections.emplace_back(port);
-        polled.push_back({connections[i].descriptor(), POLLIN, 0});
-        ask(i);
+                          static_cast<unsigned int>(randomM() % 100'000'000U));
+        connectionsM[connection].write({text.data(), static_cast<std::size_t>(length)});
+        dueM.at(connection).push_back(due);
     }
-    std::vector<double> microseconds;
-    Clock::time_point const begin = Clock::now();
-    while (secondsSince(begin) < seconds) {
-        poll(polled.data(), polled.size(), 1000);
-        for (std::size_t i = 0; i < width; ++i) {
-            if ((polled[i].revents & (POLLIN | POLLHUP)) == 0)
+    // Takes the answers that are there, once there are any or the time is over; calls `answered` with the connection of
+    // each.
+    template <typename Answered>
+    void take(Clock::duration patience, Answered const& answered) {
+        timespec const time = {0, std::chrono::nanoseconds(patience).count()};
+        ppoll(polledM.data(), polledM.size(), &time, nullptr);
+        for (std::size_t i = 0; i < widthCM; ++i) {
+            if ((polledM[i].revents & (POLLIN | POLLHUP)) == 0)
                 continue;
-            std::string_view const answer = connections[i].read();
-            if (!answer.starts_with("HTTP/1.1 200"))
-                throw std::runtime_error("an answer is not 200");
-            microseconds.push_back(secondsSince(begun[i]) * 1e6);
-            ask(i);
+            // An answer's first bytes may come in two pieces.
+            std::string& text = unreadM.at(i);
+            text += connectionsM[i].read();
+            std::size_t done = 0;
+            for (std::size_t at = 0; (at = text.find(headCM, done)) < text.size(); done = at + headCM.size()) {
+                timesM.push_back(secondsSince(dueM.at(i).front()) * 1e6);
+                dueM.at(i).pop_front();
+                answered(i);
+            }
+            text.erase(0, std::max(done, text.size() - std::min(text.size(), headCM.size() - 1)));
         }
     }
-    std::sort(microseconds.begin(), microseconds.end());
-    auto const at = [&](double share) {
-        return microseconds[static_cast<std::size_t>(share * static_cast<double>(microseconds.size() - 1))];
-    };
-    std::printf("%zu %.3f %.1f %.1f %.1f\n", microseconds.size(), secondsSince(begin), at(0.5), at(0.99), at(0.999));
+    void print(double seconds) {
+        constexpr std::size_t mostUnderWay = 10'000; // many more were answered otherwise, or not at all
+        for (auto const& due : dueM)
+            if (due.size() > mostUnderWay || timesM.empty())
+                throw std::runtime_error("questions have no answer that is 200");
+        std::sort(timesM.begin(), timesM.end());
+        auto const at = [this](double share) {
+            return timesM[static_cast<std::size_t>(share * static_cast<double>(timesM.size() - 1))];
+        };
+        std::printf("%zu %.3f %.1f %.1f %.1f\n", timesM.size(), seconds, at(0.5), at(0.99), at(0.999));
+    }
+
+  private:
+    static constexpr std::string_view headCM = "HTTP/1.1 200";
+
+    std::vector<Connection> connectionsM;
+    std::vector<pollfd> polledM;
+    std::array<std::string, widthCM> unreadM;
+    std::array<std::deque<Clock::time_point>, widthCM> dueM; // of what is not answered yet
+    std::mt19937 randomM{1};
+    std::vector<double> timesM; // microseconds
+};
+
+// As many as the server takes: each connection asks again when it has its answer.
+void latency(int port, double seconds) {
+    Questions questions(port);
+    for (std::size_t i = 0; i < Questions::widthCM; ++i)
+        questions.ask(i, Clock::now());
+    Clock::time_point const begin = Clock::now();
+    while (secondsSince(begin) < seconds)
+        questions.take(std::chrono::milliseconds(100), [&](std::size_t i) { questions.ask(i, Clock::now()); });
+    questions.print(secondsSince(begin));
+}
+
+// As customers do, who come whether or not the one before is served: the time of an answer counts from when its
+// question was due, so a server that stalls is charged for all who come meanwhile. It asks without rest, for who sleeps is
+// woken late, and has a processor of its own.
+void onTime(int port, double seconds, double perSecond) {
+    Questions questions(port);
+    std::mt19937 random(2);
+    std::exponential_distribution<double> pause(perSecond);
+    Clock::time_point const begin = Clock::now();
+    Clock::time_point next = begin;
+    for (std::size_t turn = 0; secondsSince(begin) < seconds;) {
+        for (; next <= Clock::now(); turn = (turn + 1) % Questions::widthCM) {
+            questions.ask(turn, next);
+            next += std::chrono::nanoseconds(static_cast<long>(pause(random) * 1e9));
+        }
+        questions.take(Clock::duration::zero(), [](std::size_t) {});
+    }
+    questions.print(secondsSince(begin));
 }
 
 void idle(int port, std::size_t count) {
@@ -245,6 +301,8 @@ int main(int argc, char** argv) {
             stream(std::atoi(argv[2]), contentOf(argv[3]));
         else if (mode == "mget")
             mget(std::atoi(argv[2]), contentOf(argv[3]));
+        else if (mode == "latency" && argc == 5)
+            onTime(std::atoi(argv[2]), std::atof(argv[3]), std::atof(argv[4]));
         else if (mode == "latency")
             latency(std::atoi(argv[2]), std::atof(argv[3]));
         else if (mode == "idle")

@@ -38,7 +38,8 @@ std::string written(NetworkTable const& table) {
         for (auto const& [key, value] :
              {std::pair("name", network.name), std::pair("mcc", network.mcc), std::pair("mnc", network.mnc),
               std::pair("routingNumber", network.routingNumber), std::pair("routingContext", network.routingContext),
-              std::pair("serviceProvider", network.serviceProvider), std::pair("text", network.text)})
+              std::pair("serviceProvider", network.serviceProvider), std::pair("parameters", network.parameters),
+              std::pair("text", network.text)})
             if (!value.empty())
                 text += std::string(key) + " = " + tomlText(value) + "\n";
     }
@@ -73,6 +74,8 @@ void checkNetworks(std::string_view text, NetworkTable const& table) {
         for (std::string const* const code :
              {&network.mcc, &network.mnc, &network.routingNumber, &network.routingContext})
             checkEqual("a code's characters", *code, code->find_first_of("\r\n\t\" ;,<>@") == std::string::npos, true);
+        checkEqual("parameters' characters", network.parameters,
+                   network.parameters.find_first_of("\r\n\t\" ,<>@!\\") == std::string::npos, true);
         before = network.id;
     }
 }

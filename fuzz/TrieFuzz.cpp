@@ -309,6 +309,13 @@ class TreePair {
                 if (from > at && from < next && chosen(prefixes, digits, from, method) != now)
                     next = from;
         checkEqual(("next change, " + what).c_str(), key, details[0].nextChange.seconds(), next);
+        if (now.length == 0 && !details[0].nextChange.isValid()) {
+            std::string const begun = digitsOf(key);
+            bool const hasLonger = std::any_of(modelM.begin(), modelM.end(), [&](auto const& stored) {
+                return stored.first.size() > begun.size() && stored.first.starts_with(begun);
+            });
+            checkEqual(("longer keys, " + what).c_str(), key, details[0].hasLonger, hasLonger);
+        }
         std::erase_if(prefixes, [=](Stored const& prefix) { return prefix.length == digits; });
         Choice const range = chosen(prefixes, digits, at, NumberPortabilityTree::BEST_MATCH);
         checkEqual(("range, " + what).c_str(), key, details[0].rangeDigits, range.length);

@@ -22,7 +22,7 @@
 
 namespace DAT::NumberPortability {
 
-constexpr std::uint32_t operationsVersionCM = 3;
+constexpr std::uint32_t operationsVersionCM = 4;
 
 // Of what crosses the border, by the table's functions or by the framework's virtual operations, in the order of their
 // names: a change of one is found even if the version was forgotten.

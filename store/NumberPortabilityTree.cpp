@@ -82,6 +82,7 @@ void NumberPortabilityTree::describe(std::size_t digits, Prefixes& prefixes, BAS
     detail.prefixDigits = 0;
     detail.rangeDigits = 0;
     detail.nextChange = BAS::DateTime();
+    detail.rangeChange = BAS::DateTime();
     while (!prefixes.isEmpty()) {
         Trie::Prefix const prefix = prefixes.pop();
         bool const isRange = prefix.digits < digits && !detail.hasRange();
@@ -96,8 +97,12 @@ void NumberPortabilityTree::describe(std::size_t digits, Prefixes& prefixes, BAS
                 detail.prefixDigits = static_cast<std::uint32_t>(prefix.digits);
             detail.nextChange = std::min(detail.nextChange, next);
         }
-        if (isRange && histories().search(prefix.value, at, detail.range))
-            detail.rangeDigits = static_cast<std::uint32_t>(prefix.digits);
+        if (isRange) {
+            BAS::DateTime next;
+            if (histories().search(prefix.value, at, detail.range, next))
+                detail.rangeDigits = static_cast<std::uint32_t>(prefix.digits);
+            detail.rangeChange = std::min(detail.rangeChange, next);
+        }
         if (detail.hasRange() && (method == EXACT_MATCH || (method == BEST_MATCH && detail.found())))
             return;
     }
@@ -108,7 +113,10 @@ void NumberPortabilityTree::describeMany(std::span<BAS::String const> numbers, s
     if (instants.size() != numbers.size() || details.size() != numbers.size())
         throw std::invalid_argument("NumberPortabilityTree: a batch whose spans differ in length");
     treeM.searchMeasured(numbers, [&](std::size_t i, std::size_t digits, auto& prefixes) {
-        describe(digits, prefixes, instants[i], method, details[i]);
+        LookUpDetail& detail = details[i];
+        describe(digits, prefixes, instants[i], method, detail);
+        // A walk of its own, which few look-ups need: the others' must not be slower for it.
+        detail.hasLonger = !detail.found() && !detail.nextChange.isValid() && treeM.hasLonger(numbers[i]);
     });
 }
 

@@ -254,6 +254,25 @@ class PtrTree {
         }
     }
 
+    // Whether longer keys begin with the key's digits; true of a key without any, as soon as something is stored.
+    bool hasLonger(BAS::String const& key) const {
+        std::string_view rest = key.view();
+        Digits digits;
+        for (Cursor node = rootM.root();;) {
+            if (digits.length() < Layout::mostAtOnceCM && !rest.empty())
+                takeDigits(rest, digits);
+            Cursor child{};
+            Digits const way = rootM.wayDown(node, digits.empty() ? 0 : digits.first(), child);
+            unsigned const common = digits.commonWith(way);
+            if (way.empty())
+                return false;
+            if (common < way.length()) // its digits end on the way to the next node, or part from it
+                return common == digits.length();
+            digits.drop(common);
+            node = child;
+        }
+    }
+
     // Pushes the values of all prefixes of the key's digits that carry one, the shortest first, upon what `found`
     // holds already. A key without a digit pushes nothing.
     void search(BAS::String const& key, FoundStack& found) const {

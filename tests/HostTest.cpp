@@ -441,14 +441,22 @@ void expectDetail(Detail const& detail, nphost::Explanation::Prefixes const& pre
     }
     auto const change = explanation.nextChange(method, at);
     EXPECT_EQ(detail.nextChange, change ? change->at : BAS::DateTime());
-    auto const range = explanation.range(at);
+    nphost::Explanation::Prefixes shorter = prefixes;
+    std::erase_if(shorter, [&](auto const& prefix) { return prefix.key.length() == number.length(); });
+    auto const range = nphost::Explanation(shorter, BAS::String(number)).choose(0, at);
     ASSERT_EQ(detail.hasRange(), range.record != nullptr);
+    auto const rangeChange = nphost::Explanation(shorter, BAS::String(number)).nextChange(0, at);
+    EXPECT_EQ(detail.rangeChange, rangeChange ? rangeChange->at : BAS::DateTime());
+    std::optional<bool> ported;
     if (detail.hasRange()) {
         EXPECT_EQ(detail.rangeDigits, range.prefix->key.length());
         EXPECT_EQ(detail.range.validFromM, range.record->validFromM);
         EXPECT_EQ(detail.range.networkIdM, range.record->networkIdM);
+        if (detail.found() && detail.prefixDigits >= detail.rangeDigits)
+            ported = detail.record.networkIdM.view() != range.record->networkIdM.view();
     }
-    EXPECT_EQ(detail.ported(), explanation.ported(method, at));
+    EXPECT_EQ(detail.ported(), ported);
+    EXPECT_EQ(explanation.ported(method, at), ported);
 }
 
 } // namespace

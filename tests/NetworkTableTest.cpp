@@ -50,6 +50,11 @@ std::vector<Wrong> const wrongCM = {
     {"a context of a global number", "[A]\nroutingNumber = \"+44\"\nroutingContext = \"+44\"\n", "n.toml:1: [A] has a"},
     {"a context that is no domain", "[A]\nroutingNumber = \"1\"\nroutingContext = \"a..b\"\n",
      "n.toml:3: 'routingContext' must be a plus and digits, or a domain name"},
+    {"a parameter without a sign before it", "[A]\nparameters = \"cic=1\"\n",
+     "n.toml:2: 'parameters' must be parameters"},
+    {"a parameter without a name", "[A]\nparameters = \";a;=1\"\n", "n.toml:2: 'parameters' must"},
+    {"a parameter that ends the URI", "[A]\nparameters = \";a=1>\"\n", "n.toml:2: 'parameters' must"},
+    {"a parameter that ends a regular expression", "[A]\nparameters = \";a=1!\"\n", "n.toml:2: 'parameters' must"},
     {"a context with a hyphen in front", "[A]\nroutingNumber = \"1\"\nroutingContext = \"a.-b\"\n", "n.toml:3: "},
 };
 
@@ -73,13 +78,14 @@ TEST(NetworkTableTest, TellsWhatIsKnown) {
     NetworkTable const table = NetworkTable::parse("[b]\n[\"B 1.x\"]\nmnc = \"015\"\ntext = \"a \\\"b\\\"\"\n"
                                                    "[A]\nname = \"\xc3\x84\"\nmcc = \"001\"\nmnc = \"01\"\n"
                                                    "routingNumber = \"+123456789012345\"\nserviceProvider = \"p\"\n"
+                                                   "parameters = \";cic=+44123;x\"\n"
                                                    "[D]\nroutingNumber = \"0aF\"\nroutingContext = \"n.example.COM.\"\n"
                                                    "[\"\xc3\x84\"]\nname = \"x\"\n",
                                                    "n.toml");
     ASSERT_EQ(table.size(), 5U);
     for (Known const& test : {
              Known{"A", "{\"id\":\"A\",\"name\":\"\xc3\x84\",\"mcc\":\"001\",\"mnc\":\"01\",\"routingNumber\":"
-                        "\"+123456789012345\",\"serviceProvider\":\"p\"}"},
+                        "\"+123456789012345\",\"serviceProvider\":\"p\",\"parameters\":\";cic=+44123;x\"}"},
              {"B 1.x", R"({"id":"B 1.x","mnc":"015","text":"a \"b\""})"},
              {"D", R"({"id":"D","routingNumber":"0aF","routingContext":"n.example.COM."})"},
              {"b", R"({"id":"b"})"},

@@ -3,9 +3,9 @@
 #include "tests/LoadedPlugIn.h"
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <sstream>
+#include <string_view>
 
 namespace {
 
@@ -32,11 +32,15 @@ std::vector<Line> linesOf(std::string const& file) {
     return lines;
 }
 
-// Looks at every line for those that are prefixes of the number.
-std::vector<Line> prefixesOf(std::string const& number, std::vector<Line> const& lines) {
+using LinesByDigits = std::multimap<std::string_view, Line const*>;
+
+// The lines whose digits the number begins with.
+std::vector<Line> prefixesOf(std::string const& number, LinesByDigits const& lines) {
     std::vector<Line> prefixes;
-    std::copy_if(lines.begin(), lines.end(), std::back_inserter(prefixes),
-                 [&](Line const& line) { return number.compare(0, line.digits.size(), line.digits) == 0; });
+    for (std::size_t length = 0; length <= number.size(); ++length) {
+        auto const [first, last] = lines.equal_range(std::string_view(number).substr(0, length));
+        std::for_each(first, last, [&](auto const& line) { prefixes.push_back(*line.second); });
+    }
     return prefixes;
 }
 
@@ -88,12 +92,15 @@ TEST_P(RealData, AgreesWithABruteForceReading) {
     for (std::string const& entry : journal.take())
         EXPECT_TRUE(entry.starts_with("INF_") || entry.starts_with("EVT::ADD_NUM_PORT_DATA_SUCC")) << entry;
 
+    LinesByDigits byDigits;
+    for (Line const& line : lines)
+        byDigits.emplace(line.digits, &line);
     std::size_t found = 0;
     for (std::size_t i = 0; i < lines.size(); i += 1 + lines.size() / 300) {
         Line const& line = lines[i];
         for (std::string const& number :
              {line.digits, line.digits + "1234", line.digits.substr(0, line.digits.size() - 1) + "7"}) {
-            std::vector<Line> const prefixes = prefixesOf(number, lines);
+            std::vector<Line> const prefixes = prefixesOf(number, byDigits);
             for (std::string const& instant :
                  {line.validFrom, std::string("20150601120000"), std::string("20270101000000")})
                 for (unsigned const method : {0U, 1U, 2U}) {

@@ -9,6 +9,7 @@
 #include "host/daemon/CtlCommand.h"
 #include "host/daemon/RunCommand.h"
 #include "host/diff/DiffCommand.h"
+#include "host/dns/EnumCommand.h"
 #include "host/enrich/EnrichCommand.h"
 #include "host/import/ImportCommand.h"
 #include "host/lookup/CheckCommand.h"
@@ -32,9 +33,9 @@ constexpr char const* programHelpCM = R"('nphost COMMAND --help' explains a comm
 )";
 
 // In the order of the help.
-constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM, &printCommandCM,
-                                         &checkCommandCM,  &diffCommandCM,   &upcomingCommandCM,
-                                         &importCommandCM, &runCommandCM,    &ctlCommandCM};
+constexpr Command const* commandsCM[] = {&lookupCommandCM, &enrichCommandCM,   &printCommandCM,  &checkCommandCM,
+                                         &diffCommandCM,   &upcomingCommandCM, &importCommandCM, &enumCommandCM,
+                                         &runCommandCM,    &ctlCommandCM};
 
 int runChecked(int argc, char const* const* argv) {
     // Outlives the parser and what it has chosen: commands write into it and read from it when they run.

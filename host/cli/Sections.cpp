@@ -3,6 +3,7 @@
 #include "host/config/DaemonFiles.h"
 #include "host/daemon/ChangeNotices.h"
 #include "host/daemon/ClientModules.h"
+#include "host/dns/EnumSettings.h"
 #include "host/fields/DataClock.h"
 #include "host/fields/NetworkTable.h"
 #include "host/http/HttpSettings.h"
@@ -24,6 +25,7 @@ constexpr SectionDeclaration declarationsCM[] = {
     {"host", DataClock::Settings::declare},
     {"host", NetworkTable::Settings::declare},
     {"http", HttpSettings::declare},
+    {"enum", EnumSettings::declare},
 };
 
 } // namespace

@@ -110,6 +110,14 @@ std::vector<std::string> ConfigurationValue::texts() const {
     return list(&ConfigurationValue::text);
 }
 
+void ConfigurationValue::eachTable(std::function<void(ConfigurationValue const& table)> const& take) const {
+    toml::array const* const tables = nodeM.as_array();
+    if (tables == nullptr || tables->empty() || !tables->is_homogeneous<toml::table>())
+        throw error(keyM.source(), "be tables: [[...]] with keys below");
+    for (toml::node const& table : *tables)
+        take(ConfigurationValue(fileM, keyM, table));
+}
+
 void ConfigurationValue::check(std::function<void()> const& judge) const {
     try {
         judge();

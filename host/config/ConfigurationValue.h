@@ -39,6 +39,9 @@ class ConfigurationValue {
     std::vector<std::filesystem::path> modules() const;
     std::vector<std::string> texts() const;
 
+    // Each table of a list of them, [[key]].
+    void eachTable(std::function<void(ConfigurationValue const& table)> const& take) const;
+
     // A HostError of the judge's becomes one of this value.
     void check(std::function<void()> const& judge) const;
 

@@ -1,5 +1,6 @@
 #include "host/daemon/ChangeNotices.h"
 
+#include "host/base/GiveWay.h"
 #include "host/base/Instant.h"
 #include "host/module/FrameworkObjects.h"
 
@@ -106,6 +107,7 @@ bool ChangeNotices::nextRequest(BAS::DateTime& after) {
 }
 
 void ChangeNotices::run() {
+    giveWay();
     for (BAS::DateTime after; nextRequest(after);)
         search(after);
 }

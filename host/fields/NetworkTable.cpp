@@ -60,6 +60,20 @@ bool isContext(std::string_view text) {
     return isGlobal(text) || isDomain(text);
 }
 
+// Each behind a ';', in characters that need no escape anywhere in a tel: or sip: URI.
+bool isParameters(std::string_view text) {
+    constexpr std::size_t most = 128;
+    constexpr std::string_view marks = "-_.~*'()&+$/";
+    if (!text.starts_with(';') || text.ends_with(';') || text.size() > most)
+        return false;
+    auto const fits = [marks](char c) {
+        return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == ';' || c == '=' ||
+               marks.find(c) != std::string_view::npos;
+    };
+    return std::all_of(text.begin(), text.end(), fits) && text.find(";;") == std::string_view::npos &&
+           text.find(";=") == std::string_view::npos;
+}
+
 // On one line and without a tab, so that it can stand in any answer.
 bool isAny(std::string_view text) {
     return !text.empty() &&
@@ -73,7 +87,7 @@ struct Key {
     char const* must;
 };
 
-constexpr std::array<Key, 7> keysCM = {{
+constexpr std::array<Key, 8> keysCM = {{
     {"name", &Network::name, isAny, "be a text in quotation marks, on one line"},
     {"mcc", &Network::mcc, isMcc, "be three digits in quotation marks"},
     {"mnc", &Network::mnc, isMnc, "be two or three digits in quotation marks"},
@@ -82,6 +96,8 @@ constexpr std::array<Key, 7> keysCM = {{
     {"routingContext", &Network::routingContext, isContext,
      "be a plus and digits, or a domain name, in quotation marks"},
     {"serviceProvider", &Network::serviceProvider, isAny, "be a text in quotation marks, on one line"},
+    {"parameters", &Network::parameters, isParameters,
+     "be parameters of a URI in quotation marks, each behind a ';', 128 characters at most: \";cic=+44123\""},
     {"text", &Network::text, isAny, "be a text in quotation marks, on one line"},
 }};
 

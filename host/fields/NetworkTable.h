@@ -9,6 +9,7 @@
 //     routingNumber = "+447990010"     # rn: global, or digits of a context of its own (RFC 4694)
 //     routingContext = "+44"           # rn-context: a global prefix or a domain
 //     serviceProvider = "D001"         # the provider's identity
+//     parameters = ";cic=+44123"       # further parameters of its tel: URIs
 //     text = "..."                     # whatever else
 //
 // Ownership: owns its texts. Threads: constant once read. Errors: ConfigurationError names file, line and reason;
@@ -32,6 +33,7 @@ struct Network { // empty: not said
     std::string routingNumber;
     std::string routingContext;
     std::string serviceProvider;
+    std::string parameters;
     std::string text;
 };
 

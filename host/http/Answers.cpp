@@ -95,6 +95,10 @@ class AnswerWriter::Line {
   public:
     static constexpr std::size_t mostCM = 4096;
 
+    Line() = default;
+    Line(Line const&) = delete;
+    Line& operator=(Line const&) = delete;
+
     std::string_view view() const { return {textM, static_cast<std::size_t>(endM - textM)}; }
     Line& operator<<(std::string_view text) {
         std::memcpy(endM, text.data(), text.size());
@@ -105,6 +109,7 @@ class AnswerWriter::Line {
         *endM++ = c;
         return *this;
     }
+    void clear() { endM = textM; }
     char* grow(std::size_t count) { return std::exchange(endM, endM + count); }
 
   private:
@@ -132,33 +137,33 @@ void AnswerWriter::addAsked(Line& line, BAS::DateTime at) {
     line << askedTextM;
 }
 
-void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
-    auto const& detail = answer.detail;
-    std::string_view const stored = answer.stored.view();
-    static std::string const none = "null";
-    std::string const& chosen = detail.found() ? network(detail.record.networkIdM) : none;
-    if (detail.hasRange() && (rangeM.empty() || !(rangeOfM == detail.range.networkIdM))) {
-        rangeM.clear();
-        appendJsonText(rangeM, detail.range.networkIdM.view());
-        rangeOfM = detail.range.networkIdM;
-    }
-    // Longer texts of networks and identifiers are put in by themselves.
+// What is put in whole; a longer text of networks and identifiers goes past the line.
+void AnswerWriter::addLong(std::string& out, Line& line, std::string_view text) {
     constexpr std::size_t longCM = 300;
-    bool const isLong = chosen.size() > longCM || rangeM.size() > longCM || id.size() > longCM;
+    if (text.size() <= longCM) {
+        line << text;
+        return;
+    }
+    out.append(line.view()).append(text);
+    line.clear();
+}
 
-    Line line;
-    line << "{\"number\":\"";
-    std::size_t const code = accessCodeOf(stored);
-    if (code > 0)
-        line << '+';
-    line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
-    addAsked(line, answer.at);
-    line << (detail.found() ? ",\"found\":true,\"network\":" : ",\"found\":false,\"network\":");
-    if (isLong) {
-        out.append(line.view()).append(chosen);
-        line = Line();
+std::string const& AnswerWriter::rangeNetwork(BAS::SimpleString const& id) {
+    if (rangeM.empty() || !(rangeOfM == id)) {
+        rangeM.clear();
+        appendJsonText(rangeM, id.view());
+        rangeOfM = id;
+    }
+    return rangeM;
+}
+
+void AnswerWriter::addFound(std::string& out, Line& line, NumberAnswer const& answer) {
+    auto const& detail = answer.detail;
+    if (detail.found()) {
+        line << ",\"found\":true,\"network\":";
+        addLong(out, line, network(detail.record.networkIdM));
     } else {
-        line << chosen;
+        line << ",\"found\":false,\"network\":null";
     }
     line << ",\"validFrom\":";
     addInstant(line, detail.found() ? detail.record.validFromM : BAS::DateTime());
@@ -166,30 +171,32 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
     addInstant(line, detail.nextChange);
     line << ",\"ported\":" << jsonOf(answer.ported());
     if (detail.found())
-        line << ",\"prefix\":\"" << stored.substr(0, detail.prefixDigits) << '"';
+        line << ",\"prefix\":\"" << answer.stored.view().substr(0, detail.prefixDigits) << '"';
     else
         line << ",\"prefix\":null";
-    if (detail.hasRange())
-        line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
-    else
-        line << ",\"range\":null";
+}
+
+void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
+    auto const& detail = answer.detail;
+    std::string_view const stored = answer.stored.view();
+    Line line;
+    line << "{\"number\":\"";
+    std::size_t const code = accessCodeOf(stored);
+    if (code > 0)
+        line << '+';
+    line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
+    addAsked(line, answer.at);
+    addFound(out, line, answer);
     if (detail.hasRange()) {
-        if (isLong) {
-            out.append(line.view()).append(rangeM);
-            line = Line();
-        } else {
-            line << rangeM;
-        }
+        line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
+        addLong(out, line, rangeNetwork(detail.range.networkIdM));
         line << '}';
+    } else {
+        line << ",\"range\":null";
     }
     if (!id.empty()) {
         line << ",\"id\":";
-        if (isLong) {
-            out.append(line.view()).append(id);
-            line = Line();
-        } else {
-            line << id;
-        }
+        addLong(out, line, id);
     }
     line << ',' << data(detail.epoch) << "}\n";
     out.append(line.view());

@@ -221,7 +221,7 @@ class Api::Impl {
 
     Step route(Request const& request) {
         routeM = "-";
-        if (!targetM.parse(request.target))
+        if (!targetM.parse(pathOf(request.target, request.host)))
             throw RequestError(400, "the target is no path with a query of at most 8 values, or an escape is broken");
         std::string_view const path = targetM.path();
         if (request.method == "OPTIONS")
@@ -312,7 +312,7 @@ class Api::Impl {
             // The range is no part of what the next change is of.
             response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits,
                                      found.detail.hasRange() ? found.detail.range.validFromM : BAS::DateTime());
-            response.cacheControl = freshness(found.detail.nextChange);
+            response.cacheControl = freshness(std::min(found.detail.nextChange, found.detail.rangeChange));
             if (asText) {
                 response.type = "text/plain; charset=utf-8";
                 answersM.text(response.body, found);

@@ -1,5 +1,6 @@
 #include "host/http/Upcoming.h"
 
+#include "host/base/HostError.h"
 #include "host/base/Instant.h"
 #include "host/base/Text.h"
 #include "host/module/LookUpBatch.h"
@@ -52,23 +53,26 @@ UpcomingEntries upcoming(LoadedPlugIn& plugIn, UpcomingQuestion const& question)
     UpcomingEntries result;
     std::vector<UpcomingEntry>& heap = result.entries;
     BAS::DateTime liveSince;
-    plugIn.visitUpcoming(question.from, liveSince, [&](BAS::String const& number, auto const& record) {
-        if (question.until.isValid() && !(record.validFromM < question.until))
-            return;
-        if (heap.size() == most && heap.front().validFrom < record.validFromM)
-            return;
-        UpcomingEntry entry{record.validFromM, number.str(), std::string(record.networkIdM.view()), {}};
-        if (continues && !(last < entry))
-            return;
-        if (heap.size() == most) {
-            if (!(entry < heap.front()))
+    bool const isWhole =
+        plugIn.visitUpcoming(question.from, liveSince, [&](BAS::String const& number, auto const& record) {
+            if (question.until.isValid() && !(record.validFromM < question.until))
                 return;
-            std::pop_heap(heap.begin(), heap.end());
-            heap.pop_back();
-        }
-        heap.push_back(std::move(entry));
-        std::push_heap(heap.begin(), heap.end());
-    });
+            if (heap.size() == most && heap.front().validFrom < record.validFromM)
+                return;
+            UpcomingEntry entry{record.validFromM, number.str(), std::string(record.networkIdM.view()), {}};
+            if (continues && !(last < entry))
+                return;
+            if (heap.size() == most) {
+                if (!(entry < heap.front()))
+                    return;
+                std::pop_heap(heap.begin(), heap.end());
+                heap.pop_back();
+            }
+            heap.push_back(std::move(entry));
+            std::push_heap(heap.begin(), heap.end());
+        });
+    if (!isWhole)
+        throw HostError("the data could not be searched: memory does not suffice, or the daemon stops");
     std::sort(heap.begin(), heap.end());
     if (heap.size() == most) {
         heap.pop_back();

@@ -2,7 +2,7 @@
 //
 // Purpose: a part of them at a time, by instant and then by prefix, however many there are, each with the network that
 // its number leaves.
-// Ownership: borrows the plug-in. Threads: any. Errors: std::bad_alloc.
+// Ownership: borrows the plug-in. Threads: any. Errors: HostError when not all could be looked at; std::bad_alloc.
 // Complexity: every stored record is looked at (seconds for ten million), and never more than a part is held: so it is
 // work for a thread that nobody waits for.
 #pragma once

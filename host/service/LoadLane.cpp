@@ -1,5 +1,6 @@
 #include "host/service/LoadLane.h"
 
+#include "host/base/GiveWay.h"
 #include "host/config/Configuration.h"
 #include "host/log/OwnReport.h"
 
@@ -192,6 +193,7 @@ bool LoadLane::awaitEnd(std::chrono::milliseconds time) {
 // The lane's thread. Its name for stop is withdrawn under the lock before it ends: no signal goes to a thread that is
 // gone.
 void LoadLane::run() {
+    giveWay();
     setLane(pthread_self());
     while (Job* const job = next()) {
         perform(*job);
