@@ -102,7 +102,7 @@ BAS::DateTime CacheManager::visitUpcoming(BAS::DateTime after, RecordVisitor con
     // A long reader: short ones go on beside it, however long the visitor takes.
     RWReadersWriterLock::LongReadGuard const guard(treeLockM);
     if (activeTreeM != nullptr)
-        activeTreeM->visitLaterThan(after, visit);
+        activeTreeM->visitLaterThan(after, visit, [this] { loadStopM.goOn(); });
     return liveSinceM;
 }
 

@@ -139,7 +139,8 @@ class CacheManager {
     std::vector<StoredPrefix> explain(BAS::String const& number);
 
     // Shows the live records that are valid from later than `after`, in the listing's order, and returns since when the
-    // data are live. Holds the tree lock like a print: `visit` must not call back.
+    // data are live. Holds the tree lock like a print: `visit` must not call back, but for stopLoads, which ends the
+    // visit: LoadStop::Stopped.
     BAS::DateTime visitUpcoming(BAS::DateTime after, RecordVisitor const& visit);
 
     // Fills in what the cache manager knows: counts of the live data, when they went live, look-ups served. Holds the

@@ -26,7 +26,7 @@ _nphost_values() {
         LIST) # the last of those that commas separate
             local before=
             [[ $current != *,* ]] || before=${current%,*},
-            compgen -P "$before" -W "valid-from prefix next-change method network-name mcc mnc rn rn-context" -- "${current##*,}"
+            compgen -P "$before" -W "valid-from prefix next-change method ported network-name mcc mnc rn rn-context" -- "${current##*,}"
             ;;
         KEY=VALUE) compgen -W "Reload= ReuseOnFailure= AdditionalNumPortData= PrintData=" -- "$current" ;;
         FILE | PATH | OLD | NEW | INPUT) compgen -f -- "$current" ;;

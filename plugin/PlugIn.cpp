@@ -217,8 +217,12 @@ bool PlugIn::visitFile(BAS::String const& fileName, LineVisitor const& visit) {
 
 bool PlugIn::visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, RecordVisitor const& visit) {
     return cacheManagerM != nullptr && guarded([&] {
-               liveSince = cacheManagerM->visitUpcoming(after, visit);
-               return true;
+               try {
+                   liveSince = cacheManagerM->visitUpcoming(after, visit);
+                   return true;
+               } catch (LoadStop::Stopped const&) { // whoever stopped it knows
+                   return false;
+               }
            });
 }
 

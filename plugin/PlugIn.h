@@ -143,7 +143,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
     // visitFile then fail with "ERR_LOADS_STOPPED" (severity 4, the file), whoever commands them. From any thread and
     // from signal handlers, until the plug-in's destruction begins; it waits for nothing, and there is no way back. A
     // load that is broken off leaves what is live as it is, after a first load nothing. One whose data are live already
-    // succeeds, and a delta load finishes the main data file. Look-ups and prints go on.
+    // succeeds, and a delta load finishes the main data file. visitUpcoming ends, too; look-ups and prints go on.
     void stopLoads();
 
     // The stored keys that are prefixes of the number, longest first, with their histories. Throws std::bad_alloc.
@@ -155,7 +155,7 @@ class __attribute__((visibility("default"))) PlugIn : public PLG::DataPlugIn {
 
     // Shows the live records that are valid from later than `after`, by number, then newest first, and since when the
     // data are live. Look-ups go on, the exchange of a reload waits; `visit` must not call the plug-in. False when
-    // memory ran out or `visit` threw.
+    // memory ran out or `visit` threw, and after stopLoads, which ends it at the next number.
     bool visitUpcoming(BAS::DateTime const& after, BAS::DateTime& liveSince, RecordVisitor const& visit);
 
     // How the plug-in stands. Waits for no load and no print.

@@ -21,6 +21,7 @@ struct LookUpDetail {
     // when there is none. Where the best match of all is such a key, this is the same record.
     NumberPortabilityData range;
     BAS::DateTime nextChange;       // when the look-up will first find another record than now; invalid: never
+    BAS::DateTime rangeChange;      // when the range will first be another record; invalid: never
     std::uint32_t prefixDigits = 0; // of the key whose record was found; 0: nothing is found
     std::uint32_t rangeDigits = 0;  // of the range's key; 0: there is none
     // Of what is not found, now or later: whether longer stored keys begin with the number. Means nothing otherwise.

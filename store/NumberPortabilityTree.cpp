@@ -82,6 +82,7 @@ void NumberPortabilityTree::describe(std::size_t digits, Prefixes& prefixes, BAS
     detail.prefixDigits = 0;
     detail.rangeDigits = 0;
     detail.nextChange = BAS::DateTime();
+    detail.rangeChange = BAS::DateTime();
     while (!prefixes.isEmpty()) {
         Trie::Prefix const prefix = prefixes.pop();
         bool const isRange = prefix.digits < digits && !detail.hasRange();
@@ -96,8 +97,12 @@ void NumberPortabilityTree::describe(std::size_t digits, Prefixes& prefixes, BAS
                 detail.prefixDigits = static_cast<std::uint32_t>(prefix.digits);
             detail.nextChange = std::min(detail.nextChange, next);
         }
-        if (isRange && histories().search(prefix.value, at, detail.range))
-            detail.rangeDigits = static_cast<std::uint32_t>(prefix.digits);
+        if (isRange) {
+            BAS::DateTime next;
+            if (histories().search(prefix.value, at, detail.range, next))
+                detail.rangeDigits = static_cast<std::uint32_t>(prefix.digits);
+            detail.rangeChange = std::min(detail.rangeChange, next);
+        }
         if (detail.hasRange() && (method == EXACT_MATCH || (method == BEST_MATCH && detail.found())))
             return;
     }

@@ -118,10 +118,12 @@ class NumberPortabilityTree {
     }
 
     // Calls visitor(BAS::String const& number, NumberPortabilityData const& record) for every record that is valid from
-    // later than `after`, in the listing's order. Histories without such a record cost a glance.
-    template <class Visitor>
-    void visitLaterThan(BAS::DateTime after, Visitor&& visitor) const {
+    // later than `after`, in the listing's order. Histories without such a record cost a glance. between() is called
+    // before each history, and ends the visit by throwing.
+    template <class Visitor, class Between>
+    void visitLaterThan(BAS::DateTime after, Visitor&& visitor, Between&& between) const {
         treeM.visit([&](BAS::String const& number, HistoryValues::Value value) {
+            between();
             if (histories().newest(value) <= after)
                 return;
             histories().each(value, [&](NumberPortabilityData const& record) {

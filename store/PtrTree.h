@@ -264,9 +264,10 @@ class PtrTree {
             Cursor child{};
             Digits const way = rootM.wayDown(node, digits.empty() ? 0 : digits.first(), child);
             unsigned const common = digits.commonWith(way);
-            // Its digits end on the way to a node, or part from it, or there is none.
-            if (common == digits.length() || common < way.length() || way.empty())
-                return common == digits.length() && !way.empty();
+            if (way.empty())
+                return false;
+            if (common < way.length()) // its digits end on the way to the next node, or part from it
+                return common == digits.length();
             digits.drop(common);
             node = child;
         }

@@ -301,22 +301,30 @@ TEST_F(DaemonQuestionTest, CommandsAndTheirAnswers) {
         int status;
         char const* part;
     };
-    for (Case const& test : {Case{"lookup --at 20240101000000 00447700900123 00447700", 0,
-                                  "00447700900123\t20240101000000\t20210301020000\tBRAVO\n"
-                                  "00447700\t20240101000000\t20200101000000\tALPHA\n"},
-                             {"lookup --at 20240101000000 0033", 1, "0033\t20240101000000\t-\t-\n"},
-                             {"lookup --at 20240101000000 --method shortest 00447700900123", 0, "ALPHA"},
-                             {"lookup --at 20240101000000 --method exact 004477009001", 1, "\t-\t-\n"},
-                             {"lookup --at 20230229000000 0044", 2, "'20230229000000' is not a valid instant"},
-                             {"lookup none", 2, "is not a number"},
-                             {"lookup 0044\xff", 2, "cannot be sent"},
-                             {"explain 0033", 1, "No prefix of the number is stored."},
-                             {"explain x", 2, "is not a number"},
-                             {"explain " + std::string(2000, '1'), 2, "longer than 1000"},
-                             {"probes", 0, "printData"},
-                             {"status", 0, "Search method:    best"},
-                             {"reload --wait --no-wait", 2, "--wait excludes --no-wait"},
-                             {"dance", 2, "no command or option 'dance'"}})
+    for (Case const& test :
+         {Case{"lookup --at 20240101000000 00447700900123 00447700", 0,
+               "00447700900123\t20240101000000\t20210301020000\tBRAVO\n"
+               "00447700\t20240101000000\t20200101000000\tALPHA\n"},
+          {"lookup --at 20240101000000 0033", 1, "0033\t20240101000000\t-\t-\n"},
+          {"lookup --ported --at 20240101000000 00447700900123 00447700 0033", 1,
+           "\tBRAVO\ttrue\n00447700\t20240101000000\t20200101000000\tALPHA\tfalse\n"
+           "0033\t20240101000000\t-\t-\t-\n"},
+          {"--json lookup 0044770 --at 20240101000000", 0, "\"ported\":null"},
+          {"explain 0044770 --at 20240101000000", 0,
+           "Ported:           not known; no shorter prefix has a record that has begun\n"},
+          {"explain 00447700 --at 20240101000000", 0, "Ported:           no; the range 0044770 belongs to ALPHA\n"},
+          {"lookup --at 20240101000000 --method shortest 00447700900123", 0, "ALPHA"},
+          {"lookup --at 20240101000000 --method exact 004477009001", 1, "\t-\t-\n"},
+          {"lookup --at 20230229000000 0044", 2, "'20230229000000' is not a valid instant"},
+          {"lookup none", 2, "is not a number"},
+          {"lookup 0044\xff", 2, "cannot be sent"},
+          {"explain 0033", 1, "No prefix of the number is stored."},
+          {"explain x", 2, "is not a number"},
+          {"explain " + std::string(2000, '1'), 2, "longer than 1000"},
+          {"probes", 0, "printData"},
+          {"status", 0, "Search method:    best"},
+          {"reload --wait --no-wait", 2, "--wait excludes --no-wait"},
+          {"dance", 2, "no command or option 'dance'"}})
         site.expect(test.command, test.status, test.part);
     expectResult(site.ctl({"lookup", "--at", "20240101000000", "--normalise", "(07700) 900-123"}), 0,
                  "00447700900123\t", "as people write it");
@@ -347,7 +355,8 @@ TEST_F(DaemonQuestionTest, ExplainsToPeople) {
     Result const text = site.tell("explain 00447700900123 --at 20240101000000");
     EXPECT_EQ(text.status, 0);
     for (char const* const part :
-         {"    2099-09-15 02:00:00  CHARLIE  (still to come)\n",
+         {"Ported:           yes; the range 0044770 belongs to ALPHA\n",
+          "    2099-09-15 02:00:00  CHARLIE  (still to come)\n",
           "  best:     BRAVO since 2021-03-01 02:00:00  (as configured)", "00447700900123 is the number itself",
           "  shortest: ALPHA since", "Next change (best): 2099-09-15 02:00:00, then CHARLIE"})
         EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
@@ -431,14 +440,19 @@ TEST(ExplanationTest, AgreesWithEachMethod) {
         char const* at;
         std::string network;
         std::string next;
+        char range; // its network
+        std::optional<bool> ported;
     };
-    for (Case const& test : {Case{0, "0044 1", "20240101000000", "A", "20250101000000"},
-                             Case{0, "00441", "20250101000000", "B", "20300101000000"}, // not at 2028: E is shorter
-                             Case{0, "00441", "20310101000000", "C", ""},
-                             Case{1, "00441", "20260101000000", "", ""}, // the number itself is not stored
-                             Case{1, "00-44", "20240101000000", "", "20250101000000"},
-                             Case{2, "0044", "20260101000000", "A", "20280101000000"},
-                             Case{2, "0044", "20190101000000", "", "20200101000000"}}) {
+    for (Case const& test : {Case{0, "0044 1", "20240101000000", "A", "20250101000000", 'A', false},
+                             // not at 2028: E is shorter
+                             Case{0, "00441", "20250101000000", "B", "20300101000000", 'B', false},
+                             Case{0, "00441", "20310101000000", "C", "", 'C', false},
+                             Case{0, "00-44", "20260101000000", "B", "20300101000000", 'A', true},
+                             Case{1, "00441", "20260101000000", "", "", 'B', {}}, // the number itself is not stored
+                             Case{1, "00-44", "20240101000000", "", "20250101000000", 'A', {}},
+                             Case{2, "0044", "20260101000000", "A", "20280101000000", 'A', false},
+                             Case{2, "00441", "20260101000000", "A", "20280101000000", 'B', {}}, // 00 is no range of it
+                             Case{2, "0044", "20190101000000", "", "20200101000000", '-', {}}}) {
         nphost::Explanation const explanation(prefixes, test.number);
         BAS::DateTime const at(test.at);
         auto const choice = explanation.choose(test.method, at);
@@ -446,6 +460,9 @@ TEST(ExplanationTest, AgreesWithEachMethod) {
             << test.method << test.at;
         auto const next = explanation.nextChange(test.method, at);
         EXPECT_EQ(next ? nphost::digitsOf(next->at) : "", test.next) << test.method << test.at;
+        auto const range = explanation.range(at);
+        EXPECT_EQ(range.record == nullptr ? '-' : *range.record->networkIdM.c_str(), test.range) << test.at;
+        EXPECT_EQ(explanation.ported(test.method, at), test.ported) << test.method << test.at;
     }
 }
 

@@ -90,6 +90,14 @@ class BruteForce {
         return {};
     }
 
+    std::string ported(std::string const& number, std::string const& at, std::string const& method) const {
+        Answer const now = ask(number, at, method);
+        Answer const range = ask(number.substr(0, number.size() - 1), at, "best");
+        if (now.network.empty() || range.network.empty() || now.prefix.size() < range.prefix.size())
+            return "";
+        return now.network != range.network ? "true" : "false";
+    }
+
     std::string nextChange(std::string const& number, std::string const& at, std::string const& method) const {
         std::map<std::string, int> instants;
         for (std::string const& prefix : prefixes(number, method))
@@ -142,7 +150,7 @@ class RecordMaker {
         input = std::string("id").append(s).append("number").append(s).append("note").append(s).append("time");
         expected = input + s + "number_network";
         if (runM.all)
-            for (char const* const added : {"valid_from", "prefix", "next_change", "method"})
+            for (char const* const added : {"valid_from", "prefix", "next_change", "method", "ported"})
                 expected.append(s).append("number_").append(added);
         input += "\n";
         expected += "\n";
@@ -155,8 +163,9 @@ class RecordMaker {
         foundM += answer.network.empty() ? 0 : 1;
         std::vector<std::string> added = {answer.network};
         if (runM.all)
-            added.insert(added.end(), {answer.validFrom, answer.prefix, dataM.nextChange(number, at, runM.method),
-                                       answer.network.empty() ? "" : runM.method});
+            added.insert(added.end(),
+                         {answer.validFrom, answer.prefix, dataM.nextChange(number, at, runM.method),
+                          answer.network.empty() ? "" : runM.method, dataM.ported(number, at, runM.method)});
         append(runM.normalise ? formOf(number) : number, timeOf(seconds), added);
     }
 
@@ -243,10 +252,13 @@ class RecordMaker {
                                    (bare ? time : "\"" + time + "\"");
         input += record + " }\n";
         expected += record;
-        std::array const names = {"network", "valid_from", "prefix", "next_change", "method"};
+        std::array const names = {"network", "valid_from", "prefix", "next_change", "method", "ported"};
+        constexpr std::size_t truth = 5; // the place of the one that is no text
         for (std::size_t i = 0; i < added.size(); ++i)
-            expected += (i == 0 ? " ,\"number_" : ",\"number_") + std::string(names[i]) +
-                        "\":" + (added[i].empty() ? "null" : "\"" + added[i] + "\"");
+            expected += (i == 0 ? " ,\"number_" : ",\"number_") + std::string(names[i]) + "\":" +
+                        (added[i].empty() ? "null"
+                         : i == truth     ? added[i]
+                                          : "\"" + added[i] + "\"");
         expected += "}\n";
     }
 
@@ -299,7 +311,7 @@ TEST(EnrichDataTest, AgreesWithABruteForceReading) {
             shell(folder, "ENRICH --number number --time time --keep --threads 3 --json --time-format '" +
                               std::string(run.timeFormat) + "' --method " + run.method +
                               (run.normalise ? " --normalise" : "") +
-                              (run.all ? " --add valid-from,prefix,next-change,method " : " ") + run.file);
+                              (run.all ? " --add valid-from,prefix,next-change,method,ported " : " ") + run.file);
         EXPECT_EQ(result.status, 0) << run.file << result.err;
         EXPECT_TRUE(contains(result.err, "\"records\":" + std::to_string(run.records) + ",")) << result.err;
         EXPECT_TRUE(contains(result.err, "\"found\":" + std::to_string(maker.found()) + ",")) << result.err;
@@ -380,6 +392,9 @@ std::vector<Format> const formatsCM = {
      "--separator ';' --no-quotes"},
     {"a value that no field can hold", "a.csv", headCM + "00442," + tCM + "\n", newHeadCM,
      "a.csv,2,unwritable,\"00442," + tCM + "\"\n", "--no-quotes"},
+    {"a prefix of what is not digits alone, and a word that holds the separator", "a.csv",
+     "nlt\n(00) 4-41x5l" + tCM + "\n", "nltln_networkln_prefixln_ported\n(00) 4-41x5l" + tCM + "lAl00441l\"false\"\n",
+     "", "--separator l --add prefix,ported"},
     {"JSON", "a.jsonl",
      "{\"n\":\"00442\",\"t\":" + tCM + "}\r\n\n{\"t\":\"" + tCM + "\",\"n\":\"00443\"} \n{\"n\":null,\"t\":" + tCM +
          "}\n{\"n\":1}\n{\n{\"n\":1,\"t\":1,\"n_network\":2}\n{\"n\":\"00441\",\"t\":" + tCM + "}",

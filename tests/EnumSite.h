@@ -82,7 +82,8 @@ class EnumSite {
                                           "+447700900124 20310301020000 CHARLIE\n"
                                           "+447700900125 20210301020000 DELTA\n"
                                           "+33612345678 20200101000000 BRAVO\n"
-                                          "+4912 20310301020000 ALPHA\n";
+                                          "+4912 20310301020000 ALPHA\n"
+                                          "000447700900 20180101000000 ALPHA\n"; // no number
     static constexpr char const* sectionCM = "[enum]\nttl = 300\n[[enum.apex]]\nname = \"e164.example.\"\n"
                                              "[[enum.apex]]\nname = \"Sip.of.E164.Example\"\n"
                                              "gateway = \"gw.example.net:5060\"\nnameServer = \"ns.example.net\"\n"

@@ -55,6 +55,22 @@ LdnsPacket ldnsRead(std::string_view bytes) {
     return LdnsPacket(ldns_wire2pkt(&packet, data, bytes.size()) == LDNS_STATUS_OK ? packet : nullptr);
 }
 
+// A question as the library writes it.
+std::string ldnsQuestion(std::string const& name, unsigned type, unsigned udpBytes, unsigned identifier) {
+    LdnsPacket const packet(ldns_pkt_query_new(ldns_dname_new_frm_str(name.c_str()), static_cast<ldns_rr_type>(type),
+                                               LDNS_RR_CLASS_IN, LDNS_RD));
+    ldns_pkt_set_id(packet.get(), static_cast<std::uint16_t>(identifier));
+    if (udpBytes != 0) {
+        ldns_pkt_set_edns_udp_size(packet.get(), static_cast<std::uint16_t>(udpBytes));
+        ldns_pkt_set_edns_do(packet.get(), identifier % 2 == 0);
+    }
+    std::uint8_t* bytes = nullptr;
+    std::size_t size = 0;
+    ldns_pkt2wire(&bytes, packet.get(), &size);
+    std::unique_ptr<std::uint8_t, void (*)(void*)> const owner(bytes, std::free);
+    return {reinterpret_cast<char const*>(bytes), size};
+}
+
 // The records as the library writes them, in the form of zoneText.
 std::string ldnsText(ldns_pkt const* packet) {
     std::string text;
@@ -405,6 +421,12 @@ TEST(EnumTest, ReadsQuestionsAsAnotherLibrary) {
         std::string packet =
             dnsPacket(name, types[random() % 8], random() % 2 == 0 ? 0 : static_cast<unsigned>(random() % 65536),
                       options, random() % 4 == 0 ? static_cast<unsigned>(random() & 0x87ff) : 0x0100);
+        if (random() % 2 == 0) {
+            packet = ldnsQuestion(name, types[random() % 8], random() % 2 == 0 ? 0 : 1232,
+                                  static_cast<unsigned>(random() % 65536));
+            nphost::DnsQuestion whole;
+            ASSERT_EQ(nphost::readDnsQuestion(packet, whole), nphost::DnsReading::QUESTION) << name;
+        }
         for (auto changes = random() % 4; changes > 0; --changes) // from none on
             packet[random() % packet.size()] = static_cast<char>(random() % 4 == 0 ? random() : random() % 4);
         if (random() % 16 == 0)

@@ -146,6 +146,16 @@ std::vector<Answer> const answersCM = {
      "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
      "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"
      "00447700900123\t20240615120000\t20210301020000\tBRAVO\n"},
+    {"ported, back in its block, of the block, of no range, of a prefix before its range",
+     "20240615120000|--ported|00447700900123|00447700900550|00447700900111|00447700900|0033", 1,
+     "00447700900123\t20240615120000\t20210301020000\tBRAVO\ttrue\n"
+     "00447700900550\t20240615120000\t20230120020000\tALPHA\ttrue\n"
+     "00447700900111\t20240615120000\t20180101000000\tALPHA\tfalse\n"
+     "00447700900\t20240615120000\t20180101000000\tALPHA\t-\n"
+     "0033\t20240615120000\t-\t-\t-\n"},
+    {"ported, by the shortest prefix", "20240615120000|--ported|--method|shortest|00447700900550|00447700900123", 0,
+     "00447700900550\t20240615120000\t20180101000000\tALPHA\t-\n"
+     "00447700900123\t20240615120000\t20180101000000\tALPHA\tfalse\n"},
     {"not normalised: national form is not stored form", "20240615120000|07700900123|0033|+0 0", 1,
      "07700900123\t20240615120000\t-\t-\n0033\t20240615120000\t-\t-\n+0 0\t20240615120000\t-\t-\n",
      "nphost: '07700900123' is not in stored form, which begins with the international access code; --normalise takes "
@@ -236,6 +246,8 @@ TEST(HostLookupTest, StreamBoundsItsComplaints) {
     EXPECT_EQ(lineCount(complaints.err), 21);
     EXPECT_TRUE(contains(complaints.err, ":1: there is no number: '?'")) << complaints.err;
     EXPECT_TRUE(contains(complaints.err, "80 more"));
+    Result const ported = run({"lookup", "--ported", "--config", exampleCM, "-"}, "?\n00447700900123 " + atCM + "\n");
+    EXPECT_EQ(ported.out, "?\t\t-\t-\t-\n00447700900123\t" + atCM + "\t20210301020000\tBRAVO\ttrue\n");
     Result const none = run({"lookup", "--config", exampleCM, "-"});
     EXPECT_EQ(none.status, 0);
     EXPECT_EQ(none.out + none.err, "");
@@ -433,6 +445,8 @@ void expectDetail(Detail const& detail, nphost::Explanation::Prefixes const& pre
     std::erase_if(shorter, [&](auto const& prefix) { return prefix.key.length() == number.length(); });
     auto const range = nphost::Explanation(shorter, BAS::String(number)).choose(0, at);
     ASSERT_EQ(detail.hasRange(), range.record != nullptr);
+    auto const rangeChange = nphost::Explanation(shorter, BAS::String(number)).nextChange(0, at);
+    EXPECT_EQ(detail.rangeChange, rangeChange ? rangeChange->at : BAS::DateTime());
     std::optional<bool> ported;
     if (detail.hasRange()) {
         EXPECT_EQ(detail.rangeDigits, range.prefix->key.length());
@@ -442,6 +456,7 @@ void expectDetail(Detail const& detail, nphost::Explanation::Prefixes const& pre
             ported = detail.record.networkIdM.view() != range.record->networkIdM.view();
     }
     EXPECT_EQ(detail.ported(), ported);
+    EXPECT_EQ(explanation.ported(method, at), ported);
 }
 
 } // namespace

@@ -4,7 +4,11 @@
 #include "tests/DaemonSite.h"
 
 #include <arpa/inet.h>
+#include <deque>
+#include <fstream>
+#include <mutex>
 #include <netinet/tcp.h>
+#include <set>
 
 // "|" stands for CRLF.
 inline std::string wire(std::string const& text) {
@@ -26,10 +30,30 @@ struct Reply {
     }
 };
 
+// Keeps each JSON answer of a test that is read as one, with its request line, in a file of the test's: all are held to
+// the description (openapi.json) when the tests are over.
+inline void keepAnswer(std::string const& requestLine, Reply const& reply) {
+    static std::mutex lock;
+    static std::set<std::string> begun;
+    testing::TestInfo const* const test = testing::UnitTest::GetInstance()->current_test_info();
+    if (requestLine.empty() || test == nullptr || !contains(reply.field("Content-Type"), "json"))
+        return;
+    std::istringstream words(requestLine);
+    std::string method;
+    std::string target;
+    words >> method >> target;
+    Json const entry = {{"method", method}, {"target", target}, {"head", reply.head}, {"body", reply.body}};
+    std::scoped_lock const guard(lock);
+    std::filesystem::create_directories(NP_HTTP_ANSWERS);
+    std::string const file = std::string(NP_HTTP_ANSWERS "/") + test->name() + ".ndjson";
+    std::ofstream out(file, begun.insert(file).second ? std::ios::trunc : std::ios::app);
+    out << entry.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
+}
+
 class HttpClient {
   public:
-    // A port of 127.0.0.1, or a UNIX socket's path.
-    explicit HttpClient(std::string const& place) {
+    // A port of 127.0.0.1, which may be asked from another address of this machine, or a UNIX socket's path.
+    explicit HttpClient(std::string const& place, in_addr_t from = INADDR_LOOPBACK) {
         sockaddr_un local = {};
         sockaddr_in address = {};
         bool const isLocal = place.starts_with('/');
@@ -42,6 +66,13 @@ class HttpClient {
         int const on = 1;
         if (!isLocal)
             setsockopt(descriptorM, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (!isLocal) {
+            sockaddr_in own = {};
+            own.sin_family = AF_INET;
+            own.sin_addr.s_addr = htonl(from);
+            setsockopt(descriptorM, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+            bind(descriptorM, reinterpret_cast<sockaddr const*>(&own), sizeof own);
+        }
         auto const* const to =
             isLocal ? reinterpret_cast<sockaddr const*>(&local) : reinterpret_cast<sockaddr const*>(&address);
         connectedM = connect(descriptorM, to, isLocal ? sizeof local : sizeof address) == 0;
@@ -54,7 +85,8 @@ class HttpClient {
     int descriptor() const { return descriptorM; }
     void endSending() const { shutdown(descriptorM, SHUT_WR); }
     // False when the other end takes no more.
-    bool send(std::string_view bytes) const {
+    bool send(std::string_view bytes) {
+        noteRequests(bytes);
         while (!bytes.empty()) {
             ssize_t const count = ::send(descriptorM, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (count <= 0)
@@ -93,6 +125,41 @@ class HttpClient {
         }
     }
     Reply read(bool isHead = false) {
+        Reply reply = readOne(isHead);
+        std::scoped_lock const guard(linesLockM);
+        if (reply.status >= 200 && !linesM.empty()) {
+            if (!isHead)
+                keepAnswer(linesM.front(), reply);
+            linesM.pop_front();
+        }
+        return reply;
+    }
+    // The size of the next chunk, whose data are appended. 0 is the last, or a stream without one.
+    std::size_t chunk(std::string& data) {
+        std::string const head = until("\r\n");
+        std::size_t const size = head.starts_with('<') ? 0 : std::stoul(head, nullptr, 16);
+        while (inputM.size() < size + 2 && more()) {
+        }
+        data += take(size + 2);
+        data.resize(data.size() - std::min<std::size_t>(data.size(), 2));
+        return size;
+    }
+    Reply ask(std::string const& request, bool isHead = false) {
+        send(wire(request));
+        return read(isHead);
+    }
+
+  private:
+    // The request lines that begin in what is sent whole; requests in pieces have none.
+    void noteRequests(std::string_view bytes) {
+        std::scoped_lock const guard(linesLockM);
+        for (std::size_t at = 0; at < bytes.size(); at = std::min(bytes.find('\n', at), bytes.size() - 1) + 1) {
+            std::string_view const line = bytes.substr(at, bytes.find("\r\n", at) - at);
+            if (line.ends_with(" HTTP/1.1") || line.ends_with(" HTTP/1.0"))
+                linesM.emplace_back(line);
+        }
+    }
+    Reply readOne(bool isHead) {
         Reply reply;
         reply.head = until("\r\n\r\n");
         if (!reply.head.starts_with("HTTP/1.1 "))
@@ -113,22 +180,7 @@ class HttpClient {
         }
         return reply;
     }
-    // The size of the next chunk, whose data are appended. 0 is the last, or a stream without one.
-    std::size_t chunk(std::string& data) {
-        std::string const head = until("\r\n");
-        std::size_t const size = head.starts_with('<') ? 0 : std::stoul(head, nullptr, 16);
-        while (inputM.size() < size + 2 && more()) {
-        }
-        data += take(size + 2);
-        data.resize(data.size() - std::min<std::size_t>(data.size(), 2));
-        return size;
-    }
-    Reply ask(std::string const& request, bool isHead = false) {
-        send(wire(request));
-        return read(isHead);
-    }
 
-  private:
     std::string take(std::size_t count) {
         std::string taken = inputM.substr(0, count);
         inputM.erase(0, count);
@@ -138,6 +190,8 @@ class HttpClient {
     int descriptorM;
     bool connectedM = false;
     std::string inputM;
+    std::mutex linesLockM;          // one thread may send while another one reads
+    std::deque<std::string> linesM; // of requests that were not answered yet
 };
 
 // "200 404" of what came on a connection until it closed.

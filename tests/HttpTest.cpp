@@ -7,6 +7,7 @@
 #include <random>
 #include <set>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -70,14 +71,16 @@ TEST(HttpTest, AnswersEachRoute) {
         {"GET /v1/numbers/+447700900123/history", 200, {R"("prefixes":[{"prefix":"00447700900123","records":[{)"}},
         {"GET /v1/numbers/+447700900123/explain?at=20260101000000",
          200,
-         {R"("methods":{"best":{"found":true,"prefix":"00447700900123")",
-          R"("configured":"best","nextChange":{"at":)"}},
+         {R"("methods":{"best":{"found":true,"prefix":"00447700900123")", R"("ported":true,"reason":)",
+          R"("configured":"best","range":{"prefix":"0044770","network":"ALPHA"},"nextChange":{"at":)"}},
         {"GET /v1/networks", 200, {R"({"networks":[]})"}},
         {"GET /v1/upcoming?from=20260101000000&until=20981231000000",
          200,
-         {R"({"records":[{"prefix":"004477009","validFrom":"2098-01-01T00:00:00+00:00","network":{"id":"DELTA"}}],)"
+         {R"({"records":[{"prefix":"004477009","validFrom":"2098-01-01T00:00:00+00:00","network":{"id":"DELTA"},)"
+          R"("from":{"id":"ALPHA"}}],)"
           R"("next":null})"}},
         {"GET /v1/upcoming?from=20260101000000&limit=1", 200, {"\"next\":\""}},
+        {"GET /v1/upcoming?from=20190101000000&limit=1", 200, {"\"id\":\"ALPHA\"},\"from\":null}"}},
         {"GET /v1/upcoming?limit=0", 400, {"from 1 to 1000"}},
         {"GET /v1/upcoming?after=x", 400, {"no cursor"}},
         {"GET /v1/status", 200, {"\"ok\":true", "\"usable\":true"}},
@@ -87,7 +90,7 @@ TEST(HttpTest, AnswersEachRoute) {
         {"GET /openapi.json", 200, {"\"openapi\""}},
         {"GET /?number=%2B447700900123", 200, {"Content-Security-Policy: default-src 'none'", "BRAVO"}},
         {"GET /?number=x", 400, {"text/html"}},
-        {"GET /upcoming", 200, {"text/html"}},
+        {"GET /upcoming?from=20190101000000", 200, {"text/html", ">from nobody<", ">from <"}},
         {"GET /style.css", 200, {"text/css", "ETag: \""}},
         {"GET /app.js", 200, {"text/javascript"}},
         {"GET /nothing", 404, {"application/problem+json"}},
@@ -265,7 +268,8 @@ TEST(HttpTest, AnswersStreamsLineByLineHoweverTheyAreSplit) {
     std::string body;
     for (Case const& each : lines)
         body += (body.empty() ? "" : "\n") + each.line;
-    HttpSite site;
+    HttpSite site("", "networks = \"networks\"\n");
+    site.folder.write("networks", "[BRAVO]\ntext = \"" + std::string(5000, 'x') + "\"\n"); // longer than answers' lines
     ASSERT_NO_FATAL_FAILURE(site.start());
     std::string const head = replaced(lookupCM, "lookup HTTP", "lookup?at=20260131000000 HTTP");
     HttpClient client(site.place);
@@ -389,8 +393,10 @@ TEST(HttpTest, AsksForTokensAndScopes) {
         "[chief]\nsha256 = \"baa5a0964d3320fbc0c6a922140453c8513ea24ab8fd0577034804a967248096\"\nscopes = [\"admin\"]\n"
         "[nobody]\nsha256 = \"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855\"\nscopes = "
         "[\"lookup\"]\n";
-    HttpSite site("tokens = \"tokens.toml\"\nallowOrigins = [\"https://a.b\"]\naccessLog = \"access\"\n");
+    HttpSite site("tokens = \"tokens.toml\"\nallowOrigins = [\"https://a.b\"]\naccessLog = \"access\"\n",
+                  "networks = \"networks\"\n");
     site.folder.write("tokens.toml", tokens);
+    site.folder.write("networks", "");
     ASSERT_NO_FATAL_FAILURE(site.start());
     struct Case {
         char const* request;
@@ -455,7 +461,18 @@ TEST(HttpTest, AsksForTokensAndScopes) {
     site.folder.write("tokens.toml", "[asker]\nsha256 = \"2\"\n");
     site.daemon->signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return contains(site.log(), "tokens.toml:2: 'sha256' must be 64"); })) << site.log();
+    // Nobody writes into these.
+    for (char const* const name : {"tokens.toml", "networks"}) {
+        std::filesystem::remove(site.folder.file(name));
+        ASSERT_EQ(mkfifo(site.folder.file(name).c_str(), 0600), 0);
+    }
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] {
+        return contains(site.log(), "networks: is no regular file") &&
+               contains(site.log(), "tokens.toml: is no regular file");
+    })) << site.log();
     EXPECT_EQ(asks("foo"), 200);
+    std::filesystem::remove(site.folder.file("tokens.toml"));
     site.folder.write(
         "tokens.toml",
         tokens.substr(tokens.find("[chief]")) +
@@ -592,6 +609,9 @@ TEST(HttpTest, SpeaksTls) {
                             isBroken ? "subject: CN=a" : "subject: CN=new");
         })) << contentOf(site.folder.file("shell"));
     }
+    shell("openssl pkey -in server.key -aes128 -passout pass:x -out locked && mv locked server.key");
+    site.daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return contains(site.log(), "server.key has a pass phrase"); })) << site.log();
     // Those who do not speak TLS to the end: none of them stays.
     std::vector<std::unique_ptr<HttpClient>> strange;
     for (char const* const bytes : {"", "x", "GET / HTTP/1.1\r\n\r\n", "\x16\x03\x01\x02"}) {
@@ -628,12 +648,21 @@ TEST(HttpTest, StartsOnlyWhereItIsSafe) {
         {"\"127.0.0.1:0\"", "tokens = \"none\"\n", "none"},
         {"\"127.0.0.1:0\"", "tokens = \"nphost.toml\"\n", "nphost.toml:"},
         {"\"127.0.0.1:0\"", "accessLog = \"none/log\"\n", "none/log cannot be opened"},
+        {"\"127.0.0.1:0\"", "accessLog = \"pipe\"\n", "pipe cannot be opened: nobody reads"},
+        {"\"127.0.0.1:0\"", "tokens = \"pipe\"\n", "pipe: is no regular file"},
+        {"\"127.0.0.1:0\"", "tokens = \"/dev/zero\"\n", "/dev/zero: is no regular file"},
+        {"\"127.0.0.1:0\"", "key = \"pipe\"\ncertificate = \"tokens\"\n", "pipe: is no regular file"},
         {"\"127.0.0.1:0\"", "threads = 0\n", "threads"},
         {"\"127.0.0.1:0\"", "module = \"data.dat\"\n", "data.dat"},
+        {"\"127.0.0.1:0\"", "module = \"" NP_OTHER_FRONTS "version.so\"\n",
+         "does not fit this host: it is of version 0"},
+        {"\"127.0.0.1:0\"", "module = \"" NP_OTHER_FRONTS "sizes.so\"\n", "its objects have other sizes"},
+        {"\"192.0.2.1:0\"", "", "is passed its sockets: see numberportability-http.socket"},
     };
     for (Case const& test : cases) {
         HttpSite site(test.http, "", dataCM, test.listen);
         site.folder.write("tokens", "");
+        mkfifo(site.folder.file("pipe").c_str(), 0600);
         Result const result = runProgram(site.folder, {"run", "--config", site.configuration}, "run");
         EXPECT_EQ(result.status, 2) << test.listen << test.http << result.err;
         EXPECT_TRUE(contains(result.err, test.part)) << test.listen << test.http << result.err;
@@ -706,6 +735,100 @@ TEST(HttpTest, StopsWhenAllThatIsUnderWayIsAnswered) {
     EXPECT_EQ(statuses.count("503") + statuses.count("409") + statuses.count("200"), commands.size());
     EXPECT_EQ(site.daemon->wait(), 0) << site.log();
     EXPECT_FALSE(HttpClient(site.place).connected());
+}
+
+// As many connections as the limit of descriptors allows, 10,000 at the most: of addresses that each have as many as
+// they may, and of kinds that each have to be let go in another way.
+TEST(HttpTest, BearsManyConnectionsOfWhichNoneHurries) {
+#ifdef NP_SANITIZED
+    constexpr std::size_t wanted = 500;
+#else
+    constexpr std::size_t wanted = 10'000;
+#endif
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    constexpr rlim_t others = 200; // what else the daemon and this program have open
+    std::size_t const most = std::min<std::size_t>(wanted, std::max(limit.rlim_cur, others + 100) - others);
+    if (most < wanted)
+        std::cout << "only " << most << " connections: no more descriptors may be open here\n";
+    std::size_t const ofAddress = most / 10 + 1; // ten addresses suffice for all of them
+    HttpSite site("maxConnections = " + std::to_string(most) +
+                      "\nmaxConnectionsPerAddress = " + std::to_string(ofAddress) + "\nidleSeconds = 6\nthreads = 2\n",
+                  "", dataCM, "\"127.0.0.1:0\", \"unix:h\"");
+    ASSERT_NO_FATAL_FAILURE(site.start());
+    std::optional<HttpClient> observer(site.folder.file("h")); // its connection is one of them
+    auto const counts = [&](std::string const& what) {
+        return contains(observer->ask("GET /metrics HTTP/1.1|Host: a||").body, "numberportability_connections" + what);
+    };
+    ASSERT_TRUE(counts("{front=\"http\"} 1\n"));
+    std::size_t const before = descriptorsOf(site.daemon->id());
+
+    std::vector<std::unique_ptr<HttpClient>> clients;
+    auto const refused = [&](in_addr_t from) {
+        Reply const reply = HttpClient(site.place, from).read();
+        return reply.status == 503 && reply.field("Retry-After") == "5" && reply.field("Connection") == "close";
+    };
+    for (in_addr_t from = INADDR_LOOPBACK; clients.size() + 1 < most; ++from) {
+        for (std::size_t i = 0; i < ofAddress && clients.size() + 1 < most; ++i)
+            clients.push_back(std::make_unique<HttpClient>(site.place, from));
+        // Not more at once than the system queues.
+        ASSERT_TRUE(
+            eventually([&] { return counts("{front=\"http\"} " + std::to_string(clients.size() + 1) + "\n"); }));
+        if (clients.size() + 1 < most) {
+            ASSERT_TRUE(refused(from)) << clients.size();
+        }
+    }
+    EXPECT_TRUE(refused(INADDR_LOOPBACK + 100));
+    EXPECT_TRUE(counts("_refused_total{front=\"http\",reason=\"too_many\"} 1\n"));
+    EXPECT_TRUE(counts("_refused_total{front=\"http\",reason=\"too_many_of_address\"} 9\n"));
+
+    enum Kind { IDLE, USED, SENDS_SLOWLY, READS_SLOWLY, HALF_CLOSED };
+    auto const kindOf = [](std::size_t i) {
+        if (i % 50 == 0) // each of these fills the buffers of both ends
+            return i % 100 == 0 ? READS_SLOWLY : HALF_CLOSED;
+        return i % 3 == 0 ? IDLE : (i % 3 == 1 ? USED : SENDS_SLOWLY);
+    };
+    std::string large;
+    for (int i = 0; i < 100; ++i)
+        large += wire("GET /openapi.json HTTP/1.1|Host: a||");
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        HttpClient& client = *clients[i];
+        if (kindOf(i) == USED) {
+            ASSERT_EQ(client.ask("GET /livez HTTP/1.1|Host: a||").status, 200);
+        }
+        if (kindOf(i) >= READS_SLOWLY)
+            client.send(large);
+        if (kindOf(i) == HALF_CLOSED)
+            client.endSending();
+    }
+    // A byte now and then of each of those: of a header, which so is never whole, or of an answer.
+    std::jthread trickle([&](std::stop_token const& stop) {
+        for (std::size_t round = 0; !stop.stop_requested(); ++round, poll(nullptr, 0, 300))
+            for (std::size_t i = 0; i < clients.size() && !stop.stop_requested(); ++i) {
+                char byte = "GET /livez HTTP/1.1\r\nHost: a\r\nX: yyyyyyyyyyyyyy"[std::min<std::size_t>(round, 45)];
+                if (kindOf(i) == SENDS_SLOWLY)
+                    (void)::send(clients[i]->descriptor(), &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+                else if (kindOf(i) >= READS_SLOWLY)
+                    (void)::recv(clients[i]->descriptor(), &byte, 1, MSG_DONTWAIT);
+            }
+    });
+    for (std::size_t i = 0; i < clients.size(); ++i)
+        if (kindOf(i) < READS_SLOWLY) {
+            ASSERT_EQ(statusesOf(clients[i]->rest()), kindOf(i) == SENDS_SLOWLY ? "408" : "") << i;
+        }
+    // Who reads, however slowly, has his time still; all others have gone, and leave room.
+    auto const left = static_cast<std::size_t>(std::count_if(
+        clients.begin(), clients.end(), [&, i = 0UL](auto const&) mutable { return kindOf(i++) > SENDS_SLOWLY; }));
+    observer.emplace(site.folder.file("h")); // it was idle, too
+    EXPECT_TRUE(eventually([&] { return counts("{front=\"http\"} " + std::to_string(left + 1) + "\n"); }));
+    EXPECT_EQ(HttpClient(site.place).ask("GET /livez HTTP/1.1|Host: a||").status, 200);
+    trickle = {}; // stopped and joined
+    clients.clear();
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(site.daemon->id()) <= before; }))
+        << descriptorsOf(site.daemon->id()) << " of " << before;
+    EXPECT_EQ(site.stop(), 0) << site.log();
 }
 
 TEST(HttpTest, LimitsHoldAndDescriptorsReturn) {

@@ -436,12 +436,14 @@ TEST(Layout, HoldsALongHistoryInEveryOrderOfArrival) {
         EXPECT_EQ(copy.entries(), recordsCM);
         tree.clearAndDestroy();
         std::uint64_t left = recordsCM;
-        copy.visitLaterThan(BAS::DateTime::fromSeconds(0),
-                            [&](BAS::String const&, NumberPortabilityData const& record) {
-                                --left;
-                                ASSERT_EQ(record.validFromM, instantOf(left));
-                                ASSERT_EQ(record.networkIdM.view(), networkOf(left));
-                            });
+        copy.visitLaterThan(
+            BAS::DateTime::fromSeconds(0),
+            [&](BAS::String const&, NumberPortabilityData const& record) {
+                --left;
+                ASSERT_EQ(record.validFromM, instantOf(left));
+                ASSERT_EQ(record.networkIdM.view(), networkOf(left));
+            },
+            [] {});
         EXPECT_EQ(left, 0U);
         NumberPortabilityData found;
         for (std::uint64_t i = 0; i < recordsCM; i += 1 + random() % 100)

@@ -146,7 +146,7 @@ TEST(PageTest, NothingForeignIsMarkup) {
     Explained const explained =
         explain("00447\"<x>", "2026", "0044 2018 <x>'\" 00447 2020 NAMED 00447 2022 " + hostile);
     nphost::UpcomingPart part;
-    part.records = {{"<x>", at("2030"), hostile, hostile}};
+    part.records = {{at("2030"), "<x>", hostile, hostile}};
     part.next = "<x>\"";
     std::vector<std::string> const pages = {
         nphost::lookUpPage(setting.page, {hostile, hostile}, nullptr),

@@ -616,7 +616,15 @@ TEST_F(Probe, IsCarriedOutByTheCallingThreadAsByTheWorker) {
 
 TEST_F(Probe, CarriesNothingOutOnceLoadsAreStopped) {
     createInitialised();
-    stopLoads();
+    int seen = 0;
+    BAS::DateTime liveSince;
+    EXPECT_FALSE(
+        operationsM->visitUpcoming(object(), BAS::DateTime("20190101000000"), liveSince, [&](auto const&, auto const&) {
+            ++seen;
+            stopLoads();
+        }));
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(journal.take(), Entries());
     EXPECT_FALSE(carryOut(PlugIn::RELOAD_PROBE, ""));
     EXPECT_EQ(journal.take(),
               (Entries{"ERR_LOADS_STOPPED(4): " + file, "ERR_NUM_PORT_RELOAD(4): " + file, "EVT::RELOAD_FAILED"}));

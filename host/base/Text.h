@@ -33,6 +33,13 @@ constexpr bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+// A hexadecimal digit's value; -1 for what is none.
+constexpr int hexDigit(char c) {
+    if (isDigit(c))
+        return c - '0';
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : (c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1);
+}
+
 // How many characters the text has, which must be UTF-8: what is lined up in columns is not counted in bytes.
 std::size_t characters(std::string_view text);
 std::string shortened(std::string_view text);

@@ -65,7 +65,7 @@ Configuration parseConfiguration(std::string_view text, std::filesystem::path co
 Configuration readConfiguration(std::filesystem::path const& file, Sections sections) {
     // Before the file is read: what is wrong with it would be written into it.
     StandardError::keepOff(file, "the configuration file");
-    Configuration configuration = parseConfiguration(readWhole(file), file, sections);
+    Configuration configuration = parseConfiguration(readWholeOrPipe(file), file, sections);
     StandardError::keepOff(configuration.dataFile(), "the data file itself");
     return configuration;
 }

@@ -1,21 +1,19 @@
 #include "host/config/TomlFile.h"
 
 #include "framework/OMF/TomlLimits.h"
+#include "host/base/FileDescriptor.h"
+#include "host/base/HostError.h"
+#include "host/base/RegularFile.h"
 #include "host/base/Text.h"
 
 #include <cerrno>
-#include <cstdio>
-#include <memory>
+#include <fcntl.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace nphost {
 
 namespace {
-
-// C's files and not a stream: they say by errno why a file cannot be read.
-struct Close {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 ConfigurationError atLine(std::filesystem::path const& file, std::size_t line, std::string_view reason) {
     // The reason may quote the file, which may hold anything.
@@ -26,23 +24,37 @@ ConfigurationError unreadable(std::filesystem::path const& file, int error) {
     return ConfigurationError(visible(file.native()) + ": cannot be read: " + std::system_category().message(error));
 }
 
+// Of more than parseToml takes, as much as it refuses.
+std::string contentOf(FileDescriptor const& descriptor, std::filesystem::path const& file) {
+    std::string text;
+    char block[4096];
+    while (text.size() <= OMF::TomlLimits::mostBytesCM) {
+        ssize_t const count = read(descriptor.get(), block, sizeof block);
+        if (count == 0)
+            break;
+        if (count > 0)
+            text.append(block, static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            throw unreadable(file, errno);
+    }
+    return text;
+}
+
 } // namespace
 
 std::string readWhole(std::filesystem::path const& file) {
-    std::unique_ptr<std::FILE, Close> const stream(std::fopen(file.c_str(), "rbe"));
-    if (stream == nullptr)
-        throw unreadable(file, errno);
-    std::string text;
-    char block[4096];
-    for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, stream.get())) > 0;) {
-        text.append(block, count);
-        if (text.size() > OMF::TomlLimits::mostBytesCM) // which parseToml refuses
-            return text;
+    try {
+        return contentOf(openRegularFile(file), file);
+    } catch (HostError const& error) {
+        throw ConfigurationError(error.what());
     }
-    // A folder can be opened, and fails only here.
-    if (std::ferror(stream.get()) != 0)
+}
+
+std::string readWholeOrPipe(std::filesystem::path const& file) {
+    FileDescriptor const made(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!made)
         throw unreadable(file, errno);
-    return text;
+    return contentOf(made, file);
 }
 
 toml::table parseToml(std::string_view text, std::filesystem::path const& file) {

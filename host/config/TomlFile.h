@@ -15,8 +15,11 @@
 
 namespace nphost {
 
-// Of a file that is too large to be parsed, its beginning, which is too large as well.
+// Of a file that is too large to be parsed, its beginning, which is too large as well. What is no regular file is
+// refused: a pipe would hold up whoever reads it, and these are read while a daemon serves.
 std::string readWhole(std::filesystem::path const& file);
+// The same of whatever can be read: of what is read once, for whoever started the program and waits.
+std::string readWholeOrPipe(std::filesystem::path const& file);
 // Text beyond OMF::TomlLimits is refused before the parser sees it.
 toml::table parseToml(std::string_view text, std::filesystem::path const& file);
 

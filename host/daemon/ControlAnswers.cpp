@@ -199,6 +199,10 @@ class Details {
     Json networksM = Json::object();
 };
 
+Json portedOf(std::optional<bool> ported) {
+    return ported ? Json(*ported) : Json();
+}
+
 // The same keys in every answer, whether something is found or not.
 Json recordOf(Explanation::Choice const& choice) {
     if (choice.record == nullptr)
@@ -269,18 +273,21 @@ Json answerLookup(Service& service, LookUpQuestion const& question, NetworkTable
     Json answers = Json::array();
     AnswerSize size;
     Details details(table, size);
-    service.lookUp(question, [&](BAS::String const& number, Explanation::Record const* record) {
-        cell.lookedUp(record != nullptr);
+    service.describe(question, [&](NumberAnswer const& answer) {
+        bool const found = answer.detail.found();
+        Explanation::Record const& record = answer.detail.record;
+        cell.lookedUp(found);
         // Measured as it is sent: a byte that is not UTF-8 becomes three.
-        std::string shown = asUtf8(number.view());
-        std::string network = record == nullptr ? std::string() : asUtf8(record->networkIdM.view());
+        std::string shown = asUtf8(answer.stored.view());
+        std::string network = found ? asUtf8(record.networkIdM.view()) : std::string();
         size.add(shown.size() + network.size());
-        if (record != nullptr)
-            details.add(record->networkIdM.view());
+        if (found)
+            details.add(record.networkIdM.view());
         answers.push_back({{"number", std::move(shown)},
-                           {"found", record != nullptr},
-                           {"validFrom", record != nullptr ? digits(record->validFromM) : Json()},
-                           {"network", record != nullptr ? Json(std::move(network)) : Json()}});
+                           {"found", found},
+                           {"validFrom", found ? digits(record.validFromM) : Json()},
+                           {"network", found ? Json(std::move(network)) : Json()},
+                           {"ported", portedOf(answer.ported())}});
     });
     Json answer = {{"ok", true}, {"at", digits(question.at)}, {"answers", std::move(answers)}};
     details.addTo(answer);
@@ -296,6 +303,7 @@ Json toJson(Explained const& explained, NetworkTable const* table) {
         details.add(chosen);
         Json choice = recordOf(chosen);
         choice["reason"] = explained.reason(method);
+        choice["ported"] = portedOf(explained.ported(method));
         methods[nameOfSearchMethod(method)] = std::move(choice);
     }
     // Null when nothing is to come.
@@ -305,12 +313,19 @@ Json toJson(Explained const& explained, NetworkTable const* table) {
         next = recordOf(change->choice);
         next["at"] = digits(change->at);
     }
+    // Null when there is none.
+    Json range;
+    if (Explanation::Choice const block = explained.range(); block.record != nullptr) {
+        details.add(block);
+        range = {{"key", block.prefix->key.str()}, {"network", asUtf8(block.record->networkIdM.view())}};
+    }
     Json answer = {{"ok", true},
                    {"number", asUtf8(explained.number().view())},
                    {"at", digits(explained.at())},
                    {"prefixes", historiesOf(explained.prefixes(), size, details)},
                    {"methods", std::move(methods)},
                    {"configured", nameOfSearchMethod(explained.configured())},
+                   {"range", std::move(range)},
                    {"nextChange", std::move(next)}};
     details.addTo(answer);
     return answer;

@@ -59,6 +59,7 @@ struct CtlOptions {
     std::optional<std::string> at;
     std::optional<unsigned int> method;
     bool normalise = false;
+    bool ported = false;
     bool noReuse = false;
     bool force = false;
     bool follow = false;
@@ -255,6 +256,8 @@ class Ctl {
         networksM = answer.value("networks", Json::object());
         field("Number:", orDash(answer.at("number")));
         field("At:", readable(answer.at("at")));
+        if (answer.contains("range")) // an older daemon's answer has none
+            ported(answer.at("methods").at(configured).at("ported"), answer.at("range"));
         histories(answer.at("prefixes"), answer.at("at").get<std::string>());
         line("\nChosen by each search method:");
         for (char const* const method : {"best", "exact", "shortest"})
@@ -443,11 +446,14 @@ class Ctl {
         bool allFound = true;
         bool const raw = shownRaw(answer);
         auto const column = [](Json const& text) { return text.is_string() ? text.get<std::string>() : "-"; };
+        auto const ported = [this](Json const& found) {
+            return !optionsM.ported ? "" : found.at("ported").is_null() ? "\t-" : "\t" + found.at("ported").dump();
+        };
         for (Json const& found : answer.at("answers")) {
             allFound = allFound && found.at("found").get<bool>();
             if (!raw)
                 line(column(found.at("number")) + "\t" + column(answer.at("at")) + "\t" +
-                     column(found.at("validFrom")) + "\t" + column(found.at("network")));
+                     column(found.at("validFrom")) + "\t" + column(found.at("network")) + ported(found));
         }
         return allFound;
     }
@@ -470,6 +476,15 @@ class Ctl {
             if (Json const& left = prefix.at("olderLeftOut"); left != 0)
                 line("    ... and " + left.dump() + " older ones");
         }
+    }
+
+    void ported(Json const& known, Json const& range) {
+        field("Ported:", std::string(known.is_null()     ? "not known"
+                                     : known.get<bool>() ? "yes"
+                                                         : "no") +
+                             (range.is_null() ? "; no shorter prefix has a record that has begun"
+                                              : "; the range " + orDash(range.at("key")) + " belongs to " +
+                                                    named(range.at("network"))));
     }
 
     void choice(std::string const& method, Json const& chosen, bool configured) {
@@ -601,6 +616,7 @@ void declareQuestion(Arguments& arguments, CtlOptions& options) {
 void declareLookup(Arguments& arguments, CtlOptions& options) {
     arguments.add("NUMBER", "...", options.numbers, "The numbers").required();
     addMethod(arguments, options.method);
+    arguments.flag("--ported", options.ported, "Say in a last column whether the numbers are ported");
     declareQuestion(arguments, options);
 }
 

@@ -2,6 +2,7 @@
 
 #include "host/base/HostError.h"
 #include "host/base/Text.h"
+#include "host/service/FrontTable.h"
 
 namespace nphost {
 
@@ -12,9 +13,8 @@ FrontTable const& tableOf(SharedObject const& object, std::filesystem::path cons
     if (function == nullptr)
         throw HostError(visible(file.native()) + " is no front of nphost");
     FrontTable const& table = *function();
-    if (version != table.version)
-        throw HostError(visible(file.native()) + " is of version " + visible(table.version) +
-                        ", and nphost of version " + version);
+    if (std::string const reason = misfit(table, version); !reason.empty())
+        throw HostError(visible(file.native()) + " does not fit this host: " + visible(reason));
     return table;
 }
 

@@ -346,7 +346,8 @@ void declareOutput(Arguments& arguments, EnrichOptions& options) {
     arguments.add("-o,--output", "FILE", options.output, "The file to write; default: standard output").named();
     arguments
         .add("--add", "LIST", options.added,
-             "valid-from, prefix, next-change, method; of [host] networks: network-name, mcc, mnc, rn, rn-context")
+             "valid-from, prefix, next-change, method, ported; of [host] networks: network-name, mcc, mnc, rn, "
+             "rn-context")
         .separatedBy(',')
         .single();
     arguments

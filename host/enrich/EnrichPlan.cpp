@@ -17,11 +17,12 @@ struct AddedName {
     char const* suffix;
 };
 // In the order of Added.
-constexpr std::array<AddedName, 10> addedNamesCM = {{{"network", "_network"},
+constexpr std::array<AddedName, 11> addedNamesCM = {{{"network", "_network"},
                                                      {"valid-from", "_valid_from"},
                                                      {"prefix", "_prefix"},
                                                      {"next-change", "_next_change"},
                                                      {"method", "_method"},
+                                                     {"ported", "_ported"},
                                                      {"network-name", "_network_name"},
                                                      {"mcc", "_mcc"},
                                                      {"mnc", "_mnc"},
@@ -95,9 +96,10 @@ void EnrichPlan::checkNames(RecordInput const& input) const {
                             "', is there already: give it another name in the header, or enrich the file without it");
 }
 
-bool EnrichPlan::explains() const {
-    return std::any_of(addedM.begin(), addedM.end(),
-                       [](Added added) { return added == Added::PREFIX || added == Added::NEXT_CHANGE; });
+bool EnrichPlan::describes() const {
+    return std::any_of(addedM.begin(), addedM.end(), [](Added added) {
+        return added == Added::PREFIX || added == Added::NEXT_CHANGE || added == Added::PORTED;
+    });
 }
 
 std::unique_ptr<RecordReader> EnrichPlan::makeReader() const {

@@ -24,6 +24,7 @@ enum class Added {
     PREFIX,
     NEXT_CHANGE,
     METHOD,
+    PORTED,
     // of the table of networks
     NETWORK_NAME,
     MCC,
@@ -56,8 +57,8 @@ class EnrichPlan {
     std::vector<Added> const& added() const { return addedM; }
     std::size_t numberCount() const { return numberCountM; }
 
-    // Whether prefixes or changes are wanted, which a search does not tell.
-    bool explains() const;
+    // Whether something is wanted that a search does not tell.
+    bool describes() const;
 
     // What is added to each record, one after the other.
     std::vector<std::string> const& names() const { return namesM; }

@@ -1,8 +1,8 @@
 #include "host/enrich/Enricher.h"
 
 #include "host/base/Instant.h"
+#include "host/base/Text.h"
 #include "host/fields/Numbers.h"
-#include "host/module/Explanation.h"
 
 #include <algorithm>
 
@@ -29,7 +29,7 @@ std::unique_ptr<RecordWriter> Enricher::writerOf(EnrichPlan const& plan) {
 
 Enricher::Enricher(EnrichContext const& context)
     : contextM(context), readerM(context.plan.makeReader()), writerM(writerOf(context.plan)),
-      explainsM(context.plan.explains()), compressorM(context.compression),
+      describesM(context.plan.describes()), compressorM(context.compression),
       batchM(context.plugIn, recordsCM * context.plan.numberCount()),
       networksM(*writerM, context.plan.added(), context.networks), recordsM(recordsCM),
       questionsM(recordsCM * context.plan.numberCount()),
@@ -62,7 +62,7 @@ void Enricher::processRecords() {
     readerM->begin(block.text(), block.firstLine());
     while (fill()) {
         if (!contextM.passThrough)
-            batchM.search(contextM.method);
+            describesM ? batchM.describe(contextM.method) : batchM.search(contextM.method);
         for (std::size_t i = 0; i < countM; ++i)
             write(recordsM[i], &questionsM[i * contextM.plan.numberCount()]);
     }
@@ -145,39 +145,59 @@ bool Enricher::answer(std::size_t number, std::uint32_t question) {
     bool writable = true;
     for (std::size_t i = 0; i < added.size(); ++i) {
         valuesM[first + i] = {};
-        if (network != nullptr && added[i] == Added::NETWORK) {
-            valuesM[first + i] = network->field;
-            writable = network->writable && writable;
-        } else if (network != nullptr && isOfTable(added[i])) {
-            if (std::string const& text = network->detail(added[i]); !text.empty())
-                valuesM[first + i] = text; // else it stays a value that is not there
-        } else if (network != nullptr && added[i] == Added::VALID_FROM) {
-            writable = setInstant(first + i, record->validFromM) && writable;
-        } else if (network != nullptr && added[i] == Added::METHOD) {
-            writable = setValue(first + i, nameOfSearchMethod(contextM.methodInForce)) && writable;
-        }
+        if (asked)
+            writable = set(first + i, added[i], question, network) && writable;
     }
-    // Explained also where nothing is found: a record may be to come.
-    return (!asked || !explainsM || explain(question, first)) && writable;
+    return writable;
 }
 
-bool Enricher::explain(std::uint32_t question, std::size_t value) {
-    BAS::String const& number = batchM.number(question);
-    BAS::DateTime const at = batchM.instant(question);
-    // A second look-up, alone: that of a batch does not tell the prefix, nor what is to come.
-    auto const prefixes = contextM.plugIn.explain(number);
-    Explanation const explanation(prefixes, number);
-    bool writable = true;
-    for (Added const added : contextM.plan.added()) {
-        if (added == Added::PREFIX) {
-            if (auto const choice = explanation.choose(contextM.methodInForce, at); choice.record != nullptr)
-                writable = setValue(value, choice.prefix->key.view()) && writable;
-        } else if (added == Added::NEXT_CHANGE) {
-            if (auto const change = explanation.nextChange(contextM.methodInForce, at))
-                writable = setInstant(value, change->at) && writable;
-        }
-        ++value;
+// A value of a number that was asked; without a network, and where there is none, it stays one that is not there.
+bool Enricher::set(std::size_t value, Added added, std::uint32_t question, NetworkFields::Network const* network) {
+    // Also where nothing is found: a record may be to come.
+    if (added == Added::NEXT_CHANGE) {
+        BAS::DateTime const next = batchM.detail(question).nextChange;
+        return !next.isValid() || setInstant(value, next);
     }
+    if (network == nullptr)
+        return true;
+    switch (added) {
+    case Added::NETWORK:
+        valuesM[value] = network->field;
+        return network->writable;
+    case Added::VALID_FROM:
+        return setInstant(value, batchM.record(question)->validFromM);
+    case Added::PREFIX:
+        return setPrefix(value, question);
+    case Added::METHOD:
+        return setValue(value, nameOfSearchMethod(contextM.methodInForce));
+    case Added::PORTED:
+        return setPorted(value, question);
+    default: // of the table
+        if (std::string const& text = network->detail(added); !text.empty())
+            valuesM[value] = text;
+        return true;
+    }
+}
+
+// A number that is taken as it stands may hold more than digits.
+bool Enricher::setPrefix(std::size_t value, std::uint32_t question) {
+    digitsM.clear();
+    for (char const c : batchM.number(question).view()) {
+        if (digitsM.size() == batchM.detail(question).prefixDigits)
+            break;
+        if (isDigit(c))
+            digitsM += c;
+    }
+    return setValue(value, digitsM);
+}
+
+bool Enricher::setPorted(std::size_t value, std::uint32_t question) {
+    std::optional<bool> const ported = batchM.detail(question).ported();
+    if (!ported)
+        return true;
+    textsM[value].clear();
+    bool const writable = writerM->encodeTruth(textsM[value], *ported);
+    valuesM[value] = textsM[value];
     return writable;
 }
 

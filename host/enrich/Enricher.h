@@ -6,7 +6,7 @@
 // Ownership: borrows everything of its context.
 // Threads: an enricher a thread; they may share a context.
 // Errors: std::bad_alloc; what the plug-in reports goes to the log.
-// Complexity: a look-up a number; prefix and next change cost another one, alone, and allocate.
+// Complexity: a look-up a number; prefix, next change and whether it is ported make each a little longer.
 #pragma once
 
 #include "host/enrich/EnrichPlan.h"
@@ -81,7 +81,9 @@ class Enricher {
     std::uint32_t ask(std::uint64_t line, std::string_view number, BAS::DateTime at);
     void write(Record& record, std::uint32_t const* questions);
     bool answer(std::size_t number, std::uint32_t question);
-    bool explain(std::uint32_t question, std::size_t value);
+    bool set(std::size_t value, Added added, std::uint32_t question, NetworkFields::Network const* network);
+    bool setPrefix(std::size_t value, std::uint32_t question);
+    bool setPorted(std::size_t value, std::uint32_t question);
     bool setValue(std::size_t value, std::string_view text);
     bool setInstant(std::size_t value, BAS::DateTime at);
     void count(std::size_t number, std::uint32_t question);
@@ -92,7 +94,7 @@ class Enricher {
     EnrichContext contextM;
     std::unique_ptr<RecordReader> readerM;
     std::unique_ptr<RecordWriter> writerM;
-    bool const explainsM; // some of what is added needs the number's histories
+    bool const describesM; // some of what is added is not told by a search
     Compressor compressorM;
     LookUpBatch batchM;
     NetworkFields networksM;
@@ -106,6 +108,7 @@ class Enricher {
     // What is added to one record, and the texts that are not elsewhere.
     std::vector<std::string_view> valuesM;
     std::vector<std::string> textsM;
+    std::string digitsM;
     std::vector<NetworkFields::Network*> foundM; // of each number; null: not found
 };
 

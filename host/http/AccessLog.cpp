@@ -4,6 +4,7 @@
 #include "host/base/HostError.h"
 #include "host/base/JsonWriter.h"
 #include "host/base/Text.h"
+#include "host/base/Waiting.h"
 #include "host/log/LogReport.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <exception>
 #include <fcntl.h>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -40,10 +42,11 @@ AccessLog::~AccessLog() {
 
 FileDescriptor AccessLog::open() const {
     constexpr mode_t mode = 0640;
-    FileDescriptor made(::open(fileM.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, mode));
+    // A terminal, or a pipe to a program that reads, is as good as a file; nothing waits for either.
+    FileDescriptor made(::open(fileM.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode));
     if (!made)
-        throw HostError("the access log " + visible(fileM.native()) +
-                        " cannot be opened: " + std::system_category().message(errno));
+        throw HostError("the access log " + visible(fileM.native()) + " cannot be opened: " +
+                        (errno == ENXIO ? "nobody reads at its other end" : std::system_category().message(errno)));
     return made;
 }
 
@@ -83,6 +86,21 @@ void AccessLog::reopen() {
     freshM = std::move(fresh);
 }
 
+// What could not be written is lost: neither a full disk nor the reader of a pipe may hold anything up for long.
+std::string_view AccessLog::unwritten(int descriptor, std::string_view text) {
+    constexpr int mostWaits = 10; // of a tenth of a second
+    for (int waits = 0; !text.empty();) {
+        ssize_t const count = write(descriptor, text.data(), text.size());
+        if (count > 0)
+            text.remove_prefix(static_cast<std::size_t>(count));
+        else if (count < 0 && errno == EAGAIN && waits < mostWaits)
+            waits += becomesReady(descriptor, POLLOUT) ? 0 : 1;
+        else if (count == 0 || errno != EINTR)
+            break;
+    }
+    return text;
+}
+
 void AccessLog::run() {
     sigset_t all;
     sigfillset(&all);
@@ -109,15 +127,7 @@ void AccessLog::run() {
                 text.insert(0, 1, '\n');
             descriptor = descriptorM.get(); // only this thread exchanges it
         }
-        std::string_view rest = text;
-        while (!rest.empty()) {
-            ssize_t const count = write(descriptor, rest.data(), rest.size());
-            if (count < 0 && errno == EINTR)
-                continue;
-            if (count <= 0)
-                break; // lost: a full disk must not hold up anything
-            rest.remove_prefix(static_cast<std::size_t>(count));
-        }
+        std::string_view rest = unwritten(descriptor, text);
         if (rest.size() < text.size())
             broken = text[text.size() - rest.size() - 1] != '\n';
         if (rest.empty())

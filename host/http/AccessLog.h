@@ -4,8 +4,8 @@
 // the route stands for the path.
 // Ownership: owns its file, its thread and what is still to be written.
 // Threads: note, isOn and reopen by any. A thread of its own writes, so that no request waits for the disk.
-// Errors: construction throws HostError; what finds no room (1 MiB waits at the most) or cannot be written is lost, and
-// the next line that is written tells how many were.
+// Errors: construction throws HostError; what finds no room (1 MiB waits at the most) or cannot be written, to a pipe
+// within a second, is lost, and the next line that is written tells how many were.
 // Complexity: linear in the line.
 #pragma once
 
@@ -50,6 +50,7 @@ class AccessLog {
     static constexpr std::size_t mostWaitingCM = 1024UL * 1024;
 
     FileDescriptor open() const;
+    static std::string_view unwritten(int descriptor, std::string_view text);
     void run();
 
     std::filesystem::path const fileM;

@@ -22,6 +22,10 @@ void appendNumber(std::string& out, std::uint64_t number) {
     out += std::to_string(number);
 }
 
+std::string_view jsonOf(std::optional<bool> known) {
+    return !known ? "null" : *known ? "true" : "false";
+}
+
 } // namespace
 
 AnswerWriter::AnswerWriter(FrontParts const& parts)
@@ -91,6 +95,10 @@ class AnswerWriter::Line {
   public:
     static constexpr std::size_t mostCM = 4096;
 
+    Line() = default;
+    Line(Line const&) = delete;
+    Line& operator=(Line const&) = delete;
+
     std::string_view view() const { return {textM, static_cast<std::size_t>(endM - textM)}; }
     Line& operator<<(std::string_view text) {
         std::memcpy(endM, text.data(), text.size());
@@ -101,6 +109,7 @@ class AnswerWriter::Line {
         *endM++ = c;
         return *this;
     }
+    void clear() { endM = textM; }
     char* grow(std::size_t count) { return std::exchange(endM, endM + count); }
 
   private:
@@ -128,20 +137,48 @@ void AnswerWriter::addAsked(Line& line, BAS::DateTime at) {
     line << askedTextM;
 }
 
+// What is put in whole; a longer text of networks and identifiers goes past the line.
+void AnswerWriter::addLong(std::string& out, Line& line, std::string_view text) {
+    constexpr std::size_t longCM = 300;
+    if (text.size() <= longCM) {
+        line << text;
+        return;
+    }
+    out.append(line.view()).append(text);
+    line.clear();
+}
+
+std::string const& AnswerWriter::rangeNetwork(BAS::SimpleString const& id) {
+    if (rangeM.empty() || !(rangeOfM == id)) {
+        rangeM.clear();
+        appendJsonText(rangeM, id.view());
+        rangeOfM = id;
+    }
+    return rangeM;
+}
+
+void AnswerWriter::addFound(std::string& out, Line& line, NumberAnswer const& answer) {
+    auto const& detail = answer.detail;
+    if (detail.found()) {
+        line << ",\"found\":true,\"network\":";
+        addLong(out, line, network(detail.record.networkIdM));
+    } else {
+        line << ",\"found\":false,\"network\":null";
+    }
+    line << ",\"validFrom\":";
+    addInstant(line, detail.found() ? detail.record.validFromM : BAS::DateTime());
+    line << ",\"validUntil\":";
+    addInstant(line, detail.nextChange);
+    line << ",\"ported\":" << jsonOf(answer.ported());
+    if (detail.found())
+        line << ",\"prefix\":\"" << answer.stored.view().substr(0, detail.prefixDigits) << '"';
+    else
+        line << ",\"prefix\":null";
+}
+
 void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::string_view id) {
     auto const& detail = answer.detail;
     std::string_view const stored = answer.stored.view();
-    static std::string const none = "null";
-    std::string const& chosen = detail.found() ? network(detail.record.networkIdM) : none;
-    if (detail.hasRange() && (rangeM.empty() || !(rangeOfM == detail.range.networkIdM))) {
-        rangeM.clear();
-        appendJsonText(rangeM, detail.range.networkIdM.view());
-        rangeOfM = detail.range.networkIdM;
-    }
-    // Longer texts of networks and identifiers are put in by themselves.
-    constexpr std::size_t longCM = 300;
-    bool const isLong = chosen.size() > longCM || rangeM.size() > longCM || id.size() > longCM;
-
     Line line;
     line << "{\"number\":\"";
     std::size_t const code = accessCodeOf(stored);
@@ -149,44 +186,17 @@ void AnswerWriter::json(std::string& out, NumberAnswer const& answer, std::strin
         line << '+';
     line << stored.substr(code) << "\",\"stored\":\"" << stored << "\",\"at\":";
     addAsked(line, answer.at);
-    line << (detail.found() ? ",\"found\":true,\"network\":" : ",\"found\":false,\"network\":");
-    if (isLong) {
-        out.append(line.view()).append(chosen);
-        line = Line();
-    } else {
-        line << chosen;
-    }
-    line << ",\"validFrom\":";
-    addInstant(line, detail.found() ? detail.record.validFromM : BAS::DateTime());
-    line << ",\"validUntil\":";
-    addInstant(line, detail.nextChange);
-    std::optional<bool> const ported = answer.ported();
-    line << (!ported ? ",\"ported\":null" : (*ported ? ",\"ported\":true" : ",\"ported\":false"));
-    if (detail.found())
-        line << ",\"prefix\":\"" << stored.substr(0, detail.prefixDigits) << '"';
-    else
-        line << ",\"prefix\":null";
-    if (detail.hasRange())
-        line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
-    else
-        line << ",\"range\":null";
+    addFound(out, line, answer);
     if (detail.hasRange()) {
-        if (isLong) {
-            out.append(line.view()).append(rangeM);
-            line = Line();
-        } else {
-            line << rangeM;
-        }
+        line << ",\"range\":{\"prefix\":\"" << stored.substr(0, detail.rangeDigits) << "\",\"network\":";
+        addLong(out, line, rangeNetwork(detail.range.networkIdM));
         line << '}';
+    } else {
+        line << ",\"range\":null";
     }
     if (!id.empty()) {
         line << ",\"id\":";
-        if (isLong) {
-            out.append(line.view()).append(id);
-            line = Line();
-        } else {
-            line << id;
-        }
+        addLong(out, line, id);
     }
     line << ',' << data(detail.epoch) << "}\n";
     out.append(line.view());
@@ -218,7 +228,7 @@ void AnswerWriter::csv(std::string& out, NumberAnswer const& answer) {
     if (detail.nextChange.isValid())
         partsM.clock.appendIso(out, detail.nextChange);
     std::optional<bool> const ported = answer.ported();
-    out.append(",").append(!ported ? "" : (*ported ? "true" : "false")).append("\r\n");
+    out.append(",").append(ported ? jsonOf(ported) : "").append("\r\n");
 }
 
 void AnswerWriter::head(std::string& out, Explained const& explained) const {
@@ -265,7 +275,7 @@ void AnswerWriter::choice(std::string& out, Explained const& explained, unsigned
     } else {
         out += "null,\"network\":null,\"validFrom\":null";
     }
-    out += ",\"reason\":";
+    out.append(",\"ported\":").append(jsonOf(explained.ported(method))).append(",\"reason\":");
     appendJsonText(out, explained.reason(method));
     out += '}';
 }
@@ -278,7 +288,15 @@ void AnswerWriter::explanation(std::string& out, Explained const& explained) {
         out += method > 0 ? "," : "";
         choice(out, explained, method);
     }
-    out.append("},\"configured\":\"").append(nameOfSearchMethod(explained.configured())).append("\",\"nextChange\":");
+    out.append("},\"configured\":\"").append(nameOfSearchMethod(explained.configured())).append("\",\"range\":");
+    if (Explanation::Choice const range = explained.range(); range.record != nullptr) {
+        out.append("{\"prefix\":\"").append(range.prefix->key.view()).append("\",\"network\":");
+        appendJsonText(out, range.record->networkIdM.view());
+        out += '}';
+    } else {
+        out += "null";
+    }
+    out += ",\"nextChange\":";
     if (auto const change = explained.nextChange()) {
         out += "{\"at\":";
         instant(out, change->at);

@@ -85,6 +85,9 @@ class AnswerWriter {
     std::size_t accessCodeOf(std::string_view stored) const; // its length, where the number begins with it; else 0
     void addInstant(Line& line, BAS::DateTime at) const;
     void addAsked(Line& line, BAS::DateTime at);
+    static void addLong(std::string& out, Line& line, std::string_view text);
+    void addFound(std::string& out, Line& line, NumberAnswer const& answer);
+    std::string const& rangeNetwork(BAS::SimpleString const& id); // as JSON
     void head(std::string& out, Explained const& explained) const;
     void prefixes(std::string& out, Explained const& explained);
     void choice(std::string& out, Explained const& explained, unsigned int method);

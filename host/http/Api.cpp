@@ -221,7 +221,7 @@ class Api::Impl {
 
     Step route(Request const& request) {
         routeM = "-";
-        if (!targetM.parse(request.target))
+        if (!targetM.parse(pathOf(request.target, request.host)))
             throw RequestError(400, "the target is no path with a query of at most 8 values, or an escape is broken");
         std::string_view const path = targetM.path();
         if (request.method == "OPTIONS")
@@ -312,7 +312,7 @@ class Api::Impl {
             // The range is no part of what the next change is of.
             response.entityTag = tag(found.detail.nextChange, found.detail.prefixDigits,
                                      found.detail.hasRange() ? found.detail.range.validFromM : BAS::DateTime());
-            response.cacheControl = freshness(found.detail.nextChange);
+            response.cacheControl = freshness(std::min(found.detail.nextChange, found.detail.rangeChange));
             if (asText) {
                 response.type = "text/plain; charset=utf-8";
                 answersM.text(response.body, found);
@@ -451,7 +451,8 @@ class Api::Impl {
                 out.append(&entry == found.entries.data() ? "" : ",").append("{\"prefix\":\"").append(entry.prefix);
                 out += "\",\"validFrom\":";
                 answers.instant(out, entry.validFrom);
-                out.append(",\"network\":").append(answers.network(entry.network)).append("}");
+                out.append(",\"network\":").append(answers.network(entry.network)).append(",\"from\":");
+                out.append(entry.before ? answers.network(*entry.before) : "null").append("}");
             }
             out += "],\"next\":";
             if (found.next.empty())
@@ -627,9 +628,7 @@ class Api::Impl {
             Standing const standing = parts.service.standing();
             if (fault.empty()) {
                 UpcomingEntries found = upcoming(parts.plugIn, asked);
-                for (UpcomingEntry& entry : found.entries)
-                    part.records.push_back(
-                        {std::move(entry.prefix), entry.validFrom, std::move(entry.network), std::nullopt});
+                part.records = std::move(found.entries);
                 part.next = std::move(found.next);
             }
             Response response = html(upcomingPage(pageSetting(parts, accessCode, standing), part, fault));

@@ -719,7 +719,7 @@ void Page::upcoming(UpcomingPart const& part) {
 void Page::upcomingRows(UpcomingPart const& part) {
     htmlM.raw("<table class=\"records\"><thead><tr><th scope=\"col\">When</th><th scope=\"col\">Number or block</th>"
               "<th scope=\"col\">To</th></tr></thead><tbody>");
-    for (UpcomingRecord const& record : part.records) {
+    for (UpcomingEntry const& record : part.records) {
         htmlM.raw("<tr><td>");
         time(record.validFrom);
         htmlM.raw("<br><span class=\"small\">").raw(distanceText(record.validFrom, settingM.now));
@@ -727,15 +727,12 @@ void Page::upcomingRows(UpcomingPart const& part) {
         link(record.prefix, record.validFrom);
         htmlM.raw("\">").text(record.prefix).raw("</a></td><td>");
         network(record.network);
-        if (record.before) {
-            htmlM.raw("<br><span class=\"small\">from ");
-            if (record.before->empty())
-                htmlM.raw("nobody");
-            else
-                network(*record.before);
-            htmlM.raw("</span>");
-        }
-        htmlM.raw("</td></tr>");
+        htmlM.raw("<br><span class=\"small\">from ");
+        if (record.before)
+            network(*record.before);
+        else
+            htmlM.raw("nobody");
+        htmlM.raw("</span></td></tr>");
     }
     htmlM.raw("</tbody></table>");
 }

@@ -12,10 +12,10 @@
 // Complexity: linear in what is shown; of a long history that is only a part (Timeline.h).
 #pragma once
 
+#include "host/http/Upcoming.h"
 #include "host/service/Service.h"
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,17 +57,11 @@ std::string pageInstant(std::string_view text);
 std::string lookUpPage(PageSetting const& setting, PageQuestion const& question, Explained const* explained,
                        std::string_view fault = {});
 
-struct UpcomingRecord {
-    std::string prefix;
-    BAS::DateTime validFrom;
-    std::string network;
-    std::optional<std::string> before; // whose it was until then; empty: nobody's; none: not asked
-};
 struct UpcomingPart {
     BAS::DateTime from; // as they were asked, to be shown again; invalid: they were not
     BAS::DateTime until;
-    std::vector<UpcomingRecord> records; // by instant
-    std::string next;                    // what `after` asks for the next part with; empty: this is the last
+    std::vector<UpcomingEntry> records; // by instant
+    std::string next;                   // what `after` asks for the next part with; empty: this is the last
 };
 std::string upcomingPage(PageSetting const& setting, UpcomingPart const& part, std::string_view fault = {});
 

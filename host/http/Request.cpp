@@ -1,22 +1,11 @@
 #include "host/http/Request.h"
 
 #include "host/base/JsonWriter.h"
+#include "host/base/Text.h"
 
 #include <algorithm>
 
 namespace nphost {
-
-namespace {
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-} // namespace
 
 char const* reasonOf(unsigned int status) {
     switch (status) {
@@ -82,6 +71,27 @@ Response problem(unsigned int status, std::string_view detail) {
         .endObject();
     response.body += '\n';
     return response;
+}
+
+std::string_view pathOf(std::string_view target, std::string_view host) {
+    auto const begins = [](std::string_view text, std::string_view with) {
+        return text.size() >= with.size() && std::equal(with.begin(), with.end(), text.begin(), [](char a, char b) {
+                   auto const lower = [](char c) {
+                       return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+                   };
+                   return lower(a) == lower(b);
+               });
+    };
+    for (std::string_view const scheme : {"http://", "https://"}) {
+        if (host.empty() || !begins(target, scheme) || !begins(target.substr(scheme.size()), host))
+            continue;
+        std::string_view const path = target.substr(scheme.size() + host.size());
+        if (path.empty())
+            return "/";
+        if (path.front() == '/')
+            return path;
+    }
+    return target;
 }
 
 bool Target::decode(std::string_view text, bool plusIsBlank, std::string& out) {

@@ -16,6 +16,7 @@ namespace nphost {
 struct Request {
     std::string_view method;
     std::string_view target; // as it stands in the request line: path, '?' and query
+    std::string_view host;   // empty: none
     std::string_view authorization;
     std::string_view contentType;
     std::string_view accept;
@@ -40,6 +41,10 @@ char const* reasonOf(unsigned int status);
 
 // application/problem+json (RFC 9457); `detail` says what is wrong, for people.
 Response problem(unsigned int status, std::string_view detail);
+
+// The path and query of a target that may be a whole address, "http://HOST/...", of this Host (RFC 9112, section 3.2.2).
+// What is for another Host stays as it is, and so is no path.
+std::string_view pathOf(std::string_view target, std::string_view host);
 
 // A request's path, cut at its slashes and decoded, and the values of its query.
 class Target {

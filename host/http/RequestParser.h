@@ -5,7 +5,8 @@
 // - Transfer-Encoding other than exactly "chunked", in HTTP/1.0, twice, or beside Content-Length;
 // - Content-Length that is no plain number, or comes twice;
 // - tabs around the value of either; obsolete line folding, which Beast would undo;
-// - HTTP/1.1 without Host, or Host twice;
+// - HTTP/1.1 without Host, Host twice, or one that is no name;
+// - a chunk that is malformed at its beginning, before the rest of its head has come;
 // - trailers of more than 1 KiB in all; a header of more than 8 KiB.
 // Use: put() with what has come in, again and again with what it left; when the header is whole (hasHeader), its texts
 // can be asked for, and the body's limit must be set before the next put. Requests do not depend on how their bytes were
@@ -16,6 +17,8 @@
 // Complexity: linear.
 // Source: RFC 9112, with the limits of docs/operations.md.
 #pragma once
+
+#include "host/base/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -62,9 +65,16 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     std::size_t put(std::string_view text, BodyVisitor& visitor, Refusal& refusal) {
         visitorM = &visitor;
         bool const isHeader = !hasHeader();
-        // What follows is no less in any case, and Beast counts on it where the last chunk comes in pieces.
-        if (!isHeader && chunked() && chunkLeftM == 0 && text.size() < leastChunkBytesCM)
-            return 0;
+        if (!isHeader && chunked() && chunkLeftM == 0) {
+            // Beast looks at a chunk's head when all of it is there, which may never be.
+            if (!mayBeginChunk(text)) {
+                refusal = refusalOf(boost::beast::http::error::bad_chunk);
+                return 0;
+            }
+            // What follows is no less in any case, and Beast counts on it where the last chunk comes in pieces.
+            if (text.size() < leastChunkBytesCM)
+                return 0;
+        }
         std::size_t const room = mostHeaderBytesCM - headerBytesM;
         textM = isHeader ? text.substr(0, room) : text;
         Error error;
@@ -93,6 +103,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
 
     std::string_view method() const { return methodM; }
     std::string_view target() const { return targetM; }
+    std::string_view host() const { return at(HOST); }
     std::string_view authorization() const { return at(AUTHORIZATION); }
     std::string_view contentType() const { return at(CONTENT_TYPE); }
     std::string_view accept() const { return at(ACCEPT); }
@@ -101,7 +112,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     std::string_view preflight() const { return at(PREFLIGHT); }
 
   private:
-    enum Kept { AUTHORIZATION, CONTENT_TYPE, ACCEPT, IF_NONE_MATCH, ORIGIN, PREFLIGHT, keptCM };
+    enum Kept { HOST, AUTHORIZATION, CONTENT_TYPE, ACCEPT, IF_NONE_MATCH, ORIGIN, PREFLIGHT, keptCM };
 
     static Refusal refusalOf(Error const& wrong) {
         using boost::beast::http::error;
@@ -118,6 +129,16 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
         if (wrong == error::bad_chunk || wrong == error::bad_chunk_extension)
             return {400, "a chunk of the body is malformed"};
         return {400, "the request is malformed"};
+    }
+
+    // Whether what has come can go on as a chunk does: behind another one's data CRLF, and then a digit of its size.
+    bool mayBeginChunk(std::string_view text) const {
+        std::string_view const before = chunkBegunM ? "\r\n" : "";
+        std::size_t const common = std::min(text.size(), before.size());
+        if (text.substr(0, common) != before.substr(0, common))
+            return false;
+        text.remove_prefix(common);
+        return text.empty() || hexDigit(text.front()) >= 0;
     }
 
     std::string_view at(Kept field) const { return {textsM.data() + keptM[field].begin, keptM[field].length}; }
@@ -163,39 +184,56 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
         return *last == '\t';
     }
 
+    // Counted, and passed over.
+    void passTrailer(View name, View value, Error& error) {
+        trailerBytesM += name.size() + value.size() + 4;
+        if (trailerBytesM > mostTrailerBytesCM)
+            refuse(431, "the trailers are longer than 1 KiB", error);
+    }
+
+    // RFC 3986, section 3.2.2 and 3.2.3: a host and a port.
+    void takeHost(View value, Error& error) {
+        if (keptM[HOST].present)
+            return refuse(400, "Host comes twice", error);
+        constexpr std::string_view others = "-._~!$&'()*+,;=%:[]";
+        bool const isName = std::all_of(value.begin(), value.end(), [others](char c) {
+            return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                   others.find(c) != std::string_view::npos;
+        });
+        isName ? keep(HOST, value, error) : refuse(400, "Host is no name with a port", error);
+    }
+
+    void takeEncoding(View value, Error& error) {
+        if (!boost::beast::iequals(value, "chunked"))
+            return refuse(501, "the Transfer-Encoding is not chunked", error);
+        if (hasEncodingM)
+            return refuse(400, "Transfer-Encoding comes twice", error);
+        hasEncodingM = true;
+    }
+
+    void takeLength(View value, Error& error) {
+        if (hasLengthM || value.empty() || value.size() > 18 || !std::all_of(value.begin(), value.end(), isDigit))
+            return refuse(400, "Content-Length is no number, or comes twice", error);
+        hasLengthM = true;
+        for (char const digit : value)
+            contentLengthM = contentLengthM * 10 + static_cast<std::uint64_t>(digit - '0');
+    }
+
     void on_field_impl(Field name, View nameText, View value, Error& error) override {
         error = {};
         if (isFolded(nameText, value))
             return refuse(400, "a field goes on in the next line", error);
         if ((name == Field::transfer_encoding || name == Field::content_length) && hasTabs(nameText, value))
             return refuse(400, "there is a tab beside what says how long the body is", error);
-        if (headerM) { // a trailer: counted, and passed over
-            trailerBytesM += nameText.size() + value.size() + 4;
-            if (trailerBytesM > mostTrailerBytesCM)
-                refuse(431, "the trailers are longer than 1 KiB", error);
-            return;
-        }
+        if (headerM)
+            return passTrailer(nameText, value, error);
         switch (name) {
         case Field::host:
-            if (hasHostM)
-                return refuse(400, "Host comes twice", error);
-            hasHostM = true;
-            break;
+            return takeHost(value, error);
         case Field::transfer_encoding:
-            if (!boost::beast::iequals(value, "chunked"))
-                return refuse(501, "the Transfer-Encoding is not chunked", error);
-            if (hasEncodingM)
-                return refuse(400, "Transfer-Encoding comes twice", error);
-            hasEncodingM = true;
-            break;
+            return takeEncoding(value, error);
         case Field::content_length:
-            if (hasLengthM || value.empty() || value.size() > 18 ||
-                !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; }))
-                return refuse(400, "Content-Length is no number, or comes twice", error);
-            hasLengthM = true;
-            for (char const digit : value)
-                contentLengthM = contentLengthM * 10 + static_cast<std::uint64_t>(digit - '0');
-            break;
+            return takeLength(value, error);
         case Field::expect:
             if (!boost::beast::iequals(value, "100-continue"))
                 return refuse(417, "the only thing that may be expected is 100-continue", error);
@@ -221,7 +259,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     void on_header_impl(Error& error) override {
         error = {};
         headerM = true;
-        if (versionM == 11 && !hasHostM)
+        if (versionM == 11 && !keptM[HOST].present)
             return refuse(400, "Host is missing", error);
         if (versionM == 10 && hasEncodingM)
             return refuse(400, "Transfer-Encoding is none of HTTP/1.0's", error);
@@ -241,6 +279,7 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     void on_chunk_header_impl(std::uint64_t size, View /*extensions*/, Error& error) override {
         error = {};
         chunkLeftM = size;
+        chunkBegunM = true;
     }
 
     std::size_t on_chunk_body_impl(std::uint64_t /*remain*/, View body, Error& error) override {
@@ -267,9 +306,9 @@ class RequestParser : private boost::beast::http::basic_parser<true> {
     std::uint64_t chunkLeftM = 0; // of the data of the chunk that has begun
     std::uint64_t contentLengthM = 0;
     std::size_t trailerBytesM = 0;
+    bool chunkBegunM = false; // the first one has
     int versionM = 11;
     bool headerM = false;
-    bool hasHostM = false;
     bool hasEncodingM = false;
     bool hasLengthM = false;
     bool continueM = false;

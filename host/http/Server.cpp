@@ -5,6 +5,7 @@
 // it reads no further while an answer waits for its reader. Deadlines are looked at twice a second (Worker::tick), so
 // that a request costs no timer.
 #include "host/base/HostError.h"
+#include "host/base/RegularFile.h"
 #include "host/base/Text.h"
 #include "host/config/Configuration.h"
 #include "host/http/AccessLog.h"
@@ -16,7 +17,7 @@
 #include "host/net/InternetSocket.h"
 #include "host/net/UnixSocket.h"
 #include "host/service/ConnectionLimits.h"
-#include "host/service/Front.h"
+#include "host/service/FrontTable.h"
 #include "host/service/Metrics.h"
 
 #include <algorithm>
@@ -524,6 +525,7 @@ class SocketConnection : public Connection,
         Request request;
         request.method = parserM->method();
         request.target = parserM->target();
+        request.host = parserM->host();
         request.authorization = parserM->authorization();
         request.contentType = parserM->contentType();
         request.accept = parserM->accept();
@@ -1165,6 +1167,13 @@ int chooseProtocol(SSL* /*connection*/, unsigned char const** out, unsigned char
     throw HostError("[http] " + visible(file.native()) + ": " + error.message());
 }
 
+// Asked for the pass phrase of an encrypted key: by itself OpenSSL would read it from the terminal.
+int refusePassPhrase(char* /*out*/, int /*size*/, int /*isWriting*/, void* isEncrypted) {
+    if (isEncrypted != nullptr)
+        *static_cast<bool*>(isEncrypted) = true;
+    return -1;
+}
+
 std::shared_ptr<Tls> makeTls(HttpSettings const& settings) {
     if (!settings.hasTls())
         return nullptr;
@@ -1172,10 +1181,22 @@ std::shared_ptr<Tls> makeTls(HttpSettings const& settings) {
     tls->set_options(Tls::default_workarounds | Tls::no_sslv2 | Tls::no_sslv3 | Tls::no_tlsv1 | Tls::no_tlsv1_1);
     SSL_CTX_set_options(tls->native_handle(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_mode(tls->native_handle(), SSL_MODE_RELEASE_BUFFERS);
+    // OpenSSL would wait at a pipe.
+    for (std::filesystem::path const& file : {settings.certificate, settings.key, settings.clientAuthorities})
+        if (!file.empty())
+            openRegularFile(file);
     error_code error;
     if (tls->use_certificate_chain_file(settings.certificate.native(), error); error)
         failTls(settings.certificate, error);
-    if (tls->use_private_key_file(settings.key.native(), Tls::pem, error); error)
+    bool isEncrypted = false;
+    SSL_CTX_set_default_passwd_cb_userdata(tls->native_handle(), &isEncrypted);
+    SSL_CTX_set_default_passwd_cb(tls->native_handle(), refusePassPhrase);
+    tls->use_private_key_file(settings.key.native(), Tls::pem, error);
+    SSL_CTX_set_default_passwd_cb_userdata(tls->native_handle(), nullptr);
+    if (isEncrypted)
+        throw HostError("[http] the key " + visible(settings.key.native()) +
+                        " has a pass phrase, which nobody can give");
+    if (error)
         failTls(settings.key, error);
     if (SSL_CTX_check_private_key(tls->native_handle()) != 1)
         throw HostError("[http] the key " + visible(settings.key.native()) + " is not the certificate's");
@@ -1361,7 +1382,8 @@ Front* makeFront(FrontParts const& parts, std::string& reason) {
     return nullptr;
 }
 
-constexpr FrontTable tableCM = {NP_VERSION, makeFront, [](Front* front) { delete front; }};
+constexpr FrontTable tableCM = {
+    .version = NP_VERSION, .make = makeFront, .destroy = [](Front* front) { delete front; }};
 
 } // namespace
 

@@ -22,18 +22,12 @@ std::string noScope(std::string_view name) {
     return "there is no scope '" + shortened(name) + "'; the scopes are lookup, metrics and admin";
 }
 
-int digestDigit(char c) {
-    if (isDigit(c))
-        return c - '0';
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : (c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1);
-}
-
 bool readDigest(std::string_view text, Sha256& out) {
     if (text.size() != out.size() * 2)
         return false;
     for (std::size_t i = 0; i < out.size(); ++i) {
-        int const high = digestDigit(text[2 * i]);
-        int const low = digestDigit(text[2 * i + 1]);
+        int const high = hexDigit(text[2 * i]);
+        int const low = hexDigit(text[2 * i + 1]);
         if (high < 0 || low < 0)
             return false;
         out[i] = static_cast<unsigned char>(high * 16 + low);

@@ -1,13 +1,15 @@
 // nphost::Upcoming: what the HTTP front tells of assignments that are still to come.
 //
-// Purpose: a part of them at a time, by instant and then by prefix, however many there are.
-// Ownership: borrows the plug-in. Threads: any. Errors: std::bad_alloc.
+// Purpose: a part of them at a time, by instant and then by prefix, however many there are, each with the network that
+// its number leaves.
+// Ownership: borrows the plug-in. Threads: any. Errors: HostError when not all could be looked at; std::bad_alloc.
 // Complexity: every stored record is looked at (seconds for ten million), and never more than a part is held: so it is
 // work for a thread that nobody waits for.
 #pragma once
 
 #include "framework/BAS/DateTime.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,12 +29,14 @@ struct UpcomingEntry {
     BAS::DateTime validFrom;
     std::string prefix;
     std::string network;
+    // What a look-up answers for the second before; none: nobody's. Asked when the records are known, so after a load in
+    // between it is that of the newer data.
+    std::optional<std::string> before;
     auto operator<=>(UpcomingEntry const& other) const {
         if (auto const order = validFrom <=> other.validFrom; order != 0)
             return order;
         return prefix <=> other.prefix;
     }
-    bool operator==(UpcomingEntry const&) const = default;
 };
 
 struct UpcomingEntries {

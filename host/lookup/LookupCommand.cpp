@@ -28,7 +28,9 @@ namespace {
 
 constexpr char const* lookupHelpCM =
     R"(Prints one line a number: number, instant, valid-from and network, separated by
-tabs; '-' for the last two when no record holds.
+tabs; '-' for the last two when no record holds. With --ported a fifth column says whether
+the network is another than that of the number's range, the longest shorter prefix with a
+record for the instant: true or false; '-' where that cannot be told.
 
 Numbers are taken in stored form: international access code, country code and
 national number, as 00447700900123. With --normalise they may be written as people
@@ -57,7 +59,7 @@ struct LookupOptions {
     std::vector<std::string> numbers; // or one "-": standard input
     std::optional<std::string> at;    // none: now
     std::optional<unsigned int> method;
-    bool normalise = false;
+    QuestionBatch::Style style;
 };
 
 // One line more, if numbers that were not found are not in stored form: they may be a person's.
@@ -77,9 +79,9 @@ void hintAtNormalise(QuestionBatch const& batch) {
 class StreamLookup {
   public:
     StreamLookup(Host& host, LookupOptions const& options, DataClock const& clock, BAS::DateTime at)
-        : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, host.numbers(), options.normalise),
+        : outM(STDOUT_FILENO), batchM(host.plugIn(), outM, host.numbers(), options.style),
           inM(STDIN_FILENO, [this] { answerAll(); }), clockM(clock), atM(at), methodM(options.method),
-          normaliseM(options.normalise) {}
+          normaliseM(options.style.normalise) {}
 
     bool run() {
         {
@@ -135,7 +137,7 @@ class StreamLookup {
         outM.append(question.number);
         outM.append('\t');
         outM.append(question.instant);
-        outM.append(nothingFoundCM);
+        outM.append(batchM.nothingFound());
         if (++badLinesM <= shownBadLinesCM)
             complain("standard input:" + std::to_string(linesM.load(std::memory_order_relaxed) + 1) + ": " + reason +
                      ": '" + shortened(what) + "'");
@@ -180,7 +182,7 @@ void checkNumbers(std::vector<std::string> const& numbers, NumberForm const* for
 
 bool lookupArguments(Host& host, LookupOptions const& options, BAS::DateTime at) {
     Output out(STDOUT_FILENO);
-    QuestionBatch batch(host.plugIn(), out, host.numbers(), options.normalise);
+    QuestionBatch batch(host.plugIn(), out, host.numbers(), options.style);
     for (std::string const& number : options.numbers)
         batch.add(number, at, options.method);
     batch.answer();
@@ -196,10 +198,10 @@ int lookup(LookupOptions const& options) {
     BAS::DateTime const at = instantOf(options.at, clock, clock.now());
     bool const fromInput = options.numbers.size() == 1 && options.numbers.front() == "-";
     // A wrong number is told before the data are loaded; without dialling codes that needs no module, either.
-    if (!fromInput && !options.normalise)
+    if (!fromInput && !options.style.normalise)
         checkNumbers(options.numbers, nullptr);
     Host host(std::move(configuration), options.common);
-    if (!fromInput && options.normalise)
+    if (!fromInput && options.style.normalise)
         checkNumbers(options.numbers, &host.numbers());
     host.start();
     bool const allFound = fromInput ? StreamLookup(host, options, clock, at).run() : lookupArguments(host, options, at);
@@ -214,7 +216,8 @@ void declareLookup(Arguments& arguments, CommonOptions& common) {
     arguments.refuseLists("is not a number");
     addInstant(arguments, "--at", options->at);
     addMethod(arguments, options->method);
-    arguments.flag("--normalise", options->normalise, "Take numbers as people write them");
+    arguments.flag("--normalise", options->style.normalise, "Take numbers as people write them");
+    arguments.flag("--ported", options->style.ported, "Say in a last column whether the numbers are ported");
     arguments.footer(std::string(lookupHelpCM) + exitStatusHelpCM);
     arguments.runs([options, &common] {
         options->common = common;

@@ -6,8 +6,8 @@
 
 namespace nphost {
 
-QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, bool normalise)
-    : outM(out), formM(form), normaliseM(normalise), batchM(plugIn, sizeCM) {}
+QuestionBatch::QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, Style style)
+    : outM(out), formM(form), styleM(style), batchM(plugIn, sizeCM) {}
 
 NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::optional<unsigned int> method) {
     // A very long number stands alone, so that the first place's storage is the only one that grows to hold such.
@@ -16,7 +16,7 @@ NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::op
     if (method != methodM || isLong)
         answer();
     methodM = method;
-    NumberKind const kind = readNumber(number, normaliseM ? &formM : nullptr, batchM.nextNumber());
+    NumberKind const kind = readNumber(number, styleM.normalise ? &formM : nullptr, batchM.nextNumber());
     if (kind != NumberKind::NUMBER)
         return kind;
     batchM.add(at);
@@ -27,7 +27,7 @@ NumberKind QuestionBatch::add(std::string_view number, BAS::DateTime at, std::op
 
 // Also without questions, which costs nothing: callers need not ask whether there are any.
 void QuestionBatch::answer() {
-    batchM.search(methodM);
+    styleM.ported ? batchM.describe(methodM) : batchM.search(methodM);
     for (std::size_t i = 0; i < batchM.size(); ++i)
         write(i);
     batchM.clear();
@@ -47,12 +47,16 @@ void QuestionBatch::write(std::size_t i) {
     LookUpBatch::Record const* const record = batchM.record(i);
     if (record == nullptr) {
         countNotFound(batchM.number(i).view());
-        return outM.append(nothingFoundCM);
+        return outM.append(nothingFound());
     }
     outM.append('\t');
     outM.append(InstantDigits(record->validFromM).view());
     outM.append('\t');
     outM.append(record->networkIdM.view());
+    if (styleM.ported) {
+        std::optional<bool> const ported = batchM.detail(i).ported();
+        outM.append(!ported ? "\t-" : (*ported ? "\ttrue" : "\tfalse"));
+    }
     outM.append('\n');
 }
 

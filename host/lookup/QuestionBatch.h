@@ -2,7 +2,7 @@
 //
 // Purpose: a look-up waits for memory most of its time; the plug-in lets the waits of many look-ups overlap when it is
 // asked for all at once. The answers come in the order of the questions, each as its line: number, instant, valid-from
-// and network, separated by tabs; "-" for the last two when no record holds.
+// and network, and if wanted whether the number is ported, separated by tabs; "-" for what is not there, or not known.
 // Units and ranges: up to sizeCM questions of one search method at a time. A question that does not fit is answered
 // with the next batch: add answers what came before it.
 // Ownership: borrows the plug-in and the output; questions are copied. Destruction drops what was not answered.
@@ -23,15 +23,17 @@
 
 namespace nphost {
 
-// The end of an answer when no record holds.
-constexpr std::string_view nothingFoundCM = "\t-\t-\n";
-
 class QuestionBatch {
   public:
     static constexpr std::size_t sizeCM = 256; // what the plug-in looks up without letting go of its data
 
-    // With `normalise`, numbers are brought to stored form first. The form is borrowed.
-    QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, bool normalise);
+    struct Style {
+        bool normalise = false; // numbers are brought to stored form first
+        bool ported = false;    // the last column, which costs a little more
+    };
+
+    // The form is borrowed.
+    QuestionBatch(LoadedPlugIn& plugIn, Output& out, NumberForm const& form, Style style);
     QuestionBatch(QuestionBatch const&) = delete;
     QuestionBatch& operator=(QuestionBatch const&) = delete;
 
@@ -40,6 +42,9 @@ class QuestionBatch {
 
     // Appends the answers to all questions since the last call to the output.
     void answer();
+
+    // The end of an answer when no record holds.
+    std::string_view nothingFound() const { return styleM.ported ? "\t-\t-\t-\n" : "\t-\t-\n"; }
 
     // Whether a record was found for every question answered so far.
     bool allFound() const { return allFoundM; }
@@ -56,7 +61,7 @@ class QuestionBatch {
 
     Output& outM;
     NumberForm const& formM;
-    bool normaliseM;
+    Style const styleM;
     std::optional<unsigned int> methodM; // of all questions of the batch
     LookUpBatch batchM;
     bool allFoundM = true;

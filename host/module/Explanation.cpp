@@ -95,4 +95,20 @@ std::optional<Explanation::Change> Explanation::nextChange(unsigned int method, 
     return std::nullopt;
 }
 
+Explanation::Choice Explanation::range(BAS::DateTime at) const {
+    for (StoredPrefix const& prefix : prefixesM)
+        if (prefix.key.length() < digitsM.size())
+            if (Record const* const record = recordAt(prefix, at))
+                return {&prefix, record};
+    return {};
+}
+
+std::optional<bool> Explanation::ported(unsigned int method, BAS::DateTime at) const {
+    Choice const chosen = choose(method, at);
+    Choice const block = range(at);
+    if (chosen.record == nullptr || block.record == nullptr || chosen.prefix->key.length() < block.prefix->key.length())
+        return std::nullopt;
+    return !(chosen.record->networkIdM == block.record->networkIdM);
+}
+
 } // namespace nphost

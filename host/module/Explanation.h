@@ -1,7 +1,8 @@
 // nphost::Explanation: why a number belongs to a network, and when that will change.
 //
 // Purpose: from the stored prefixes of a number, longest first, with their histories, newest record first: which record
-// each search method chooses at an instant and why, and the first later instant at which a method chooses another one.
+// each search method chooses at an instant and why, the first later instant at which a method chooses another one, and
+// the number's range (store/LookUpDetail.h says what that is, and what is ported).
 // Ownership: borrows prefixes and number; the choices refer to them.
 // Threads: no state.
 // Errors: std::bad_alloc.
@@ -37,6 +38,8 @@ class Explanation {
     Choice choose(unsigned int method, BAS::DateTime at) const;
     std::string reason(unsigned int method, BAS::DateTime at) const;
     std::optional<Change> nextChange(unsigned int method, BAS::DateTime after) const;
+    Choice range(BAS::DateTime at) const;
+    std::optional<bool> ported(unsigned int method, BAS::DateTime at) const;
 
   private:
     Prefixes::const_iterator firstAsked(unsigned int method) const;

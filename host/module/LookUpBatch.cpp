@@ -11,6 +11,7 @@ LookUpBatch::LookUpBatch(LoadedPlugIn& plugIn, std::size_t capacity)
 
 // Where memory does not suffice for all, it may for each. What cannot be looked up even so is not "not found".
 void LookUpBatch::search(std::optional<unsigned int> method) {
+    describedM = false;
     try {
         searchTogether(method);
     } catch (std::bad_alloc const&) {
@@ -21,6 +22,7 @@ void LookUpBatch::search(std::optional<unsigned int> method) {
 
 void LookUpBatch::describe(std::optional<unsigned int> method) {
     detailsM.resize(numbersM.size());
+    describedM = true;
     try {
         describeSome(0, countM, method);
     } catch (std::bad_alloc const&) {

@@ -43,8 +43,12 @@ class LookUpBatch {
 
     BAS::String const& number(std::size_t i) const { return numbersM[i]; }
     BAS::DateTime instant(std::size_t i) const { return instantsM[i]; }
-    // After search: null when no record holds.
-    Record const* record(std::size_t i) const { return foundM[i] ? &recordsM[i] : nullptr; }
+    // After either: null when no record holds.
+    Record const* record(std::size_t i) const {
+        if (describedM)
+            return detailsM[i].found() ? &detailsM[i].record : nullptr;
+        return foundM[i] ? &recordsM[i] : nullptr;
+    }
     // After describe.
     Detail const& detail(std::size_t i) const { return detailsM[i]; }
 
@@ -58,6 +62,7 @@ class LookUpBatch {
     LoadedPlugIn& plugInM;
     std::size_t countM = 0;
     bool holdsLongM = false;
+    bool describedM = false;           // not searched
     std::vector<BAS::String> numbersM; // these four of the capacity's length
     std::vector<BAS::DateTime> instantsM;
     std::vector<Record> recordsM;

@@ -51,8 +51,15 @@ FileDescriptor openAt(SocketAddress const& address, int type) {
         setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (made && address.bytes.ss_family == AF_INET6)
         setsockopt(made.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-    if (!made || bind(made.get(), address.pointer(), address.length) != 0)
-        throw HostError("cannot listen on " + placeOf(address) + ": " + std::system_category().message(errno));
+    if (!made || bind(made.get(), address.pointer(), address.length) != 0) {
+        int const error = errno;
+        // The unit's PrivateNetwork=yes: there is a loopback of its own, if that.
+        bool const isElsewhere = error == EADDRNOTAVAIL || error == EAFNOSUPPORT || error == EPERM || error == EACCES;
+        throw HostError("cannot listen on " + placeOf(address) + ": " + std::system_category().message(error) +
+                        (isElsewhere ? "; a service without a network of its own is passed its sockets: see "
+                                       "numberportability-http.socket and numberportability-enum.socket"
+                                     : ""));
+    }
     return made;
 }
 

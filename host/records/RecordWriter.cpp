@@ -60,6 +60,11 @@ bool NdjsonWriter::encode(std::string& out, std::string_view value) const {
     return true;
 }
 
+bool NdjsonWriter::encodeTruth(std::string& out, bool value) const {
+    out += value ? "true" : "false";
+    return true;
+}
+
 // The last brace of the text closes the object; only an empty object has an opening one before it.
 void NdjsonWriter::write(std::string& out, Record const& record, std::span<std::string_view const> values) const {
     std::size_t const brace = record.text.rfind('}');

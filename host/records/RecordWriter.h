@@ -27,6 +27,8 @@ class RecordWriter {
     // Appends a value as it stands in a record. False, and nothing appended, when it cannot: it holds the separator,
     // and quoting is switched off.
     virtual bool encode(std::string& out, std::string_view value) const = 0;
+    // The same of what is true or false: as a word, or as JSON has it.
+    virtual bool encodeTruth(std::string& out, bool value) const { return encode(out, value ? "true" : "false"); }
 
     // Appends a record with values that encode made. One without data is not there.
     virtual void write(std::string& out, Record const& record, std::span<std::string_view const> values) const = 0;
@@ -58,6 +60,7 @@ class NdjsonWriter : public RecordWriter {
     explicit NdjsonWriter(std::vector<std::string> const& names);
 
     bool encode(std::string& out, std::string_view value) const override;
+    bool encodeTruth(std::string& out, bool value) const override;
     void write(std::string& out, Record const& record, std::span<std::string_view const> values) const override;
 
   private:

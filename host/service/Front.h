@@ -2,8 +2,8 @@
 //
 // Purpose: a front answers questions over a network with the calls of host/service, beside the control socket. One that
 // needs libraries of its own is a shared object that is loaded only when it is configured (daemon/LoadedFront.h): it has
-// one exported C function, NumberPortabilityFront, which gives a table. Host and front are built together: the table
-// tells the version, and another one is refused.
+// one exported C function, NumberPortabilityFront, which gives a table (service/FrontTable.h). Host and front are built
+// together: a table of another build is refused.
 // Ownership: the daemon owns the front and outlives it; what FrontParts refers to outlives the front.
 // Threads: the daemon's loop calls; a front has threads of its own, and lets none of its requests hold the loop up.
 // Errors: making one tells the reason in one line; the other calls throw nothing.
@@ -65,17 +65,5 @@ class Front {
     // No command will be answered any more. Returns when all connections have ended, which takes some seconds at the most.
     virtual void stop() noexcept = 0;
 };
-
-struct FrontTable {
-    char const* version; // the program's
-    // Null, and `reason` in one line, when it cannot be made. Nothing is thrown across the border: what is thrown would
-    // outlive the code that it belongs to.
-    Front* (*make)(FrontParts const& parts, std::string& reason);
-    void (*destroy)(Front* front);
-};
-
-// The exported function's name and type.
-constexpr char const* frontFunctionCM = "NumberPortabilityFront";
-using FrontFunction = FrontTable const*();
 
 } // namespace nphost

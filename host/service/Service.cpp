@@ -50,35 +50,22 @@ Standing Service::standing() {
     return standing;
 }
 
-template <class AnswerBatch>
-void Service::askInBatches(LookUpQuestion const& question, AnswerBatch&& answer) {
+void Service::describe(LookUpQuestion const& question, DescribeVisitor const& visit) {
     // At least one place: without any the batch would be full before its first number.
     LookUpBatch batch(partsM.plugIn, std::clamp<std::size_t>(question.numbers.size(), 1, lookUpsAtOnceCM));
-    for (std::string const& number : question.numbers) {
-        batch.nextNumber() = stored(number, question.normalise);
-        batch.add(question.at);
-        if (batch.isFull()) {
-            answer(batch);
-            batch.clear();
-        }
-    }
-    answer(batch);
-}
-
-void Service::lookUp(LookUpQuestion const& question, LookUpVisitor const& visit) {
-    askInBatches(question, [&](LookUpBatch& batch) {
-        batch.search(question.method);
-        for (std::size_t i = 0; i < batch.size(); ++i)
-            visit(batch.number(i), batch.record(i));
-    });
-}
-
-void Service::describe(LookUpQuestion const& question, DescribeVisitor const& visit) {
-    askInBatches(question, [&](LookUpBatch& batch) {
+    auto const answer = [&] {
         batch.describe(question.method);
         for (std::size_t i = 0; i < batch.size(); ++i)
             visit({batch.number(i), batch.instant(i), batch.detail(i)});
-    });
+        batch.clear();
+    };
+    for (std::string const& number : question.numbers) {
+        batch.nextNumber() = stored(number, question.normalise);
+        batch.add(question.at);
+        if (batch.isFull())
+            answer();
+    }
+    answer();
 }
 
 Explained Service::explain(std::string_view number, BAS::DateTime at, bool normalise) {

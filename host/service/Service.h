@@ -5,7 +5,7 @@
 // data; what loads or lists them goes to the lane (LoadLane.h), and its outcome comes from there.
 // Units: instants are of the data's clock; texts are bytes as they stand in the data, UTF-8 or not.
 // Ownership: borrows all its parts. Answers are values, but for what says that it refers to something.
-// Threads: standing, lookUp, describe and explain by any; what commands by the loop's thread, as LoadLane::push.
+// Threads: standing, describe and explain by any; what commands by the loop's thread, as LoadLane::push.
 // Errors: QuestionError for what cannot be answered or commanded, in a sentence without its full stop; std::bad_alloc;
 // what a visitor throws travels, and ends the look-ups.
 // Complexity: that of the look-ups; commands, which are only taken in, a few system calls.
@@ -51,9 +51,6 @@ struct LookUpQuestion {
     std::optional<unsigned int> method; // none: as configured
     bool normalise = false;             // numbers are as people write them, else in stored form
 };
-// In the order of the numbers. The record is null where nothing is found; both refer to what goes with the call.
-using LookUpVisitor = std::function<void(BAS::String const& number, Explanation::Record const* record)>;
-
 // What a number's look-up found, and what there is to know around it; all three are of what goes with the call.
 struct NumberAnswer {
     BAS::String const& stored; // in stored form
@@ -62,6 +59,7 @@ struct NumberAnswer {
 
     std::optional<bool> ported() const { return detail.ported(); }
 };
+// In the order of the numbers.
 using DescribeVisitor = std::function<void(NumberAnswer const& answer)>;
 
 // All that is stored of a number, and what is chosen at an instant.
@@ -81,6 +79,8 @@ class Explained {
     Explanation::Choice choice(unsigned int method) const { return explanationM.choose(method, atM); }
     std::string reason(unsigned int method) const { return explanationM.reason(method, atM); }
     std::optional<Explanation::Change> nextChange() const { return explanationM.nextChange(configuredM, atM); }
+    Explanation::Choice range() const { return explanationM.range(atM); }
+    std::optional<bool> ported(unsigned int method) const { return explanationM.ported(method, atM); }
 
   private:
     BAS::String const numberM;
@@ -107,8 +107,6 @@ class Service {
 
     Standing standing();
     // Some at a time, so that no look-up of another front waits long, and no more answers are held than those.
-    void lookUp(LookUpQuestion const& question, LookUpVisitor const& visit);
-    // The same with what there is to know around each look-up.
     void describe(LookUpQuestion const& question, DescribeVisitor const& visit);
     // The number in stored form, or as people write it.
     Explained explain(std::string_view number, BAS::DateTime at, bool normalise);
@@ -126,8 +124,6 @@ class Service {
     std::size_t waiting() const { return partsM.lane.length(); }
 
   private:
-    template <class AnswerBatch>
-    void askInBatches(LookUpQuestion const& question, AnswerBatch&& answer);
     BAS::String stored(std::string_view written, bool normalise) const;
     void push(LoadLane::Request request, char const* what);
     void refuseKeptFile(std::string const& target) const;
