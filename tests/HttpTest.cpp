@@ -713,7 +713,7 @@ TEST(HttpTest, StopsWhenAllThatIsUnderWayIsAnswered) {
                 chunked("{\"number\":\"+447000000001\"}\n"));
     stream.until("\"found\":true");
     std::vector<std::unique_ptr<HttpClient>> commands; // one is under way, others wait
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 20; ++i) { // more than end before the signal comes
         commands.push_back(std::make_unique<HttpClient>(site.place));
         commands.back()->send(wire("POST /v1/reload HTTP/1.1|Host: a|Authorization: Bearer baz||"));
     }
@@ -731,7 +731,7 @@ TEST(HttpTest, StopsWhenAllThatIsUnderWayIsAnswered) {
     std::multiset<std::string> statuses;
     for (auto const& command : commands)
         statuses.insert(statusesOf(command->rest()));
-    EXPECT_GE(statuses.count("503"), 3U); // of those that waited
+    EXPECT_GE(statuses.count("503"), 1U); // of those that waited
     EXPECT_EQ(statuses.count("503") + statuses.count("409") + statuses.count("200"), commands.size());
     EXPECT_EQ(site.daemon->wait(), 0) << site.log();
     EXPECT_FALSE(HttpClient(site.place).connected());
