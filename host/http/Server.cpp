@@ -51,6 +51,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -1518,6 +1519,8 @@ Front* makeFront(FrontParts const& parts, std::string& reason) {
         return new HttpFront(parts);
     } catch (std::bad_alloc const&) {
         reason = "out of memory";
+    } catch (std::system_error const& error) { // of std::thread
+        reason = std::string("[http] memory or the limit of threads does not suffice for a thread: ") + error.what();
     } catch (std::exception const& error) {
         reason = error.what();
     }
