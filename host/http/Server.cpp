@@ -45,6 +45,8 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <optional>
+#include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -1376,6 +1378,8 @@ Front* makeFront(FrontParts const& parts, std::string& reason) {
         return new HttpFront(parts);
     } catch (std::bad_alloc const&) {
         reason = "out of memory";
+    } catch (std::system_error const& error) { // of std::thread
+        reason = std::string("[http] memory or the limit of threads does not suffice for a thread: ") + error.what();
     } catch (std::exception const& error) {
         reason = error.what();
     }
