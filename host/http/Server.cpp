@@ -45,7 +45,6 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <optional>
-#include <sys/stat.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
