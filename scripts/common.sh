@@ -44,6 +44,7 @@ package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config curl)
 metrics_packages=(prometheus curl openssl python3)
+enum_packages=(kamailio sip-tester unbound bind9-dnsutils iproute2 python3)
 page_packages=(chromium fonts-dejavu-core)
 command -v npm >/dev/null || page_packages+=(npm) # one of other origin does as well, and has none beside it
 
