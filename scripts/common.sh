@@ -37,13 +37,15 @@ build_packages=(g++ cmake dpkg-dev ninja-build libtomlplusplus-dev libcli11-dev 
     libcsv-dev libsimdjson-dev zlib1g-dev libzstd-dev libssl-dev)
 # The front over HTTP needs Boost 1.81; Debian 12's libboost-dev is 1.74.
 build_packages+=("$(. /etc/os-release; [ "${VERSION_ID:-}" = 12 ] && echo libboost1.81-dev || echo libboost-dev)")
-test_packages=(libgtest-dev libldns-dev binutils pkg-config scdoc curl openssl python3-jsonschema bind9-dnsutils knot-dnsutils)
+test_packages=(libgtest-dev libldns-dev binutils pkg-config scdoc curl openssl python3-jsonschema bind9-dnsutils
+    knot-dnsutils)
 lint_packages=(clang-14 clang-format-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libfuzzer-14-dev libclang-rt-14-dev)
 package_packages=(file git scdoc)
 root_packages=(debootstrap git procps)
 boot_packages=(systemd-container pkg-config curl)
 metrics_packages=(prometheus curl openssl python3)
+enum_packages=(kamailio sip-tester unbound bind9-dnsutils iproute2 python3)
 page_packages=(chromium fonts-dejavu-core)
 command -v npm >/dev/null || page_packages+=(npm) # one of other origin does as well, and has none beside it
 

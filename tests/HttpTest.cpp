@@ -713,7 +713,7 @@ TEST(HttpTest, StopsWhenAllThatIsUnderWayIsAnswered) {
                 chunked("{\"number\":\"+447000000001\"}\n"));
     stream.until("\"found\":true");
     std::vector<std::unique_ptr<HttpClient>> commands; // one is under way, others wait
-    for (int i = 0; i < 20; ++i) { // more than end before the signal comes
+    for (int i = 0; i < 20; ++i) {                     // more than end before the signal comes
         commands.push_back(std::make_unique<HttpClient>(site.place));
         commands.back()->send(wire("POST /v1/reload HTTP/1.1|Host: a|Authorization: Bearer baz||"));
     }
