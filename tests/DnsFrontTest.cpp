@@ -82,7 +82,7 @@ class DnsClient {
                 std::size_t const length =
                     std::size_t{static_cast<unsigned char>(inputM[0])} << 8 | static_cast<unsigned char>(inputM[1]);
                 if (inputM.size() >= 2 + length) {
-                    std::string const message = inputM.substr(2, length);
+                    std::string message = inputM.substr(2, length);
                     inputM.erase(0, 2 + length);
                     return message;
                 }
@@ -162,7 +162,10 @@ TEST(DnsFrontTest, AnswersWhatTheToolsOfOthersAsk) {
     for (Case const& test : cases) {
         std::string const command = replaced(replaced(test.command, "PORT", std::to_string(site.port)), "NAME", name);
         std::string const output = site.folder.file("output");
-        ASSERT_EQ(waitFor(spawn({"/bin/sh", "-c", command + " +timeout=10 >" + output + " 2>&1"})) / 256, 0);
+        ASSERT_EQ(waitFor(spawn({"/bin/sh", "-c",
+                                 std::string(command).append(" +timeout=10 >").append(output).append(" 2>&1")})) /
+                      256,
+                  0);
         for (char const* const part : test.parts)
             EXPECT_TRUE(contains(replaced(contentOf(output), " NAPTR ", "\tNAPTR\t"), part) ||
                         contains(contentOf(output), part))
