@@ -153,10 +153,10 @@ class HttpClient {
     // The request lines that begin in what is sent whole; requests in pieces have none.
     void noteRequests(std::string_view bytes) {
         std::scoped_lock const guard(linesLockM);
-        for (std::size_t at = 0; at < bytes.size(); at = std::min(bytes.find('\n', at), bytes.size() - 1) + 1) {
-            std::string_view const line = bytes.substr(at, bytes.find("\r\n", at) - at);
-            if (line.ends_with(" HTTP/1.1") || line.ends_with(" HTTP/1.0"))
-                linesM.emplace_back(line);
+        for (std::size_t end = 0; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
+            std::string_view const line = bytes.substr(0, end);
+            if (line.ends_with(" HTTP/1.1\r") || line.ends_with(" HTTP/1.0\r"))
+                linesM.emplace_back(line.substr(0, end - 1));
         }
     }
     Reply readOne(bool isHead) {
