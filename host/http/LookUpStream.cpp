@@ -79,7 +79,7 @@ void LookUpStream::readLines(std::string_view text, std::string& out) {
             ++lineM;
             if (line.ends_with('\r'))
                 line.remove_suffix(1);
-            if (trimmed(line).empty())
+            if (line.find_first_not_of(" \t\r") == std::string_view::npos)
                 continue;
             readJson(line, readable);
             if (askedM == questionsM.size())
